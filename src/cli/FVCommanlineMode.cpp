@@ -1,0 +1,94 @@
+#include "cli/FVCommanlineMode.h"
+
+#include "FVVersion.h"
+#include "engine/FVText.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+namespace ferrovane {
+
+namespace {
+
+constexpr int kFailure = 255;
+
+// Give the notification server time to take the message before the process ends.
+void waitForNotificationHandOver() { std::this_thread::sleep_for(std::chrono::milliseconds(500)); }
+
+}  // namespace
+
+FVCommanlineMode::FVCommanlineMode(std::unique_ptr<FVUserNotifier> notifier)
+    : notifier_(std::move(notifier)) {}
+
+int FVCommanlineMode::main(int argc, char** argv) {
+    std::printf("Ferrovane v%s (%s) launched.\n", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER);
+    std::fflush(stdout);
+    // The argument is used as the bytes it is: Linux paths are bytes, not text in one encoding.
+    std::string destination = argv[1];
+    if (destination.size() > 1 && destination.back() == '/')
+        destination = FVText::standardizedPath(destination);
+    bool noNotifications = false;
+    for (int i = 1; i < argc; ++i)
+        if (std::strcmp(argv[i], "-noUserNotifications") == 0) noNotifications = true;
+    FVCommanlineMode runner(makeDesktopNotifier());
+    runner.setDisableUserNotifications(noNotifications);
+    return runner.startBackupWithDestinationPath(destination);
+}
+
+void FVCommanlineMode::notify(const FVUserNotification& notification, bool wait) {
+    if (disableUserNotifications_) return;
+    notifier_->deliver(notification);
+    if (wait) waitForNotificationHandOver();
+}
+
+void FVCommanlineMode::warnAboutOptionTypes() const {
+    for (const auto& [key, value] : configuration_.settings->entries()) {
+        if (key == FVOptionKey::UUID || value.isNumeric()) continue;
+        bool known = false;
+        for (const char* name : {FVOptionKey::syncMode, FVOptionKey::maxThreads, FVOptionKey::moveDeletedFiles,
+                                 FVOptionKey::moveChangedFiles, FVOptionKey::purgeRemovedArchive,
+                                 FVOptionKey::purgeRemovedArchiveDays, FVOptionKey::purgeChangedArchive,
+                                 FVOptionKey::purgeChangedArchiveDays, FVOptionKey::ignoreFileFlagChanges,
+                                 FVOptionKey::disableACLClone, FVOptionKey::preallocate,
+                                 FVOptionKey::excludeSymlinks, FVOptionKey::performExtendedLogging})
+            known = known || key == name;
+        if (!known) continue;
+        std::fprintf(stderr, "Warning: option \"%s\" holds a %s instead of a number; it is read as %lld.\n",
+                     key.c_str(), value.typeName(), static_cast<long long>(value.integerValue()));
+    }
+}
+
+int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinationPath) {
+    destinationPath_ = destinationPath;
+    settingsPath_ = FVConfigurationFile::formattedPath(destinationPath);
+
+    FVConfigurationReadResult loaded = FVConfigurationFile::read(settingsPath_);
+    switch (loaded.status) {
+    case FVConfigurationReadStatus::Unavailable:
+        std::printf("Could not read configuration at destination path or destination path unavailable. Aborting.\n");
+        std::fflush(stdout);
+        notify({"Cannot sync to: " + FVText::lastPathComponent(destinationPath_), "",
+                "Destination not available or unconfigured!"},
+               true);
+        return kFailure;
+    case FVConfigurationReadStatus::NotPropertyList:
+        std::printf("Failed to read destination configuration file, check permissions and process disk access. Aborting.\n");
+        std::fprintf(stderr, "%s\n", loaded.problem.c_str());
+        return kFailure;
+    case FVConfigurationReadStatus::Malformed:
+        std::printf("Failed to read destination configuration file, check permissions and process disk access. Aborting.\n");
+        std::fprintf(stderr, "%s. The file was left as it is.\n", loaded.problem.c_str());
+        return kFailure;
+    case FVConfigurationReadStatus::Ok:
+        break;
+    }
+    configuration_ = std::move(loaded.configuration);
+    warnAboutOptionTypes();
+    return runBackup();
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,130 @@
+#include "engine/FVAtomicFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+namespace ferrovane::FVAtomicFile {
+
+namespace {
+
+std::string parentOf(const std::string& path) {
+    auto slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+bool fail(std::string* error, const std::string& what) {
+    if (error) *error = what + ": " + std::strerror(errno);
+    return false;
+}
+
+}  // namespace
+
+bool write(const std::string& path, std::string_view bytes, std::string* error) {
+    std::string tmpl = path + ".XXXXXX";
+    std::vector<char> name(tmpl.begin(), tmpl.end());
+    name.push_back('\0');
+    int fd = mkostemp(name.data(), O_CLOEXEC);
+    if (fd < 0) return fail(error, "cannot create a temporary file beside " + path);
+    std::string tmp(name.data());
+
+    auto abandon = [&](const std::string& what) {
+        int saved = errno;
+        close(fd);
+        unlink(tmp.c_str());
+        errno = saved;
+        return fail(error, what);
+    };
+
+    struct stat old {};
+    mode_t mode;
+    if (stat(path.c_str(), &old) == 0) {
+        mode = old.st_mode & 07777;
+    } else {
+        mode_t mask = umask(0);
+        umask(mask);
+        mode = 0666 & ~mask;
+    }
+    if (fchmod(fd, mode) != 0) return abandon("cannot set the mode of " + tmp);
+
+    const char* p = bytes.data();
+    size_t left = bytes.size();
+    while (left > 0) {
+        ssize_t n = ::write(fd, p, left);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return abandon("cannot write " + tmp);
+        }
+        p += n;
+        left -= static_cast<size_t>(n);
+    }
+    if (fsync(fd) != 0) return abandon("cannot flush " + tmp);
+    if (close(fd) != 0) {
+        int saved = errno;
+        unlink(tmp.c_str());
+        errno = saved;
+        return fail(error, "cannot close " + tmp);
+    }
+    if (rename(tmp.c_str(), path.c_str()) != 0) {
+        int saved = errno;
+        unlink(tmp.c_str());
+        errno = saved;
+        return fail(error, "cannot replace " + path);
+    }
+    // Make the rename itself durable.
+    int dir = open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+        fsync(dir);
+        close(dir);
+    }
+    return true;
+}
+
+bool read(const std::string& path, size_t maxSize, std::string& out, std::string* error,
+          bool* tooLarge) {
+    if (tooLarge) *tooLarge = false;
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return fail(error, "cannot open " + path);
+    struct stat st {};
+    if (fstat(fd, &st) != 0) {
+        int saved = errno;
+        close(fd);
+        errno = saved;
+        return fail(error, "cannot read " + path);
+    }
+    if (S_ISDIR(st.st_mode)) {
+        close(fd);
+        errno = EISDIR;
+        return fail(error, "cannot read " + path);
+    }
+    out.clear();
+    char buffer[65536];
+    for (;;) {
+        ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            int saved = errno;
+            close(fd);
+            errno = saved;
+            return fail(error, "cannot read " + path);
+        }
+        if (n == 0) break;
+        if (out.size() + static_cast<size_t>(n) > maxSize) {
+            close(fd);
+            if (tooLarge) *tooLarge = true;
+            if (error) *error = path + " is larger than " + std::to_string(maxSize) + " bytes";
+            return false;
+        }
+        out.append(buffer, static_cast<size_t>(n));
+    }
+    close(fd);
+    return true;
+}
+
+}  // namespace ferrovane::FVAtomicFile

@@ -1,0 +1,20 @@
+#pragma once
+// Replacing a file so that a reader, a crash or a power loss sees either the old or the new
+// content, never a mixture.
+
+#include <string>
+#include <string_view>
+
+namespace ferrovane::FVAtomicFile {
+
+// Writes bytes to a temporary file beside path, flushes it to disk, renames it over path and
+// flushes the folder. The replaced file's permission bits are kept. On failure the temporary
+// file is removed, path is untouched, and false is returned with the reason in error.
+bool write(const std::string& path, std::string_view bytes, std::string* error);
+
+// Reads a whole file of at most maxSize bytes. Returns false with errno-style reason on failure;
+// tooLarge is set when the file exceeds maxSize.
+bool read(const std::string& path, size_t maxSize, std::string& out, std::string* error,
+          bool* tooLarge = nullptr);
+
+}  // namespace ferrovane::FVAtomicFile

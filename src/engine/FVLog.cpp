@@ -1,0 +1,110 @@
+#include "engine/FVLog.h"
+
+#include "engine/FVAdditions.h"
+#include "platform/FVSystemLog.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+
+namespace ferrovane {
+
+namespace {
+
+constexpr const char* kClassName = "FVLog";
+constexpr const char* kLogName = "Ferrovane.log";
+
+std::string homeDirectory() {
+    if (const char* home = std::getenv("HOME"); home && *home) return home;
+    if (const passwd* pw = getpwuid(getuid()); pw && pw->pw_dir) return pw->pw_dir;
+    return "/";
+}
+
+}  // namespace
+
+std::string FVLog::logFilePath() {
+    if (const char* path = std::getenv("FERROVANE_LOG_FILE"); path && *path) return path;
+    if (geteuid() == 0) return std::string("/var/log/") + kLogName;
+    std::string state;
+    if (const char* xdg = std::getenv("XDG_STATE_HOME"); xdg && *xdg == '/') state = xdg;
+    else state = homeDirectory() + "/.local/state";
+    return state + "/Ferrovane/" + kLogName;
+}
+
+FVLog& FVLog::currentLog() {
+    static FVLog* log = new FVLog();  // never destroyed: threads may log during exit
+    return *log;
+}
+
+FVLog::~FVLog() { closeLog(); }
+
+std::string FVLog::logPath() const {
+    std::shared_lock lock(mutex_);
+    return logPath_;
+}
+
+void FVLog::newLog() {
+    std::unique_lock lock(mutex_);
+    closeLocked();
+    logPath_ = logFilePath();
+    struct stat st {};
+    if (lstat(logPath_.c_str(), &st) != 0) {
+        std::error_code ignored;
+        std::filesystem::create_directories(std::filesystem::path(logPath_).parent_path(), ignored);
+        int created = open(logPath_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        if (created < 0) {
+            FVSystemLog::error(kClassName, "Cannot create logfile: " + logPath_);
+            return;
+        }
+        close(created);
+    }
+    int fd = open(logPath_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    if (fd < 0) {
+        FVSystemLog::error(kClassName, "Cannot open logfile: " + logPath_);
+        return;
+    }
+    fd_.store(fd);
+}
+
+void FVLog::addLogLine(std::string_view line) {
+    std::string text = FVDate::logTimeStamp();
+    text.append(": ").append(line).push_back('\n');
+    bool failed = false;
+    {
+        std::shared_lock lock(mutex_);
+        int fd = fd_.load();
+        if (fd < 0) {
+            FVSystemLog::error(kClassName, "No logfile: " + std::string(line));
+            return;
+        }
+        // O_APPEND and one write per line keep lines from many threads whole.
+        ssize_t n;
+        do n = ::write(fd, text.data(), text.size());
+        while (n < 0 && errno == EINTR);
+        failed = n != static_cast<ssize_t>(text.size());
+    }
+    if (failed) {
+        FVSystemLog::error(kClassName, "Logging exception. Aborting logging: " + std::string(line));
+        std::unique_lock lock(mutex_);
+        closeLocked();
+    }
+}
+
+void FVLog::closeLog() {
+    std::unique_lock lock(mutex_);
+    closeLocked();
+    logPath_.clear();
+}
+
+void FVLog::closeLocked() {
+    int fd = fd_.exchange(-1);
+    if (fd >= 0) close(fd);
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,18 @@
+#pragma once
+// Paths are bytes; some consumers (D-Bus, JSON-ish outputs) need valid UTF-8 text.
+
+#include <string>
+#include <string_view>
+
+namespace ferrovane::FVText {
+
+// The text with every byte sequence that is not valid UTF-8 replaced by U+FFFD.
+std::string validUTF8(std::string_view bytes);
+// The last path component ("/" for the root, as a file manager shows it).
+std::string lastPathComponent(std::string_view path);
+// The path without its last component ("/" for a top-level item).
+std::string deletingLastPathComponent(std::string_view path);
+// Lexical cleanup of an absolute path: doubled slashes, "." and ".." and a trailing slash go.
+std::string standardizedPath(std::string_view path);
+
+}  // namespace ferrovane::FVText

@@ -1,0 +1,47 @@
+// Entry point: an absolute destination path as the first argument runs one backup from the
+// command line without touching the display; anything else opens the window.
+
+#include "FVVersion.h"
+#include "cli/FVCommanlineMode.h"
+
+#include <cstdio>
+#include <cstring>
+
+#ifndef FERROVANE_NO_WINDOW
+#include "app/FVAppDelegate.h"
+#endif
+
+namespace {
+
+void printUsage() {
+    std::printf(
+        "Usage:\n"
+        "  ferrovane                      open the window\n"
+        "  ferrovane /path/to/destination [-noUserNotifications]\n"
+        "                                 back up every source configured in the destination\n"
+        "  ferrovane --help | --version\n"
+        "\n"
+        "The destination keeps its sources and options in .ferrovane.conf in its root.\n"
+        "Exit status: 0 after a backup without errors, 255 otherwise.\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc >= 2 && argv[1][0] == '/') return ferrovane::FVCommanlineMode::main(argc, argv);
+    if (argc >= 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+        printUsage();
+        return 0;
+    }
+    if (argc >= 2 && std::strcmp(argv[1], "--version") == 0) {
+        std::printf("Ferrovane %s (%s)\n", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER);
+        return 0;
+    }
+#ifdef FERROVANE_NO_WINDOW
+    std::fprintf(stderr, "ferrovane: this build has no window.\n");
+    printUsage();
+    return 255;
+#else
+    return ferrovane::FVAppDelegate::main(argc, argv);
+#endif
+}

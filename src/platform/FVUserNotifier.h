@@ -1,0 +1,26 @@
+#pragma once
+// Desktop notifications for the start and end of runs.
+
+#include <memory>
+#include <string>
+
+namespace ferrovane {
+
+struct FVUserNotification {
+    std::string title;
+    std::string subtitle;
+    std::string informativeText;
+};
+
+class FVUserNotifier {
+public:
+    virtual ~FVUserNotifier() = default;
+    // Hands the notification over; never fails visibly and never blocks for long.
+    virtual void deliver(const FVUserNotification& notification) = 0;
+};
+
+// org.freedesktop.Notifications on the session bus. Without a bus or a notification server
+// nothing is shown and nothing is reported.
+std::unique_ptr<FVUserNotifier> makeDesktopNotifier();
+
+}  // namespace ferrovane

@@ -1,0 +1,208 @@
+// The destination configuration file: reading every property-list form, writing back without
+// loss, the two path forms, the legacy rename and malformed input.
+
+#include "engine/FVConfigurationFile.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+#include <plist/plist.h>
+
+#include <sys/stat.h>
+
+using namespace ferrovane;
+using namespace ferrovane::test;
+
+namespace {
+
+const char* kSample = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0">
+<dict>
+  <key>settings</key>
+  <dict>
+    <key>maxThreads</key><integer>5</integer>
+    <key>moveDeletedFiles</key><true/>
+    <key>someFutureOption</key><array><string>x</string><real>1.5</real></array>
+    <key>blob</key><data>AAECAw==</data>
+    <key>negative</key><integer>-7</integer>
+  </dict>
+  <key>sources</key>
+  <array>
+    <dict>
+      <key>sourcePath</key><string>/home/jos&#233;/Documents</string>
+      <key>enabled</key><integer>1</integer>
+      <key>lastBackupDate</key><date>2024-03-01T10:20:30Z</date>
+      <key>totalBytesCopied</key><integer>123456789012</integer>
+      <key>sizeInMB</key><real>12.5</real>
+      <key>custom</key><string>kept</string>
+    </dict>
+  </array>
+</dict>
+</plist>
+)";
+
+}  // namespace
+
+TEST(ConfigurationFile, RoundTripKeepsEveryTypeAndUnknownKeysButDropsSizeInMB) {
+    TempDir dir;
+    std::string path = FVConfigurationFile::formattedPath(dir.path());
+    writeFile(path, kSample);
+
+    auto first = FVConfigurationFile::read(path);
+    ASSERT_EQ(first.status, FVConfigurationReadStatus::Ok) << first.problem;
+    ASSERT_EQ(first.configuration.sources.size(), 1u);
+    FVSourceItemPtr item = first.configuration.sources[0];
+    EXPECT_EQ(item->sourcePath(), "/home/jos\xC3\xA9/Documents");
+    EXPECT_EQ(first.configuration.settings->integerValue("maxThreads"), 5);
+    EXPECT_EQ(first.configuration.settings->integerValue("negative"), -7);
+    EXPECT_TRUE(item->value("sizeInMB").has_value());
+
+    ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(
+        first.configuration.sources, *first.configuration.settings, path));
+    EXPECT_FALSE(item->value("sizeInMB").has_value()) << "the live item loses its size too";
+
+    auto second = FVConfigurationFile::read(path);
+    ASSERT_EQ(second.status, FVConfigurationReadStatus::Ok);
+    EXPECT_EQ(*second.configuration.settings, *first.configuration.settings);
+    PlistDict written = second.configuration.sources[0]->snapshot();
+    EXPECT_EQ(written, item->snapshot());
+    EXPECT_FALSE(written.contains("sizeInMB"));
+    ASSERT_TRUE(written.find("lastBackupDate")->is<PlistDate>());
+    EXPECT_DOUBLE_EQ(written.find("lastBackupDate")->get<PlistDate>()->secondsSince1970, 1709288430.0);
+    EXPECT_TRUE(first.configuration.settings->find("moveDeletedFiles")->is<bool>());
+    EXPECT_TRUE(first.configuration.settings->find("blob")->is<PlistData>());
+    EXPECT_EQ(readFile(path).find("<?xml"), 0u) << "written as XML";
+}
+
+TEST(ConfigurationFile, ReadsBinaryPropertyLists) {
+    TempDir dir;
+    plist_t root = nullptr;
+    plist_from_xml(kSample, static_cast<uint32_t>(strlen(kSample)), &root);
+    ASSERT_NE(root, nullptr);
+    char* bin = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(root, &bin, &length);
+    std::string path = dir / ".ferrovane.conf";
+    writeFile(path, std::string_view(bin, length));
+    free(bin);
+    plist_free(root);
+
+    auto result = FVConfigurationFile::read(path);
+    ASSERT_EQ(result.status, FVConfigurationReadStatus::Ok) << result.problem;
+    EXPECT_EQ(result.configuration.sources[0]->integerValue("totalBytesCopied"), 123456789012);
+    EXPECT_EQ(result.configuration.settings->integerValue("maxThreads"), 5);
+}
+
+TEST(ConfigurationFile, SharedItemsAreChangedInPlaceAndWrittenAsTheyAreNow) {
+    TempDir dir;
+    auto item = FVSourceItem::make("/data", FVSourceMode::Backup);
+    std::vector<FVSourceItemPtr> items{item};
+    PlistDict options;
+    FVConfigurationFile::applyDefaultOptions(options);
+    item->setValue("totalFilesCount", int64_t{42});
+    std::string path = dir / ".ferrovane.conf";
+    ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(items, options, path));
+    auto result = FVConfigurationFile::read(path);
+    EXPECT_EQ(result.configuration.sources[0]->integerValue("totalFilesCount"), 42);
+}
+
+TEST(ConfigurationFile, DefaultsComeInOrderAndNeverOverrideStoredValues) {
+    PlistDict options;
+    options.set("maxThreads", int64_t{5});
+    FVConfigurationFile::applyDefaultOptions(options);
+    EXPECT_EQ(options.integerValue("maxThreads"), 5);
+    std::vector<std::string> keys;
+    for (const auto& [key, value] : options.entries()) keys.push_back(key);
+    EXPECT_EQ(keys, (std::vector<std::string>{"maxThreads", "moveDeletedFiles", "purgeRemovedArchiveDays",
+                                              "purgeChangedArchiveDays", "ignoreFileFlagChanges", "syncMode",
+                                              "automationTimeHours", "automationTimeMinutes"}));
+    EXPECT_EQ(options.integerValue("purgeRemovedArchiveDays"), 30);
+    EXPECT_EQ(options.integerValue("automationTimeHours"), 14);
+    EXPECT_EQ(FVConfigurationFile::defaultOptions().size(), 8u);
+}
+
+TEST(ConfigurationFile, RootDestinationPathFormsNameTheSameFile) {
+    EXPECT_EQ(FVConfigurationFile::currentPath("/"), "/.ferrovane.conf");
+    EXPECT_EQ(FVConfigurationFile::formattedPath("/"), "//.ferrovane.conf");
+    EXPECT_EQ(FVConfigurationFile::currentPath("/mnt/b"), "/mnt/b/.ferrovane.conf");
+    EXPECT_EQ(FVConfigurationFile::formattedPath("/mnt/b"), "/mnt/b/.ferrovane.conf");
+    struct stat a {}, b {};
+    TempDir dir;
+    writeFile(FVConfigurationFile::formattedPath(dir.path() + "/"), "x");
+    ASSERT_EQ(stat(FVConfigurationFile::currentPath(dir.path()).c_str(), &a), 0);
+    ASSERT_EQ(stat((dir.path() + "//.ferrovane.conf").c_str(), &b), 0);
+    EXPECT_EQ(a.st_ino, b.st_ino);
+}
+
+TEST(ConfigurationFile, LegacyFileIsRenamedOnlyWhenNoCurrentFileExists) {
+    TempDir dir;
+    writeFile(dir / "ferrovane.settings", kSample);
+    EXPECT_TRUE(FVConfigurationFile::convertLegacyFile(dir.path()));
+    EXPECT_FALSE(exists(dir / "ferrovane.settings"));
+    EXPECT_EQ(readFile(dir / ".ferrovane.conf"), kSample);
+
+    writeFile(dir / "ferrovane.settings", "old");
+    EXPECT_FALSE(FVConfigurationFile::convertLegacyFile(dir.path()));
+    EXPECT_EQ(readFile(dir / "ferrovane.settings"), "old");
+    EXPECT_EQ(readFile(dir / ".ferrovane.conf"), kSample);
+}
+
+TEST(ConfigurationFile, MalformedInputIsClassifiedWithAReason) {
+    TempDir dir;
+    std::string path = dir / ".ferrovane.conf";
+    auto statusOf = [&](std::string_view content) {
+        writeFile(path, content);
+        return FVConfigurationFile::read(path);
+    };
+    auto wrap = [](const std::string& body) {
+        return "<?xml version=\"1.0\"?><plist version=\"1.0\">" + body + "</plist>";
+    };
+
+    EXPECT_EQ(FVConfigurationFile::read(dir / "missing").status, FVConfigurationReadStatus::Unavailable);
+    EXPECT_EQ(statusOf("").status, FVConfigurationReadStatus::NotPropertyList);
+    EXPECT_EQ(statusOf("hello, I am not a plist").status, FVConfigurationReadStatus::NotPropertyList);
+    EXPECT_EQ(statusOf(wrap("<array/>")).status, FVConfigurationReadStatus::NotPropertyList);
+
+    auto r = statusOf(wrap("<dict><key>sources</key><string>x</string></dict>"));
+    EXPECT_EQ(r.status, FVConfigurationReadStatus::Malformed);
+    EXPECT_NE(r.problem.find("not an array"), std::string::npos);
+    r = statusOf(wrap("<dict><key>sources</key><array><string>x</string></array></dict>"));
+    EXPECT_EQ(r.status, FVConfigurationReadStatus::Malformed);
+    r = statusOf(wrap("<dict><key>sources</key><array><dict><key>enabled</key><integer>1</integer></dict></array></dict>"));
+    EXPECT_EQ(r.status, FVConfigurationReadStatus::Malformed);
+    EXPECT_NE(r.problem.find("sourcePath"), std::string::npos);
+    r = statusOf(wrap("<dict><key>settings</key><array/></dict>"));
+    EXPECT_EQ(r.status, FVConfigurationReadStatus::Malformed);
+
+    // Options are not validated: a string where a number belongs reads by its leading number.
+    r = statusOf(wrap("<dict><key>settings</key><dict><key>maxThreads</key><string>4 threads</string>"
+                      "<key>syncMode</key><string>YES</string></dict></dict>"));
+    ASSERT_EQ(r.status, FVConfigurationReadStatus::Ok);
+    EXPECT_EQ(r.configuration.settings->integerValue("maxThreads"), 4);
+    EXPECT_TRUE(r.configuration.settings->boolValue("syncMode"));
+    EXPECT_FALSE(r.configuration.settings->boolValue("missing"));
+}
+
+TEST(ConfigurationFile, OversizedFilesAreRefusedWithoutParsing) {
+    TempDir dir;
+    std::string path = dir / ".ferrovane.conf";
+    std::string big(FVConfigurationFile::maximumFileSize + 1, ' ');
+    writeFile(path, big);
+    auto r = FVConfigurationFile::read(path);
+    EXPECT_EQ(r.status, FVConfigurationReadStatus::NotPropertyList);
+    EXPECT_NE(r.problem.find("larger"), std::string::npos);
+}
+
+TEST(ConfigurationFile, FailedWriteLeavesTheOldFileWhole) {
+    TempDir dir;
+    std::string path = dir / ".ferrovane.conf";
+    writeFile(path, kSample);
+    chmod(dir.path().c_str(), 0555);
+    std::string error;
+    bool ok = FVConfigurationFile::writeSettingsForSourceConfiguration({}, PlistDict(), path, &error);
+    chmod(dir.path().c_str(), 0755);
+    if (geteuid() == 0) GTEST_SKIP() << "the superuser writes into read-only folders";
+    EXPECT_FALSE(ok);
+    EXPECT_FALSE(error.empty());
+    EXPECT_EQ(readFile(path), kSample);
+}

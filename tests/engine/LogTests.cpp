@@ -1,0 +1,129 @@
+// The run log and the small formatting helpers.
+
+#include "engine/FVAdditions.h"
+#include "engine/FVLog.h"
+#include "engine/FVStrings.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <set>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+using namespace ferrovane;
+using namespace ferrovane::test;
+
+namespace {
+
+class LogTest : public ::testing::Test {
+protected:
+    void SetUp() override { setenv("FERROVANE_LOG_FILE", (dir / "logs/Ferrovane.log").c_str(), 1); }
+    void TearDown() override {
+        FVLog::currentLog().closeLog();
+        unsetenv("FERROVANE_LOG_FILE");
+    }
+    std::vector<std::string> lines() {
+        std::vector<std::string> out;
+        std::istringstream in(readFile(dir / "logs/Ferrovane.log"));
+        for (std::string line; std::getline(in, line);) out.push_back(line);
+        return out;
+    }
+    TempDir dir;
+};
+
+}  // namespace
+
+TEST_F(LogTest, AppendsAcrossRunsAndStopsWritingWhenClosed) {
+    FVLog& log = FVLog::currentLog();
+    log.newLog();  // creates the missing folder
+    log.addLogLine("first run");
+    log.closeLog();
+    log.addLogLine("while closed");
+    log.newLog();
+    log.addLogLine("second run");
+    log.addLogLine("Sync finished (Duration: 1 s).\n");
+    log.closeLog();
+
+    auto l = lines();
+    ASSERT_EQ(l.size(), 4u);
+    EXPECT_NE(l[0].find(": first run"), std::string::npos);
+    EXPECT_NE(l[1].find(": second run"), std::string::npos);
+    EXPECT_EQ(l[3], "") << "a line ending in a newline leaves an empty line";
+    EXPECT_EQ(l[0].rfind(FVDate::logTimeStamp().substr(0, 10), 0), 0u) << "lines start with the time stamp";
+}
+
+TEST_F(LogTest, LinesFromManyThreadsNeverInterleave) {
+    FVLog& log = FVLog::currentLog();
+    log.newLog();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([t, &log] {
+            for (int i = 0; i < 500; ++i) log.addLogLine("thread " + std::to_string(t) + " line " +
+                                                         std::to_string(i) + " " + std::string(200, 'a' + t));
+        });
+    for (auto& th : threads) th.join();
+    log.closeLog();
+    auto l = lines();
+    ASSERT_EQ(l.size(), 4000u);
+    std::set<std::string> seen;
+    for (const auto& line : l) {
+        auto pos = line.find(": thread ");
+        ASSERT_NE(pos, std::string::npos) << line;
+        int t = std::stoi(line.substr(pos + 9));
+        EXPECT_EQ(line.substr(line.size() - 200), std::string(200, 'a' + t)) << "mixed line: " << line;
+        seen.insert(line.substr(pos));
+    }
+    EXPECT_EQ(seen.size(), 4000u);
+}
+
+TEST_F(LogTest, AnUncreatableLogLeavesItClosed) {
+    setenv("FERROVANE_LOG_FILE", "/proc/ferrovane-no/Ferrovane.log", 1);
+    FVLog::currentLog().newLog();
+    EXPECT_FALSE(FVLog::currentLog().isOpen());
+    FVLog::currentLog().addLogLine("goes to the system log");
+}
+
+TEST(LogPath, FollowsTheUserAndTheStateFolder) {
+    unsetenv("FERROVANE_LOG_FILE");
+    if (geteuid() == 0) {
+        EXPECT_EQ(FVLog::logFilePath(), "/var/log/Ferrovane.log");
+    } else {
+        setenv("XDG_STATE_HOME", "/x/state", 1);
+        EXPECT_EQ(FVLog::logFilePath(), "/x/state/Ferrovane/Ferrovane.log");
+        unsetenv("XDG_STATE_HOME");
+    }
+}
+
+TEST(Formatting, DiskSizesUseDecimalUnits) {
+    EXPECT_EQ(FVNumber::formattedDiskSizeString(0), "0 bytes");
+    EXPECT_EQ(FVNumber::formattedDiskSizeString(999), "999 bytes");
+    EXPECT_EQ(FVNumber::formattedDiskSizeString(1000), "1.0 KB");
+    EXPECT_EQ(FVNumber::formattedDiskSizeString(999949), "999.9 KB");
+    EXPECT_EQ(FVNumber::formattedDiskSizeString(1500000), "1.5 MB");
+    EXPECT_EQ(FVNumber::formattedDiskSizeString(2e9), "2.0 GB");
+    EXPECT_EQ(FVNumber::formattedDiskSizeString(2e12), "2000.0 GB");
+}
+
+TEST(Formatting, ArchiveStampHasTheFixedShape) {
+    std::string s = FVDate::archiveStamp();
+    ASSERT_EQ(s.size(), 25u) << s;  // 2021-06-30 14.05.09 +0200
+    EXPECT_EQ(s[4], '-');
+    EXPECT_EQ(s[10], ' ');
+    EXPECT_EQ(s[13], '.');
+    EXPECT_EQ(s[19], ' ');
+    EXPECT_TRUE(s[20] == '+' || s[20] == '-');
+}
+
+TEST(StringTable, KnownKeysHaveTextAndFormatsFillTheirPlaceholders) {
+    for (const char* key : {"nosources", "progresssyncing", "okbutton", "viewnobackupselected",
+                            "currentDurationSeconds", "currentDurationMinutesSeconds", "sourceiteminformationGB",
+                            "Ferrovane3UpgradeAlertMessage", "modeexcludeany"})
+        EXPECT_TRUE(FVStrings::contains(key)) << key;
+    EXPECT_EQ(FVStrings::format("progresssyncing", "Documents"), "Backing up Documents…");
+    EXPECT_EQ(FVStrings::format("currentDurationMinutesSeconds", 1, 0), "1 min 0 s");
+    EXPECT_EQ(FVStrings::format("sourceiteminformationGB", 3ul, 1.1), "3 items, 1.1 GB");
+    EXPECT_EQ(FVStrings::localized("no-such-key"), "no-such-key");
+}

@@ -1,0 +1,24 @@
+#pragma once
+// Runs a program with arguments and environment, capturing its output and exit status.
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ferrovane::test {
+
+struct ProcessResult {
+    int exitStatus = -1;  // -1 when killed by a signal
+    int signal = 0;
+    std::string out;
+    std::string err;
+    double seconds = 0;
+};
+
+// env entries replace or (with nullopt) remove variables of the test's own environment.
+ProcessResult runProcess(const std::vector<std::string>& argv,
+                         const std::map<std::string, std::optional<std::string>>& env = {},
+                         double timeoutSeconds = 120);
+
+}  // namespace ferrovane::test

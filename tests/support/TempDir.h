@@ -1,0 +1,28 @@
+#pragma once
+// Test fixtures on real file systems: a temporary folder removed afterwards, and small helpers
+// to build and read files.
+
+#include <string>
+#include <string_view>
+
+namespace ferrovane::test {
+
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string operator/(std::string_view name) const { return path_ + "/" + std::string(name); }
+
+private:
+    std::string path_;
+};
+
+void writeFile(const std::string& path, std::string_view content);
+std::string readFile(const std::string& path);
+bool exists(const std::string& path);
+void makeDirs(const std::string& path);
+
+}  // namespace ferrovane::test
