@@ -1,0 +1,32 @@
+#include "platform/FVSleepInhibitor.h"
+
+#include <fcntl.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+namespace ferrovane {
+
+bool FVSleepInhibitor::acquire(const std::string& why) {
+    release();
+    sd_bus* bus = nullptr;
+    if (sd_bus_open_system(&bus) < 0) return false;
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* reply = nullptr;
+    int r = sd_bus_call_method(bus, "org.freedesktop.login1", "/org/freedesktop/login1",
+                               "org.freedesktop.login1.Manager", "Inhibit", &error, &reply, "ssss",
+                               "sleep:idle", "Ferrovane", why.c_str(), "block");
+    int fd = -1;
+    if (r >= 0 && sd_bus_message_read(reply, "h", &fd) >= 0 && fd >= 0)
+        fd_ = fcntl(fd, F_DUPFD_CLOEXEC, 3);  // the reply owns fd; the lock lasts while ours is open
+    sd_bus_error_free(&error);
+    sd_bus_message_unref(reply);
+    sd_bus_flush_close_unref(bus);
+    return fd_ >= 0;
+}
+
+void FVSleepInhibitor::release() {
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
+}
+
+}  // namespace ferrovane
