@@ -1,0 +1,109 @@
+// The command-line entry as a user meets it: the built executable, no display, a private
+// session bus whose notification server records what it is told.
+
+#include "support/PrivateBus.h"
+#include "support/ProcessRunner.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+using namespace ferrovane::test;
+
+namespace {
+
+const char* kCouldNotRead =
+    "Could not read configuration at destination path or destination path unavailable. Aborting.\n";
+const char* kFailedToRead =
+    "Failed to read destination configuration file, check permissions and process disk access. Aborting.\n";
+
+class CommandLineLoading : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!bus.ok()) GTEST_SKIP() << "dbus-daemon could not be started";
+    }
+    ProcessResult run(std::vector<std::string> args) {
+        args.insert(args.begin(), FERROVANE_EXECUTABLE);
+        return runProcess(args, {{"DISPLAY", std::nullopt},
+                                 {"WAYLAND_DISPLAY", std::nullopt},
+                                 {"DBUS_SESSION_BUS_ADDRESS", bus.address()},
+                                 {"FERROVANE_LOG_FILE", dir / "Ferrovane.log"}});
+    }
+    TempDir dir;
+    PrivateBus bus{NOTIFICATION_RECORDER};
+};
+
+}  // namespace
+
+TEST_F(CommandLineLoading, MissingConfigurationFailsAndNotifiesUnlessSwitchedOff) {
+    std::string destination = dir / "Sicherung-B\xC3\xBC" "cher";
+    makeDirs(destination);
+
+    auto quiet = run({destination, "-noUserNotifications"});
+    EXPECT_EQ(quiet.exitStatus, 255);
+    EXPECT_EQ(quiet.out, "Ferrovane v0.1.0 (1) launched.\n" + std::string(kCouldNotRead));
+    EXPECT_TRUE(bus.notifications().empty());
+
+    auto loud = run({destination + "/"});
+    EXPECT_EQ(loud.exitStatus, 255);
+    EXPECT_NE(loud.out.find(kCouldNotRead), std::string::npos);
+    ASSERT_EQ(bus.notifications().size(), 1u);
+    EXPECT_EQ(bus.notifications()[0],
+              "Cannot sync to: Sicherung-B\xC3\xBC" "cher\tDestination not available or unconfigured!")
+        << "the trailing slash is dropped and the name is shown as it is";
+
+    auto nowhere = run({"/nonexistent"});
+    EXPECT_EQ(nowhere.exitStatus, 255);
+    EXPECT_NE(nowhere.out.find(kCouldNotRead), std::string::npos);
+}
+
+TEST_F(CommandLineLoading, UnreadableOrMalformedConfigurationsAreRefusedAndLeftAlone) {
+    struct Case {
+        const char* name;
+        std::string content;  // empty: the configuration is a folder, which cannot be read
+        const char* expected;
+    };
+    const std::vector<Case> cases = {
+        {"folder", "", kCouldNotRead},
+        {"garbage", "this is not a property list", kFailedToRead},
+        {"array-root", "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>", kFailedToRead},
+        {"sources-string",
+         "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>sources</key><string>x</string></dict></plist>",
+         kFailedToRead},
+    };
+    for (const Case& c : cases) {
+        std::string destination = dir / c.name;
+        makeDirs(destination);
+        if (c.content.empty()) makeDirs(destination + "/.ferrovane.conf");
+        else writeFile(destination + "/.ferrovane.conf", c.content);
+        auto result = run({destination});
+        EXPECT_EQ(result.exitStatus, 255) << c.name;
+        EXPECT_NE(result.out.find(c.expected), std::string::npos) << c.name << ": " << result.out;
+        if (!c.content.empty()) {
+            EXPECT_EQ(readFile(destination + "/.ferrovane.conf"), c.content) << c.name << " was rewritten";
+            EXPECT_FALSE(result.err.empty()) << c.name << ": the reason goes to standard error";
+        }
+    }
+    // Only a missing or unreadable configuration is announced on the desktop.
+    EXPECT_EQ(bus.notifications().size(), 1u);
+}
+
+TEST_F(CommandLineLoading, NoBusMeansNoNotificationAndNoHang) {
+    auto result = runProcess({FERROVANE_EXECUTABLE, dir / "missing"},
+                             {{"DISPLAY", std::nullopt},
+                              {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + dir / "no-bus-here"},
+                              {"FERROVANE_LOG_FILE", dir / "Ferrovane.log"}},
+                             20);
+    EXPECT_EQ(result.exitStatus, 255);
+    EXPECT_NE(result.out.find(kCouldNotRead), std::string::npos);
+}
+
+TEST(CommandLineHelp, HelpAndVersionExitWithoutAWindow) {
+    auto help = runProcess({FERROVANE_EXECUTABLE, "--help"}, {{"DISPLAY", std::nullopt}});
+    EXPECT_EQ(help.exitStatus, 0);
+    EXPECT_NE(help.out.find("Usage:"), std::string::npos);
+    auto version = runProcess({FERROVANE_EXECUTABLE, "--version"}, {{"DISPLAY", std::nullopt}});
+    EXPECT_EQ(version.exitStatus, 0);
+    EXPECT_EQ(version.out, "Ferrovane 0.1.0 (1)\n");
+}
