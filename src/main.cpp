@@ -3,6 +3,7 @@
 
 #include "FVVersion.h"
 #include "cli/FVCommanlineMode.h"
+#include "cli/FVSearchCommand.h"
 
 #include <cstdio>
 #include <cstring>
@@ -19,6 +20,9 @@ void printUsage() {
         "  ferrovane                      open the window\n"
         "  ferrovane /path/to/destination [-noUserNotifications]\n"
         "                                 back up every source configured in the destination\n"
+        "  ferrovane search /path/to/destination <text>\n"
+        "                                 list the files whose names contain every word of the\n"
+        "                                 text, with all their archived versions\n"
         "  ferrovane --help | --version\n"
         "\n"
         "The destination keeps its sources and options in .ferrovane.conf in its root.\n"
@@ -29,6 +33,7 @@ void printUsage() {
 
 int main(int argc, char** argv) {
     if (argc >= 2 && argv[1][0] == '/') return ferrovane::FVCommanlineMode::main(argc, argv);
+    if (argc >= 2 && std::strcmp(argv[1], "search") == 0) return ferrovane::FVSearchCommand::main(argc, argv);
     if (argc >= 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
         printUsage();
         return 0;

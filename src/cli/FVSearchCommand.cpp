@@ -1,0 +1,93 @@
+#include "cli/FVSearchCommand.h"
+
+#include "engine/FVMainQueue.h"
+#include "search/FVDestinationSearch.h"
+#include "search/FVSearchText.h"
+
+#include <fmt/format.h>
+
+#include <dirent.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+namespace ferrovane::FVSearchCommand {
+
+namespace {
+
+constexpr int kExitMatches = 0;
+constexpr int kExitNoMatches = 1;
+constexpr int kExitUsage = 2;
+
+class StopWhenFinished final : public FVDestinationSearchObserver {
+public:
+    explicit StopWhenFinished(FVRunLoop& loop) : loop_(loop) {}
+    void searchProgressDidChange(bool searching) override {
+        if (!searching) loop_.stop(0);
+    }
+
+private:
+    FVRunLoop& loop_;
+};
+
+void printUsage() {
+    fmt::print(stderr,
+               "Usage: ferrovane search <destination> <text>\n"
+               "Lists the files in the destination whose names contain every blank-separated word\n"
+               "of the text (any case), each with its current copy and archived versions.\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 4) {
+        printUsage();
+        return kExitUsage;
+    }
+    std::string destination = argv[2];
+    std::string text = argv[3];
+
+    DIR* folder = opendir(destination.c_str());
+    if (!folder) {
+        fmt::print(stderr, "ferrovane search: cannot read the destination {}: {}\n",
+                   FVSearchText::printable(destination), std::strerror(errno));
+        return kExitUsage;
+    }
+    closedir(folder);
+
+    FVRunLoop loop;
+    StopWhenFinished observer(loop);
+    auto search = FVDestinationSearch::create(loop);
+    search->setObserver(&observer);
+    search->setSearchFolderPath(destination);
+    search->searchFieldChanged(text);
+    if (!search->isSearching()) {
+        fmt::print(stderr, "ferrovane search: the search text needs at least {} bytes.\n",
+                   FVDestinationSearch::kMinimumSearchTextLength);
+        return kExitUsage;
+    }
+    loop.run();
+
+    const auto& results = search->searchResults();
+    for (size_t k = 0; k < results.size(); ++k) {
+        const auto& result = results[k];
+        fmt::print("{}{}\n", k ? "\n" : "", FVSearchText::printable(result.path));
+        for (size_t v = 0; v < result.fullpaths.size(); ++v) {
+            const std::string& stamp = result.timestamps[v];
+            fmt::print("  {:<16}  {}\n", stamp.empty() ? "(gone)" : stamp,
+                       FVSearchText::printable(result.fullpaths[v]));
+        }
+    }
+    if (search->reachedMatchLimit())
+        fmt::print(stderr, "ferrovane search: stopped after {} matches; a longer text finds fewer.\n",
+                   FVDestinationSearch::kMaximumMatchCount);
+    if (results.empty()) {
+        fmt::print(stderr, "ferrovane search: no file name in {} contains \"{}\".\n",
+                   FVSearchText::printable(destination), FVSearchText::printable(text));
+        return kExitNoMatches;
+    }
+    return kExitMatches;
+}
+
+}  // namespace ferrovane::FVSearchCommand

@@ -1,0 +1,118 @@
+// "ferrovane search" as a user meets it: the built executable on destinations laid out as the
+// backup runs file their archives.
+
+#include "support/ProcessRunner.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ctime>
+
+using namespace ferrovane::test;
+
+namespace {
+
+class SearchCommand : public ::testing::Test {
+protected:
+    ProcessResult search(std::vector<std::string> args, std::vector<std::string> prefix = {}) {
+        args.insert(args.begin(), {FERROVANE_EXECUTABLE, "search"});
+        args.insert(args.begin(), prefix.begin(), prefix.end());
+        return runProcess(args, {{"DISPLAY", std::nullopt}, {"WAYLAND_DISPLAY", std::nullopt}, {"TZ", "UTC"}});
+    }
+    // A file in the destination modified at the given UTC time ("YYYY-MM-DD HH:MM").
+    std::string file(const std::string& relative, const char* when) {
+        std::string path = dest + "/" + relative;
+        makeDirs(path.substr(0, path.rfind('/')));
+        writeFile(path, relative);
+        std::tm utc {};
+        strptime(when, "%Y-%m-%d %H:%M", &utc);
+        struct timespec times[2] = {{timegm(&utc), 0}, {timegm(&utc), 0}};
+        EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+        return path;
+    }
+    TempDir dir;
+    std::string dest = dir / "dest";
+};
+
+}  // namespace
+
+TEST_F(SearchCommand, ListsEachFileOnceWithItsVersionsNewestFirst) {
+    file("Documents/Letters/Tax Letter.txt", "2021-07-05 10:00");
+    file("__changed/2021-07-02 09.00.00 +0200/Documents/Letters/Tax Letter.txt", "2021-06-20 08:30");
+    file("__removed/2021-07-03 09.00.00 +0200/Documents/Letters/tax letter old.txt", "2021-05-01 12:00");
+    file("__changed/2021-06-01 09.00.00 +0200/Documents/Letters/tax letter old.txt", "2021-04-01 12:00");
+    file("Documents/Letters/letter.txt", "2021-07-05 10:00");  // only one of the two words
+    file(".Trash/tax letter.txt", "2021-07-05 10:00");
+
+    auto result = search({dest, "LETTER tax"});
+
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    EXPECT_EQ(result.out, dest + "/Documents/Letters/Tax Letter.txt\n"
+                          "  2021-07-05 10:00  " + dest + "/Documents/Letters/Tax Letter.txt\n"
+                          "  2021-06-20 08:30  " + dest + "/__changed/2021-07-02 09.00.00 +0200/Documents/Letters/Tax Letter.txt\n"
+                          "\n" +
+                          dest + "/Documents/Letters/tax letter old.txt\n"
+                          "  2021-05-01 12:00  " + dest + "/__removed/2021-07-03 09.00.00 +0200/Documents/Letters/tax letter old.txt\n"
+                          "  2021-04-01 12:00  " + dest + "/__changed/2021-06-01 09.00.00 +0200/Documents/Letters/tax letter old.txt\n");
+}
+
+TEST_F(SearchCommand, ExitStatusSeparatesMatchesNoneAndBadUsage) {
+    file("Documents/report.txt", "2021-07-05 10:00");
+
+    EXPECT_EQ(search({dest, "report"}).exitStatus, 0);
+    for (const char* text : {"invoice", "report  txt", " report", "report "}) {
+        auto none = search({dest, text});
+        EXPECT_EQ(none.exitStatus, 1) << text;
+        EXPECT_EQ(none.out, "") << text;
+        EXPECT_NE(none.err.find("no file name"), std::string::npos) << text;
+    }
+
+    auto tooShort = search({dest, "re"});
+    EXPECT_EQ(tooShort.exitStatus, 2);
+    EXPECT_NE(tooShort.err.find("at least 3 bytes"), std::string::npos);
+    EXPECT_EQ(search({dest}).exitStatus, 2);
+    EXPECT_EQ(search({dest, "report", "extra"}).exitStatus, 2);
+
+    auto missing = search({dir / "nowhere", "report"});
+    EXPECT_EQ(missing.exitStatus, 2);
+    EXPECT_NE(missing.err.find(dir / "nowhere"), std::string::npos);
+    EXPECT_NE(missing.err.find("No such file or directory"), std::string::npos);
+}
+
+TEST_F(SearchCommand, NamesThatWouldDriveTheTerminalAreEscaped) {
+    file("evil\x1B]0;owned\x07 report", "2021-07-05 10:00");
+    file("latin1 r\xE9port report", "2021-07-05 10:00");
+    file("back\\slash report", "2021-07-05 10:00");
+
+    auto result = search({dest, "report"});
+
+    ASSERT_EQ(result.exitStatus, 0);
+    EXPECT_NE(result.out.find("/evil\\x1b]0;owned\\x07 report\n"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("/latin1 r\\xe9port report\n"), std::string::npos);
+    EXPECT_NE(result.out.find("/back\\\\slash report\n"), std::string::npos);
+    for (char c : result.out) EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= 0x20) << int(c);
+    EXPECT_EQ(result.out.find('\xE9'), std::string::npos);
+}
+
+TEST_F(SearchCommand, UnreadableFoldersArePassedOver) {
+    file("open/report.txt", "2021-07-05 10:00");
+    file("closed/report.txt", "2021-07-05 10:00");
+    file("closed/inner/report.txt", "2021-07-05 10:00");
+    ASSERT_EQ(chmod((dest + "/closed").c_str(), 0), 0);
+    std::vector<std::string> asUser;
+    if (geteuid() == 0) {  // the superuser reads everything: search as nobody
+        if (access("/usr/bin/setpriv", X_OK) != 0) GTEST_SKIP() << "setpriv is needed to drop root";
+        ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+        asUser = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+    }
+
+    auto result = search({dest, "report"}, asUser);
+
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    EXPECT_EQ(result.out, dest + "/open/report.txt\n  2021-07-05 10:00  " + dest + "/open/report.txt\n");
+    chmod((dest + "/closed").c_str(), 0755);
+}
