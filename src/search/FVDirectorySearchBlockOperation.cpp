@@ -62,7 +62,8 @@ void FVDirectorySearchBlockOperation::walk() {
     if (isCancelled()) return;
     std::string root = searchFolderPath_;
     char* roots[] = {root.data(), nullptr};
-    FTS* tree = fts_open(roots, FTS_PHYSICAL | FTS_NOCHDIR | FTS_XDEV, nullptr);
+    // Links inside are not followed, but a destination named through a link is searched.
+    FTS* tree = fts_open(roots, FTS_PHYSICAL | FTS_COMFOLLOW | FTS_NOCHDIR | FTS_XDEV, nullptr);
     if (!tree) return;
     while (!isCancelled()) {
         FTSENT* entry = fts_read(tree);

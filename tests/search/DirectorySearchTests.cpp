@@ -109,11 +109,15 @@ TEST(DirectorySearchTest, MatchesEveryTermInAnyCaseAndInvalidNamesOnTheirBytes) 
         EXPECT_EQ(relativeTo(dir.path(), search(dir.path(), c.text)->matches), c.expected) << c.text;
 }
 
-TEST(DirectorySearchTest, FolderThatCannotBeOpenedOnlyFinishes) {
+TEST(DirectorySearchTest, SearchFolderIsOpenedThroughALinkButLinksInsideAreNotFollowed) {
     TempDir dir;
+    touch(dir / "real/inside/plain file");
+    ASSERT_EQ(symlink("real", (dir / "link").c_str()), 0);
+    ASSERT_EQ(symlink("..", (dir / "real/inside/up").c_str()), 0);
+    EXPECT_EQ(search(dir / "link", "plain")->matches, std::vector<std::string> {dir / "link/inside/plain file"});
+
     EXPECT_TRUE(search(dir / "missing", "anything")->matches.empty());
-    touch(dir / "plain file");
-    EXPECT_TRUE(search(dir / "plain file", "plain")->matches.empty());
+    EXPECT_TRUE(search(dir / "real/inside/plain file", "plain")->matches.empty());
 }
 
 TEST(DirectorySearchTest, CancellationStopsBeforeTheNextEntryAndStillFinishesOnce) {
