@@ -1,9 +1,24 @@
 #include "engine/FVAdditions.h"
 
+#include "engine/FVFileDescriptor.h"
+#include "platform/FVSystemLog.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <libmount/libmount.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <ctime>
+#include <vector>
 
 namespace ferrovane {
 
@@ -43,5 +58,168 @@ std::string formattedDiskSizeString(double v) {
 }
 
 }  // namespace FVNumber
+
+namespace FVFileManager {
+
+namespace {
+
+constexpr const char* kClassName = "FVFileManager";
+
+// Inode flags need a real descriptor; opening a device could have side effects, so only regular
+// files and folders are opened.
+FVFd openForFlags(int dirFd, const std::string& name) {
+    if (name.empty()) return {};
+    struct stat st {};
+    if (fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return {};
+    if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) return {};
+    return FVFd(openat(dirFd, name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+}
+
+bool clearImmutable(int fd) {
+    int flags = 0;
+    if (ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0 || !(flags & FS_IMMUTABLE_FL)) return false;
+    flags &= ~FS_IMMUTABLE_FL;
+    ioctl(fd, FS_IOC_SETFLAGS, &flags);  // a failure leaves the item locked; the caller's retry reports it
+    return true;
+}
+
+void unlockTree(int dirFd) {
+    clearImmutable(dirFd);
+    int listFd = dup(dirFd);
+    if (listFd < 0) return;
+    DIR* dir = fdopendir(listFd);
+    if (!dir) {
+        close(listFd);
+        return;
+    }
+    while (dirent* entry = readdir(dir)) {
+        if (!strcmp(entry->d_name, ".") || !strcmp(entry->d_name, "..")) continue;
+        FVFd child = openForFlags(dirFd, entry->d_name);
+        if (!child.valid()) continue;
+        struct stat st {};
+        if (fstat(child.get(), &st) == 0 && S_ISDIR(st.st_mode)) unlockTree(child.get());
+        else clearImmutable(child.get());
+    }
+    closedir(dir);
+}
+
+std::string hex(const char* bytes, size_t size) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out = "<";
+    for (size_t i = 0; i < size; ++i) {
+        if (i && i % 4 == 0) out += ' ';
+        auto c = static_cast<unsigned char>(bytes[i]);
+        out += digits[c >> 4];
+        out += digits[c & 15];
+    }
+    return out + ">";
+}
+
+}  // namespace
+
+std::string filesystemTypeAtPath(const std::string& path) {
+    char* mountPoint = mnt_get_mountpoint(path.c_str());
+    if (!mountPoint) return "";
+    std::string type;
+    if (libmnt_table* table = mnt_new_table_from_file("/proc/self/mountinfo")) {
+        if (libmnt_fs* fs = mnt_table_find_target(table, mountPoint, MNT_ITER_BACKWARD)) {
+            if (const char* name = mnt_fs_get_fstype(fs)) type = name;
+        }
+        mnt_unref_table(table);
+    }
+    free(mountPoint);
+    return type;
+}
+
+bool pathContainsUserFilePaths(const std::string& path) {
+    int fd = FVLongPath::open(path, O_RDONLY | O_DIRECTORY);
+    if (fd < 0) return false;
+    DIR* dir = fdopendir(fd);
+    if (!dir) {
+        close(fd);
+        return false;
+    }
+    bool found = false;
+    while (dirent* entry = readdir(dir)) {
+        std::string_view name = entry->d_name;
+        if (name.starts_with(".") || name == ".ferrovane.conf" || name == "Desktop DB" || name == "Desktop DF") continue;
+        found = true;
+        break;
+    }
+    closedir(dir);
+    return found;
+}
+
+void lockFile(const std::string& path) {
+    std::string name;
+    FVFd parent = FVLongPath::openParent(path, name);
+    FVFd fd = parent.valid() ? openForFlags(parent.get(), name) : FVFd();
+    int flags = 0;
+    if (!fd.valid() || ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0 || (flags & FS_IMMUTABLE_FL)) return;
+    flags |= FS_IMMUTABLE_FL;
+    ioctl(fd.get(), FS_IOC_SETFLAGS, &flags);  // errors are ignored: locking is best effort
+}
+
+bool unlockFile(const std::string& path) {
+    std::string name;
+    FVFd parent = FVLongPath::openParent(path, name);
+    return parent.valid() && unlockFileAt(parent.get(), name);
+}
+
+bool unlockFileAt(int dirFd, const std::string& name) {
+    if (name.empty()) return clearImmutable(dirFd);
+    FVFd fd = openForFlags(dirFd, name);
+    return fd.valid() && clearImmutable(fd.get());
+}
+
+void unlockRecursively(const std::string& path) {
+    FVFd fd(FVLongPath::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY));
+    struct stat st {};
+    if (!fd.valid() || fstat(fd.get(), &st) != 0) return;
+    if (S_ISDIR(st.st_mode)) unlockTree(fd.get());
+    else if (S_ISREG(st.st_mode)) clearImmutable(fd.get());
+}
+
+bool xattrNameIsSkipped(std::string_view name) {
+    return name == "com.apple.quarantine" || name == "com.apple.FinderInfo";
+}
+
+std::string xattrNameAndDataStringForFileAtPath(const std::string& path) {
+    ssize_t listSize = llistxattr(path.c_str(), nullptr, 0);
+    if (listSize <= 0) return "";
+    std::vector<char> names(static_cast<size_t>(listSize) + 1, 0);
+    listSize = llistxattr(path.c_str(), names.data(), names.size() - 1);
+    if (listSize <= 0) return "";
+    std::string signature;
+    std::vector<char> value;
+    for (size_t pos = 0; pos < static_cast<size_t>(listSize);) {
+        const char* name = names.data() + pos;
+        size_t length = strlen(name);
+        pos += length + 1;
+        if (xattrNameIsSkipped(name)) continue;
+        signature += name;
+        ssize_t size = lgetxattr(path.c_str(), name, nullptr, 0);
+        if (size >= 0) {
+            value.resize(static_cast<size_t>(size));
+            size = lgetxattr(path.c_str(), name, value.data(), value.size());
+        }
+        if (size < 0) {
+            FVSystemLog::error(kClassName, fmt::format("Failed to read xattr with name, skipping: {}", name));
+            continue;
+        }
+        signature += ":" + hex(value.data(), static_cast<size_t>(size)) + "\n";
+    }
+    return signature;
+}
+
+bool xattrIdentialforFileAtPath(const std::string& path, const std::string& otherPath) {
+    if (path.empty() || otherPath.empty()) {
+        FVSystemLog::error(kClassName, fmt::format("Xattr comparison encountered empty path: {} -> {}", path, otherPath));
+        return false;
+    }
+    return xattrNameAndDataStringForFileAtPath(path) == xattrNameAndDataStringForFileAtPath(otherPath);
+}
+
+}  // namespace FVFileManager
 
 }  // namespace ferrovane

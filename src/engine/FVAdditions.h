@@ -1,8 +1,10 @@
 #pragma once
-// Small helpers on dates and numbers used by the log and by size texts.
+// Small helpers on dates and numbers used by the log and by size texts, and the file-manager
+// helpers of the change analysis and the copy engine.
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace ferrovane {
 
@@ -20,5 +22,30 @@ namespace FVNumber {
 // Decimal size text: "999 bytes", "1.0 KB", "1.5 MB", "2000.0 GB".
 std::string formattedDiskSizeString(double bytes);
 }  // namespace FVNumber
+
+namespace FVFileManager {
+// The type of the mounted file system that holds the path, from the mount table: "ext4", "tmpfs",
+// "fuse.davfs" ...; "" when the path cannot be found.
+std::string filesystemTypeAtPath(const std::string& path);
+// Whether the folder holds at least one entry that is neither hidden nor desktop-database
+// housekeeping. A folder that cannot be listed holds none.
+bool pathContainsUserFilePaths(const std::string& path);
+// The inode immutable flag. Where the file system has no flags or the process may not change
+// them, nothing happens. Symbolic links and special files have no flags and are left alone.
+void lockFile(const std::string& path);
+// Returns whether the item had been locked.
+bool unlockFile(const std::string& path);
+// The same for the entry name inside the folder dirFd (never following a symbolic link); an
+// empty name unlocks dirFd itself, which must then be a real (not O_PATH) descriptor.
+bool unlockFileAt(int dirFd, const std::string& name);
+// The item and everything below it, without following symbolic links.
+void unlockRecursively(const std::string& path);
+// Every extended attribute of the item (not following a final link) as "name:<hex value>\n", in
+// the order the file system lists them; the two Finder-only names are left out.
+std::string xattrNameAndDataStringForFileAtPath(const std::string& path);
+bool xattrIdentialforFileAtPath(const std::string& path, const std::string& otherPath);
+// The two attribute names that are neither compared nor copied.
+bool xattrNameIsSkipped(std::string_view name);
+}  // namespace FVFileManager
 
 }  // namespace ferrovane

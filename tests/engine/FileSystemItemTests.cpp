@@ -1,0 +1,145 @@
+// The lazily loaded file item and the file-manager helpers.
+
+#include "engine/FVAdditions.h"
+#include "engine/FVFileSystemItem.h"
+#include "support/TempDir.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+using namespace ferrovane;
+using namespace ferrovane::test;
+
+namespace {
+
+// Whether the process may set the immutable flag on this file system.
+bool canSetImmutable(const std::string& dir) {
+    std::string probe = dir + "/.probe";
+    writeFile(probe, "");
+    FVFileManager::lockFile(probe);
+    bool locked = FVFileManager::unlockFile(probe);
+    unlink(probe.c_str());
+    return locked;
+}
+
+bool isImmutable(const std::string& path) {
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    int flags = 0;
+    bool result = fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_IMMUTABLE_FL);
+    if (fd >= 0) close(fd);
+    return result;
+}
+
+}  // namespace
+
+TEST(FileSystemItem, MissingPathIsAFileThatDoesNotExistAndStaysMissing) {
+    TempDir dir;
+    FVFileSystemItem item(dir / "missing");
+    EXPECT_FALSE(item.fileExists());
+    EXPECT_EQ(item.fileType(), FVFileType::None);
+    EXPECT_TRUE(item.isFile());
+    EXPECT_EQ(item.fileSize(), 0u);
+    writeFile(dir / "missing", "now here");
+    EXPECT_FALSE(item.fileExists());
+    EXPECT_EQ(item.description(), "Cached FileSystemItem " + (dir / "missing") + " Loaded stat: 1");
+}
+
+TEST(FileSystemItem, TypesAreThoseOfTheItemItself) {
+    TempDir dir;
+    makeDirs(dir / "folder");
+    ASSERT_EQ(symlink("folder", (dir / "link").c_str()), 0);
+    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+    writeFile(dir / "file", "12345");
+    chmod((dir / "file").c_str(), 04751);
+
+    auto link = FVFileSystemItem::itemWithPath(dir / "link");
+    EXPECT_EQ(link->fileType(), FVFileType::SymbolicLink);
+    EXPECT_TRUE(link->isFile());
+    EXPECT_FALSE(FVFileSystemItem(dir / "folder").isFile());
+    EXPECT_EQ(FVFileSystemItem(dir / "fifo").fileType(), FVFileType::Unknown);
+    FVFileSystemItem file(dir / "file");
+    EXPECT_EQ(file.fileType(), FVFileType::Regular);
+    EXPECT_EQ(file.fileSize(), 5u);
+    EXPECT_EQ(file.posixPermissions(), 04751);
+}
+
+TEST(FileSystemItem, ModificationDateDropsTheNanoseconds) {
+    TempDir dir;
+    writeFile(dir / "a", "");
+    writeFile(dir / "b", "");
+    struct timespec early[2] = {{0, UTIME_OMIT}, {1700000000, 900000000}};
+    struct timespec late[2] = {{0, UTIME_OMIT}, {1700000000, 100000000}};
+    utimensat(AT_FDCWD, (dir / "a").c_str(), early, 0);
+    utimensat(AT_FDCWD, (dir / "b").c_str(), late, 0);
+    EXPECT_EQ(FVFileSystemItem(dir / "a").fileModificationDate(), 1700000000);
+    EXPECT_EQ(FVFileSystemItem(dir / "a").fileModificationDate(), FVFileSystemItem(dir / "b").fileModificationDate());
+}
+
+TEST(FileManager, UserFilesAreThoseThatAreNeitherHiddenNorHousekeeping) {
+    TempDir dir;
+    EXPECT_FALSE(FVFileManager::pathContainsUserFilePaths(dir.path()));
+    EXPECT_FALSE(FVFileManager::pathContainsUserFilePaths(dir / "missing"));
+    writeFile(dir / ".ferrovane.conf", "");
+    writeFile(dir / "Desktop DB", "");
+    writeFile(dir / "Desktop DF", "");
+    makeDirs(dir / ".hidden");
+    EXPECT_FALSE(FVFileManager::pathContainsUserFilePaths(dir.path()));
+    writeFile(dir / "Desktop DB2", "");
+    EXPECT_TRUE(FVFileManager::pathContainsUserFilePaths(dir.path()));
+}
+
+TEST(FileManager, XattrSignatureIgnoresTheTwoFinderNamesAndSeesValues) {
+    TempDir dir;
+    writeFile(dir / "a", "");
+    writeFile(dir / "b", "");
+    if (setxattr((dir / "a").c_str(), "user.probe", "1", 1, 0) != 0) GTEST_SKIP() << "no user attributes here";
+    removexattr((dir / "a").c_str(), "user.probe");
+    EXPECT_TRUE(FVFileManager::xattrIdentialforFileAtPath(dir / "a", dir / "b"));
+    setxattr((dir / "a").c_str(), "user.one", "x\0y", 3, 0);
+    EXPECT_FALSE(FVFileManager::xattrIdentialforFileAtPath(dir / "a", dir / "b"));
+    setxattr((dir / "b").c_str(), "user.one", "x\0z", 3, 0);
+    EXPECT_FALSE(FVFileManager::xattrIdentialforFileAtPath(dir / "a", dir / "b"));
+    setxattr((dir / "b").c_str(), "user.one", "x\0y", 3, 0);
+    EXPECT_TRUE(FVFileManager::xattrIdentialforFileAtPath(dir / "a", dir / "b"));
+    EXPECT_EQ(FVFileManager::xattrNameAndDataStringForFileAtPath(dir / "a"), "user.one:<780079>\n");
+    EXPECT_FALSE(FVFileManager::xattrIdentialforFileAtPath("", dir / "b"));
+    EXPECT_TRUE(FVFileManager::xattrNameIsSkipped("com.apple.quarantine"));
+    EXPECT_TRUE(FVFileManager::xattrNameIsSkipped("com.apple.FinderInfo"));
+    EXPECT_FALSE(FVFileManager::xattrNameIsSkipped("user.com.apple.FinderInfo"));
+}
+
+TEST(FileManager, LockAndUnlockTheImmutableFlag) {
+    TempDir dir;
+    if (!canSetImmutable(dir.path())) GTEST_SKIP() << "the immutable flag cannot be set here";
+    makeDirs(dir / "tree/sub");
+    writeFile(dir / "tree/sub/f", "x");
+    writeFile(dir / "plain", "x");
+    EXPECT_FALSE(FVFileManager::unlockFile(dir / "plain"));
+    FVFileManager::lockFile(dir / "plain");
+    EXPECT_TRUE(isImmutable(dir / "plain"));
+    EXPECT_TRUE(FVFileManager::unlockFile(dir / "plain"));
+    EXPECT_FALSE(isImmutable(dir / "plain"));
+
+    for (const char* p : {"tree/sub/f", "tree/sub", "tree"}) FVFileManager::lockFile(dir / p);
+    FVFileManager::unlockRecursively(dir / "tree");
+    for (const char* p : {"tree/sub/f", "tree/sub", "tree"}) EXPECT_FALSE(isImmutable(dir / p)) << p;
+}
+
+TEST(FileManager, FilesystemTypeComesFromTheMountTable) {
+    TempDir dir;
+    EXPECT_EQ(FVFileManager::filesystemTypeAtPath("/proc/self"), "proc");
+    EXPECT_FALSE(FVFileManager::filesystemTypeAtPath(dir.path()).empty());
+    EXPECT_EQ(FVFileManager::filesystemTypeAtPath(dir / "missing"), "");
+    makeDirs(dir / "mnt");
+    if (mount("tmpfs", (dir / "mnt").c_str(), "tmpfs", 0, "size=1m") != 0) GTEST_SKIP() << "cannot mount tmpfs";
+    makeDirs(dir / "mnt/inner");
+    EXPECT_EQ(FVFileManager::filesystemTypeAtPath(dir / "mnt/inner"), "tmpfs");
+    umount((dir / "mnt").c_str());
+}
