@@ -5,8 +5,9 @@
 
 #include "engine/FVFileSystemItem.h"
 
-#include <atomic>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 
 namespace ferrovane {
@@ -14,6 +15,11 @@ namespace ferrovane {
 inline constexpr const char* kLevelInfo = "INFO";
 inline constexpr const char* kLevelWarning = "WARNING";
 inline constexpr const char* kLevelError = "ERROR";
+
+// Files are written under a hidden name beginning so in their destination folder and renamed
+// over the destination last. A crashed run leaves such names behind; the next run removes them
+// and never archives or reports them.
+inline constexpr const char* kTemporaryFilePrefix = ".ferrovane-tmp-";
 
 // Callbacks arrive on worker threads, never on the main thread.
 class FVFileCopyWorkerDelegate {
@@ -31,10 +37,13 @@ public:
     virtual void copyWorkerDidCancel() = 0;
 };
 
+// The delegate gets exactly one finish step per batch of threads: copyWorkerDidFinishCopy or
+// copyWorkerDidCancel, plus copyWorkerDidFinishCopy from endCopySession when no thread is left
+// then. The worker may be destroyed from inside either callback.
 class FVFileCopyWorker {
 public:
     FVFileCopyWorker();
-    ~FVFileCopyWorker();  // waits for its threads
+    ~FVFileCopyWorker();  // stops and waits for its threads; no callback arrives afterwards
     FVFileCopyWorker(const FVFileCopyWorker&) = delete;
     FVFileCopyWorker& operator=(const FVFileCopyWorker&) = delete;
 
@@ -45,8 +54,12 @@ public:
     void setDisableACLClone(bool disable);
     void setPreallocate(bool preallocate);
     // Every change below this folder is made relative to descriptors reached from it without
-    // following symbolic links. Set before startCopySession.
+    // following symbolic links; destination paths outside it are refused. "/" when not set.
+    // Set before startCopySession, like the other settings.
     void setDestinationRoot(const std::string& root);
+    // Called on the copying thread after every chunk (at most 1 MiB) of a file's data, with the
+    // source path and the bytes copied so far; tests use it to act at a known point of a copy.
+    void setChunkHook(std::function<void(const std::string& sourcePath, uint64_t bytesCopied)> hook);
 
     void startCopySession();
     void addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
@@ -60,7 +73,7 @@ public:
 
 private:
     struct Impl;
-    Impl* impl_;
+    std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace ferrovane

@@ -1,0 +1,210 @@
+#include "engine/FVFileCopyWorker.h"
+
+#include "engine/FVFileCopyWorkerImpl.h"
+#include "engine/FVText.h"
+#include "platform/FVSystemLog.h"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cmath>
+#include <system_error>
+
+namespace ferrovane {
+
+namespace {
+constexpr const char* kClassName = "FVFileCopyWorker";
+constexpr auto kPollInterval = std::chrono::milliseconds(250);
+}  // namespace
+
+void FVPairQueue::push(CopyPair pair) {
+    if (count_ == slots_.size()) {
+        std::vector<CopyPair> grown(slots_.size() * 2);
+        for (size_t i = 0; i < count_; ++i) grown[i] = std::move(slots_[(head_ + i) % slots_.size()]);
+        slots_ = std::move(grown);
+        head_ = 0;
+    }
+    slots_[(head_ + count_) % slots_.size()] = std::move(pair);
+    ++count_;
+}
+
+bool FVPairQueue::pop(CopyPair& pair) {
+    if (count_ == 0) return false;
+    pair = std::move(slots_[head_]);
+    head_ = (head_ + 1) % slots_.size();
+    --count_;
+    return true;
+}
+
+FVFileCopyWorker::FVFileCopyWorker() : impl_(std::make_unique<Impl>()) {}
+
+FVFileCopyWorker::~FVFileCopyWorker() {
+    impl_->destroying = true;
+    impl_->cancelled = true;
+    std::vector<std::thread> threads;
+    {
+        std::lock_guard lock(impl_->poolMutex);
+        threads.swap(impl_->threads);
+    }
+    for (std::thread& thread : threads) {
+        // Destroyed from a callback on one of its own threads: that thread only returns from here.
+        if (thread.get_id() == std::this_thread::get_id()) thread.detach();
+        else thread.join();
+    }
+}
+
+void FVFileCopyWorker::setDelegate(FVFileCopyWorkerDelegate* delegate) { impl_->delegate = delegate; }
+void FVFileCopyWorker::setVerboseLogging(bool verbose) { impl_->verboseLogging = verbose; }
+void FVFileCopyWorker::setDisableACLClone(bool disable) { impl_->disableACLClone = disable; }
+void FVFileCopyWorker::setPreallocate(bool preallocate) { impl_->preallocate = preallocate; }
+void FVFileCopyWorker::setDestinationRoot(const std::string& root) { impl_->destinationRoot = root; }
+
+void FVFileCopyWorker::setChunkHook(std::function<void(const std::string&, uint64_t)> hook) {
+    impl_->chunkHook = std::move(hook);
+}
+
+void FVFileCopyWorker::setMaxThreads(int64_t n) {
+    if (n < 1 || n > 15) {
+        FVSystemLog::error(kClassName, "File worker configuration error. Resets to default number of threads.");
+        n = 2;
+    }
+    std::lock_guard lock(impl_->poolMutex);
+    impl_->maxThreads = n;
+}
+
+void FVFileCopyWorker::startCopySession() {
+    std::lock_guard lock(impl_->poolMutex);
+    if (!impl_->destination) impl_->destination = std::make_unique<FVDestinationDirectory>(impl_->destinationRoot);
+    impl_->copySessionRunning = true;
+    FVFileCopyWorkerDelegate* delegate = impl_->delegate;
+    impl_->delegateSupportsWillOverwriteDestination = delegate && delegate->respondsToWillOverwriteDestination();
+    impl_->delegateSupportsProgressDidChange = delegate && delegate->respondsToProgressDidChange();
+}
+
+void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination) {
+    if (!source || !destination) {
+        FVSystemLog::error(kClassName, fmt::format("AddCopy encountered NIL objects: {} {}",
+                                                   source ? source->description() : "(null)",
+                                                   destination ? destination->description() : "(null)"));
+        return;
+    }
+    {
+        std::lock_guard lock(impl_->filesMutex);
+        impl_->requestedFiles.fetch_add(1, std::memory_order_relaxed);
+        impl_->filesToCopy.push({std::move(source), std::move(destination)});
+    }
+    impl_->startCopies();
+}
+
+void FVFileCopyWorker::endCopySession() {
+    bool finishNow;
+    {
+        std::lock_guard lock(impl_->poolMutex);
+        finishNow = impl_->activeWorkers == 0 && !impl_->finishPending;
+        impl_->copySessionRunning = false;
+    }
+    if (finishNow && impl_->delegate) impl_->delegate->copyWorkerDidFinishCopy();
+}
+
+void FVFileCopyWorker::cancel() { impl_->cancelled.store(true, std::memory_order_relaxed); }
+bool FVFileCopyWorker::isCancelled() const { return impl_->cancelled.load(std::memory_order_relaxed); }
+uint64_t FVFileCopyWorker::requestedFiles() const { return impl_->requestedFiles.load(std::memory_order_relaxed); }
+uint64_t FVFileCopyWorker::copiedFiles() const { return impl_->copiedFiles.load(std::memory_order_relaxed); }
+uint64_t FVFileCopyWorker::totalBytesCopied() const { return impl_->totalBytesCopied.load(std::memory_order_relaxed); }
+
+void FVFileCopyWorker::Impl::startCopies() {
+    std::lock_guard lock(poolMutex);
+    if (destroying || activeWorkers >= maxThreads) return;
+    // The first thread opens a batch, whose last thread runs the finish step.
+    if (activeWorkers == 0) finishPending = true;
+    try {
+        threads.emplace_back([this] { workerBody(); });
+        ++activeWorkers;
+    } catch (const std::system_error& error) {
+        FVSystemLog::error(kClassName, fmt::format("Could not start a copy thread: {}", error.what()));
+        if (activeWorkers == 0) finishPending = false;
+    }
+}
+
+bool FVFileCopyWorker::Impl::nextItem(CopyPair& pair) {
+    std::lock_guard lock(filesMutex);
+    bool found = filesToCopy.pop(pair);
+    if (found) copiedFiles.fetch_add(1, std::memory_order_relaxed);
+    reportProgress();
+    return found;
+}
+
+void FVFileCopyWorker::Impl::reportProgress() {
+    uint64_t requested = requestedFiles.load(std::memory_order_relaxed);
+    if ((copySessionRunning && requested < 100) || requested == 0) return;
+    auto progress = static_cast<float>(static_cast<double>(copiedFiles.load(std::memory_order_relaxed)) /
+                                       static_cast<double>(requested));
+    if (std::fabs(progress - lastReportedProgress) <= 0.05f) return;
+    if (!delegateSupportsProgressDidChange) return;
+    lastReportedProgress = progress;
+    delegate->copyWorkerProgressDidChange(progress);
+}
+
+void FVFileCopyWorker::Impl::workerBody() {
+    {
+        FVCopyThreadState state;
+        state.buffer.reset(new char[kCopyBufferSize]);
+        for (;;) {
+            CopyPair pair;
+            if (!nextItem(pair)) {
+                if (destroying) break;
+                if (copySessionRunning) {
+                    std::this_thread::sleep_for(kPollInterval);
+                    continue;
+                }
+                // A pair added just before the session ended is still ours.
+                if (!nextItem(pair)) break;
+            }
+            if (cancelled.load(std::memory_order_relaxed)) break;
+            copyPair(pair, state);
+        }
+    }
+    workerEnded();
+}
+
+void FVFileCopyWorker::Impl::workerEnded() {
+    enum class Outcome { None, Cancelled, Finished } outcome = Outcome::None;
+    {
+        std::lock_guard lock(poolMutex);
+        if (--activeWorkers > 0) return;
+        if (destroying) {
+            outcome = Outcome::None;
+        } else if (cancelled.load(std::memory_order_relaxed)) {
+            outcome = Outcome::Cancelled;
+        } else if (!copySessionRunning) {
+            std::lock_guard filesLock(filesMutex);
+            if (filesToCopy.empty()) {
+                cloneAllDirectoryAttributes();
+                outcome = Outcome::Finished;
+            }
+        }
+        finishPending = false;
+    }
+    // Nothing of the worker is touched after the callback: the delegate may destroy it.
+    if (outcome == Outcome::Cancelled) delegate->copyWorkerDidCancel();
+    else if (outcome == Outcome::Finished) delegate->copyWorkerDidFinishCopy();
+}
+
+void FVFileCopyWorker::Impl::sendMessage(const std::string& message, const char* level) {
+    if (delegate) delegate->copyWorkerDidGenerateMessage(message, level);
+}
+
+void FVFileCopyWorker::Impl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
+    FVFileSystemItem& source = *pair.source;
+    FVFileSystemItem& destination = *pair.destination;
+    if (source.isFile()) {
+        if (delegateSupportsWillOverwriteDestination && delegate) delegate->copyWorkerWillOverwriteDestination(destination);
+        ensureFolder(state, FVText::deletingLastPathComponent(destination.path()));
+        cloneItem(source, destination.path(), false, state);
+    } else {
+        addDirectoryToStore(source.path(), destination.path());
+        ensureDirectoryItem(state, destination);
+    }
+}
+
+}  // namespace ferrovane

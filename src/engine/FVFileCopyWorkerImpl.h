@@ -1,0 +1,121 @@
+#pragma once
+// The worker's private state, shared by its source files (queue and threads, cloning, folders).
+
+#include "engine/FVDestinationDirectory.h"
+#include "engine/FVFileCopyWorker.h"
+
+#include <sys/stat.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace ferrovane {
+
+inline constexpr size_t kCopyBufferSize = 1048576;
+
+struct CopyPair {
+    FVFileSystemItemPtr source;
+    FVFileSystemItemPtr destination;
+};
+
+// First in, first out, in a ring that only grows (by doubling) when the analysis runs ahead of
+// the copies, so a long run does not reallocate again and again.
+class FVPairQueue {
+public:
+    explicit FVPairQueue(size_t capacity) : slots_(capacity) {}
+    void push(CopyPair pair);
+    bool pop(CopyPair& pair);
+    bool empty() const { return count_ == 0; }
+
+private:
+    std::vector<CopyPair> slots_;
+    size_t head_ = 0;
+    size_t count_ = 0;
+};
+
+// Every folder met, in order, as (source, destination) path pairs packed into one byte arena.
+class FVDirectoryStore {
+public:
+    void append(std::string_view source, std::string_view destination);
+    size_t size() const { return ends_.size() / 2; }
+    std::string_view source(size_t i) const { return slice(2 * i); }
+    std::string_view destination(size_t i) const { return slice(2 * i + 1); }
+    void clear();
+
+private:
+    std::string_view slice(size_t k) const {
+        size_t begin = k == 0 ? 0 : ends_[k - 1];
+        return std::string_view(arena_).substr(begin, ends_[k] - begin);
+    }
+    std::string arena_;
+    std::vector<size_t> ends_;
+};
+
+// What one copying thread keeps between items.
+struct FVCopyThreadState {
+    std::unique_ptr<char[]> buffer;
+    std::string lastDirectory;  // the folder last ensured, and its descriptor (invalid when
+    FVFd lastDirectoryFd;       // it could not be reached)
+    int lastDirectoryError = 0;
+};
+
+struct FVFileCopyWorker::Impl {
+    // Settings, fixed before the session starts.
+    FVFileCopyWorkerDelegate* delegate = nullptr;
+    bool verboseLogging = false;
+    bool disableACLClone = false;
+    bool preallocate = false;
+    std::string destinationRoot = "/";
+    std::unique_ptr<FVDestinationDirectory> destination;
+    std::function<void(const std::string&, uint64_t)> chunkHook;
+
+    std::atomic<bool> delegateSupportsWillOverwriteDestination{false};
+    std::atomic<bool> delegateSupportsProgressDidChange{false};
+    std::atomic<bool> cancelled{false};
+    std::atomic<bool> copySessionRunning{false};
+    std::atomic<bool> destroying{false};
+    std::atomic<uint64_t> totalBytesCopied{0};
+
+    // The queue lock: the pending pairs, the counters and the progress report.
+    std::mutex filesMutex;
+    FVPairQueue filesToCopy{4096};
+    std::atomic<uint64_t> requestedFiles{0};
+    std::atomic<uint64_t> copiedFiles{0};
+    float lastReportedProgress = 0;
+
+    // The pool lock: width, running threads and the batch's finish step; taken before filesMutex.
+    std::mutex poolMutex;
+    int64_t maxThreads = 2;
+    int activeWorkers = 0;
+    bool finishPending = false;
+    std::vector<std::thread> threads;
+
+    std::mutex storeMutex;
+    FVDirectoryStore directoryStore;
+
+    // Queue and threads.
+    void startCopies();
+    bool nextItem(CopyPair& pair);
+    void reportProgress();
+    void workerBody();
+    void workerEnded();
+    void sendMessage(const std::string& message, const char* level);
+    void copyPair(CopyPair& pair, FVCopyThreadState& state);
+
+    // Folders.
+    bool ensureFolder(FVCopyThreadState& state, const std::string& path);
+    void ensureDirectoryItem(FVCopyThreadState& state, FVFileSystemItem& destinationItem);
+    void addDirectoryToStore(const std::string& source, const std::string& destination);
+    void cloneAllDirectoryAttributes();
+
+    // Cloning.
+    void cloneItem(FVFileSystemItem& source, const std::string& destinationPath, bool isRetry,
+                   FVCopyThreadState& state);
+};
+
+}  // namespace ferrovane

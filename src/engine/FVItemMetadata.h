@@ -1,0 +1,43 @@
+#pragma once
+// Copying an item's metadata from one open item to another: owner, mode, times, extended
+// attributes, access-control lists and inode flags. Working on descriptors keeps every change on
+// the item that was opened, whatever happens to its name meanwhile.
+
+#include <sys/stat.h>
+
+namespace ferrovane {
+
+// An open item. Links and special files are opened with O_PATH (pathOnly); the calls that refuse
+// such descriptors go through /proc/self/fd instead.
+struct FVItemHandle {
+    int fd;
+    bool pathOnly;
+};
+
+namespace FVItemMetadata {
+
+// Owner and group (the group alone for an ordinary user who owns the item; nothing is tried that
+// the process may not do), the extended attributes except the two skipped names, the
+// access-control lists when cloneACL (never for links), and the mode with its set-id and sticky
+// bits (not for links, which have none). Attributes that the destination has and the source lacks
+// are removed. Every step is tried; false with the first errno when any failed.
+bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItemHandle destination, bool cloneACL,
+                              int* error);
+
+// Access and modification times to the nanosecond.
+bool cloneTimes(const struct stat& st, FVItemHandle destination, int* error);
+
+// The inode flags a user can see with lsattr and change with chattr (immutable, append-only,
+// no-dump, ...). Both descriptors must be real ones. Reading fails where the source's file
+// system has no flags; the destination is then given none of them. Writing is skipped when the
+// destination already has the wanted flags, so file systems without flags succeed for items
+// without flags.
+struct FlagsResult {
+    bool readOK;
+    bool writeOK;
+};
+FlagsResult cloneFlags(int sourceFd, int destinationFd);
+
+}  // namespace FVItemMetadata
+
+}  // namespace ferrovane

@@ -1,0 +1,432 @@
+// Cloning items with every piece of metadata, replacing what is in the way, and the faults:
+// vanished and unreadable sources, a full destination, a crash in the middle of a copy and a
+// symbolic link planted inside the destination.
+
+#include "engine/FVAdditions.h"
+#include "engine/FVDestinationDirectory.h"
+#include "engine/FVFileCopyWorker.h"
+#include "support/ProcessRunner.h"
+#include "support/TempDir.h"
+#include "CopyWorkerHarness.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+using namespace ferrovane;
+using namespace ferrovane::test;
+
+namespace {
+
+std::string rsyncDifferences(const std::string& source, const std::string& destination) {
+    ProcessResult result = runProcess({"/usr/bin/rsync", "-aAXn", "--itemize-changes", source + "/", destination + "/"});
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    return result.out;
+}
+
+std::string pattern(size_t size, unsigned seed) {
+    std::string data(size, '\0');
+    for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>((i * 2654435761u + seed) >> 13);
+    return data;
+}
+
+void setTimes(const std::string& path, time_t seconds, long nanoseconds) {
+    struct timespec times[2] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+}
+
+int inodeFlags(const std::string& path) {
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
+    int flags = 0;
+    if (fd < 0 || ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0) flags = -1;
+    if (fd >= 0) close(fd);
+    return flags;
+}
+
+bool lock(const std::string& path) {
+    FVFileManager::lockFile(path);
+    int flags = inodeFlags(path);
+    return flags >= 0 && (flags & FS_IMMUTABLE_FL);
+}
+
+bool run(const std::string& command) { return runProcess({"/bin/sh", "-c", command}).exitStatus == 0; }
+
+std::vector<std::string> temporaryLeftovers(const std::string& root) {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
+        if (entry.path().filename().string().starts_with(kTemporaryFilePrefix)) found.push_back(entry.path());
+    return found;
+}
+
+// A size-limited tmpfs, unmounted again at the end of the test.
+struct TmpfsMount {
+    TmpfsMount(const std::string& path, const char* options) : path(path) {
+        makeDirs(path);
+        mounted = mount("tmpfs", path.c_str(), "tmpfs", 0, options) == 0;
+    }
+    ~TmpfsMount() {
+        if (mounted) umount2(path.c_str(), MNT_DETACH);
+    }
+    std::string path;
+    bool mounted = false;
+};
+
+// Runs body in a child process (so it may change its user or be killed) and returns its status.
+template <typename Body>
+int inChild(Body body) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return status;
+}
+
+}  // namespace
+
+TEST(ItemCloning, MirrorsEveryKindOfItemWithItsMetadata) {
+    TempDir dir;
+    std::string src = dir / "src", dst = dir / "dst";
+    makeDirs(src + "/modes/sticky");
+    makeDirs(src + "/acl");
+    makeDirs(dst);
+    writeFile(src + "/empty", "");
+    writeFile(src + "/exact", pattern(1048576, 1));
+    writeFile(src + "/over", pattern(1048577, 2));
+    writeFile(src + "/big", pattern(3 * 1048576 + 17, 3));
+    {
+        int fd = open((src + "/sparse").c_str(), O_WRONLY | O_CREAT, 0644);
+        ASSERT_EQ(pwrite(fd, "data", 4, 5 << 20), 4);
+        ASSERT_EQ(pwrite(fd, "tail", 4, 19 << 20), 4);
+        ASSERT_EQ(ftruncate(fd, 24 << 20), 0);
+        close(fd);
+    }
+    writeFile(src + "/new\nline", "n");
+    writeFile(src + "/bad\xff\xfeutf8", "u");
+    writeFile(src + "/" + std::string(255, 'n'), "long name");
+    writeFile(src + "/modes/setuid", "s");
+    writeFile(src + "/modes/setgid", "g");
+    writeFile(src + "/owned", "o");
+    chmod((src + "/modes/setuid").c_str(), 04755);
+    chmod((src + "/modes/setgid").c_str(), 02750);
+    chmod((src + "/modes/sticky").c_str(), 01777);
+    ASSERT_EQ(lchown((src + "/owned").c_str(), 1234, 5678), 0);
+    std::string longTarget;
+    while (longTarget.size() < 1500) longTarget += "segment/";
+    ASSERT_EQ(symlink(longTarget.c_str(), (src + "/dangling").c_str()), 0);
+    ASSERT_EQ(symlink("exact", (src + "/link").c_str()), 0);
+    ASSERT_EQ(lchown((src + "/link").c_str(), 1234, 5678), 0);
+    ASSERT_EQ(mkfifo((src + "/fifo").c_str(), 0640), 0);
+    bool devices = mknod((src + "/null").c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0;
+    ASSERT_EQ(setxattr((src + "/big").c_str(), "user.plain", "1", 1, 0), 0);
+    ASSERT_EQ(setxattr((src + "/big").c_str(), "user.binary", "a\0b", 3, 0), 0);
+    ASSERT_EQ(setxattr((src + "/modes").c_str(), "user.folder", "f", 1, 0), 0);
+    ASSERT_EQ(setxattr((src + "/link").c_str(), "trusted.onlink", "l", 1, 0), 0);
+    // A file made before the folder got a default ACL has none, while its copy would inherit one.
+    writeFile(src + "/acl/before", "b");
+    ASSERT_TRUE(run("setfacl -m u:1234:rw '" + src + "/exact' && setfacl -d -m u:1234:rx '" + src + "/acl'"));
+    writeFile(src + "/acl/after", "a");
+    for (const char* name : {"/empty", "/exact", "/over", "/big", "/sparse", "/owned", "/modes/setuid", "/link", "/fifo"})
+        setTimes(src + name, 1600000000, 123456789);
+    for (const char* name : {"/modes/sticky", "/modes", "/acl", ""}) setTimes(src + name, 1500000000, 987654321);
+    bool flags = lock(src + "/over");
+
+    RecordingDelegate delegate;
+    copyTree(src, dst, delegate);
+    EXPECT_EQ(delegate.finished(), 1);
+    EXPECT_TRUE(delegate.messagesAt("ERROR").empty()) << delegate.messagesAt("ERROR")[0];
+    EXPECT_TRUE(delegate.messagesAt("WARNING").empty()) << delegate.messagesAt("WARNING")[0];
+
+    EXPECT_EQ(rsyncDifferences(src, dst), "");
+    EXPECT_TRUE(temporaryLeftovers(dst).empty());
+    EXPECT_EQ(readFile(dst + "/big"), readFile(src + "/big"));
+    EXPECT_EQ(readFile(dst + "/sparse"), readFile(src + "/sparse"));
+    struct stat s {}, d {};
+    ASSERT_EQ(stat((src + "/sparse").c_str(), &s), 0);
+    ASSERT_EQ(stat((dst + "/sparse").c_str(), &d), 0);
+    EXPECT_LE(d.st_blocks, s.st_blocks + 16) << "the holes were written";
+    ASSERT_EQ(stat((dst + "/exact").c_str(), &d), 0);
+    EXPECT_EQ(d.st_mtim.tv_nsec, 123456789);
+    EXPECT_EQ(d.st_atim.tv_nsec, 123456789);
+    EXPECT_TRUE(exists(dst + "/fifo"));
+    if (devices) EXPECT_TRUE(exists(dst + "/null"));
+    if (flags) EXPECT_TRUE(inodeFlags(dst + "/over") & FS_IMMUTABLE_FL);
+}
+
+TEST(ItemCloning, AccessControlListsStayBehindWhenDisabled) {
+    TempDir dir;
+    std::string src = dir / "src", dst = dir / "dst";
+    makeDirs(src + "/folder");
+    makeDirs(dst);
+    writeFile(src + "/folder/file", "x");
+    ASSERT_TRUE(run("setfacl -m u:1234:rw '" + src + "/folder/file' && setfacl -m u:1234:rx '" + src + "/folder'"));
+    ASSERT_EQ(setxattr((src + "/folder/file").c_str(), "user.kept", "k", 1, 0), 0);
+    RecordingDelegate delegate;
+    copyTree(src, dst, delegate, [](FVFileCopyWorker& worker) { worker.setDisableACLClone(true); });
+    EXPECT_LT(getxattr((dst + "/folder/file").c_str(), "system.posix_acl_access", nullptr, 0), 0);
+    EXPECT_LT(getxattr((dst + "/folder").c_str(), "system.posix_acl_access", nullptr, 0), 0);
+    EXPECT_EQ(getxattr((dst + "/folder/file").c_str(), "user.kept", nullptr, 0), 1);
+    struct stat s {}, d {};
+    stat((src + "/folder").c_str(), &s);
+    stat((dst + "/folder").c_str(), &d);
+    EXPECT_EQ(s.st_mode, d.st_mode);
+    EXPECT_EQ(s.st_mtim.tv_sec, d.st_mtim.tv_sec);
+}
+
+TEST(ItemCloning, ReplacesWhatStandsInTheWay) {
+    TempDir dir;
+    std::string src = dir / "src", dst = dir / "dst";
+    makeDirs(src + "/fileInWay");
+    makeDirs(src + "/lockedFolder");
+    makeDirs(dst + "/dirInWay/inner");
+    makeDirs(dst + "/lockedFolder");
+    writeFile(src + "/changed", "new version");
+    writeFile(src + "/dirInWay", "a file now");
+    writeFile(src + "/fileInWay/child", "child");
+    writeFile(src + "/locked", "unlocked and replaced");
+    writeFile(src + "/lockedFolder/inside", "inside");
+    writeFile(dst + "/changed", "old");
+    writeFile(dst + "/dirInWay/inner/x", "x");
+    writeFile(dst + "/fileInWay", "a folder now");
+    writeFile(dst + "/locked", "old locked");
+    bool flags = lock(dst + "/locked") && lock(dst + "/lockedFolder");
+
+    RecordingDelegate delegate;
+    copyTree(src, dst, delegate, [](FVFileCopyWorker& worker) { worker.setVerboseLogging(true); });
+    EXPECT_TRUE(delegate.messagesAt("ERROR").empty()) << delegate.messagesAt("ERROR")[0];
+    EXPECT_EQ(rsyncDifferences(src, dst), "");
+    EXPECT_EQ(readFile(dst + "/changed"), "new version");
+    EXPECT_EQ(readFile(dst + "/dirInWay"), "a file now");
+    EXPECT_EQ(readFile(dst + "/fileInWay/child"), "child");
+    if (flags) {
+        EXPECT_EQ(readFile(dst + "/locked"), "unlocked and replaced");
+        EXPECT_EQ(readFile(dst + "/lockedFolder/inside"), "inside");
+    }
+    std::vector<std::string> overwritten = delegate.overwritten();
+    EXPECT_NE(std::find(overwritten.begin(), overwritten.end(), dst + "/fileInWay"), overwritten.end());
+    std::vector<std::string> info = delegate.messagesAt("INFO");
+    EXPECT_NE(std::find(info.begin(), info.end(), "Copying file data " + src + "/changed to " + dst +
+                                                      "/changed (regular) was successful."),
+              info.end());
+}
+
+TEST(ItemCloning, VanishedSourceIsANoteAndUnreadableSourceAnError) {
+    TempDir dir;
+    makeDirs(dir / "dst");
+    writeFile(dir / "gone", "x");
+    RecordingDelegate delegate;
+    {
+        FVFileCopyWorker worker;
+        worker.setDelegate(&delegate);
+        worker.setDestinationRoot(dir / "dst");
+        worker.startCopySession();
+        auto source = FVFileSystemItem::itemWithPath(dir / "gone");
+        source->loadStatAttributes();
+        unlink((dir / "gone").c_str());
+        worker.addCopyItemFromSource(source, FVFileSystemItem::itemWithPath(dir / "dst/gone"));
+        worker.endCopySession();
+        ASSERT_TRUE(delegate.waitForEnd());
+    }
+    EXPECT_EQ(delegate.messages(), std::vector<std::string>{"INFO NOTE: Source file vanished since analysing: " + (dir / "gone")});
+
+    // Only an ordinary user can meet an unreadable file.
+    makeDirs(dir / "src");
+    writeFile(dir / "src/secret", "s");
+    chmod((dir / "src/secret").c_str(), 0);
+    chmod(dir.path().c_str(), 0755);
+    chown((dir / "dst").c_str(), 65534, 65534);
+    int status = inChild([&] {
+        if (setgid(65534) != 0 || setuid(65534) != 0) return 2;
+        RecordingDelegate child;
+        copyTree(dir / "src", dir / "dst", child);
+        auto errors = child.messagesAt("ERROR");
+        return errors == std::vector<std::string>{"ERROR: Cannot read file: " + (dir / "src/secret")} ? 0 : 1;
+    });
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_FALSE(exists(dir / "dst/secret"));
+    EXPECT_TRUE(temporaryLeftovers(dir / "dst").empty());
+}
+
+TEST(ItemCloning, AFullDestinationCancelsTheJobAndLeavesNoPartialFile) {
+    TempDir dir;
+    TmpfsMount small(dir / "small", "size=2m");
+    if (!small.mounted) GTEST_SKIP() << "cannot mount a tmpfs here";
+    makeDirs(dir / "src");
+    writeFile(dir / "src/a", "a");
+    writeFile(dir / "src/huge", pattern(3 << 20, 4));
+    writeFile(dir / "src/z", "z");
+    RecordingDelegate delegate;
+    FVFileCopyWorker worker;
+    worker.setDelegate(&delegate);
+    worker.setDestinationRoot(small.path);
+    worker.setMaxThreads(1);
+    worker.startCopySession();
+    for (const char* name : {"a", "huge", "z"}) addPair(worker, dir / ("src/" + std::string(name)), small.path + "/" + name);
+    // The cancelled thread ends at the next pair; the session end lets the idle one go.
+    worker.endCopySession();
+    ASSERT_TRUE(delegate.waitForEnd());
+    EXPECT_EQ(delegate.cancelled(), 1);
+    EXPECT_TRUE(worker.isCancelled());
+    EXPECT_EQ(delegate.messagesAt("ERROR"), std::vector<std::string>{"ERROR: No free space left at destination. Aborting backup."});
+    EXPECT_EQ(readFile(small.path + "/a"), "a");
+    EXPECT_FALSE(exists(small.path + "/huge"));
+    EXPECT_FALSE(exists(small.path + "/z"));
+    EXPECT_TRUE(temporaryLeftovers(small.path).empty());
+}
+
+TEST(ItemCloning, AKilledCopyLeavesTheOldVersionWhole) {
+    TempDir dir;
+    makeDirs(dir / "dst");
+    std::string old = pattern(5 << 20, 5);
+    writeFile(dir / "dst/file", old);
+    writeFile(dir / "file", pattern(32 << 20, 6));
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(ready[0]);
+        FVFileCopyWorker worker;
+        RecordingDelegate delegate;
+        worker.setDelegate(&delegate);
+        worker.setDestinationRoot(dir / "dst");
+        worker.setChunkHook([&](const std::string&, uint64_t copied) {
+            if (copied < (8u << 20)) return;
+            if (write(ready[1], "k", 1) != 1) _exit(3);
+            pause();
+        });
+        worker.startCopySession();
+        addPair(worker, dir / "file", dir / "dst/file");
+        worker.endCopySession();
+        delegate.waitForEnd();
+        _exit(2);
+    }
+    close(ready[1]);
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1) << "the child never reached the middle of the copy";
+    close(ready[0]);
+    kill(pid, SIGKILL);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_TRUE(readFile(dir / "dst/file") == old) << "the old version was damaged";
+    // The partial copy sits under a temporary name for the next run to remove.
+    EXPECT_EQ(temporaryLeftovers(dir / "dst").size(), 1u);
+}
+
+TEST(ItemCloning, ALinkPlantedInTheDestinationLeadsNowhere) {
+    TempDir dir;
+    makeDirs(dir / "src/folder");
+    makeDirs(dir / "dst");
+    makeDirs(dir / "outside");
+    for (const char* name : {"first", "second", "third"}) writeFile(dir / ("src/folder/" + std::string(name)), pattern(2 << 20, 7));
+    RecordingDelegate delegate;
+    {
+        FVFileCopyWorker worker;
+        worker.setDelegate(&delegate);
+        worker.setDestinationRoot(dir / "dst");
+        worker.setMaxThreads(1);
+        // While the first file is copied, the folder is swapped for a link to a folder outside.
+        worker.setChunkHook([&](const std::string& path, uint64_t) {
+            if (!path.ends_with("/first") || exists(dir / "dst/moved")) return;
+            rename((dir / "dst/folder").c_str(), (dir / "dst/moved").c_str());
+            symlink((dir / "outside").c_str(), (dir / "dst/folder").c_str());
+        });
+        worker.startCopySession();
+        addPair(worker, dir / "src/folder", dir / "dst/folder");
+        addPair(worker, dir / "src/folder/first", dir / "dst/folder/first");
+        addPair(worker, dir / "src/folder/second", dir / "dst/folder/second");
+        worker.endCopySession();
+        ASSERT_TRUE(delegate.waitForEnd());
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(dir / "outside"));
+    {
+        // A later copy into the linked folder fails instead of following the link.
+        RecordingDelegate later;
+        FVFileCopyWorker worker;
+        worker.setDelegate(&later);
+        worker.setDestinationRoot(dir / "dst");
+        worker.startCopySession();
+        addPair(worker, dir / "src/folder/third", dir / "dst/folder/third");
+        worker.endCopySession();
+        ASSERT_TRUE(later.waitForEnd());
+        EXPECT_EQ(later.messagesAt("ERROR"),
+                  std::vector<std::string>{"ERROR: Copy failed: " + (dir / "src/folder/third") +
+                                           " (Reason: Could not create destination file " + (dir / "dst/folder/third") + ")"});
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(dir / "outside"));
+    // The folder's own pair replaces the link by a real folder.
+    RecordingDelegate again;
+    copyTree(dir / "src", dir / "dst", again);
+    EXPECT_TRUE(std::filesystem::is_empty(dir / "outside"));
+    EXPECT_EQ(rsyncDifferences(dir / "src", dir / "dst").find("folder/"), std::string::npos);
+}
+
+TEST(ItemCloning, CopiesBelowPathsLongerThanPathMax) {
+    TempDir dir;
+    makeDirs(dir / "src");
+    makeDirs(dir / "dst");
+    FVDestinationDirectory source(dir / "src");
+    std::string relative;
+    std::vector<std::string> folders;
+    for (int i = 0; i < 20; ++i) {
+        relative += (i ? "/" : "") + std::string(250, static_cast<char>('a' + i));
+        folders.push_back(relative);
+    }
+    int error = 0;
+    FVFd deepest = source.openFolder(relative, true, &error);
+    ASSERT_TRUE(deepest.valid()) << strerror(error);
+    int fd = openat(deepest.get(), "leaf", O_WRONLY | O_CREAT, 0640);
+    ASSERT_EQ(write(fd, "deep", 4), 4);
+    close(fd);
+    ASSERT_GT((dir / "src/" + relative + "/leaf").size(), size_t{PATH_MAX});
+
+    RecordingDelegate delegate;
+    {
+        FVFileCopyWorker worker;
+        worker.setDelegate(&delegate);
+        worker.setDestinationRoot(dir / "dst");
+        worker.startCopySession();
+        for (const std::string& folder : folders) addPair(worker, dir / ("src/" + folder), dir / ("dst/" + folder));
+        addPair(worker, dir / ("src/" + relative + "/leaf"), dir / ("dst/" + relative + "/leaf"));
+        worker.endCopySession();
+        ASSERT_TRUE(delegate.waitForEnd());
+    }
+    EXPECT_TRUE(delegate.messages().empty()) << delegate.messages()[0];
+    // rsync refuses such paths, so the leaf is compared here.
+    FVDestinationDirectory copy(dir / "dst");
+    FVFd copied = copy.openFolder(relative, false, &error);
+    ASSERT_TRUE(copied.valid()) << strerror(error);
+    struct stat s {}, d {};
+    ASSERT_EQ(fstatat(deepest.get(), "leaf", &s, 0), 0);
+    ASSERT_EQ(fstatat(copied.get(), "leaf", &d, 0), 0);
+    EXPECT_EQ(d.st_size, 4);
+    EXPECT_EQ(d.st_mode, s.st_mode);
+    EXPECT_EQ(d.st_mtim.tv_nsec, s.st_mtim.tv_nsec);
+    FVFd top = copy.openFolder(folders[0], false, &error);
+    ASSERT_EQ(fstatat(AT_FDCWD, (dir / ("src/" + folders[0])).c_str(), &s, 0), 0);
+    ASSERT_EQ(fstat(top.get(), &d), 0);
+    EXPECT_EQ(d.st_mtim.tv_nsec, s.st_mtim.tv_nsec) << "folder times are applied after the copies";
+}
+
+TEST(ItemCloning, ASystemTreeCopiesWithoutDifferences) {
+    const std::string tree = "/usr/share/zoneinfo";
+    if (!exists(tree)) GTEST_SKIP() << tree << " is not installed";
+    TempDir dir;
+    makeDirs(dir / "copy");
+    RecordingDelegate delegate;
+    copyTree(tree, dir / "copy", delegate, [](FVFileCopyWorker& worker) { worker.setMaxThreads(4); });
+    EXPECT_EQ(delegate.finished(), 1);
+    EXPECT_TRUE(delegate.messages().empty()) << delegate.messages()[0];
+    EXPECT_EQ(rsyncDifferences(tree, dir / "copy"), "");
+}
