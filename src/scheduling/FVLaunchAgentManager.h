@@ -1,0 +1,79 @@
+#pragma once
+// Scheduled runs: one job per destination UUID that starts "ferrovane <destination>" at a
+// calendar time. On Linux a job is a systemd service plus timer, loaded with systemctl; the
+// launchd property list and launchctl are the macOS form of the same job. Jobs of other
+// programs are never touched: everything here is restricted to the label prefix.
+
+#include "engine/FVPlist.h"
+#include "platform/FVCommandRunner.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ferrovane {
+
+enum class FVJobFormat { Systemd, Launchd };
+
+struct FVJobSchedule {
+    std::optional<int64_t> hour;
+    std::optional<int64_t> minute;
+    // launchd weekday numbers: 0 and 7 Sunday, 1 Monday ... 6 Saturday; -1 every day.
+    std::optional<int64_t> weekday;
+};
+
+class FVLaunchAgentManager {
+public:
+    static constexpr const char* labelPrefix = "com.quillmarsh.ferrovane.";
+    static FVJobFormat platformFormat();
+
+    // jobDirectory and executablePath replace the defaults when not empty: the directory by real
+    // user id (or $FERROVANE_JOB_DIRECTORY), and this process's own executable.
+    explicit FVLaunchAgentManager(std::shared_ptr<FVCommandRunner> runner,
+                                  FVJobFormat format = platformFormat(), std::string jobDirectory = {},
+                                  std::string executablePath = {});
+
+    // Decided afresh on every call, as the user id may change between calls.
+    std::string jobDirectory() const;
+    static std::string jobLabel(const std::string& uuid);
+    // A UUID may name files and units only when it is letters, digits and dashes.
+    static bool isValidJobIdentifier(const std::string& uuid);
+
+    // Writes the job and (re)loads it. True when the files were written and loading succeeded;
+    // otherwise false with the reason in error (also sent to the system log).
+    bool writeJob(const std::string& uuid, const std::string& destination, const FVJobSchedule& schedule,
+                  std::string* error = nullptr);
+    // Unloads and deletes the job when it exists; failures are not reported.
+    void removeJob(const std::string& uuid);
+    // The UUIDs of this program's jobs in the job directory, sorted.
+    std::vector<std::string> jobIdentifiers() const;
+    // Removes every job of this program whose UUID is not listed.
+    void cleanJobsWithoutIDs(const std::vector<std::string>& uuids);
+
+    // The job descriptions themselves. The systemd forms return nothing (with the reason) when
+    // the schedule or the executable cannot be expressed safely.
+    static std::optional<std::string> systemdServiceUnit(const std::string& label, const std::string& executable,
+                                                         const std::string& destination, std::string* error);
+    static std::optional<std::string> systemdTimerUnit(const std::string& label, const FVJobSchedule& schedule,
+                                                       std::string* error);
+    static std::optional<std::string> onCalendarExpression(const FVJobSchedule& schedule, std::string* error);
+    static PlistDict launchdJob(const std::string& label, const std::string& executable,
+                                const std::string& destination, const FVJobSchedule& schedule);
+
+private:
+    std::vector<std::string> jobFilePaths(const std::string& uuid) const;
+    std::vector<std::string> systemctl(std::vector<std::string> args) const;
+    void unloadJob(const std::string& uuid);
+    bool writeJobFiles(const std::string& uuid, const std::string& destination, const FVJobSchedule& schedule,
+                       std::string* error);
+    bool loadJob(const std::string& uuid, std::string* error);
+
+    std::shared_ptr<FVCommandRunner> runner_;
+    FVJobFormat format_;
+    std::string jobDirectory_;
+    std::string executablePath_;
+};
+
+}  // namespace ferrovane

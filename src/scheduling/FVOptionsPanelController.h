@@ -1,0 +1,37 @@
+#pragma once
+// The options of the open destination in memory (the run options and the schedule), and bringing
+// the destination's scheduled job in line with them. The sheet that edits them belongs to the window.
+
+#include "engine/FVPlist.h"
+#include "scheduling/FVLaunchAgentManager.h"
+
+#include <string>
+
+namespace ferrovane {
+
+class FVOptionsPanelController {
+public:
+    explicit FVOptionsPanelController(FVLaunchAgentManager& launchAgentManager);
+
+    // Takes the dictionary itself (a new one when null) and fills in the missing defaults.
+    void setAllOptions(PlistDictPtr options);
+    // The live dictionary, not a copy.
+    const PlistDictPtr& allOptions() const { return options_; }
+    const PlistValue* optionValueForKey(std::string_view key) const { return options_->find(key); }
+    bool boolForOptionsKey(std::string_view key) const { return options_->boolValue(key); }
+    std::string uuid() const;
+
+    // Creates and stores the UUID on first need, then writes the job when automation is on and
+    // removes it otherwise. Returns false with the reason when writing the job failed; the
+    // options stay as they are either way.
+    bool updateAutomations(const std::string& destinationPath, std::string* error = nullptr);
+
+    // A new random UUID in upper-case text.
+    static std::string makeUUID();
+
+private:
+    FVLaunchAgentManager& launchAgentManager_;
+    PlistDictPtr options_;
+};
+
+}  // namespace ferrovane
