@@ -3,6 +3,7 @@
 
 #include "FVVersion.h"
 #include "cli/FVCommanlineMode.h"
+#include "cli/FVConfigCommand.h"
 #include "cli/FVSearchCommand.h"
 
 #include <cstdio>
@@ -23,6 +24,9 @@ void printUsage() {
         "  ferrovane search /path/to/destination <text>\n"
         "                                 list the files whose names contain every word of the\n"
         "                                 text, with all their archived versions\n"
+        "  ferrovane config /path/to/destination show | add <path> [--mode <mode>] | remove <path>\n"
+        "                 | set <option> <value> | schedule daily HH:MM | weekly <weekday> HH:MM | off\n"
+        "                                 edit the destination's sources, options and schedule\n"
         "  ferrovane --help | --version\n"
         "\n"
         "The destination keeps its sources and options in .ferrovane.conf in its root.\n"
@@ -33,6 +37,7 @@ void printUsage() {
 
 int main(int argc, char** argv) {
     if (argc >= 2 && argv[1][0] == '/') return ferrovane::FVCommanlineMode::main(argc, argv);
+    if (argc >= 2 && std::strcmp(argv[1], "config") == 0) return ferrovane::FVConfigCommand::main(argc, argv);
     if (argc >= 2 && std::strcmp(argv[1], "search") == 0) return ferrovane::FVSearchCommand::main(argc, argv);
     if (argc >= 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
         printUsage();

@@ -1,0 +1,433 @@
+#include "cli/FVConfigCommand.h"
+
+#include "backupset/BackupSetController.h"
+#include "engine/FVAdditions.h"
+#include "engine/FVConfigurationFile.h"
+#include "engine/FVStrings.h"
+#include "engine/FVText.h"
+#include "scheduling/FVLaunchAgentManager.h"
+#include "scheduling/FVOptionsPanelController.h"
+#include "search/FVSearchText.h"
+
+#include <fmt/format.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ferrovane::FVConfigCommand {
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+enum class Kind { Boolean, Integer };
+
+struct OptionSpec {
+    const char* key;
+    Kind kind;
+    int64_t minimum = 0;
+    int64_t maximum = 1;
+};
+
+// The run options a user may set; the schedule has its own subcommand, and the UUID and the
+// superuser mark are the program's own.
+const OptionSpec kOptions[] = {
+    {FVOptionKey::syncMode, Kind::Integer, 0, 1},
+    {FVOptionKey::maxThreads, Kind::Integer, 1, 15},
+    {FVOptionKey::moveDeletedFiles, Kind::Boolean},
+    {FVOptionKey::moveChangedFiles, Kind::Boolean},
+    {FVOptionKey::purgeRemovedArchive, Kind::Boolean},
+    {FVOptionKey::purgeRemovedArchiveDays, Kind::Integer, 1, 36500},
+    {FVOptionKey::purgeChangedArchive, Kind::Boolean},
+    {FVOptionKey::purgeChangedArchiveDays, Kind::Integer, 1, 36500},
+    {FVOptionKey::ignoreFileFlagChanges, Kind::Boolean},
+    {FVOptionKey::disableACLClone, Kind::Boolean},
+    {FVOptionKey::preallocate, Kind::Boolean},
+    {FVOptionKey::excludeSymlinks, Kind::Boolean},
+    {FVOptionKey::performExtendedLogging, Kind::Boolean},
+};
+
+struct ModeName {
+    const char* argument;
+    FVSourceMode mode;
+    const char* stringKey;
+};
+const ModeName kModes[] = {
+    {"disabled", FVSourceMode::Disabled, "modedisabled"},
+    {"backup", FVSourceMode::Backup, "modebackup"},
+    {"exclude", FVSourceMode::ExcludePath, "modeexclude"},
+    {"exclude-name", FVSourceMode::ExcludeName, "modeexcludeany"},
+};
+
+const char* const kWeekdays[] = {"sunday", "monday", "tuesday", "wednesday", "thursday", "friday", "saturday"};
+
+std::string printable(std::string_view text) { return FVSearchText::printable(text); }
+
+int usage(const std::string& problem) {
+    if (!problem.empty()) fmt::print(stderr, "ferrovane config: {}\n", problem);
+    fmt::print(stderr,
+               "Usage: ferrovane config <destination> show\n"
+               "       ferrovane config <destination> add <path> [--mode backup|disabled|exclude|exclude-name]\n"
+               "       ferrovane config <destination> remove <path>\n"
+               "       ferrovane config <destination> set <option> <value>\n"
+               "       ferrovane config <destination> schedule daily HH:MM | weekly <weekday> HH:MM | off\n");
+    return kExitUsage;
+}
+
+// Input that is well-formed but not acceptable: the message says why, without the whole usage.
+int refuse(const std::string& message) {
+    fmt::print(stderr, "ferrovane config: {}\n", message);
+    return kExitUsage;
+}
+
+int fail(const std::string& message) {
+    fmt::print(stderr, "ferrovane config: {}\n", message);
+    return kExitFailed;
+}
+
+std::string lowercase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+    return text;
+}
+
+std::optional<int64_t> parseInteger(const std::string& text) {
+    if (text.empty() || text.size() > 12) return std::nullopt;
+    size_t start = text[0] == '-' ? 1 : 0;
+    if (start == text.size() || !std::all_of(text.begin() + static_cast<ptrdiff_t>(start), text.end(),
+                                             [](unsigned char c) { return std::isdigit(c); }))
+        return std::nullopt;
+    return std::stoll(text);
+}
+
+std::optional<bool> parseBoolean(const std::string& text) {
+    std::string t = lowercase(text);
+    if (t == "1" || t == "yes" || t == "true" || t == "on") return true;
+    if (t == "0" || t == "no" || t == "false" || t == "off") return false;
+    return std::nullopt;
+}
+
+// "H:MM" or "HH:MM" within 00:00-23:59.
+std::optional<std::pair<int64_t, int64_t>> parseTime(const std::string& text) {
+    size_t colon = text.find(':');
+    if (colon == std::string::npos || colon == 0 || colon > 2 || text.size() - colon != 3) return std::nullopt;
+    auto hour = parseInteger(text.substr(0, colon));
+    auto minute = parseInteger(text.substr(colon + 1));
+    if (!hour || !minute || *hour < 0 || *hour > 23 || *minute < 0 || *minute > 59 || text[0] == '-' ||
+        text[colon + 1] == '-')
+        return std::nullopt;
+    return std::make_pair(*hour, *minute);
+}
+
+// A weekday name (or its first three letters) or the job launcher's number, 0 and 7 Sunday.
+std::optional<int64_t> parseWeekday(const std::string& text) {
+    std::string t = lowercase(text);
+    for (int64_t day = 0; day < 7; ++day)
+        if (t == kWeekdays[day] || (t.size() == 3 && std::string(kWeekdays[day]).substr(0, 3) == t)) return day;
+    auto number = parseInteger(t);
+    if (number && *number >= 0 && *number <= 7) return number;
+    return std::nullopt;
+}
+
+std::string weekdayName(int64_t day) {
+    if (day < 0 || day > 7) return fmt::format("weekday {}", day);
+    std::string name = kWeekdays[day % 7];
+    name[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[0])));
+    return name;
+}
+
+std::string modeText(int64_t mode) {
+    for (const ModeName& m : kModes)
+        if (static_cast<int64_t>(m.mode) == mode) return FVStrings::localized(m.stringKey);
+    return fmt::format("mode {}", mode);
+}
+
+std::string absolutePath(const std::string& path) {
+    // Only a trailing slash and repeated slashes go; the path is otherwise kept as given.
+    std::string out;
+    for (char c : path)
+        if (!(c == '/' && !out.empty() && out.back() == '/')) out += c;
+    while (out.size() > 1 && out.back() == '/') out.pop_back();
+    return out;
+}
+
+std::string localDate(double secondsSince1970) {
+    time_t t = static_cast<time_t>(secondsSince1970);
+    tm local {};
+    localtime_r(&t, &local);
+    char buffer[64];
+    std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S", &local);
+    return buffer;
+}
+
+std::string scheduleText(const PlistDict& options) {
+    if (!options.boolValue(FVOptionKey::automationEnabled)) return "off";
+    std::string time = fmt::format("{:02}:{:02}", options.integerValue(FVOptionKey::automationTimeHours),
+                                   options.integerValue(FVOptionKey::automationTimeMinutes));
+    if (options.integerValue(FVOptionKey::automationIntervalSelection) == 0) return "daily at " + time;
+    return "weekly on " + weekdayName(options.integerValue(FVOptionKey::automationWeekdaySelection)) + " at " + time;
+}
+
+std::string valueText(const PlistValue* value, Kind kind) {
+    if (!value) return "not set";
+    if (kind == Kind::Boolean) return value->boolValue() ? "yes" : "no";
+    return std::to_string(value->integerValue());
+}
+
+std::string defaultText(const char* key, Kind kind) {
+    int64_t value = 0;
+    for (const auto& [name, preset] : FVConfigurationFile::defaultOptions())
+        if (std::strcmp(name, key) == 0) value = preset;
+    if (kind == Kind::Boolean) return value ? "yes" : "no";
+    return std::to_string(value);
+}
+
+struct Configuration {
+    std::string destination;
+    std::string readFrom;  // empty when the destination has no configuration yet
+    FVConfiguration content;
+};
+
+// Reads the destination's file (the legacy one for show, which changes nothing).
+bool load(Configuration& config, bool includeLegacy, std::string& problem) {
+    struct stat st {};
+    for (const std::string& path : {FVConfigurationFile::formattedPath(config.destination),
+                                    FVConfigurationFile::legacyPath(config.destination)}) {
+        if (lstat(path.c_str(), &st) != 0) {
+            if (!includeLegacy) break;
+            continue;
+        }
+        FVConfigurationReadResult result = FVConfigurationFile::read(path);
+        if (result.status != FVConfigurationReadStatus::Ok) {
+            problem = result.problem;
+            return false;
+        }
+        config.readFrom = path;
+        config.content = std::move(result.configuration);
+        return true;
+    }
+    return true;
+}
+
+int show(const Configuration& config, FVLaunchAgentManager& jobs) {
+    fmt::print("Destination: {}\n", printable(config.destination));
+    fmt::print("Configuration: {}\n", config.readFrom.empty() ? "none yet (defaults shown)" : printable(config.readFrom));
+    fmt::print("\nSources:\n");
+    if (config.content.sources.empty()) fmt::print("  (none)\n");
+    size_t row = 0;
+    for (const FVSourceItemPtr& item : config.content.sources) {
+        fmt::print("  {:>2}  {:<26}  {}\n", ++row, modeText(item->enabled()), printable(item->sourcePath()));
+        auto date = item->value(FVSourceKey::lastBackupDate);
+        if (date && date->is<PlistDate>()) {
+            fmt::print("      last backup {}: {} files, {} updated, {} copied\n",
+                       localDate(date->get<PlistDate>()->secondsSince1970),
+                       item->integerValue(FVSourceKey::totalFilesCount),
+                       item->integerValue(FVSourceKey::updatedFilesCount),
+                       FVNumber::formattedDiskSizeString(static_cast<double>(
+                           static_cast<uint64_t>(item->integerValue(FVSourceKey::totalBytesCopied)))));
+        } else if (item->enabled() == 1) {
+            fmt::print("      not backed up yet\n");
+        }
+    }
+
+    const PlistDict& options = *config.content.settings;
+    fmt::print("\nOptions:{:<20}  {:<8}  {}\n", "", "value", "default");
+    for (const OptionSpec& spec : kOptions)
+        fmt::print("  {:<26}  {:<8}  {}\n", spec.key, valueText(options.find(spec.key), spec.kind),
+                   defaultText(spec.key, spec.kind));
+    for (const auto& [key, value] : options.entries()) {
+        bool known = std::any_of(std::begin(kOptions), std::end(kOptions),
+                                 [&](const OptionSpec& spec) { return key == spec.key; });
+        bool own = key.rfind("automation", 0) == 0 || key == FVOptionKey::UUID || key == FVOptionKey::isSuperuserBackup;
+        if (!known && !own) fmt::print("  {:<26}  ({}, kept as stored)\n", printable(key), value.typeName());
+    }
+
+    if (options.boolValue(FVOptionKey::isSuperuserBackup))
+        fmt::print("\nSet up by root: the window opens this destination only when run as root.\n");
+    PlistDict withDefaults = options;
+    FVConfigurationFile::applyDefaultOptions(withDefaults);
+    fmt::print("\nSchedule: {}\n", scheduleText(withDefaults));
+    if (auto uuid = options.stringValue(FVOptionKey::UUID)) {
+        std::vector<std::string> ids = jobs.jobIdentifiers();
+        bool present = std::find(ids.begin(), ids.end(), *uuid) != ids.end();
+        fmt::print("Job: {}{} ({})\n", printable(jobs.jobDirectory()), printable(FVLaunchAgentManager::jobLabel(*uuid)),
+                   present ? "present" : "none");
+    }
+    return kExitOk;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 4) return usage("");
+    std::string destinationArgument = argv[2];
+    std::string command = argv[3];
+    std::vector<std::string> args(argv + 4, argv + argc);
+
+    if (destinationArgument.empty() || destinationArgument[0] != '/')
+        return refuse("the destination must be an absolute path: " + printable(destinationArgument));
+    Configuration config;
+    config.destination = absolutePath(destinationArgument);
+    struct stat st {};
+    if (stat(config.destination.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        return fail("the destination " + printable(config.destination) + " is not an existing folder");
+
+    FVLaunchAgentManager jobs(std::make_shared<FVProcessCommandRunner>());
+    std::string problem;
+    if (command == "show") {
+        if (!args.empty()) return usage("show takes no arguments");
+        if (!load(config, true, problem)) return fail(problem);
+        return show(config, jobs);
+    }
+
+    // Every argument is checked before anything is read or written; the change itself runs
+    // on the loaded configuration and returns false (with a message) when it cannot be made.
+    std::function<bool(BackupSetController&, FVOptionsPanelController&, std::string&)> change;
+    bool scheduleChange = false;
+    if (command == "add") {
+        std::optional<std::string> path;
+        FVSourceMode mode = FVSourceMode::Backup;
+        for (size_t i = 0; i < args.size(); ++i) {
+            std::string modeArgument;
+            if (args[i] == "--mode" && i + 1 < args.size()) modeArgument = args[++i];
+            else if (args[i].rfind("--mode=", 0) == 0) modeArgument = args[i].substr(7);
+            else if (args[i].rfind("--", 0) == 0 || path) return usage("unexpected argument: " + printable(args[i]));
+            else {
+                path = args[i];
+                continue;
+            }
+            auto found = std::find_if(std::begin(kModes), std::end(kModes),
+                                      [&](const ModeName& m) { return modeArgument == m.argument; });
+            if (found == std::end(kModes)) return refuse("unknown mode: " + printable(modeArgument));
+            mode = found->mode;
+        }
+        if (!path) return usage("add needs a path");
+        if ((*path)[0] != '/') return refuse("the source must be an absolute path: " + printable(*path));
+        std::string source = absolutePath(*path);
+        change = [source, mode](BackupSetController& list, FVOptionsPanelController&, std::string& message) {
+            if (!list.addBackupPath(source, mode, list.count())) {
+                message = printable(source) + " is already in the list";
+                return false;
+            }
+            message = fmt::format("Added {} ({}).", printable(source), modeText(static_cast<int64_t>(mode)));
+            return true;
+        };
+    } else if (command == "remove") {
+        if (args.size() != 1) return usage("remove needs exactly one path");
+        if (args[0].empty() || args[0][0] != '/') return refuse("the source must be an absolute path: " + printable(args[0]));
+        std::string given = args[0];
+        std::string source = absolutePath(given);
+        change = [given, source](BackupSetController& list, FVOptionsPanelController&, std::string& message) {
+            for (const FVSourceItemPtr& item : list.arrangedObjects()) {
+                if (item->sourcePath() != given && item->sourcePath() != source) continue;
+                list.removeItems({item});
+                message = "Removed " + printable(item->sourcePath()) + ".";
+                return true;
+            }
+            message = printable(source) + " is not in the list";
+            return false;
+        };
+    } else if (command == "set") {
+        if (args.size() != 2) return usage("set needs an option and a value");
+        const std::string& key = args[0];
+        auto spec = std::find_if(std::begin(kOptions), std::end(kOptions),
+                                 [&](const OptionSpec& s) { return key == s.key; });
+        if (spec == std::end(kOptions)) {
+            if (key.rfind("automation", 0) == 0) return refuse("the schedule is set with: schedule daily|weekly|off");
+            std::string names;
+            for (const OptionSpec& s : kOptions) names += std::string(names.empty() ? "" : ", ") + s.key;
+            return refuse("unknown option " + printable(key) + "; options are: " + names);
+        }
+        PlistValue value;
+        if (spec->kind == Kind::Boolean) {
+            auto flag = parseBoolean(args[1]);
+            if (!flag) return refuse(fmt::format("{} takes yes or no, not {}", spec->key, printable(args[1])));
+            value = *flag;
+        } else {
+            auto number = parseInteger(args[1]);
+            if (!number || *number < spec->minimum || *number > spec->maximum)
+                return refuse(fmt::format("{} takes a whole number from {} to {}, not {}", spec->key, spec->minimum,
+                                         spec->maximum, printable(args[1])));
+            value = *number;
+        }
+        std::string shown = valueText(&value, spec->kind);
+        change = [key, value, shown](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
+            options.allOptions()->set(key, value);
+            message = "Set " + key + " to " + shown + ".";
+            return true;
+        };
+    } else if (command == "schedule") {
+        scheduleChange = true;
+        std::optional<int64_t> weekday;  // absent: daily
+        std::string time;
+        bool off = false;
+        if (args.size() == 1 && args[0] == "off") off = true;
+        else if (args.size() == 2 && args[0] == "daily") time = args[1];
+        else if (args.size() == 3 && args[0] == "weekly") {
+            weekday = parseWeekday(args[1]);
+            if (!weekday) return refuse("unknown weekday: " + printable(args[1]));
+            time = args[2];
+        } else {
+            return usage("schedule takes: daily HH:MM | weekly <weekday> HH:MM | off");
+        }
+        std::optional<std::pair<int64_t, int64_t>> at;
+        if (!off && !(at = parseTime(time))) return refuse("the time must be HH:MM within 00:00-23:59, not " + printable(time));
+        change = [off, at, weekday](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
+            PlistDict& o = *options.allOptions();
+            o.set(FVOptionKey::automationEnabled, !off);
+            if (!off) {
+                o.set(FVOptionKey::automationTimeHours, at->first);
+                o.set(FVOptionKey::automationTimeMinutes, at->second);
+                o.set(FVOptionKey::automationIntervalSelection, int64_t{weekday ? 1 : 0});
+                if (weekday) o.set(FVOptionKey::automationWeekdaySelection, *weekday);
+            }
+            message = "Schedule: " + scheduleText(o) + ".";
+            return true;
+        };
+    } else {
+        return usage("unknown command: " + printable(command));
+    }
+
+    if (access(config.destination.c_str(), W_OK) != 0)
+        return fail("cannot write to the destination " + printable(config.destination) + ": " + std::strerror(errno));
+    // The window converts an older destination's file when it opens it; so does the first change.
+    FVConfigurationFile::convertLegacyFile(config.destination);
+    if (!load(config, false, problem)) return fail(problem + "; nothing was changed");
+
+    BackupSetController list;
+    list.setDisableSizeEvaluation(true);
+    list.addBackupItems(config.content.sources);
+    FVOptionsPanelController options(jobs);
+    options.setAllOptions(config.content.settings);
+
+    std::string message;
+    if (!change(list, options, message)) return fail(message + "; nothing was changed");
+    // The identity names the job, so it is saved before the job is written.
+    if (scheduleChange && options.uuid().empty())
+        options.allOptions()->set(FVOptionKey::UUID, FVOptionsPanelController::makeUUID());
+    if (getuid() == 0) options.allOptions()->set(FVOptionKey::isSuperuserBackup, true);
+
+    std::string settingsPath = FVConfigurationFile::formattedPath(config.destination);
+    std::string error;
+    if (!FVConfigurationFile::writeSettingsForSourceConfiguration(list.arrangedObjects(), *options.allOptions(),
+                                                                  settingsPath, &error))
+        return fail("could not write " + printable(settingsPath) + ": " + error);
+    fmt::print("{}\n", message);
+
+    if (scheduleChange && !options.updateAutomations(config.destination, &error))
+        return fail("the schedule is saved, but the scheduled job could not be set up: " + error);
+    return kExitOk;
+}
+
+}  // namespace ferrovane::FVConfigCommand
