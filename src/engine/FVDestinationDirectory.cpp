@@ -139,7 +139,7 @@ FVFd FVDestinationDirectory::openFolder(std::string_view relative, bool createMi
 }
 
 int FVDestinationDirectory::moveItem(std::string_view fromRelative, std::string_view toRelative,
-                                     bool createMissing) const {
+                                     bool createMissing, bool noReplace) const {
     std::string_view fromFolder, toFolder;
     std::string fromName, toName;
     if (!splitLast(fromRelative, fromFolder, fromName) || !splitLast(toRelative, toFolder, toName)) return EINVAL;
@@ -148,7 +148,9 @@ int FVDestinationDirectory::moveItem(std::string_view fromRelative, std::string_
     if (!from.valid()) return error;
     FVFd to = openFolder(toFolder, createMissing, &error);
     if (!to.valid()) return error;
-    return renameat(from.get(), fromName.c_str(), to.get(), toName.c_str()) == 0 ? 0 : errno;
+    return renameat2(from.get(), fromName.c_str(), to.get(), toName.c_str(), noReplace ? RENAME_NOREPLACE : 0) == 0
+               ? 0
+               : errno;
 }
 
 int FVDestinationDirectory::removeItem(std::string_view relative) const {

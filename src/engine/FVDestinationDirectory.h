@@ -36,8 +36,10 @@ public:
     FVFd openFolder(std::string_view relative, bool createMissing, int* error, bool* created = nullptr) const;
 
     // Moves one relative location to another; with createMissing, the target's missing folders
-    // are made first. Replaces an existing target the way rename(2) does.
-    int moveItem(std::string_view fromRelative, std::string_view toRelative, bool createMissing) const;
+    // are made first. Replaces an existing target the way rename(2) does, unless noReplace is
+    // set: then an existing target makes the move fail with EEXIST.
+    int moveItem(std::string_view fromRelative, std::string_view toRelative, bool createMissing,
+                 bool noReplace = false) const;
     // Removes the item at a relative path, a folder with everything in it.
     int removeItem(std::string_view relative) const;
 
