@@ -1,0 +1,109 @@
+// The copy worker's delegate: archiving files before they are overwritten, turning worker
+// messages into log lines and errors, and closing an item when its worker is done.
+
+#include "engine/FVAdditions.h"
+#include "engine/FVLog.h"
+#include "engine/FVSyncingBackup.h"
+#include "engine/FVText.h"
+#include "platform/FVSystemLog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fmt/format.h>
+
+namespace ferrovane {
+
+std::optional<std::string> FVSyncingBackup::destinationRelative(const std::string& path) const {
+    std::string folded;
+    folded.reserve(path.size());
+    for (char c : path)
+        if (!(c == '/' && !folded.empty() && folded.back() == '/')) folded.push_back(c);
+    return destination_.relativePath(folded);
+}
+
+bool FVSyncingBackup::moveWithinDestination(const std::string& from, const std::string& to, std::string& reason) {
+    auto fromRelative = destinationRelative(from);
+    auto toRelative = destinationRelative(to);
+    int error = fromRelative && toRelative ? destination_.moveItem(*fromRelative, *toRelative, false, true) : EXDEV;
+    if (error == 0) return true;
+    reason = std::strerror(error);
+    return false;
+}
+
+bool FVSyncingBackup::removeWithinDestination(const std::string& path, std::string& reason) {
+    auto relative = destinationRelative(path);
+    int error = relative && !relative->empty() ? destination_.removeItem(*relative) : EXDEV;
+    if (error == 0) return true;
+    reason = std::strerror(error);
+    return false;
+}
+
+// Only folders below the destination root are ever created.
+void FVSyncingBackup::createDirectoryPath(const std::string& path) {
+    auto relative = destinationRelative(path);
+    if (!relative || relative->empty()) return;
+    int error = 0;
+    destination_.openFolder(*relative, true, &error);
+}
+
+void FVSyncingBackup::copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) {
+    if (!archiveChangedFiles_ || !destination.fileExists()) return;
+    const std::string& path = destination.path();
+    std::string relative = path.substr(targetPath_.size());
+    std::string archivePath = targetPath_ + "/__changed/" + archiveFolderName_;
+    if (relative.empty() || relative.front() != '/') archivePath += "/";
+    archivePath += relative;
+    createDirectoryPath(FVText::deletingLastPathComponent(archivePath));
+    FVFileManager::unlockFile(path);
+    std::string reason;
+    if (moveWithinDestination(path, archivePath, reason)) return;
+    FVFileManager::unlockFile(FVText::deletingLastPathComponent(path));
+    if (moveWithinDestination(path, archivePath, reason)) {
+        verboseLog("Archived changed file: " + path);
+        return;
+    }
+    logLine(fmt::format("ERROR: Archiving of changed file failed: {} ({})", path, reason));
+    addError("Archiving changed file failed: " + path);
+    FVSystemLog::error("FVSyncingBackup",
+                       fmt::format("Archiving changed file failed: {} -> {} ({})", path, archivePath, reason));
+}
+
+void FVSyncingBackup::copyWorkerDidGenerateMessage(const std::string& message, const char* level) {
+    logLine(message);
+    if (std::strcmp(level, kLevelError) == 0) addError(message);
+}
+
+void FVSyncingBackup::copyWorkerProgressDidChange(float fraction) {
+    copyProgressStatus_ = fraction * 100.0f;
+    reportProgress();
+}
+
+void FVSyncingBackup::copyWorkerDidCancel() { postCancelOnce(); }
+
+void FVSyncingBackup::copyWorkerDidFinishCopy() {
+    // A worker cancelled before any pair was queued reports a finish; the run is over all the same.
+    if (isCancelled()) {
+        postCancelOnce();
+        return;
+    }
+    copyProgressStatus_ = 100;
+    reportProgress();
+    if (currentSourcePath_ == "/") {
+        // A clone of the whole system: the destination root takes the root folder's attributes.
+        struct stat st {};
+        if (lstat("/", &st) == 0) {
+            int ignored = lchown(targetPath_.c_str(), st.st_uid, st.st_gid);
+            (void)ignored;
+            chmod(targetPath_.c_str(), st.st_mode & 07777);
+        }
+    }
+    auto worker = backupCopyWorker();
+    logLine(fmt::format("Source finished: {} ({} copied).", currentSourcePath_,
+                        FVNumber::formattedDiskSizeString(static_cast<double>(worker ? worker->totalBytesCopied() : 0))));
+    observer_->updateTargetDidFinish(*this);
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,216 @@
+// After all sources are mirrored: destination items whose source is gone (or now excluded) are
+// archived into __removed/<stamp>/ or deleted; and archives past their age are purged.
+
+#include "engine/FVAdditions.h"
+#include "engine/FVExclusionRules.h"
+#include "engine/FVFileCopyWorker.h"
+#include "engine/FVSyncingBackup.h"
+#include "engine/FVText.h"
+#include "platform/FVSystemLog.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fts.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fmt/format.h>
+
+namespace ferrovane {
+
+namespace {
+
+bool pathExists(const std::string& path) {
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0;
+}
+
+bool isDirectory(const std::string& path) {
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool isEmptyDirectory(const std::string& path) {
+    DIR* dir = opendir(path.c_str());
+    if (!dir) return false;
+    bool empty = true;
+    while (dirent* e = readdir(dir)) {
+        std::string_view name = e->d_name;
+        if (name != "." && name != "..") {
+            empty = false;
+            break;
+        }
+    }
+    closedir(dir);
+    return empty;
+}
+
+std::string appendComponent(const std::string& base, const std::string& relative) {
+    if (relative.empty()) return base;
+    if (!base.empty() && base.back() == '/') return base + relative.substr(relative.front() == '/' ? 1 : 0);
+    return base + relative;
+}
+
+}  // namespace
+
+void FVSyncingBackup::removeDeletedFilesArchivingFiles(bool archive, int32_t cleanupFileCount) {
+    if (!willPerformCleanup_) FVSystemLog::error("FVSyncingBackup", "***** CLEANUP CALLED WITHOUT CACHE ******");
+    archive_ = archive;
+    cleanupFileCount_ = cleanupFileCount;
+    queue_.async([this] { cleanup(); });
+}
+
+void FVSyncingBackup::cleanup() {
+    logLine(archive_ ? "Archiving deleted items..." : "Removing deleted items...");
+    copyProgressStatus_ = 0;
+    analyseProgressStatus_ = 0;
+    lastReportedProgress_ = 0;
+
+    int handled = 0;
+    for (const FVSourceItemPtr& item : backupSet_) {
+        if (item->enabled() != 1) continue;
+        std::string sourceRoot = item->sourcePath();
+        // A missing source (an unmounted volume) keeps its mirror untouched until it is back.
+        if (!pathExists(sourceRoot)) continue;
+        bool cancelled = false;
+        cleanupSourceRoot(sourceRoot, handled, cancelled);
+        if (cancelled) {
+            postCancelOnce();
+            return;
+        }
+    }
+    logLine(archive_ ? fmt::format("Archiving deleted items finished: archived {} items.", handled)
+                     : fmt::format("Removing deleted items finished: removed {} items.", handled));
+    copyProgressStatus_ = 100;
+    analyseProgressStatus_ = 100;
+    reportProgress();
+    observer_->cleanupTargetDidFinish(*this);
+}
+
+void FVSyncingBackup::cleanupSourceRoot(const std::string& sourceRoot, int& handled, bool& cancelled) {
+    const std::string mirror = itemTargetPath(sourceRoot);
+    // An empty source folder whose mirror is full is most likely a volume that is not mounted:
+    // deleting the mirror would destroy the only copy. Archiving keeps it, so only deletion waits.
+    if (!archive_ && isDirectory(sourceRoot) && isEmptyDirectory(sourceRoot) && isDirectory(mirror) &&
+        !isEmptyDirectory(mirror)) {
+        std::string message = fmt::format(
+            "ERROR: Not removing the contents of {}: its source {} is empty (a volume that is not mounted?). "
+            "If the folder really was emptied, delete the mirror by hand or turn on archiving of removed items.",
+            mirror, sourceRoot);
+        logLine(message);
+        addError(message.substr(7));
+        return;
+    }
+
+    char* roots[] = {const_cast<char*>(mirror.c_str()), nullptr};
+    FTS* fts = fts_open(roots, FTS_NOCHDIR | FTS_PHYSICAL | FTS_XDEV, nullptr);
+    if (!fts) return;
+    const size_t mirrorLength = mirror.size();
+    int visited = 0;
+    while (FTSENT* entry = fts_read(fts)) {
+        int info = entry->fts_info;
+        if (info != FTS_D && info != FTS_F && info != FTS_SL && info != FTS_SLNONE) continue;
+        if (isCancelled()) {
+            cancelled = true;
+            break;
+        }
+        std::string path(entry->fts_path, entry->fts_pathlen);
+        std::string relative = path.substr(mirrorLength);
+        std::string_view name(entry->fts_name, entry->fts_namelen);
+
+        // Leftovers of an interrupted copy are no user files: they simply go.
+        if (name.substr(0, std::strlen(kTemporaryFilePrefix)) == kTemporaryFilePrefix && info != FTS_D) {
+            std::string ignored;
+            removeWithinDestination(path, ignored);
+            continue;
+        }
+
+        std::string sourcePath = appendComponent(sourceRoot, relative);
+        bool keep = sourcePathsCache_.contains(sourcePath) ||
+                    (!FVExclusionRules::fileShouldBeExcluded(sourcePath, excludedFiles_, nullptr) &&
+                     pathExists(sourcePath)) ||
+                    FVExclusionRules::fileShouldBeExcluded(sourcePath, protectedPaths_, nullptr) ||
+                    FVText::lastPathComponent(relative).rfind("._", 0) == 0;
+        if (!keep && !relative.empty()) {
+            removeDeletedItem(sourceRoot, relative, path);
+            ++handled;
+            if (info == FTS_D) fts_set(fts, entry, FTS_SKIP);
+        }
+        ++visited;
+        float progress = static_cast<float>(visited) * 100.0f / static_cast<float>(cleanupFileCount_);
+        copyProgressStatus_ = progress;
+        analyseProgressStatus_ = progress;
+        reportProgress();
+    }
+    fts_close(fts);
+}
+
+void FVSyncingBackup::removeDeletedItem(const std::string& sourceRoot, const std::string& relative,
+                                        const std::string& itemPath) {
+    FVFileManager::unlockFile(itemPath);
+    verboseLog("Removing: " + itemPath);
+    std::string reason;
+    if (archive_) {
+        std::string archivePath =
+            syncMode_ ? fmt::format("{}/__removed/{}/{}/{}", targetPath_, archiveFolderName_,
+                                    FVText::lastPathComponent(sourceRoot), relative)
+                      : appendComponent(fmt::format("{}/__removed/{}/", targetPath_, archiveFolderName_),
+                                        appendComponent(sourceRoot, relative).substr(1));
+        createDirectoryPath(FVText::deletingLastPathComponent(archivePath));
+        if (moveWithinDestination(itemPath, archivePath, reason)) return;
+        FVFileManager::unlockFile(FVText::deletingLastPathComponent(itemPath));
+        if (moveWithinDestination(itemPath, archivePath, reason)) return;
+        logLine(fmt::format("ERROR: Archiving deleted file failed: {} ({})", itemPath, reason));
+        addError("Archiving deleted file failed: " + itemPath);
+        return;
+    }
+    if (removeWithinDestination(itemPath, reason)) return;
+    FVFileManager::unlockFile(FVText::deletingLastPathComponent(itemPath));
+    FVFileManager::unlockRecursively(itemPath);
+    if (removeWithinDestination(itemPath, reason)) return;
+    logLine(fmt::format("ERROR: Deleting failed: {} ({})", itemPath, reason));
+    addError("Deleting failed: " + itemPath);
+}
+
+void FVSyncingBackup::purgeRemovedArchive(bool purgeRemoved, int32_t removedAge, bool purgeChanged,
+                                          int32_t changedAge) {
+    if (purgeRemoved) purgeFolder(targetPath_ + "/__removed", removedAge);
+    if (purgeChanged) purgeFolder(targetPath_ + "/__changed", changedAge);
+}
+
+void FVSyncingBackup::purgeFolder(const std::string& folder, int32_t age) {
+    DIR* dir = opendir(folder.c_str());
+    if (!dir) return;
+    std::vector<std::string> names;
+    while (dirent* e = readdir(dir)) {
+        std::string_view name = e->d_name;
+        if (name != "." && name != "..") names.emplace_back(name);
+    }
+    closedir(dir);
+    const double now = FVDate::now();
+    for (const std::string& name : names) {
+        std::string path = folder + "/" + name;
+        struct stat st {};
+        if (lstat(path.c_str(), &st) != 0) continue;
+        double offset = static_cast<double>(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9 - now;
+        int32_t days = static_cast<int32_t>(offset) / -86400;
+        if (days < age) continue;
+        std::string reason;
+        bool removed = removeWithinDestination(path, reason);
+        if (!removed) {
+            FVFileManager::unlockRecursively(path);
+            removed = removeWithinDestination(path, reason);
+        }
+        if (removed) {
+            logLine(fmt::format("Removed archive {} (age: {} days)", path, days));
+        } else {
+            std::string message = fmt::format("WARNING: Could not removed archive {} (age: {} days)", path, days);
+            logLine(message);
+            addError(message);
+        }
+    }
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,129 @@
+#include "engine/FVSyncingBackup.h"
+
+#include "FVVersion.h"
+#include "engine/FVAdditions.h"
+#include "engine/FVConfigurationFile.h"
+#include "engine/FVLog.h"
+#include "engine/FVStrings.h"
+#include "platform/FVMountWatcher.h"
+#include "platform/FVSystemLog.h"
+
+#include <fmt/format.h>
+
+#include <cmath>
+
+namespace ferrovane {
+
+namespace {
+constexpr const char* kClassName = "FVSyncingBackup";
+
+// Network folders mounted over WebDAV collect ".DS_Store" files that must not be mirrored.
+bool isWebDAV(const std::string& fstype) {
+    return fstype == "davfs" || fstype == "fuse.davfs" || fstype == "webdav";
+}
+}  // namespace
+
+FVSyncingBackup::FVSyncingBackup(std::string destinationPath, std::vector<FVSourceItemPtr> backupSet,
+                                 const PlistDict* options, FVSyncingBackupObserver* observer)
+    : observer_(observer), targetPath_(std::move(destinationPath)), destination_(targetPath_),
+      backupSet_(std::move(backupSet)) {
+    mountWatcher_ = FVMountWatcher::start([this](const std::string& mountPoint) { checkVolumeDidUnmount(mountPoint); });
+
+    if (options) {
+        verboseLogging_ = options->boolValue(FVOptionKey::performExtendedLogging);
+        archiveChangedFiles_ = options->boolValue(FVOptionKey::moveChangedFiles);
+        syncMode_ = options->boolValue(FVOptionKey::syncMode);
+        ignoreFileFlagChanges_ = options->boolValue(FVOptionKey::ignoreFileFlagChanges);
+        maxThreads_ = options->integerValue(FVOptionKey::maxThreads);
+        disableACLClone_ = options->boolValue(FVOptionKey::disableACLClone);
+        preallocate_ = options->boolValue(FVOptionKey::preallocate);
+        excludeSymlinks_ = options->boolValue(FVOptionKey::excludeSymlinks);
+    } else {
+        FVSystemLog::error(kClassName, "Destination has no configuration.");
+    }
+
+    FVLog::currentLog().newLog();
+    fstype_ = FVFileManager::filesystemTypeAtPath(targetPath_);
+    if (isWebDAV(fstype_)) excludedFiles_.push_back(".DS_Store");
+    logLine(fmt::format("Ferrovane {}({}) starting sync to: {} ({})", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER,
+                        targetPath_, fstype_));
+    initTimeStamp_ = FVDate::now();
+
+    std::string configuration = "Configuration: ";
+    configuration += syncMode_ ? "Default; " : "Rebuild source path; ";
+    if (ignoreFileFlagChanges_) configuration += "Ignore changes to extended attributes; ";
+    if (disableACLClone_) configuration += "ACL disabled; ";
+    if (preallocate_) configuration += "Preallocation enabled; ";
+    if (excludeSymlinks_) configuration += "Excluding symlinks; ";
+    configuration += fmt::format("Threads: {};", static_cast<unsigned long>(maxThreads_));
+    logLine(configuration);
+}
+
+FVSyncingBackup::~FVSyncingBackup() { mountWatcher_.reset(); }
+
+void FVSyncingBackup::addExcludedFiles(const std::vector<std::string>& patterns) {
+    excludedFiles_.insert(excludedFiles_.end(), patterns.begin(), patterns.end());
+}
+
+void FVSyncingBackup::logLine(const std::string& line) { FVLog::currentLog().addLogLine(line); }
+
+void FVSyncingBackup::verboseLog(const std::string& line) {
+    if (verboseLogging_) logLine(line);
+}
+
+void FVSyncingBackup::addError(std::string message) {
+    std::lock_guard lock(errorsMutex_);
+    errorMessages_.push_back(std::move(message));
+}
+
+std::vector<std::string> FVSyncingBackup::errorMessages() const {
+    std::lock_guard lock(errorsMutex_);
+    return errorMessages_;
+}
+
+std::shared_ptr<FVFileCopyWorker> FVSyncingBackup::backupCopyWorker() const {
+    std::lock_guard lock(workerMutex_);
+    return backupCopyWorker_;
+}
+
+void FVSyncingBackup::cancelUpdate() {
+    if (auto worker = backupCopyWorker()) worker->cancel();
+    logLine("Aborting sync...");
+    cancelUpdate_.store(true, std::memory_order_relaxed);
+}
+
+void FVSyncingBackup::checkVolumeDidUnmount(const std::string& mountPoint) {
+    // A plain prefix test, as the unmount event names the mount point only.
+    if (targetPath_.compare(0, mountPoint.size(), mountPoint) != 0 || mountPoint == "/") return;
+    logLine("\nDestination volume unmounted unexpectedly!\n");
+    addError(fmt::format("Aborting: Destination unmounted unexpectedly ({}).", mountPoint));
+    cancelUpdate();
+}
+
+void FVSyncingBackup::postCancelOnce() {
+    if (!cancelReported_.exchange(true)) observer_->updateTargetDidCancel(*this);
+}
+
+float FVSyncingBackup::progressStatus() const {
+    float p = (analyseProgressStatus_.load(std::memory_order_relaxed) +
+               copyProgressStatus_.load(std::memory_order_relaxed)) * 0.5f;
+    return p > 100.0f ? 100.0f : p;
+}
+
+void FVSyncingBackup::reportProgress() {
+    float p = (analyseProgressStatus_.load(std::memory_order_relaxed) +
+               copyProgressStatus_.load(std::memory_order_relaxed)) * 0.5f;
+    if (std::fabs(p - lastReportedProgress_.load(std::memory_order_relaxed)) > 0.1f) {
+        lastReportedProgress_.store(p, std::memory_order_relaxed);
+        observer_->progressDidChange(*this);
+    }
+}
+
+std::string FVSyncingBackup::currentDurationString() const {
+    double elapsed = FVDate::now() - initTimeStamp_;
+    auto whole = static_cast<long long>(elapsed);
+    if (whole >= 60) return FVStrings::format("currentDurationMinutesSeconds", whole / 60, whole % 60);
+    return FVStrings::format("currentDurationSeconds", elapsed);
+}
+
+}  // namespace ferrovane
