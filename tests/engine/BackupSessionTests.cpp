@@ -1,0 +1,175 @@
+// The session over several items: progress across steps, the cleanup decision, results written
+// into the items, cancellation in the middle, and the copy-worker callbacks of the job.
+
+#include "engine/FVBackupSession.h"
+#include "engine/FVConfigurationFile.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+
+using namespace ferrovane;
+using namespace ferrovane::test;
+
+namespace {
+
+class Recorder : public FVBackupSessionDelegate {
+public:
+    void backupSessionProgressDidChange(FVBackupSession& session) override {
+        {
+            std::lock_guard lock(mutex_);
+            progress.push_back(session.progressPercent());
+            if (cancelWhenTaskContains.empty() || cancelRequested ||
+                session.currentTaskDescription().find(cancelWhenTaskContains) == std::string::npos)
+                return;
+            cancelRequested = true;
+        }
+        session.cancel();  // reports progress itself, so not under the lock
+    }
+    void backupSessionDidFinish(FVBackupSession&) override { end("finished"); }
+    void backupSessionDidCancel(FVBackupSession&) override { end("cancelled"); }
+
+    std::string wait() {
+        std::unique_lock lock(mutex_);
+        done_.wait_for(lock, std::chrono::seconds(60), [&] { return !outcome.empty(); });
+        return outcome;
+    }
+
+    std::vector<float> progress;
+    std::string cancelWhenTaskContains;
+    bool cancelRequested = false;
+    std::string outcome;
+
+private:
+    void end(const char* what) {
+        std::lock_guard lock(mutex_);
+        outcome = what;
+        done_.notify_all();
+    }
+    std::mutex mutex_;
+    std::condition_variable done_;
+};
+
+class BackupSessionTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        setenv("FERROVANE_LOG_FILE", (dir / "Ferrovane.log").c_str(), 1);
+        makeDirs(dir / "dest");
+        for (const char* name : {"one", "two", "three"}) {
+            makeDirs(dir / "src" + "/" + name + "/sub");
+            for (int i = 0; i < 150; ++i)
+                writeFile(dir / "src" + "/" + name + "/sub/f" + std::to_string(i), std::string(i * 10, 'z'));
+        }
+        options = std::make_shared<PlistDict>();
+        FVConfigurationFile::applyDefaultOptions(*options);
+    }
+    void TearDown() override { unsetenv("FERROVANE_LOG_FILE"); }
+
+    std::vector<FVSourceItemPtr> items(std::initializer_list<std::pair<const char*, FVSourceMode>> list) {
+        std::vector<FVSourceItemPtr> out;
+        for (const auto& [name, mode] : list) out.push_back(FVSourceItem::make(dir / "src" + "/" + name, mode));
+        return out;
+    }
+
+    std::string run(FVBackupSession& session, Recorder& recorder, std::vector<FVSourceItemPtr> set) {
+        session.setDelegate(&recorder);
+        session.setDestinationPath(dir / "dest");
+        session.setBackupOptions(options);
+        session.setBackupSet(std::move(set));
+        session.start();
+        return recorder.wait();
+    }
+
+    TempDir dir;
+    std::shared_ptr<PlistDict> options;
+};
+
+// Each step owns its share of the range; within a step the analysis share may dip once its
+// estimate replaces the starting value.
+void expectWithinSteps(const std::vector<float>& progress, size_t steps) {
+    ASSERT_FALSE(progress.empty());
+    float highest = 0;
+    for (float p : progress) {
+        EXPECT_GE(p, 0.0f);
+        EXPECT_LE(p, 100.01f);
+        highest = std::max(highest, p);
+    }
+    EXPECT_GT(highest, 100.0f * (steps - 1) / steps) << "the last step was reported";
+}
+
+}  // namespace
+
+TEST_F(BackupSessionTest, ThreeItemsWithoutCleanupFillTheWholeRange) {
+    FVBackupSession session;
+    Recorder recorder;
+    auto set = items({{"one", FVSourceMode::Backup}, {"two", FVSourceMode::Backup}, {"three", FVSourceMode::Backup}});
+    ASSERT_EQ(run(session, recorder, set), "finished");
+    EXPECT_FALSE(session.shouldPerformCleanup());
+    EXPECT_EQ(session.sessionTaskCount(), 3u);
+    expectWithinSteps(recorder.progress, 3);
+    for (const auto& item : set) {
+        EXPECT_TRUE(item->value("lastBackupDate").has_value());
+        EXPECT_EQ(item->integerValue("totalFilesCount"), 152) << "the item's folder, sub and 150 files";
+        EXPECT_EQ(item->integerValue("updatedFilesCount"), 152);
+    }
+    EXPECT_TRUE(session.errorMessages().empty());
+}
+
+TEST_F(BackupSessionTest, AFilledDestinationAddsTheCleanupStepAndDisabledItemsCountTowardsIt) {
+    writeFile(dir / "dest/stray.txt", "a user file");
+    FVBackupSession session;
+    Recorder recorder;
+    auto set = items({{"one", FVSourceMode::Backup}, {"two", FVSourceMode::Disabled}});
+    set[1]->setValue("totalFilesCount", int64_t{1000});
+    ASSERT_EQ(run(session, recorder, set), "finished");
+    EXPECT_TRUE(session.shouldPerformCleanup());
+    EXPECT_EQ(session.sessionTaskCount(), 2u);
+    expectWithinSteps(recorder.progress, 2);
+    EXPECT_TRUE(exists(dir / "dest/stray.txt")) << "only mirrors of sources are cleaned";
+    EXPECT_FALSE(set[1]->value("lastBackupDate").has_value());
+}
+
+TEST_F(BackupSessionTest, CancelInTheSecondItemKeepsTheFirstItemsResultsOnly) {
+    FVBackupSession session;
+    Recorder recorder;
+    recorder.cancelWhenTaskContains = "two";
+    auto set = items({{"one", FVSourceMode::Backup}, {"two", FVSourceMode::Backup}, {"three", FVSourceMode::Backup}});
+    ASSERT_EQ(run(session, recorder, set), "cancelled");
+    EXPECT_TRUE(set[0]->value("lastBackupDate").has_value());
+    EXPECT_FALSE(set[1]->value("lastBackupDate").has_value());
+    EXPECT_FALSE(set[2]->value("lastBackupDate").has_value());
+    EXPECT_EQ(session.currentTaskDescription(), "Cancelled.");
+    EXPECT_FALSE(exists(dir / "dest/three"));
+}
+
+TEST_F(BackupSessionTest, NothingEnabledFinishesAtOnce) {
+    FVBackupSession session;
+    Recorder recorder;
+    ASSERT_EQ(run(session, recorder, items({{"one", FVSourceMode::Disabled}})), "finished");
+    EXPECT_EQ(session.sessionTaskCount(), 0u);
+    EXPECT_FALSE(exists(dir / "dest/one"));
+}
+
+TEST_F(BackupSessionTest, PurgeRemovesOnlyArchivesOfTheKindStillWritten) {
+    makeDirs(dir / "dest/__removed/2000-01-01 00.00.00 +0000");
+    makeDirs(dir / "dest/__changed/2000-01-01 00.00.00 +0000");
+    timespec old[2] = {{946684800, 0}, {946684800, 0}};
+    for (const char* archive : {"dest/__removed/2000-01-01 00.00.00 +0000", "dest/__changed/2000-01-01 00.00.00 +0000"})
+        utimensat(AT_FDCWD, (dir / archive).c_str(), old, 0);
+    options->set("purgeRemovedArchive", int64_t{1});
+    options->set("purgeChangedArchive", int64_t{1});  // without moveChangedFiles: no effect
+    FVBackupSession session;
+    Recorder recorder;
+    ASSERT_EQ(run(session, recorder, items({{"one", FVSourceMode::Backup}})), "finished");
+    EXPECT_FALSE(exists(dir / "dest/__removed/2000-01-01 00.00.00 +0000"));
+    EXPECT_TRUE(exists(dir / "dest/__changed/2000-01-01 00.00.00 +0000"));
+    EXPECT_NE(readFile(dir / "Ferrovane.log").find("Removed archive " + dir / "dest/__removed/2000-01-01"),
+              std::string::npos);
+}
