@@ -1,14 +1,105 @@
+// The command-line run: one session over the loaded configuration, progress on the terminal,
+// the results written back into the destination, and the exit status.
+
 #include "cli/FVCommanlineMode.h"
 
+#include "engine/FVText.h"
+
+#include <algorithm>
 #include <cstdio>
+#include <fmt/format.h>
 
 namespace ferrovane {
 
+namespace {
+
+// The destination's own volume files, archives and configuration, kept when "/" is mirrored.
+const std::vector<std::string> kRootCloneProtectedPaths = {
+    "/.com.apple.timemachine.supported", "/.VolumeIcon.icns", "/.hotfiles.btree", "/.fseventsd",
+    "/.Spotlight-V100", "/.Trashes", "/__removed", "/__changed", "/.ferrovane.conf", "/.DocumentRevisions-V100"};
+
+}  // namespace
+
+FVCommanlineMode::~FVCommanlineMode() = default;
+
 int FVCommanlineMode::runBackup() {
-    std::fprintf(stderr, "ferrovane: the configuration of %s was read (%zu sources), but this build "
-                         "cannot run backups yet.\n",
-                 destinationPath_.c_str(), configuration_.sources.size());
-    return 255;
+    backupSetController_ = std::make_unique<BackupSetController>();
+    backupSetController_->setDisableSizeEvaluation(true);
+    for (const FVSourceItemPtr& item : configuration_.sources) backupSetController_->addBackupItem(item);
+
+    backupSession_ = std::make_unique<FVBackupSession>();
+    backupSession_->setDelegate(this);
+    backupSession_->setDestinationPath(destinationPath_);
+    backupSession_->setBackupOptions(configuration_.settings);
+    backupSession_->setBackupSet(backupSetController_->arrangedObjects());
+    backupSession_->setExcludePaths(backupSetController_->excludePaths());
+    auto paths = backupSetController_->backupSetPaths();
+    if (std::find(paths.begin(), paths.end(), "/") != paths.end())
+        backupSession_->setDestinationPathsToExcludeFromCleanup(kRootCloneProtectedPaths);
+
+    notify({"Starting sync to: " + FVText::lastPathComponent(destinationPath_), "", ""}, false);
+    runLoop_.post([this] { backupSession_->start(); });
+    return runLoop_.run();
+}
+
+void FVCommanlineMode::interrupt() {
+    if (interrupts_.fetch_add(1) > 0) {
+        std::fputs("\nSync canceled.\n", stdout);
+        std::fflush(stdout);
+        std::_Exit(255);
+    }
+    runLoop_.post([this] {
+        if (backupSession_) backupSession_->cancel();
+    });
+}
+
+void FVCommanlineMode::backupSessionProgressDidChange(FVBackupSession& session) {
+    std::printf("\033c%.2f%%\t", session.progressPercent());
+    std::fflush(stdout);
+}
+
+void FVCommanlineMode::backupSessionDidFinish(FVBackupSession&) {
+    runLoop_.post([this] { finishOnMainThread(); });
+}
+
+void FVCommanlineMode::finishOnMainThread() {
+    std::string error;
+    if (!FVConfigurationFile::writeSettingsForSourceConfiguration(configuration_.sources, *configuration_.settings,
+                                                                 settingsPath_, &error))
+        std::fprintf(stderr, "Warning: the results could not be saved in the configuration: %s\n", error.c_str());
+
+    int32_t updated = 0;
+    for (const FVSourceItemPtr& item : backupSetController_->arrangedObjects())
+        updated += static_cast<int32_t>(item->integerValue(FVSourceKey::updatedFilesCount));
+    uint32_t total = backupSetController_->fileCountOfEnabledItems();
+    double share = total == 0 ? 0.0 : updated / (total * 0.01);
+
+    FVSyncingBackup* job = backupSession_->syncingBackup();
+    std::string duration = job ? job->currentDurationString() : "";
+    FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(destinationPath_),
+                                    fmt::format("Changed: {:.1f}% Duration: {}", share, duration), ""};
+    std::vector<std::string> errors = backupSession_->errorMessages();
+    if (!errors.empty()) {
+        notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());
+        std::string joined;
+        for (size_t i = 0; i < errors.size(); ++i) joined += (i ? "\n" : "") + errors[i];
+        std::printf("Backup errors:\n%s\n", joined.c_str());
+        std::fflush(stdout);
+        notify(notification, true);
+        runLoop_.stop(255);
+        return;
+    }
+    std::printf("\nSync finished successfully.\n");
+    std::fflush(stdout);
+    notify(notification, true);
+    runLoop_.stop(0);
+}
+
+void FVCommanlineMode::backupSessionDidCancel(FVBackupSession&) {
+    std::printf("Sync canceled.\n");
+    std::fflush(stdout);
+    notify({"Sync canceled: " + FVText::lastPathComponent(destinationPath_), "", ""}, false);
+    runLoop_.stop(255);
 }
 
 }  // namespace ferrovane

@@ -3,6 +3,8 @@
 #include "FVVersion.h"
 #include "engine/FVText.h"
 
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -25,6 +27,13 @@ FVCommanlineMode::FVCommanlineMode(std::unique_ptr<FVUserNotifier> notifier)
     : notifier_(std::move(notifier)) {}
 
 int FVCommanlineMode::main(int argc, char** argv) {
+    // Interrupts are taken by a thread of their own; they must be blocked before any thread starts.
+    sigset_t interrupts;
+    sigemptyset(&interrupts);
+    sigaddset(&interrupts, SIGINT);
+    sigaddset(&interrupts, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &interrupts, nullptr);
+
     std::printf("Ferrovane v%s (%s) launched.\n", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER);
     std::fflush(stdout);
     // The argument is used as the bytes it is: Linux paths are bytes, not text in one encoding.
@@ -36,7 +45,17 @@ int FVCommanlineMode::main(int argc, char** argv) {
         if (std::strcmp(argv[i], "-noUserNotifications") == 0) noNotifications = true;
     FVCommanlineMode runner(makeDesktopNotifier());
     runner.setDisableUserNotifications(noNotifications);
-    return runner.startBackupWithDestinationPath(destination);
+    std::thread([&runner, interrupts] {
+        for (;;) {
+            int signal = 0;
+            if (sigwait(&interrupts, &signal) == 0) runner.interrupt();
+        }
+    }).detach();
+    int status = runner.startBackupWithDestinationPath(destination);
+    std::fflush(stdout);
+    std::fflush(stderr);
+    // The results are on disk; threads still winding down have nothing left to save.
+    std::_Exit(status);
 }
 
 void FVCommanlineMode::notify(const FVUserNotification& notification, bool wait) {

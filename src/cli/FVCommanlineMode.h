@@ -2,17 +2,22 @@
 // The command-line front end: one backup of the destination named on the command line, with
 // the configuration stored in that destination, progress on standard output and an exit status.
 
+#include "backupset/BackupSetController.h"
+#include "engine/FVBackupSession.h"
 #include "engine/FVConfigurationFile.h"
+#include "engine/FVMainQueue.h"
 #include "platform/FVUserNotifier.h"
 
+#include <atomic>
 #include <memory>
 #include <string>
 
 namespace ferrovane {
 
-class FVCommanlineMode {
+class FVCommanlineMode final : public FVBackupSessionDelegate {
 public:
     explicit FVCommanlineMode(std::unique_ptr<FVUserNotifier> notifier);
+    ~FVCommanlineMode() override;
 
     // The command-line branch of the entry point (argv[1] begins with "/"). Returns the exit
     // status: 0 after a run without errors, 255 for every failure.
@@ -21,7 +26,16 @@ public:
     void setDisableUserNotifications(bool disable) { disableUserNotifications_ = disable; }
     int startBackupWithDestinationPath(const std::string& destinationPath);
 
+    void backupSessionProgressDidChange(FVBackupSession& session) override;
+    void backupSessionDidFinish(FVBackupSession& session) override;
+    void backupSessionDidCancel(FVBackupSession& session) override;
+
+    // Called from the signal thread: the first interrupt cancels the run like a cancel in the
+    // window; a second one during the cancel ends the process at once.
+    void interrupt();
+
 private:
+    void finishOnMainThread();
     void notify(const FVUserNotification& notification, bool wait);
     void warnAboutOptionTypes() const;
     // Runs the loaded configuration; returns the exit status.
@@ -32,6 +46,10 @@ private:
     std::string destinationPath_;
     std::string settingsPath_;
     FVConfiguration configuration_;
+    FVRunLoop runLoop_;
+    std::unique_ptr<BackupSetController> backupSetController_;
+    std::unique_ptr<FVBackupSession> backupSession_;
+    std::atomic<int> interrupts_{0};
 };
 
 }  // namespace ferrovane

@@ -1,0 +1,267 @@
+// Whole backup runs of the built executable on real trees: the mirror, both archives, the log,
+// standard output, the exit status and the configuration written back.
+
+#include "engine/FVConfigurationFile.h"
+#include "support/ProcessRunner.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+using namespace ferrovane;
+using namespace ferrovane::test;
+namespace fs = std::filesystem;
+
+namespace {
+
+class BackupRun : public ::testing::Test {
+protected:
+    void SetUp() override {
+        source = dir / "src";
+        destination = dir / "dest";
+        makeDirs(source);
+        makeDirs(destination);
+    }
+
+    void configure(const std::vector<std::pair<std::string, FVSourceMode>>& sources, PlistDict options) {
+        std::vector<FVSourceItemPtr> items;
+        for (const auto& [path, mode] : sources) items.push_back(FVSourceItem::make(path, mode));
+        ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(
+            items, options, FVConfigurationFile::formattedPath(destination)));
+    }
+
+    static PlistDict defaults() {
+        PlistDict options;
+        FVConfigurationFile::applyDefaultOptions(options);
+        return options;
+    }
+
+    ProcessResult run(std::vector<std::string> extra = {}) {
+        std::vector<std::string> args{FERROVANE_EXECUTABLE, destination, "-noUserNotifications"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        return runProcess(args, {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()}});
+    }
+
+    std::string logPath() const { return dir / "Ferrovane.log"; }
+
+    // What rsync would still carry over; empty when the mirror is exact.
+    static std::string mirrorDifferences(const std::string& from, const std::string& to) {
+        auto r = runProcess({"/usr/bin/rsync", "-aAXn", "--itemize-changes", from + "/", to + "/"});
+        return r.out + r.err;
+    }
+
+    static std::vector<std::string> listFolder(const std::string& path) {
+        std::vector<std::string> names;
+        if (!exists(path)) return names;
+        for (const auto& e : fs::directory_iterator(path)) names.push_back(e.path().filename().string());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    static void setMtime(const std::string& path, time_t seconds) {
+        timespec times[2] = {{seconds, 0}, {seconds, 0}};
+        utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+    }
+
+    FVConfiguration readBack() {
+        auto r = FVConfigurationFile::read(FVConfigurationFile::formattedPath(destination));
+        EXPECT_EQ(r.status, FVConfigurationReadStatus::Ok) << r.problem;
+        return r.configuration;
+    }
+
+    TempDir dir;
+    std::string source, destination;
+};
+
+}  // namespace
+
+TEST_F(BackupRun, MirrorsSeveralSourcesAndWritesTheResultsBack) {
+    makeDirs(source + "/Docs/letters/old");
+    writeFile(source + "/Docs/a.txt", "alpha");
+    writeFile(source + "/Docs/letters/b.txt", std::string(3'000'000, 'b'));
+    writeFile(source + "/Docs/letters/old/c.txt", "c");
+    symlink("a.txt", (source + "/Docs/link").c_str());
+    makeDirs(source + "/Docs/empty");
+    makeDirs(source + "/Docs/skip-me");
+    writeFile(source + "/Docs/skip-me/x", "x");
+    writeFile(source + "/Docs/notes.tmp", "excluded by name");
+    writeFile(source + "/single.txt", "one file as a source");
+    setMtime(source + "/Docs/letters/old", 1'000'000'000);
+
+    configure({{source + "/Docs", FVSourceMode::Backup},
+               {source + "/single.txt", FVSourceMode::Backup},
+               {source + "/Docs/skip-me", FVSourceMode::ExcludePath},
+               {"notes.tmp", FVSourceMode::ExcludeName},
+               {source + "/missing", FVSourceMode::Backup},
+               {source + "/disabled", FVSourceMode::Disabled}},
+              defaults());
+
+    auto result = run();
+    ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
+    EXPECT_EQ(result.out.substr(result.out.size() - 29), "\nSync finished successfully.\n");
+    EXPECT_NE(result.out.find("\033c"), std::string::npos) << "progress lines are printed";
+
+    EXPECT_EQ(readFile(destination + "/single.txt"), "one file as a source");
+    EXPECT_FALSE(exists(destination + "/Docs/skip-me/x"));
+    EXPECT_FALSE(exists(destination + "/Docs/notes.tmp"));
+    // Apart from the exclusions the mirror is exact, folder dates included.
+    fs::remove_all(source + "/Docs/skip-me");
+    fs::remove(source + "/Docs/notes.tmp");
+    EXPECT_EQ(mirrorDifferences(source + "/Docs", destination + "/Docs"), "");
+
+    FVConfiguration saved = readBack();
+    ASSERT_EQ(saved.sources.size(), 6u);
+    EXPECT_TRUE(saved.sources[0]->value("lastBackupDate").has_value());
+    EXPECT_EQ(saved.sources[1]->integerValue("updatedFilesCount"), 1);
+    EXPECT_GE(saved.sources[0]->integerValue("totalBytesCopied"), 3'000'000);
+    EXPECT_TRUE(saved.sources[4]->value("lastBackupDate").has_value()) << "a missing source is dated too";
+    EXPECT_FALSE(saved.sources[5]->value("lastBackupDate").has_value());
+    EXPECT_FALSE(saved.sources[2]->value("lastBackupDate").has_value());
+
+    std::string log = readFile(logPath());
+    EXPECT_NE(log.find("Configuration: Default; Ignore changes to extended attributes; Threads: 2;"),
+              std::string::npos);
+    EXPECT_NE(log.find("Source: " + source + "/missing (UNAVAILABLE AND NOT UPDATED)."), std::string::npos);
+    EXPECT_NE(log.find("Sync finished (Duration: "), std::string::npos);
+
+    // Nothing changed: a second run copies nothing.
+    auto again = run();
+    ASSERT_EQ(again.exitStatus, 0) << again.out;
+    EXPECT_EQ(readBack().sources[0]->integerValue("updatedFilesCount"), 0);
+}
+
+TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
+    makeDirs(source + "/Docs/sub");
+    writeFile(source + "/Docs/keep.txt", "same");
+    writeFile(source + "/Docs/change.txt", "version 1");
+    writeFile(source + "/Docs/sub/gone.txt", "soon removed");
+    writeFile(source + "/Docs/._keep.txt", "companion");
+    PlistDict options = defaults();
+    options.set("moveChangedFiles", int64_t{1});
+    configure({{source + "/Docs", FVSourceMode::Backup}}, options);
+    ASSERT_EQ(run().exitStatus, 0);
+
+    writeFile(source + "/Docs/change.txt", "version 2, longer");
+    fs::remove_all(source + "/Docs/sub");
+    auto second = run();
+    ASSERT_EQ(second.exitStatus, 0) << second.out;
+
+    EXPECT_EQ(readFile(destination + "/Docs/change.txt"), "version 2, longer");
+    EXPECT_FALSE(exists(destination + "/Docs/sub"));
+    auto changedStamps = listFolder(destination + "/__changed");
+    auto removedStamps = listFolder(destination + "/__removed");
+    ASSERT_EQ(changedStamps.size(), 1u);
+    ASSERT_EQ(removedStamps.size(), 1u);
+    EXPECT_EQ(changedStamps, removedStamps) << "one stamp per run";
+    EXPECT_EQ(readFile(destination + "/__changed/" + changedStamps[0] + "/Docs/change.txt"), "version 1");
+    EXPECT_EQ(readFile(destination + "/__removed/" + removedStamps[0] + "/Docs/sub/gone.txt"), "soon removed");
+    EXPECT_EQ(listFolder(destination + "/__changed/" + changedStamps[0] + "/Docs"),
+              std::vector<std::string>{"change.txt"});
+    EXPECT_EQ(readFile(destination + "/Docs/._keep.txt"), "companion");
+
+    std::string log = readFile(logPath());
+    EXPECT_NE(log.find("Archiving deleted items finished: archived 1 items."), std::string::npos);
+}
+
+TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButNeverEmptiesAnUnmountedVolume) {
+    makeDirs(source + "/Volume");
+    makeDirs(source + "/Docs");
+    writeFile(source + "/Volume/precious.txt", "only copy");
+    writeFile(source + "/Docs/old.txt", "old");
+    PlistDict options = defaults();
+    options.set("moveDeletedFiles", int64_t{0});
+    configure({{source + "/Volume", FVSourceMode::Backup}, {source + "/Docs", FVSourceMode::Backup}}, options);
+    ASSERT_EQ(run().exitStatus, 0);
+
+    fs::remove(source + "/Volume/precious.txt");  // looks like a volume that is not mounted
+    fs::remove(source + "/Docs/old.txt");
+    writeFile(source + "/Docs/new.txt", "new");
+    auto second = run();
+    EXPECT_EQ(second.exitStatus, 255);
+    EXPECT_NE(second.out.find("Backup errors:\nNot removing the contents of " + destination + "/Volume"),
+              std::string::npos)
+        << second.out;
+    EXPECT_EQ(readFile(destination + "/Volume/precious.txt"), "only copy");
+    EXPECT_FALSE(exists(destination + "/Docs/old.txt"));
+    EXPECT_FALSE(exists(destination + "/__removed"));
+}
+
+TEST_F(BackupRun, RebuildsFullSourcePathsWithoutSyncModeAndCountsAMissingThreadOption) {
+    writeFile(source + "/a.txt", "a");
+    PlistDict options;  // no options at all: every one reads as 0
+    configure({{source, FVSourceMode::Backup}}, options);
+    auto result = run();
+    ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
+    EXPECT_EQ(readFile(destination + source + "/a.txt"), "a");
+    EXPECT_NE(readFile(logPath()).find("Configuration: Rebuild source path; Threads: 0;"), std::string::npos);
+}
+
+TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
+    makeDirs(source + "/Many");
+    for (int d = 0; d < 40; ++d) {
+        std::string folder = source + "/Many/d" + std::to_string(d);
+        makeDirs(folder);
+        for (int f = 0; f < 250; ++f) writeFile(folder + "/f" + std::to_string(f), std::string(4096, 'x'));
+    }
+    configure({{source + "/Many", FVSourceMode::Backup}}, defaults());
+    std::string before = readFile(FVConfigurationFile::formattedPath(destination));
+
+    pid_t pid = fork();
+    if (pid == 0) {
+        setenv("FERROVANE_LOG_FILE", logPath().c_str(), 1);
+        unsetenv("DISPLAY");
+        freopen((dir / "out.txt").c_str(), "w", stdout);
+        execl(FERROVANE_EXECUTABLE, FERROVANE_EXECUTABLE, destination.c_str(), "-noUserNotifications", nullptr);
+        _exit(127);
+    }
+    for (int i = 0; i < 200 && readFile(logPath()).find("Source started analysing") == std::string::npos; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    kill(pid, SIGINT);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 255);
+    std::string out = readFile(dir / "out.txt");
+    EXPECT_EQ(out.substr(out.size() - 15), "Sync canceled.\n");
+    EXPECT_EQ(readFile(FVConfigurationFile::formattedPath(destination)), before);
+    for (const auto& e : fs::recursive_directory_iterator(destination))
+        EXPECT_EQ(e.path().filename().string().rfind(".ferrovane-tmp", 0), std::string::npos) << e.path();
+
+    auto completed = run();
+    ASSERT_EQ(completed.exitStatus, 0);
+    EXPECT_EQ(mirrorDifferences(source + "/Many", destination + "/Many"), "");
+}
+
+TEST_F(BackupRun, AReadOnlyCornerOfTheDestinationEndsWithErrorsAndTheRestIsMirrored) {
+    makeDirs(source + "/Docs/locked");
+    writeFile(source + "/Docs/locked/a.txt", "1");
+    writeFile(source + "/Docs/free.txt", "1");
+    configure({{source + "/Docs", FVSourceMode::Backup}}, defaults());
+    ASSERT_EQ(run().exitStatus, 0);
+
+    std::string locked = destination + "/Docs/locked";
+    if (mount(locked.c_str(), locked.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+        mount(nullptr, locked.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
+        umount2(locked.c_str(), MNT_DETACH);
+        GTEST_SKIP() << "cannot make a read-only bind mount here";
+    }
+    writeFile(source + "/Docs/locked/a.txt", "22");
+    writeFile(source + "/Docs/free.txt", "22");
+    auto result = run();
+    umount2(locked.c_str(), MNT_DETACH);
+    EXPECT_EQ(result.exitStatus, 255);
+    EXPECT_NE(result.out.find("Backup errors:\n"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find(locked + "/a.txt"), std::string::npos) << result.out;
+    EXPECT_EQ(readFile(destination + "/Docs/free.txt"), "22");
+    EXPECT_EQ(readFile(locked + "/a.txt"), "1");
+    EXPECT_TRUE(readBack().sources[0]->value("lastBackupDate").has_value()) << "written back despite errors";
+}
