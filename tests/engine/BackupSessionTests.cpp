@@ -14,6 +14,9 @@
 #include <condition_variable>
 #include <filesystem>
 #include <mutex>
+#include <thread>
+
+#include <sys/mount.h>
 
 using namespace ferrovane;
 using namespace ferrovane::test;
@@ -172,4 +175,38 @@ TEST_F(BackupSessionTest, PurgeRemovesOnlyArchivesOfTheKindStillWritten) {
     EXPECT_TRUE(exists(dir / "dest/__changed/2000-01-01 00.00.00 +0000"));
     EXPECT_NE(readFile(dir / "Ferrovane.log").find("Removed archive " + dir / "dest/__removed/2000-01-01"),
               std::string::npos);
+}
+
+TEST_F(BackupSessionTest, AnUnmountedDestinationCancelsTheRunWithOneError) {
+    std::string mountPoint = dir / "volume";
+    makeDirs(mountPoint);
+    if (mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=16m") != 0) GTEST_SKIP() << "cannot mount a tmpfs here";
+    makeDirs(mountPoint + "/Backups");
+
+    struct Unmounter : Recorder {
+        std::string mountPoint;
+        bool done = false;
+        void backupSessionProgressDidChange(FVBackupSession& session) override {
+            Recorder::backupSessionProgressDidChange(session);
+            if (done || !session.syncingBackup()) return;
+            done = true;
+            umount2(mountPoint.c_str(), MNT_DETACH);
+            // The mount watcher reports on its own thread; the walk must see the cancel.
+            for (int i = 0; i < 250 && session.errorMessages().empty(); ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    } recorder;
+    recorder.mountPoint = mountPoint;
+
+    FVBackupSession session;
+    session.setDelegate(&recorder);
+    session.setDestinationPath(mountPoint + "/Backups");
+    session.setBackupOptions(options);
+    session.setBackupSet(items({{"one", FVSourceMode::Backup}}));
+    session.start();
+    EXPECT_EQ(recorder.wait(), "cancelled");
+    umount2(mountPoint.c_str(), MNT_DETACH);
+    EXPECT_EQ(session.errorMessages(),
+              std::vector<std::string>{"Aborting: Destination unmounted unexpectedly (" + mountPoint + ")."});
+    EXPECT_NE(readFile(dir / "Ferrovane.log").find("Destination volume unmounted unexpectedly!"), std::string::npos);
 }
