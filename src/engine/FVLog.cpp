@@ -1,10 +1,10 @@
 #include "engine/FVLog.h"
 
 #include "engine/FVAdditions.h"
+#include "platform/FVHomeDirectory.h"
 #include "platform/FVSystemLog.h"
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,12 +19,6 @@ namespace {
 
 constexpr const char* kClassName = "FVLog";
 constexpr const char* kLogName = "Ferrovane.log";
-
-std::string homeDirectory() {
-    if (const char* home = std::getenv("HOME"); home && *home) return home;
-    if (const passwd* pw = getpwuid(getuid()); pw && pw->pw_dir) return pw->pw_dir;
-    return "/";
-}
 
 }  // namespace
 

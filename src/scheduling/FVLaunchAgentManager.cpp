@@ -1,5 +1,7 @@
 #include "scheduling/FVLaunchAgentManager.h"
 
+#include "platform/FVHomeDirectory.h"
+
 #include "engine/FVAtomicFile.h"
 #include "engine/FVText.h"
 #include "platform/FVSystemLog.h"
@@ -20,14 +22,8 @@ namespace ferrovane {
 
 namespace {
 
-constexpr const char* kClassName = "src/scheduling/FVLaunchAgentManager";
+constexpr const char* kClassName = "FVLaunchAgentManager";
 constexpr const char* kLaunchctl = "/bin/launchctl";
-
-std::string homeDirectory() {
-    if (const char* home = std::getenv("HOME"); home && *home) return home;
-    if (const passwd* pw = getpwuid(getuid()); pw && pw->pw_dir) return pw->pw_dir;
-    return "";
-}
 
 std::string ownExecutable() {
     char buffer[4096];
