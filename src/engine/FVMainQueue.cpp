@@ -3,10 +3,9 @@
 namespace ferrovane {
 
 void FVRunLoop::post(std::function<void()> work) {
-    {
-        std::lock_guard lock(mutex_);
-        work_.push_back(std::move(work));
-    }
+    // Signalled under the lock, so that the loop cannot end and be destroyed in between.
+    std::lock_guard lock(mutex_);
+    work_.push_back(std::move(work));
     wake_.notify_one();
 }
 
@@ -26,11 +25,9 @@ int FVRunLoop::run() {
 }
 
 void FVRunLoop::stop(int result) {
-    {
-        std::lock_guard lock(mutex_);
-        stopped_ = true;
-        result_ = result;
-    }
+    std::lock_guard lock(mutex_);
+    stopped_ = true;
+    result_ = result;
     wake_.notify_one();
 }
 

@@ -8,17 +8,17 @@ FVSerialQueue::~FVSerialQueue() {
     {
         std::lock_guard lock(mutex_);
         stopping_ = true;
+        wake_.notify_one();
     }
-    wake_.notify_one();
     if (isCurrentThread()) thread_.detach();  // destroyed from its own task: nothing to wait for
     else thread_.join();
 }
 
 void FVSerialQueue::async(std::function<void()> task) {
-    {
-        std::lock_guard lock(mutex_);
-        tasks_.push_back(std::move(task));
-    }
+    // Signalled under the lock: the task may end in this queue's destruction, which must not
+    // overtake a caller still inside notify_one.
+    std::lock_guard lock(mutex_);
+    tasks_.push_back(std::move(task));
     wake_.notify_one();
 }
 
