@@ -39,8 +39,12 @@ bool FVPairQueue::pop(CopyPair& pair) {
 FVFileCopyWorker::FVFileCopyWorker() : impl_(std::make_unique<Impl>()) {}
 
 FVFileCopyWorker::~FVFileCopyWorker() {
-    impl_->destroying = true;
-    impl_->cancelled = true;
+    {
+        std::lock_guard lock(impl_->filesMutex);
+        impl_->destroying = true;
+        impl_->cancelled = true;
+        impl_->pairsOrEnd.notify_all();
+    }
     std::vector<std::thread> threads;
     {
         std::lock_guard lock(impl_->poolMutex);
@@ -92,6 +96,7 @@ void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileS
         std::lock_guard lock(impl_->filesMutex);
         impl_->requestedFiles.fetch_add(1, std::memory_order_relaxed);
         impl_->filesToCopy.push({std::move(source), std::move(destination)});
+        impl_->pairsOrEnd.notify_one();
     }
     impl_->startCopies();
 }
@@ -101,7 +106,9 @@ void FVFileCopyWorker::endCopySession() {
     {
         std::lock_guard lock(impl_->poolMutex);
         finishNow = impl_->activeWorkers == 0 && !impl_->finishPending;
+        std::lock_guard filesLock(impl_->filesMutex);
         impl_->copySessionRunning = false;
+        impl_->pairsOrEnd.notify_all();
     }
     if (finishNow && impl_->delegate) impl_->delegate->copyWorkerDidFinishCopy();
 }
@@ -154,7 +161,10 @@ void FVFileCopyWorker::Impl::workerBody() {
             if (!nextItem(pair)) {
                 if (destroying) break;
                 if (copySessionRunning) {
-                    std::this_thread::sleep_for(kPollInterval);
+                    std::unique_lock lock(filesMutex);
+                    pairsOrEnd.wait_for(lock, kPollInterval, [this] {
+                        return !filesToCopy.empty() || !copySessionRunning || destroying;
+                    });
                     continue;
                 }
                 // A pair added just before the session ended is still ours.

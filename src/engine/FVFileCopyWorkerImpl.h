@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <memory>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -83,6 +84,9 @@ struct FVFileCopyWorker::Impl {
 
     // The queue lock: the pending pairs, the counters and the progress report.
     std::mutex filesMutex;
+    // Idle threads wait on it between polls, so that a new pair or the end of the session
+    // wakes them at once instead of after the poll interval.
+    std::condition_variable pairsOrEnd;
     FVPairQueue filesToCopy{4096};
     std::atomic<uint64_t> requestedFiles{0};
     std::atomic<uint64_t> copiedFiles{0};
