@@ -109,6 +109,7 @@ void FVBackupSession::finalise() {
                                         static_cast<int32_t>(options.integerValue(FVOptionKey::purgeRemovedArchiveDays)),
                                         purgeChanged,
                                         static_cast<int32_t>(options.integerValue(FVOptionKey::purgeChangedArchiveDays)));
+    syncingBackup_->flushDestination();
     FVLog::currentLog().addLogLine(fmt::format("Sync finished (Duration: {}).\n", syncingBackup_->currentDurationString()));
     FVLog::currentLog().closeLog();
     if (delegate_) delegate_->backupSessionDidFinish(*this);
@@ -119,7 +120,8 @@ void FVBackupSession::updateTargetDidFinish(FVSyncingBackup&) { startNextItem();
 void FVBackupSession::cleanupTargetDidFinish(FVSyncingBackup&) { finalise(); }
 void FVBackupSession::progressDidChange(FVSyncingBackup&) { progressStep(); }
 
-void FVBackupSession::updateTargetDidCancel(FVSyncingBackup&) {
+void FVBackupSession::updateTargetDidCancel(FVSyncingBackup& job) {
+    job.flushDestination();
     FVLog::currentLog().addLogLine("Sync cancelled.\n");
     FVLog::currentLog().closeLog();
     setTaskDescription("Cancelled.");

@@ -123,7 +123,7 @@ void FVSyncingBackup::cleanupSourceRoot(const std::string& sourceRoot, int& hand
         // Leftovers of an interrupted copy are no user files: they simply go.
         if (name.substr(0, std::strlen(kTemporaryFilePrefix)) == kTemporaryFilePrefix && info != FTS_D) {
             std::string ignored;
-            removeWithinDestination(path, ignored);
+            keepingParentDates(path, [&] { removeWithinDestination(path, ignored); });
             continue;
         }
 
@@ -134,7 +134,7 @@ void FVSyncingBackup::cleanupSourceRoot(const std::string& sourceRoot, int& hand
                     FVExclusionRules::fileShouldBeExcluded(sourcePath, protectedPaths_, nullptr) ||
                     FVText::lastPathComponent(relative).rfind("._", 0) == 0;
         if (!keep && !relative.empty()) {
-            removeDeletedItem(sourceRoot, relative, path);
+            keepingParentDates(path, [&] { removeDeletedItem(sourceRoot, relative, path); });
             ++handled;
             if (info == FTS_D) fts_set(fts, entry, FTS_SKIP);
         }
@@ -145,6 +145,20 @@ void FVSyncingBackup::cleanupSourceRoot(const std::string& sourceRoot, int& hand
         reportProgress();
     }
     fts_close(fts);
+}
+
+// The copy pass has given the folder the source folder's dates; taking an entry out must not
+// change them, or the mirror's folders would never match their sources.
+void FVSyncingBackup::keepingParentDates(const std::string& itemPath, const std::function<void()>& change) {
+    auto relative = destinationRelative(FVText::deletingLastPathComponent(itemPath));
+    int error = 0;
+    FVFd parent = relative ? destination_.openFolder(*relative, false, &error) : FVFd();
+    struct stat st {};
+    bool known = parent.valid() && fstat(parent.get(), &st) == 0;
+    change();
+    if (!known) return;
+    timespec times[2] = {st.st_atim, st.st_mtim};
+    futimens(parent.get(), times);
 }
 
 void FVSyncingBackup::removeDeletedItem(const std::string& sourceRoot, const std::string& relative,

@@ -10,7 +10,11 @@
 
 #include <fmt/format.h>
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 
 namespace ferrovane {
 
@@ -90,6 +94,16 @@ void FVSyncingBackup::cancelUpdate() {
     if (auto worker = backupCopyWorker()) worker->cancel();
     logLine("Aborting sync...");
     cancelUpdate_.store(true, std::memory_order_relaxed);
+}
+
+void FVSyncingBackup::flushDestination() {
+    int error = 0;
+    FVFd root = destination_.openFolder("", false, &error);
+    if (root.valid() && syncfs(root.get()) == 0) return;
+    if (root.valid()) error = errno;
+    std::string message = fmt::format("Could not write the destination's data to its disk: {}", std::strerror(error));
+    logLine("ERROR: " + message);
+    addError(message);
 }
 
 void FVSyncingBackup::checkVolumeDidUnmount(const std::string& mountPoint) {

@@ -11,6 +11,7 @@
 #include "engine/FVSourceItem.h"
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -62,6 +63,9 @@ public:
     // Creates the missing folders of path, but only below the destination root.
     void createDirectoryPath(const std::string& path);
 
+    // Puts what the run wrote on the destination's disk (syncfs); a failure is an error of the run.
+    void flushDestination();
+
     void cancelUpdate();
     // A mount point went away; cancels the run when the destination lies on it.
     void checkVolumeDidUnmount(const std::string& mountPoint);
@@ -101,6 +105,8 @@ private:
     void cleanup();
     void cleanupSourceRoot(const std::string& sourceRoot, int& handled, bool& cancelled);
     void removeDeletedItem(const std::string& sourceRoot, const std::string& relative, const std::string& itemPath);
+    // Runs change (which takes the item away) and gives the item's folder its dates back.
+    void keepingParentDates(const std::string& itemPath, const std::function<void()>& change);
     void purgeFolder(const std::string& folder, int32_t age);
     void postCancelOnce();
     // The part of an absolute path below the destination root, doubled separators folded;

@@ -265,3 +265,18 @@ TEST_F(BackupRun, AReadOnlyCornerOfTheDestinationEndsWithErrorsAndTheRestIsMirro
     EXPECT_EQ(readFile(locked + "/a.txt"), "1");
     EXPECT_TRUE(readBack().sources[0]->value("lastBackupDate").has_value()) << "written back despite errors";
 }
+
+TEST_F(BackupRun, TwoSourcesWithOneNameShareTheirMirrorWithoutHarm) {
+    makeDirs(source + "/a/Docs");
+    makeDirs(source + "/b/Docs");
+    writeFile(source + "/a/Docs/from-a.txt", "a");
+    writeFile(source + "/b/Docs/from-b.txt", "b");
+    configure({{source + "/a/Docs", FVSourceMode::Backup}, {source + "/b/Docs", FVSourceMode::Backup}}, defaults());
+    auto first = run();
+    EXPECT_EQ(first.exitStatus, 0) << first.out << first.err;
+    EXPECT_EQ(readFile(destination + "/Docs/from-a.txt"), "a");
+    EXPECT_EQ(readFile(destination + "/Docs/from-b.txt"), "b");
+    auto second = run();
+    EXPECT_NE(second.signal, SIGSEGV);
+    EXPECT_NE(second.signal, SIGABRT);
+}

@@ -107,3 +107,24 @@ TEST(CommandLineHelp, HelpAndVersionExitWithoutAWindow) {
     EXPECT_EQ(version.exitStatus, 0);
     EXPECT_EQ(version.out, "Ferrovane 0.1.0 (1)\n");
 }
+
+TEST_F(CommandLineLoading, ARunAnnouncesItsStartAndItsOutcome) {
+    std::string source = dir / "Documents";
+    std::string destination = dir / "Backup";
+    makeDirs(source);
+    makeDirs(destination);
+    writeFile(source + "/a.txt", "a");
+    writeFile(destination + "/.ferrovane.conf",
+              "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>settings</key><dict>"
+              "<key>syncMode</key><integer>1</integer><key>maxThreads</key><integer>2</integer></dict>"
+              "<key>sources</key><array><dict><key>sourcePath</key><string>" + source +
+              "</string><key>enabled</key><integer>1</integer>"
+              "<key>totalFilesCount</key><integer>2</integer></dict></array></dict></plist>");
+    auto result = run({destination});
+    ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
+    auto n = bus.notifications();
+    ASSERT_EQ(n.size(), 2u);
+    EXPECT_EQ(n[0], "Starting sync to: Backup\t");
+    // Both entries (the folder and its file) were copied out of the two counted.
+    EXPECT_EQ(n[1].rfind("Sync finished: Backup\tChanged: 100.0% Duration: ", 0), 0u) << n[1];
+}
