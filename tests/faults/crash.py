@@ -6,7 +6,7 @@ import random
 import subprocess
 import time
 
-from faultkit import (Failure, build, expect, expect_configuration, expect_kept, expect_mirror,
+from faultkit import (Failure, build, expect_configuration, expect_kept, expect_mirror,
                       expect_no_temporaries, files_below, generate_tree, content, read_configuration)
 
 NAME = "data"

@@ -6,7 +6,6 @@ import os
 import plistlib
 import random
 import shutil
-import signal
 import subprocess
 import tempfile
 import time
@@ -127,17 +126,6 @@ class Ferrovane:
 
 def tail(result):
     return (result.stdout[-600:] + result.stderr[-600:]).decode(errors="replace")
-
-
-def kill_after(process, seconds):
-    """SIGKILL the process after the given time, unless it ended before. Returns whether killed."""
-    try:
-        process.wait(timeout=seconds)
-        return False
-    except subprocess.TimeoutExpired:
-        process.send_signal(signal.SIGKILL)
-        process.wait()
-        return True
 
 
 # ---- checks
