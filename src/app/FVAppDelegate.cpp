@@ -1,9 +1,10 @@
 #include "app/FVAppDelegate.h"
 
 #include "FVVersion.h"
-#include "app/FVMainWindow.h"
+#include "app/AppController.h"
 
 #include <QApplication>
+#include <QIcon>
 
 namespace ferrovane {
 
@@ -12,8 +13,10 @@ int FVAppDelegate::main(int argc, char** argv) {
     QApplication::setApplicationName("Ferrovane");
     QApplication::setOrganizationName("Ferrovane");
     QApplication::setApplicationVersion(FERROVANE_VERSION);
-    FVMainWindow window;
-    window.show();
+    QApplication::setDesktopFileName("ferrovane");
+    QApplication::setWindowIcon(QIcon::fromTheme("ferrovane"));
+    AppController controller(AppEnvironment::system());
+    controller.initialiseApplication();
     return app.exec();
 }
 

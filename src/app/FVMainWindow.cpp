@@ -1,60 +1,155 @@
 #include "app/FVMainWindow.h"
 
 #include "app/FVCoverView.h"
-#include "engine/FVStrings.h"
+#include "app/FVDropZone.h"
+#include "app/FVQtStrings.h"
+#include "app/FVSourceListModel.h"
+#include "app/FVSourceListView.h"
+#include "app/FVThinProgressBar.h"
 
+#include <QCloseEvent>
 #include <QComboBox>
 #include <QHBoxLayout>
-#include <QHeaderView>
 #include <QLabel>
+#include <QMenuBar>
 #include <QPushButton>
 #include <QStackedLayout>
-#include <QStandardItemModel>
-#include <QTableView>
+#include <QToolButton>
 #include <QVBoxLayout>
 
 namespace ferrovane {
 
 namespace {
-QString text(const char* key) { return QString::fromStdString(FVStrings::localized(key)); }
+QToolButton* smallButton(const QString& text, const QString& tip, const char* name) {
+    auto* button = new QToolButton;
+    button->setText(text);
+    button->setToolTip(tip);
+    button->setObjectName(name);
+    button->setAutoRaise(false);
+    button->setFixedSize(28, 26);
+    return button;
+}
 }  // namespace
 
 FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
+    setObjectName("mainWindow");
     setWindowTitle("Ferrovane");
-    resize(760, 520);
+    setWindowIcon(QIcon::fromTheme("ferrovane"));
+    resize(900, 560);
 
     auto* central = new QWidget;
     auto* column = new QVBoxLayout(central);
+    column->setContentsMargins(12, 10, 12, 8);
+    column->setSpacing(6);
 
+    // Destination bar.
     auto* bar = new QHBoxLayout;
-    auto* destinations = new QComboBox;
-    destinations->setPlaceholderText(text("nodestination"));
-    destinations->setMinimumWidth(280);
-    auto* start = new QPushButton(text("syncbutton"));
-    start->setEnabled(false);
-    bar->addWidget(destinations, 1);
-    bar->addStretch();
-    bar->addWidget(start);
+    destinationIcon_ = new QLabel;
+    destinationIcon_->setFixedSize(32, 32);
+    targetPopup_ = new QComboBox;
+    targetPopup_->setObjectName("targetPopup");
+    targetPopup_->setPlaceholderText(localized("nodestination"));
+    targetPopup_->setMinimumWidth(300);
+    targetPopup_->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
+    addTargetButton_ = smallButton("+", localized("adddestinationtip"), "addTargetButton");
+    removeTargetButton_ = smallButton("−", localized("removedestinationtip"), "removeTargetButton");
+    optionsButton_ = new QPushButton(localized("optionsbutton"));
+    optionsButton_->setObjectName("optionsButton");
+    searchButton_ = new QPushButton(localized("searchbutton"));
+    searchButton_->setObjectName("searchButton");
+    startButton_ = new QPushButton(localized("syncbutton"));
+    startButton_->setObjectName("startButton");
+    startButton_->setDefault(true);
+    startButton_->setMinimumWidth(130);
+    bar->addWidget(destinationIcon_);
+    auto* destinationColumn = new QVBoxLayout;
+    destinationColumn->setSpacing(1);
+    auto* popupRow = new QHBoxLayout;
+    popupRow->setSpacing(4);
+    popupRow->addWidget(targetPopup_, 1);
+    popupRow->addWidget(addTargetButton_);
+    popupRow->addWidget(removeTargetButton_);
+    destinationColumn->addLayout(popupRow);
+    progressInfo_ = new QLabel;
+    progressInfo_->setObjectName("progressInfo");
+    progressInfo_->setForegroundRole(QPalette::PlaceholderText);
+    destinationColumn->addWidget(progressInfo_);
+    bar->addLayout(destinationColumn, 1);
+    bar->addSpacing(12);
+    bar->addWidget(optionsButton_);
+    bar->addWidget(searchButton_);
+    bar->addSpacing(8);
+    bar->addWidget(startButton_);
     column->addLayout(bar);
 
-    sourceModel_ = new QStandardItemModel(0, 4, this);
-    sourceModel_->setHorizontalHeaderLabels({"Name", "Path", "Mode", "Size"});
-    sourceList_ = new QTableView;
-    sourceList_->setModel(sourceModel_);
-    sourceList_->horizontalHeader()->setStretchLastSection(true);
-    sourceList_->verticalHeader()->hide();
+    progressView_ = new FVThinProgressBar;
+    progressView_->setObjectName("progressView");
+    column->addWidget(progressView_);
 
-    cover_ = new FVCoverView;
-    cover_->setMessage(text("viewnobackupselected"));
+    // The list, its drop zone, and the cover view lying over both.
+    auto* listArea = new QWidget;
+    listStack_ = new QStackedLayout(listArea);
+    listStack_->setContentsMargins(0, 0, 0, 0);
+    sourceList_ = new FVSourceListView;
+    dropZone_ = new FVDropZone;
+    listStack_->addWidget(sourceList_);
+    listStack_->addWidget(dropZone_);
+    coverView_ = new FVCoverView(listArea);
+    coverView_->setMessage(localized("viewnobackupselected"));
+    column->addWidget(listArea, 1);
 
-    auto* stack = new QStackedLayout;
-    stack->setStackingMode(QStackedLayout::StackAll);
-    stack->addWidget(sourceList_);
-    stack->addWidget(cover_);
-    stack->setCurrentWidget(cover_);
-    column->addLayout(stack, 1);
-
+    auto* bottom = new QHBoxLayout;
+    addSourceButton_ = smallButton("+", localized("addsourcetip"), "addSourceButton");
+    removeSourceButton_ = smallButton("−", localized("removesourcetip"), "removeSourceButton");
+    summaryLine_ = new QLabel;
+    summaryLine_->setObjectName("summaryLine");
+    summaryLine_->setForegroundRole(QPalette::PlaceholderText);
+    bottom->addWidget(addSourceButton_);
+    bottom->addWidget(removeSourceButton_);
+    bottom->addSpacing(8);
+    bottom->addWidget(summaryLine_, 1);
+    column->addLayout(bottom);
     setCentralWidget(central);
+
+    QMenu* file = menuBar()->addMenu(localized("menufile"));
+    file->addAction(localized("menuadddestination"), addTargetButton_, &QToolButton::click);
+    file->addAction(localized("menuremovedestination"), removeTargetButton_, &QToolButton::click);
+    file->addAction(localized("menuaddsources"), addSourceButton_, &QToolButton::click);
+    file->addSeparator();
+    file->addAction(localized("menuoptions"), optionsButton_, &QPushButton::click);
+    file->addAction(localized("menusearch"), searchButton_, &QPushButton::click);
+    showLogAction_ = file->addAction(localized("menushowlog"));
+    file->addSeparator();
+    quitAction_ = file->addAction(localized("menuquit"));
+    quitAction_->setShortcut(QKeySequence::Quit);
+    connect(quitAction_, &QAction::triggered, this, &QWidget::close);
+}
+
+void FVMainWindow::setSourceModel(FVSourceListModel* model) {
+    sourceList_->setModel(model);
+    connect(model, &QAbstractItemModel::modelReset, this, &FVMainWindow::updateEmptyState);
+    connect(model, &QAbstractItemModel::rowsInserted, this, &FVMainWindow::updateEmptyState);
+    updateEmptyState();
+}
+
+void FVMainWindow::updateEmptyState() {
+    bool empty = sourceList_->model()->rowCount() == 0;
+    listStack_->setCurrentWidget(empty ? static_cast<QWidget*>(dropZone_) : sourceList_);
+    removeSourceButton_->setEnabled(!empty);
+    coverView_->raise();
+}
+
+void FVMainWindow::closeEvent(QCloseEvent* event) {
+    if (closeHandler_ && !closeHandler_()) {
+        event->ignore();
+        return;
+    }
+    event->accept();
+}
+
+void FVMainWindow::changeEvent(QEvent* event) {
+    if (event->type() == QEvent::ActivationChange && isActiveWindow()) emit becameActive();
+    QMainWindow::changeEvent(event);
 }
 
 }  // namespace ferrovane

@@ -1,26 +1,82 @@
 #pragma once
-// The main window: the destination bar, the source list, and the cover view that lies over the
-// list while no usable destination is open.
+// The main window's widgets: the destination bar, the source list with its drop zone and the
+// cover view over it, the summary lines. The behaviour behind them is AppController's.
 
 #include <QMainWindow>
 
+#include <functional>
+
+class QAction;
+class QComboBox;
 class QLabel;
-class QTableView;
-class QStandardItemModel;
+class QPushButton;
+class QStackedLayout;
+class QToolButton;
 
 namespace ferrovane {
 
 class FVCoverView;
+class FVDropZone;
+class FVSourceListModel;
+class FVSourceListView;
+class FVThinProgressBar;
 
 class FVMainWindow : public QMainWindow {
     Q_OBJECT
 public:
     explicit FVMainWindow(QWidget* parent = nullptr);
 
+    void setSourceModel(FVSourceListModel* model);
+    // Asked before the window closes; false keeps it open.
+    void setCloseHandler(std::function<bool()> handler) { closeHandler_ = std::move(handler); }
+
+    QComboBox* targetPopup() const { return targetPopup_; }
+    QLabel* destinationIcon() const { return destinationIcon_; }
+    QToolButton* addTargetButton() const { return addTargetButton_; }
+    QToolButton* removeTargetButton() const { return removeTargetButton_; }
+    QPushButton* startButton() const { return startButton_; }
+    QPushButton* optionsButton() const { return optionsButton_; }
+    QPushButton* searchButton() const { return searchButton_; }
+    QLabel* progressInfo() const { return progressInfo_; }
+    FVThinProgressBar* progressView() const { return progressView_; }
+    FVCoverView* coverView() const { return coverView_; }
+    FVSourceListView* sourceListView() const { return sourceList_; }
+    FVDropZone* dropZone() const { return dropZone_; }
+    QToolButton* addSourceButton() const { return addSourceButton_; }
+    QToolButton* removeSourceButton() const { return removeSourceButton_; }
+    QLabel* summaryLine() const { return summaryLine_; }
+    QAction* showLogAction() const { return showLogAction_; }
+    QAction* quitAction() const { return quitAction_; }
+
+signals:
+    void becameActive();
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+    void changeEvent(QEvent* event) override;
+
 private:
-    QTableView* sourceList_ = nullptr;
-    QStandardItemModel* sourceModel_ = nullptr;
-    FVCoverView* cover_ = nullptr;
+    void updateEmptyState();
+
+    std::function<bool()> closeHandler_;
+    QComboBox* targetPopup_;
+    QLabel* destinationIcon_;
+    QToolButton* addTargetButton_;
+    QToolButton* removeTargetButton_;
+    QPushButton* startButton_;
+    QPushButton* optionsButton_;
+    QPushButton* searchButton_;
+    QLabel* progressInfo_;
+    FVThinProgressBar* progressView_;
+    QStackedLayout* listStack_;
+    FVSourceListView* sourceList_;
+    FVDropZone* dropZone_;
+    FVCoverView* coverView_;
+    QToolButton* addSourceButton_;
+    QToolButton* removeSourceButton_;
+    QLabel* summaryLine_;
+    QAction* showLogAction_;
+    QAction* quitAction_;
 };
 
 }  // namespace ferrovane

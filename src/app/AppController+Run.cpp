@@ -1,0 +1,291 @@
+// Starting and cancelling a run from the window, following it, and showing its outcome.
+
+#include "app/AppController.h"
+
+#include "app/FVAlert.h"
+#include "app/FVCoverView.h"
+#include "app/FVErrorPanel.h"
+#include "app/FVMainWindow.h"
+#include "app/FVQtStrings.h"
+#include "app/FVThinProgressBar.h"
+#include "engine/FVAdditions.h"
+#include "engine/FVConfigurationFile.h"
+#include "engine/FVText.h"
+
+#include <QApplication>
+#include <QComboBox>
+#include <QPushButton>
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <set>
+#include <unistd.h>
+
+namespace ferrovane {
+
+namespace {
+
+// The destination's own volume files, archives and configuration, kept when "/" is mirrored.
+const std::vector<std::string> kRootCloneProtectedPaths = {
+    "/.com.apple.timemachine.supported", "/.VolumeIcon.icns", "/.hotfiles.btree", "/.fseventsd",
+    "/.Spotlight-V100", "/.Trashes", "/__removed", "/__changed", "/.ferrovane.conf", "/.DocumentRevisions-V100"};
+
+// A clone of "/" needs a file system that keeps Unix owners and modes.
+bool keepsOwnersAndModes(const std::string& type) {
+    static const std::set<std::string> types = {"ext2", "ext3", "ext4", "xfs", "btrfs", "f2fs", "zfs"};
+    return types.count(type) > 0;
+}
+
+}  // namespace
+
+QString AppController::destinationName() const { return qPath(FVText::lastPathComponent(currentTargetPath_)); }
+
+void AppController::startOrCancelSync() {
+    QPushButton* button = window_->startButton();
+    FVCoverView* cover = window_->coverView();
+    if (backupIsRunning_) {
+        button->setEnabled(false);
+        cover->clearMessages();
+        cover->setMessage(localized("viewstoppingbackup"));
+        cancelling_ = true;
+        backupSession_->cancel();
+        return;
+    }
+    if (starting_) {
+        // Stopped before the session exists: nothing ran, nothing was written.
+        abortStart();
+        return;
+    }
+    if (!passesStartChecks()) return;
+    window_->targetPopup()->setEnabled(false);
+    window_->progressView()->setProgress(0);
+    cover->clearMessages();
+    cover->setProgress(0);
+    cover->setMessage(localized("viewstartingbackup"));
+    button->setText(localized("cancelbutton"));
+    setDestinationControlsEnabled(false);
+    setOptionWidgetsEnabled(false);
+    starting_ = true;
+    cover->scrollIn([this] { startSync(); });
+}
+
+bool AppController::passesStartChecks() {
+    std::vector<std::string> paths;
+    for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
+        if (item->enabled() == int64_t(FVSourceMode::Backup)) paths.push_back(item->sourcePath());
+
+    if (access(currentTargetPath_.c_str(), R_OK) != 0 || access(currentTargetPath_.c_str(), W_OK) != 0) {
+        QMessageBox* box = FVAlert::show(window_.get(), "backupnotfound", "backupnotfoundlong");
+        box->raise();
+        resetInterface();
+        return false;
+    }
+    if (paths.empty()) {
+        FVAlert::show(window_.get(), "nosources", "nosourceslong");
+        return false;
+    }
+    if (std::find(paths.begin(), paths.end(), "/") != paths.end()) {
+        if (!environment_.runningAsRoot) {
+            FVAlert::show(window_.get(), "cloningbutnotroot", "cloningbutnotrootlong");
+            return false;
+        }
+        if (!keepsOwnersAndModes(FVFileManager::filesystemTypeAtPath(currentTargetPath_))) {
+            FVAlert::show(window_.get(), "cloningbutnothfs", "cloningbutnothfslong");
+            return false;
+        }
+        if (paths.size() >= 2) {
+            FVAlert::show(window_.get(), "cloningwithothersources", "cloningwithothersourceslong");
+            return false;
+        }
+    }
+    const PlistValue* syncMode = optionsPanelController_.optionValueForKey(FVOptionKey::syncMode);
+    if (syncMode && syncMode->integerValue() == 1) {
+        std::set<std::string> names;
+        for (const std::string& path : paths) {
+            if (!names.insert(FVText::lastPathComponent(path)).second) {
+                FVAlert::show(window_.get(), "syncmodeNotUniqueItems", "syncmodeNotUniqueItemsLong");
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+void AppController::abortStart() {
+    starting_ = false;
+    window_->startButton()->setText(localized("syncbutton"));
+    window_->coverView()->setProgress(-1);
+    window_->coverView()->openView();
+    setDestinationControlsEnabled(true);
+    setOptionWidgetsEnabled(true);
+}
+
+void AppController::startSync() {
+    starting_ = false;
+    notifyUnlessActive({"Sync started: " + FVText::lastPathComponent(currentTargetPath_), "", ""});
+    writeSettings();
+    backupIsRunning_ = true;
+    backupSetController_.setDisableSizeEvaluation(true);
+    backupSetController_.cancelSizeEvaluation();
+    window_->progressView()->setProgress(1.0);
+    window_->coverView()->setProgress(1.0);
+
+    backupSession_ = std::make_unique<FVBackupSession>();
+    backupSession_->setDelegate(this);
+    backupSession_->setDestinationPath(currentTargetPath_);
+    // A copy: the session reads the options on its threads while the window may change its own.
+    backupSession_->setBackupOptions(std::make_shared<PlistDict>(*optionsPanelController_.allOptions()));
+    backupSession_->setBackupSet(backupSetController_.arrangedObjects());
+    backupSession_->setExcludePaths(backupSetController_.excludePaths());
+    std::vector<std::string> setPaths = backupSetController_.backupSetPaths();
+    backupSession_->setDestinationPathsToExcludeFromCleanup(
+        std::find(setPaths.begin(), setPaths.end(), "/") != setPaths.end() ? kRootCloneProtectedPaths
+                                                                            : std::vector<std::string>{});
+    backupSession_->start();
+    emit runStarted();
+}
+
+// The session calls these on its threads; the window's work is queued to the GUI thread.
+void AppController::backupSessionProgressDidChange(FVBackupSession&) {
+    // Progress arrives per file: one queued update at a time is enough.
+    if (progressPosted_.exchange(true)) return;
+    QMetaObject::invokeMethod(this, [this] {
+        progressPosted_ = false;
+        handleProgress();
+    }, Qt::QueuedConnection);
+}
+
+void AppController::backupSessionDidCancel(FVBackupSession&) {
+    QMetaObject::invokeMethod(this, &AppController::handleCancel, Qt::QueuedConnection);
+}
+
+void AppController::backupSessionDidFinish(FVBackupSession&) {
+    QMetaObject::invokeMethod(this, &AppController::handleFinish, Qt::QueuedConnection);
+}
+
+void AppController::handleProgress() {
+    if (!backupIsRunning_ || !backupSession_) return;
+    double percent = backupSession_->progressPercent();
+    FVCoverView* cover = window_->coverView();
+    cover->setProgress(percent);
+    cover->setMessage(QString::fromStdString(backupSession_->currentTaskDescription()));
+    FVSyncingBackup* job = backupSession_->syncingBackup();
+    cover->setDetailMessage(localizedFormat("viewbackupprogressnumdetail", job ? job->currentUpdateCount() : 0));
+    cover->setSmallMessage({});
+    window_->progressView()->setProgress(percent);
+}
+
+void AppController::notifyUnlessActive(const FVUserNotification& notification) {
+    if (environment_.notifier && !window_->isActiveWindow()) environment_.notifier->deliver(notification);
+}
+
+void AppController::showErrorPanel(const std::vector<std::string>& errors) {
+    auto* panel = new FVErrorPanel(window_.get(), errors);
+    connect(panel, &QDialog::finished, this, [this] { window_->coverView()->openViewDelayedBy(0.5); });
+    panel->open();
+}
+
+void AppController::resumeSizeEvaluation() {
+    backupSetController_.setDisableSizeEvaluation(false);
+    // The run's write removed every measured size; this measures them all again.
+    backupSetController_.evaluateItemModeChange();
+}
+
+void AppController::handleCancel() {
+    FVCoverView* cover = window_->coverView();
+    window_->progressView()->setProgress(0);
+    cover->setProgress(-1);
+    cover->clearMessages();
+    window_->startButton()->setText(localized("syncbutton"));
+    window_->startButton()->setEnabled(true);
+    setDestinationControlsEnabled(true);
+    setOptionWidgetsEnabled(true);
+
+    std::vector<std::string> errors = backupSession_->errorMessages();
+    FVUserNotification notification{"Sync canceled: " + FVText::lastPathComponent(currentTargetPath_), "", ""};
+    if (!errors.empty()) notification.subtitle = fmt::format("{} Errors occurred, please check log.", errors.size());
+    notifyUnlessActive(notification);
+
+    backupIsRunning_ = false;
+    cancelling_ = false;
+    resumeSizeEvaluation();
+    if (closeAfterRun_) {
+        finishRunAndMaybeClose();
+        return;
+    }
+    if (!errors.empty()) {
+        showErrorPanel(errors);
+    } else {
+        QMessageBox* box = FVAlert::show(window_.get(), "cancelalert", "cancelalertlong", QMessageBox::Critical,
+                                         [this] { window_->coverView()->openView(); });
+        box->raise();
+    }
+    finishRunAndMaybeClose();
+}
+
+void AppController::handleFinish() {
+    writeSettings();
+    backupIsRunning_ = false;
+    cancelling_ = false;
+    setDestinationControlsEnabled(true);
+    setOptionWidgetsEnabled(true);
+
+    int32_t updated = 0;
+    for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
+        updated += static_cast<int32_t>(item->integerValue(FVSourceKey::updatedFilesCount));
+    uint32_t total = backupSetController_.fileCountOfEnabledItems();
+    double share = total == 0 ? 0.0 : updated / (total * 0.01);
+    FVSyncingBackup* job = backupSession_->syncingBackup();
+    std::string duration = job ? job->currentDurationString() : "";
+
+    FVCoverView* cover = window_->coverView();
+    cover->clearMessages();
+    cover->setMessage(localizedFormat("viewbackupfinished", updated, share));
+    cover->setDetailMessage(localizedFormat("backupduration", duration));
+    cover->setProgress(-1);
+    window_->progressView()->setProgress(0);
+    window_->startButton()->setText(localized("syncbutton"));
+    window_->startButton()->setEnabled(true);
+
+    std::vector<std::string> errors = backupSession_->errorMessages();
+    FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(currentTargetPath_),
+                                    fmt::format("Changed: {:.1f}% Duration: {}", share, duration), ""};
+    if (!errors.empty()) notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());
+    notifyUnlessActive(notification);
+
+    resumeSizeEvaluation();
+    if (!closeAfterRun_) {
+        if (!errors.empty()) {
+            showErrorPanel(errors);
+        } else {
+            QApplication::alert(window_.get());
+            if (window_->isActiveWindow()) cover->openViewDelayedBy(4.0);
+            else coverViewShouldOpenOnBecomeMain_ = true;
+        }
+    }
+    finishRunAndMaybeClose();
+}
+
+void AppController::finishRunAndMaybeClose() {
+    emit runEnded();
+    if (closeAfterRun_) window_->close();
+}
+
+bool AppController::windowShouldClose() {
+    if (starting_) abortStart();
+    if (!backupIsRunning_) {
+        writeSettingsIfOpen();
+        closeAfterRun_ = false;
+        return true;
+    }
+    if (closeAfterRun_) return false;  // already stopping; the window closes when the run has ended
+    FVAlert::ask(window_.get(), "quitwhilerunning", "quitwhilerunninglong", "continuebutton", "stopandquitbutton",
+                 [this](bool stop) {
+                     if (!stop || !backupIsRunning_) return;
+                     closeAfterRun_ = true;
+                     if (!cancelling_) startOrCancelSync();
+                 });
+    return false;
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,473 @@
+#include "app/AppController.h"
+
+#include "app/FVAlert.h"
+#include "app/FVCoverView.h"
+#include "app/FVDestinationSearchSheet.h"
+#include "app/FVDropZone.h"
+#include "app/FVFileReveal.h"
+#include "app/FVMainWindow.h"
+#include "app/FVOptionsPanel.h"
+#include "app/FVQtStrings.h"
+#include "app/FVSourceListModel.h"
+#include "app/FVSourceListView.h"
+#include "app/FVThinProgressBar.h"
+#include "engine/FVAdditions.h"
+#include "engine/FVConfigurationFile.h"
+#include "engine/FVLog.h"
+#include "engine/FVText.h"
+
+#include <QApplication>
+#include <QComboBox>
+#include <QEventLoop>
+#include <QDesktopServices>
+#include <QFileDialog>
+#include <QFileIconProvider>
+#include <QFileInfo>
+#include <QLabel>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QPushButton>
+#include <QSettings>
+#include <QStatusBar>
+#include <QStorageInfo>
+#include <QToolButton>
+#include <QUrl>
+#include <QVersionNumber>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace ferrovane {
+
+namespace {
+
+bool isReadableAndWritable(const std::string& path) { return access(path.c_str(), R_OK | W_OK) == 0; }
+
+QPixmap iconFor(const QString& path) { return QFileIconProvider().icon(QFileInfo(path)).pixmap(32, 32); }
+
+QPixmap noDestinationIcon(QWidget* widget) {
+    return widget->style()->standardIcon(QStyle::SP_MessageBoxQuestion).pixmap(32, 32, QIcon::Disabled);
+}
+
+}  // namespace
+
+AppEnvironment AppEnvironment::system() {
+    return {geteuid() == 0, std::make_shared<FVProcessCommandRunner>(), makeDesktopNotifier()};
+}
+
+AppController::AppController(AppEnvironment environment, QObject* parent)
+    : QObject(parent),
+      environment_(std::move(environment)),
+      mainQueue_(this),
+      backupSetController_(&mainQueue_),
+      launchAgentManager_(environment_.commandRunner),
+      optionsPanelController_(launchAgentManager_),
+      sourceModel_(std::make_unique<FVSourceListModel>(backupSetController_)),
+      window_(std::make_unique<FVMainWindow>()) {
+    FVMainWindow* w = window_.get();
+    w->setSourceModel(sourceModel_.get());
+    w->setCloseHandler([this] { return windowShouldClose(); });
+
+    connect(w->targetPopup(), &QComboBox::activated, this, &AppController::performTargetMenuSelection);
+    connect(w->addTargetButton(), &QToolButton::clicked, this, &AppController::showNewBackupPanel);
+    connect(w->removeTargetButton(), &QToolButton::clicked, this, &AppController::removeTargetWidgetClicked);
+    connect(w->startButton(), &QPushButton::clicked, this, &AppController::startOrCancelSync);
+    connect(w->optionsButton(), &QPushButton::clicked, this, &AppController::showOptionsPanel);
+    connect(w->searchButton(), &QPushButton::clicked, this, &AppController::showSearchBackupPanel);
+    connect(w->addSourceButton(), &QToolButton::clicked, this, &AppController::addSourcePath);
+    connect(w->removeSourceButton(), &QToolButton::clicked, this, &AppController::removeSelectedSources);
+    connect(w->sourceListView(), &FVSourceListView::removeRequested, this, &AppController::removeSelectedSources);
+    connect(w->sourceListView(), &QAbstractItemView::doubleClicked, this, &AppController::tableViewDoubleAction);
+    connect(w->dropZone(), &FVDropZone::pathsDropped, this, [this](const QStringList& paths) { addSourcePaths(paths, 0); });
+    connect(w->showLogAction(), &QAction::triggered, this, &AppController::showLog);
+    connect(sourceModel_.get(), &FVSourceListModel::pathsDropped, this, &AppController::addSourcePaths);
+    connect(sourceModel_.get(), &FVSourceListModel::summaryChanged, this, &AppController::updateSummaryLine);
+    connect(sourceModel_.get(), &FVSourceListModel::rowsRearranged, this, [this](int first, int count) {
+        window_->sourceListView()->selectRows(first, count);
+        writeSettingsIfOpen();
+    });
+    // Edits of the list are saved at once, so that a scheduled run sees them; never during a run,
+    // whose results are written when it finishes.
+    connect(sourceModel_.get(), &QAbstractItemModel::modelReset, this, [this] {
+        if (!backupIsRunning_) writeSettingsIfOpen();
+    });
+    connect(sourceModel_.get(), &QAbstractItemModel::dataChanged, this,
+            [this](const QModelIndex& topLeft, const QModelIndex& bottomRight) {
+                if (topLeft.column() <= FVSourceListModel::ModeColumn &&
+                    bottomRight.column() >= FVSourceListModel::ModeColumn && !backupIsRunning_)
+                    writeSettingsIfOpen();
+            });
+    connect(w->coverView(), &FVCoverView::coverStateChanged, this,
+            [this] { sourceModel_->setAcceptsDrops(window_->coverView()->isFullyHidden()); });
+    connect(w, &FVMainWindow::becameActive, this, [this] {
+        if (!coverViewShouldOpenOnBecomeMain_) return;
+        coverViewShouldOpenOnBecomeMain_ = false;
+        window_->coverView()->openViewDelayedBy(0.5);
+    });
+
+    QSettings settings;
+    destinations_.load(settings);
+    reloadTargetPopup();
+    w->startButton()->setEnabled(false);
+    setOptionWidgetsEnabled(false);
+}
+
+AppController::~AppController() {
+    // A session still running would call back into a destroyed controller.
+    if (backupSession_ && backupIsRunning_) {
+        backupSession_->cancel();
+        QEventLoop loop;
+        connect(this, &AppController::runEnded, &loop, &QEventLoop::quit);
+        if (backupIsRunning_) loop.exec();
+    }
+}
+
+void AppController::initialiseApplication() {
+    window_->show();
+    window_->raise();
+    window_->activateWindow();
+    QSettings settings;
+    if (!settings.value("suppressDonationRequest").toBool()) {
+        auto* box = new QMessageBox(window_.get());
+        box->setObjectName("alert-donationText");
+        box->setAttribute(Qt::WA_DeleteOnClose);
+        box->setWindowModality(Qt::WindowModal);
+        box->setIcon(QMessageBox::Information);
+        box->setText(localized("donationText"));
+        box->setInformativeText(localized("donationInformativeText"));
+        const QString donationAddress = FERROVANE_DONATION_URL;
+        QPushButton* donate = donationAddress.isEmpty() ? nullptr : box->addButton(localized("donationDonate"), QMessageBox::AcceptRole);
+        box->addButton(localized("donationLater"), QMessageBox::RejectRole);
+        QPushButton* done = box->addButton(localized("donationDone"), QMessageBox::DestructiveRole);
+        connect(box, &QMessageBox::finished, box, [box, donate, done, donationAddress] {
+            if (donate && box->clickedButton() == donate) QDesktopServices::openUrl(QUrl(donationAddress));
+            if (box->clickedButton() == done) QSettings().setValue("suppressDonationRequest", true);
+        });
+        box->open();
+    }
+    if (!settings.value("disableUpdateCheck").toBool()) checkForUpdates();
+    openRecentTargetPath();
+}
+
+void AppController::checkForUpdates() {
+    const QString address = FERROVANE_UPDATE_URL;
+    if (address.isEmpty()) return;
+    auto* network = new QNetworkAccessManager(this);
+    QNetworkRequest request{QUrl(address)};
+    request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
+    QNetworkReply* reply = network->get(request);
+    connect(reply, &QNetworkReply::finished, this, [this, reply, network] {
+        QVersionNumber latest = QVersionNumber::fromString(QString::fromUtf8(reply->readAll()).trimmed());
+        if (reply->error() == QNetworkReply::NoError && latest > QVersionNumber::fromString(QApplication::applicationVersion()))
+            window_->statusBar()->showMessage(localizedFormat("updateavailable", latest.toString().toStdString()));
+        reply->deleteLater();
+        network->deleteLater();
+    });
+}
+
+// ---- Destinations
+
+void AppController::reloadTargetPopup() {
+    QComboBox* popup = window_->targetPopup();
+    popup->clear();
+    for (const FVDestination& entry : destinations_.entries()) {
+        QString name = QFileInfo(entry.targetPath).fileName();
+        popup->addItem(QFileIconProvider().icon(QFileInfo(entry.targetPath)), name.isEmpty() ? entry.targetPath : name);
+        popup->setItemData(popup->count() - 1, entry.targetPath, Qt::ToolTipRole);
+    }
+    popup->setCurrentIndex(destinations_.isEmpty() ? -1 : destinations_.selectedIndex());
+    window_->removeTargetButton()->setEnabled(!destinations_.isEmpty());
+}
+
+void AppController::saveDestinations() {
+    QSettings settings;
+    destinations_.save(settings);
+}
+
+void AppController::setDestinationControlsEnabled(bool enabled) {
+    window_->targetPopup()->setEnabled(enabled);
+    window_->addTargetButton()->setEnabled(enabled);
+    window_->removeTargetButton()->setEnabled(enabled && !destinations_.isEmpty());
+}
+
+void AppController::setOptionWidgetsEnabled(bool enabled) {
+    window_->optionsButton()->setEnabled(enabled);
+    window_->searchButton()->setEnabled(enabled);
+    window_->addSourceButton()->setEnabled(enabled);
+}
+
+void AppController::showNewBackupPanel() {
+    auto* panel = new QFileDialog(window_.get());
+    panel->setAttribute(Qt::WA_DeleteOnClose);
+    panel->setWindowModality(Qt::WindowModal);
+    panel->setFileMode(QFileDialog::Directory);
+    panel->setOption(QFileDialog::ShowDirsOnly);
+    panel->setLabelText(QFileDialog::Accept, localized("selecttargetpanelbutton"));
+    connect(panel, &QFileDialog::fileSelected, this, [this](const QString& path) {
+        window_->progressView()->setProgress(0);
+        window_->coverView()->setProgress(-1);
+        window_->startButton()->setEnabled(false);
+        addAndOpenNewDestination(path);
+    });
+    panel->open();
+}
+
+void AppController::addAndOpenNewDestination(const QString& path) {
+    writeSettingsIfOpen();
+    QString clean = qPath(FVText::standardizedPath(stdPath(QFileInfo(path).absoluteFilePath())));
+    destinations_.setSelectedIndex(destinations_.add(clean));
+    saveDestinations();
+    reloadTargetPopup();
+    window_->startButton()->setEnabled(false);
+    window_->coverView()->setMessage(localized("selectingbackup"));
+    window_->coverView()->scrollIn([this] { performSelectTargetMenuItem(); });
+}
+
+void AppController::performTargetMenuSelection(int index) {
+    if (index < 0 || index >= destinations_.count()) return;
+    writeSettingsIfOpen();
+    destinations_.setSelectedIndex(index);
+    saveDestinations();
+    window_->progressView()->setProgress(0);
+    window_->coverView()->setProgress(-1);
+    window_->startButton()->setEnabled(false);
+    FVCoverView* cover = window_->coverView();
+    cover->clearMessages();
+    cover->setMessage(localized("selectingbackup"));
+    if (isReadableAndWritable(stdPath(destinations_.at(index).targetPath))) {
+        cover->scrollIn([this] { performSelectTargetMenuItem(); });
+        return;
+    }
+    FVAlert::ask(window_.get(), "removetarget", "removetargetlong", "keepbutton", "removebutton", [this](bool remove) {
+        if (remove) {
+            removeSelectedDestinationAndUpdateForSelectedItem();
+            return;
+        }
+        resetInterface();
+        setOptionWidgetsEnabled(false);
+        currentTargetPath_.clear();
+        openRecentTargetPath();
+    });
+}
+
+void AppController::performSelectTargetMenuItem() {
+    backupSetController_.removeAllItems();
+    setOptionWidgetsEnabled(false);
+    openRecentTargetPath();
+}
+
+void AppController::showDestinationUnusable(const char* messageKey) {
+    FVCoverView* cover = window_->coverView();
+    cover->clearMessages();
+    cover->setMessage(localized(messageKey));
+    cover->setSmallMessage(qPath(currentTargetPath_));
+    cover->scrollIn();
+    window_->destinationIcon()->setPixmap(noDestinationIcon(window_.get()));
+    window_->progressInfo()->clear();
+    window_->startButton()->setEnabled(false);
+    setOptionWidgetsEnabled(false);
+}
+
+void AppController::openRecentTargetPath() {
+    FVCoverView* cover = window_->coverView();
+    if (destinations_.isEmpty()) {
+        currentTargetPath_.clear();
+        window_->destinationIcon()->clear();
+        window_->progressInfo()->clear();
+        cover->clearMessages();
+        cover->setMessage(localized("viewnobackupselected"));
+        cover->scrollIn();
+        window_->startButton()->setEnabled(false);
+        setOptionWidgetsEnabled(false);
+        return;
+    }
+    cover->clearMessages();
+    cover->setMessage(localized("selectingbackup"));
+    const int index = destinations_.selectedIndex();
+    currentTargetPath_ = stdPath(destinations_.at(index).targetPath);
+    if (access(currentTargetPath_.c_str(), F_OK) != 0) {
+        showDestinationUnusable("destinationunavailable");
+        return;
+    }
+    if (!isReadableAndWritable(currentTargetPath_)) {
+        showDestinationUnusable("destinationnopermissions");
+        return;
+    }
+    if (access(FVConfigurationFile::currentPath(currentTargetPath_).c_str(), F_OK) != 0 &&
+        access(FVConfigurationFile::legacyPath(currentTargetPath_).c_str(), F_OK) == 0)
+        FVAlert::show(window_.get(), "Ferrovane3UpgradeAlertMessage", "Ferrovane3UpgradeAlertText", QMessageBox::Information);
+    readSettings();
+    if (optionsPanelController_.boolForOptionsKey(FVOptionKey::isSuperuserBackup) && !environment_.runningAsRoot) {
+        showDestinationUnusable("destinationrequiressuperuser");
+        return;
+    }
+    updateSizeDisplay();
+    QString uuid = QString::fromStdString(optionsPanelController_.uuid());
+    if (!uuid.isEmpty() && destinations_.at(index).uuid != uuid) {
+        destinations_.setUUID(index, uuid);
+        saveDestinations();
+    }
+    window_->destinationIcon()->setPixmap(iconFor(qPath(currentTargetPath_)));
+    window_->startButton()->setEnabled(true);
+    setOptionWidgetsEnabled(true);
+    cover->openViewDelayedBy(0.5);
+
+    for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects()) {
+        if (item->enabled() != int64_t(FVSourceMode::Backup)) continue;
+        struct stat st;
+        if (lstat(item->sourcePath().c_str(), &st) != 0) {
+            FVAlert::show(window_.get(), "sourcesunavailable", "sourcesunavailablelong", QMessageBox::Critical);
+            break;
+        }
+    }
+}
+
+void AppController::resetInterface() {
+    window_->progressView()->setProgress(0);
+    FVCoverView* cover = window_->coverView();
+    cover->setProgress(-1);
+    cover->clearMessages();
+    cover->setMessage(localized(destinations_.isEmpty() ? "viewnobackupselected" : "destinationunavailable"));
+    cover->scrollIn();
+    window_->startButton()->setText(localized("syncbutton"));
+    window_->startButton()->setEnabled(false);
+    backupSetController_.removeAllItems();
+}
+
+void AppController::removeTargetWidgetClicked() {
+    if (destinations_.isEmpty() || backupIsRunning_) return;
+    writeSettingsIfOpen();
+    FVAlert::ask(window_.get(), "removetargetclicked", "removetargetclickedlong", "cancelbuttontitle", "removebutton",
+                 [this](bool remove) {
+                     if (remove) removeSelectedDestinationAndUpdateForSelectedItem();
+                 });
+}
+
+void AppController::removeSelectedDestinationAndUpdateForSelectedItem() {
+    int index = window_->targetPopup()->currentIndex();
+    destinations_.removeAt(index);
+    if (index >= destinations_.count()) index = 0;
+    destinations_.setSelectedIndex(index);
+    saveDestinations();
+    reloadTargetPopup();
+    std::vector<std::string> ids;
+    for (const QString& id : destinations_.uuids()) ids.push_back(id.toStdString());
+    launchAgentManager_.cleanJobsWithoutIDs(ids);
+    window_->startButton()->setEnabled(false);
+    window_->coverView()->clearMessages();
+    window_->coverView()->setMessage(localized("selectingbackup"));
+    window_->coverView()->scrollIn([this] { performSelectTargetMenuItem(); });
+}
+
+// ---- Configuration
+
+void AppController::readSettings() {
+    backupSetController_.removeAllItems();
+    FVConfigurationFile::convertLegacyFile(currentTargetPath_);
+    FVConfigurationReadResult read = FVConfigurationFile::read(FVConfigurationFile::currentPath(currentTargetPath_));
+    if (read.status == FVConfigurationReadStatus::Ok) {
+        backupSetController_.addBackupItems(read.configuration.sources);
+        optionsPanelController_.setAllOptions(read.configuration.settings);
+    } else {
+        // Unreadable or malformed: treated as missing, and replaced by the write below.
+        optionsPanelController_.setAllOptions(nullptr);
+    }
+    writeSettings();
+}
+
+void AppController::writeSettings() {
+    if (currentTargetPath_.empty()) return;
+    if (environment_.runningAsRoot) optionsPanelController_.allOptions()->set(FVOptionKey::isSuperuserBackup, true);
+    FVConfigurationFile::writeSettingsForSourceConfiguration(backupSetController_.arrangedObjects(),
+                                                             *optionsPanelController_.allOptions(),
+                                                             FVConfigurationFile::formattedPath(currentTargetPath_));
+}
+
+void AppController::writeSettingsIfOpen() {
+    if (window_->coverView()->isFullyHidden()) writeSettings();
+}
+
+void AppController::updateSizeDisplay() {
+    QString value = "--";
+    std::string type = FVFileManager::filesystemTypeAtPath(currentTargetPath_);
+    if (type != "webdav" && type != "davfs" && type != "fuse.davfs") {
+        double free = double(QStorageInfo(qPath(currentTargetPath_)).bytesAvailable());
+        double megabytes = free * 1e-6;
+        if (megabytes > 1000.0) value = localizedFormat("gbfree", free * 1e-9);
+        else if (megabytes > 0.0) value = localizedFormat("mbfree", megabytes);
+    }
+    window_->progressInfo()->setText(localizedFormat("availablespace", value.toStdString()));
+}
+
+void AppController::updateSummaryLine() {
+    window_->summaryLine()->setText(backupSetController_.count() == 0
+                                        ? QString()
+                                        : QString::fromStdString(backupSetController_.totalSizeString()));
+}
+
+// ---- Sources
+
+void AppController::addSourcePath() {
+    auto* panel = new QFileDialog(window_.get());
+    panel->setAttribute(Qt::WA_DeleteOnClose);
+    panel->setWindowModality(Qt::WindowModal);
+    panel->setFileMode(QFileDialog::ExistingFiles);
+    panel->setLabelText(QFileDialog::Accept, localized("addsourcebutton"));
+    connect(panel, &QFileDialog::filesSelected, this, [this](const QStringList& paths) { addSourcePaths(paths, 0); });
+    panel->open();
+}
+
+void AppController::addSourcePaths(const QStringList& paths, int index) {
+    std::vector<std::string> items;
+    for (const QString& path : paths) items.push_back(FVText::standardizedPath(stdPath(QFileInfo(path).absoluteFilePath())));
+    if (backupSetController_.addBackupPaths(items, size_t(std::max(index, 0))) < items.size()) QApplication::beep();
+}
+
+void AppController::removeSelectedSources() {
+    QList<int> rows = window_->sourceListView()->selectedRows();
+    std::vector<size_t> indexes(rows.begin(), rows.end());
+    if (!indexes.empty()) backupSetController_.removeItemsAtIndexes(indexes);
+}
+
+void AppController::tableViewDoubleAction() {
+    QList<int> rows = window_->sourceListView()->selectedRows();
+    if (rows.isEmpty()) return;
+    std::vector<FVSourceItemPtr> items = backupSetController_.arrangedObjects();
+    if (size_t(rows.first()) < items.size()) FVFileReveal::revealPath(qPath(items[size_t(rows.first())]->sourcePath()));
+}
+
+void AppController::showLog() {
+    QString path = qPath(FVLog::logFilePath());
+    if (QFileInfo::exists(path)) QDesktopServices::openUrl(QUrl::fromLocalFile(path));
+}
+
+// ---- Sheets
+
+void AppController::showOptionsPanel() {
+    auto* panel = new FVOptionsPanel(window_.get(), optionsPanelController_, environment_.runningAsRoot);
+    connect(panel, &QDialog::finished, this, &AppController::updateAutomationsAfterOptions);
+    panel->open();
+}
+
+void AppController::updateAutomationsAfterOptions() {
+    std::string error;
+    bool scheduled = optionsPanelController_.updateAutomations(currentTargetPath_, &error);
+    int index = destinations_.indexOf(qPath(currentTargetPath_));
+    if (index >= 0) {
+        destinations_.setUUID(index, QString::fromStdString(optionsPanelController_.uuid()));
+        saveDestinations();
+    }
+    writeSettingsIfOpen();
+    if (!scheduled) {
+        QMessageBox* box = FVAlert::show(window_.get(), "automationfailed", "automationfailedlong");
+        box->setInformativeText(localized("automationfailedlong") + "\n\n" + QString::fromStdString(error));
+    }
+}
+
+void AppController::showSearchBackupPanel() {
+    if (currentTargetPath_.empty()) return;
+    auto* sheet = new FVDestinationSearchSheet(window_.get(), mainQueue_, qPath(currentTargetPath_));
+    sheet->open();
+}
+
+}  // namespace ferrovane

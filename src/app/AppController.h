@@ -1,0 +1,136 @@
+#pragma once
+// The main window's controller: the destinations and the opening of one, the source list, the
+// checks before a run, the run and its outcome, the options and search sheets, and writing the
+// destination's configuration.
+
+#include "app/FVDestinationList.h"
+#include "app/FVQtMainQueue.h"
+#include "backupset/BackupSetController.h"
+#include "engine/FVBackupSession.h"
+#include "platform/FVCommandRunner.h"
+#include "platform/FVUserNotifier.h"
+#include "scheduling/FVLaunchAgentManager.h"
+#include "scheduling/FVOptionsPanelController.h"
+
+#include <QObject>
+#include <QPointer>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+class QMessageBox;
+
+namespace ferrovane {
+
+class FVMainWindow;
+class FVSourceListModel;
+
+// What the controller takes from the system, replaceable in tests.
+struct AppEnvironment {
+    bool runningAsRoot = false;
+    std::shared_ptr<FVCommandRunner> commandRunner;
+    std::shared_ptr<FVUserNotifier> notifier;
+    static AppEnvironment system();
+};
+
+class AppController : public QObject, public FVBackupSessionDelegate {
+    Q_OBJECT
+public:
+    explicit AppController(AppEnvironment environment, QObject* parent = nullptr);
+    ~AppController() override;
+
+    FVMainWindow* window() const { return window_.get(); }
+    BackupSetController& backupSetController() { return backupSetController_; }
+    FVOptionsPanelController& optionsPanelController() { return optionsPanelController_; }
+    const FVDestinationList& destinations() const { return destinations_; }
+    const std::string& currentTargetPath() const { return currentTargetPath_; }
+    FVBackupSession* backupSession() const { return backupSession_.get(); }
+    bool isBackupRunning() const { return backupIsRunning_; }
+
+    // Start-up: shows the window, asks for a donation unless suppressed, checks for updates
+    // when an address is configured, opens the destination selected last.
+    void initialiseApplication();
+
+    // Destinations.
+    void showNewBackupPanel();
+    void addAndOpenNewDestination(const QString& path);
+    void performTargetMenuSelection(int index);
+    void removeTargetWidgetClicked();
+    void openRecentTargetPath();
+
+    // Sources.
+    void addSourcePath();
+    void addSourcePaths(const QStringList& paths, int index);
+    void removeSelectedSources();
+    void tableViewDoubleAction();
+
+    // Runs.
+    void startOrCancelSync();
+
+    void showOptionsPanel();
+    void showSearchBackupPanel();
+    void showLog();
+
+    void readSettings();
+    void writeSettings();
+    void writeSettingsIfOpen();
+
+    void backupSessionProgressDidChange(FVBackupSession& session) override;
+    void backupSessionDidFinish(FVBackupSession& session) override;
+    void backupSessionDidCancel(FVBackupSession& session) override;
+
+signals:
+    // startSync has started the session.
+    void runStarted();
+    // The window is back to idle after a finished or cancelled run.
+    void runEnded();
+
+private:
+    void performSelectTargetMenuItem();
+    void removeSelectedDestinationAndUpdateForSelectedItem();
+    void resetInterface();
+    void reloadTargetPopup();
+    void saveDestinations();
+    void setDestinationControlsEnabled(bool enabled);
+    void setOptionWidgetsEnabled(bool enabled);
+    void showDestinationUnusable(const char* messageKey);
+    void updateSizeDisplay();
+    void updateSummaryLine();
+    void updateAutomationsAfterOptions();
+    void checkForUpdates();
+
+    bool passesStartChecks();
+    void startSync();
+    void abortStart();
+    void handleProgress();
+    void handleCancel();
+    void handleFinish();
+    void showErrorPanel(const std::vector<std::string>& errors);
+    void notifyUnlessActive(const FVUserNotification& notification);
+    void resumeSizeEvaluation();
+    void finishRunAndMaybeClose();
+    bool windowShouldClose();
+    QString destinationName() const;
+
+    AppEnvironment environment_;
+    FVQtMainQueue mainQueue_;
+    BackupSetController backupSetController_;
+    FVLaunchAgentManager launchAgentManager_;
+    FVOptionsPanelController optionsPanelController_;
+    FVDestinationList destinations_;
+    std::string currentTargetPath_;
+    // After the source list, which the model observes; the window goes first.
+    std::unique_ptr<FVSourceListModel> sourceModel_;
+    std::unique_ptr<FVMainWindow> window_;
+
+    std::unique_ptr<FVBackupSession> backupSession_;
+    bool backupIsRunning_ = false;
+    bool starting_ = false;
+    bool cancelling_ = false;
+    bool closeAfterRun_ = false;
+    bool coverViewShouldOpenOnBecomeMain_ = false;
+    std::atomic<bool> progressPosted_{false};
+};
+
+}  // namespace ferrovane

@@ -1,0 +1,176 @@
+#include "app/FVDestinationSearchSheet.h"
+
+#include "app/FVFileReveal.h"
+#include "app/FVQtStrings.h"
+
+#include <QComboBox>
+#include <QDialogButtonBox>
+#include <QFileIconProvider>
+#include <QFileInfo>
+#include <QHBoxLayout>
+#include <QHeaderView>
+#include <QLabel>
+#include <QLineEdit>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTreeWidget>
+#include <QVBoxLayout>
+
+namespace ferrovane {
+
+namespace {
+enum Column { NameColumn, LocationColumn, VersionsColumn };
+}
+
+FVDestinationSearchSheet::FVDestinationSearchSheet(QWidget* window, FVMainQueue& mainQueue, const QString& destination)
+    : QDialog(window), search_(FVDestinationSearch::create(mainQueue)), destination_(destination) {
+    setObjectName("searchSheet");
+    setAttribute(Qt::WA_DeleteOnClose);
+    setWindowModality(Qt::WindowModal);
+    setWindowTitle(localized("searchtitle"));
+    resize(720, 440);
+    search_->setObserver(this);
+    search_->setSearchFolderPath(stdPath(destination));
+
+    field_ = new QLineEdit;
+    field_->setObjectName("searchField");
+    field_->setPlaceholderText(localized("searchplaceholder"));
+    field_->setClearButtonEnabled(true);
+    spinner_ = new QProgressBar;
+    spinner_->setRange(0, 0);  // busy
+    spinner_->setFixedWidth(80);
+    spinner_->setTextVisible(false);
+    spinner_->hide();
+    auto* top = new QHBoxLayout;
+    top->addWidget(field_, 1);
+    top->addWidget(spinner_);
+
+    results_ = new QTreeWidget;
+    results_->setObjectName("searchResults");
+    results_->setRootIsDecorated(false);
+    results_->setHeaderLabels({localized("columnname"), localized("searchcolumnlocation"), localized("searchcolumnversions")});
+    results_->header()->setSectionResizeMode(NameColumn, QHeaderView::Interactive);
+    results_->header()->setSectionResizeMode(LocationColumn, QHeaderView::Stretch);
+    results_->header()->setSectionResizeMode(VersionsColumn, QHeaderView::ResizeToContents);
+    results_->setColumnWidth(NameColumn, 220);
+    results_->setUniformRowHeights(true);
+    results_->setTextElideMode(Qt::ElideMiddle);
+
+    versions_ = new QComboBox;
+    versions_->setObjectName("searchVersions");
+    versions_->setEnabled(false);
+    reveal_ = new QPushButton(localized("searchreveal"));
+    reveal_->setObjectName("searchReveal");
+    reveal_->setEnabled(false);
+    status_ = new QLabel;
+    status_->setForegroundRole(QPalette::PlaceholderText);
+    auto* chooser = new QHBoxLayout;
+    chooser->addWidget(new QLabel(localized("searchversion")));
+    chooser->addWidget(versions_, 1);
+    chooser->addWidget(reveal_);
+
+    auto* buttons = new QDialogButtonBox;
+    buttons->addButton(localized("closebutton"), QDialogButtonBox::RejectRole);
+    connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
+    auto* bottom = new QHBoxLayout;
+    bottom->addWidget(status_, 1);
+    bottom->addWidget(buttons);
+
+    auto* layout = new QVBoxLayout(this);
+    layout->addLayout(top);
+    layout->addWidget(results_, 1);
+    layout->addLayout(chooser);
+    layout->addLayout(bottom);
+
+    connect(field_, &QLineEdit::textChanged, this, [this](const QString& text) {
+        chosenVersions_.clear();
+        search_->searchFieldChanged(text.toStdString());
+    });
+    connect(results_, &QTreeWidget::currentItemChanged, this, &FVDestinationSearchSheet::currentRowChanged);
+    connect(results_, &QTreeWidget::itemDoubleClicked, this, &FVDestinationSearchSheet::revealCurrent);
+    connect(versions_, &QComboBox::activated, this, &FVDestinationSearchSheet::versionChosen);
+    connect(reveal_, &QPushButton::clicked, this, &FVDestinationSearchSheet::revealCurrent);
+}
+
+FVDestinationSearchSheet::~FVDestinationSearchSheet() {
+    // Walks still running report to the search object, which outlives this sheet.
+    search_->setObserver(nullptr);
+    search_->closePanel();
+}
+
+const FVSearchResult* FVDestinationSearchSheet::resultAt(int row) const {
+    const auto& results = search_->searchResults();
+    return row >= 0 && size_t(row) < results.size() ? &results[size_t(row)] : nullptr;
+}
+
+QString FVDestinationSearchSheet::selectedVersionPath(int row) const {
+    const FVSearchResult* result = resultAt(row);
+    if (!result || result->fullpaths.empty()) return {};
+    size_t chosen = size_t(chosenVersions_.value(qPath(result->path), int(result->selectedIndex)));
+    return qPath(result->fullpaths[std::min(chosen, result->fullpaths.size() - 1)]);
+}
+
+void FVDestinationSearchSheet::searchResultsDidChange() {
+    // Keep the row the user is on while matches keep arriving.
+    QString current = results_->currentItem() ? results_->currentItem()->data(NameColumn, Qt::UserRole).toString() : QString();
+    QSignalBlocker blocker(results_);
+    results_->clear();
+    QFileIconProvider icons;
+    QTreeWidgetItem* reselect = nullptr;
+    QString prefix = destination_.endsWith('/') ? destination_ : destination_ + '/';
+    for (const FVSearchResult& result : search_->searchResults()) {
+        QString path = qPath(result.path);
+        QFileInfo info(path);
+        QString location = info.path().startsWith(prefix) ? info.path().mid(prefix.size()) : info.path();
+        if (info.path() + '/' == prefix) location = "/";
+        QString versions = result.timestamps.empty()
+                               ? QString()
+                               : result.timestamps.size() == 1
+                                     ? qPath(result.timestamps.front())
+                                     : localizedFormat("searchversioncount", result.timestamps.size(), result.timestamps.front());
+        auto* item = new QTreeWidgetItem(results_, {info.fileName(), location, versions});
+        item->setData(NameColumn, Qt::UserRole, path);
+        item->setToolTip(NameColumn, path);
+        if (!result.fullpaths.empty()) item->setIcon(NameColumn, icons.icon(QFileInfo(qPath(result.fullpaths.front()))));
+        if (path == current) reselect = item;
+    }
+    if (reselect) results_->setCurrentItem(reselect);
+    blocker.unblock();
+    currentRowChanged();
+    size_t files = search_->searchResults().size();
+    status_->setText(search_->matchPaths().empty() ? QString()
+                     : search_->reachedMatchLimit() ? localizedFormat("searchlimitreached", search_->matchPaths().size())
+                                                    : localizedFormat("searchfilecount", files));
+}
+
+void FVDestinationSearchSheet::searchProgressDidChange(bool searching) {
+    spinner_->setVisible(searching);
+    if (!searching) searchResultsDidChange();  // the limit note appears only once the walk has stopped
+}
+
+void FVDestinationSearchSheet::currentRowChanged() {
+    versions_->clear();
+    const FVSearchResult* result = resultAt(results_->currentIndex().row());
+    versions_->setEnabled(result && result->fullpaths.size() > 1);
+    reveal_->setEnabled(result && !result->fullpaths.empty());
+    if (!result) return;
+    for (size_t i = 0; i < result->fullpaths.size(); ++i) {
+        QString stamp = i < result->timestamps.size() ? qPath(result->timestamps[i]) : QString();
+        bool archived = qPath(result->fullpaths[i]) != qPath(result->path);
+        versions_->addItem(archived ? localizedFormat("searcharchivedversion", stamp.toStdString())
+                                    : localizedFormat("searchcurrentversion", stamp.toStdString()));
+    }
+    versions_->setCurrentIndex(chosenVersions_.value(qPath(result->path), int(result->selectedIndex)));
+}
+
+void FVDestinationSearchSheet::versionChosen(int versionIndex) {
+    const FVSearchResult* result = resultAt(results_->currentIndex().row());
+    if (result) chosenVersions_.insert(qPath(result->path), versionIndex);
+}
+
+void FVDestinationSearchSheet::revealCurrent() {
+    QString path = selectedVersionPath(results_->currentIndex().row());
+    if (!path.isEmpty()) FVFileReveal::revealPath(path);
+}
+
+}  // namespace ferrovane

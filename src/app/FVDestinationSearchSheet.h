@@ -1,0 +1,52 @@
+#pragma once
+// The search sheet: files of the open destination whose names contain every typed word, each
+// with its versions in the archives; a chosen version can be shown in the file manager.
+
+#include "search/FVDestinationSearch.h"
+
+#include <QDialog>
+#include <QHash>
+
+#include <memory>
+
+class QComboBox;
+class QLabel;
+class QLineEdit;
+class QProgressBar;
+class QPushButton;
+class QTreeWidget;
+
+namespace ferrovane {
+
+class FVDestinationSearchSheet : public QDialog, public FVDestinationSearchObserver {
+    Q_OBJECT
+public:
+    FVDestinationSearchSheet(QWidget* window, FVMainQueue& mainQueue, const QString& destination);
+    ~FVDestinationSearchSheet() override;
+
+    const FVDestinationSearch& search() const { return *search_; }
+    // The version that reveal would show for the result at row, as a full path.
+    QString selectedVersionPath(int row) const;
+
+    void searchResultsDidChange() override;
+    void searchProgressDidChange(bool searching) override;
+
+private:
+    void currentRowChanged();
+    void versionChosen(int versionIndex);
+    void revealCurrent();
+    const FVSearchResult* resultAt(int row) const;
+
+    std::shared_ptr<FVDestinationSearch> search_;
+    QString destination_;
+    // The chosen version per logical path; results are regrouped on every match.
+    QHash<QString, int> chosenVersions_;
+    QLineEdit* field_;
+    QProgressBar* spinner_;
+    QTreeWidget* results_;
+    QComboBox* versions_;
+    QPushButton* reveal_;
+    QLabel* status_;
+};
+
+}  // namespace ferrovane

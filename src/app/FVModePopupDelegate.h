@@ -1,0 +1,17 @@
+#pragma once
+// The mode column's popup: a combo box that stays open in every row and applies a choice at once.
+
+#include <QStyledItemDelegate>
+
+namespace ferrovane {
+
+class FVModePopupDelegate : public QStyledItemDelegate {
+    Q_OBJECT
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+    QWidget* createEditor(QWidget* parent, const QStyleOptionViewItem& option, const QModelIndex& index) const override;
+    void setEditorData(QWidget* editor, const QModelIndex& index) const override;
+    void setModelData(QWidget* editor, QAbstractItemModel* model, const QModelIndex& index) const override;
+};
+
+}  // namespace ferrovane

@@ -1,0 +1,63 @@
+#pragma once
+// The source list as a Qt table: a view of BackupSetController's items (which stay the model),
+// with the mode as an editable column and drag and drop of rows and of files.
+
+#include "backupset/BackupSetController.h"
+
+#include <QAbstractTableModel>
+#include <QFileIconProvider>
+#include <QHash>
+#include <QIcon>
+
+namespace ferrovane {
+
+class FVSourceListModel : public QAbstractTableModel {
+    Q_OBJECT
+public:
+    enum Column { NameColumn, PathColumn, ModeColumn, SizeColumn, LastRunColumn, ColumnCount };
+    static constexpr const char* rowsMimeType = "application/x-ferrovane-source-rows";
+
+    explicit FVSourceListModel(BackupSetController& controller, QObject* parent = nullptr);
+    ~FVSourceListModel() override;
+
+    int rowCount(const QModelIndex& parent = {}) const override;
+    int columnCount(const QModelIndex& parent = {}) const override;
+    QVariant data(const QModelIndex& index, int role) const override;
+    QVariant headerData(int section, Qt::Orientation orientation, int role) const override;
+    Qt::ItemFlags flags(const QModelIndex& index) const override;
+    bool setData(const QModelIndex& index, const QVariant& value, int role) override;
+
+    QStringList mimeTypes() const override;
+    QMimeData* mimeData(const QModelIndexList& indexes) const override;
+    Qt::DropActions supportedDropActions() const override { return Qt::MoveAction | Qt::CopyAction; }
+    Qt::DropActions supportedDragActions() const override { return Qt::MoveAction; }
+    bool canDropMimeData(const QMimeData* data, Qt::DropAction action, int row, int column,
+                         const QModelIndex& parent) const override;
+    bool dropMimeData(const QMimeData* data, Qt::DropAction action, int row, int column,
+                      const QModelIndex& parent) override;
+
+    // No drops while the cover view lies over the list.
+    void setAcceptsDrops(bool accepts) { acceptsDrops_ = accepts; }
+    static QString modeTitle(int64_t mode);
+
+signals:
+    // Rows were reordered by dragging; the moved rows now stand at first .. first + count - 1.
+    void rowsRearranged(int first, int count);
+    // Files and folders dropped from elsewhere, to be added at row.
+    void pathsDropped(const QStringList& paths, int row);
+    // The summary line (totalSizeString) may have changed.
+    void summaryChanged();
+
+private:
+    void backupSetDidChange(BackupSetChange change);
+    FVSourceItemPtr itemAt(int row) const;
+
+    BackupSetController& controller_;
+    std::vector<FVSourceItemPtr> rows_;  // the controller's list as last shown
+    bool acceptsDrops_ = false;
+    bool changingMode_ = false;
+    mutable QHash<QString, QIcon> icons_;
+    QFileIconProvider iconProvider_;
+};
+
+}  // namespace ferrovane

@@ -1,0 +1,79 @@
+#include "app/FVSourceListView.h"
+
+#include "app/FVModePopupDelegate.h"
+#include "app/FVSourceListModel.h"
+
+#include <QHeaderView>
+#include <QItemSelectionModel>
+#include <QKeyEvent>
+
+#include <algorithm>
+
+namespace ferrovane {
+
+FVSourceListView::FVSourceListView(QWidget* parent) : QTableView(parent) {
+    setObjectName("sourceList");
+    setItemDelegateForColumn(FVSourceListModel::ModeColumn, new FVModePopupDelegate(this));
+    setSelectionBehavior(SelectRows);
+    setSelectionMode(ExtendedSelection);
+    setEditTriggers(NoEditTriggers);
+    setDragEnabled(true);
+    setAcceptDrops(true);
+    setDropIndicatorShown(true);
+    setDragDropMode(DragDrop);
+    setDragDropOverwriteMode(false);
+    setDefaultDropAction(Qt::MoveAction);
+    setShowGrid(false);
+    setAlternatingRowColors(true);
+    setWordWrap(false);
+    setTextElideMode(Qt::ElideMiddle);
+    setIconSize({24, 24});
+    verticalHeader()->hide();
+    verticalHeader()->setDefaultSectionSize(40);
+    horizontalHeader()->setHighlightSections(false);
+}
+
+void FVSourceListView::setModel(QAbstractItemModel* model) {
+    QTableView::setModel(model);
+    QHeaderView* header = horizontalHeader();
+    header->setSectionResizeMode(FVSourceListModel::NameColumn, QHeaderView::Interactive);
+    header->setSectionResizeMode(FVSourceListModel::PathColumn, QHeaderView::Stretch);
+    header->setSectionResizeMode(FVSourceListModel::ModeColumn, QHeaderView::Fixed);
+    header->setSectionResizeMode(FVSourceListModel::SizeColumn, QHeaderView::ResizeToContents);
+    header->setSectionResizeMode(FVSourceListModel::LastRunColumn, QHeaderView::ResizeToContents);
+    setColumnWidth(FVSourceListModel::NameColumn, 170);
+    setColumnWidth(FVSourceListModel::ModeColumn, 200);
+    connect(model, &QAbstractItemModel::modelReset, this, &FVSourceListView::openPopups);
+    connect(model, &QAbstractItemModel::rowsInserted, this, &FVSourceListView::openPopups);
+    openPopups();
+}
+
+void FVSourceListView::openPopups() {
+    for (int row = 0; row < model()->rowCount(); ++row) {
+        QModelIndex index = model()->index(row, FVSourceListModel::ModeColumn);
+        if (!isPersistentEditorOpen(index)) openPersistentEditor(index);
+    }
+}
+
+QList<int> FVSourceListView::selectedRows() const {
+    QList<int> rows;
+    for (const QModelIndex& index : selectionModel()->selectedRows()) rows << index.row();
+    std::sort(rows.begin(), rows.end());
+    return rows;
+}
+
+void FVSourceListView::selectRows(int first, int count) {
+    if (count <= 0) return;
+    QItemSelection range(model()->index(first, 0), model()->index(first + count - 1, model()->columnCount() - 1));
+    selectionModel()->select(range, QItemSelectionModel::ClearAndSelect);
+}
+
+void FVSourceListView::keyPressEvent(QKeyEvent* event) {
+    if ((event->key() == Qt::Key_Delete || event->key() == Qt::Key_Backspace) && !selectedRows().isEmpty()) {
+        emit removeRequested();
+        return;
+    }
+    QTableView::keyPressEvent(event);
+}
+
+}  // namespace ferrovane
