@@ -239,7 +239,13 @@ bool FVSyncingBackup::itemNeedsBackup(FVFileSystemItem& source, FVFileSystemItem
                                source.path(), target.path()));
         return true;
     }
-    if (source.fileType() == FVFileType::SymbolicLink) return false;
+    // An existing link is never replaced; a folder or file where the source now has a link is.
+    if (source.fileType() == FVFileType::SymbolicLink) {
+        if (target.fileType() == FVFileType::SymbolicLink) return false;
+        verboseLog(fmt::format("Item needs backup, type mismatch. Source: {}  Destination: {}", source.path(),
+                               target.path()));
+        return true;
+    }
     if (source.fileType() == FVFileType::Regular && source.fileSize() != target.fileSize()) {
         verboseLog(fmt::format("Item needs backup, filesize mismatch. Source: {}  Destination: {}", source.path(),
                                target.path()));

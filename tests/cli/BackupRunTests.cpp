@@ -172,6 +172,24 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
     EXPECT_NE(log.find("Archiving deleted items finished: archived 1 items."), std::string::npos);
 }
 
+TEST_F(BackupRun, AFolderReplacedByALinkBecomesALinkAndTheFolderIsArchived) {
+    makeDirs(source + "/Docs/sub");
+    makeDirs(dir / "elsewhere");
+    writeFile(source + "/Docs/sub/a.txt", "a");
+    PlistDict options = defaults();
+    options.set("moveChangedFiles", int64_t{1});
+    configure({{source + "/Docs", FVSourceMode::Backup}}, options);
+    ASSERT_EQ(run().exitStatus, 0);
+
+    fs::rename(source + "/Docs/sub", dir / "sub.old");
+    fs::create_directory_symlink(dir / "elsewhere", source + "/Docs/sub");
+    ASSERT_EQ(run().exitStatus, 0);
+    EXPECT_EQ(mirrorDifferences(source + "/Docs", destination + "/Docs"), "");
+    auto stamps = listFolder(destination + "/__changed");
+    ASSERT_EQ(stamps.size(), 1u);
+    EXPECT_EQ(readFile(destination + "/__changed/" + stamps[0] + "/Docs/sub/a.txt"), "a");
+}
+
 TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButNeverEmptiesAnUnmountedVolume) {
     makeDirs(source + "/Volume");
     makeDirs(source + "/Docs");

@@ -64,8 +64,8 @@ def build(root, tree):
         else:
             os.symlink(kind[1], path)
         os.utime(path, (FIXED_MTIME, FIXED_MTIME), follow_symlinks=False)
-    for rel in sorted(tree, reverse=True):
-        if tree[rel][0] == "dir":
+    for rel in sorted(tree, reverse=True) + [b""]:
+        if rel == b"" or tree[rel][0] == "dir":
             os.utime(os.path.join(root, rel), (FIXED_MTIME, FIXED_MTIME))
 
 
