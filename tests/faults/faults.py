@@ -16,6 +16,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 import crash  # noqa: E402
 import durability  # noqa: E402
+import escapes  # noqa: E402
 import storage  # noqa: E402
 from faultkit import Ferrovane, workspace  # noqa: E402
 
@@ -52,6 +53,7 @@ def main():
             "durability": lambda w: durability.run(ferrovane, w),
             "crash": lambda w: crash.run(ferrovane, w, args.tier, args.seed, MOMENTS[args.tier]),
             "storage": lambda w: storage.run(ferrovane, w),
+            "escapes": lambda w: escapes.run(ferrovane, w),
         }
         for name, suite in suites.items():
             if only and name not in only:

@@ -1,0 +1,89 @@
+"""Escapes: symbolic links planted inside the destination, where the run will enter a folder,
+replace a file or move items into an archive, never let the run write, remove, move or change
+metadata outside the destination. Run as the superuser, who could do all of that."""
+
+import os
+import shutil
+import subprocess
+
+from faultkit import Failure, build, content, expect, is_root
+
+NAME = "data"
+TREE = {b"sub": ("dir",), b"sub/f": ("file", 3000, 1), b"sub/gone": ("file", 10, 2), b"g": ("file", 2000, 3),
+        b"h": ("file", 10, 4)}
+OUTSIDE = {b"sub": ("dir",), b"sub/f": ("file", 100, 5), b"sub/gone": ("file", 10, 6), b"f": ("file", 100, 7),
+           b"g": ("file", 100, 8), b"gone": ("file", 10, 9), b"h": ("file", 10, 10)}
+
+
+def manifest(root):
+    """Everything an escape could change: kind, owner, mode, times, size, content, attributes."""
+    out = {}
+    for folder, dirs, names in os.walk(root):
+        for name in [b""] + dirs + names:
+            path = os.path.join(folder, name)
+            st = os.lstat(path)
+            data = open(path, "rb").read() if os.path.isfile(path) and not os.path.islink(path) else b""
+            out[os.path.relpath(path, root)] = (st.st_mode, st.st_uid, st.st_gid, st.st_size, st.st_mtime_ns,
+                                                data, sorted(os.listxattr(path, follow_symlinks=False)))
+    return out
+
+
+def change_sources(source):
+    for rel in (b"sub/f", b"g", b"h"):
+        path = os.path.join(source, rel)
+        with open(path, "wb") as f:
+            f.write(content(5000, 11))
+        os.utime(path, (2_000_000_000, 2_000_000_000))
+    os.unlink(os.path.join(source, b"sub/gone"))
+
+
+def plant(destination, rel, target):
+    path = os.path.join(destination, rel)
+    if os.path.isdir(path) and not os.path.islink(path):
+        shutil.rmtree(path)
+    elif os.path.lexists(path):
+        os.unlink(path)
+    os.symlink(target, path)
+
+
+# name: (what is replaced by a link, relative to the destination; where the link points, in outside)
+ATTACKS = {
+    "folder the run enters": (b"data/sub", b"sub"),
+    "file the run replaces": (b"data/g", b"g"),
+    "changed-files archive": (b"__changed", b""),
+    "removed-items archive": (b"__removed", b""),
+    "mirror root of the source": (b"data", b""),
+}
+
+
+def attack(ferrovane, work, planted, target):
+    source, destination, outside = (os.fsencode(os.path.join(work, p)) for p in ("src/" + NAME, "dest", "outside"))
+    build(source, TREE)
+    build(outside, OUTSIDE)
+    os.makedirs(destination)
+    ferrovane.configure(os.fsdecode(destination), [os.fsdecode(source)], (("moveChangedFiles", 1),))
+    ferrovane.complete(os.fsdecode(destination))
+    for archive in (b"__changed", b"__removed"):
+        os.makedirs(os.path.join(destination, archive), exist_ok=True)
+    change_sources(source)
+    before = manifest(outside)
+    plant(destination, planted, os.path.join(outside, target))
+    for _ in range(2):  # the second run meets whatever the first one left
+        ferrovane.run(os.fsdecode(destination))
+        after = manifest(outside)
+        changed = sorted(k for k in set(before) | set(after) if before.get(k) != after.get(k))
+        expect(not changed, f"changed outside the destination: {changed}")
+
+
+def run(ferrovane, work):
+    for i, (name, (planted, target)) in enumerate(ATTACKS.items()):
+        if not is_root():
+            yield ("escapes", name, "needs the superuser", "skipped")
+            continue
+        folder = os.path.join(work, str(i))
+        try:
+            attack(ferrovane, folder, planted, target)
+            yield ("escapes", name, "", "ok")
+        except Failure as e:
+            yield ("escapes", name, "", f"FAILED: {e}")
+        subprocess.run(["rm", "-rf", folder], check=True)
