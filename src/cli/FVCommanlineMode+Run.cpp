@@ -4,6 +4,7 @@
 #include "cli/FVCommanlineMode.h"
 
 #include "engine/FVText.h"
+#include "search/FVSearchText.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -82,7 +83,8 @@ void FVCommanlineMode::finishOnMainThread() {
     if (!errors.empty()) {
         notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());
         std::string joined;
-        for (size_t i = 0; i < errors.size(); ++i) joined += (i ? "\n" : "") + errors[i];
+        // One line per error, whatever the names in it hold.
+        for (size_t i = 0; i < errors.size(); ++i) joined += (i ? "\n" : "") + FVSearchText::printable(errors[i]);
         std::printf("Backup errors:\n%s\n", joined.c_str());
         std::fflush(stdout);
         notify(notification, true);

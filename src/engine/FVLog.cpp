@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -68,7 +70,14 @@ void FVLog::newLog() {
 
 void FVLog::addLogLine(std::string_view line) {
     std::string text = FVDate::logTimeStamp();
-    text.append(": ").append(line).push_back('\n');
+    text.append(": ");
+    // Names may hold control characters: escaped, so that showing the log cannot drive a terminal.
+    for (char c : line) {
+        auto u = static_cast<unsigned char>(c);
+        if ((u < 0x20 && c != '\n' && c != '\t') || u == 0x7f) text += fmt::format("\\x{:02x}", u);
+        else text.push_back(c);
+    }
+    text.push_back('\n');
     bool failed = false;
     {
         std::shared_lock lock(mutex_);

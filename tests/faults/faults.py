@@ -9,6 +9,7 @@ failure."""
 
 import argparse
 import os
+import subprocess
 import sys
 import time
 
@@ -17,10 +18,23 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import crash  # noqa: E402
 import durability  # noqa: E402
 import escapes  # noqa: E402
+import hostile  # noqa: E402
 import storage  # noqa: E402
 from faultkit import Ferrovane, workspace  # noqa: E402
 
 MOMENTS = {"quick": 2, "full": 8}
+
+
+def fuzz(args, work):
+    if not args.fuzzer:
+        return
+    corpus = os.path.join(os.path.dirname(os.path.abspath(__file__)), "corpus")
+    os.makedirs(os.path.join(work, "corpus"))
+    r = subprocess.run([args.fuzzer, f"-runs={args.fuzz_runs}", f"-seed={args.seed}", "-max_len=8192",
+                        f"-artifact_prefix={work}/", os.path.join(work, "corpus"), corpus],
+                       capture_output=True, timeout=3600)
+    case = f"configuration reader, {args.fuzz_runs} runs from {len(os.listdir(corpus))} corpus files"
+    yield ("fuzz", case, "", "ok" if r.returncode == 0 else "FAILED: " + r.stderr.decode(errors="replace")[-800:])
 
 
 def write_results(args, rows):
@@ -42,6 +56,8 @@ def main():
     parser.add_argument("--seed", type=int, default=int(time.time()) % 100000)
     parser.add_argument("--only", default="")
     parser.add_argument("--results")
+    parser.add_argument("--fuzzer", help="the configuration reader's libFuzzer target")
+    parser.add_argument("--fuzz-runs", type=int, default=1_000_000)
     args = parser.parse_args()
     only = set(filter(None, args.only.split(",")))
     print(f"fault suite: tier {args.tier}, seed {args.seed} (replay with --seed {args.seed})", flush=True)
@@ -54,6 +70,8 @@ def main():
             "crash": lambda w: crash.run(ferrovane, w, args.tier, args.seed, MOMENTS[args.tier]),
             "storage": lambda w: storage.run(ferrovane, w),
             "escapes": lambda w: escapes.run(ferrovane, w),
+            "hostile": lambda w: hostile.run(ferrovane, w),
+            "fuzz": lambda w: fuzz(args, w),
         }
         for name, suite in suites.items():
             if only and name not in only:
