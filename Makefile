@@ -1,7 +1,7 @@
 # Thin wrappers around the CMake presets; see README.md.
 JOBS ?= $(shell nproc)
 
-.PHONY: deps build run test test-release test-tsan test-asan bench clean
+.PHONY: deps build run test test-release test-tsan test-asan bench faults clean
 
 deps:
 	@scripts/install-deps
@@ -33,6 +33,15 @@ bench: deps
 	cmake --preset bench >/dev/null
 	cmake --build --preset bench -j $(JOBS)
 	bench/run-all
+
+# The full fault suite (at least 20 kill moments, storage faults, escapes, hostile names) and the
+# configuration reader's fuzzer; the results table is written to tests/faults/RESULTS.md.
+faults: build
+	cmake -S . -B build/fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DFERROVANE_BUILD_APP=OFF -DFERROVANE_BUILD_FUZZ=ON >/dev/null
+	cmake --build build/fuzz --target configuration_fuzzer -j $(JOBS)
+	tests/faults/faults.py --executable build/release/ferrovane --tier full \
+		--fuzzer build/fuzz/tests/faults/configuration_fuzzer --results tests/faults/RESULTS.md
 
 clean:
 	rm -rf build

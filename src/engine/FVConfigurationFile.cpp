@@ -50,6 +50,11 @@ FVConfigurationReadResult read(const std::string& path) {
         result.problem = error;
         return result;
     }
+    return parse(bytes, path);
+}
+
+FVConfigurationReadResult parse(std::string_view bytes, const std::string& path) {
+    FVConfigurationReadResult result;
     PlistParseResult parsed = parsePlist(bytes);
     if (!parsed.value) {
         result.status = FVConfigurationReadStatus::NotPropertyList;

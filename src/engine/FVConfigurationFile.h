@@ -73,6 +73,8 @@ bool convertLegacyFile(const std::string& destination);
 // anything else makes the result Malformed (with the reason), so that a caller never writes
 // back a file it could not represent.
 FVConfigurationReadResult read(const std::string& path);
+// The same for the bytes of a file; path only names it in the problem text.
+FVConfigurationReadResult parse(std::string_view bytes, const std::string& path);
 
 // The one writer: removes "sizeInMB" from the live items, then writes {"settings", "sources"}
 // as an XML property list atomically (temporary file in the same folder, fsync, rename).

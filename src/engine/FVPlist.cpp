@@ -63,11 +63,10 @@ PlistValue fromNode(plist_t node, int depth) {
         return PlistValue(d);
     }
     case PLIST_STRING: {
-        char* s = nullptr;
-        plist_get_string_val(node, &s);
-        std::string str = s ? s : "";
-        free(s);
-        return PlistValue(std::move(str));
+        // A string holding a zero byte makes plist_get_string_val assert; it ends at that byte.
+        uint64_t length = 0;
+        const char* s = plist_get_string_ptr(node, &length);
+        return PlistValue(s ? std::string(s, strnlen(s, length)) : std::string());
     }
     case PLIST_KEY: {
         char* s = nullptr;
@@ -137,8 +136,13 @@ plist_t toNode(const PlistValue& value) {
             else if constexpr (std::is_same_v<T, PlistDate>) {
                 double since2001 = v.secondsSince1970 - kSecondsFrom1970To2001;
                 double whole = std::floor(since2001);
-                return plist_new_date(static_cast<int32_t>(whole),
-                                      static_cast<int32_t>(std::lround((since2001 - whole) * 1e6)));
+                double micro = std::round((since2001 - whole) * 1e6);
+                // The file format keeps 32-bit seconds: later or earlier dates are kept at its ends.
+                if (!(whole >= INT32_MIN && whole <= INT32_MAX)) {
+                    whole = whole > 0 ? INT32_MAX : INT32_MIN;
+                    micro = 0;
+                }
+                return plist_new_date(static_cast<int32_t>(whole), static_cast<int32_t>(micro));
             } else if constexpr (std::is_same_v<T, PlistData>)
                 return plist_new_data(reinterpret_cast<const char*>(v.bytes.data()), v.bytes.size());
             else if constexpr (std::is_same_v<T, PlistUid>) return plist_new_uid(v.value);
@@ -271,9 +275,49 @@ PlistValue deepCopy(const PlistValue& value) {
     return value;
 }
 
+namespace {
+
+uint64_t bigEndian(const uint8_t* p, size_t n) {
+    uint64_t v = 0;
+    for (size_t i = 0; i < n; ++i) v = v << 8 | p[i];
+    return v;
+}
+
+// libplist asserts on reading a string or key of a binary list that holds a zero byte (or a
+// zero UTF-16 unit), so such a list is refused before it is parsed.
+bool binaryStringHoldsZero(std::string_view bytes) {
+    const auto* b = reinterpret_cast<const uint8_t*>(bytes.data());
+    const uint64_t size = bytes.size();
+    if (size < 40 || !bytes.starts_with("bplist")) return false;
+    const uint8_t* trailer = b + size - 32;
+    const size_t offsetSize = trailer[6];
+    const uint64_t count = bigEndian(trailer + 8, 8), table = bigEndian(trailer + 24, 8);
+    if (offsetSize == 0 || offsetSize > 8 || table >= size || count > (size - table) / offsetSize) return false;
+    for (uint64_t i = 0; i < count; ++i) {
+        uint64_t at = bigEndian(b + table + i * offsetSize, offsetSize);
+        if (at >= size || (b[at] >> 4 != 5 && b[at] >> 4 != 6)) continue;
+        const bool wide = b[at] >> 4 == 6;
+        uint64_t length = b[at] & 0xf, start = at + 1;
+        if (length == 0xf) {
+            if (start >= size || b[start] >> 4 != 1) continue;
+            size_t n = size_t{1} << (b[start] & 0xf);
+            if (n > 8 || n + 1 > size - start) continue;
+            length = bigEndian(b + start + 1, n);
+            start += 1 + n;
+        }
+        if (length > (size - start) / (wide ? 2 : 1)) continue;
+        for (uint64_t j = 0; j < length; ++j)
+            if (wide ? (b[start + 2 * j] | b[start + 2 * j + 1]) == 0 : b[start + j] == 0) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
 PlistParseResult parsePlist(std::string_view bytes) {
     if (bytes.empty()) return {std::nullopt, "the file is empty"};
     if (bytes.size() > UINT32_MAX) return {std::nullopt, "the file is too large"};
+    if (binaryStringHoldsZero(bytes)) return {std::nullopt, "a string holds a zero byte"};
     plist_t root = nullptr;
     plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
     if (!root) return {std::nullopt, "not a property list"};

@@ -13,6 +13,7 @@
 
 namespace ferrovane {
 
+class PlistDict;
 class PlistValue;
 
 // Property-list dates: seconds since 1970-01-01 UTC (fractions allowed).
@@ -29,29 +30,6 @@ struct PlistData {
 struct PlistUid {
     uint64_t value = 0;
     bool operator==(const PlistUid&) const = default;
-};
-
-// Dictionaries keep the order in which keys were read or first set.
-class PlistDict {
-public:
-    const PlistValue* find(std::string_view key) const;
-    PlistValue* find(std::string_view key);
-    bool contains(std::string_view key) const { return find(key) != nullptr; }
-    void set(std::string key, PlistValue value);
-    bool remove(std::string_view key);
-    size_t size() const { return entries_.size(); }
-    const std::vector<std::pair<std::string, PlistValue>>& entries() const { return entries_; }
-
-    // The readings of a stored option: a missing key reads as 0 / false, a string as its
-    // leading number, a boolean as 0 or 1.
-    int64_t integerValue(std::string_view key) const;
-    bool boolValue(std::string_view key) const;
-    std::optional<std::string> stringValue(std::string_view key) const;
-
-    bool operator==(const PlistDict& other) const;
-
-private:
-    std::vector<std::pair<std::string, PlistValue>> entries_;
 };
 
 using PlistArray = std::vector<PlistValue>;
@@ -101,6 +79,29 @@ public:
 
 private:
     Storage v_;
+};
+
+// Dictionaries keep the order in which keys were read or first set.
+class PlistDict {
+public:
+    const PlistValue* find(std::string_view key) const;
+    PlistValue* find(std::string_view key);
+    bool contains(std::string_view key) const { return find(key) != nullptr; }
+    void set(std::string key, PlistValue value);
+    bool remove(std::string_view key);
+    size_t size() const { return entries_.size(); }
+    const std::vector<std::pair<std::string, PlistValue>>& entries() const { return entries_; }
+
+    // The readings of a stored option: a missing key reads as 0 / false, a string as its
+    // leading number, a boolean as 0 or 1.
+    int64_t integerValue(std::string_view key) const;
+    bool boolValue(std::string_view key) const;
+    std::optional<std::string> stringValue(std::string_view key) const;
+
+    bool operator==(const PlistDict& other) const;
+
+private:
+    std::vector<std::pair<std::string, PlistValue>> entries_;
 };
 
 // A fresh, deep copy (new containers all the way down).
