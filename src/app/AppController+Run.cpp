@@ -196,6 +196,8 @@ void AppController::handleCancel() {
     window_->progressView()->setProgress(0);
     cover->setProgress(-1);
     cover->clearMessages();
+    // Rather than an empty cover until the alert is dismissed.
+    cover->setMessage(localized("viewbackupcancelled"));
     window_->startButton()->setText(localized("syncbutton"));
     window_->startButton()->setEnabled(true);
     setDestinationControlsEnabled(true);
@@ -246,6 +248,7 @@ void AppController::handleFinish() {
     window_->progressView()->setProgress(0);
     window_->startButton()->setText(localized("syncbutton"));
     window_->startButton()->setEnabled(true);
+    updateSizeDisplay();
 
     std::vector<std::string> errors = backupSession_->errorMessages();
     FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(currentTargetPath_),

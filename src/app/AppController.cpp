@@ -194,6 +194,7 @@ void AppController::setOptionWidgetsEnabled(bool enabled) {
     window_->optionsButton()->setEnabled(enabled);
     window_->searchButton()->setEnabled(enabled);
     window_->addSourceButton()->setEnabled(enabled);
+    window_->removeSourceButton()->setEnabled(enabled && backupSetController_.count() > 0);
 }
 
 void AppController::showNewBackupPanel() {
@@ -262,6 +263,8 @@ void AppController::showDestinationUnusable(const char* messageKey) {
     cover->setMessage(localized(messageKey));
     cover->setSmallMessage(qPath(currentTargetPath_));
     cover->scrollIn();
+    // Nothing of a destination that cannot be used stays behind the cover, nor is measured.
+    backupSetController_.removeAllItems();
     window_->destinationIcon()->setPixmap(noDestinationIcon(window_.get()));
     window_->progressInfo()->clear();
     window_->startButton()->setEnabled(false);

@@ -134,6 +134,7 @@ void FVDestinationSearchSheet::searchResultsDidChange() {
         if (!result.fullpaths.empty()) item->setIcon(NameColumn, icons.icon(QFileInfo(qPath(result.fullpaths.front()))));
         if (path == current) reselect = item;
     }
+    if (!reselect) reselect = results_->topLevelItem(0);
     if (reselect) results_->setCurrentItem(reselect);
     blocker.unblock();
     currentRowChanged();

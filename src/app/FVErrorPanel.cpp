@@ -25,7 +25,6 @@ FVErrorPanel::FVErrorPanel(QWidget* window, const std::vector<std::string>& erro
     QString joined;
     for (const std::string& error : errors) joined += QString::fromStdString(error) + '\n';
     text_->setReadOnly(true);
-    text_->setLineWrapMode(QPlainTextEdit::NoWrap);
     text_->setPlainText(joined);
 
     auto* buttons = new QDialogButtonBox;

@@ -135,7 +135,7 @@ void FVMainWindow::setSourceModel(FVSourceListModel* model) {
 void FVMainWindow::updateEmptyState() {
     bool empty = sourceList_->model()->rowCount() == 0;
     listStack_->setCurrentWidget(empty ? static_cast<QWidget*>(dropZone_) : sourceList_);
-    removeSourceButton_->setEnabled(!empty);
+    removeSourceButton_->setEnabled(!empty && addSourceButton_->isEnabled());
     coverView_->raise();
 }
 

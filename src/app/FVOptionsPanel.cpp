@@ -115,8 +115,10 @@ FVOptionsPanel::FVOptionsPanel(QWidget* window, FVOptionsPanelController& contro
     connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
 
     auto* layout = new QVBoxLayout(this);
-    layout->addWidget(copying);
-    layout->addWidget(archives);
+    auto* columns = new QHBoxLayout;
+    columns->addWidget(copying, 1);
+    columns->addWidget(archives, 1);
+    layout->addLayout(columns);
     layout->addWidget(schedule);
     layout->addWidget(buttons);
 

@@ -85,6 +85,7 @@ QVariant FVSourceListModel::data(const QModelIndex& index, int role) const {
         break;
     case LastRunColumn:
         if (role == Qt::DisplayRole) {
+            if (item->enabled() >= int64_t(FVSourceMode::ExcludePath)) return QString();  // exclusions never run
             auto date = item->value(FVSourceKey::lastBackupDate);
             const PlistDate* when = date ? date->get<PlistDate>() : nullptr;
             if (!when) return localized("sourcenotbackedup");
