@@ -15,6 +15,8 @@ namespace ferrovane {
 namespace {
 constexpr const char* kClassName = "FVFileCopyWorker";
 constexpr auto kPollInterval = std::chrono::milliseconds(250);
+// Pairs waiting to be copied before the analysis is held back: a few megabytes of items.
+constexpr size_t kMaximumPendingPairs = 20000;
 }  // namespace
 
 void FVPairQueue::push(CopyPair pair) {
@@ -44,6 +46,7 @@ FVFileCopyWorker::~FVFileCopyWorker() {
         impl_->destroying = true;
         impl_->cancelled = true;
         impl_->pairsOrEnd.notify_all();
+        impl_->roomInQueue.notify_all();
     }
     std::vector<std::thread> threads;
     {
@@ -93,7 +96,10 @@ void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileS
         return;
     }
     {
-        std::lock_guard lock(impl_->filesMutex);
+        std::unique_lock lock(impl_->filesMutex);
+        impl_->roomInQueue.wait(lock, [this] {
+            return impl_->filesToCopy.size() < kMaximumPendingPairs || impl_->cancelled || impl_->destroying;
+        });
         impl_->requestedFiles.fetch_add(1, std::memory_order_relaxed);
         impl_->filesToCopy.push({std::move(source), std::move(destination)});
         impl_->pairsOrEnd.notify_one();
@@ -113,7 +119,11 @@ void FVFileCopyWorker::endCopySession() {
     if (finishNow && impl_->delegate) impl_->delegate->copyWorkerDidFinishCopy();
 }
 
-void FVFileCopyWorker::cancel() { impl_->cancelled.store(true, std::memory_order_relaxed); }
+void FVFileCopyWorker::cancel() {
+    std::lock_guard lock(impl_->filesMutex);
+    impl_->cancelled.store(true, std::memory_order_relaxed);
+    impl_->roomInQueue.notify_all();
+}
 bool FVFileCopyWorker::isCancelled() const { return impl_->cancelled.load(std::memory_order_relaxed); }
 uint64_t FVFileCopyWorker::requestedFiles() const { return impl_->requestedFiles.load(std::memory_order_relaxed); }
 uint64_t FVFileCopyWorker::copiedFiles() const { return impl_->copiedFiles.load(std::memory_order_relaxed); }
@@ -136,7 +146,10 @@ void FVFileCopyWorker::Impl::startCopies() {
 bool FVFileCopyWorker::Impl::nextItem(CopyPair& pair) {
     std::lock_guard lock(filesMutex);
     bool found = filesToCopy.pop(pair);
-    if (found) copiedFiles.fetch_add(1, std::memory_order_relaxed);
+    if (found) {
+        copiedFiles.fetch_add(1, std::memory_order_relaxed);
+        if (filesToCopy.size() + 1 == kMaximumPendingPairs) roomInQueue.notify_one();
+    }
     reportProgress();
     return found;
 }

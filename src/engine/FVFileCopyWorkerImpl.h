@@ -32,6 +32,7 @@ public:
     void push(CopyPair pair);
     bool pop(CopyPair& pair);
     bool empty() const { return count_ == 0; }
+    size_t size() const { return count_; }
 
 private:
     std::vector<CopyPair> slots_;
@@ -87,6 +88,9 @@ struct FVFileCopyWorker::Impl {
     // Idle threads wait on it between polls, so that a new pair or the end of the session
     // wakes them at once instead of after the poll interval.
     std::condition_variable pairsOrEnd;
+    // The analysis waits on it while the queue is full, so that memory stays flat when the walk
+    // runs far ahead of the copies (a first run of millions of small files).
+    std::condition_variable roomInQueue;
     FVPairQueue filesToCopy{4096};
     std::atomic<uint64_t> requestedFiles{0};
     std::atomic<uint64_t> copiedFiles{0};
