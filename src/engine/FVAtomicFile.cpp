@@ -1,10 +1,13 @@
 #include "engine/FVAtomicFile.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <vector>
 
@@ -19,6 +22,28 @@ std::string parentOf(const std::string& path) {
     return path.substr(0, slash);
 }
 
+// Temporary files are named "<file>.<writer's pid>.<random>", so that a later writer can tell
+// the leftovers of a writer that was killed from the file of one that is still at work.
+void removeAbandonedTemporaryFiles(const std::string& path) {
+    std::string folder = parentOf(path);
+    std::string prefix = path.substr(path.find_last_of('/') + 1) + ".";
+    DIR* dir = opendir(folder.c_str());
+    if (!dir) return;
+    while (dirent* entry = readdir(dir)) {
+        std::string_view name = entry->d_name;
+        if (name.size() <= prefix.size() || name.substr(0, prefix.size()) != prefix) continue;
+        std::string_view rest = name.substr(prefix.size());
+        size_t dot = rest.find('.');
+        if (dot == 0 || dot == std::string_view::npos || rest.size() - dot - 1 != 6) continue;
+        pid_t pid = 0;
+        auto [end, ec] = std::from_chars(rest.data(), rest.data() + dot, pid);
+        if (ec != std::errc() || end != rest.data() + dot || pid <= 0) continue;
+        if (kill(pid, 0) == 0 || errno != ESRCH) continue;
+        unlinkat(dirfd(dir), entry->d_name, 0);
+    }
+    closedir(dir);
+}
+
 bool fail(std::string* error, const std::string& what) {
     if (error) *error = what + ": " + std::strerror(errno);
     return false;
@@ -27,7 +52,8 @@ bool fail(std::string* error, const std::string& what) {
 }  // namespace
 
 bool write(const std::string& path, std::string_view bytes, std::string* error) {
-    std::string tmpl = path + ".XXXXXX";
+    removeAbandonedTemporaryFiles(path);
+    std::string tmpl = path + "." + std::to_string(getpid()) + ".XXXXXX";
     std::vector<char> name(tmpl.begin(), tmpl.end());
     name.push_back('\0');
     int fd = mkostemp(name.data(), O_CLOEXEC);

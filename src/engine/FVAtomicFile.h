@@ -8,7 +8,7 @@
 namespace ferrovane::FVAtomicFile {
 
 // Writes bytes to a temporary file beside path, flushes it to disk, renames it over path and
-// flushes the folder. The replaced file's permission bits are kept. On failure the temporary
+// flushes the folder. Temporary files left beside path by writers that were killed are removed. The replaced file's permission bits are kept. On failure the temporary
 // file is removed, path is untouched, and false is returned with the reason in error.
 bool write(const std::string& path, std::string_view bytes, std::string* error);
 

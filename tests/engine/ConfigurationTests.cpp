@@ -8,6 +8,8 @@
 #include <plist/plist.h>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace ferrovane;
 using namespace ferrovane::test;
@@ -205,4 +207,21 @@ TEST(ConfigurationFile, FailedWriteLeavesTheOldFileWhole) {
     EXPECT_FALSE(ok);
     EXPECT_FALSE(error.empty());
     EXPECT_EQ(readFile(path), kSample);
+}
+
+TEST(ConfigurationFile, AWriterRemovesTheTemporaryFilesOfWritersThatWereKilled) {
+    TempDir dir;
+    std::string path = dir / ".ferrovane.conf";
+    pid_t dead = fork();
+    if (dead == 0) _exit(0);
+    waitpid(dead, nullptr, 0);
+    std::string abandoned = path + "." + std::to_string(dead) + ".Ab12Cd";
+    std::string inProgress = path + "." + std::to_string(getpid()) + ".Xy34Zw";
+    writeFile(abandoned, "half");
+    writeFile(inProgress, "being written");
+    writeFile(dir / "unrelated.conf.1.abcdef", "kept");
+    ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration({}, PlistDict(), path));
+    EXPECT_FALSE(exists(abandoned));
+    EXPECT_TRUE(exists(inProgress)) << "a living writer's file is left alone";
+    EXPECT_TRUE(exists(dir / "unrelated.conf.1.abcdef"));
 }
