@@ -70,15 +70,6 @@ std::optional<double> sizeOf(const FVSourceItemPtr& item) {
     return v->doubleValue();
 }
 
-bool allMeasured(const BackupSetController& controller) {
-    for (const auto& item : controller.arrangedObjects()) {
-        if (item->enabled() != 1) continue;
-        auto size = sizeOf(item);
-        if (!size || *size == -1.0) return false;
-    }
-    return true;
-}
-
 }  // namespace
 
 TEST(BackupSetController, ModesDeriveThePathListsAndDuplicatesAreRefused) {
