@@ -32,8 +32,8 @@ def run(ferrovane, work):
         mirror_changes = [i for i, c in enumerate(calls) if c.startswith("rename") and "/dest/data" in c]
         expect(mirror_changes and max(mirror_changes) < syncs[-1], "the mirror changed after the last syncfs")
         conf = re.escape(os.path.join(destination, ".ferrovane.conf"))
-        flushed = [i for i, c in enumerate(calls) if re.match(rf"fsync\(\d+<{conf}\.\w{{6}}>\)", c)]
-        replaced = [i for i, c in enumerate(calls) if re.match(rf'rename\("{conf}\.\w{{6}}", "{conf}"\)', c)]
+        flushed = [i for i, c in enumerate(calls) if re.match(rf"fsync\(\d+<{conf}\.\d+\.\w{{6}}>\)", c)]
+        replaced = [i for i, c in enumerate(calls) if re.match(rf'rename\("{conf}\.\d+\.\w{{6}}", "{conf}"\)', c)]
         expect(flushed and replaced and flushed[0] < replaced[0], "configuration not flushed before its rename")
         expect(syncs[-1] < replaced[0], "results written back before the destination was flushed")
         yield ("durability", "syncfs before finish, configuration fsync before rename", "", "ok")
