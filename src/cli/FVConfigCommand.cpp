@@ -34,7 +34,7 @@ constexpr int kExitUsage = 2;
 
 enum class Kind { Boolean, Integer };
 
-struct OptionSpec {
+struct OptionRule {
     const char* key;
     Kind kind;
     int64_t minimum = 0;
@@ -43,7 +43,7 @@ struct OptionSpec {
 
 // The run options a user may set; the schedule has its own subcommand, and the UUID and the
 // superuser mark are the program's own.
-const OptionSpec kOptions[] = {
+const OptionRule kOptions[] = {
     {FVOptionKey::syncMode, Kind::Integer, 0, 1},
     {FVOptionKey::maxThreads, Kind::Integer, 1, 15},
     {FVOptionKey::moveDeletedFiles, Kind::Boolean},
@@ -243,12 +243,12 @@ int show(const Configuration& config, FVLaunchAgentManager& jobs) {
 
     const PlistDict& options = *config.content.settings;
     fmt::print("\nOptions:{:<20}  {:<8}  {}\n", "", "value", "default");
-    for (const OptionSpec& spec : kOptions)
-        fmt::print("  {:<26}  {:<8}  {}\n", spec.key, valueText(options.find(spec.key), spec.kind),
-                   defaultText(spec.key, spec.kind));
+    for (const OptionRule& rule : kOptions)
+        fmt::print("  {:<26}  {:<8}  {}\n", rule.key, valueText(options.find(rule.key), rule.kind),
+                   defaultText(rule.key, rule.kind));
     for (const auto& [key, value] : options.entries()) {
         bool known = std::any_of(std::begin(kOptions), std::end(kOptions),
-                                 [&](const OptionSpec& spec) { return key == spec.key; });
+                                 [&](const OptionRule& rule) { return key == rule.key; });
         bool own = key.rfind("automation", 0) == 0 || key == FVOptionKey::UUID || key == FVOptionKey::isSuperuserBackup;
         if (!known && !own) fmt::print("  {:<26}  ({}, kept as stored)\n", printable(key), value.typeName());
     }
@@ -341,27 +341,27 @@ int main(int argc, char** argv) {
     } else if (command == "set") {
         if (args.size() != 2) return usage("set needs an option and a value");
         const std::string& key = args[0];
-        auto spec = std::find_if(std::begin(kOptions), std::end(kOptions),
-                                 [&](const OptionSpec& s) { return key == s.key; });
-        if (spec == std::end(kOptions)) {
+        auto rule = std::find_if(std::begin(kOptions), std::end(kOptions),
+                                 [&](const OptionRule& s) { return key == s.key; });
+        if (rule == std::end(kOptions)) {
             if (key.rfind("automation", 0) == 0) return refuse("the schedule is set with: schedule daily|weekly|off");
             std::string names;
-            for (const OptionSpec& s : kOptions) names += std::string(names.empty() ? "" : ", ") + s.key;
+            for (const OptionRule& s : kOptions) names += std::string(names.empty() ? "" : ", ") + s.key;
             return refuse("unknown option " + printable(key) + "; options are: " + names);
         }
         PlistValue value;
-        if (spec->kind == Kind::Boolean) {
+        if (rule->kind == Kind::Boolean) {
             auto flag = parseBoolean(args[1]);
-            if (!flag) return refuse(fmt::format("{} takes yes or no, not {}", spec->key, printable(args[1])));
+            if (!flag) return refuse(fmt::format("{} takes yes or no, not {}", rule->key, printable(args[1])));
             value = *flag;
         } else {
             auto number = parseInteger(args[1]);
-            if (!number || *number < spec->minimum || *number > spec->maximum)
-                return refuse(fmt::format("{} takes a whole number from {} to {}, not {}", spec->key, spec->minimum,
-                                         spec->maximum, printable(args[1])));
+            if (!number || *number < rule->minimum || *number > rule->maximum)
+                return refuse(fmt::format("{} takes a whole number from {} to {}, not {}", rule->key, rule->minimum,
+                                         rule->maximum, printable(args[1])));
             value = *number;
         }
-        std::string shown = valueText(&value, spec->kind);
+        std::string shown = valueText(&value, rule->kind);
         change = [key, value, shown](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
             options.allOptions()->set(key, value);
             message = "Set " + key + " to " + shown + ".";
