@@ -112,8 +112,9 @@ void FVBackupSession::finalise() {
     syncingBackup_->flushDestination();
     FVLog::currentLog().addLogLine(fmt::format("Sync finished (Duration: {}).\n", syncingBackup_->currentDurationString()));
     FVLog::currentLog().closeLog();
-    if (delegate_) delegate_->backupSessionDidFinish(*this);
+    // Released before the delegate hears of the end: it may destroy this session at once.
     sleepInhibitor_.release();
+    if (delegate_) delegate_->backupSessionDidFinish(*this);
 }
 
 void FVBackupSession::updateTargetDidFinish(FVSyncingBackup&) { startNextItem(); }
@@ -126,8 +127,8 @@ void FVBackupSession::updateTargetDidCancel(FVSyncingBackup& job) {
     FVLog::currentLog().closeLog();
     setTaskDescription("Cancelled.");
     progressStep();
-    if (delegate_) delegate_->backupSessionDidCancel(*this);
     sleepInhibitor_.release();
+    if (delegate_) delegate_->backupSessionDidCancel(*this);
 }
 
 std::vector<std::string> FVBackupSession::errorMessages() const {

@@ -17,16 +17,16 @@ bool FVSleepInhibitor::acquire(const std::string& why) {
                                "sleep:idle", "Ferrovane", why.c_str(), "block");
     int fd = -1;
     if (r >= 0 && sd_bus_message_read(reply, "h", &fd) >= 0 && fd >= 0)
-        fd_ = fcntl(fd, F_DUPFD_CLOEXEC, 3);  // the reply owns fd; the lock lasts while ours is open
+        fd_.store(fcntl(fd, F_DUPFD_CLOEXEC, 3));  // the reply owns fd; the lock lasts while ours is open
     sd_bus_error_free(&error);
     sd_bus_message_unref(reply);
     sd_bus_flush_close_unref(bus);
-    return fd_ >= 0;
+    return fd_.load() >= 0;
 }
 
 void FVSleepInhibitor::release() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
+    int fd = fd_.exchange(-1);
+    if (fd >= 0) close(fd);
 }
 
 }  // namespace ferrovane

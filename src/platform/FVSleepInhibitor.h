@@ -1,6 +1,7 @@
 #pragma once
 // Keeps the machine from sleeping while a run is under way (logind's Inhibit lock).
 
+#include <atomic>
 #include <string>
 
 namespace ferrovane {
@@ -17,7 +18,7 @@ public:
     void release();
 
 private:
-    int fd_ = -1;
+    std::atomic<int> fd_{-1};
 };
 
 }  // namespace ferrovane
