@@ -176,7 +176,7 @@ CommitResult commit(int dirFd, const std::string& temporary, const std::string& 
     bool exists = fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
     if (exists && dataFd >= 0 && fsync(dataFd) != 0) return CommitResult::DataNotSafe;
     for (int attempt = 0; attempt < 2; ++attempt) {
-        if (exists && S_ISDIR(st.st_mode)) FVDestinationDirectory::removeRecursivelyAt(dirFd, name);
+        if (exists && S_ISDIR(st.st_mode)) FVConfinedDirectory::removeRecursivelyAt(dirFd, name);
         if (renameat(dirFd, temporary.c_str(), dirFd, name.c_str()) == 0) return CommitResult::Done;
         if (attempt == 0) {
             FVFileManager::unlockFileAt(dirFd, name);
@@ -208,7 +208,7 @@ void FVFileCopyWorker::Impl::cloneItem(FVFileSystemItem& source, const std::stri
 
     mode_t kind = source.fileExists() ? (source.statBuffer().st_mode & S_IFMT) : 0;
     if (kind == S_IFLNK) {
-        FVFd link(FVLongPath::open(sourcePath, O_PATH | O_NOFOLLOW));
+        FVFd link(openSource(sourcePath, O_PATH | O_NOFOLLOW));
         struct stat st {};
         ssize_t length = -1;
         if (link.valid() && fstat(link.get(), &st) == 0 && S_ISLNK(st.st_mode))
@@ -242,7 +242,7 @@ void FVFileCopyWorker::Impl::cloneItem(FVFileSystemItem& source, const std::stri
     }
 
     if (kind == S_IFREG) {
-        FVFd in(FVLongPath::open(sourcePath, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY));
+        FVFd in(openSource(sourcePath, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY));
         struct stat st {};
         if (in.valid() && (fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode))) in.reset();
         TemporaryGuard guard{dirFd, {}};
@@ -310,7 +310,7 @@ void FVFileCopyWorker::Impl::cloneItem(FVFileSystemItem& source, const std::stri
         }
     } else {
         // FIFOs, sockets and device nodes are made anew with the source's type and device number.
-        FVFd node(kind ? FVLongPath::open(sourcePath, O_PATH | O_NOFOLLOW) : -1);
+        FVFd node(kind ? openSource(sourcePath, O_PATH | O_NOFOLLOW) : -1);
         struct stat st {};
         TemporaryGuard guard{dirFd, {}};
         if (!node.valid() || fstat(node.get(), &st) != 0 || S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) ||

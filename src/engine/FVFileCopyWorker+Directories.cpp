@@ -12,6 +12,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace ferrovane {
@@ -36,6 +37,30 @@ void FVDirectoryStore::clear() {
     std::vector<size_t>().swap(ends_);
 }
 
+void FVFileCopyWorker::Impl::settleFolder(const std::string& path) {
+    {
+        std::lock_guard lock(filesMutex);
+        auto found = std::find(foldersInFlight.begin(), foldersInFlight.end(), path);
+        if (found != foldersInFlight.end()) foldersInFlight.erase(found);
+    }
+    folderSettled.notify_all();
+}
+
+// Waits while a folder at or above path is being created or replaced by another thread; true
+// when there was one, so that a failed open is worth another try.
+bool FVFileCopyWorker::Impl::waitForFoldersAbove(std::string_view path) {
+    auto isAbove = [path](const std::string& folder) {
+        return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
+    };
+    std::unique_lock lock(filesMutex);
+    bool waited = false;
+    while (std::any_of(foldersInFlight.begin(), foldersInFlight.end(), isAbove)) {
+        waited = true;
+        folderSettled.wait(lock);
+    }
+    return waited;
+}
+
 bool FVFileCopyWorker::Impl::ensureFolder(FVCopyThreadState& state, const std::string& path) {
     if (path == state.lastDirectory && state.lastDirectoryFd.valid()) return true;
     state.lastDirectory = path;
@@ -47,6 +72,9 @@ bool FVFileCopyWorker::Impl::ensureFolder(FVCopyThreadState& state, const std::s
     }
     bool created = false;
     state.lastDirectoryFd = destination->openFolder(*relative, true, &state.lastDirectoryError, &created);
+    const int error = state.lastDirectoryError;
+    if (!state.lastDirectoryFd.valid() && (error == ENOTDIR || error == ELOOP) && waitForFoldersAbove(path))
+        state.lastDirectoryFd = destination->openFolder(*relative, true, &state.lastDirectoryError, &created);
     if (created && verboseLogging) sendMessage(fmt::format("Creating directory {}", path), kLevelInfo);
     return state.lastDirectoryFd.valid();
 }
@@ -67,16 +95,20 @@ void FVFileCopyWorker::Impl::ensureDirectoryItem(FVCopyThreadState& state, FVFil
     std::string parentRelative = FVText::deletingLastPathComponent(*relative);
     std::string name = FVText::lastPathComponent(*relative);
     FVFd parent = destination->openFolder(parentRelative, true, &state.lastDirectoryError);
+    const int error = state.lastDirectoryError;
+    if (!parent.valid() && (error == ENOTDIR || error == ELOOP) &&
+        waitForFoldersAbove(FVText::deletingLastPathComponent(path)))
+        parent = destination->openFolder(parentRelative, true, &state.lastDirectoryError);
     if (!parent.valid()) return;
 
     struct stat st {};
     bool exists = fstatat(parent.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
     if (exists && !S_ISDIR(st.st_mode)) {
         if (delegateSupportsWillOverwriteDestination && delegate) delegate->copyWorkerWillOverwriteDestination(destinationItem);
-        if (FVDestinationDirectory::removeRecursivelyAt(parent.get(), name) != 0) {
+        if (FVConfinedDirectory::removeRecursivelyAt(parent.get(), name) != 0) {
             FVFileManager::unlockFileAt(parent.get(), name);
             FVFileManager::unlockFileAt(parent.get(), "");
-            FVDestinationDirectory::removeRecursivelyAt(parent.get(), name);
+            FVConfinedDirectory::removeRecursivelyAt(parent.get(), name);
         }
         exists = false;
     } else if (!exists && verboseLogging) {
@@ -90,6 +122,21 @@ void FVFileCopyWorker::Impl::ensureDirectoryItem(FVCopyThreadState& state, FVFil
     state.lastDirectoryError = state.lastDirectoryFd.valid() ? 0 : errno;
 }
 
+int FVFileCopyWorker::Impl::openSource(const std::string& path, int flags) const {
+    std::optional<std::string> relative = sourceTree ? sourceTree->relativePath(path) : std::nullopt;
+    // The root itself, a source that is a single file, or a worker without a source root.
+    if (!relative || relative->empty() || sourceTree->openError() != 0) return FVLongPath::open(path, flags);
+    const size_t slash = relative->rfind('/');
+    int error = 0;
+    FVFd folder = sourceTree->openFolder(slash == std::string::npos ? "" : relative->substr(0, slash), false, &error);
+    if (!folder.valid()) {
+        errno = error;
+        return -1;
+    }
+    const std::string name = slash == std::string::npos ? *relative : relative->substr(slash + 1);
+    return openat(folder.get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC);
+}
+
 void FVFileCopyWorker::Impl::addDirectoryToStore(const std::string& source, const std::string& destinationPath) {
     std::lock_guard lock(storeMutex);
     directoryStore.append(source, destinationPath);
@@ -100,7 +147,7 @@ void FVFileCopyWorker::Impl::cloneAllDirectoryAttributes() {
     std::lock_guard lock(storeMutex);
     for (size_t i = 0; i < directoryStore.size(); ++i) {
         std::string sourcePath(directoryStore.source(i));
-        FVFd source(FVLongPath::open(sourcePath, kFolderFlags | O_NONBLOCK));
+        FVFd source(openSource(sourcePath, kFolderFlags | O_NONBLOCK));
         struct stat st {};
         if (!source.valid() && errno == ENOENT) {
             if (verboseLogging)

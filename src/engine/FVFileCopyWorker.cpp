@@ -65,6 +65,7 @@ void FVFileCopyWorker::setVerboseLogging(bool verbose) { impl_->verboseLogging =
 void FVFileCopyWorker::setDisableACLClone(bool disable) { impl_->disableACLClone = disable; }
 void FVFileCopyWorker::setPreallocate(bool preallocate) { impl_->preallocate = preallocate; }
 void FVFileCopyWorker::setDestinationRoot(const std::string& root) { impl_->destinationRoot = root; }
+void FVFileCopyWorker::setSourceRoot(const std::string& root) { impl_->sourceRoot = root; }
 
 void FVFileCopyWorker::setChunkHook(std::function<void(const std::string&, uint64_t)> hook) {
     impl_->chunkHook = std::move(hook);
@@ -81,7 +82,9 @@ void FVFileCopyWorker::setMaxThreads(int64_t n) {
 
 void FVFileCopyWorker::startCopySession() {
     std::lock_guard lock(impl_->poolMutex);
-    if (!impl_->destination) impl_->destination = std::make_unique<FVDestinationDirectory>(impl_->destinationRoot);
+    if (!impl_->destination) impl_->destination = std::make_unique<FVConfinedDirectory>(impl_->destinationRoot);
+    if (!impl_->sourceTree && !impl_->sourceRoot.empty())
+        impl_->sourceTree = std::make_unique<FVConfinedDirectory>(impl_->sourceRoot);
     impl_->copySessionRunning = true;
     FVFileCopyWorkerDelegate* delegate = impl_->delegate;
     impl_->delegateSupportsWillOverwriteDestination = delegate && delegate->respondsToWillOverwriteDestination();
@@ -147,6 +150,7 @@ bool FVFileCopyWorker::Impl::nextItem(CopyPair& pair) {
     std::lock_guard lock(filesMutex);
     bool found = filesToCopy.pop(pair);
     if (found) {
+        if (!pair.source->isFile()) foldersInFlight.push_back(pair.destination->path());
         copiedFiles.fetch_add(1, std::memory_order_relaxed);
         if (filesToCopy.size() + 1 == kMaximumPendingPairs) roomInQueue.notify_one();
     }
@@ -183,7 +187,10 @@ void FVFileCopyWorker::Impl::workerBody() {
                 // A pair added just before the session ended is still ours.
                 if (!nextItem(pair)) break;
             }
-            if (cancelled.load(std::memory_order_relaxed)) break;
+            if (cancelled.load(std::memory_order_relaxed)) {
+                if (!pair.source->isFile()) settleFolder(pair.destination->path());
+                break;
+            }
             copyPair(pair, state);
         }
     }
@@ -227,6 +234,7 @@ void FVFileCopyWorker::Impl::copyPair(CopyPair& pair, FVCopyThreadState& state) 
     } else {
         addDirectoryToStore(source.path(), destination.path());
         ensureDirectoryItem(state, destination);
+        settleFolder(destination.path());
     }
 }
 

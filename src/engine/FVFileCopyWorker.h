@@ -57,6 +57,9 @@ public:
     // following symbolic links; destination paths outside it are refused. "/" when not set.
     // Set before startCopySession, like the other settings.
     void setDestinationRoot(const std::string& root);
+    // Sources below this folder are read through descriptors reached from it without following
+    // symbolic links, so a folder swapped for a link mid-run is never read through. Optional.
+    void setSourceRoot(const std::string& root);
     // Called on the copying thread after every chunk (at most 1 MiB) of a file's data, with the
     // source path and the bytes copied so far; tests use it to act at a known point of a copy.
     void setChunkHook(std::function<void(const std::string& sourcePath, uint64_t bytesCopied)> hook);

@@ -1,7 +1,7 @@
 #pragma once
 // The worker's private state, shared by its source files (queue and threads, cloning, folders).
 
-#include "engine/FVDestinationDirectory.h"
+#include "engine/FVConfinedDirectory.h"
 #include "engine/FVFileCopyWorker.h"
 
 #include <sys/stat.h>
@@ -73,7 +73,9 @@ struct FVFileCopyWorker::Impl {
     bool disableACLClone = false;
     bool preallocate = false;
     std::string destinationRoot = "/";
-    std::unique_ptr<FVDestinationDirectory> destination;
+    std::unique_ptr<FVConfinedDirectory> destination;
+    std::string sourceRoot;
+    std::unique_ptr<FVConfinedDirectory> sourceTree;
     std::function<void(const std::string&, uint64_t)> chunkHook;
 
     std::atomic<bool> delegateSupportsWillOverwriteDestination{false};
@@ -92,6 +94,11 @@ struct FVFileCopyWorker::Impl {
     // runs far ahead of the copies (a first run of millions of small files).
     std::condition_variable roomInQueue;
     FVPairQueue filesToCopy{4096};
+    // Destination folders whose pair a thread has taken and not yet settled. Pairs leave the
+    // queue folder first, so a thread that finds a link or file where its folder must be can
+    // wait here for the folder's own pair to replace it rather than fail.
+    std::vector<std::string> foldersInFlight;
+    std::condition_variable folderSettled;
     std::atomic<uint64_t> requestedFiles{0};
     std::atomic<uint64_t> copiedFiles{0};
     float lastReportedProgress = 0;
@@ -115,7 +122,12 @@ struct FVFileCopyWorker::Impl {
     void sendMessage(const std::string& message, const char* level);
     void copyPair(CopyPair& pair, FVCopyThreadState& state);
 
+    // open(2) of a source item; below the source root no symbolic link is followed.
+    int openSource(const std::string& path, int flags) const;
+
     // Folders.
+    void settleFolder(const std::string& path);
+    bool waitForFoldersAbove(std::string_view path);
     bool ensureFolder(FVCopyThreadState& state, const std::string& path);
     void ensureDirectoryItem(FVCopyThreadState& state, FVFileSystemItem& destinationItem);
     void addDirectoryToStore(const std::string& source, const std::string& destination);

@@ -51,6 +51,12 @@ std::shared_ptr<FVFileSystemItem> FVFileSystemItem::itemWithPath(std::string pat
     return std::make_shared<FVFileSystemItem>(std::move(path));
 }
 
+std::shared_ptr<FVFileSystemItem> FVFileSystemItem::missingItem(std::string path) {
+    auto item = std::make_shared<FVFileSystemItem>(std::move(path));
+    item->statLoaded_ = true;
+    return item;
+}
+
 void FVFileSystemItem::loadStatAttributes() {
     if (statLoaded_) return;
     statLoaded_ = true;

@@ -22,6 +22,8 @@ public:
     // An item whose stat is already known (from a directory walk), so no lstat is needed.
     FVFileSystemItem(std::string path, const struct stat& st);
     static std::shared_ptr<FVFileSystemItem> itemWithPath(std::string path);
+    // An item already found not to exist, so that no lstat is made for it.
+    static std::shared_ptr<FVFileSystemItem> missingItem(std::string path);
 
     const std::string& path() const { return path_; }
     void loadStatAttributes();

@@ -2,12 +2,13 @@
 // to the copy worker while the walk goes on.
 
 #include "engine/FVAdditions.h"
+#include "engine/FVDirectoryWalker.h"
 #include "engine/FVExclusionRules.h"
 #include "engine/FVSyncingBackup.h"
 #include "engine/FVText.h"
 
 #include <dirent.h>
-#include <fts.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -19,12 +20,50 @@ namespace {
 
 bool pathExists(const std::string& path) {
     struct stat st {};
-    return lstat(path.c_str(), &st) == 0;
+    return FVLongPath::lstat(path, &st) == 0;
 }
 
-bool startsWith(const std::string& s, const std::string& prefix) {
-    return s.size() >= prefix.size() && s.compare(0, prefix.size(), prefix) == 0;
+// Whether path lies inside folder (not merely shares its first characters).
+bool isBelow(const std::string& path, const std::string& folder) {
+    return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
+           (path[folder.size()] == '/' || folder.back() == '/');
 }
+
+// The destination folders that mirror the walk's current folders, one descriptor per level, so
+// that each destination entry is examined relative to its folder rather than by its whole path.
+// Levels without one (a missing folder, or deeper than the limit) fall back to the path.
+class DestinationFolders {
+public:
+    FVFileSystemItemPtr item(const FVDirectoryWalker::Entry& entry, const std::string& path) const {
+        const size_t level = entry.level;
+        if (level == 0 || level > folders_.size() || !folders_[level - 1].valid())
+            return std::make_shared<FVFileSystemItem>(path);
+        struct stat st {};
+        if (fstatat(folders_[level - 1].get(), std::string(entry.name()).c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0)
+            return std::make_shared<FVFileSystemItem>(path, st);
+        if (errno == ENOENT) return FVFileSystemItem::missingItem(path);
+        return std::make_shared<FVFileSystemItem>(path);
+    }
+
+    // Called for every source folder the walk may enter, with its destination counterpart.
+    void enter(const FVDirectoryWalker::Entry& entry, FVFileSystemItem& destination) {
+        const size_t level = entry.level;
+        folders_.resize(level);
+        FVFd folder;
+        if (level < kLevelLimit && destination.fileExists() && destination.fileType() == FVFileType::Directory) {
+            constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+            if (level == 0)
+                folder.reset(FVLongPath::open(destination.path(), flags));
+            else if (folders_[level - 1].valid())
+                folder.reset(openat(folders_[level - 1].get(), std::string(entry.name()).c_str(), flags));
+        }
+        folders_.push_back(std::move(folder));
+    }
+
+private:
+    static constexpr size_t kLevelLimit = 64;
+    std::vector<FVFd> folders_;
+};
 
 // Whether a folder has at least one entry; an unreadable folder has none.
 bool hasEntries(const std::string& path) {
@@ -79,6 +118,7 @@ void FVSyncingBackup::updateTargetPathFromSourcePath(const std::string& sourcePa
     worker->setDisableACLClone(disableACLClone_);
     worker->setPreallocate(preallocate_);
     worker->setDestinationRoot(targetPath_);
+    worker->setSourceRoot(sourcePath);
     {
         std::lock_guard lock(workerMutex_);
         if (backupCopyWorker_) retiredWorkers_.push_back(std::move(backupCopyWorker_));
@@ -151,35 +191,23 @@ void FVSyncingBackup::buildSourceFilesToUpdate(const std::string& sourceRoot, co
     // An empty or unreadable folder is neither compared nor created at the destination.
     if (!hasEntries(sourceRoot)) return;
 
-    char* roots[] = {const_cast<char*>(sourceRoot.c_str()), nullptr};
-    FTS* fts = fts_open(roots, FTS_NOCHDIR | FTS_PHYSICAL | FTS_XDEV, nullptr);
-    if (!fts) return;
-
-    const size_t rootLength = sourceRoot.size();
+    FVDirectoryWalker walker(sourceRoot);
+    DestinationFolders destinationFolders;
     std::string newDirectoryPrefix;
     // The folders from the root down to the entry in hand, by walk level, with whether each was
     // found unchanged and has not been queued again since.
     std::vector<std::pair<std::string, bool>> unchangedAncestors;
-    while (FTSENT* entry = fts_read(fts)) {
-        switch (entry->fts_info) {
-        case FTS_D:
-        case FTS_F:
-        case FTS_SL:
-        case FTS_SLNONE:
-            break;
-        case FTS_DNR:
-        case FTS_ERR:
-        case FTS_NS: {
-            std::string message = fmt::format("ERROR: Could not analyse {} (Error: {})", entry->fts_path,
-                                              entry->fts_errno);
+    while (const FVDirectoryWalker::Entry* entry = walker.next()) {
+        if (entry->error != 0) {
+            std::string message = fmt::format("ERROR: Could not analyse {} (Error: {})", entry->path, entry->error);
             logLine(message);
             addError(message);
             continue;
         }
-        default:
-            continue;
-        }
-        std::string path(entry->fts_path, entry->fts_pathlen);
+        // Sockets, FIFOs and devices are passed over.
+        const mode_t type = entry->st.st_mode & S_IFMT;
+        if (type != S_IFDIR && type != S_IFREG && type != S_IFLNK) continue;
+        const std::string& path = entry->path;
         ++currentTotalFilesCount_;
         if (reportProgressAlong) {
             analyseProgressStatus_ =
@@ -188,39 +216,40 @@ void FVSyncingBackup::buildSourceFilesToUpdate(const std::string& sourceRoot, co
         }
         if (isCancelled()) break;
 
-        std::string destinationPath = targetRoot + path.substr(rootLength);
-        auto source = std::make_shared<FVFileSystemItem>(path, *entry->fts_statp);
+        std::string destinationPath = targetRoot + std::string(entry->relativePath());
+        auto source = std::make_shared<FVFileSystemItem>(path, entry->st);
 
         if (isExcluded(path, &sourceRoot)) {
             verboseLog("Excluded:" + path);
             --currentTotalFilesCount_;
-            if (entry->fts_info == FTS_D) fts_set(fts, entry, FTS_SKIP);
+            if (type == S_IFDIR) walker.skipChildren();
             continue;
         }
         if (willPerformCleanup_) sourcePathsCache_.insert(path);
-        if (excludeSymlinks_ && source->fileType() == FVFileType::SymbolicLink) {
+        if (excludeSymlinks_ && type == S_IFLNK) {
             verboseLog("Skipping symbolic link:" + path);
             --currentTotalFilesCount_;
             continue;
         }
         // Everything below a folder the destination lacks is new as well.
-        if (!newDirectoryPrefix.empty() && startsWith(path, newDirectoryPrefix)) {
-            handToWorker(source, std::make_shared<FVFileSystemItem>(destinationPath));
+        if (!newDirectoryPrefix.empty() && isBelow(path, newDirectoryPrefix)) {
+            handToWorker(source, std::make_shared<FVFileSystemItem>(std::move(destinationPath)));
             ++currentUpdateCount_;
             continue;
         }
-        auto destination = std::make_shared<FVFileSystemItem>(destinationPath);
-        bool newFolder = !destination->fileExists() && !source->isFile();
+        auto destination = destinationFolders.item(*entry, destinationPath);
+        bool newFolder = !destination->fileExists() && type == S_IFDIR;
         bool needed = newFolder || itemNeedsBackup(*source, *destination);
-        const auto level = static_cast<size_t>(entry->fts_level);
-        if (entry->fts_info == FTS_D) {
+        const size_t level = entry->level;
+        if (type == S_IFDIR) {
+            destinationFolders.enter(*entry, *destination);
             unchangedAncestors.resize(level);
             unchangedAncestors.emplace_back(path, !needed);
         }
         if (!needed) continue;
         // Writing an entry into a folder changes the folder's date: queue an unchanged folder
         // again so that its attributes are applied after the write.
-        if ((source->isFile() || newFolder) && level > 0 && level <= unchangedAncestors.size() &&
+        if ((type != S_IFDIR || newFolder) && level > 0 && level <= unchangedAncestors.size() &&
             unchangedAncestors[level - 1].second) {
             unchangedAncestors[level - 1].second = false;
             handToWorker(std::make_shared<FVFileSystemItem>(unchangedAncestors[level - 1].first),
@@ -230,7 +259,6 @@ void FVSyncingBackup::buildSourceFilesToUpdate(const std::string& sourceRoot, co
         handToWorker(source, destination);
         ++currentUpdateCount_;
     }
-    fts_close(fts);
 }
 
 bool FVSyncingBackup::itemNeedsBackup(FVFileSystemItem& source, FVFileSystemItem& target) {

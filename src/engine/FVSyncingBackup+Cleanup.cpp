@@ -2,6 +2,7 @@
 // archived into __removed/<stamp>/ or deleted; and archives past their age are purged.
 
 #include "engine/FVAdditions.h"
+#include "engine/FVDirectoryWalker.h"
 #include "engine/FVExclusionRules.h"
 #include "engine/FVFileCopyWorker.h"
 #include "engine/FVSyncingBackup.h"
@@ -10,7 +11,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <fts.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,7 +24,7 @@ namespace {
 
 bool pathExists(const std::string& path) {
     struct stat st {};
-    return lstat(path.c_str(), &st) == 0;
+    return FVLongPath::lstat(path, &st) == 0;
 }
 
 bool isDirectory(const std::string& path) {
@@ -104,24 +104,20 @@ void FVSyncingBackup::cleanupSourceRoot(const std::string& sourceRoot, int& hand
         return;
     }
 
-    char* roots[] = {const_cast<char*>(mirror.c_str()), nullptr};
-    FTS* fts = fts_open(roots, FTS_NOCHDIR | FTS_PHYSICAL | FTS_XDEV, nullptr);
-    if (!fts) return;
-    const size_t mirrorLength = mirror.size();
+    FVDirectoryWalker walker(mirror);
     int visited = 0;
-    while (FTSENT* entry = fts_read(fts)) {
-        int info = entry->fts_info;
-        if (info != FTS_D && info != FTS_F && info != FTS_SL && info != FTS_SLNONE) continue;
+    while (const FVDirectoryWalker::Entry* entry = walker.next()) {
+        const mode_t type = entry->st.st_mode & S_IFMT;
+        if (entry->error != 0 || (type != S_IFDIR && type != S_IFREG && type != S_IFLNK)) continue;
         if (isCancelled()) {
             cancelled = true;
             break;
         }
-        std::string path(entry->fts_path, entry->fts_pathlen);
-        std::string relative = path.substr(mirrorLength);
-        std::string_view name(entry->fts_name, entry->fts_namelen);
+        const std::string& path = entry->path;
+        std::string relative(entry->relativePath());
 
         // Leftovers of an interrupted copy are no user files: they simply go.
-        if (name.substr(0, std::strlen(kTemporaryFilePrefix)) == kTemporaryFilePrefix && info != FTS_D) {
+        if (entry->name().substr(0, std::strlen(kTemporaryFilePrefix)) == kTemporaryFilePrefix && type != S_IFDIR) {
             std::string ignored;
             keepingParentDates(path, [&] { removeWithinDestination(path, ignored); });
             continue;
@@ -136,7 +132,7 @@ void FVSyncingBackup::cleanupSourceRoot(const std::string& sourceRoot, int& hand
         if (!keep && !relative.empty()) {
             keepingParentDates(path, [&] { removeDeletedItem(sourceRoot, relative, path); });
             ++handled;
-            if (info == FTS_D) fts_set(fts, entry, FTS_SKIP);
+            if (type == S_IFDIR) walker.skipChildren();
         }
         ++visited;
         float progress = static_cast<float>(visited) * 100.0f / static_cast<float>(cleanupFileCount_);
@@ -144,7 +140,6 @@ void FVSyncingBackup::cleanupSourceRoot(const std::string& sourceRoot, int& hand
         analyseProgressStatus_ = progress;
         reportProgress();
     }
-    fts_close(fts);
 }
 
 // The copy pass has given the folder the source folder's dates; taking an entry out must not

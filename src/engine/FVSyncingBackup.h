@@ -3,7 +3,7 @@
 // changed to a copy worker, archives what it overwrites or what vanished from the sources,
 // purges old archives, and collects the run's errors.
 
-#include "engine/FVDestinationDirectory.h"
+#include "engine/FVConfinedDirectory.h"
 #include "engine/FVFileCopyWorker.h"
 #include "engine/FVPathSet.h"
 #include "engine/FVPlist.h"
@@ -118,7 +118,7 @@ private:
 
     FVSyncingBackupObserver* observer_;
     std::string targetPath_;
-    FVDestinationDirectory destination_;
+    FVConfinedDirectory destination_;
     std::vector<FVSourceItemPtr> backupSet_;
     std::string fstype_;
     double initTimeStamp_ = 0;

@@ -3,7 +3,7 @@
 // symbolic link planted inside the destination.
 
 #include "engine/FVAdditions.h"
-#include "engine/FVDestinationDirectory.h"
+#include "engine/FVConfinedDirectory.h"
 #include "engine/FVFileCopyWorker.h"
 #include "support/ProcessRunner.h"
 #include "support/TempDir.h"
@@ -384,7 +384,7 @@ TEST(ItemCloning, CopiesBelowPathsLongerThanPathMax) {
     TempDir dir;
     makeDirs(dir / "src");
     makeDirs(dir / "dst");
-    FVDestinationDirectory source(dir / "src");
+    FVConfinedDirectory source(dir / "src");
     std::string relative;
     std::vector<std::string> folders;
     for (int i = 0; i < 20; ++i) {
@@ -412,7 +412,7 @@ TEST(ItemCloning, CopiesBelowPathsLongerThanPathMax) {
     }
     EXPECT_TRUE(delegate.messages().empty()) << delegate.messages()[0];
     // rsync refuses such paths, so the leaf is compared here.
-    FVDestinationDirectory copy(dir / "dst");
+    FVConfinedDirectory copy(dir / "dst");
     FVFd copied = copy.openFolder(relative, false, &error);
     ASSERT_TRUE(copied.valid()) << strerror(error);
     struct stat s {}, d {};

@@ -1,6 +1,8 @@
 #pragma once
-// Changes inside a destination, made so that a symbolic link planted inside it can never send a
-// write, a removal or a metadata change outside it.
+// A folder tree that is only ever entered below its root, never through a symbolic link. The
+// destination is one: a link planted inside it can never send a write, a removal or a metadata
+// change outside it. A source is another: a folder swapped for a link while a run reads it can
+// never make the run read (and back up) what lies outside the source.
 //
 // The root is opened once (following links: the user chose that path). Every folder below it is
 // reached from the root's descriptor without following any symbolic link (openat2 with
@@ -18,9 +20,9 @@
 
 namespace ferrovane {
 
-class FVDestinationDirectory {
+class FVConfinedDirectory {
 public:
-    explicit FVDestinationDirectory(std::string rootPath);
+    explicit FVConfinedDirectory(std::string rootPath);
 
     // 0, or why the root could not be opened (then every operation fails with that error).
     int openError() const { return openError_; }

@@ -1,4 +1,4 @@
-#include "engine/FVDestinationDirectory.h"
+#include "engine/FVConfinedDirectory.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -61,7 +61,7 @@ int removeContents(int dirFd) {
             break;
         }
         if (!strcmp(entry->d_name, ".") || !strcmp(entry->d_name, "..")) continue;
-        int error = FVDestinationDirectory::removeRecursivelyAt(dirFd, entry->d_name);
+        int error = FVConfinedDirectory::removeRecursivelyAt(dirFd, entry->d_name);
         if (error && !firstError) firstError = error;
     }
     closedir(dir);
@@ -70,13 +70,13 @@ int removeContents(int dirFd) {
 
 }  // namespace
 
-FVDestinationDirectory::FVDestinationDirectory(std::string rootPath) : rootPath_(std::move(rootPath)) {
+FVConfinedDirectory::FVConfinedDirectory(std::string rootPath) : rootPath_(std::move(rootPath)) {
     while (rootPath_.size() > 1 && rootPath_.back() == '/') rootPath_.pop_back();
     root_.reset(FVLongPath::open(rootPath_, O_RDONLY | O_DIRECTORY));
     if (!root_.valid()) openError_ = errno;
 }
 
-std::optional<std::string> FVDestinationDirectory::relativePath(std::string_view absolutePath) const {
+std::optional<std::string> FVConfinedDirectory::relativePath(std::string_view absolutePath) const {
     while (absolutePath.size() > 1 && absolutePath.back() == '/') absolutePath.remove_suffix(1);
     if (absolutePath == rootPath_) return std::string();
     std::string_view prefix = rootPath_ == "/" ? std::string_view() : std::string_view(rootPath_);
@@ -95,7 +95,7 @@ std::optional<std::string> FVDestinationDirectory::relativePath(std::string_view
     return relative;
 }
 
-FVFd FVDestinationDirectory::openFolder(std::string_view relative, bool createMissing, int* error,
+FVFd FVConfinedDirectory::openFolder(std::string_view relative, bool createMissing, int* error,
                                         bool* created) const {
     if (created) *created = false;
     auto fail = [&](int e) {
@@ -138,7 +138,7 @@ FVFd FVDestinationDirectory::openFolder(std::string_view relative, bool createMi
     return current;
 }
 
-int FVDestinationDirectory::moveItem(std::string_view fromRelative, std::string_view toRelative,
+int FVConfinedDirectory::moveItem(std::string_view fromRelative, std::string_view toRelative,
                                      bool createMissing, bool noReplace) const {
     std::string_view fromFolder, toFolder;
     std::string fromName, toName;
@@ -153,7 +153,7 @@ int FVDestinationDirectory::moveItem(std::string_view fromRelative, std::string_
                : errno;
 }
 
-int FVDestinationDirectory::removeItem(std::string_view relative) const {
+int FVConfinedDirectory::removeItem(std::string_view relative) const {
     std::string_view folder;
     std::string name;
     if (!splitLast(relative, folder, name)) return EINVAL;
@@ -162,7 +162,7 @@ int FVDestinationDirectory::removeItem(std::string_view relative) const {
     return parent.valid() ? removeRecursivelyAt(parent.get(), name) : error;
 }
 
-int FVDestinationDirectory::removeRecursivelyAt(int dirFd, const std::string& name) {
+int FVConfinedDirectory::removeRecursivelyAt(int dirFd, const std::string& name) {
     if (unlinkat(dirFd, name.c_str(), 0) == 0) return 0;
     if (errno != EISDIR && errno != EPERM) return errno;
     // unlink of a folder answers EISDIR (or EPERM on some file systems): empty it first.

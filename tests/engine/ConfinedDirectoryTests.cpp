@@ -1,6 +1,6 @@
 // Changes inside a destination never follow a symbolic link out of it.
 
-#include "engine/FVDestinationDirectory.h"
+#include "engine/FVConfinedDirectory.h"
 #include "support/TempDir.h"
 
 #include <fcntl.h>
@@ -13,22 +13,22 @@
 using namespace ferrovane;
 using namespace ferrovane::test;
 
-TEST(DestinationDirectory, RelativePathsStayBelowTheRoot) {
-    FVDestinationDirectory root("/work/dest/");
+TEST(ConfinedDirectory, RelativePathsStayBelowTheRoot) {
+    FVConfinedDirectory root("/work/dest/");
     EXPECT_EQ(root.relativePath("/work/dest"), "");
     EXPECT_EQ(root.relativePath("/work/dest/a/b"), "a/b");
     EXPECT_FALSE(root.relativePath("/work/destination/a"));
     EXPECT_FALSE(root.relativePath("/work/dest/a/../../etc"));
     EXPECT_FALSE(root.relativePath("/work"));
-    EXPECT_EQ(FVDestinationDirectory("/").relativePath("/etc/x"), "etc/x");
+    EXPECT_EQ(FVConfinedDirectory("/").relativePath("/etc/x"), "etc/x");
 }
 
-TEST(DestinationDirectory, CreatesMissingFoldersButNeverThroughALink) {
+TEST(ConfinedDirectory, CreatesMissingFoldersButNeverThroughALink) {
     TempDir dir;
     makeDirs(dir / "dest");
     makeDirs(dir / "outside");
     ASSERT_EQ(symlink((dir / "outside").c_str(), (dir / "dest/planted").c_str()), 0);
-    FVDestinationDirectory root(dir / "dest");
+    FVConfinedDirectory root(dir / "dest");
     ASSERT_EQ(root.openError(), 0);
 
     int error = 0;
@@ -46,19 +46,19 @@ TEST(DestinationDirectory, CreatesMissingFoldersButNeverThroughALink) {
     EXPECT_FALSE(root.openFolder("planted", false, &error).valid());
     EXPECT_FALSE(exists(dir / "outside/x"));
 
-    EXPECT_FALSE(FVDestinationDirectory(dir / "missing").openFolder("a", true, &error).valid());
+    EXPECT_FALSE(FVConfinedDirectory(dir / "missing").openFolder("a", true, &error).valid());
     EXPECT_EQ(error, ENOENT);
     EXPECT_FALSE(exists(dir / "missing"));
 }
 
-TEST(DestinationDirectory, MovesAndRemovesWithoutFollowingLinks) {
+TEST(ConfinedDirectory, MovesAndRemovesWithoutFollowingLinks) {
     TempDir dir;
     makeDirs(dir / "dest/tree/deep/er");
     makeDirs(dir / "outside");
     writeFile(dir / "outside/keep", "x");
     writeFile(dir / "dest/tree/deep/er/f", "x");
     ASSERT_EQ(symlink((dir / "outside").c_str(), (dir / "dest/tree/deep/link").c_str()), 0);
-    FVDestinationDirectory root(dir / "dest");
+    FVConfinedDirectory root(dir / "dest");
 
     EXPECT_EQ(root.moveItem("tree/deep/er/f", "archive/2026/tree/f", true), 0);
     EXPECT_EQ(readFile(dir / "dest/archive/2026/tree/f"), "x");
@@ -72,10 +72,10 @@ TEST(DestinationDirectory, MovesAndRemovesWithoutFollowingLinks) {
     EXPECT_EQ(readFile(dir / "outside/keep"), "x");
 }
 
-TEST(DestinationDirectory, ReachesFoldersDeeperThanPathMax) {
+TEST(ConfinedDirectory, ReachesFoldersDeeperThanPathMax) {
     TempDir dir;
     makeDirs(dir / "dest");
-    FVDestinationDirectory root(dir / "dest");
+    FVConfinedDirectory root(dir / "dest");
     std::string relative;
     for (int i = 0; i < 24; ++i) relative += (i ? "/" : "") + std::string(200, static_cast<char>('a' + i));
     int error = 0;

@@ -1,0 +1,68 @@
+#pragma once
+// A pre-order walk of a folder tree in which every entry is reached through its folder's
+// descriptor (openat, fstatat) rather than by its whole path. So the walk goes on below
+// PATH_MAX-deep folders, and a folder that is swapped for a symbolic link while the walk is
+// under way is reported, never followed: each folder is entered with O_NOFOLLOW from the
+// descriptor of the folder that listed it. Symbolic links are entries, never followed; folders
+// on another file system than the root are returned but not entered.
+
+#include "engine/FVFileDescriptor.h"
+
+#include <sys/stat.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ferrovane {
+
+class FVDirectoryWalker {
+public:
+    struct Entry {
+        // The root as given, then the root's path joined with "/" and each name.
+        std::string path;
+        // Error entries carry only path, level and error.
+        struct stat st {};
+        // 0 for the root.
+        size_t level = 0;
+        // Non-zero: the entry could not be examined (errno), or, for a folder already returned,
+        // its contents could not be listed.
+        int error = 0;
+        // The folder that holds the entry (not the root, which has none); valid until next().
+        int parentFd = -1;
+        size_t nameOffset = 0;
+        size_t relativeOffset = 0;
+
+        bool isDirectory() const { return error == 0 && S_ISDIR(st.st_mode); }
+        std::string_view name() const { return std::string_view(path).substr(nameOffset); }
+        // "" for the root, "/a/b" below it.
+        std::string_view relativePath() const { return std::string_view(path).substr(relativeOffset); }
+    };
+
+    explicit FVDirectoryWalker(std::string root);
+    ~FVDirectoryWalker();
+    FVDirectoryWalker(const FVDirectoryWalker&) = delete;
+    FVDirectoryWalker& operator=(const FVDirectoryWalker&) = delete;
+
+    // The next entry, or nullptr when the walk is over. The entry stays valid until the next call.
+    const Entry* next();
+    // The folder just returned is not entered.
+    void skipChildren() { descendPending_ = false; }
+
+private:
+    struct Folder;
+
+    bool enterPendingFolder();
+    bool reopenAfterLeaving(Folder& left);
+    static int readNames(Folder& folder);
+
+    std::string root_;
+    size_t baseLength_;
+    dev_t rootDevice_ = 0;
+    bool started_ = false;
+    bool descendPending_ = false;
+    std::vector<Folder> stack_;
+    Entry entry_;
+};
+
+}  // namespace ferrovane

@@ -1,0 +1,161 @@
+// The tree walk reaches every entry once, through folder descriptors: past PATH_MAX, and never
+// through a folder swapped for a link while it runs.
+
+#include "engine/FVDirectoryWalker.h"
+#include "support/TempDir.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <string>
+
+#include <gtest/gtest.h>
+
+using namespace ferrovane;
+using namespace ferrovane::test;
+
+namespace {
+
+struct Seen {
+    size_t level;
+    bool directory;
+    std::string relative;
+};
+
+// Walks the whole tree; errors are collected by path.
+std::map<std::string, Seen> walkAll(const std::string& root, std::map<std::string, int>* errors = nullptr,
+                                    const std::string& skip = "") {
+    std::map<std::string, Seen> seen;
+    FVDirectoryWalker walker(root);
+    while (const FVDirectoryWalker::Entry* entry = walker.next()) {
+        if (entry->error != 0) {
+            if (errors) (*errors)[entry->path] = entry->error;
+            continue;
+        }
+        EXPECT_FALSE(seen.count(entry->path)) << entry->path << " returned twice";
+        seen[entry->path] = {entry->level, entry->isDirectory(), std::string(entry->relativePath())};
+        EXPECT_EQ(entry->path.substr(entry->path.size() - entry->name().size()), entry->name());
+        if (!skip.empty() && entry->name() == skip) walker.skipChildren();
+    }
+    return seen;
+}
+
+}  // namespace
+
+TEST(DirectoryWalker, VisitsEachEntryOnceFoldersFirstWithoutFollowingLinks) {
+    TempDir dir;
+    const std::string root = dir / "root";
+    makeDirs(root + "/a/b");
+    makeDirs(root + "/empty");
+    makeDirs(root + "/skipped/inner");
+    makeDirs(dir / "outside");
+    writeFile(root + "/a/b/file", "x");
+    writeFile(root + "/top", "y");
+    writeFile(dir / "outside/secret", "s");
+    ASSERT_EQ(symlink((dir / "outside").c_str(), (root + "/link").c_str()), 0);
+    ASSERT_EQ(mkfifo((root + "/fifo").c_str(), 0600), 0);
+
+    std::map<std::string, int> errors;
+    auto seen = walkAll(root, &errors, "skipped");
+    EXPECT_TRUE(errors.empty());
+    std::vector<std::string> paths;
+    for (const auto& [path, info] : seen) paths.push_back(path.substr(root.size()));
+    EXPECT_EQ(paths, (std::vector<std::string>{"", "/a", "/a/b", "/a/b/file", "/empty", "/fifo", "/link",
+                                               "/skipped", "/top"}));
+    EXPECT_EQ(seen[root].level, 0u);
+    EXPECT_EQ(seen[root].relative, "");
+    EXPECT_EQ(seen[root + "/a/b/file"].level, 3u);
+    EXPECT_EQ(seen[root + "/a/b/file"].relative, "/a/b/file");
+    EXPECT_FALSE(seen[root + "/link"].directory);
+
+    // Pre-order: a folder comes before anything inside it.
+    std::vector<std::string> order;
+    FVDirectoryWalker walker(root);
+    while (const auto* entry = walker.next()) order.push_back(entry->path);
+    auto at = [&](const std::string& p) { return std::find(order.begin(), order.end(), root + p) - order.begin(); };
+    EXPECT_LT(at("/a"), at("/a/b"));
+    EXPECT_LT(at("/a/b"), at("/a/b/file"));
+
+    // A root given with a trailing slash names its entries without a doubled one.
+    auto slashed = walkAll(root + "/");
+    EXPECT_TRUE(slashed.count(root + "/a/b/file"));
+    EXPECT_EQ(slashed[root + "/a/b/file"].relative, "/a/b/file");
+}
+
+TEST(DirectoryWalker, RootsThatAreMissingOrFilesAreOneEntry) {
+    TempDir dir;
+    writeFile(dir / "file", "x");
+    std::map<std::string, int> errors;
+    EXPECT_TRUE(walkAll(dir / "missing", &errors).empty());
+    EXPECT_EQ(errors[dir / "missing"], ENOENT);
+    auto seen = walkAll(dir / "file");
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_FALSE(seen.begin()->second.directory);
+}
+
+// 80 levels of 60-byte names: deeper than PATH_MAX and than the descriptors the walk keeps open,
+// so the way back up reopens folders; the siblings left at the top must still be visited.
+TEST(DirectoryWalker, WalksBelowPathMaxAndBackUpThroughManyLevels) {
+    TempDir dir;
+    const std::string root = dir / "root";
+    makeDirs(root);
+    const std::string name(60, 'd');
+    int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY);
+    ASSERT_GE(fd, 0);
+    for (int level = 0; level < 80; ++level) {
+        ASSERT_EQ(mkdirat(fd, name.c_str(), 0755), 0);
+        int child = openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY);
+        ASSERT_GE(child, 0);
+        close(fd);
+        fd = child;
+    }
+    int file = openat(fd, "bottom", O_WRONLY | O_CREAT, 0644);
+    ASSERT_GE(file, 0);
+    close(file);
+    close(fd);
+    for (const char* sibling : {"zz1", "zz2"}) writeFile(root + "/" + sibling, "z");
+
+    std::map<std::string, int> errors;
+    auto seen = walkAll(root, &errors);
+    EXPECT_TRUE(errors.empty());
+    EXPECT_EQ(seen.size(), 1u + 80u + 1u + 2u);
+    std::string bottom = root;
+    for (int level = 0; level < 80; ++level) bottom += "/" + name;
+    bottom += "/bottom";
+    ASSERT_GT(bottom.size(), static_cast<size_t>(PATH_MAX));
+    ASSERT_TRUE(seen.count(bottom));
+    EXPECT_EQ(seen[bottom].level, 81u);
+    EXPECT_TRUE(seen.count(root + "/zz1") && seen.count(root + "/zz2"));
+}
+
+TEST(DirectoryWalker, AFolderSwappedForALinkDuringTheWalkIsReportedNotFollowed) {
+    TempDir dir;
+    const std::string root = dir / "root";
+    makeDirs(root + "/a");
+    writeFile(root + "/a/inside", "i");
+    makeDirs(dir / "outside");
+    writeFile(dir / "outside/secret", "s");
+
+    FVDirectoryWalker walker(root);
+    std::vector<std::string> paths;
+    int swapError = 0;
+    while (const auto* entry = walker.next()) {
+        if (entry->error != 0) {
+            EXPECT_EQ(entry->path, root + "/a");
+            swapError = entry->error;
+            continue;
+        }
+        paths.push_back(entry->path);
+        if (entry->path == root + "/a") {
+            // Between the folder's examination and its entry: the classic swap.
+            ASSERT_EQ(rename((root + "/a").c_str(), (dir / "moved").c_str()), 0);
+            ASSERT_EQ(symlink((dir / "outside").c_str(), (root + "/a").c_str()), 0);
+        }
+    }
+    EXPECT_TRUE(swapError == ELOOP || swapError == ENOTDIR) << swapError;
+    EXPECT_EQ(paths, (std::vector<std::string>{root, root + "/a"}));
+}
