@@ -173,11 +173,17 @@ bool unlockFileAt(int dirFd, const std::string& name) {
 }
 
 void unlockRecursively(const std::string& path) {
-    FVFd fd(FVLongPath::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY));
+    std::string name;
+    FVFd parent = FVLongPath::openParent(path, name);
+    if (parent.valid()) unlockRecursivelyAt(parent.get(), name);
+}
+
+void unlockRecursivelyAt(int dirFd, const std::string& name) {
+    FVFd fd = openForFlags(dirFd, name);
     struct stat st {};
     if (!fd.valid() || fstat(fd.get(), &st) != 0) return;
     if (S_ISDIR(st.st_mode)) unlockTree(fd.get());
-    else if (S_ISREG(st.st_mode)) clearImmutable(fd.get());
+    else clearImmutable(fd.get());
 }
 
 bool xattrNameIsSkipped(std::string_view name) {

@@ -40,6 +40,7 @@ bool unlockFile(const std::string& path);
 bool unlockFileAt(int dirFd, const std::string& name);
 // The item and everything below it, without following symbolic links.
 void unlockRecursively(const std::string& path);
+void unlockRecursivelyAt(int dirFd, const std::string& name);
 // Every extended attribute of the item (not following a final link) as "name:<hex value>\n", in
 // the order the file system lists them; the two Finder-only names are left out.
 std::string xattrNameAndDataStringForFileAtPath(const std::string& path);

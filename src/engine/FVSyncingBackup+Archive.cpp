@@ -41,6 +41,22 @@ bool FVSyncingBackup::removeWithinDestination(const std::string& path, std::stri
     return false;
 }
 
+void FVSyncingBackup::unlockWithinDestination(const std::string& path, bool recursively) {
+    auto relative = destinationRelative(path);
+    if (!relative) return;
+    int error = 0;
+    if (relative->empty()) {
+        FVFd root = destination_.openFolder("", false, &error);
+        if (root.valid()) FVFileManager::unlockFileAt(root.get(), "");
+        return;
+    }
+    FVFd parent = destination_.openFolder(FVText::deletingLastPathComponent(*relative), false, &error);
+    if (!parent.valid()) return;
+    const std::string name = FVText::lastPathComponent(*relative);
+    if (recursively) FVFileManager::unlockRecursivelyAt(parent.get(), name);
+    else FVFileManager::unlockFileAt(parent.get(), name);
+}
+
 // Only folders below the destination root are ever created.
 void FVSyncingBackup::createDirectoryPath(const std::string& path) {
     auto relative = destinationRelative(path);
@@ -57,10 +73,10 @@ void FVSyncingBackup::copyWorkerWillOverwriteDestination(FVFileSystemItem& desti
     if (relative.empty() || relative.front() != '/') archivePath += "/";
     archivePath += relative;
     createDirectoryPath(FVText::deletingLastPathComponent(archivePath));
-    FVFileManager::unlockFile(path);
+    unlockWithinDestination(path);
     std::string reason;
     if (moveWithinDestination(path, archivePath, reason)) return;
-    FVFileManager::unlockFile(FVText::deletingLastPathComponent(path));
+    unlockWithinDestination(FVText::deletingLastPathComponent(path));
     if (moveWithinDestination(path, archivePath, reason)) {
         verboseLog("Archived changed file: " + path);
         return;

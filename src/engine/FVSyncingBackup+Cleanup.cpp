@@ -158,7 +158,7 @@ void FVSyncingBackup::keepingParentDates(const std::string& itemPath, const std:
 
 void FVSyncingBackup::removeDeletedItem(const std::string& sourceRoot, const std::string& relative,
                                         const std::string& itemPath) {
-    FVFileManager::unlockFile(itemPath);
+    unlockWithinDestination(itemPath);
     verboseLog("Removing: " + itemPath);
     std::string reason;
     if (archive_) {
@@ -169,15 +169,15 @@ void FVSyncingBackup::removeDeletedItem(const std::string& sourceRoot, const std
                                         appendComponent(sourceRoot, relative).substr(1));
         createDirectoryPath(FVText::deletingLastPathComponent(archivePath));
         if (moveWithinDestination(itemPath, archivePath, reason)) return;
-        FVFileManager::unlockFile(FVText::deletingLastPathComponent(itemPath));
+        unlockWithinDestination(FVText::deletingLastPathComponent(itemPath));
         if (moveWithinDestination(itemPath, archivePath, reason)) return;
         logLine(fmt::format("ERROR: Archiving deleted file failed: {} ({})", itemPath, reason));
         addError("Archiving deleted file failed: " + itemPath);
         return;
     }
     if (removeWithinDestination(itemPath, reason)) return;
-    FVFileManager::unlockFile(FVText::deletingLastPathComponent(itemPath));
-    FVFileManager::unlockRecursively(itemPath);
+    unlockWithinDestination(FVText::deletingLastPathComponent(itemPath));
+    unlockWithinDestination(itemPath, true);
     if (removeWithinDestination(itemPath, reason)) return;
     logLine(fmt::format("ERROR: Deleting failed: {} ({})", itemPath, reason));
     addError("Deleting failed: " + itemPath);
@@ -209,7 +209,7 @@ void FVSyncingBackup::purgeFolder(const std::string& folder, int32_t age) {
         std::string reason;
         bool removed = removeWithinDestination(path, reason);
         if (!removed) {
-            FVFileManager::unlockRecursively(path);
+            unlockWithinDestination(path, true);
             removed = removeWithinDestination(path, reason);
         }
         if (removed) {

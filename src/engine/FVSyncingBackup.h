@@ -115,6 +115,9 @@ private:
     // Moves within the destination without following links; never replaces an archived item.
     bool moveWithinDestination(const std::string& from, const std::string& to, std::string& reason);
     bool removeWithinDestination(const std::string& path, std::string& reason);
+    // Clears the immutable flag of a destination item (and, recursively, of all below it),
+    // reaching it without following links like every other change.
+    void unlockWithinDestination(const std::string& path, bool recursively = false);
 
     FVSyncingBackupObserver* observer_;
     std::string targetPath_;

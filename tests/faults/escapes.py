@@ -2,6 +2,8 @@
 replace a file or move items into an archive, never let the run write, remove, move or change
 metadata outside the destination. Run as the superuser, who could do all of that."""
 
+import array
+import fcntl
 import os
 import shutil
 import subprocess
@@ -15,8 +17,40 @@ OUTSIDE = {b"sub": ("dir",), b"sub/f": ("file", 100, 5), b"sub/gone": ("file", 1
            b"g": ("file", 100, 8), b"gone": ("file", 10, 9), b"h": ("file", 10, 10)}
 
 
+FS_IOC_GETFLAGS, FS_IOC_SETFLAGS, FS_IMMUTABLE_FL = 0x80086601, 0x40086602, 0x10
+
+
+def inode_flags(path, change=None):
+    """The inode flags of a file or folder (None where the file system has none); with change,
+    sets them to change(flags) first."""
+    if os.path.islink(path) or not (os.path.isfile(path) or os.path.isdir(path)):
+        return None
+    fd = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_NOFOLLOW)
+    try:
+        flags = array.array("l", [0])
+        fcntl.ioctl(fd, FS_IOC_GETFLAGS, flags)
+        if change:
+            flags[0] = change(flags[0])
+            fcntl.ioctl(fd, FS_IOC_SETFLAGS, flags)
+        return flags[0]
+    except OSError:
+        return None
+    finally:
+        os.close(fd)
+
+
+def lock_files(root, locked=True):
+    """Makes every file below root immutable (or mutable again), so that an unlock that escaped
+    the destination would show in the manifest."""
+    for folder, _, names in os.walk(root):
+        for name in names:
+            inode_flags(os.path.join(folder, name),
+                        lambda f: f | FS_IMMUTABLE_FL if locked else f & ~FS_IMMUTABLE_FL)
+
+
 def manifest(root):
-    """Everything an escape could change: kind, owner, mode, times, size, content, attributes."""
+    """Everything an escape could change: kind, owner, mode, times, size, content, attributes,
+    inode flags."""
     out = {}
     for folder, dirs, names in os.walk(root):
         for name in [b""] + dirs + names:
@@ -24,7 +58,8 @@ def manifest(root):
             st = os.lstat(path)
             data = open(path, "rb").read() if os.path.isfile(path) and not os.path.islink(path) else b""
             out[os.path.relpath(path, root)] = (st.st_mode, st.st_uid, st.st_gid, st.st_size, st.st_mtime_ns,
-                                                data, sorted(os.listxattr(path, follow_symlinks=False)))
+                                                data, sorted(os.listxattr(path, follow_symlinks=False)),
+                                                inode_flags(path))
     return out
 
 
@@ -66,6 +101,7 @@ def attack(ferrovane, work, planted, target):
     for archive in (b"__changed", b"__removed"):
         os.makedirs(os.path.join(destination, archive), exist_ok=True)
     change_sources(source)
+    lock_files(outside)
     before = manifest(outside)
     plant(destination, planted, os.path.join(outside, target))
     for _ in range(2):  # the second run meets whatever the first one left
@@ -86,4 +122,5 @@ def run(ferrovane, work):
             yield ("escapes", name, "", "ok")
         except Failure as e:
             yield ("escapes", name, "", f"FAILED: {e}")
+        lock_files(os.path.join(folder, "outside"), locked=False)
         subprocess.run(["rm", "-rf", folder], check=True)
