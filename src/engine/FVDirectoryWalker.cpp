@@ -26,7 +26,8 @@ struct FVDirectoryWalker::Folder {
     ino_t inode = 0;
     // Without the trailing "/"; "" for a root of "/".
     std::string path;
-    // The entry names, each ended by a NUL: one allocation per folder, however many entries.
+    // The entries, each its d_type byte, its name and a NUL: one allocation per folder, however
+    // many entries it holds.
     std::string names;
     size_t offset = 0;
 };
@@ -67,9 +68,10 @@ const FVDirectoryWalker::Entry* FVDirectoryWalker::next() {
             if (!stack_.empty() && !stack_.back().fd.valid() && !reopenAfterLeaving(left)) return &entry_;
             continue;
         }
-        const char* name = top.names.data() + top.offset;
+        const auto type = static_cast<unsigned char>(top.names[top.offset]);
+        const char* name = top.names.data() + top.offset + 1;
         const size_t length = std::strlen(name);
-        top.offset += length + 1;
+        top.offset += length + 2;
 
         entry_.path.assign(top.path).append("/").append(name, length);
         entry_.nameOffset = top.path.size() + 1;
@@ -77,6 +79,12 @@ const FVDirectoryWalker::Entry* FVDirectoryWalker::next() {
         entry_.level = stack_.size();
         entry_.parentFd = top.fd.get();
         entry_.error = 0;
+        if (typesOnly_ && type != DT_UNKNOWN && type != DT_DIR) {
+            entry_.st = {};
+            entry_.st.st_mode = DTTOIF(type);
+            descendPending_ = false;
+            return &entry_;
+        }
         if (fstatat(top.fd.get(), name, &entry_.st, AT_SYMLINK_NOFOLLOW) != 0) {
             entry_.error = errno;
             return &entry_;
@@ -133,6 +141,7 @@ int FVDirectoryWalker::readNames(Folder& folder) {
             offset += record->d_reclen;
             const char* name = record->d_name;
             if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
+            folder.names.push_back(static_cast<char>(record->d_type));
             folder.names.append(name).push_back('\0');
         }
     }

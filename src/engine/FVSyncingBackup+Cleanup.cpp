@@ -105,6 +105,7 @@ void FVSyncingBackup::cleanupSourceRoot(const std::string& sourceRoot, int& hand
     }
 
     FVDirectoryWalker walker(mirror);
+    walker.setTypesOnly(true);
     int visited = 0;
     while (const FVDirectoryWalker::Entry* entry = walker.next()) {
         const mode_t type = entry->st.st_mode & S_IFMT;

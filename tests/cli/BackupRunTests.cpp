@@ -246,7 +246,8 @@ TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
         execl(FERROVANE_EXECUTABLE, FERROVANE_EXECUTABLE, destination.c_str(), "-noUserNotifications", nullptr);
         _exit(127);
     }
-    for (int i = 0; i < 200 && readFile(logPath()).find("Source started analysing") == std::string::npos; ++i)
+    // A slow disk can hold the start back for seconds; the signal must come once the run handles it.
+    for (int i = 0; i < 1500 && readFile(logPath()).find("Source started analysing") == std::string::npos; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     kill(pid, SIGINT);
     int status = 0;

@@ -80,6 +80,17 @@ TEST(DirectoryWalker, VisitsEachEntryOnceFoldersFirstWithoutFollowingLinks) {
     EXPECT_LT(at("/a"), at("/a/b"));
     EXPECT_LT(at("/a/b"), at("/a/b/file"));
 
+    // Told the types alone, the walk still tells every kind apart and enters the same folders.
+    std::map<std::string, mode_t> fullTypes, listedTypes;
+    for (auto* types : {&fullTypes, &listedTypes}) {
+        FVDirectoryWalker typed(root);
+        typed.setTypesOnly(types == &listedTypes);
+        while (const auto* entry = typed.next()) (*types)[entry->path] = entry->st.st_mode & S_IFMT;
+    }
+    EXPECT_EQ(fullTypes, listedTypes);
+    EXPECT_EQ(listedTypes[root + "/fifo"], static_cast<mode_t>(S_IFIFO));
+    EXPECT_EQ(listedTypes[root + "/link"], static_cast<mode_t>(S_IFLNK));
+
     // A root given with a trailing slash names its entries without a doubled one.
     auto slashed = walkAll(root + "/");
     EXPECT_TRUE(slashed.count(root + "/a/b/file"));
