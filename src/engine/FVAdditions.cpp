@@ -131,23 +131,40 @@ std::string filesystemTypeAtPath(const std::string& path) {
     return type;
 }
 
-bool pathContainsUserFilePaths(const std::string& path) {
+namespace {
+
+// Whether the folder holds an entry whose name the filter accepts; nothing when it cannot be
+// listed. "." and ".." are never offered.
+std::optional<bool> folderHoldsEntry(const std::string& path, bool (*accepted)(std::string_view name)) {
     int fd = FVLongPath::open(path, O_RDONLY | O_DIRECTORY);
-    if (fd < 0) return false;
+    if (fd < 0) return std::nullopt;
     DIR* dir = fdopendir(fd);
     if (!dir) {
         close(fd);
-        return false;
+        return std::nullopt;
     }
     bool found = false;
     while (dirent* entry = readdir(dir)) {
         std::string_view name = entry->d_name;
-        if (name.starts_with(".") || name == ".ferrovane.conf" || name == "Desktop DB" || name == "Desktop DF") continue;
-        found = true;
-        break;
+        if (name != "." && name != ".." && accepted(name)) {
+            found = true;
+            break;
+        }
     }
     closedir(dir);
     return found;
+}
+
+}  // namespace
+
+bool pathContainsUserFilePaths(const std::string& path) {
+    return folderHoldsEntry(path, [](std::string_view name) {
+               return !name.starts_with(".") && name != "Desktop DB" && name != "Desktop DF";
+           }).value_or(false);
+}
+
+std::optional<bool> folderHasEntries(const std::string& path) {
+    return folderHoldsEntry(path, [](std::string_view) { return true; });
 }
 
 void lockFile(const std::string& path) {

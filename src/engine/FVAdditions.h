@@ -3,6 +3,7 @@
 // helpers of the change analysis and the copy engine.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -30,6 +31,8 @@ std::string filesystemTypeAtPath(const std::string& path);
 // Whether the folder holds at least one entry that is neither hidden nor desktop-database
 // housekeeping. A folder that cannot be listed holds none.
 bool pathContainsUserFilePaths(const std::string& path);
+// Whether the folder holds any entry at all; nothing when it cannot be listed.
+std::optional<bool> folderHasEntries(const std::string& path);
 // The inode immutable flag. Where the file system has no flags or the process may not change
 // them, nothing happens. Symbolic links and special files have no flags and are left alone.
 void lockFile(const std::string& path);

@@ -99,7 +99,7 @@ const FVDirectoryWalker::Entry* FVDirectoryWalker::next() {
 // Enters the folder in entry_. False when it could not be entered: entry_ then reports why.
 bool FVDirectoryWalker::enterPendingFolder() {
     int fd = stack_.empty() ? FVLongPath::open(root_, kFolderFlags)
-                            : openat(stack_.back().fd.get(), std::string(entry_.name()).c_str(), kFolderFlags);
+                            : openat(stack_.back().fd.get(), entry_.nameCString(), kFolderFlags);
     if (fd < 0) {
         entry_.error = errno;
         return false;

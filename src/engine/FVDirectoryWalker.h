@@ -35,6 +35,8 @@ public:
 
         bool isDirectory() const { return error == 0 && S_ISDIR(st.st_mode); }
         std::string_view name() const { return std::string_view(path).substr(nameOffset); }
+        // The same, for calls that take a C string (it ends the path, so no copy is needed).
+        const char* nameCString() const { return path.c_str() + nameOffset; }
         // "" for the root, "/a/b" below it.
         std::string_view relativePath() const { return std::string_view(path).substr(relativeOffset); }
     };

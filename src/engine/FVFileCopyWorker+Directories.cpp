@@ -49,9 +49,7 @@ void FVFileCopyWorker::Impl::settleFolder(const std::string& path) {
 // Waits while a folder at or above path is being created or replaced by another thread; true
 // when there was one, so that a failed open is worth another try.
 bool FVFileCopyWorker::Impl::waitForFoldersAbove(std::string_view path) {
-    auto isAbove = [path](const std::string& folder) {
-        return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
-    };
+    auto isAbove = [path](const std::string& folder) { return FVText::isPathWithin(path, folder); };
     std::unique_lock lock(filesMutex);
     bool waited = false;
     while (std::any_of(foldersInFlight.begin(), foldersInFlight.end(), isAbove)) {
@@ -61,20 +59,23 @@ bool FVFileCopyWorker::Impl::waitForFoldersAbove(std::string_view path) {
     return waited;
 }
 
+FVFd FVFileCopyWorker::Impl::openFolderOnceSettled(const std::string& path, int* error, bool* created) {
+    std::optional<std::string> relative = destination->relativePath(path);
+    if (!relative) {
+        *error = EXDEV;
+        return {};
+    }
+    FVFd folder = destination->openFolder(*relative, true, error, created);
+    if (!folder.valid() && (*error == ENOTDIR || *error == ELOOP) && waitForFoldersAbove(path))
+        folder = destination->openFolder(*relative, true, error, created);
+    return folder;
+}
+
 bool FVFileCopyWorker::Impl::ensureFolder(FVCopyThreadState& state, const std::string& path) {
     if (path == state.lastDirectory && state.lastDirectoryFd.valid()) return true;
     state.lastDirectory = path;
-    state.lastDirectoryFd.reset();
-    std::optional<std::string> relative = destination->relativePath(path);
-    if (!relative) {
-        state.lastDirectoryError = EXDEV;
-        return false;
-    }
     bool created = false;
-    state.lastDirectoryFd = destination->openFolder(*relative, true, &state.lastDirectoryError, &created);
-    const int error = state.lastDirectoryError;
-    if (!state.lastDirectoryFd.valid() && (error == ENOTDIR || error == ELOOP) && waitForFoldersAbove(path))
-        state.lastDirectoryFd = destination->openFolder(*relative, true, &state.lastDirectoryError, &created);
+    state.lastDirectoryFd = openFolderOnceSettled(path, &state.lastDirectoryError, &created);
     if (created && verboseLogging) sendMessage(fmt::format("Creating directory {}", path), kLevelInfo);
     return state.lastDirectoryFd.valid();
 }
@@ -92,13 +93,8 @@ void FVFileCopyWorker::Impl::ensureDirectoryItem(FVCopyThreadState& state, FVFil
         state.lastDirectoryFd = destination->openFolder("", false, &state.lastDirectoryError);
         return;
     }
-    std::string parentRelative = FVText::deletingLastPathComponent(*relative);
     std::string name = FVText::lastPathComponent(*relative);
-    FVFd parent = destination->openFolder(parentRelative, true, &state.lastDirectoryError);
-    const int error = state.lastDirectoryError;
-    if (!parent.valid() && (error == ENOTDIR || error == ELOOP) &&
-        waitForFoldersAbove(FVText::deletingLastPathComponent(path)))
-        parent = destination->openFolder(parentRelative, true, &state.lastDirectoryError);
+    FVFd parent = openFolderOnceSettled(FVText::deletingLastPathComponent(path), &state.lastDirectoryError);
     if (!parent.valid()) return;
 
     struct stat st {};

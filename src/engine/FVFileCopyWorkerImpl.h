@@ -128,6 +128,9 @@ struct FVFileCopyWorker::Impl {
     // Folders.
     void settleFolder(const std::string& path);
     bool waitForFoldersAbove(std::string_view path);
+    // A destination folder, created where missing. When a link or file stands in the way while
+    // another thread replaces a folder at or above it, waits for that thread and tries again.
+    FVFd openFolderOnceSettled(const std::string& path, int* error, bool* created = nullptr);
     bool ensureFolder(FVCopyThreadState& state, const std::string& path);
     void ensureDirectoryItem(FVCopyThreadState& state, FVFileSystemItem& destinationItem);
     void addDirectoryToStore(const std::string& source, const std::string& destination);

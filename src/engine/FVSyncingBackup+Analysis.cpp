@@ -18,16 +18,7 @@ namespace ferrovane {
 
 namespace {
 
-bool pathExists(const std::string& path) {
-    struct stat st {};
-    return FVLongPath::lstat(path, &st) == 0;
-}
-
-// Whether path lies inside folder (not merely shares its first characters).
-bool isBelow(const std::string& path, const std::string& folder) {
-    return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-           (path[folder.size()] == '/' || folder.back() == '/');
-}
+bool pathExists(const std::string& path) { return FVFileSystemItem(path).fileExists(); }
 
 // The destination folders that mirror the walk's current folders, one descriptor per level, so
 // that each destination entry is examined relative to its folder rather than by its whole path.
@@ -39,7 +30,7 @@ public:
         if (level == 0 || level > folders_.size() || !folders_[level - 1].valid())
             return std::make_shared<FVFileSystemItem>(path);
         struct stat st {};
-        if (fstatat(folders_[level - 1].get(), std::string(entry.name()).c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0)
+        if (fstatat(folders_[level - 1].get(), entry.nameCString(), &st, AT_SYMLINK_NOFOLLOW) == 0)
             return std::make_shared<FVFileSystemItem>(path, st);
         if (errno == ENOENT) return FVFileSystemItem::missingItem(path);
         return std::make_shared<FVFileSystemItem>(path);
@@ -55,7 +46,7 @@ public:
             if (level == 0)
                 folder.reset(FVLongPath::open(destination.path(), flags));
             else if (folders_[level - 1].valid())
-                folder.reset(openat(folders_[level - 1].get(), std::string(entry.name()).c_str(), flags));
+                folder.reset(openat(folders_[level - 1].get(), entry.nameCString(), flags));
         }
         folders_.push_back(std::move(folder));
     }
@@ -64,21 +55,6 @@ private:
     static constexpr size_t kLevelLimit = 64;
     std::vector<FVFd> folders_;
 };
-
-// Whether a folder has at least one entry; an unreadable folder has none.
-bool hasEntries(const std::string& path) {
-    DIR* dir = opendir(path.c_str());
-    if (!dir) return false;
-    bool found = false;
-    while (dirent* e = readdir(dir)) {
-        if (std::string_view(e->d_name) != "." && std::string_view(e->d_name) != "..") {
-            found = true;
-            break;
-        }
-    }
-    closedir(dir);
-    return found;
-}
 
 std::string joinPath(const std::string& folder, const std::string& name) {
     if (folder.empty() || folder.back() == '/') return folder + name;
@@ -189,14 +165,14 @@ void FVSyncingBackup::buildSourceFilesToUpdate(const std::string& sourceRoot, co
         return;
     }
     // An empty or unreadable folder is neither compared nor created at the destination.
-    if (!hasEntries(sourceRoot)) return;
+    if (!FVFileManager::folderHasEntries(sourceRoot).value_or(false)) return;
 
     FVDirectoryWalker walker(sourceRoot);
     DestinationFolders destinationFolders;
     std::string newDirectoryPrefix;
     // The folders from the root down to the entry in hand, by walk level, with whether each was
     // found unchanged and has not been queued again since.
-    std::vector<std::pair<std::string, bool>> unchangedAncestors;
+    std::vector<std::pair<FVFileSystemItemPtr, bool>> unchangedAncestors;
     while (const FVDirectoryWalker::Entry* entry = walker.next()) {
         if (entry->error != 0) {
             std::string message = fmt::format("ERROR: Could not analyse {} (Error: {})", entry->path, entry->error);
@@ -232,7 +208,7 @@ void FVSyncingBackup::buildSourceFilesToUpdate(const std::string& sourceRoot, co
             continue;
         }
         // Everything below a folder the destination lacks is new as well.
-        if (!newDirectoryPrefix.empty() && isBelow(path, newDirectoryPrefix)) {
+        if (FVText::isPathWithin(path, newDirectoryPrefix)) {
             handToWorker(source, std::make_shared<FVFileSystemItem>(std::move(destinationPath)));
             ++currentUpdateCount_;
             continue;
@@ -244,7 +220,7 @@ void FVSyncingBackup::buildSourceFilesToUpdate(const std::string& sourceRoot, co
         if (type == S_IFDIR) {
             destinationFolders.enter(*entry, *destination);
             unchangedAncestors.resize(level);
-            unchangedAncestors.emplace_back(path, !needed);
+            unchangedAncestors.emplace_back(source, !needed);
         }
         if (!needed) continue;
         // Writing an entry into a folder changes the folder's date: queue an unchanged folder
@@ -252,7 +228,7 @@ void FVSyncingBackup::buildSourceFilesToUpdate(const std::string& sourceRoot, co
         if ((type != S_IFDIR || newFolder) && level > 0 && level <= unchangedAncestors.size() &&
             unchangedAncestors[level - 1].second) {
             unchangedAncestors[level - 1].second = false;
-            handToWorker(std::make_shared<FVFileSystemItem>(unchangedAncestors[level - 1].first),
+            handToWorker(unchangedAncestors[level - 1].first,
                          std::make_shared<FVFileSystemItem>(FVText::deletingLastPathComponent(destinationPath)));
         }
         if (newFolder) newDirectoryPrefix = path;

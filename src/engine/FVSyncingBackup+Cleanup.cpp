@@ -22,29 +22,10 @@ namespace ferrovane {
 
 namespace {
 
-bool pathExists(const std::string& path) {
-    struct stat st {};
-    return FVLongPath::lstat(path, &st) == 0;
-}
-
-bool isDirectory(const std::string& path) {
-    struct stat st {};
-    return lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
+bool pathExists(const std::string& path) { return FVFileSystemItem(path).fileExists(); }
 
 bool isEmptyDirectory(const std::string& path) {
-    DIR* dir = opendir(path.c_str());
-    if (!dir) return false;
-    bool empty = true;
-    while (dirent* e = readdir(dir)) {
-        std::string_view name = e->d_name;
-        if (name != "." && name != "..") {
-            empty = false;
-            break;
-        }
-    }
-    closedir(dir);
-    return empty;
+    return FVFileSystemItem(path).fileType() == FVFileType::Directory && FVFileManager::folderHasEntries(path) == false;
 }
 
 std::string appendComponent(const std::string& base, const std::string& relative) {
@@ -93,8 +74,8 @@ void FVSyncingBackup::cleanupSourceRoot(const std::string& sourceRoot, int& hand
     const std::string mirror = itemTargetPath(sourceRoot);
     // An empty source folder whose mirror is full is most likely a volume that is not mounted:
     // deleting the mirror would destroy the only copy. Archiving keeps it, so only deletion waits.
-    if (!archive_ && isDirectory(sourceRoot) && isEmptyDirectory(sourceRoot) && isDirectory(mirror) &&
-        !isEmptyDirectory(mirror)) {
+    if (!archive_ && isEmptyDirectory(sourceRoot) && FVFileSystemItem(mirror).fileType() == FVFileType::Directory &&
+        FVFileManager::folderHasEntries(mirror) != false) {
         std::string message = fmt::format(
             "ERROR: Not removing the contents of {}: its source {} is empty (a volume that is not mounted?). "
             "If the folder really was emptied, delete the mirror by hand or turn on archiving of removed items.",

@@ -50,6 +50,11 @@ std::string deletingLastPathComponent(std::string_view path) {
     return std::string(path.substr(0, slash));
 }
 
+bool isPathWithin(std::string_view path, std::string_view folder) {
+    if (folder.empty() || !path.starts_with(folder)) return false;
+    return path.size() == folder.size() || folder.back() == '/' || path[folder.size()] == '/';
+}
+
 std::string standardizedPath(std::string_view path) {
     std::vector<std::string_view> parts;
     size_t i = 0;

@@ -12,6 +12,8 @@ std::string validUTF8(std::string_view bytes);
 std::string lastPathComponent(std::string_view path);
 // The path without its last component ("/" for a top-level item).
 std::string deletingLastPathComponent(std::string_view path);
+// Whether path is folder or lies inside it: a prefix of whole components, not of characters.
+bool isPathWithin(std::string_view path, std::string_view folder);
 // Lexical cleanup of an absolute path: doubled slashes, "." and ".." and a trailing slash go.
 std::string standardizedPath(std::string_view path);
 
