@@ -82,11 +82,7 @@ void FVCommanlineMode::finishOnMainThread() {
     std::vector<std::string> errors = backupSession_->errorMessages();
     if (!errors.empty()) {
         notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());
-        std::string joined;
-        // One line per error, whatever the names in it hold.
-        for (size_t i = 0; i < errors.size(); ++i) joined += (i ? "\n" : "") + FVSearchText::printable(errors[i]);
-        std::printf("Backup errors:\n%s\n", joined.c_str());
-        std::fflush(stdout);
+        printErrors(errors);
         notify(notification, true);
         runLoop_.stop(255);
         return;
@@ -97,7 +93,18 @@ void FVCommanlineMode::finishOnMainThread() {
     runLoop_.stop(0);
 }
 
-void FVCommanlineMode::backupSessionDidCancel(FVBackupSession&) {
+void FVCommanlineMode::printErrors(const std::vector<std::string>& errors) {
+    std::string joined;
+    // One line per error, whatever the names in it hold.
+    for (size_t i = 0; i < errors.size(); ++i) joined += (i ? "\n" : "") + FVSearchText::printable(errors[i]);
+    std::printf("Backup errors:\n%s\n", joined.c_str());
+    std::fflush(stdout);
+}
+
+void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
+    // A run that a full or read-only destination stopped says why.
+    std::vector<std::string> errors = session.errorMessages();
+    if (!errors.empty()) printErrors(errors);
     std::printf("Sync canceled.\n");
     std::fflush(stdout);
     notify({"Sync canceled: " + FVText::lastPathComponent(destinationPath_), "", ""}, false);

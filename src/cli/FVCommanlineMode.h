@@ -36,6 +36,7 @@ public:
 
 private:
     void finishOnMainThread();
+    void printErrors(const std::vector<std::string>& errors);
     void notify(const FVUserNotification& notification, bool wait);
     void warnAboutOptionTypes() const;
     // Runs the loaded configuration; returns the exit status.

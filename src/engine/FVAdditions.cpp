@@ -24,8 +24,7 @@ namespace ferrovane {
 
 namespace {
 
-std::string formatLocalNow(const char* format) {
-    std::time_t t = std::time(nullptr);
+std::string formatLocal(const char* format, std::time_t t) {
     std::tm local {};
     localtime_r(&t, &local);
     char buffer[128];
@@ -33,13 +32,15 @@ std::string formatLocalNow(const char* format) {
     return std::string(buffer, n);
 }
 
+std::string formatLocalNow(const char* format) { return formatLocal(format, std::time(nullptr)); }
+
 }  // namespace
 
 namespace FVDate {
 
 std::string logTimeStamp() { return formatLocalNow("%Y-%m-%d %H:%M:%S"); }
 std::string formattedTimeStamp() { return formatLocalNow("%B %-d, %Y at %H:%M:%S %Z"); }
-std::string archiveStamp() { return formatLocalNow("%Y-%m-%d %H.%M.%S %z"); }
+std::string archiveStamp(std::time_t at) { return formatLocal("%Y-%m-%d %H.%M.%S %z", at); }
 
 double now() {
     using namespace std::chrono;
@@ -75,16 +76,19 @@ FVFd openForFlags(int dirFd, const std::string& name) {
     return FVFd(openat(dirFd, name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
 }
 
-bool clearImmutable(int fd) {
+// Append-only refuses a rename and a removal just as immutable does.
+constexpr int kLockingFlags = FS_IMMUTABLE_FL | FS_APPEND_FL;
+
+bool clearLockingFlags(int fd) {
     int flags = 0;
-    if (ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0 || !(flags & FS_IMMUTABLE_FL)) return false;
-    flags &= ~FS_IMMUTABLE_FL;
+    if (ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0 || !(flags & kLockingFlags)) return false;
+    flags &= ~kLockingFlags;
     ioctl(fd, FS_IOC_SETFLAGS, &flags);  // a failure leaves the item locked; the caller's retry reports it
     return true;
 }
 
 void unlockTree(int dirFd) {
-    clearImmutable(dirFd);
+    clearLockingFlags(dirFd);
     int listFd = dup(dirFd);
     if (listFd < 0) return;
     DIR* dir = fdopendir(listFd);
@@ -98,7 +102,7 @@ void unlockTree(int dirFd) {
         if (!child.valid()) continue;
         struct stat st {};
         if (fstat(child.get(), &st) == 0 && S_ISDIR(st.st_mode)) unlockTree(child.get());
-        else clearImmutable(child.get());
+        else clearLockingFlags(child.get());
     }
     closedir(dir);
 }
@@ -184,9 +188,9 @@ bool unlockFile(const std::string& path) {
 }
 
 bool unlockFileAt(int dirFd, const std::string& name) {
-    if (name.empty()) return clearImmutable(dirFd);
+    if (name.empty()) return clearLockingFlags(dirFd);
     FVFd fd = openForFlags(dirFd, name);
-    return fd.valid() && clearImmutable(fd.get());
+    return fd.valid() && clearLockingFlags(fd.get());
 }
 
 void unlockRecursively(const std::string& path) {
@@ -200,14 +204,27 @@ void unlockRecursivelyAt(int dirFd, const std::string& name) {
     struct stat st {};
     if (!fd.valid() || fstat(fd.get(), &st) != 0) return;
     if (S_ISDIR(st.st_mode)) unlockTree(fd.get());
-    else clearImmutable(fd.get());
+    else clearLockingFlags(fd.get());
 }
 
 bool xattrNameIsSkipped(std::string_view name) {
     return name == "com.apple.quarantine" || name == "com.apple.FinderInfo";
 }
 
-std::string xattrNameAndDataStringForFileAtPath(const std::string& path) {
+bool xattrIsCarried(std::string_view name, bool includeACL) {
+    if (xattrNameIsSkipped(name)) return false;
+    return includeACL || (name != "system.posix_acl_access" && name != "system.posix_acl_default");
+}
+
+FVExistence existenceAtPath(const std::string& path, int* error) {
+    struct stat st {};
+    int result = FVLongPath::lstat(path, &st) == 0 ? 0 : errno;
+    if (error) *error = result;
+    if (result == 0) return FVExistence::Exists;
+    return result == ENOENT || result == ENOTDIR ? FVExistence::Missing : FVExistence::Unknown;
+}
+
+std::string xattrNameAndDataStringForFileAtPath(const std::string& path, bool includeACL) {
     ssize_t listSize = llistxattr(path.c_str(), nullptr, 0);
     if (listSize <= 0) return "";
     std::vector<char> names(static_cast<size_t>(listSize) + 1, 0);
@@ -219,7 +236,7 @@ std::string xattrNameAndDataStringForFileAtPath(const std::string& path) {
         const char* name = names.data() + pos;
         size_t length = strlen(name);
         pos += length + 1;
-        if (xattrNameIsSkipped(name)) continue;
+        if (!xattrIsCarried(name, includeACL)) continue;
         signature += name;
         ssize_t size = lgetxattr(path.c_str(), name, nullptr, 0);
         if (size >= 0) {
@@ -235,12 +252,13 @@ std::string xattrNameAndDataStringForFileAtPath(const std::string& path) {
     return signature;
 }
 
-bool xattrIdentialforFileAtPath(const std::string& path, const std::string& otherPath) {
+bool xattrIdentialforFileAtPath(const std::string& path, const std::string& otherPath, bool includeACL) {
     if (path.empty() || otherPath.empty()) {
         FVSystemLog::error(kClassName, fmt::format("Xattr comparison encountered empty path: {} -> {}", path, otherPath));
         return false;
     }
-    return xattrNameAndDataStringForFileAtPath(path) == xattrNameAndDataStringForFileAtPath(otherPath);
+    return xattrNameAndDataStringForFileAtPath(path, includeACL) ==
+           xattrNameAndDataStringForFileAtPath(otherPath, includeACL);
 }
 
 }  // namespace FVFileManager

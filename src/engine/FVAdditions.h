@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include <ctime>
+
 namespace ferrovane {
 
 namespace FVDate {
@@ -15,7 +17,7 @@ std::string logTimeStamp();
 // The long local date and time, e.g. "November 21, 2026 at 14:05:09 CET".
 std::string formattedTimeStamp();
 // The local date and time formatted "%Y-%m-%d %H.%M.%S %z": the name of a run's archive folders.
-std::string archiveStamp();
+std::string archiveStamp(std::time_t at);
 double now();  // seconds since 1970, with fractions
 }  // namespace FVDate
 
@@ -23,6 +25,10 @@ namespace FVNumber {
 // Decimal size text: "999 bytes", "1.0 KB", "1.5 MB", "2000.0 GB".
 std::string formattedDiskSizeString(double bytes);
 }  // namespace FVNumber
+
+// What can be said of an item's existence. Only Missing is a definite answer that the item is
+// gone; a lookup that fails for any other reason (no permission, an I/O error) is Unknown.
+enum class FVExistence { Exists, Missing, Unknown };
 
 namespace FVFileManager {
 // The type of the mounted file system that holds the path, from the mount table: "ext4", "tmpfs",
@@ -36,7 +42,8 @@ std::optional<bool> folderHasEntries(const std::string& path);
 // The inode immutable flag. Where the file system has no flags or the process may not change
 // them, nothing happens. Symbolic links and special files have no flags and are left alone.
 void lockFile(const std::string& path);
-// Returns whether the item had been locked.
+// Clears every flag that refuses a rename, a removal or a write (immutable and append-only);
+// returns whether the item had one.
 bool unlockFile(const std::string& path);
 // The same for the entry name inside the folder dirFd (never following a symbolic link); an
 // empty name unlocks dirFd itself, which must then be a real (not O_PATH) descriptor.
@@ -44,12 +51,17 @@ bool unlockFileAt(int dirFd, const std::string& name);
 // The item and everything below it, without following symbolic links.
 void unlockRecursively(const std::string& path);
 void unlockRecursivelyAt(int dirFd, const std::string& name);
-// Every extended attribute of the item (not following a final link) as "name:<hex value>\n", in
-// the order the file system lists them; the two Finder-only names are left out.
-std::string xattrNameAndDataStringForFileAtPath(const std::string& path);
-bool xattrIdentialforFileAtPath(const std::string& path, const std::string& otherPath);
+// Every extended attribute of the item (not following a final link) that a copy carries, as
+// "name:<hex value>\n", in the order the file system lists them. Comparing exactly what the copy
+// carries keeps an item that cannot carry an attribute from being copied on every run.
+std::string xattrNameAndDataStringForFileAtPath(const std::string& path, bool includeACL = true);
+bool xattrIdentialforFileAtPath(const std::string& path, const std::string& otherPath, bool includeACL = true);
 // The two attribute names that are neither compared nor copied.
 bool xattrNameIsSkipped(std::string_view name);
+// Whether a copy carries the attribute: every name but the skipped two, and the access-control
+// lists only when they are cloned.
+bool xattrIsCarried(std::string_view name, bool includeACL);
+FVExistence existenceAtPath(const std::string& path, int* error = nullptr);
 }  // namespace FVFileManager
 
 }  // namespace ferrovane

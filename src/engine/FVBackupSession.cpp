@@ -11,6 +11,24 @@
 
 namespace ferrovane {
 
+namespace {
+
+// The stamp of the run's archive folders: now, or the next second that no earlier run has used.
+// Two runs within one second (a scheduled run right after a manual one) must never share a stamp
+// folder, or the second one's archive moves would meet the first one's versions.
+std::string unusedArchiveStamp(const std::string& destination) {
+    std::time_t at = std::time(nullptr);
+    for (int tries = 0; tries < 3600; ++tries, ++at) {
+        std::string stamp = FVDate::archiveStamp(at);
+        if (FVFileManager::existenceAtPath(destination + "/__changed/" + stamp) == FVExistence::Missing &&
+            FVFileManager::existenceAtPath(destination + "/__removed/" + stamp) == FVExistence::Missing)
+            return stamp;
+    }
+    return FVDate::archiveStamp(at);
+}
+
+}  // namespace
+
 FVBackupSession::~FVBackupSession() { syncingBackup_.reset(); }
 
 void FVBackupSession::setTaskDescription(std::string text) {
@@ -39,7 +57,7 @@ void FVBackupSession::start() {
 
     syncingBackup_ = std::make_unique<FVSyncingBackup>(destinationPath_, backupSet_, backupOptions_.get(), this);
     syncingBackup_->setWillPerformCleanup(shouldPerformCleanup_);
-    syncingBackup_->setArchiveFolderName(FVDate::archiveStamp());
+    syncingBackup_->setArchiveFolderName(unusedArchiveStamp(destinationPath_));
     syncingBackup_->addExcludedFiles(excludePaths_);
     syncingBackup_->setDestinationPathsToExcludeFromCleanup(protectedPaths_);
     currentItemIndex_ = UINT64_MAX;

@@ -201,6 +201,10 @@ void FVFileCopyWorker::Impl::cloneItem(FVFileSystemItem& source, const std::stri
     const std::string name = FVText::lastPathComponent(destinationPath);
     const uint64_t sourceSize = source.fileSize();
     std::string reason;
+    // The errno of the failing call on each side, so that a read-only or full destination ends
+    // the run at once and an unreadable source names its reason.
+    int destinationError = dirFd < 0 ? state.lastDirectoryError : 0;
+    int sourceError = 0;
 
     auto couldNotReplace = [&] {
         sendMessage(fmt::format("Error: Could not replace destination file: {}", destinationPath), kLevelError);
@@ -224,6 +228,7 @@ void FVFileCopyWorker::Impl::cloneItem(FVFileSystemItem& source, const std::stri
                 return symlinkat(state.buffer.get(), dirFd, n.c_str());
             }) != 0) {
             guard.name.clear();
+            if (stopOnDestinationError(dirFd < 0 ? destinationError : errno)) return;
             sendMessage(fmt::format("ERROR: Could not copy symbolic link {}. (Could not create link) ", destinationPath),
                         kLevelError);
             return;
@@ -243,6 +248,7 @@ void FVFileCopyWorker::Impl::cloneItem(FVFileSystemItem& source, const std::stri
 
     if (kind == S_IFREG) {
         FVFd in(openSource(sourcePath, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY));
+        if (!in.valid()) sourceError = errno;
         struct stat st {};
         if (in.valid() && (fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode))) in.reset();
         TemporaryGuard guard{dirFd, {}};
@@ -256,7 +262,10 @@ void FVFileCopyWorker::Impl::cloneItem(FVFileSystemItem& source, const std::stri
                 FVFileManager::unlockFileAt(dirFd, "");
                 out.reset(createTemporary(guard.name, create));
             }
-            if (!out.valid()) guard.name.clear();
+            if (!out.valid()) {
+                destinationError = errno;
+                guard.name.clear();
+            }
         }
         if (!in.valid()) {
             reason = fmt::format("Could not open source file {}", sourcePath);
@@ -269,6 +278,7 @@ void FVFileCopyWorker::Impl::cloneItem(FVFileSystemItem& source, const std::stri
             CopyOutcome outcome = DataCopier(in.get(), out.get(), state.buffer.get(), cancelled, chunkHook, sourcePath).run(st);
             if (outcome == CopyOutcome::Cancelled) return;
             if (outcome == CopyOutcome::Failed) {
+                destinationError = errno;
                 reason = "File copy failed.";
             } else {
                 if (verboseLogging)
@@ -293,6 +303,7 @@ void FVFileCopyWorker::Impl::cloneItem(FVFileSystemItem& source, const std::stri
                 CommitResult committed = commit(dirFd, guard.name, name, out.get());
                 if (committed == CommitResult::CouldNotReplace) return couldNotReplace();
                 if (committed == CommitResult::DataNotSafe) {
+                    destinationError = errno;
                     reason = "File copy failed.";
                 } else {
                     guard.committed = true;
@@ -320,6 +331,7 @@ void FVFileCopyWorker::Impl::cloneItem(FVFileSystemItem& source, const std::stri
                        return mknodat(dirFd, n.c_str(), (st.st_mode & S_IFMT) | 0600, st.st_rdev);
                    }) != 0) {
             guard.name.clear();
+            destinationError = errno;
             reason = fmt::format("Could not create {}: {}", destinationPath, strerror(errno));
         } else {
             FVFd created(openat(dirFd, guard.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
@@ -339,20 +351,21 @@ void FVFileCopyWorker::Impl::cloneItem(FVFileSystemItem& source, const std::stri
     }
 
     // Failure: the temporary entry is gone (its guard ran); the old destination is untouched.
+    if (stopOnDestinationError(destinationError)) return;
     FVFileSystemItem fresh(sourcePath);
     if (!fresh.fileExists()) {
         sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", sourcePath), kLevelInfo);
         return;
     }
     if (!fresh.isReadable() && fresh.fileType() != FVFileType::SymbolicLink) {
-        sendMessage(fmt::format("ERROR: Cannot read file: {}", sourcePath), kLevelError);
+        sendMessage(fmt::format("ERROR: Cannot read file: {} ({})", sourcePath,
+                                strerror(sourceError ? sourceError : EACCES)), kLevelError);
         return;
     }
     struct statvfs fs {};
     if (dirFd >= 0 && fstatvfs(dirFd, &fs) == 0 &&
         static_cast<uint64_t>(fs.f_bavail) * fs.f_frsize < sourceSize + 1000000) {
-        sendMessage("ERROR: No free space left at destination. Aborting backup.", kLevelError);
-        cancelled.store(true, std::memory_order_relaxed);
+        stopOnDestinationError(ENOSPC);
         return;
     }
     if (isRetry) {

@@ -100,7 +100,10 @@ void FVFileCopyWorker::Impl::ensureDirectoryItem(FVCopyThreadState& state, FVFil
     struct stat st {};
     bool exists = fstatat(parent.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
     if (exists && !S_ISDIR(st.st_mode)) {
-        if (delegateSupportsWillOverwriteDestination && delegate) delegate->copyWorkerWillOverwriteDestination(destinationItem);
+        if (!mayOverwrite(destinationItem)) {
+            state.lastDirectoryError = EEXIST;
+            return;
+        }
         if (FVConfinedDirectory::removeRecursivelyAt(parent.get(), name) != 0) {
             FVFileManager::unlockFileAt(parent.get(), name);
             FVFileManager::unlockFileAt(parent.get(), "");

@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <system_error>
@@ -127,6 +128,8 @@ void FVFileCopyWorker::cancel() {
     impl_->cancelled.store(true, std::memory_order_relaxed);
     impl_->roomInQueue.notify_all();
 }
+bool FVFileCopyWorker::stopOnDestinationError(int error) { return impl_->stopOnDestinationError(error); }
+
 bool FVFileCopyWorker::isCancelled() const { return impl_->cancelled.load(std::memory_order_relaxed); }
 uint64_t FVFileCopyWorker::requestedFiles() const { return impl_->requestedFiles.load(std::memory_order_relaxed); }
 uint64_t FVFileCopyWorker::copiedFiles() const { return impl_->copiedFiles.load(std::memory_order_relaxed); }
@@ -224,11 +227,26 @@ void FVFileCopyWorker::Impl::sendMessage(const std::string& message, const char*
     if (delegate) delegate->copyWorkerDidGenerateMessage(message, level);
 }
 
+bool FVFileCopyWorker::Impl::stopOnDestinationError(int error) {
+    const char* message = nullptr;
+    if (error == EROFS) message = "ERROR: Destination is read-only. Aborting backup.";
+    else if (error == ENOSPC || error == EDQUOT) message = "ERROR: No free space left at destination. Aborting backup.";
+    else return false;
+    cancelled.store(true, std::memory_order_relaxed);
+    if (!destinationFailureReported.exchange(true)) sendMessage(message, kLevelError);
+    return true;
+}
+
+bool FVFileCopyWorker::Impl::mayOverwrite(FVFileSystemItem& destination) {
+    return !(delegateSupportsWillOverwriteDestination && delegate) ||
+           delegate->copyWorkerWillOverwriteDestination(destination);
+}
+
 void FVFileCopyWorker::Impl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
     FVFileSystemItem& source = *pair.source;
     FVFileSystemItem& destination = *pair.destination;
     if (source.isFile()) {
-        if (delegateSupportsWillOverwriteDestination && delegate) delegate->copyWorkerWillOverwriteDestination(destination);
+        if (!mayOverwrite(destination)) return;
         ensureFolder(state, FVText::deletingLastPathComponent(destination.path()));
         cloneItem(source, destination.path(), false, state);
     } else {

@@ -29,8 +29,9 @@ public:
     virtual bool respondsToWillOverwriteDestination() const { return false; }
     virtual bool respondsToProgressDidChange() const { return false; }
     // Before a file is copied (whether or not the destination exists), and before a
-    // non-directory that stands where a directory must go is removed.
-    virtual void copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) {}
+    // non-directory that stands where a directory must go is removed. False keeps the
+    // destination exactly as it is: the item is then not copied in this run.
+    virtual bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) { return true; }
     virtual void copyWorkerProgressDidChange(float fraction) {}
     virtual void copyWorkerDidGenerateMessage(const std::string& message, const char* level) {}
     virtual void copyWorkerDidFinishCopy() = 0;
@@ -68,6 +69,9 @@ public:
     void addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
     void endCopySession();
     void cancel();
+    // A read-only or full destination (EROFS, ENOSPC, EDQUOT) stops the session with a single
+    // error message, however many threads or callers meet it; false for any other error.
+    bool stopOnDestinationError(int error);
 
     bool isCancelled() const;
     uint64_t requestedFiles() const;

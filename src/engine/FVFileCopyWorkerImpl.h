@@ -81,6 +81,7 @@ struct FVFileCopyWorker::Impl {
     std::atomic<bool> delegateSupportsWillOverwriteDestination{false};
     std::atomic<bool> delegateSupportsProgressDidChange{false};
     std::atomic<bool> cancelled{false};
+    std::atomic<bool> destinationFailureReported{false};
     std::atomic<bool> copySessionRunning{false};
     std::atomic<bool> destroying{false};
     std::atomic<uint64_t> totalBytesCopied{0};
@@ -120,6 +121,9 @@ struct FVFileCopyWorker::Impl {
     void workerBody();
     void workerEnded();
     void sendMessage(const std::string& message, const char* level);
+    bool stopOnDestinationError(int error);
+    // Asks the delegate before a destination item is replaced; false keeps it.
+    bool mayOverwrite(FVFileSystemItem& destination);
     void copyPair(CopyPair& pair, FVCopyThreadState& state);
 
     // open(2) of a source item; below the source root no symbolic link is followed.

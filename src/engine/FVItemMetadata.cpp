@@ -18,8 +18,6 @@ namespace ferrovane::FVItemMetadata {
 
 namespace {
 
-constexpr std::string_view kACLAccess = "system.posix_acl_access";
-constexpr std::string_view kACLDefault = "system.posix_acl_default";
 constexpr int kCopiedFlags = FS_APPEND_FL | FS_IMMUTABLE_FL | FS_NODUMP_FL | FS_NOATIME_FL | FS_SYNC_FL |
                              FS_DIRSYNC_FL | FS_SECRM_FL | FS_UNRM_FL;
 
@@ -59,10 +57,6 @@ int removeValue(FVItemHandle h, const char* name) {
     return h.pathOnly ? removexattr(ProcPath(h.fd).text, name) : fremovexattr(h.fd, name);
 }
 
-bool copied(std::string_view name, bool cloneACL) {
-    if (FVFileManager::xattrNameIsSkipped(name)) return false;
-    return cloneACL || (name != kACLAccess && name != kACLDefault);
-}
 
 bool containsName(const std::vector<char>& names, size_t size, std::string_view name) {
     for (size_t pos = 0; pos < size;) {
@@ -103,7 +97,7 @@ bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItem
     for (ssize_t pos = 0; pos < sourceSize;) {
         const char* name = sourceNames.data() + pos;
         pos += static_cast<ssize_t>(strlen(name)) + 1;
-        if (!copied(name, cloneACL)) continue;
+        if (!FVFileManager::xattrIsCarried(name, cloneACL)) continue;
         ssize_t size = readValue(source, name, value);
         if (size < 0) {
             if (errno != ENODATA) ok = false, note(error, errno);
@@ -115,7 +109,7 @@ bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItem
     for (ssize_t pos = 0; pos < destinationSize;) {
         const char* name = destinationNames.data() + pos;
         pos += static_cast<ssize_t>(strlen(name)) + 1;
-        if (!copied(name, cloneACL)) continue;
+        if (!FVFileManager::xattrIsCarried(name, cloneACL)) continue;
         if (sourceSize > 0 && containsName(sourceNames, static_cast<size_t>(sourceSize), name)) continue;
         if (removeValue(destination, name) != 0 && errno != ENODATA) ok = false, note(error, errno);
     }

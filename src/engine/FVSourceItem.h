@@ -25,6 +25,9 @@ inline constexpr const char* updatedFilesCount = "updatedFilesCount";
 inline constexpr const char* totalBytesCopied = "totalBytesCopied";
 inline constexpr const char* sizeInMB = "sizeInMB";
 inline constexpr const char* url = "url";
+// Set by the user to confirm that a source folder really was emptied; the next run then removes
+// its mirror's contents even with archiving of removed items off, and clears it.
+inline constexpr const char* emptySourceConfirmed = "emptySourceConfirmed";
 }  // namespace FVSourceKey
 
 class FVSourceItem {

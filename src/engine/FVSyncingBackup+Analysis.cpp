@@ -10,8 +10,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <fmt/format.h>
 
 namespace ferrovane {
@@ -62,6 +64,14 @@ std::string joinPath(const std::string& folder, const std::string& name) {
 }
 
 }  // namespace
+
+void FVSyncingBackup::reportUnreadableSource(const std::string& path, int error) {
+    unreadableSourcePaths_.push_back(path);
+    std::string message = fmt::format("ERROR: Could not analyse {} ({}); its backup is kept as it is.", path,
+                                      std::strerror(error));
+    logLine(message);
+    addError(message);
+}
 
 bool FVSyncingBackup::isExcluded(const std::string& path, const std::string* currentSourceItemPath) const {
     return FVExclusionRules::fileShouldBeExcluded(path, excludedFiles_, currentSourceItemPath);
@@ -164,8 +174,14 @@ void FVSyncingBackup::buildSourceFilesToUpdate(const std::string& sourceRoot, co
         }
         return;
     }
-    // An empty or unreadable folder is neither compared nor created at the destination.
-    if (!FVFileManager::folderHasEntries(sourceRoot).value_or(false)) return;
+    // An empty folder is neither compared nor created at the destination; an unreadable one
+    // keeps its mirror exactly as it is.
+    std::optional<bool> hasEntries = FVFileManager::folderHasEntries(sourceRoot);
+    if (!hasEntries) {
+        reportUnreadableSource(sourceRoot, errno);
+        return;
+    }
+    if (!*hasEntries) return;
 
     FVDirectoryWalker walker(sourceRoot);
     DestinationFolders destinationFolders;
@@ -175,9 +191,11 @@ void FVSyncingBackup::buildSourceFilesToUpdate(const std::string& sourceRoot, co
     std::vector<std::pair<FVFileSystemItemPtr, bool>> unchangedAncestors;
     while (const FVDirectoryWalker::Entry* entry = walker.next()) {
         if (entry->error != 0) {
-            std::string message = fmt::format("ERROR: Could not analyse {} (Error: {})", entry->path, entry->error);
-            logLine(message);
-            addError(message);
+            // Gone between the listing and its examination: nothing is left to back up.
+            if (entry->error == ENOENT && entry->level > 0)
+                logLine(fmt::format("NOTE: Source item vanished while analysing: {}", entry->path));
+            else
+                reportUnreadableSource(entry->path, entry->error);
             continue;
         }
         // Sockets, FIFOs and devices are passed over.
@@ -201,7 +219,22 @@ void FVSyncingBackup::buildSourceFilesToUpdate(const std::string& sourceRoot, co
             if (type == S_IFDIR) walker.skipChildren();
             continue;
         }
+        // A destination inside a source would be copied into itself, one level deeper each run.
+        if (type == S_IFDIR && entry->st.st_dev == destinationDevice_ && entry->st.st_ino == destinationInode_) {
+            verboseLog("Skipping the destination inside the source: " + path);
+            --currentTotalFilesCount_;
+            destinationSourcePaths_.push_back(path);
+            walker.skipChildren();
+            continue;
+        }
         if (willPerformCleanup_) sourcePathsCache_.insert(path);
+        // A folder that cannot be listed is not entered, and its mirror stays as it is.
+        if (type == S_IFDIR && entry->level > 0 &&
+            faccessat(entry->parentFd, entry->nameCString(), R_OK | X_OK, AT_EACCESS) != 0) {
+            reportUnreadableSource(path, errno);
+            walker.skipChildren();
+            continue;
+        }
         if (excludeSymlinks_ && type == S_IFLNK) {
             verboseLog("Skipping symbolic link:" + path);
             --currentTotalFilesCount_;
@@ -262,7 +295,7 @@ bool FVSyncingBackup::itemNeedsBackup(FVFileSystemItem& source, FVFileSystemItem
         return true;
     }
     if (ignoreFileFlagChanges_) return false;
-    if (!FVFileManager::xattrIdentialforFileAtPath(source.path(), target.path())) {
+    if (!FVFileManager::xattrIdentialforFileAtPath(source.path(), target.path(), !disableACLClone_)) {
         verboseLog(fmt::format("Item needs backup, xattr mismatch. Source: {}  Destination: {}", source.path(),
                                target.path()));
         return true;

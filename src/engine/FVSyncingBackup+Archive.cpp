@@ -24,21 +24,22 @@ std::optional<std::string> FVSyncingBackup::destinationRelative(const std::strin
     return destination_.relativePath(folded);
 }
 
-bool FVSyncingBackup::moveWithinDestination(const std::string& from, const std::string& to, std::string& reason) {
+int FVSyncingBackup::moveWithinDestination(const std::string& from, const std::string& to) {
     auto fromRelative = destinationRelative(from);
     auto toRelative = destinationRelative(to);
-    int error = fromRelative && toRelative ? destination_.moveItem(*fromRelative, *toRelative, false, true) : EXDEV;
-    if (error == 0) return true;
-    reason = std::strerror(error);
-    return false;
+    return fromRelative && toRelative ? destination_.moveItem(*fromRelative, *toRelative, false, true) : EXDEV;
 }
 
-bool FVSyncingBackup::removeWithinDestination(const std::string& path, std::string& reason) {
+int FVSyncingBackup::removeWithinDestination(const std::string& path) {
     auto relative = destinationRelative(path);
-    int error = relative && !relative->empty() ? destination_.removeItem(*relative) : EXDEV;
-    if (error == 0) return true;
-    reason = std::strerror(error);
-    return false;
+    return relative && !relative->empty() ? destination_.removeItem(*relative) : EXDEV;
+}
+
+bool FVSyncingBackup::stopOnFatalDestinationError(int error) {
+    if (error != EROFS && error != ENOSPC && error != EDQUOT) return false;
+    if (auto worker = backupCopyWorker()) worker->stopOnDestinationError(error);
+    cancelUpdate();
+    return true;
 }
 
 void FVSyncingBackup::unlockWithinDestination(const std::string& path, bool recursively) {
@@ -65,8 +66,8 @@ void FVSyncingBackup::createDirectoryPath(const std::string& path) {
     destination_.openFolder(*relative, true, &error);
 }
 
-void FVSyncingBackup::copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) {
-    if (!archiveChangedFiles_ || !destination.fileExists()) return;
+bool FVSyncingBackup::copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) {
+    if (!archiveChangedFiles_ || !destination.fileExists()) return true;
     const std::string& path = destination.path();
     std::string relative = path.substr(targetPath_.size());
     std::string archivePath = targetPath_ + "/__changed/" + archiveFolderName_;
@@ -74,17 +75,22 @@ void FVSyncingBackup::copyWorkerWillOverwriteDestination(FVFileSystemItem& desti
     archivePath += relative;
     createDirectoryPath(FVText::deletingLastPathComponent(archivePath));
     unlockWithinDestination(path);
-    std::string reason;
-    if (moveWithinDestination(path, archivePath, reason)) return;
+    if (moveWithinDestination(path, archivePath) == 0) return true;
     unlockWithinDestination(FVText::deletingLastPathComponent(path));
-    if (moveWithinDestination(path, archivePath, reason)) {
+    int error = moveWithinDestination(path, archivePath);
+    if (error == 0) {
         verboseLog("Archived changed file: " + path);
-        return;
+        return true;
     }
+    // The old version stays where it is and the file is not copied this time: overwriting it
+    // now would lose the only copy of that version. The next run tries again.
+    if (stopOnFatalDestinationError(error)) return false;
+    const char* reason = std::strerror(error);
     logLine(fmt::format("ERROR: Archiving of changed file failed: {} ({})", path, reason));
     addError("Archiving changed file failed: " + path);
     FVSystemLog::error("FVSyncingBackup",
                        fmt::format("Archiving changed file failed: {} -> {} ({})", path, archivePath, reason));
+    return false;
 }
 
 void FVSyncingBackup::copyWorkerDidGenerateMessage(const std::string& message, const char* level) {

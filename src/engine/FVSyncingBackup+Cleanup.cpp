@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fmt/format.h>
@@ -26,6 +27,15 @@ bool pathExists(const std::string& path) { return FVFileSystemItem(path).fileExi
 
 bool isEmptyDirectory(const std::string& path) {
     return FVFileSystemItem(path).fileType() == FVFileType::Directory && FVFileManager::folderHasEntries(path) == false;
+}
+
+// Only the exact names the copy gives its temporary files are leftovers: the prefix and 16
+// lowercase hexadecimal digits.
+bool isTemporaryName(std::string_view name) {
+    const std::string_view prefix = kTemporaryFilePrefix;
+    if (name.size() != prefix.size() + 16 || !name.starts_with(prefix)) return false;
+    return std::all_of(name.begin() + static_cast<std::ptrdiff_t>(prefix.size()), name.end(),
+                       [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
 std::string appendComponent(const std::string& base, const std::string& relative) {
@@ -56,11 +66,14 @@ void FVSyncingBackup::cleanup() {
         // A missing source (an unmounted volume) keeps its mirror untouched until it is back.
         if (!pathExists(sourceRoot)) continue;
         bool cancelled = false;
-        cleanupSourceRoot(sourceRoot, handled, cancelled);
+        auto confirmed = item->value(FVSourceKey::emptySourceConfirmed);
+        cleanupSourceRoot(sourceRoot, confirmed && confirmed->boolValue(), handled, cancelled);
         if (cancelled) {
             postCancelOnce();
             return;
         }
+        // A confirmation is good for one cleanup.
+        if (confirmed) item->removeValue(FVSourceKey::emptySourceConfirmed);
     }
     logLine(archive_ ? fmt::format("Archiving deleted items finished: archived {} items.", handled)
                      : fmt::format("Removing deleted items finished: removed {} items.", handled));
@@ -70,16 +83,30 @@ void FVSyncingBackup::cleanup() {
     observer_->cleanupTargetDidFinish(*this);
 }
 
-void FVSyncingBackup::cleanupSourceRoot(const std::string& sourceRoot, int& handled, bool& cancelled) {
+bool FVSyncingBackup::isBelowUnreadableSource(const std::string& sourcePath) const {
+    return std::any_of(unreadableSourcePaths_.begin(), unreadableSourcePaths_.end(),
+                       [&](const std::string& folder) { return FVText::isPathWithin(sourcePath, folder); });
+}
+
+bool FVSyncingBackup::isWithinDestination(const std::string& sourcePath) const {
+    return std::any_of(destinationSourcePaths_.begin(), destinationSourcePaths_.end(),
+                       [&](const std::string& folder) { return FVText::isPathWithin(sourcePath, folder); });
+}
+
+void FVSyncingBackup::cleanupSourceRoot(const std::string& sourceRoot, bool emptySourceConfirmed, int& handled,
+                                        bool& cancelled) {
+    if (isBelowUnreadableSource(sourceRoot)) return;
     const std::string mirror = itemTargetPath(sourceRoot);
     // An empty source folder whose mirror is full is most likely a volume that is not mounted:
-    // deleting the mirror would destroy the only copy. Archiving keeps it, so only deletion waits.
-    if (!archive_ && isEmptyDirectory(sourceRoot) && FVFileSystemItem(mirror).fileType() == FVFileType::Directory &&
-        FVFileManager::folderHasEntries(mirror) != false) {
+    // deleting the mirror would destroy the only copy. Archiving keeps it, so only deletion waits
+    // until the user confirms that the folder really was emptied.
+    if (!archive_ && !emptySourceConfirmed && isEmptyDirectory(sourceRoot) &&
+        FVFileSystemItem(mirror).fileType() == FVFileType::Directory && FVFileManager::folderHasEntries(mirror) != false) {
         std::string message = fmt::format(
             "ERROR: Not removing the contents of {}: its source {} is empty (a volume that is not mounted?). "
-            "If the folder really was emptied, delete the mirror by hand or turn on archiving of removed items.",
-            mirror, sourceRoot);
+            "If the folder really was emptied, confirm it (\"ferrovane config {} confirm-empty {}\" or "
+            "\"Confirm Emptied Folder…\" in the window's error list); the next run then removes the backup's contents.",
+            mirror, sourceRoot, targetPath_, sourceRoot);
         logLine(message);
         addError(message.substr(7));
         return;
@@ -97,24 +124,19 @@ void FVSyncingBackup::cleanupSourceRoot(const std::string& sourceRoot, int& hand
         }
         const std::string& path = entry->path;
         std::string relative(entry->relativePath());
-
-        // Leftovers of an interrupted copy are no user files: they simply go.
-        if (entry->name().substr(0, std::strlen(kTemporaryFilePrefix)) == kTemporaryFilePrefix && type != S_IFDIR) {
-            std::string ignored;
-            keepingParentDates(path, [&] { removeWithinDestination(path, ignored); });
-            continue;
-        }
-
         std::string sourcePath = appendComponent(sourceRoot, relative);
-        bool keep = sourcePathsCache_.contains(sourcePath) ||
-                    (!FVExclusionRules::fileShouldBeExcluded(sourcePath, excludedFiles_, nullptr) &&
-                     pathExists(sourcePath)) ||
-                    FVExclusionRules::fileShouldBeExcluded(sourcePath, protectedPaths_, nullptr) ||
-                    FVText::lastPathComponent(relative).rfind("._", 0) == 0;
-        if (!keep && !relative.empty()) {
+        switch (relative.empty() ? CleanupDecision::Keep : decideMirrorEntry(sourceRoot, sourcePath, *entry)) {
+        case CleanupDecision::Keep:
+            if (type == S_IFDIR && isBelowUnreadableSource(sourcePath)) walker.skipChildren();
+            break;
+        case CleanupDecision::RemoveLeftover:
+            keepingParentDates(path, [&] { removeWithinDestination(path); });
+            break;
+        case CleanupDecision::ArchiveOrRemove:
             keepingParentDates(path, [&] { removeDeletedItem(sourceRoot, relative, path); });
             ++handled;
             if (type == S_IFDIR) walker.skipChildren();
+            break;
         }
         ++visited;
         float progress = static_cast<float>(visited) * 100.0f / static_cast<float>(cleanupFileCount_);
@@ -122,6 +144,42 @@ void FVSyncingBackup::cleanupSourceRoot(const std::string& sourceRoot, int& hand
         analyseProgressStatus_ = progress;
         reportProgress();
     }
+}
+
+// Only a definite answer that the source is gone lets an item go: a source that cannot be looked
+// up (no permission, an I/O error) keeps its mirror and everything below it.
+FVSyncingBackup::CleanupDecision FVSyncingBackup::decideMirrorEntry(const std::string& sourceRoot,
+                                                                   const std::string& sourcePath,
+                                                                   const FVDirectoryWalker::Entry& entry) {
+    const bool sourceSeen = sourcePathsCache_.contains(sourcePath);
+    // Leftovers of an interrupted copy are no user files: they simply go, unarchived.
+    if (!sourceSeen && isTemporaryName(entry.name()) && !S_ISDIR(entry.st.st_mode) &&
+        FVFileManager::existenceAtPath(sourcePath) == FVExistence::Missing)
+        return CleanupDecision::RemoveLeftover;
+    if (sourceSeen || FVExclusionRules::fileShouldBeExcluded(sourcePath, protectedPaths_, nullptr) ||
+        FVText::lastPathComponent(sourcePath).rfind("._", 0) == 0 || isBelowUnreadableSource(sourcePath))
+        return CleanupDecision::Keep;
+    // What a clone of the whole system leaves out is the destination volume's own business.
+    if (sourceRoot == "/" &&
+        FVExclusionRules::fileShouldBeExcluded(sourcePath, FVExclusionRules::rootClonePatterns(), nullptr))
+        return CleanupDecision::Keep;
+    if (isWithinDestination(sourcePath) || FVExclusionRules::fileShouldBeExcluded(sourcePath, excludedFiles_, nullptr))
+        return CleanupDecision::ArchiveOrRemove;
+    int error = 0;
+    switch (FVFileManager::existenceAtPath(sourcePath, &error)) {
+    case FVExistence::Exists:
+        return CleanupDecision::Keep;
+    case FVExistence::Missing:
+        return CleanupDecision::ArchiveOrRemove;
+    case FVExistence::Unknown:
+        break;
+    }
+    unreadableSourcePaths_.push_back(sourcePath);
+    std::string message = fmt::format("ERROR: Could not check whether {} still exists ({}); its backup {} is kept.",
+                                      sourcePath, std::strerror(error), entry.path);
+    logLine(message);
+    addError(message);
+    return CleanupDecision::Keep;
 }
 
 // The copy pass has given the folder the source folder's dates; taking an entry out must not
@@ -142,7 +200,6 @@ void FVSyncingBackup::removeDeletedItem(const std::string& sourceRoot, const std
                                         const std::string& itemPath) {
     unlockWithinDestination(itemPath);
     verboseLog("Removing: " + itemPath);
-    std::string reason;
     if (archive_) {
         std::string archivePath =
             syncMode_ ? fmt::format("{}/__removed/{}/{}/{}", targetPath_, archiveFolderName_,
@@ -150,18 +207,21 @@ void FVSyncingBackup::removeDeletedItem(const std::string& sourceRoot, const std
                       : appendComponent(fmt::format("{}/__removed/{}/", targetPath_, archiveFolderName_),
                                         appendComponent(sourceRoot, relative).substr(1));
         createDirectoryPath(FVText::deletingLastPathComponent(archivePath));
-        if (moveWithinDestination(itemPath, archivePath, reason)) return;
+        if (moveWithinDestination(itemPath, archivePath) == 0) return;
         unlockWithinDestination(FVText::deletingLastPathComponent(itemPath));
-        if (moveWithinDestination(itemPath, archivePath, reason)) return;
-        logLine(fmt::format("ERROR: Archiving deleted file failed: {} ({})", itemPath, reason));
+        int error = moveWithinDestination(itemPath, archivePath);
+        if (error == 0 || stopOnFatalDestinationError(error)) return;
+        // The item stays in the mirror: it is never deleted in place of a failed archive move.
+        logLine(fmt::format("ERROR: Archiving deleted file failed: {} ({})", itemPath, std::strerror(error)));
         addError("Archiving deleted file failed: " + itemPath);
         return;
     }
-    if (removeWithinDestination(itemPath, reason)) return;
+    if (removeWithinDestination(itemPath) == 0) return;
     unlockWithinDestination(FVText::deletingLastPathComponent(itemPath));
     unlockWithinDestination(itemPath, true);
-    if (removeWithinDestination(itemPath, reason)) return;
-    logLine(fmt::format("ERROR: Deleting failed: {} ({})", itemPath, reason));
+    int error = removeWithinDestination(itemPath);
+    if (error == 0 || stopOnFatalDestinationError(error)) return;
+    logLine(fmt::format("ERROR: Deleting failed: {} ({})", itemPath, std::strerror(error)));
     addError("Deleting failed: " + itemPath);
 }
 
@@ -188,11 +248,10 @@ void FVSyncingBackup::purgeFolder(const std::string& folder, int32_t age) {
         double offset = static_cast<double>(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9 - now;
         int32_t days = static_cast<int32_t>(offset) / -86400;
         if (days < age) continue;
-        std::string reason;
-        bool removed = removeWithinDestination(path, reason);
+        bool removed = removeWithinDestination(path) == 0;
         if (!removed) {
             unlockWithinDestination(path, true);
-            removed = removeWithinDestination(path, reason);
+            removed = removeWithinDestination(path) == 0;
         }
         if (removed) {
             logLine(fmt::format("Removed archive {} (age: {} days)", path, days));

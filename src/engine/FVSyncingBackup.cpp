@@ -5,11 +5,13 @@
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVLog.h"
 #include "engine/FVStrings.h"
+#include "engine/FVText.h"
 #include "platform/FVMountWatcher.h"
 #include "platform/FVSystemLog.h"
 
 #include <fmt/format.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -47,6 +49,11 @@ FVSyncingBackup::FVSyncingBackup(std::string destinationPath, std::vector<FVSour
     }
 
     FVLog::currentLog().newLog();
+    struct stat destination {};
+    if (stat(targetPath_.c_str(), &destination) == 0) {
+        destinationDevice_ = destination.st_dev;
+        destinationInode_ = destination.st_ino;
+    }
     fstype_ = FVFileManager::filesystemTypeAtPath(targetPath_);
     if (isWebDAV(fstype_)) excludedFiles_.push_back(".DS_Store");
     logLine(fmt::format("Ferrovane {}({}) starting sync to: {} ({})", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER,
@@ -107,8 +114,8 @@ void FVSyncingBackup::flushDestination() {
 }
 
 void FVSyncingBackup::checkVolumeDidUnmount(const std::string& mountPoint) {
-    // A plain prefix test, as the unmount event names the mount point only.
-    if (targetPath_.compare(0, mountPoint.size(), mountPoint) != 0 || mountPoint == "/") return;
+    // Whole components: unmounting /mnt/backup says nothing about /mnt/backup2.
+    if (mountPoint == "/" || !FVText::isPathWithin(targetPath_, mountPoint)) return;
     logLine("\nDestination volume unmounted unexpectedly!\n");
     addError(fmt::format("Aborting: Destination unmounted unexpectedly ({}).", mountPoint));
     cancelUpdate();

@@ -4,6 +4,7 @@
 // purges old archives, and collects the run's errors.
 
 #include "engine/FVConfinedDirectory.h"
+#include "engine/FVDirectoryWalker.h"
 #include "engine/FVFileCopyWorker.h"
 #include "engine/FVPathSet.h"
 #include "engine/FVPlist.h"
@@ -17,6 +18,8 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <sys/types.h>
 
 namespace ferrovane {
 
@@ -86,7 +89,7 @@ public:
     // The copy worker's delegate.
     bool respondsToWillOverwriteDestination() const override { return true; }
     bool respondsToProgressDidChange() const override { return true; }
-    void copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override;
+    bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override;
     void copyWorkerProgressDidChange(float fraction) override;
     void copyWorkerDidGenerateMessage(const std::string& message, const char* level) override;
     void copyWorkerDidFinishCopy() override;
@@ -97,13 +100,21 @@ private:
     void logLine(const std::string& line);
     void verboseLog(const std::string& line);
     bool isExcluded(const std::string& path, const std::string* currentSourceItemPath) const;
+    // Logs and keeps a source item that could not be read: its mirror is left as it is.
+    void reportUnreadableSource(const std::string& path, int error);
+    // Whether the cleanup must leave the mirror of this source path (and all below it) alone.
+    bool isBelowUnreadableSource(const std::string& sourcePath) const;
+    bool isWithinDestination(const std::string& sourcePath) const;
     void addFixedPatterns(const std::string& sourcePath);
     void analyse(const std::string& sourcePath);
     void handToWorker(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
     // The destination folder of a source item.
     std::string itemTargetPath(const std::string& sourcePath) const;
     void cleanup();
-    void cleanupSourceRoot(const std::string& sourceRoot, int& handled, bool& cancelled);
+    void cleanupSourceRoot(const std::string& sourceRoot, bool emptySourceConfirmed, int& handled, bool& cancelled);
+    enum class CleanupDecision { Keep, ArchiveOrRemove, RemoveLeftover };
+    CleanupDecision decideMirrorEntry(const std::string& sourceRoot, const std::string& sourcePath,
+                                      const FVDirectoryWalker::Entry& entry);
     void removeDeletedItem(const std::string& sourceRoot, const std::string& relative, const std::string& itemPath);
     // Runs change (which takes the item away) and gives the item's folder its dates back.
     void keepingParentDates(const std::string& itemPath, const std::function<void()>& change);
@@ -113,8 +124,12 @@ private:
     // nothing for a path outside it.
     std::optional<std::string> destinationRelative(const std::string& path) const;
     // Moves within the destination without following links; never replaces an archived item.
-    bool moveWithinDestination(const std::string& from, const std::string& to, std::string& reason);
-    bool removeWithinDestination(const std::string& path, std::string& reason);
+    // Both return 0 or the errno of the failure.
+    int moveWithinDestination(const std::string& from, const std::string& to);
+    int removeWithinDestination(const std::string& path);
+    // A read-only or full destination ends the run at once with one error instead of one per
+    // item; returns whether the error was of that kind.
+    bool stopOnFatalDestinationError(int error);
     // Clears the immutable flag of a destination item (and, recursively, of all below it),
     // reaching it without following links like every other change.
     void unlockWithinDestination(const std::string& path, bool recursively = false);
@@ -141,6 +156,12 @@ private:
     // Filled before the first item and by the analysis, which runs on queue_ only.
     std::vector<std::string> excludedFiles_;
     FVPathSet sourcePathsCache_;
+    // Source items the analysis could not read, and the places where a source holds the
+    // destination itself; few, so plain lists.
+    std::vector<std::string> unreadableSourcePaths_;
+    std::vector<std::string> destinationSourcePaths_;
+    dev_t destinationDevice_ = 0;
+    ino_t destinationInode_ = 0;
     std::string currentSourcePath_;
     int64_t estimatedItemFilecount_ = 2000000;
     bool archive_ = false;

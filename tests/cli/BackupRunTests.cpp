@@ -177,6 +177,61 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
     EXPECT_NE(log.find("Archiving deleted items finished: archived 1 items."), std::string::npos);
 }
 
+// Runs that follow each other within one second each get a stamp folder of their own, and a
+// changed file whose archive move fails keeps its old version in the mirror until a run can
+// archive it.
+TEST_F(BackupRun, EveryVersionIsKeptWhenRunsShareASecondOrAnArchiveMoveFails) {
+    makeDirs(source + "/Docs");
+    PlistDict options = defaults();
+    options.set("moveChangedFiles", true);
+    configure({{source + "/Docs", FVSourceMode::Backup}}, options);
+    std::vector<std::string> versions;
+    for (int i = 1; i <= 4; ++i) {
+        versions.push_back("version " + std::string(static_cast<size_t>(i), '*'));
+        writeFile(source + "/Docs/f.txt", versions.back());
+        ASSERT_EQ(run().exitStatus, 0);
+    }
+    auto kept = [&] {
+        std::vector<std::string> found{readFile(destination + "/Docs/f.txt")};
+        for (const std::string& stamp : listFolder(destination + "/__changed"))
+            found.push_back(readFile(destination + "/__changed/" + stamp + "/Docs/f.txt"));
+        std::sort(found.begin(), found.end());
+        return found;
+    };
+    EXPECT_EQ(kept(), versions);
+
+    fs::rename(destination + "/__changed", dir / "changed.aside");
+    makeDirs(dir / "elsewhere");
+    fs::create_directory_symlink(dir / "elsewhere", destination + "/__changed");
+    writeFile(source + "/Docs/f.txt", "version 5");
+    auto refused = run();
+    EXPECT_EQ(refused.exitStatus, 255);
+    EXPECT_NE(refused.out.find("Archiving changed file failed: " + destination + "/Docs/f.txt"), std::string::npos)
+        << refused.out;
+    EXPECT_EQ(readFile(destination + "/Docs/f.txt"), versions.back());
+    EXPECT_TRUE(listFolder(dir / "elsewhere").empty());
+
+    fs::remove(destination + "/__changed");
+    fs::rename(dir / "changed.aside", destination + "/__changed");
+    ASSERT_EQ(run().exitStatus, 0);
+    versions.push_back("version 5");
+    EXPECT_EQ(kept(), versions);
+}
+
+// A destination inside its own source is never copied into itself, and user files whose names
+// look like the copy's temporary files are user files all the same.
+TEST_F(BackupRun, ADestinationInsideItsSourceIsLeftOutAndLeftoverLookalikesAreKept) {
+    destination = source + "/Docs/backup";
+    makeDirs(destination);
+    writeFile(source + "/Docs/a.txt", "a");
+    writeFile(source + "/Docs/.ferrovane-tmp-notes.txt", "notes");
+    writeFile(source + "/Docs/.ferrovane-tmp-0123456789abcdef", "mine");
+    configure({{source + "/Docs", FVSourceMode::Backup}}, defaults());
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(run().exitStatus, 0);
+    EXPECT_EQ(listFolder(destination + "/Docs"),
+              (std::vector<std::string>{".ferrovane-tmp-0123456789abcdef", ".ferrovane-tmp-notes.txt", "a.txt"}));
+}
+
 TEST_F(BackupRun, AFolderReplacedByALinkBecomesALinkAndTheFolderIsArchived) {
     makeDirs(source + "/Docs/sub");
     makeDirs(dir / "elsewhere");
@@ -265,10 +320,11 @@ TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
     EXPECT_EQ(mirrorDifferences(source + "/Many", destination + "/Many"), "");
 }
 
-TEST_F(BackupRun, AReadOnlyCornerOfTheDestinationEndsWithErrorsAndTheRestIsMirrored) {
+// A read-only destination ends the run at once with one error, never one per file, and keeps
+// every old version.
+TEST_F(BackupRun, AReadOnlyDestinationEndsTheRunWithOneErrorAndKeepsEveryVersion) {
     makeDirs(source + "/Docs/locked");
-    writeFile(source + "/Docs/locked/a.txt", "1");
-    writeFile(source + "/Docs/free.txt", "1");
+    for (int i = 0; i < 20; ++i) writeFile(source + "/Docs/locked/" + std::to_string(i), "1");
     configure({{source + "/Docs", FVSourceMode::Backup}}, defaults());
     ASSERT_EQ(run().exitStatus, 0);
 
@@ -278,16 +334,15 @@ TEST_F(BackupRun, AReadOnlyCornerOfTheDestinationEndsWithErrorsAndTheRestIsMirro
         umount2(locked.c_str(), MNT_DETACH);
         GTEST_SKIP() << "cannot make a read-only bind mount here";
     }
-    writeFile(source + "/Docs/locked/a.txt", "22");
-    writeFile(source + "/Docs/free.txt", "22");
+    for (int i = 0; i < 20; ++i) writeFile(source + "/Docs/locked/" + std::to_string(i), "22");
     auto result = run();
     umount2(locked.c_str(), MNT_DETACH);
     EXPECT_EQ(result.exitStatus, 255);
-    EXPECT_NE(result.out.find("Backup errors:\n"), std::string::npos) << result.out;
-    EXPECT_NE(result.out.find(locked + "/a.txt"), std::string::npos) << result.out;
-    EXPECT_EQ(readFile(destination + "/Docs/free.txt"), "22");
-    EXPECT_EQ(readFile(locked + "/a.txt"), "1");
-    EXPECT_TRUE(readBack().sources[0]->value("lastBackupDate").has_value()) << "written back despite errors";
+    EXPECT_NE(result.out.find("Backup errors:\nERROR: Destination is read-only. Aborting backup.\nSync canceled."),
+              std::string::npos) << result.out;
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(readFile(locked + "/" + std::to_string(i)), "1");
+    EXPECT_EQ(run().exitStatus, 0);
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(readFile(locked + "/" + std::to_string(i)), "22");
 }
 
 TEST_F(BackupRun, TwoSourcesWithOneNameShareTheirMirrorWithoutHarm) {

@@ -190,6 +190,8 @@ TEST_F(BackupSessionTest, AnUnmountedDestinationCancelsTheRunWithOneError) {
             Recorder::backupSessionProgressDidChange(session);
             if (done || !session.syncingBackup()) return;
             done = true;
+            // A mount point that only shares the beginning of the destination's path is another volume.
+            session.syncingBackup()->checkVolumeDidUnmount(mountPoint.substr(0, mountPoint.size() - 1));
             umount2(mountPoint.c_str(), MNT_DETACH);
             // The mount watcher reports on its own thread; the walk must see the cancel.
             for (int i = 0; i < 250 && session.errorMessages().empty(); ++i)

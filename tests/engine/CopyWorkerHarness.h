@@ -21,9 +21,10 @@ public:
 
     bool respondsToWillOverwriteDestination() const override { return answersWillOverwrite; }
     bool respondsToProgressDidChange() const override { return answersProgress; }
-    void copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override {
+    bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override {
         std::lock_guard lock(mutex_);
         overwritten_.push_back(destination.path());
+        return true;
     }
     void copyWorkerProgressDidChange(float fraction) override {
         std::lock_guard lock(mutex_);

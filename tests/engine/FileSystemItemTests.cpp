@@ -1,6 +1,7 @@
 // The lazily loaded file item and the file-manager helpers.
 
 #include "engine/FVAdditions.h"
+#include "engine/FVFileDescriptor.h"
 #include "engine/FVFileSystemItem.h"
 #include "support/TempDir.h"
 
@@ -13,6 +14,8 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include <sys/acl.h>
 
 using namespace ferrovane;
 using namespace ferrovane::test;
@@ -109,6 +112,14 @@ TEST(FileManager, XattrSignatureIgnoresTheTwoFinderNamesAndSeesValues) {
     setxattr((dir / "b").c_str(), "user.one", "x\0y", 3, 0);
     EXPECT_TRUE(FVFileManager::xattrIdentialforFileAtPath(dir / "a", dir / "b"));
     EXPECT_EQ(FVFileManager::xattrNameAndDataStringForFileAtPath(dir / "a"), "user.one:<780079>\n");
+    // Access-control lists count only where they are copied, or a file with one would be copied
+    // on every run with their cloning off.
+    acl_t acl = acl_from_text("u::rw-,u:65534:r--,g::r--,m::r--,o::r--");
+    if (acl && acl_set_file((dir / "a").c_str(), ACL_TYPE_ACCESS, acl) == 0) {
+        EXPECT_FALSE(FVFileManager::xattrIdentialforFileAtPath(dir / "a", dir / "b", true));
+        EXPECT_TRUE(FVFileManager::xattrIdentialforFileAtPath(dir / "a", dir / "b", false));
+    }
+    if (acl) acl_free(acl);
     EXPECT_FALSE(FVFileManager::xattrIdentialforFileAtPath("", dir / "b"));
     EXPECT_TRUE(FVFileManager::xattrNameIsSkipped("com.apple.quarantine"));
     EXPECT_TRUE(FVFileManager::xattrNameIsSkipped("com.apple.FinderInfo"));
@@ -126,6 +137,17 @@ TEST(FileManager, LockAndUnlockTheImmutableFlag) {
     EXPECT_TRUE(isImmutable(dir / "plain"));
     EXPECT_TRUE(FVFileManager::unlockFile(dir / "plain"));
     EXPECT_FALSE(isImmutable(dir / "plain"));
+    // Append-only refuses a rename as immutable does (a log file mirrored from a source).
+    {
+        FVFd fd(open((dir / "plain").c_str(), O_RDONLY | O_CLOEXEC));
+        int flags = 0;
+        ASSERT_EQ(ioctl(fd.get(), FS_IOC_GETFLAGS, &flags), 0);
+        flags |= FS_APPEND_FL;
+        ASSERT_EQ(ioctl(fd.get(), FS_IOC_SETFLAGS, &flags), 0);
+    }
+    EXPECT_NE(rename((dir / "plain").c_str(), (dir / "moved").c_str()), 0);
+    EXPECT_TRUE(FVFileManager::unlockFile(dir / "plain"));
+    EXPECT_EQ(rename((dir / "plain").c_str(), (dir / "moved").c_str()), 0);
 
     for (const char* p : {"tree/sub/f", "tree/sub", "tree"}) FVFileManager::lockFile(dir / p);
     FVFileManager::unlockRecursively(dir / "tree");

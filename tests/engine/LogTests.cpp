@@ -108,7 +108,7 @@ TEST(Formatting, DiskSizesUseDecimalUnits) {
 }
 
 TEST(Formatting, ArchiveStampHasTheFixedShape) {
-    std::string s = FVDate::archiveStamp();
+    std::string s = FVDate::archiveStamp(std::time(nullptr));
     ASSERT_EQ(s.size(), 25u) << s;  // 2021-06-30 14.05.09 +0200
     EXPECT_EQ(s[4], '-');
     EXPECT_EQ(s[10], ' ');
