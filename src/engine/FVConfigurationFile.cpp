@@ -146,7 +146,7 @@ bool writeSettingsForSourceConfiguration(const std::vector<FVSourceItemPtr>& ite
     sources->reserve(items.size());
     for (const FVSourceItemPtr& item : items) {
         item->removeValue(FVSourceKey::sizeInMB);
-        sources->push_back(std::make_shared<PlistDict>(item->snapshot()));
+        sources->emplace_back(std::make_shared<PlistDict>(item->snapshot()));
     }
     // Items the reader skipped go back where they stood; the list around them may have changed.
     std::string ignored;

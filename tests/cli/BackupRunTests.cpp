@@ -54,6 +54,32 @@ protected:
 
     std::string logPath() const { return dir / "Ferrovane.log"; }
 
+    // 10,000 small files: a run over them lasts long enough to be caught in the middle.
+    void makeManyFiles() {
+        makeDirs(source + "/Many");
+        for (int d = 0; d < 40; ++d) {
+            std::string folder = source + "/Many/d" + std::to_string(d);
+            makeDirs(folder);
+            for (int f = 0; f < 250; ++f) writeFile(folder + "/f" + std::to_string(f), std::string(4096, 'x'));
+        }
+    }
+
+    // A run with its standard output in out.txt, returned once it has begun its walk (a slow
+    // disk can hold the start back for seconds).
+    pid_t startRunInBackground() {
+        pid_t pid = fork();
+        if (pid == 0) {
+            setenv("FERROVANE_LOG_FILE", logPath().c_str(), 1);
+            unsetenv("DISPLAY");
+            freopen((dir / "out.txt").c_str(), "w", stdout);
+            execl(FERROVANE_EXECUTABLE, FERROVANE_EXECUTABLE, destination.c_str(), "-noUserNotifications", nullptr);
+            _exit(127);
+        }
+        for (int i = 0; i < 1500 && readFile(logPath()).find("Source started analysing") == std::string::npos; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return pid;
+    }
+
     // What rsync would still carry over; empty when the mirror is exact.
     static std::string mirrorDifferences(const std::string& from, const std::string& to) {
         auto r = runProcess({"/usr/bin/rsync", "-aAXn", "--itemize-changes", from + "/", to + "/"});
@@ -230,26 +256,11 @@ TEST_F(BackupRun, RebuildsFullSourcePathsWithoutSyncModeAndCountsAMissingThreadO
 }
 
 TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
-    makeDirs(source + "/Many");
-    for (int d = 0; d < 40; ++d) {
-        std::string folder = source + "/Many/d" + std::to_string(d);
-        makeDirs(folder);
-        for (int f = 0; f < 250; ++f) writeFile(folder + "/f" + std::to_string(f), std::string(4096, 'x'));
-    }
+    makeManyFiles();
     configure({{source + "/Many", FVSourceMode::Backup}}, defaults());
     std::string before = readFile(FVConfigurationFile::formattedPath(destination));
 
-    pid_t pid = fork();
-    if (pid == 0) {
-        setenv("FERROVANE_LOG_FILE", logPath().c_str(), 1);
-        unsetenv("DISPLAY");
-        freopen((dir / "out.txt").c_str(), "w", stdout);
-        execl(FERROVANE_EXECUTABLE, FERROVANE_EXECUTABLE, destination.c_str(), "-noUserNotifications", nullptr);
-        _exit(127);
-    }
-    // A slow disk can hold the start back for seconds; the signal must come once the run handles it.
-    for (int i = 0; i < 1500 && readFile(logPath()).find("Source started analysing") == std::string::npos; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    pid_t pid = startRunInBackground();
     kill(pid, SIGINT);
     int status = 0;
     waitpid(pid, &status, 0);
@@ -390,12 +401,7 @@ TEST_F(BackupRun, UnusableSourceItemsAreSkippedReportedAndKeptInTheFile) {
 }
 
 TEST_F(BackupRun, ASecondRunIsRefusedAndEditsMadeDuringARunAreKept) {
-    makeDirs(source + "/Many");
-    for (int d = 0; d < 40; ++d) {
-        std::string folder = source + "/Many/d" + std::to_string(d);
-        makeDirs(folder);
-        for (int f = 0; f < 250; ++f) writeFile(folder + "/f" + std::to_string(f), std::string(4096, 'x'));
-    }
+    makeManyFiles();
     configure({{source + "/Many", FVSourceMode::Backup}}, defaults());
     {
         FVConfiguration c = readBack();
@@ -404,16 +410,7 @@ TEST_F(BackupRun, ASecondRunIsRefusedAndEditsMadeDuringARunAreKept) {
             c.sources, *c.settings, FVConfigurationFile::formattedPath(destination)));
     }
 
-    pid_t pid = fork();
-    if (pid == 0) {
-        setenv("FERROVANE_LOG_FILE", logPath().c_str(), 1);
-        unsetenv("DISPLAY");
-        freopen((dir / "out.txt").c_str(), "w", stdout);
-        execl(FERROVANE_EXECUTABLE, FERROVANE_EXECUTABLE, destination.c_str(), "-noUserNotifications", nullptr);
-        _exit(127);
-    }
-    for (int i = 0; i < 1500 && readFile(logPath()).find("Source started analysing") == std::string::npos; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    pid_t pid = startRunInBackground();
     // Held still in the middle of its run, so that what follows happens during it.
     kill(pid, SIGSTOP);
     ASSERT_EQ(waitpid(pid, nullptr, WNOHANG), 0) << "the run ended before it could be held";
