@@ -148,6 +148,9 @@ void AppController::startSync() {
     backupSession_->setDelegate(this);
     backupSession_->setDestinationPath(currentTargetPath_);
     backupSession_->setBackupOptions(FVOptionTable::read(*optionsPanelController_.allOptions()).options);
+    // Items of the file that the list could not take are kept there and reported by the run.
+    backupSession_->setConfigurationProblems(
+        FVConfigurationFile::read(FVConfigurationFile::formattedPath(currentTargetPath_)).skippedItems);
     backupSession_->setBackupSet(backupSetController_.arrangedObjects());
     backupSession_->setExcludePaths(backupSetController_.excludePaths());
     std::vector<std::string> setPaths = backupSetController_.backupSetPaths();
