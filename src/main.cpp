@@ -26,11 +26,14 @@ void printUsage() {
         "                                 text, with all their archived versions\n"
         "  ferrovane config /path/to/destination show | add <path> [--mode <mode>] | remove <path>\n"
         "                 | set <option> <value> | schedule daily HH:MM | weekly <weekday> HH:MM | off\n"
+        "                 | confirm-empty <path>\n"
         "                                 edit the destination's sources, options and schedule\n"
         "  ferrovane --help | --version\n"
         "\n"
         "The destination keeps its sources and options in .ferrovane.conf in its root.\n"
-        "Exit status: 0 after a backup without errors, 255 otherwise.\n");
+        "One run at a time per destination: a second one is refused.\n"
+        "Exit status: 0 after a backup without errors, 75 when another run is using the\n"
+        "destination, 255 otherwise (an option that cannot be used included).\n");
 }
 
 }  // namespace

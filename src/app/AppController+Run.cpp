@@ -108,11 +108,25 @@ bool AppController::passesStartChecks() {
             }
         }
     }
+    std::vector<std::string> problems = FVOptionTable::read(*optionsPanelController_.allOptions()).problems;
+    if (!problems.empty()) {
+        QMessageBox* box = FVAlert::show(window_.get(), "optionsinvalid", "optionsinvalidlong");
+        box->setInformativeText(QString::fromStdString(problems.front()) + "\n\n" + localized("optionsinvalidlong"));
+        return false;
+    }
+    if (runLock_.acquire(currentTargetPath_) != FVDestinationLock::Status::Acquired) {
+        QMessageBox* box = FVAlert::show(window_.get(), "destinationbusy", "destinationbusylong");
+        box->setInformativeText(QString::fromStdString(runLock_.reason().empty()
+                                                           ? FVDestinationLock::busyMessage(currentTargetPath_)
+                                                           : runLock_.reason()));
+        return false;
+    }
     return true;
 }
 
 void AppController::abortStart() {
     starting_ = false;
+    runLock_.release();
     window_->startButton()->setText(localized("syncbutton"));
     window_->coverView()->setProgress(-1);
     window_->coverView()->openView();
@@ -133,8 +147,10 @@ void AppController::startSync() {
     backupSession_ = std::make_unique<FVBackupSession>();
     backupSession_->setDelegate(this);
     backupSession_->setDestinationPath(currentTargetPath_);
-    // A copy: the session reads the options on its threads while the window may change its own.
-    backupSession_->setBackupOptions(std::make_shared<PlistDict>(*optionsPanelController_.allOptions()));
+    backupSession_->setBackupOptions(FVOptionTable::read(*optionsPanelController_.allOptions()).options);
+    // Items of the file that the list could not take are kept there and reported by the run.
+    backupSession_->setConfigurationProblems(
+        FVConfigurationFile::read(FVConfigurationFile::formattedPath(currentTargetPath_)).skippedItems);
     backupSession_->setBackupSet(backupSetController_.arrangedObjects());
     backupSession_->setExcludePaths(backupSetController_.excludePaths());
     std::vector<std::string> setPaths = backupSetController_.backupSetPaths();
@@ -210,6 +226,7 @@ void AppController::handleCancel() {
 
     backupIsRunning_ = false;
     cancelling_ = false;
+    runLock_.release();
     resumeSizeEvaluation();
     if (closeAfterRun_) {
         finishRunAndMaybeClose();
@@ -227,6 +244,7 @@ void AppController::handleCancel() {
 
 void AppController::handleFinish() {
     writeSettings();
+    runLock_.release();
     backupIsRunning_ = false;
     cancelling_ = false;
     setDestinationControlsEnabled(true);

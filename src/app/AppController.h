@@ -7,6 +7,7 @@
 #include "app/FVQtMainQueue.h"
 #include "backupset/BackupSetController.h"
 #include "engine/FVBackupSession.h"
+#include "engine/FVDestinationLock.h"
 #include "platform/FVCommandRunner.h"
 #include "platform/FVUserNotifier.h"
 #include "scheduling/FVLaunchAgentManager.h"
@@ -125,6 +126,8 @@ private:
     std::unique_ptr<FVMainWindow> window_;
 
     std::unique_ptr<FVBackupSession> backupSession_;
+    // Held from the start checks until the run's outcome is written.
+    FVDestinationLock runLock_;
     bool backupIsRunning_ = false;
     bool starting_ = false;
     bool cancelling_ = false;

@@ -31,7 +31,8 @@ int FVCommanlineMode::runBackup() {
     backupSession_ = std::make_unique<FVBackupSession>();
     backupSession_->setDelegate(this);
     backupSession_->setDestinationPath(destinationPath_);
-    backupSession_->setBackupOptions(configuration_.settings);
+    backupSession_->setBackupOptions(options_);
+    backupSession_->setConfigurationProblems(skippedItems_);
     backupSession_->setBackupSet(backupSetController_->arrangedObjects());
     backupSession_->setExcludePaths(backupSetController_->excludePaths());
     auto paths = backupSetController_->backupSetPaths();
@@ -64,9 +65,11 @@ void FVCommanlineMode::backupSessionDidFinish(FVBackupSession&) {
 }
 
 void FVCommanlineMode::finishOnMainThread() {
+    std::vector<FVSourceItemPtr> backedUp;
+    for (const FVSourceItemPtr& item : configuration_.sources)
+        if (item->enabled() == int64_t(FVSourceMode::Backup)) backedUp.push_back(item);
     std::string error;
-    if (!FVConfigurationFile::writeSettingsForSourceConfiguration(configuration_.sources, *configuration_.settings,
-                                                                 settingsPath_, &error))
+    if (!FVConfigurationFile::writeRunResults(backedUp, settingsPath_, &error))
         std::fprintf(stderr, "Warning: the results could not be saved in the configuration: %s\n", error.c_str());
 
     int32_t updated = 0;

@@ -64,26 +64,23 @@ void FVCommanlineMode::notify(const FVUserNotification& notification, bool wait)
     if (wait) waitForNotificationHandOver();
 }
 
-void FVCommanlineMode::warnAboutOptionTypes() const {
-    for (const auto& [key, value] : configuration_.settings->entries()) {
-        if (key == FVOptionKey::UUID || value.isNumeric()) continue;
-        bool known = false;
-        for (const char* name : {FVOptionKey::syncMode, FVOptionKey::maxThreads, FVOptionKey::moveDeletedFiles,
-                                 FVOptionKey::moveChangedFiles, FVOptionKey::purgeRemovedArchive,
-                                 FVOptionKey::purgeRemovedArchiveDays, FVOptionKey::purgeChangedArchive,
-                                 FVOptionKey::purgeChangedArchiveDays, FVOptionKey::ignoreFileFlagChanges,
-                                 FVOptionKey::disableACLClone, FVOptionKey::preallocate,
-                                 FVOptionKey::excludeSymlinks, FVOptionKey::performExtendedLogging})
-            known = known || key == name;
-        if (!known) continue;
-        std::fprintf(stderr, "Warning: option \"%s\" holds a %s instead of a number; it is read as %lld.\n",
-                     key.c_str(), value.typeName(), static_cast<long long>(value.integerValue()));
-    }
-}
-
 int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinationPath) {
     destinationPath_ = destinationPath;
     settingsPath_ = FVConfigurationFile::formattedPath(destinationPath);
+
+    // A missing destination falls through to the message for an unavailable configuration.
+    switch (lock_.acquire(destinationPath_)) {
+    case FVDestinationLock::Status::Busy:
+        std::fprintf(stderr, "%s\n", FVDestinationLock::busyMessage(destinationPath_).c_str());
+        return FVDestinationLock::busyExitStatus;
+    case FVDestinationLock::Status::Failed:
+        std::fprintf(stderr, "Ferrovane cannot make sure that no other run uses this destination (%s). Aborting.\n",
+                     lock_.reason().c_str());
+        return kFailure;
+    case FVDestinationLock::Status::Acquired:
+    case FVDestinationLock::Status::Missing:
+        break;
+    }
 
     FVConfigurationReadResult loaded = FVConfigurationFile::read(settingsPath_);
     switch (loaded.status) {
@@ -105,8 +102,19 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
     case FVConfigurationReadStatus::Ok:
         break;
     }
+    // Nothing is touched on a value the program cannot trust.
+    FVOptionsReadResult options = FVOptionTable::read(*loaded.configuration.settings);
+    if (!options.problems.empty()) {
+        std::printf("The destination configuration holds an option that cannot be used. Aborting.\n");
+        for (const std::string& problem : options.problems) std::fprintf(stderr, "%s\n", problem.c_str());
+        std::fprintf(stderr, "Nothing was changed. Correct it with: ferrovane config %s set <option> <value>\n",
+                     destinationPath_.c_str());
+        return kFailure;
+    }
+    for (const std::string& skipped : loaded.skippedItems) std::fprintf(stderr, "%s\n", skipped.c_str());
     configuration_ = std::move(loaded.configuration);
-    warnAboutOptionTypes();
+    skippedItems_ = std::move(loaded.skippedItems);
+    options_ = options.options;
     return runBackup();
 }
 

@@ -5,6 +5,7 @@
 #include "backupset/BackupSetController.h"
 #include "engine/FVBackupSession.h"
 #include "engine/FVConfigurationFile.h"
+#include "engine/FVDestinationLock.h"
 #include "engine/FVMainQueue.h"
 #include "platform/FVUserNotifier.h"
 
@@ -20,7 +21,8 @@ public:
     ~FVCommanlineMode() override;
 
     // The command-line branch of the entry point (argv[1] begins with "/"). Returns the exit
-    // status: 0 after a run without errors, 255 for every failure.
+    // status: 0 after a run without errors, FVDestinationLock::busyExitStatus when another run
+    // holds the destination, 255 for every other failure.
     static int main(int argc, char** argv);
 
     void setDisableUserNotifications(bool disable) { disableUserNotifications_ = disable; }
@@ -38,7 +40,6 @@ private:
     void finishOnMainThread();
     void printErrors(const std::vector<std::string>& errors);
     void notify(const FVUserNotification& notification, bool wait);
-    void warnAboutOptionTypes() const;
     // Runs the loaded configuration; returns the exit status.
     int runBackup();
 
@@ -46,7 +47,11 @@ private:
     bool disableUserNotifications_ = false;
     std::string destinationPath_;
     std::string settingsPath_;
+    // Held from before the configuration is read until the process ends.
+    FVDestinationLock lock_;
     FVConfiguration configuration_;
+    std::vector<std::string> skippedItems_;
+    FVOptions options_;
     FVRunLoop runLoop_;
     std::unique_ptr<BackupSetController> backupSetController_;
     std::unique_ptr<FVBackupSession> backupSession_;

@@ -3,6 +3,8 @@
 #include "backupset/BackupSetController.h"
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
+#include "engine/FVDestinationLock.h"
+#include "engine/FVOptions.h"
 #include "engine/FVStrings.h"
 #include "engine/FVText.h"
 #include "scheduling/FVLaunchAgentManager.h"
@@ -17,6 +19,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <functional>
@@ -32,32 +36,8 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
-enum class Kind { Boolean, Integer };
-
-struct OptionRule {
-    const char* key;
-    Kind kind;
-    int64_t minimum = 0;
-    int64_t maximum = 1;
-};
-
-// The run options a user may set; the schedule has its own subcommand, and the UUID and the
-// superuser mark are the program's own.
-const OptionRule kOptions[] = {
-    {FVOptionKey::syncMode, Kind::Integer, 0, 1},
-    {FVOptionKey::maxThreads, Kind::Integer, 1, 15},
-    {FVOptionKey::moveDeletedFiles, Kind::Boolean},
-    {FVOptionKey::moveChangedFiles, Kind::Boolean},
-    {FVOptionKey::purgeRemovedArchive, Kind::Boolean},
-    {FVOptionKey::purgeRemovedArchiveDays, Kind::Integer, 1, 36500},
-    {FVOptionKey::purgeChangedArchive, Kind::Boolean},
-    {FVOptionKey::purgeChangedArchiveDays, Kind::Integer, 1, 36500},
-    {FVOptionKey::ignoreFileFlagChanges, Kind::Boolean},
-    {FVOptionKey::disableACLClone, Kind::Boolean},
-    {FVOptionKey::preallocate, Kind::Boolean},
-    {FVOptionKey::excludeSymlinks, Kind::Boolean},
-    {FVOptionKey::performExtendedLogging, Kind::Boolean},
-};
+// Waiting longer than this for a run to finish would look like a hang; the user tries again.
+constexpr auto kLockWait = std::chrono::seconds(10);
 
 struct ModeName {
     const char* argument;
@@ -82,7 +62,8 @@ int usage(const std::string& problem) {
                "       ferrovane config <destination> add <path> [--mode backup|disabled|exclude|exclude-name]\n"
                "       ferrovane config <destination> remove <path>\n"
                "       ferrovane config <destination> set <option> <value>\n"
-               "       ferrovane config <destination> schedule daily HH:MM | weekly <weekday> HH:MM | off\n");
+               "       ferrovane config <destination> schedule daily HH:MM | weekly <weekday> HH:MM | off\n"
+               "       ferrovane config <destination> confirm-empty <path>\n");
     return kExitUsage;
 }
 
@@ -179,24 +160,52 @@ std::string scheduleText(const PlistDict& options) {
     return "weekly on " + weekdayName(options.integerValue(FVOptionKey::automationWeekdaySelection)) + " at " + time;
 }
 
-std::string valueText(const PlistValue* value, Kind kind) {
+std::string valueText(const FVOptionRule& rule, const PlistValue* value) {
     if (!value) return "not set";
-    if (kind == Kind::Boolean) return value->boolValue() ? "yes" : "no";
+    if (FVOptionTable::problem(rule, *value)) return "invalid";
+    if (rule.type == FVOptionType::Boolean) return value->boolValue() ? "yes" : "no";
     return std::to_string(value->integerValue());
 }
 
-std::string defaultText(const char* key, Kind kind) {
-    int64_t value = 0;
-    for (const auto& [name, preset] : FVConfigurationFile::defaultOptions())
-        if (std::strcmp(name, key) == 0) value = preset;
-    if (kind == Kind::Boolean) return value ? "yes" : "no";
+std::string defaultText(const FVOptionRule& rule) {
+    int64_t value = rule.windowDefault.value_or(0);
+    if (rule.type == FVOptionType::Boolean) return value ? "yes" : "no";
     return std::to_string(value);
+}
+
+// The path with every link resolved, or the path itself when it cannot be resolved.
+std::string resolved(const std::string& path) {
+    char* real = realpath(path.c_str(), nullptr);
+    if (!real) return path;
+    std::string out = real;
+    free(real);
+    return out;
+}
+
+bool isWithin(const std::string& path, const std::string& folder) {
+    if (folder == "/") return true;
+    return path == folder || (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
+                              path[folder.size()] == '/');
+}
+
+// Added anyway: a source may be a disk that is not mounted yet.
+void warnAboutSource(const std::string& source, const std::string& destination) {
+    struct stat st {};
+    if (lstat(source.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR))
+        fmt::print(stderr, "ferrovane config: warning: {} does not exist (yet); it will be skipped until it does.\n",
+                   printable(source));
+    if (isWithin(destination, source) || isWithin(resolved(destination), resolved(source)))
+        fmt::print(stderr,
+                   "ferrovane config: warning: {} contains the destination; the destination will be left out of "
+                   "the backup.\n",
+                   printable(source));
 }
 
 struct Configuration {
     std::string destination;
     std::string readFrom;  // empty when the destination has no configuration yet
     FVConfiguration content;
+    std::vector<std::string> skippedItems;
 };
 
 // Reads the destination's file (the legacy one for show, which changes nothing).
@@ -215,6 +224,7 @@ bool load(Configuration& config, bool includeLegacy, std::string& problem) {
         }
         config.readFrom = path;
         config.content = std::move(result.configuration);
+        config.skippedItems = std::move(result.skippedItems);
         return true;
     }
     return true;
@@ -241,17 +251,17 @@ int show(const Configuration& config, FVLaunchAgentManager& jobs) {
         }
     }
 
+    for (const std::string& skipped : config.skippedItems) fmt::print("  {}\n", printable(skipped));
+
     const PlistDict& options = *config.content.settings;
     fmt::print("\nOptions:{:<20}  {:<8}  {}\n", "", "value", "default");
-    for (const OptionRule& rule : kOptions)
-        fmt::print("  {:<26}  {:<8}  {}\n", rule.key, valueText(options.find(rule.key), rule.kind),
-                   defaultText(rule.key, rule.kind));
-    for (const auto& [key, value] : options.entries()) {
-        bool known = std::any_of(std::begin(kOptions), std::end(kOptions),
-                                 [&](const OptionRule& rule) { return key == rule.key; });
-        bool own = key.rfind("automation", 0) == 0 || key == FVOptionKey::UUID || key == FVOptionKey::isSuperuserBackup;
-        if (!known && !own) fmt::print("  {:<26}  ({}, kept as stored)\n", printable(key), value.typeName());
-    }
+    for (const FVOptionRule& rule : FVOptionTable::rules())
+        if (rule.settable)
+            fmt::print("  {:<26}  {:<8}  {}\n", rule.key, valueText(rule, options.find(rule.key)), defaultText(rule));
+    for (const auto& [key, value] : options.entries())
+        if (!FVOptionTable::find(key)) fmt::print("  {:<26}  ({}, kept as stored)\n", printable(key), value.typeName());
+    for (const std::string& problem : FVOptionTable::read(options).problems)
+        fmt::print("{}\n", printable(problem));
 
     if (options.boolValue(FVOptionKey::isSuperuserBackup))
         fmt::print("\nSet up by root: the window opens this destination only when run as root.\n");
@@ -295,6 +305,7 @@ int main(int argc, char** argv) {
     // on the loaded configuration and returns false (with a message) when it cannot be made.
     std::function<bool(BackupSetController&, FVOptionsPanelController&, std::string&)> change;
     bool scheduleChange = false;
+    bool unknownSourceIsBadInput = false;
     if (command == "add") {
         std::optional<std::string> path;
         FVSourceMode mode = FVSourceMode::Backup;
@@ -315,11 +326,13 @@ int main(int argc, char** argv) {
         if (!path) return usage("add needs a path");
         if ((*path)[0] != '/') return refuse("the source must be an absolute path: " + printable(*path));
         std::string source = absolutePath(*path);
-        change = [source, mode](BackupSetController& list, FVOptionsPanelController&, std::string& message) {
+        std::string destination = config.destination;
+        change = [source, mode, destination](BackupSetController& list, FVOptionsPanelController&, std::string& message) {
             if (!list.addBackupPath(source, mode, list.count())) {
                 message = printable(source) + " is already in the list";
                 return false;
             }
+            if (mode == FVSourceMode::Backup) warnAboutSource(source, destination);
             message = fmt::format("Added {} ({}).", printable(source), modeText(static_cast<int64_t>(mode)));
             return true;
         };
@@ -341,31 +354,44 @@ int main(int argc, char** argv) {
     } else if (command == "set") {
         if (args.size() != 2) return usage("set needs an option and a value");
         const std::string& key = args[0];
-        auto rule = std::find_if(std::begin(kOptions), std::end(kOptions),
-                                 [&](const OptionRule& s) { return key == s.key; });
-        if (rule == std::end(kOptions)) {
+        const FVOptionRule* rule = FVOptionTable::find(key);
+        if (!rule || !rule->settable) {
             if (key.rfind("automation", 0) == 0) return refuse("the schedule is set with: schedule daily|weekly|off");
             std::string names;
-            for (const OptionRule& s : kOptions) names += std::string(names.empty() ? "" : ", ") + s.key;
+            for (const FVOptionRule& r : FVOptionTable::rules())
+                if (r.settable) names += std::string(names.empty() ? "" : ", ") + r.key;
             return refuse("unknown option " + printable(key) + "; options are: " + names);
         }
-        PlistValue value;
-        if (rule->kind == Kind::Boolean) {
-            auto flag = parseBoolean(args[1]);
-            if (!flag) return refuse(fmt::format("{} takes yes or no, not {}", rule->key, printable(args[1])));
-            value = *flag;
-        } else {
-            auto number = parseInteger(args[1]);
-            if (!number || *number < rule->minimum || *number > rule->maximum)
-                return refuse(fmt::format("{} takes a whole number from {} to {}, not {}", rule->key, rule->minimum,
-                                         rule->maximum, printable(args[1])));
+        std::optional<PlistValue> value;
+        if (rule->type == FVOptionType::Boolean) {
+            if (auto flag = parseBoolean(args[1])) value = *flag;
+        } else if (auto number = parseInteger(args[1])) {
             value = *number;
         }
-        std::string shown = valueText(&value, rule->kind);
+        if (!value || FVOptionTable::problem(*rule, *value))
+            return refuse(fmt::format("{} takes {}, not {}", rule->key, rule->expected, printable(args[1])));
+        std::string shown = valueText(*rule, &*value);
         change = [key, value, shown](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
-            options.allOptions()->set(key, value);
+            options.allOptions()->set(key, *value);
             message = "Set " + key + " to " + shown + ".";
             return true;
+        };
+    } else if (command == "confirm-empty") {
+        if (args.size() != 1) return usage("confirm-empty needs exactly one source path");
+        if (args[0].empty() || args[0][0] != '/') return refuse("the source must be an absolute path: " + printable(args[0]));
+        unknownSourceIsBadInput = true;
+        std::string given = args[0];
+        std::string source = absolutePath(given);
+        change = [given, source](BackupSetController& list, FVOptionsPanelController&, std::string& message) {
+            for (const FVSourceItemPtr& item : list.arrangedObjects()) {
+                if (item->sourcePath() != given && item->sourcePath() != source) continue;
+                item->setValue(FVSourceKey::emptySourceConfirmed, true);
+                message = "Confirmed that " + printable(item->sourcePath()) +
+                          " was emptied on purpose: the next run removes the contents of its mirror.";
+                return true;
+            }
+            message = printable(source) + " is not in the list";
+            return false;
         };
     } else if (command == "schedule") {
         scheduleChange = true;
@@ -401,9 +427,24 @@ int main(int argc, char** argv) {
 
     if (access(config.destination.c_str(), W_OK) != 0)
         return fail("cannot write to the destination " + printable(config.destination) + ": " + std::strerror(errno));
+    // Read, change and write under the destination's lock, so that neither a run nor another
+    // change works on the file in between. A run holds the lock to its end.
+    FVDestinationLock lock;
+    FVDestinationLock::Status locked = lock.acquire(config.destination);
+    if (locked == FVDestinationLock::Status::Busy) {
+        fmt::print(stderr, "ferrovane config: the destination is in use; waiting up to {} seconds...\n",
+                   std::chrono::seconds(kLockWait).count());
+        locked = lock.acquire(config.destination, kLockWait);
+    }
+    if (locked == FVDestinationLock::Status::Busy) {
+        fmt::print(stderr, "{}\n", FVDestinationLock::busyMessage(printable(config.destination)));
+        return FVDestinationLock::busyExitStatus;
+    }
+    if (locked != FVDestinationLock::Status::Acquired) return fail(lock.reason());
     // The window converts an older destination's file when it opens it; so does the first change.
     FVConfigurationFile::convertLegacyFile(config.destination);
     if (!load(config, false, problem)) return fail(problem + "; nothing was changed");
+    for (const std::string& skipped : config.skippedItems) fmt::print(stderr, "ferrovane config: {}\n", printable(skipped));
 
     BackupSetController list;
     list.setDisableSizeEvaluation(true);
@@ -412,7 +453,8 @@ int main(int argc, char** argv) {
     options.setAllOptions(config.content.settings);
 
     std::string message;
-    if (!change(list, options, message)) return fail(message + "; nothing was changed");
+    if (!change(list, options, message))
+        return unknownSourceIsBadInput ? refuse(message + "; nothing was changed") : fail(message + "; nothing was changed");
     // The identity names the job, so it is saved before the job is written.
     if (scheduleChange && options.uuid().empty())
         options.allOptions()->set(FVOptionKey::UUID, FVOptionsPanelController::makeUUID());

@@ -3,11 +3,14 @@
 // does, for machines without a display, writing the same file with the same writer:
 //   show | add <path> [--mode backup|disabled|exclude|exclude-name] | remove <path>
 //   | set <option> <value> | schedule daily HH:MM | weekly <weekday> HH:MM | off
+//   | confirm-empty <path>
+// Changes are made under the destination's lock; show reads without it.
 
 namespace ferrovane::FVConfigCommand {
 
 // argv[1] is "config". Exit status 0 on success, 1 when the change could not be made or saved
 // (or the scheduled job could not be set up), 2 for bad usage or input; nothing is written then.
+// 75 when a run still held the destination after a wait of ten seconds.
 int main(int argc, char** argv);
 
 }  // namespace ferrovane::FVConfigCommand

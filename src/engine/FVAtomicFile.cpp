@@ -113,9 +113,11 @@ bool write(const std::string& path, std::string_view bytes, std::string* error) 
 }
 
 bool read(const std::string& path, size_t maxSize, std::string& out, std::string* error,
-          bool* tooLarge) {
+          bool* tooLarge, bool* notRegular) {
     if (tooLarge) *tooLarge = false;
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (notRegular) *notRegular = false;
+    // Without blocking: opening a FIFO for reading would otherwise wait for a writer for ever.
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) return fail(error, "cannot open " + path);
     struct stat st {};
     if (fstat(fd, &st) != 0) {
@@ -128,6 +130,12 @@ bool read(const std::string& path, size_t maxSize, std::string& out, std::string
         close(fd);
         errno = EISDIR;
         return fail(error, "cannot read " + path);
+    }
+    if (!S_ISREG(st.st_mode)) {
+        close(fd);
+        if (notRegular) *notRegular = true;
+        if (error) *error = path + " is not a regular file";
+        return false;
     }
     out.clear();
     char buffer[65536];

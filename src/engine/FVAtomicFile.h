@@ -12,9 +12,10 @@ namespace ferrovane::FVAtomicFile {
 // file is removed, path is untouched, and false is returned with the reason in error.
 bool write(const std::string& path, std::string_view bytes, std::string* error);
 
-// Reads a whole file of at most maxSize bytes. Returns false with errno-style reason on failure;
-// tooLarge is set when the file exceeds maxSize.
+// Reads a whole regular file of at most maxSize bytes. Returns false with errno-style reason on
+// failure; tooLarge is set when the file exceeds maxSize, notRegular when it is a FIFO, a device
+// or a socket (which are never opened in a way that could block).
 bool read(const std::string& path, size_t maxSize, std::string& out, std::string* error,
-          bool* tooLarge = nullptr);
+          bool* tooLarge = nullptr, bool* notRegular = nullptr);
 
 }  // namespace ferrovane::FVAtomicFile

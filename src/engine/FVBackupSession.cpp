@@ -55,7 +55,7 @@ void FVBackupSession::start() {
         if (item->enabled() == 1) enabledItems_.push_back(item);
     sessionTaskCount_ = enabledItems_.size() + (shouldPerformCleanup_ ? 1 : 0);
 
-    syncingBackup_ = std::make_unique<FVSyncingBackup>(destinationPath_, backupSet_, backupOptions_.get(), this);
+    syncingBackup_ = std::make_unique<FVSyncingBackup>(destinationPath_, backupSet_, backupOptions_, this);
     syncingBackup_->setWillPerformCleanup(shouldPerformCleanup_);
     syncingBackup_->setArchiveFolderName(unusedArchiveStamp(destinationPath_));
     syncingBackup_->addExcludedFiles(excludePaths_);
@@ -101,8 +101,7 @@ void FVBackupSession::startNextItem() {
     setTaskDescription(FVStrings::localized("progressremoving"));
     int64_t fileCount = 0;
     for (const FVSourceItemPtr& item : backupSet_) fileCount += item->integerValue(FVSourceKey::totalFilesCount);
-    bool moveDeleted = backupOptions_ && backupOptions_->boolValue(FVOptionKey::moveDeletedFiles);
-    syncingBackup_->removeDeletedFilesArchivingFiles(moveDeleted, static_cast<int32_t>(fileCount));
+    syncingBackup_->removeDeletedFilesArchivingFiles(backupOptions_.moveDeletedFiles, static_cast<int32_t>(fileCount));
 }
 
 float FVBackupSession::progressPercent() const {
@@ -113,20 +112,16 @@ float FVBackupSession::progressPercent() const {
 }
 
 void FVBackupSession::finalise() {
-    const PlistDict empty;
-    const PlistDict& options = backupOptions_ ? *backupOptions_ : empty;
-    bool purgeRemoved = options.boolValue(FVOptionKey::purgeRemovedArchive) &&
-                        options.boolValue(FVOptionKey::moveDeletedFiles);
-    bool purgeChanged = options.boolValue(FVOptionKey::purgeChangedArchive) &&
-                        options.boolValue(FVOptionKey::moveChangedFiles);
+    // The cleanup has run: a confirmation that a source was emptied on purpose is used up.
+    for (const FVSourceItemPtr& item : enabledItems_) item->removeValue(FVSourceKey::emptySourceConfirmed);
+    bool purgeRemoved = backupOptions_.purgesRemovedArchives();
+    bool purgeChanged = backupOptions_.purgesChangedArchives();
     if (purgeRemoved || purgeChanged) {
         setTaskDescription(FVStrings::localized("viewpurgingarchives"));
         progressStep();
     }
-    syncingBackup_->purgeRemovedArchive(purgeRemoved,
-                                        static_cast<int32_t>(options.integerValue(FVOptionKey::purgeRemovedArchiveDays)),
-                                        purgeChanged,
-                                        static_cast<int32_t>(options.integerValue(FVOptionKey::purgeChangedArchiveDays)));
+    syncingBackup_->purgeRemovedArchive(purgeRemoved, static_cast<int32_t>(backupOptions_.purgeRemovedArchiveDays),
+                                        purgeChanged, static_cast<int32_t>(backupOptions_.purgeChangedArchiveDays));
     syncingBackup_->flushDestination();
     FVLog::currentLog().addLogLine(fmt::format("Sync finished (Duration: {}).\n", syncingBackup_->currentDurationString()));
     FVLog::currentLog().closeLog();
@@ -150,7 +145,12 @@ void FVBackupSession::updateTargetDidCancel(FVSyncingBackup& job) {
 }
 
 std::vector<std::string> FVBackupSession::errorMessages() const {
-    return syncingBackup_ ? syncingBackup_->errorMessages() : std::vector<std::string>{};
+    std::vector<std::string> errors = configurationProblems_;
+    if (syncingBackup_) {
+        std::vector<std::string> job = syncingBackup_->errorMessages();
+        errors.insert(errors.end(), job.begin(), job.end());
+    }
+    return errors;
 }
 
 uint64_t FVBackupSession::sessionTotalBytesCopied() const {

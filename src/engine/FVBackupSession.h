@@ -3,7 +3,7 @@
 // of what vanished, then the purge of old archives; with session-wide progress, cancellation,
 // sleep prevention, and the per-item results written into the shared items.
 
-#include "engine/FVPlist.h"
+#include "engine/FVOptions.h"
 #include "engine/FVSourceItem.h"
 #include "engine/FVSyncingBackup.h"
 #include "platform/FVSleepInhibitor.h"
@@ -35,11 +35,13 @@ public:
 
     void setDelegate(FVBackupSessionDelegate* delegate) { delegate_ = delegate; }
     void setDestinationPath(std::string path) { destinationPath_ = std::move(path); }
-    // The "settings" dictionary; null when the destination has none.
-    void setBackupOptions(std::shared_ptr<const PlistDict> options) { backupOptions_ = std::move(options); }
+    void setBackupOptions(const FVOptions& options) { backupOptions_ = options; }
     void setBackupSet(std::vector<FVSourceItemPtr> items) { backupSet_ = std::move(items); }
     void setExcludePaths(std::vector<std::string> paths) { excludePaths_ = std::move(paths); }
     void setDestinationPathsToExcludeFromCleanup(std::vector<std::string> paths) { protectedPaths_ = std::move(paths); }
+    // Problems found while reading the configuration (source items that were skipped): they are
+    // errors of the run, listed first.
+    void setConfigurationProblems(std::vector<std::string> problems) { configurationProblems_ = std::move(problems); }
 
     void start();
     void cancel();
@@ -68,7 +70,8 @@ private:
 
     FVBackupSessionDelegate* delegate_ = nullptr;
     std::string destinationPath_;
-    std::shared_ptr<const PlistDict> backupOptions_;
+    FVOptions backupOptions_;
+    std::vector<std::string> configurationProblems_;
     std::vector<FVSourceItemPtr> backupSet_;
     std::vector<std::string> excludePaths_;
     std::vector<std::string> protectedPaths_;

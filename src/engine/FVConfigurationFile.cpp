@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <optional>
 
 namespace ferrovane::FVConfigurationFile {
 
@@ -44,14 +46,50 @@ FVConfigurationReadResult read(const std::string& path) {
     std::string bytes;
     std::string error;
     bool tooLarge = false;
-    if (!FVAtomicFile::read(path, maximumFileSize, bytes, &error, &tooLarge)) {
-        result.status = tooLarge ? FVConfigurationReadStatus::NotPropertyList
-                                 : FVConfigurationReadStatus::Unavailable;
+    bool notRegular = false;
+    if (!FVAtomicFile::read(path, maximumFileSize, bytes, &error, &tooLarge, &notRegular)) {
+        result.status = tooLarge || notRegular ? FVConfigurationReadStatus::NotPropertyList
+                                               : FVConfigurationReadStatus::Unavailable;
         result.problem = error;
         return result;
     }
     return parse(bytes, path);
 }
+
+namespace {
+
+// Why a source item cannot be used, or nothing when it can.
+std::optional<std::string> unusableItem(const PlistValue& entry) {
+    const PlistDictPtr* item = entry.dict();
+    if (!item) return "it is a " + std::string(entry.typeName()) + ", not a dictionary";
+    const PlistValue* sourcePath = (*item)->find(FVSourceKey::sourcePath);
+    if (!sourcePath || !sourcePath->string() || sourcePath->string()->empty()) return "it has no \"sourcePath\" text";
+    return std::nullopt;
+}
+
+// The parsed file as it is on disk now, when it is a property list with a dictionary root.
+PlistDictPtr readRoot(const std::string& path, std::string& error) {
+    std::string bytes;
+    if (!FVAtomicFile::read(path, maximumFileSize, bytes, &error)) return nullptr;
+    PlistParseResult parsed = parsePlist(bytes);
+    if (!parsed.value) {
+        error = path + ": " + parsed.error;
+        return nullptr;
+    }
+    const PlistDictPtr* root = parsed.value->dict();
+    if (!root || !*root) {
+        error = path + ": the property list's root is not a dictionary";
+        return nullptr;
+    }
+    return *root;
+}
+
+const PlistArrayPtr* sourcesOf(const PlistDict& root) {
+    const PlistValue* sources = root.find("sources");
+    return sources ? sources->array() : nullptr;
+}
+
+}  // namespace
 
 FVConfigurationReadResult parse(std::string_view bytes, const std::string& path) {
     FVConfigurationReadResult result;
@@ -89,19 +127,12 @@ FVConfigurationReadResult parse(std::string_view bytes, const std::string& path)
         size_t index = 0;
         for (const PlistValue& entry : **array) {
             ++index;
-            const PlistDictPtr* item = entry.dict();
-            if (!item) {
-                result.problem = path + ": source item " + std::to_string(index) + " is a " +
-                                 entry.typeName() + ", not a dictionary";
-                return result;
+            if (auto why = unusableItem(entry)) {
+                result.skippedItems.push_back("Source item " + std::to_string(index) + " of " + path +
+                                              " was skipped: " + *why + ". It is kept in the file as it is.");
+                continue;
             }
-            const PlistValue* sourcePath = (*item)->find(FVSourceKey::sourcePath);
-            if (!sourcePath || !sourcePath->string() || sourcePath->string()->empty()) {
-                result.problem = path + ": source item " + std::to_string(index) +
-                                 " has no \"sourcePath\" string";
-                return result;
-            }
-            result.configuration.sources.push_back(std::make_shared<FVSourceItem>(**item));
+            result.configuration.sources.push_back(std::make_shared<FVSourceItem>(**entry.dict()));
         }
     }
     result.status = FVConfigurationReadStatus::Ok;
@@ -115,7 +146,18 @@ bool writeSettingsForSourceConfiguration(const std::vector<FVSourceItemPtr>& ite
     sources->reserve(items.size());
     for (const FVSourceItemPtr& item : items) {
         item->removeValue(FVSourceKey::sizeInMB);
-        sources->push_back(std::make_shared<PlistDict>(item->snapshot()));
+        sources->emplace_back(std::make_shared<PlistDict>(item->snapshot()));
+    }
+    // Items the reader skipped go back where they stood; the list around them may have changed.
+    std::string ignored;
+    if (PlistDictPtr onDisk = readRoot(path, ignored)) {
+        if (const PlistArrayPtr* stored = sourcesOf(*onDisk)) {
+            for (size_t index = 0; index < (*stored)->size(); ++index) {
+                const PlistValue& entry = (**stored)[index];
+                if (!unusableItem(entry)) continue;
+                sources->insert(sources->begin() + static_cast<ptrdiff_t>(std::min(index, sources->size())), entry);
+            }
+        }
     }
     auto root = std::make_shared<PlistDict>();
     root->set("settings", std::make_shared<PlistDict>(options));
@@ -123,13 +165,38 @@ bool writeSettingsForSourceConfiguration(const std::vector<FVSourceItemPtr>& ite
     return FVAtomicFile::write(path, serializePlistXML(PlistValue(root)), error);
 }
 
+bool writeRunResults(const std::vector<FVSourceItemPtr>& backedUpItems, const std::string& path,
+                     std::string* error) {
+    std::string problem;
+    PlistDictPtr root = readRoot(path, problem);
+    if (!root) {
+        if (error) *error = problem;
+        return false;
+    }
+    const PlistArrayPtr* stored = sourcesOf(*root);
+    if (!stored) return true;  // nothing left on disk that the run could have results for
+    for (const PlistValue& entry : **stored) {
+        if (unusableItem(entry)) continue;
+        PlistDict& onDisk = **entry.dict();
+        std::string sourcePath = *onDisk.find(FVSourceKey::sourcePath)->string();
+        for (const FVSourceItemPtr& item : backedUpItems) {
+            if (item->sourcePath() != sourcePath) continue;
+            for (const char* key : FVSourceKey::runResultKeys) {
+                if (auto value = item->value(key)) onDisk.set(key, *value);
+                else onDisk.remove(key);
+            }
+        }
+    }
+    return FVAtomicFile::write(path, serializePlistXML(PlistValue(root)), error);
+}
+
 const std::vector<std::pair<const char*, int64_t>>& defaultOptions() {
-    static const std::vector<std::pair<const char*, int64_t>> defaults = {
-        {FVOptionKey::moveDeletedFiles, 1},       {FVOptionKey::purgeRemovedArchiveDays, 30},
-        {FVOptionKey::purgeChangedArchiveDays, 30}, {FVOptionKey::maxThreads, 2},
-        {FVOptionKey::ignoreFileFlagChanges, 1},  {FVOptionKey::syncMode, 1},
-        {FVOptionKey::automationTimeHours, 14},   {FVOptionKey::automationTimeMinutes, 0},
-    };
+    static const std::vector<std::pair<const char*, int64_t>> defaults = [] {
+        std::vector<std::pair<const char*, int64_t>> out;
+        for (const FVOptionRule& rule : FVOptionTable::rules())
+            if (rule.windowDefault) out.emplace_back(rule.key, *rule.windowDefault);
+        return out;
+    }();
     return defaults;
 }
 

@@ -2,6 +2,7 @@
 // The destination's own configuration: ".ferrovane.conf" in its root, a property list
 // {"settings": options, "sources": [items]}.
 
+#include "engine/FVOptions.h"
 #include "engine/FVPlist.h"
 #include "engine/FVSourceItem.h"
 
@@ -11,29 +12,6 @@
 
 namespace ferrovane {
 
-namespace FVOptionKey {
-inline constexpr const char* syncMode = "syncMode";
-inline constexpr const char* maxThreads = "maxThreads";
-inline constexpr const char* moveDeletedFiles = "moveDeletedFiles";
-inline constexpr const char* moveChangedFiles = "moveChangedFiles";
-inline constexpr const char* purgeRemovedArchive = "purgeRemovedArchive";
-inline constexpr const char* purgeRemovedArchiveDays = "purgeRemovedArchiveDays";
-inline constexpr const char* purgeChangedArchive = "purgeChangedArchive";
-inline constexpr const char* purgeChangedArchiveDays = "purgeChangedArchiveDays";
-inline constexpr const char* ignoreFileFlagChanges = "ignoreFileFlagChanges";
-inline constexpr const char* disableACLClone = "disableACLClone";
-inline constexpr const char* preallocate = "preallocate";
-inline constexpr const char* excludeSymlinks = "excludeSymlinks";
-inline constexpr const char* performExtendedLogging = "performExtendedLogging";
-inline constexpr const char* isSuperuserBackup = "isSuperuserBackup";
-inline constexpr const char* UUID = "UUID";
-inline constexpr const char* automationEnabled = "automationEnabled";
-inline constexpr const char* automationTimeHours = "automationTimeHours";
-inline constexpr const char* automationTimeMinutes = "automationTimeMinutes";
-inline constexpr const char* automationWeekdaySelection = "automationWeekdaySelection";
-inline constexpr const char* automationIntervalSelection = "automationIntervalSelection";
-}  // namespace FVOptionKey
-
 struct FVConfiguration {
     std::vector<FVSourceItemPtr> sources;
     PlistDictPtr settings = std::make_shared<PlistDict>();
@@ -42,7 +20,7 @@ struct FVConfiguration {
 enum class FVConfigurationReadStatus {
     Ok,
     Unavailable,     // missing, or not readable
-    NotPropertyList, // unparsable, or a root that is not a dictionary
+    NotPropertyList, // not a regular file, unparsable, or a root that is not a dictionary
     Malformed,       // a property list whose "sources" or "settings" cannot be used
 };
 
@@ -50,6 +28,9 @@ struct FVConfigurationReadResult {
     FVConfigurationReadStatus status = FVConfigurationReadStatus::Unavailable;
     std::string problem;  // what was wrong, for a message on standard error
     FVConfiguration configuration;
+    // One line for each source item that was left out because it cannot be used (not a
+    // dictionary, or no "sourcePath"); the writers keep such items in the file as they are.
+    std::vector<std::string> skippedItems;
 };
 
 namespace FVConfigurationFile {
@@ -70,20 +51,29 @@ std::string legacyPath(const std::string& destination);
 bool convertLegacyFile(const std::string& destination);
 
 // Reads a configuration. Items that are dictionaries with a "sourcePath" become shared items;
-// anything else makes the result Malformed (with the reason), so that a caller never writes
-// back a file it could not represent.
+// any other item is skipped with a line in skippedItems. A "sources" that is not an array or a
+// "settings" that is not a dictionary makes the result Malformed (with the reason), so that a
+// caller never writes back a file it could not represent.
 FVConfigurationReadResult read(const std::string& path);
 // The same for the bytes of a file; path only names it in the problem text.
 FVConfigurationReadResult parse(std::string_view bytes, const std::string& path);
 
 // The one writer: removes "sizeInMB" from the live items, then writes {"settings", "sources"}
-// as an XML property list atomically (temporary file in the same folder, fsync, rename).
+// as an XML property list atomically (temporary file in the same folder, fsync, rename). Source
+// items of the file at path that could not be read are kept as they are, at their places.
 // Returns false with a reason on failure; the old file then stays as it was.
 bool writeSettingsForSourceConfiguration(const std::vector<FVSourceItemPtr>& items,
                                          const PlistDict& options, const std::string& path,
                                          std::string* error = nullptr);
 
-// The eight defaults, in the order in which they are filled in.
+// The write-back of a finished run: reads the file as it is on disk now and changes only what
+// the run owns (the run result keys of the items whose "sourcePath" is that of an item the run
+// backed up), so that changes made to the file during the run are kept. Returns false with a
+// reason when the file can no longer be read or written; it is then left as it is.
+bool writeRunResults(const std::vector<FVSourceItemPtr>& backedUpItems, const std::string& path,
+                     std::string* error = nullptr);
+
+// The window's defaults from the option table, in the order in which they are filled in.
 const std::vector<std::pair<const char*, int64_t>>& defaultOptions();
 // Adds each missing default; present keys keep their stored values.
 void applyDefaultOptions(PlistDict& options);

@@ -25,9 +25,14 @@ inline constexpr const char* updatedFilesCount = "updatedFilesCount";
 inline constexpr const char* totalBytesCopied = "totalBytesCopied";
 inline constexpr const char* sizeInMB = "sizeInMB";
 inline constexpr const char* url = "url";
-// Set by the user to confirm that a source folder really was emptied; the next run then removes
-// its mirror's contents even with archiving of removed items off, and clears it.
+// Set by "ferrovane config DEST confirm-empty SOURCE": the user confirmed that the source folder
+// really was emptied, so the next run may empty its mirror although archiving of removed items
+// is off. The cleanup that has used it clears it.
 inline constexpr const char* emptySourceConfirmed = "emptySourceConfirmed";
+
+// What a run owns in an item: the write-back after a run changes these and nothing else.
+inline constexpr const char* runResultKeys[] = {lastBackupDate, totalFilesCount, updatedFilesCount,
+                                                totalBytesCopied, emptySourceConfirmed};
 }  // namespace FVSourceKey
 
 class FVSourceItem {

@@ -72,8 +72,6 @@ void FVSyncingBackup::cleanup() {
             postCancelOnce();
             return;
         }
-        // A confirmation is good for one cleanup.
-        if (confirmed) item->removeValue(FVSourceKey::emptySourceConfirmed);
     }
     logLine(archive_ ? fmt::format("Archiving deleted items finished: archived {} items.", handled)
                      : fmt::format("Removing deleted items finished: removed {} items.", handled));

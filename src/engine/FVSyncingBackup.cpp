@@ -2,12 +2,10 @@
 
 #include "FVVersion.h"
 #include "engine/FVAdditions.h"
-#include "engine/FVConfigurationFile.h"
 #include "engine/FVLog.h"
 #include "engine/FVStrings.h"
 #include "engine/FVText.h"
 #include "platform/FVMountWatcher.h"
-#include "platform/FVSystemLog.h"
 
 #include <fmt/format.h>
 
@@ -21,8 +19,6 @@
 namespace ferrovane {
 
 namespace {
-constexpr const char* kClassName = "FVSyncingBackup";
-
 // Network folders mounted over WebDAV collect ".DS_Store" files that must not be mirrored.
 bool isWebDAV(const std::string& fstype) {
     return fstype == "davfs" || fstype == "fuse.davfs" || fstype == "webdav";
@@ -30,23 +26,13 @@ bool isWebDAV(const std::string& fstype) {
 }  // namespace
 
 FVSyncingBackup::FVSyncingBackup(std::string destinationPath, std::vector<FVSourceItemPtr> backupSet,
-                                 const PlistDict* options, FVSyncingBackupObserver* observer)
+                                 const FVOptions& options, FVSyncingBackupObserver* observer)
     : observer_(observer), targetPath_(std::move(destinationPath)), destination_(targetPath_),
-      backupSet_(std::move(backupSet)) {
+      backupSet_(std::move(backupSet)), syncMode_(options.syncMode != 0),
+      ignoreFileFlagChanges_(options.ignoreFileFlagChanges), verboseLogging_(options.performExtendedLogging),
+      archiveChangedFiles_(options.moveChangedFiles), disableACLClone_(options.disableACLClone),
+      preallocate_(options.preallocate), excludeSymlinks_(options.excludeSymlinks), maxThreads_(options.maxThreads) {
     mountWatcher_ = FVMountWatcher::start([this](const std::string& mountPoint) { checkVolumeDidUnmount(mountPoint); });
-
-    if (options) {
-        verboseLogging_ = options->boolValue(FVOptionKey::performExtendedLogging);
-        archiveChangedFiles_ = options->boolValue(FVOptionKey::moveChangedFiles);
-        syncMode_ = options->boolValue(FVOptionKey::syncMode);
-        ignoreFileFlagChanges_ = options->boolValue(FVOptionKey::ignoreFileFlagChanges);
-        maxThreads_ = options->integerValue(FVOptionKey::maxThreads);
-        disableACLClone_ = options->boolValue(FVOptionKey::disableACLClone);
-        preallocate_ = options->boolValue(FVOptionKey::preallocate);
-        excludeSymlinks_ = options->boolValue(FVOptionKey::excludeSymlinks);
-    } else {
-        FVSystemLog::error(kClassName, "Destination has no configuration.");
-    }
 
     FVLog::currentLog().newLog();
     struct stat destination {};

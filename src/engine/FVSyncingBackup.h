@@ -6,6 +6,7 @@
 #include "engine/FVConfinedDirectory.h"
 #include "engine/FVDirectoryWalker.h"
 #include "engine/FVFileCopyWorker.h"
+#include "engine/FVOptions.h"
 #include "engine/FVPathSet.h"
 #include "engine/FVPlist.h"
 #include "engine/FVSerialQueue.h"
@@ -39,8 +40,7 @@ public:
 
 class FVSyncingBackup final : public FVFileCopyWorkerDelegate {
 public:
-    // options is the destination's "settings" dictionary, or null when it has none.
-    FVSyncingBackup(std::string destinationPath, std::vector<FVSourceItemPtr> backupSet, const PlistDict* options,
+    FVSyncingBackup(std::string destinationPath, std::vector<FVSourceItemPtr> backupSet, const FVOptions& options,
                     FVSyncingBackupObserver* observer);
     ~FVSyncingBackup() override;
     FVSyncingBackup(const FVSyncingBackup&) = delete;

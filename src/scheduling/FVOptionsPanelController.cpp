@@ -37,21 +37,25 @@ std::string FVOptionsPanelController::makeUUID() {
 }
 
 bool FVOptionsPanelController::updateAutomations(const std::string& destinationPath, std::string* error) {
-    std::string id = uuid();
+    FVOptionsReadResult read = FVOptionTable::read(*options_);
+    if (!read.problems.empty()) {
+        // A job is never written from a value that cannot be trusted.
+        if (error) *error = read.problems.front();
+        return false;
+    }
+    std::string id = read.options.UUID;
     if (id.empty()) {
         id = makeUUID();
         options_->set(FVOptionKey::UUID, id);
     }
-    if (!options_->boolValue(FVOptionKey::automationEnabled)) {
+    if (!read.options.automationEnabled) {
         launchAgentManager_.removeJob(id);
         return true;
     }
     FVJobSchedule schedule;
-    schedule.hour = options_->integerValue(FVOptionKey::automationTimeHours);
-    schedule.minute = options_->integerValue(FVOptionKey::automationTimeMinutes);
-    schedule.weekday = options_->integerValue(FVOptionKey::automationIntervalSelection) == 0
-                           ? -1
-                           : options_->integerValue(FVOptionKey::automationWeekdaySelection);
+    schedule.hour = read.options.automationTimeHours;
+    schedule.minute = read.options.automationTimeMinutes;
+    schedule.weekday = read.options.automationIntervalSelection == 0 ? -1 : read.options.automationWeekdaySelection;
     return launchAgentManager_.writeJob(id, destinationPath, schedule, error);
 }
 

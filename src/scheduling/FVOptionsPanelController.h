@@ -23,7 +23,8 @@ public:
 
     // Creates and stores the UUID on first need, then writes the job when automation is on and
     // removes it otherwise. Returns false with the reason when writing the job failed; the
-    // options stay as they are either way.
+    // options stay as they are either way. An option that cannot be used is such a reason; no job
+    // is written or removed then.
     bool updateAutomations(const std::string& destinationPath, std::string* error = nullptr);
 
     // A new random UUID in upper-case text.

@@ -257,6 +257,22 @@ private slots:
         app_->backupSetController().addBackupPath(makeDir("y/Documents"), FVSourceMode::Backup, 0);
         QCOMPARE(clickStartExpectingAlert()->text(), text("syncmodeNotUniqueItems"));
         openAlert(app_->window())->accept();
+        app_->backupSetController().removeItemsAtIndexes({1});
+
+        // An option that cannot be used, then a destination another run holds.
+        app_->optionsPanelController().allOptions()->set(FVOptionKey::purgeChangedArchiveDays, "thirty");
+        QMessageBox* invalid = clickStartExpectingAlert();
+        QCOMPARE(invalid->text(), text("optionsinvalid"));
+        QVERIFY(invalid->informativeText().startsWith("Option purgeChangedArchiveDays: expected"));
+        invalid->accept();
+        app_->optionsPanelController().allOptions()->set(FVOptionKey::purgeChangedArchiveDays, int64_t{30});
+        FVDestinationLock other;
+        QCOMPARE(other.acquire(destination), FVDestinationLock::Status::Acquired);
+        QMessageBox* busy = clickStartExpectingAlert();
+        QCOMPARE(busy->text(), text("destinationbusy"));
+        QCOMPARE(busy->informativeText().toStdString(), FVDestinationLock::busyMessage(destination));
+        busy->accept();
+        other.release();
 
         // A destination that went away comes first and closes the destination.
         fs::remove_all(destination);

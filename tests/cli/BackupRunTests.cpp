@@ -11,6 +11,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -52,6 +53,32 @@ protected:
     }
 
     std::string logPath() const { return dir / "Ferrovane.log"; }
+
+    // 10,000 small files: a run over them lasts long enough to be caught in the middle.
+    void makeManyFiles() {
+        makeDirs(source + "/Many");
+        for (int d = 0; d < 40; ++d) {
+            std::string folder = source + "/Many/d" + std::to_string(d);
+            makeDirs(folder);
+            for (int f = 0; f < 250; ++f) writeFile(folder + "/f" + std::to_string(f), std::string(4096, 'x'));
+        }
+    }
+
+    // A run with its standard output in out.txt, returned once it has begun its walk (a slow
+    // disk can hold the start back for seconds).
+    pid_t startRunInBackground() {
+        pid_t pid = fork();
+        if (pid == 0) {
+            setenv("FERROVANE_LOG_FILE", logPath().c_str(), 1);
+            unsetenv("DISPLAY");
+            freopen((dir / "out.txt").c_str(), "w", stdout);
+            execl(FERROVANE_EXECUTABLE, FERROVANE_EXECUTABLE, destination.c_str(), "-noUserNotifications", nullptr);
+            _exit(127);
+        }
+        for (int i = 0; i < 1500 && readFile(logPath()).find("Source started analysing") == std::string::npos; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return pid;
+    }
 
     // What rsync would still carry over; empty when the mirror is exact.
     static std::string mirrorDifferences(const std::string& from, const std::string& to) {
@@ -284,26 +311,11 @@ TEST_F(BackupRun, RebuildsFullSourcePathsWithoutSyncModeAndCountsAMissingThreadO
 }
 
 TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
-    makeDirs(source + "/Many");
-    for (int d = 0; d < 40; ++d) {
-        std::string folder = source + "/Many/d" + std::to_string(d);
-        makeDirs(folder);
-        for (int f = 0; f < 250; ++f) writeFile(folder + "/f" + std::to_string(f), std::string(4096, 'x'));
-    }
+    makeManyFiles();
     configure({{source + "/Many", FVSourceMode::Backup}}, defaults());
     std::string before = readFile(FVConfigurationFile::formattedPath(destination));
 
-    pid_t pid = fork();
-    if (pid == 0) {
-        setenv("FERROVANE_LOG_FILE", logPath().c_str(), 1);
-        unsetenv("DISPLAY");
-        freopen((dir / "out.txt").c_str(), "w", stdout);
-        execl(FERROVANE_EXECUTABLE, FERROVANE_EXECUTABLE, destination.c_str(), "-noUserNotifications", nullptr);
-        _exit(127);
-    }
-    // A slow disk can hold the start back for seconds; the signal must come once the run handles it.
-    for (int i = 0; i < 1500 && readFile(logPath()).find("Source started analysing") == std::string::npos; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    pid_t pid = startRunInBackground();
     kill(pid, SIGINT);
     int status = 0;
     waitpid(pid, &status, 0);
@@ -358,4 +370,129 @@ TEST_F(BackupRun, TwoSourcesWithOneNameShareTheirMirrorWithoutHarm) {
     auto second = run();
     EXPECT_NE(second.signal, SIGSEGV);
     EXPECT_NE(second.signal, SIGABRT);
+}
+
+namespace {
+
+// Every entry below root with its bytes (or its link target), for a before/after comparison.
+std::string treeSnapshot(const std::string& root) {
+    std::vector<std::string> lines;
+    for (const auto& e : fs::recursive_directory_iterator(root)) {
+        std::string line = e.path().string().substr(root.size());
+        if (e.is_symlink()) line += " -> " + fs::read_symlink(e.path()).string();
+        else if (e.is_regular_file()) line += " = " + readFile(e.path());
+        lines.push_back(line);
+    }
+    std::sort(lines.begin(), lines.end());
+    std::string out;
+    for (const auto& line : lines) out += line + "\n";
+    return out;
+}
+
+}  // namespace
+
+TEST_F(BackupRun, AnOptionThatCannotBeUsedStopsTheRunBeforeItTouchesTheDestination) {
+    writeFile(source + "/a.txt", "new version");
+    const std::vector<std::pair<const char*, PlistValue>> bad = {
+        {"purgeChangedArchiveDays", "thirty"},    {"moveChangedFiles", "yes"},
+        {"purgeRemovedArchiveDays", int64_t{0}},  {"maxThreads", int64_t{0}},
+        {"moveDeletedFiles", int64_t{2}},         {"syncMode", 1.0},
+        {"maxThreads", true},                     {"purgeChangedArchive", PlistDate{0}},
+        {"automationTimeHours", int64_t{24}},     {"UUID", int64_t{5}},
+    };
+    for (const auto& [key, value] : bad) {
+        fs::remove_all(destination);
+        makeDirs(destination + "/src");
+        writeFile(destination + "/src/a.txt", "old version");
+        makeDirs(destination + "/__changed/2000-01-01 00.00.00 +0000");
+        makeDirs(destination + "/__removed/2000-01-01 00.00.00 +0000");
+        PlistDict options = defaults();
+        for (const char* flag : {"moveChangedFiles", "purgeChangedArchive", "purgeRemovedArchive"})
+            options.set(flag, int64_t{1});
+        options.set(key, value);
+        configure({{source, FVSourceMode::Backup}}, options);
+        std::string before = treeSnapshot(destination);
+
+        auto result = run();
+        EXPECT_EQ(result.exitStatus, 255) << key;
+        EXPECT_NE(result.err.find(std::string("Option ") + key + ": expected "), std::string::npos) << result.err;
+        EXPECT_EQ(treeSnapshot(destination), before) << key << " " << value.typeName();
+    }
+    auto r = run();
+    EXPECT_NE(r.err.find("Option UUID: expected a text, found the number 5."), std::string::npos) << r.err;
+}
+
+TEST_F(BackupRun, UnusableSourceItemsAreSkippedReportedAndKeptInTheFile) {
+    makeDirs(source + "/Docs");
+    writeFile(source + "/Docs/a.txt", "a");
+    std::string path = FVConfigurationFile::formattedPath(destination);
+    writeFile(path, "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>settings</key>"
+                    "<dict><key>syncMode</key><integer>1</integer></dict>"
+                    "<key>sources</key><array><string>oops</string>"
+                    "<dict><key>sourcePath</key><string>" + source + "/Docs</string>"
+                    "<key>enabled</key><integer>1</integer></dict>"
+                    "<dict><key>enabled</key><integer>1</integer><key>note</key><string>mine</string></dict>"
+                    "</array></dict></plist>");
+
+    auto result = run();
+    EXPECT_EQ(result.exitStatus, 255) << "the skipped items are errors of the run";
+    EXPECT_EQ(readFile(destination + "/Docs/a.txt"), "a") << "the usable item ran";
+    EXPECT_NE(result.out.find("Backup errors:\nSource item 1 of " + path + " was skipped"), std::string::npos)
+        << result.out;
+    EXPECT_NE(result.err.find("Source item 3 of " + path + " was skipped: it has no \"sourcePath\""),
+              std::string::npos) << result.err;
+
+    // The run's write-back, then a change by "config", keep both items where they were.
+    auto added = runProcess({FERROVANE_EXECUTABLE, "config", destination, "add", source + "/More"});
+    ASSERT_EQ(added.exitStatus, 0) << added.err;
+    auto parsed = parsePlist(readFile(path));
+    ASSERT_TRUE(parsed.value);
+    const PlistArray& items = **(*parsed.value->dict())->find("sources")->array();
+    ASSERT_EQ(items.size(), 4u);
+    EXPECT_EQ(items[0], PlistValue("oops"));
+    EXPECT_TRUE((*items[1].dict())->contains("lastBackupDate"));
+    EXPECT_EQ((*items[2].dict())->stringValue("note"), "mine");
+    EXPECT_EQ((*items[3].dict())->stringValue("sourcePath"), source + "/More");
+}
+
+TEST_F(BackupRun, ASecondRunIsRefusedAndEditsMadeDuringARunAreKept) {
+    makeManyFiles();
+    configure({{source + "/Many", FVSourceMode::Backup}}, defaults());
+    {
+        FVConfiguration c = readBack();
+        c.sources[0]->setValue(FVSourceKey::emptySourceConfirmed, true);
+        ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(
+            c.sources, *c.settings, FVConfigurationFile::formattedPath(destination)));
+    }
+
+    pid_t pid = startRunInBackground();
+    // Held still in the middle of its run, so that what follows happens during it.
+    kill(pid, SIGSTOP);
+    ASSERT_EQ(waitpid(pid, nullptr, WNOHANG), 0) << "the run ended before it could be held";
+
+    auto second = run();
+    EXPECT_EQ(second.exitStatus, 75);
+    EXPECT_EQ(second.err, "Another Ferrovane run is using this destination: " + destination +
+                              ". Try again when it has finished.\n");
+    EXPECT_LT(second.seconds, 10);
+
+    // A hand edit during the run: an item added, an option changed.
+    FVConfiguration edited = readBack();
+    edited.sources.push_back(FVSourceItem::make(source + "/Added", FVSourceMode::Backup));
+    edited.settings->set("maxThreads", int64_t{7});
+    ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(
+        edited.sources, *edited.settings, FVConfigurationFile::formattedPath(destination)));
+
+    kill(pid, SIGCONT);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << readFile(dir / "out.txt");
+
+    FVConfiguration saved = readBack();
+    ASSERT_EQ(saved.sources.size(), 2u) << "the item added during the run is kept";
+    EXPECT_EQ(saved.sources[1]->sourcePath(), source + "/Added");
+    EXPECT_EQ(saved.settings->integerValue("maxThreads"), 7);
+    EXPECT_GT(saved.sources[0]->integerValue("totalFilesCount"), 10000) << "the run's results are written";
+    EXPECT_FALSE(saved.sources[0]->value(FVSourceKey::emptySourceConfirmed)) << "the confirmation is used up";
 }

@@ -25,10 +25,12 @@ protected:
     }
     ProcessResult run(std::vector<std::string> args) {
         args.insert(args.begin(), FERROVANE_EXECUTABLE);
-        return runProcess(args, {{"DISPLAY", std::nullopt},
-                                 {"WAYLAND_DISPLAY", std::nullopt},
-                                 {"DBUS_SESSION_BUS_ADDRESS", bus.address()},
-                                 {"FERROVANE_LOG_FILE", dir / "Ferrovane.log"}});
+        return runProcess(args,
+                          {{"DISPLAY", std::nullopt},
+                           {"WAYLAND_DISPLAY", std::nullopt},
+                           {"DBUS_SESSION_BUS_ADDRESS", bus.address()},
+                           {"FERROVANE_LOG_FILE", dir / "Ferrovane.log"}},
+                          30);
     }
     TempDir dir;
     PrivateBus bus{NOTIFICATION_RECORDER};
@@ -61,11 +63,12 @@ TEST_F(CommandLineLoading, MissingConfigurationFailsAndNotifiesUnlessSwitchedOff
 TEST_F(CommandLineLoading, UnreadableOrMalformedConfigurationsAreRefusedAndLeftAlone) {
     struct Case {
         const char* name;
-        std::string content;  // empty: the configuration is a folder, which cannot be read
+        std::string content;  // empty: the configuration is a folder or a FIFO (never waited on)
         const char* expected;
     };
     const std::vector<Case> cases = {
         {"folder", "", kCouldNotRead},
+        {"fifo", "", kFailedToRead},
         {"garbage", "this is not a property list", kFailedToRead},
         {"array-root", "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>", kFailedToRead},
         {"sources-string",
@@ -75,9 +78,11 @@ TEST_F(CommandLineLoading, UnreadableOrMalformedConfigurationsAreRefusedAndLeftA
     for (const Case& c : cases) {
         std::string destination = dir / c.name;
         makeDirs(destination);
-        if (c.content.empty()) makeDirs(destination + "/.ferrovane.conf");
+        if (c.content.empty() && c.expected == kFailedToRead) mkfifo((destination + "/.ferrovane.conf").c_str(), 0644);
+        else if (c.content.empty()) makeDirs(destination + "/.ferrovane.conf");
         else writeFile(destination + "/.ferrovane.conf", c.content);
         auto result = run({destination});
+        EXPECT_LT(result.seconds, 10) << c.name;
         EXPECT_EQ(result.exitStatus, 255) << c.name;
         EXPECT_NE(result.out.find(c.expected), std::string::npos) << c.name << ": " << result.out;
         if (!c.content.empty()) {

@@ -8,11 +8,14 @@
 #include <gtest/gtest.h>
 
 #include <sys/mount.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <sstream>
+#include <thread>
 
 using namespace ferrovane;
 using namespace ferrovane::test;
@@ -87,7 +90,14 @@ TEST(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
     EXPECT_NE(shown.out.find("none yet"), std::string::npos) << shown.out;
     EXPECT_FALSE(exists(f.settingsPath()));  // show writes nothing
 
-    EXPECT_EQ(f.config({"add", "/home/me/Documents/"}).exitStatus, 0);
+    ProcessResult missing = f.config({"add", "/home/me/Documents/"});
+    EXPECT_EQ(missing.exitStatus, 0);
+    EXPECT_EQ(missing.err, "ferrovane config: warning: /home/me/Documents does not exist (yet); it will be skipped "
+                           "until it does.\n");
+    ProcessResult containing = f.config({"add", f.dir.path()});
+    EXPECT_EQ(containing.exitStatus, 0);
+    EXPECT_NE(containing.err.find(f.dir.path() + " contains the destination"), std::string::npos) << containing.err;
+    EXPECT_EQ(f.config({"remove", f.dir.path()}).exitStatus, 0);
     EXPECT_EQ(f.config({"add", "--mode", "exclude", "/home/me/Documents/cache"}).exitStatus, 0);
     EXPECT_EQ(f.config({"add", "/x/node_modules", "--mode=exclude-name"}).exitStatus, 0);
     EXPECT_EQ(f.config({"add", "/old", "--mode", "disabled"}).exitStatus, 0);
@@ -98,6 +108,7 @@ TEST(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
     EXPECT_EQ(f.config({"remove", "/old"}).exitStatus, 1);
     EXPECT_EQ(f.config({"set", "maxThreads", "4"}).exitStatus, 0);
     EXPECT_EQ(f.config({"set", "moveChangedFiles", "yes"}).exitStatus, 0);
+    EXPECT_EQ(f.config({"confirm-empty", "/home/me/Documents"}).exitStatus, 0);
 
     FVConfiguration c = f.read();
     EXPECT_EQ(sources(c), (std::vector<std::pair<std::string, int64_t>>{
@@ -108,6 +119,7 @@ TEST(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
         EXPECT_TRUE(c.settings->contains(key)) << key;
     EXPECT_EQ(c.settings->integerValue("maxThreads"), 4);
     EXPECT_TRUE(c.settings->boolValue("moveChangedFiles"));
+    EXPECT_EQ(c.sources[0]->value(FVSourceKey::emptySourceConfirmed), PlistValue(true));
     EXPECT_EQ(c.settings->integerValue("purgeRemovedArchiveDays"), 30);
 
     shown = f.config({"show"});
@@ -128,6 +140,8 @@ TEST(ConfigCommand, BadInputIsRefusedAndNothingIsWritten) {
         {"remove", "data"},               {"schedule", "daily", "24:00"},  {"schedule", "daily", "7:60"},
         {"schedule", "daily", "noon"},    {"schedule", "daily", "-1:30"},  {"schedule", "weekly", "someday", "10:00"},
         {"schedule", "weekly", "8", "10:00"}, {"schedule", "hourly"},      {"frobnicate"},
+        {"set", "purgeChangedArchiveDays", "0"}, {"set", "purgeRemovedArchiveDays", "thirty"},
+        {"confirm-empty", "/elsewhere"},  {"confirm-empty"},
     };
     for (const auto& args : refused) {
         ProcessResult result = f.config(args);
@@ -224,4 +238,27 @@ TEST(ConfigCommand, UnwritableDestinationIsRefused) {
     EXPECT_NE(result.err.find("cannot write to the destination"), std::string::npos) << result.err;
     EXPECT_EQ(schedule.exitStatus, 1);
     EXPECT_FALSE(exists(f.jobs));
+}
+
+TEST(ConfigCommand, AChangeWaitsForTheRunningBackupAndASecondRunIsRefused) {
+    Fixture f;
+    int held = open(f.destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(flock(held, LOCK_EX | LOCK_NB), 0);
+
+    ProcessResult run = runProcess({FERROVANE_EXECUTABLE, f.destination, "-noUserNotifications"},
+                                   {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", f.dir / "Ferrovane.log"}}, 30);
+    EXPECT_EQ(run.exitStatus, 75);
+    EXPECT_EQ(run.err, "Another Ferrovane run is using this destination: " + f.destination +
+                           ". Try again when it has finished.\n");
+
+    std::thread finishing([held] {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        close(held);
+    });
+    ProcessResult change = f.config({"add", "/data"});
+    finishing.join();
+    EXPECT_EQ(change.exitStatus, 0) << change.err;
+    EXPECT_GE(change.seconds, 0.9) << "the change waited for the lock";
+    EXPECT_NE(change.err.find("waiting"), std::string::npos) << change.err;
+    EXPECT_EQ(sources(f.read()).size(), 1u);
 }

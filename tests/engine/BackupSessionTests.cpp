@@ -70,8 +70,9 @@ protected:
             for (int i = 0; i < 150; ++i)
                 writeFile(dir / "src" + "/" + name + "/sub/f" + std::to_string(i), std::string(i * 10, 'z'));
         }
-        options = std::make_shared<PlistDict>();
-        FVConfigurationFile::applyDefaultOptions(*options);
+        PlistDict defaults;
+        FVConfigurationFile::applyDefaultOptions(defaults);
+        options = FVOptionTable::read(defaults).options;
     }
     void TearDown() override { unsetenv("FERROVANE_LOG_FILE"); }
 
@@ -91,7 +92,7 @@ protected:
     }
 
     TempDir dir;
-    std::shared_ptr<PlistDict> options;
+    FVOptions options;
 };
 
 // Each step owns its share of the range; within a step the analysis share may dip once its
@@ -166,8 +167,8 @@ TEST_F(BackupSessionTest, PurgeRemovesOnlyArchivesOfTheKindStillWritten) {
     timespec old[2] = {{946684800, 0}, {946684800, 0}};
     for (const char* archive : {"dest/__removed/2000-01-01 00.00.00 +0000", "dest/__changed/2000-01-01 00.00.00 +0000"})
         utimensat(AT_FDCWD, (dir / archive).c_str(), old, 0);
-    options->set("purgeRemovedArchive", int64_t{1});
-    options->set("purgeChangedArchive", int64_t{1});  // without moveChangedFiles: no effect
+    options.purgeRemovedArchive = true;
+    options.purgeChangedArchive = true;  // without moveChangedFiles: no effect
     FVBackupSession session;
     Recorder recorder;
     ASSERT_EQ(run(session, recorder, items({{"one", FVSourceMode::Backup}})), "finished");

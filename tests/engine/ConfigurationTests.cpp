@@ -168,21 +168,19 @@ TEST(ConfigurationFile, MalformedInputIsClassifiedWithAReason) {
     auto r = statusOf(wrap("<dict><key>sources</key><string>x</string></dict>"));
     EXPECT_EQ(r.status, FVConfigurationReadStatus::Malformed);
     EXPECT_NE(r.problem.find("not an array"), std::string::npos);
-    r = statusOf(wrap("<dict><key>sources</key><array><string>x</string></array></dict>"));
-    EXPECT_EQ(r.status, FVConfigurationReadStatus::Malformed);
-    r = statusOf(wrap("<dict><key>sources</key><array><dict><key>enabled</key><integer>1</integer></dict></array></dict>"));
-    EXPECT_EQ(r.status, FVConfigurationReadStatus::Malformed);
-    EXPECT_NE(r.problem.find("sourcePath"), std::string::npos);
     r = statusOf(wrap("<dict><key>settings</key><array/></dict>"));
     EXPECT_EQ(r.status, FVConfigurationReadStatus::Malformed);
 
-    // Options are not validated: a string where a number belongs reads by its leading number.
-    r = statusOf(wrap("<dict><key>settings</key><dict><key>maxThreads</key><string>4 threads</string>"
-                      "<key>syncMode</key><string>YES</string></dict></dict>"));
+    // A source item that cannot be used is skipped with a reason; the others are read.
+    r = statusOf(wrap("<dict><key>sources</key><array><string>x</string>"
+                      "<dict><key>enabled</key><integer>1</integer></dict>"
+                      "<dict><key>sourcePath</key><string>/data</string></dict></array></dict>"));
     ASSERT_EQ(r.status, FVConfigurationReadStatus::Ok);
-    EXPECT_EQ(r.configuration.settings->integerValue("maxThreads"), 4);
-    EXPECT_TRUE(r.configuration.settings->boolValue("syncMode"));
-    EXPECT_FALSE(r.configuration.settings->boolValue("missing"));
+    ASSERT_EQ(r.configuration.sources.size(), 1u);
+    EXPECT_EQ(r.configuration.sources[0]->sourcePath(), "/data");
+    ASSERT_EQ(r.skippedItems.size(), 2u);
+    EXPECT_NE(r.skippedItems[0].find("Source item 1"), std::string::npos) << r.skippedItems[0];
+    EXPECT_NE(r.skippedItems[1].find("sourcePath"), std::string::npos) << r.skippedItems[1];
 }
 
 TEST(ConfigurationFile, OversizedFilesAreRefusedWithoutParsing) {

@@ -1,0 +1,119 @@
+#include "engine/FVOptions.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace ferrovane::FVOptionTable {
+
+namespace {
+
+using T = FVOptionType;
+constexpr int64_t kLongestAge = 36500;  // a hundred years
+constexpr const char* kYesOrNo = "yes or no (true, false, 1 or 0)";
+
+FVOptionRule boolean(const char* key, bool FVOptions::*field, bool settable, std::optional<int64_t> preset = {}) {
+    return {key, T::Boolean, 0, 1, kYesOrNo, preset, settable, field, nullptr, nullptr};
+}
+
+FVOptionRule integer(const char* key, int64_t FVOptions::*field, int64_t minimum, int64_t maximum,
+                     const char* expected, bool settable, std::optional<int64_t> preset = {}) {
+    return {key, T::Integer, minimum, maximum, expected, preset, settable, nullptr, field, nullptr};
+}
+
+// Text shown in a message: control characters and overlong values never reach the terminal.
+std::string quoted(const std::string& text) {
+    std::string out;
+    for (unsigned char c : text.substr(0, 60)) out += c < 0x20 || c == 0x7F ? '?' : static_cast<char>(c);
+    if (text.size() > 60) out += "...";
+    return "\"" + out + "\"";
+}
+
+std::string describe(const PlistValue& value) {
+    const auto& v = value.storage();
+    if (auto s = std::get_if<std::string>(&v)) return "the text " + quoted(*s);
+    if (auto i = std::get_if<int64_t>(&v)) return fmt::format("the number {}", *i);
+    if (auto d = std::get_if<double>(&v)) return fmt::format("the number {}", *d);
+    if (auto b = std::get_if<bool>(&v)) return *b ? "the value true" : "the value false";
+    if (value.is<PlistDate>()) return "a date";
+    if (value.is<PlistData>()) return "data";
+    if (value.array()) return "a list";
+    if (value.dict()) return "a dictionary";
+    return fmt::format("a {}", value.typeName());
+}
+
+}  // namespace
+
+const std::vector<FVOptionRule>& rules() {
+    using O = FVOptions;
+    static const std::vector<FVOptionRule> table = {
+        boolean(FVOptionKey::moveDeletedFiles, &O::moveDeletedFiles, true, 1),
+        integer(FVOptionKey::purgeRemovedArchiveDays, &O::purgeRemovedArchiveDays, 1, kLongestAge,
+                "a whole number of days from 1 to 36500", true, 30),
+        integer(FVOptionKey::purgeChangedArchiveDays, &O::purgeChangedArchiveDays, 1, kLongestAge,
+                "a whole number of days from 1 to 36500", true, 30),
+        integer(FVOptionKey::maxThreads, &O::maxThreads, 1, 15, "a whole number of threads from 1 to 15", true, 2),
+        boolean(FVOptionKey::ignoreFileFlagChanges, &O::ignoreFileFlagChanges, true, 1),
+        integer(FVOptionKey::syncMode, &O::syncMode, 0, 1,
+                "1 (a folder per source) or 0 (the whole source path rebuilt)", true, 1),
+        integer(FVOptionKey::automationTimeHours, &O::automationTimeHours, 0, 23, "an hour from 0 to 23", false, 14),
+        integer(FVOptionKey::automationTimeMinutes, &O::automationTimeMinutes, 0, 59, "a minute from 0 to 59", false, 0),
+        boolean(FVOptionKey::moveChangedFiles, &O::moveChangedFiles, true),
+        boolean(FVOptionKey::purgeRemovedArchive, &O::purgeRemovedArchive, true),
+        boolean(FVOptionKey::purgeChangedArchive, &O::purgeChangedArchive, true),
+        boolean(FVOptionKey::disableACLClone, &O::disableACLClone, true),
+        boolean(FVOptionKey::preallocate, &O::preallocate, true),
+        boolean(FVOptionKey::excludeSymlinks, &O::excludeSymlinks, true),
+        boolean(FVOptionKey::performExtendedLogging, &O::performExtendedLogging, true),
+        boolean(FVOptionKey::isSuperuserBackup, &O::isSuperuserBackup, false),
+        {FVOptionKey::UUID, T::Text, 0, 0, "a text", std::nullopt, false, nullptr, nullptr, &O::UUID},
+        boolean(FVOptionKey::automationEnabled, &O::automationEnabled, false),
+        integer(FVOptionKey::automationWeekdaySelection, &O::automationWeekdaySelection, 0, 7,
+                "a weekday number from 0 to 7 (0 and 7 are Sunday)", false),
+        integer(FVOptionKey::automationIntervalSelection, &O::automationIntervalSelection, 0, 1,
+                "0 (daily) or 1 (weekly)", false),
+    };
+    return table;
+}
+
+const FVOptionRule* find(std::string_view key) {
+    const auto& table = rules();
+    auto found = std::find_if(table.begin(), table.end(), [&](const FVOptionRule& r) { return key == r.key; });
+    return found == table.end() ? nullptr : &*found;
+}
+
+std::optional<std::string> problem(const FVOptionRule& rule, const PlistValue& value) {
+    bool usable = false;
+    switch (rule.type) {
+    case T::Boolean:
+        if (value.is<bool>()) usable = true;
+        else if (auto i = value.get<int64_t>()) usable = *i == 0 || *i == 1;
+        break;
+    case T::Integer:
+        if (auto i = value.get<int64_t>()) usable = *i >= rule.minimum && *i <= rule.maximum;
+        break;
+    case T::Text:
+        usable = value.is<std::string>();
+        break;
+    }
+    if (usable) return std::nullopt;
+    return fmt::format("Option {}: expected {}, found {}.", rule.key, rule.expected, describe(value));
+}
+
+FVOptionsReadResult read(const PlistDict& settings) {
+    FVOptionsReadResult result;
+    for (const FVOptionRule& rule : rules()) {
+        const PlistValue* value = settings.find(rule.key);
+        if (!value) continue;
+        if (auto why = problem(rule, *value)) {
+            result.problems.push_back(*why);
+            continue;
+        }
+        if (rule.flag) result.options.*rule.flag = value->boolValue();
+        else if (rule.number) result.options.*rule.number = value->integerValue();
+        else result.options.*rule.text = *value->string();
+    }
+    return result;
+}
+
+}  // namespace ferrovane::FVOptionTable

@@ -1,0 +1,113 @@
+#pragma once
+// The destination's options ("settings" in its configuration): every key once, with its type,
+// its valid range and the default the window fills in, and the typed reading that the run, the
+// window and "ferrovane config" share. A value of the wrong type or out of range is never
+// guessed at: it is a problem that names the key, and nothing runs on it.
+
+#include "engine/FVPlist.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ferrovane {
+
+namespace FVOptionKey {
+inline constexpr const char* syncMode = "syncMode";
+inline constexpr const char* maxThreads = "maxThreads";
+inline constexpr const char* moveDeletedFiles = "moveDeletedFiles";
+inline constexpr const char* moveChangedFiles = "moveChangedFiles";
+inline constexpr const char* purgeRemovedArchive = "purgeRemovedArchive";
+inline constexpr const char* purgeRemovedArchiveDays = "purgeRemovedArchiveDays";
+inline constexpr const char* purgeChangedArchive = "purgeChangedArchive";
+inline constexpr const char* purgeChangedArchiveDays = "purgeChangedArchiveDays";
+inline constexpr const char* ignoreFileFlagChanges = "ignoreFileFlagChanges";
+inline constexpr const char* disableACLClone = "disableACLClone";
+inline constexpr const char* preallocate = "preallocate";
+inline constexpr const char* excludeSymlinks = "excludeSymlinks";
+inline constexpr const char* performExtendedLogging = "performExtendedLogging";
+inline constexpr const char* isSuperuserBackup = "isSuperuserBackup";
+inline constexpr const char* UUID = "UUID";
+inline constexpr const char* automationEnabled = "automationEnabled";
+inline constexpr const char* automationTimeHours = "automationTimeHours";
+inline constexpr const char* automationTimeMinutes = "automationTimeMinutes";
+inline constexpr const char* automationWeekdaySelection = "automationWeekdaySelection";
+inline constexpr const char* automationIntervalSelection = "automationIntervalSelection";
+}  // namespace FVOptionKey
+
+// The options as typed values. A missing key reads as 0 / no: only the window fills in defaults.
+struct FVOptions {
+    int64_t syncMode = 0;
+    int64_t maxThreads = 0;
+    bool moveDeletedFiles = false;
+    bool moveChangedFiles = false;
+    bool purgeRemovedArchive = false;
+    int64_t purgeRemovedArchiveDays = 0;
+    bool purgeChangedArchive = false;
+    int64_t purgeChangedArchiveDays = 0;
+    bool ignoreFileFlagChanges = false;
+    bool disableACLClone = false;
+    bool preallocate = false;
+    bool excludeSymlinks = false;
+    bool performExtendedLogging = false;
+    bool isSuperuserBackup = false;
+    std::string UUID;
+    bool automationEnabled = false;
+    int64_t automationTimeHours = 0;
+    int64_t automationTimeMinutes = 0;
+    int64_t automationWeekdaySelection = 0;
+    int64_t automationIntervalSelection = 0;
+
+    // Archives are purged only when the age is at least one day: a run never purges this
+    // run's own archive.
+    bool purgesRemovedArchives() const {
+        return purgeRemovedArchive && moveDeletedFiles && purgeRemovedArchiveDays >= 1;
+    }
+    bool purgesChangedArchives() const {
+        return purgeChangedArchive && moveChangedFiles && purgeChangedArchiveDays >= 1;
+    }
+};
+
+enum class FVOptionType { Boolean, Integer, Text };
+
+struct FVOptionRule {
+    const char* key;
+    FVOptionType type;
+    int64_t minimum;
+    int64_t maximum;
+    // What a valid value looks like, for messages ("a whole number of days from 1 to 36500").
+    const char* expected;
+    // Filled in by the window (and the first "config" change) when the key is missing.
+    std::optional<int64_t> windowDefault;
+    // A run option that "ferrovane config set" changes; the others are the schedule's and the
+    // program's own.
+    bool settable;
+    bool FVOptions::*flag;
+    int64_t FVOptions::*number;
+    std::string FVOptions::*text;
+};
+
+struct FVOptionsReadResult {
+    FVOptions options;
+    // One line per unusable value, naming its key; empty when every value is usable.
+    std::vector<std::string> problems;
+};
+
+namespace FVOptionTable {
+
+// Every known option; those with a window default come first, in the order they are filled in.
+const std::vector<FVOptionRule>& rules();
+const FVOptionRule* find(std::string_view key);
+
+// Why value cannot be used for rule ("Option maxThreads: expected ..., found the text "four"."),
+// or nothing when it can.
+std::optional<std::string> problem(const FVOptionRule& rule, const PlistValue& value);
+
+// The typed options of a "settings" dictionary. Unknown keys are left alone.
+FVOptionsReadResult read(const PlistDict& settings);
+
+}  // namespace FVOptionTable
+
+}  // namespace ferrovane
