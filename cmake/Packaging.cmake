@@ -23,7 +23,9 @@ install(TARGETS ferrovane RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PACKAGING_OUT}/ferrovane.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES resources/ferrovane.bash-completion DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
         RENAME ferrovane)
-install(FILES resources/ferrovane.logrotate DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/logrotate.d RENAME ferrovane)
+# Under the prefix /usr the rule belongs in /etc, which only the full form of the folder says.
+install(FILES resources/ferrovane.logrotate DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/logrotate.d
+        RENAME ferrovane)
 install(FILES packaging/copyright ${PACKAGING_OUT}/changelog.gz DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 if(FERROVANE_BUILD_APP)
@@ -54,16 +56,15 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME ferrovane)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "backup tool that mirrors folders and keeps replaced versions")
-set(CPACK_PACKAGE_DESCRIPTION
-    "Ferrovane makes a destination, usually a folder on another disk, an up-to-date\n"
-    "mirror of the folders and files you choose. Before a run overwrites or removes\n"
-    "anything in the destination, it moves the old version into an archive on the\n"
-    "same disk, so a version that was backed up is never lost.\n"
-    "\n"
-    "The destination keeps its own configuration. Runs start from a Qt window, from\n"
-    "the command line or from systemd timers; a search finds a file with all its\n"
-    "archived versions.")
-string(JOIN "" CPACK_PACKAGE_DESCRIPTION ${CPACK_PACKAGE_DESCRIPTION})
+set(CPACK_PACKAGE_DESCRIPTION [[
+Ferrovane makes a destination, usually a folder on another disk, an up-to-date
+mirror of the folders and files you choose. Before a run overwrites or removes
+anything in the destination, it moves the old version into an archive on the
+same disk, so a version that was backed up is never lost.
+
+The destination keeps its own configuration. Runs start from a Qt window, from
+the command line or from systemd timers. A search finds a file with all its
+archived versions.]])
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
