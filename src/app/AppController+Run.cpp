@@ -272,6 +272,7 @@ void AppController::handleFinish() {
     FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(currentTargetPath_),
                                     fmt::format("Changed: {:.1f}% Duration: {}", share, duration), ""};
     if (!errors.empty()) notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());
+    notification.critical = !errors.empty();
     notifyUnlessActive(notification);
 
     resumeSizeEvaluation();

@@ -83,6 +83,8 @@ void FVCommanlineMode::finishOnMainThread() {
     FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(destinationPath_),
                                     fmt::format("Changed: {:.1f}% Duration: {}", share, duration), ""};
     std::vector<std::string> errors = backupSession_->errorMessages();
+    notification.replacesPrevious = true;
+    notification.critical = !errors.empty();
     if (!errors.empty()) {
         notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());
         printErrors(errors);
@@ -110,7 +112,7 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
     if (!errors.empty()) printErrors(errors);
     std::printf("Sync canceled.\n");
     std::fflush(stdout);
-    notify({"Sync canceled: " + FVText::lastPathComponent(destinationPath_), "", ""}, false);
+    notify({"Sync canceled: " + FVText::lastPathComponent(destinationPath_), "", "", true}, false);
     runLoop_.stop(255);
 }
 

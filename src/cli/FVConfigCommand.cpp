@@ -469,6 +469,10 @@ int main(int argc, char** argv) {
 
     if (scheduleChange && !options.updateAutomations(config.destination, &error))
         return fail("the schedule is saved, but the scheduled job could not be set up: " + error);
+    if (scheduleChange && options.allOptions()->boolValue(FVOptionKey::automationEnabled) &&
+        !FVLaunchAgentManager::jobsRunWhileLoggedOut())
+        fmt::print(stderr, "Note: scheduled backups run only while you are logged in, as your account does not "
+                           "linger. To run them at any time: loginctl enable-linger\n");
     return kExitOk;
 }
 

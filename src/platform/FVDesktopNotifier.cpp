@@ -10,6 +10,8 @@ namespace {
 
 // A notification server that does not answer within this time is given up on.
 constexpr uint64_t kCallTimeoutMicroseconds = 1'000'000;
+constexpr uint8_t kUrgencyNormal = 1;
+constexpr uint8_t kUrgencyCritical = 2;
 
 class FVDesktopNotifier final : public FVUserNotifier {
 public:
@@ -28,15 +30,25 @@ public:
                                                "/org/freedesktop/Notifications",
                                                "org.freedesktop.Notifications", "Notify");
         if (r >= 0)
-            r = sd_bus_message_append(call, "susssasa{sv}i", "Ferrovane", 0u, "ferrovane",
-                                      FVText::validUTF8(n.title).c_str(),
-                                      FVText::validUTF8(body).c_str(), 0, 0, -1);
-        if (r >= 0) sd_bus_call(bus, call, kCallTimeoutMicroseconds, &error, &reply);
+            r = sd_bus_message_append(call, "susssas", "Ferrovane", n.replacesPrevious ? lastId_ : 0u, "ferrovane",
+                                      FVText::validUTF8(n.title).c_str(), FVText::validUTF8(body).c_str(), 0);
+        // The desktop entry lets the desktop group the notifications under the program's name.
+        if (r >= 0)
+            r = sd_bus_message_append(call, "a{sv}", 2, "desktop-entry", "s", "ferrovane", "urgency", "y",
+                                      n.critical ? kUrgencyCritical : kUrgencyNormal);
+        if (r >= 0) r = sd_bus_message_append(call, "i", -1);
+        uint32_t id = 0;
+        if (r >= 0 && sd_bus_call(bus, call, kCallTimeoutMicroseconds, &error, &reply) >= 0 &&
+            sd_bus_message_read(reply, "u", &id) >= 0)
+            lastId_ = id;
         sd_bus_error_free(&error);
         sd_bus_message_unref(reply);
         sd_bus_message_unref(call);
         sd_bus_flush_close_unref(bus);
     }
+
+private:
+    uint32_t lastId_ = 0;
 };
 
 }  // namespace

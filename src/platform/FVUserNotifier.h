@@ -10,6 +10,11 @@ struct FVUserNotification {
     std::string title;
     std::string subtitle;
     std::string informativeText;
+    // Takes the place of the last notification this notifier showed (a run's start, replaced by
+    // its end) instead of adding one more.
+    bool replacesPrevious = false;
+    // A run that ended with errors: shown until the user dismisses it.
+    bool critical = false;
 };
 
 class FVUserNotifier {

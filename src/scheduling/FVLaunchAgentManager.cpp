@@ -5,6 +5,7 @@
 #include "engine/FVAtomicFile.h"
 #include "engine/FVText.h"
 #include "platform/FVSystemLog.h"
+#include "search/FVSearchText.h"
 
 #include <dirent.h>
 #include <pwd.h>
@@ -78,6 +79,17 @@ std::string execWord(std::string_view word) {
         else if (c >= 0x80 && utf8) out += ch;
         else out += fmt::format("\\x{:02x}", c);
     }
+    return out;
+}
+
+// A path that needs no escaping at all may also name the mounts the run waits for; that list is
+// split at blanks and unquoted, so any other path is left to the start-up check alone.
+bool isPlainPath(std::string_view path) { return execWord(path).find('\\') == std::string::npos; }
+
+// Free text for Description=: printable, and "%" doubled because specifiers are expanded.
+std::string descriptionText(std::string_view text) {
+    std::string out;
+    for (char c : FVSearchText::printable(text)) out += c == '%' ? std::string("%%") : std::string(1, c);
     return out;
 }
 
@@ -190,12 +202,20 @@ std::optional<std::string> FVLaunchAgentManager::systemdServiceUnit(const std::s
     if (!executableOk) return fail("systemd cannot start the program at \"" + executable + "\"");
     if (destination.empty() || destination.front() != '/')
         return fail("the destination \"" + destination + "\" is not an absolute path");
-    return "[Unit]\n"
-           "Description=Ferrovane scheduled backup " + label + "\n"
-           "\n"
-           "[Service]\n"
-           "Type=oneshot\n"
-           "ExecStart=:" + execWord(executable) + " " + execWord(destination) + "\n";
+    std::string unit = "[Unit]\n"
+                       "Description=Ferrovane scheduled backup to " + descriptionText(destination) + "\n";
+    // Waits for a mount the system knows (an fstab entry), so that it is mounted first.
+    if (isPlainPath(destination)) unit += "RequiresMountsFor=" + execWord(destination) + "\n";
+    // A backup gives way to whatever the user is doing on the machine.
+    unit += "\n"
+            "[Service]\n"
+            "Type=oneshot\n"
+            "Nice=19\n"
+            "IOSchedulingClass=idle\n"
+            // An absent destination (a drive not plugged in) skips the run rather than failing it.
+            "ExecCondition=:/usr/bin/test -d " + execWord(destination) + "\n"
+            "ExecStart=:" + execWord(executable) + " " + execWord(destination) + "\n";
+    return unit;
 }
 
 std::optional<std::string> FVLaunchAgentManager::systemdTimerUnit(const std::string& label,
@@ -277,6 +297,13 @@ bool FVLaunchAgentManager::writeJob(const std::string& uuid, const std::string& 
     // Reloading is how a changed time takes effect; the job may not have been loaded before.
     unloadJob(uuid);
     return loadJob(uuid, error);
+}
+
+bool FVLaunchAgentManager::jobsRunWhileLoggedOut() {
+    if (platformFormat() != FVJobFormat::Systemd || getuid() == 0) return true;
+    // logind keeps one file per lingering account here ("loginctl enable-linger" creates it).
+    const passwd* account = getpwuid(getuid());
+    return account && pathExists(std::string("/var/lib/systemd/linger/") + account->pw_name);
 }
 
 void FVLaunchAgentManager::removeJob(const std::string& uuid) {

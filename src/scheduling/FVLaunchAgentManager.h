@@ -45,6 +45,9 @@ public:
     // otherwise false with the reason in error (also sent to the system log).
     bool writeJob(const std::string& uuid, const std::string& destination, const FVJobSchedule& schedule,
                   std::string* error = nullptr);
+    // False when jobs are user units of an account that does not linger: systemd then stops
+    // the user's service manager, timers included, at the last logout.
+    static bool jobsRunWhileLoggedOut();
     // Unloads and deletes the job when it exists; failures are not reported.
     void removeJob(const std::string& uuid);
     // The UUIDs of this program's jobs in the job directory, sorted.

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace ferrovane::test;
 
@@ -113,7 +114,7 @@ TEST(CommandLineHelp, HelpAndVersionExitWithoutAWindow) {
     EXPECT_EQ(version.out, "Ferrovane 0.1.0 (1)\n");
 }
 
-TEST_F(CommandLineLoading, ARunAnnouncesItsStartAndItsOutcome) {
+TEST_F(CommandLineLoading, ARunAnnouncesItsStartAndItsOutcomeInOneNotification) {
     std::string source = dir / "Documents";
     std::string destination = dir / "Backup";
     makeDirs(source);
@@ -121,15 +122,32 @@ TEST_F(CommandLineLoading, ARunAnnouncesItsStartAndItsOutcome) {
     writeFile(source + "/a.txt", "a");
     writeFile(destination + "/.ferrovane.conf",
               "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>settings</key><dict>"
-              "<key>syncMode</key><integer>1</integer><key>maxThreads</key><integer>2</integer></dict>"
+              "<key>syncMode</key><integer>1</integer><key>maxThreads</key><integer>2</integer>"
+              "<key>moveDeletedFiles</key><integer>0</integer></dict>"
               "<key>sources</key><array><dict><key>sourcePath</key><string>" + source +
               "</string><key>enabled</key><integer>1</integer>"
               "<key>totalFilesCount</key><integer>2</integer></dict></array></dict></plist>");
     auto result = run({destination});
     ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
-    auto n = bus.notifications();
+    auto n = bus.recordedNotifications();
     ASSERT_EQ(n.size(), 2u);
-    EXPECT_EQ(n[0], "Starting sync to: Backup\t");
+    EXPECT_EQ(n[0].text, "Starting sync to: Backup\t");
     // Both entries (the folder and its file) were copied out of the two counted.
-    EXPECT_EQ(n[1].rfind("Sync finished: Backup\tChanged: 100.0% Duration: ", 0), 0u) << n[1];
+    EXPECT_EQ(n[1].text.rfind("Sync finished: Backup\tChanged: 100.0% Duration: ", 0), 0u) << n[1].text;
+    EXPECT_EQ(n[0].replacesId, 0u);
+    EXPECT_EQ(n[1].replacesId, n[0].id) << "the outcome takes the place of the start";
+    for (const RecordedNotification& each : n) {
+        EXPECT_EQ(each.desktopEntry, "ferrovane");
+        EXPECT_EQ(each.urgency, 1);
+    }
+
+    // An emptied source looks like a volume that is not mounted: the run keeps the mirror and
+    // ends with errors, which stay on screen.
+    ASSERT_EQ(unlink((source + "/a.txt").c_str()), 0);
+    EXPECT_EQ(run({destination}).exitStatus, 255);
+    n = bus.recordedNotifications();
+    ASSERT_EQ(n.size(), 4u);
+    EXPECT_EQ(n[2].replacesId, 0u) << "a new run starts a notification of its own";
+    EXPECT_EQ(n[3].replacesId, n[2].id);
+    EXPECT_EQ(n[3].urgency, 2);
 }

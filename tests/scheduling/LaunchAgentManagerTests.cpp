@@ -50,14 +50,14 @@ const std::string kLabel = "com.quillmarsh.ferrovane." + kUUID;
 const std::string kHostile = std::string("/mnt/my \"backup\" 'disk'\\50% $HOME ${USER} %n; x\n") +
                              "ExecStartPre=/bin/false\t\x01\xff\xc3\xa9/\xe2\x82\xac end ";
 
-// The words of an ExecStart value as systemd reads an unquoted line: split at blanks, then
-// "%%" -> "%" and "\xNN" -> byte.
-std::vector<std::string> execStartWords(const std::string& unit) {
+// The words of a command line (ExecStart=, ExecCondition=) as systemd reads an unquoted line:
+// split at blanks, then "%%" -> "%" and "\xNN" -> byte.
+std::vector<std::string> commandWords(const std::string& unit, const std::string& key) {
     std::istringstream lines(unit);
     std::string line;
     std::string value;
     while (std::getline(lines, line))
-        if (line.rfind("ExecStart=", 0) == 0) value = line.substr(10);
+        if (line.rfind(key + "=", 0) == 0) value = line.substr(key.size() + 1);
     if (!value.empty() && value[0] == ':') value.erase(0, 1);
     std::vector<std::string> words;
     std::istringstream split(value);
@@ -126,14 +126,22 @@ TEST(LaunchAgentManager, WrittenUnitsVerifyAndCarryHostilePathsExactly) {
     FVLaunchAgentManager manager(std::shared_ptr<FVCommandRunner>(runner), FVJobFormat::Systemd, dir / "units",
                                  program);
     std::string error;
-    ASSERT_TRUE(manager.writeJob(kUUID, kHostile, {14, 0, 3}, &error)) << error;
+    const std::string destination = dir.path() + kHostile;
+    ASSERT_TRUE(manager.writeJob(kUUID, destination, {14, 0, 3}, &error)) << error;
 
     std::string service = readFile(dir / ("units/" + kLabel + ".service"));
     std::string timer = readFile(dir / ("units/" + kLabel + ".timer"));
-    EXPECT_EQ(execStartWords(service), (std::vector<std::string>{program, kHostile}));
+    EXPECT_EQ(commandWords(service, "ExecStart"), (std::vector<std::string>{program, destination}));
     // Nothing from the path reached a line of its own.
-    EXPECT_EQ(std::count(service.begin(), service.end(), '\n'), 6);
+    EXPECT_EQ(std::count(service.begin(), service.end(), '\n'), 9);
     EXPECT_EQ(service.find("\nExecStartPre"), std::string::npos);
+    // The start-up check, run as systemd runs it: a drive that is not there skips the run.
+    std::vector<std::string> condition = commandWords(service, "ExecCondition");
+    ASSERT_EQ(condition.size(), 3u);
+    EXPECT_EQ(condition.back(), destination);
+    EXPECT_EQ(runProcess(condition, {}).exitStatus, 1);
+    makeDirs(destination);
+    EXPECT_EQ(runProcess(condition, {}).exitStatus, 0);
     EXPECT_NE(timer.find("OnCalendar=Wed *-*-* 14:00:00\nPersistent=true\n"), std::string::npos);
 
     std::vector<std::string> verify{"verify"};
@@ -169,6 +177,9 @@ TEST(LaunchAgentManager, WriteRemoveListAndCleanTouchOnlyThisProgramsJobs) {
     EXPECT_EQ(manager.jobIdentifiers(),
               (std::vector<std::string>{kUUID, "11111111-2222-4333-8444-555555555555"}));
     EXPECT_NE(readFile(units + "/" + kLabel + ".timer").find("OnCalendar=Tue *-*-* 15:30:00"), std::string::npos);
+    EXPECT_EQ(readFile(units + "/" + kLabel + ".service")
+                  .rfind("[Unit]\nDescription=Ferrovane scheduled backup to /backups/a\nRequiresMountsFor=/backups/a\n", 0),
+              0u);
 
     runner->calls.clear();
     manager.cleanJobsWithoutIDs({kUUID});

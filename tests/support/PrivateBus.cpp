@@ -76,8 +76,27 @@ PrivateBus::~PrivateBus() {
 
 std::vector<std::string> PrivateBus::notifications() const {
     std::vector<std::string> out;
+    for (const RecordedNotification& n : recordedNotifications()) out.push_back(n.text);
+    return out;
+}
+
+std::vector<RecordedNotification> PrivateBus::recordedNotifications() const {
+    std::vector<RecordedNotification> out;
     std::istringstream in(readFile(recordPath_));
-    for (std::string line; std::getline(in, line);) out.push_back(line);
+    for (std::string line; std::getline(in, line);) {
+        // title, body, replaces_id, id, desktop-entry, urgency
+        std::vector<std::string> fields;
+        std::istringstream split(line);
+        for (std::string field; std::getline(split, field, '\t');) fields.push_back(field);
+        if (fields.size() < 6) fields.resize(6);
+        RecordedNotification n;
+        n.text = fields[0] + "\t" + fields[1];
+        n.replacesId = static_cast<unsigned>(std::strtoul(fields[2].c_str(), nullptr, 10));
+        n.id = static_cast<unsigned>(std::strtoul(fields[3].c_str(), nullptr, 10));
+        n.desktopEntry = fields[4];
+        n.urgency = fields[5].empty() ? -1 : std::atoi(fields[5].c_str());
+        out.push_back(n);
+    }
     return out;
 }
 

@@ -8,6 +8,15 @@
 
 namespace ferrovane::test {
 
+// What a notification server was asked to show, beyond its text.
+struct RecordedNotification {
+    std::string text;  // "title\tbody", as notifications() gives it
+    unsigned replacesId = 0;
+    unsigned id = 0;  // the id the server answered with
+    std::string desktopEntry;
+    int urgency = -1;  // -1: no urgency hint
+};
+
 class PrivateBus {
 public:
     // recorderPath: the notification_recorder executable; empty for a bus without a server.
@@ -20,6 +29,7 @@ public:
     const std::string& address() const { return address_; }
     // "title\tbody" lines, newlines in the body shown as "|".
     std::vector<std::string> notifications() const;
+    std::vector<RecordedNotification> recordedNotifications() const;
 
 private:
     std::string dir_;
