@@ -147,6 +147,8 @@ TEST_F(PoolTest, CancelDuringALargeCopyDropsTheRestAndTheFolderMetadata) {
     worker.setChunkHook([&](const std::string& path, uint64_t) {
         if (path.ends_with("/big")) worker.cancel();
     });
+    // One thread, so that no other thread can take the small files before the cancel.
+    worker.setMaxThreads(1);
     worker.startCopySession();
     addPair(worker, dir / "src/folder", dir / "dst/folder");
     add("big");
