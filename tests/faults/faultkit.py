@@ -91,13 +91,14 @@ def files_below(root):
 # ---- runs
 
 class Ferrovane:
-    def __init__(self, executable, log):
-        self.executable = executable
-        self.env = dict(os.environ, FERROVANE_LOG_FILE=log)
+    def __init__(self, executable, log, prefix=(), **env):
+        """prefix runs the executable through another command (another user, strace)."""
+        self.executable, self.prefix = executable, list(prefix)
+        self.env = dict(os.environ, FERROVANE_LOG_FILE=log, **env)
         self.env.pop("DISPLAY", None)
 
     def args(self, destination):
-        return [self.executable, os.fsdecode(destination), "-noUserNotifications"]
+        return [*self.prefix, self.executable, os.fsdecode(destination), "-noUserNotifications"]
 
     def run(self, destination, timeout=300):
         return subprocess.run(self.args(destination), env=self.env, capture_output=True, timeout=timeout)
@@ -107,7 +108,7 @@ class Ferrovane:
                                 stderr=subprocess.PIPE)
 
     def config(self, destination, *args, env=None):
-        return subprocess.run([self.executable, "config", destination, *args], env=env or self.env,
+        return subprocess.run([*self.prefix, self.executable, "config", destination, *args], env=env or self.env,
                               capture_output=True, timeout=60)
 
     def configure(self, destination, sources, options=()):
