@@ -217,7 +217,11 @@ def config_during_a_run(ferrovane, work):
             expect(r.stderr.strip() or r.stdout.strip(), f"config {name} failed without a message")
 
 
-def run(ferrovane, work):
+QUICK = ("archive move fails: stamp folder already holds the path", "archive move fails: link planted at __changed",
+         "second run 0.3 s after the first", "two runs in one second", "config add and set during a run")
+
+
+def run(ferrovane, work, tier):
     cases = [(f"archive move fails: {name}", lambda w, p=plant, v=versioned: archive_move_fails(ferrovane, w, p, v))
              for name, (plant, versioned) in ARCHIVE_FAULTS.items()]
     cases += [(f"second run {delay} s after the first", lambda w, t=delay: overlapping_runs(ferrovane, w, t))
@@ -225,6 +229,8 @@ def run(ferrovane, work):
     cases += [("two runs in one second", lambda w: runs_in_one_second(ferrovane, w)),
               ("five runs a second apart, a file changed before each", lambda w: runs_a_second_apart(ferrovane, w)),
               ("config add and set during a run", lambda w: config_during_a_run(ferrovane, w))]
+    if tier == "quick":
+        cases = [c for c in cases if c[0] in QUICK]
     for i, (name, body) in enumerate(cases):
         folder = os.path.join(work, str(i))
         os.makedirs(folder)

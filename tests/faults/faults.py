@@ -77,7 +77,7 @@ def main():
             "escapes": lambda w: escapes.run(ferrovane, w),
             "hostile": lambda w: hostile.run(ferrovane, w),
             "inject": lambda w: inject.run(ferrovane, w, args.tier),
-            "archives": lambda w: archives.run(ferrovane, w),
+            "archives": lambda w: archives.run(ferrovane, w, args.tier),
             "options": lambda w: options.run(ferrovane, w, args.tier),
             "access": lambda w: access.run(ferrovane, w),
             "fuzz": lambda w: fuzz(args, w),
@@ -87,9 +87,11 @@ def main():
                 continue
             folder = os.path.join(work, name)
             os.makedirs(folder)
+            begin = time.monotonic()
             for row in suite(folder):
                 print(" | ".join(row), flush=True)
                 rows.append(row)
+            print(f"{name}: {time.monotonic() - begin:.1f} s", flush=True)
     failed = [r for r in rows if r[-1].startswith("FAILED")]
     if args.results:
         write_results(args, rows)

@@ -87,8 +87,9 @@ class Sweep:
 
     def inject(self, call, error, nth):
         self.restore()
+        # Any ending is allowed (a fault while loading libraries ends the process before it
+        # starts); what counts is that nothing was lost.
         r = self.strace("-e", f"inject={call}:error={error}:when={nth}+")
-        expect(r.returncode in (0, 255), f"the run ended with {r.returncode}: {tail(r)}")
         expect_kept(self.destination, self.before)
         expect_configuration(self.destination, self.configuration)
         next_second()  # a stamp folder reused within one second has a case of its own
