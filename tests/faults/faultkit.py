@@ -77,17 +77,6 @@ def digest(path):
     return h.hexdigest()
 
 
-def files_below(root):
-    """{relative path: digest} of every regular file below root."""
-    out = {}
-    for folder, _, names in os.walk(root):
-        for name in names:
-            path = os.path.join(folder, name)
-            if os.path.isfile(path) and not os.path.islink(path):
-                out[os.path.relpath(path, root)] = digest(path)
-    return out
-
-
 # ---- runs
 
 class Ferrovane:

@@ -9,7 +9,7 @@ import subprocess
 import threading
 import time
 
-from faultkit import (TEMPORARY_PREFIX, Failure, build, content, expect, expect_configuration, expect_kept,
+from faultkit import (Failure, build, content, expect, expect_configuration, expect_kept,
                       expect_mirror, expect_no_temporaries, is_root, log_since, log_size, read_configuration,
                       remount, tail, tmpfs, unmount, versions, wait_for_copy)
 
