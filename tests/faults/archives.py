@@ -77,30 +77,29 @@ def append_only_file(d):
     return lambda: subprocess.run(["chattr", "-a", d.mirror("f")], capture_output=True)
 
 
-def no_space_for_the_move(d):
-    """The run's first rename is the archive move of the changed file."""
-    d.strace = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=renameat2:error=ENOSPC:when=1"]
+# The run's first rename is the archive move of the changed file.
+NO_SPACE = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=renameat2:error=ENOSPC:when=1"]
+
+# name: (what is planted before the run and returns how to undo it, whether the planted files are
+# versions the run must keep, what the run is started through)
+ARCHIVE_FAULTS = {"stamp folder already holds the path": (planted_stamps, True, ()),
+                  "link planted at __changed": (link_at_changed, False, ()),
+                  "append-only file in the mirror": (append_only_file, False, ()),
+                  "no space for the archive move": (lambda d: None, False, NO_SPACE)}
 
 
-ARCHIVE_FAULTS = {"stamp folder already holds the path": (planted_stamps, True),
-                  "link planted at __changed": (link_at_changed, False),
-                  "append-only file in the mirror": (append_only_file, False),
-                  "no space for the archive move": (no_space_for_the_move, False)}
-
-
-def archive_move_fails(ferrovane, work, plant, planted_are_versions):
+def archive_move_fails(ferrovane, work, plant, planted_are_versions, prefix):
     """The old version stays in the mirror untouched (and the run says so), or it reached the
     archive; the next clean run archives it and mirrors the new one."""
     d = Destination(ferrovane, work)
     d.change()
-    d.strace = []
-    before = None if planted_are_versions else versions(d.destination)
+    before = versions(d.destination)
     undo = plant(d)
     if planted_are_versions:
         before = versions(d.destination)
     old = before[os.path.join(NAME.encode(), b"f")]
     try:
-        r = subprocess.run(d.strace + ferrovane.args(d.destination), env=ferrovane.env, capture_output=True,
+        r = subprocess.run([*prefix, *ferrovane.args(d.destination)], env=ferrovane.env, capture_output=True,
                            timeout=120)
     finally:
         if undo:
@@ -220,8 +219,8 @@ def config_during_a_run(ferrovane, work):
 
 
 def run(ferrovane, work, tier):
-    cases = [(f"archive move fails: {name}", lambda w, p=plant, v=versioned: archive_move_fails(ferrovane, w, p, v))
-             for name, (plant, versioned) in ARCHIVE_FAULTS.items()]
+    cases = [(f"archive move fails: {name}", lambda w, f=fault: archive_move_fails(ferrovane, w, *f))
+             for name, fault in ARCHIVE_FAULTS.items()]
     cases += [(f"second run {delay} s after the first", lambda w, t=delay: overlapping_runs(ferrovane, w, t))
               for delay in (0, 0.3, 1)]
     cases += [("two runs in one second", lambda w: runs_in_one_second(ferrovane, w)),

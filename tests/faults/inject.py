@@ -16,7 +16,7 @@ CALLS = ("openat", "openat2", "mkdirat", "renameat2", "write", "copy_file_range"
          "unlinkat")
 ERRORS = ("EIO", "ENOSPC", "EACCES", "EROFS")
 POSITIONS = (0.3, 0.6, 0.9)  # where in the run's calls of that kind the fault starts
-QUICK = (("renameat2", "EIO", 0.3), ("copy_file_range", "ENOSPC", 0.6), ("fsetxattr", "EACCES", 0.3),
+QUICK = (("renameat2", "EIO", 0.3), ("copy_file_range", "ENOSPC", 0.6), ("openat", "EACCES", 0.6),
          ("mkdirat", "EROFS", 0.6))
 OPTIONS = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"))
 
