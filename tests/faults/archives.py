@@ -218,6 +218,10 @@ def config_during_a_run(ferrovane, work):
             expect(r.stderr.strip() or r.stdout.strip(), f"config {name} failed without a message")
 
 
+QUICK = ("archive move fails: stamp folder already holds the path", "archive move fails: link planted at __changed",
+         "second run 0.3 s after the first", "two runs in one second", "config add and set during a run")
+
+
 def run(ferrovane, work, tier):
     cases = [(f"archive move fails: {name}", lambda w, f=fault: archive_move_fails(ferrovane, w, *f))
              for name, fault in ARCHIVE_FAULTS.items()]
