@@ -8,7 +8,8 @@ import os
 import plistlib
 import subprocess
 
-from faultkit import CONF, Failure, build, content, expect, expect_kept, log_since, log_size, versions
+from faultkit import (CONF, Failure, build, content, expect, expect_kept, expect_mirror, log_since, log_size,
+                      versions)
 
 NAME = "data"
 BOOLEANS = ("moveDeletedFiles", "moveChangedFiles", "purgeRemovedArchive", "purgeChangedArchive",
@@ -111,8 +112,26 @@ def fifo_configuration(ferrovane, work):
     expect(r.returncode == 255 and UNREADABLE in said, f"exit {r.returncode}: {said[-300:]}")
 
 
+def unusable_source_items(ferrovane, work):
+    """Source items the reader cannot use (not a dictionary, no sourcePath) are skipped with an
+    error; the other sources are backed up and the items stay in the file as they were."""
+    d = Destination(ferrovane, work)
+    bad = ["not a dictionary", {"enabled": 1, "sourcePathComponent": "lost"}]
+    configuration = plistlib.loads(d.configuration)
+    configuration["sources"] = bad[:1] + configuration["sources"] + bad[1:]
+    with open(os.path.join(d.destination, CONF), "wb") as f:
+        f.write(plistlib.dumps(configuration))
+    r = ferrovane.run(d.destination, timeout=60)
+    expect(r.returncode == 255, f"the unusable items were passed over in silence ({r.returncode})")
+    with open(os.path.join(d.destination, CONF), "rb") as f:
+        sources = plistlib.load(f)["sources"]
+    expect(all(item in sources for item in bad), "the run rewrote the unusable items away")
+    expect_mirror(d.source, os.path.join(d.destination, NAME))
+
+
 def run(ferrovane, work, tier):
     cases = [("purge age of 0", lambda w: purge_age_zero(ferrovane, w)),
+             ("source items without a dictionary or sourcePath", lambda w: unusable_source_items(ferrovane, w)),
              ("FIFO named .ferrovane.conf", lambda w: fifo_configuration(ferrovane, w))]
     for i, (name, body) in enumerate(cases):
         folder = os.path.join(work, str(i))
