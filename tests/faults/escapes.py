@@ -8,7 +8,7 @@ import os
 import shutil
 import subprocess
 
-from faultkit import Failure, build, content, expect, is_root
+from faultkit import Failure, build, content, expect, expect_mirror, is_root
 
 NAME = "data"
 TREE = {b"sub": ("dir",), b"sub/f": ("file", 3000, 1), b"sub/gone": ("file", 10, 2), b"g": ("file", 2000, 3),
@@ -111,7 +111,31 @@ def attack(ferrovane, work, planted, target):
         expect(not changed, f"changed outside the destination: {changed}")
 
 
+def destination_inside_the_source(ferrovane, work):
+    """A destination inside a source is never walked: no backup/data/backup/… nesting, however
+    many runs."""
+    source = os.path.join(os.fsencode(work), b"data")
+    destination = os.path.join(source, b"backup")
+    build(source, {b"f": ("file", 3000, 1), b"sub": ("dir",), b"sub/g": ("file", 10, 2)})
+    os.makedirs(destination)
+    ferrovane.configure(destination, [source], (("moveChangedFiles", 1),))
+    for attempt in ("first", "second"):
+        r = ferrovane.run(destination)
+        nested = os.path.join(destination, b"data", b"backup")
+        expect(not os.path.lexists(nested), f"the {attempt} run copied the destination into itself")
+        expect(r.returncode in (0, 255), f"{attempt} run crashed: {r.returncode}")
+    ferrovane.complete(destination)
+    expect_mirror(source, os.path.join(destination, b"data"), excluded=[b"backup"])
+
+
 def run(ferrovane, work):
+    folder = os.path.join(work, "inside")
+    try:
+        destination_inside_the_source(ferrovane, folder)
+        yield ("escapes", "destination inside the source", "", "ok")
+    except Failure as e:
+        yield ("escapes", "destination inside the source", "", f"FAILED: {e}")
+    subprocess.run(["rm", "-rf", folder], check=True)
     for i, (name, (planted, target)) in enumerate(ATTACKS.items()):
         if not is_root():
             yield ("escapes", name, "needs the superuser", "skipped")

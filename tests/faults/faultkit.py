@@ -77,27 +77,17 @@ def digest(path):
     return h.hexdigest()
 
 
-def files_below(root):
-    """{relative path: digest} of every regular file below root."""
-    out = {}
-    for folder, _, names in os.walk(root):
-        for name in names:
-            path = os.path.join(folder, name)
-            if os.path.isfile(path) and not os.path.islink(path):
-                out[os.path.relpath(path, root)] = digest(path)
-    return out
-
-
 # ---- runs
 
 class Ferrovane:
-    def __init__(self, executable, log):
-        self.executable = executable
-        self.env = dict(os.environ, FERROVANE_LOG_FILE=log)
+    def __init__(self, executable, log, prefix=(), **env):
+        """prefix runs the executable through another command (another user, strace)."""
+        self.executable, self.prefix = executable, list(prefix)
+        self.env = dict(os.environ, FERROVANE_LOG_FILE=log, **env)
         self.env.pop("DISPLAY", None)
 
     def args(self, destination):
-        return [self.executable, os.fsdecode(destination), "-noUserNotifications"]
+        return [*self.prefix, self.executable, os.fsdecode(destination), "-noUserNotifications"]
 
     def run(self, destination, timeout=300):
         return subprocess.run(self.args(destination), env=self.env, capture_output=True, timeout=timeout)
@@ -107,7 +97,7 @@ class Ferrovane:
                                 stderr=subprocess.PIPE)
 
     def config(self, destination, *args, env=None):
-        return subprocess.run([self.executable, "config", destination, *args], env=env or self.env,
+        return subprocess.run([*self.prefix, self.executable, "config", destination, *args], env=env or self.env,
                               capture_output=True, timeout=60)
 
     def configure(self, destination, sources, options=()):
@@ -126,6 +116,18 @@ class Ferrovane:
 
 def tail(result):
     return (result.stdout[-600:] + result.stderr[-600:]).decode(errors="replace")
+
+
+def wait_for_copy(folder, process, timeout=20):
+    """Returns once a temporary file shows that a copy into folder is under way."""
+    end = time.monotonic() + timeout
+    while time.monotonic() < end and process.poll() is None:
+        try:
+            if any(n.startswith(TEMPORARY_PREFIX) for n in os.listdir(os.fsencode(folder))):
+                return True
+        except FileNotFoundError:
+            pass
+    return False
 
 
 # ---- checks
@@ -176,28 +178,86 @@ def expect_configuration(destination, old_bytes):
            "configuration sources changed")
 
 
-def archived_copies(destination, name, rel):
-    """Every archived version of the mirror's file rel (as digests)."""
-    found = set()
+def version(root, rel):
+    """What the destination holds at rel: a file's digest or a link's target; None for anything
+    else, and for a path that passes through a link below root (a planted link never counts)."""
+    path = os.path.join(root, rel)
+    if os.path.realpath(os.path.dirname(path)) != os.path.normpath(os.path.dirname(path)):
+        return None
+    if os.path.islink(path):
+        return b"link:" + os.readlink(path)
+    if os.path.isfile(path):
+        return digest(path).encode()
+    return None
+
+
+def versions(destination):
+    """Every version the destination holds, in the mirror and in the archives: {path relative to
+    the destination: version}. The configuration, the lock and temporaries are not versions."""
+    root = os.path.realpath(os.fsencode(destination))
+    out = {}
+    for folder, dirs, names in os.walk(root):
+        for name in names + [d for d in dirs if os.path.islink(os.path.join(folder, d))]:
+            rel = os.path.relpath(os.path.join(folder, name), root)
+            if name.startswith(TEMPORARY_PREFIX) or (folder == root and name.startswith(b".ferrovane")):
+                continue
+            out[rel] = version(root, rel)
+    return out
+
+
+def expect_kept(destination, before):
+    """Each version of the snapshot before is, byte for byte, still at its place in the mirror or
+    at its archived path in some stamp folder of __changed or __removed; an archived version
+    stays where it is."""
+    root = os.path.realpath(os.fsencode(destination))
+    stamps = []
     for archive in ARCHIVES:
-        base = os.path.join(destination, archive)
-        if not os.path.isdir(base):
+        base = os.path.join(root, archive.encode())
+        if os.path.isdir(base) and not os.path.islink(base):
+            stamps += [os.path.join(archive.encode(), s) for s in os.listdir(base)]
+    lost = []
+    for rel, old in before.items():
+        if version(root, rel) == old:
             continue
-        for stamp in os.listdir(base):
-            path = os.path.join(base, stamp, name, rel)
-            if os.path.isfile(path) and not os.path.islink(path):
-                found.add(digest(path))
-    return found
+        if rel.split(b"/", 1)[0].decode(errors="replace") in ARCHIVES \
+                or not any(version(root, os.path.join(s, rel)) == old for s in stamps):
+            lost.append(rel)
+    expect(not lost, f"{len(lost)} of {len(before)} earlier versions lost: {sorted(lost)[:6]}")
 
 
-def expect_kept(destination, name, expected):
-    """Each file the run was about to overwrite or remove ({rel: digest}) is in place or whole
-    in an archive."""
-    mirror = os.path.join(destination, name)
-    for rel, old in expected.items():
-        path = os.path.join(mirror, rel)
-        in_place = os.path.isfile(path) and not os.path.islink(path) and digest(path) == old
-        expect(in_place or old in archived_copies(destination, name, rel), f"lost: {rel}")
+def mirror_of(destination, source):
+    """Where the default placement mirrors source."""
+    return os.path.join(os.fsencode(destination), os.path.basename(os.fsencode(source).rstrip(b"/")))
+
+
+def expect_clean_rerun(ferrovane, destination, sources, before):
+    """A run without faults completes, keeps every earlier version and leaves rsync nothing to do."""
+    ferrovane.complete(destination)
+    expect_kept(destination, before)
+    for source in sources:
+        expect_mirror(source, mirror_of(destination, source))
+    expect_no_temporaries(destination)
+
+
+def next_second():
+    """Waits for the wall clock's next second."""
+    time.sleep(1.02 - time.time() % 1)
+
+
+def log_size(ferrovane):
+    try:
+        return os.path.getsize(ferrovane.env["FERROVANE_LOG_FILE"])
+    except FileNotFoundError:
+        return 0
+
+
+def log_since(ferrovane, offset):
+    try:
+        with open(ferrovane.env["FERROVANE_LOG_FILE"], "rb") as f:
+            f.seek(offset)
+            return f.read()
+    except FileNotFoundError:
+        return b""
 
 
 # ---- mounts (superuser only)

@@ -16,10 +16,14 @@ import time
 sys.dont_write_bytecode = True  # nothing left behind in the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
+import access  # noqa: E402
+import archives  # noqa: E402
 import crash  # noqa: E402
 import durability  # noqa: E402
 import escapes  # noqa: E402
 import hostile  # noqa: E402
+import inject  # noqa: E402
+import options  # noqa: E402
 import storage  # noqa: E402
 from faultkit import Ferrovane, workspace  # noqa: E402
 
@@ -72,6 +76,10 @@ def main():
             "storage": lambda w: storage.run(ferrovane, w),
             "escapes": lambda w: escapes.run(ferrovane, w),
             "hostile": lambda w: hostile.run(ferrovane, w),
+            "inject": lambda w: inject.run(ferrovane, w, args.tier),
+            "archives": lambda w: archives.run(ferrovane, w, args.tier),
+            "options": lambda w: options.run(ferrovane, w, args.tier),
+            "access": lambda w: access.run(ferrovane, w),
             "fuzz": lambda w: fuzz(args, w),
         }
         for name, suite in suites.items():
@@ -79,9 +87,11 @@ def main():
                 continue
             folder = os.path.join(work, name)
             os.makedirs(folder)
+            begin = time.monotonic()
             for row in suite(folder):
                 print(" | ".join(row), flush=True)
                 rows.append(row)
+            print(f"{name}: {time.monotonic() - begin:.1f} s", flush=True)
     failed = [r for r in rows if r[-1].startswith("FAILED")]
     if args.results:
         write_results(args, rows)

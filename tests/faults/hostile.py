@@ -118,8 +118,22 @@ def run(ferrovane, work):
             unit = f.read()
         expect(b"\x1b" not in unit, "the unit file holds a raw escape character")
 
+    def names_like_temporaries():
+        # Only names of the form the program makes are leftovers, and never one whose source exists.
+        other_source = os.path.join(work, b"tmp-names", b"data")
+        other_destination = os.path.join(work, b"tmp-names", b"dest")
+        build(other_source, {b".ferrovane-tmp-notes.txt": ("file", 40, 1),
+                             b".ferrovane-tmp-0123456789abcdef": ("file", 50, 2), b"plain": ("file", 10, 3)})
+        os.makedirs(other_destination)
+        ferrovane.configure(other_destination, [other_source])
+        for attempt in ("first", "second", "third"):
+            r = ferrovane.run(other_destination)
+            expect(r.returncode == 0, f"{attempt} run: {tail(r)}")
+            expect_mirror(other_source, os.path.join(other_destination, b"data"))
+
     case("configuration add and show", configuration)
     case("whole run, log and second run (deep folder mirrored)", whole_run)
     case("search", search)
     case("scheduled job's unit files", schedule)
+    case("source files named like temporaries, three runs", names_like_temporaries)
     yield from cases

@@ -9,28 +9,17 @@ import subprocess
 import threading
 import time
 
-from faultkit import (TEMPORARY_PREFIX, Failure, build, content, expect, expect_configuration, expect_kept,
-                      expect_mirror, expect_no_temporaries, files_below, is_root, read_configuration, remount,
-                      tail, tmpfs, unmount)
+from faultkit import (Failure, build, content, expect, expect_configuration, expect_kept,
+                      expect_mirror, expect_no_temporaries, is_root, log_since, log_size, read_configuration,
+                      remount, tail, tmpfs, unmount, versions, wait_for_copy)
 
 NAME = "data"
 TREE = {b"a": ("dir",), b"b": ("dir",), b"a/c": ("dir",), b"huge.bin": ("file", 96 << 20, 7),
         **{b"%s/f%02d" % (d, i): ("file", 40000 * (i + 1), i) for d in (b"a", b"b", b"a/c") for i in range(12)}}
 NO_SPACE = b"No free space left at destination. Aborting backup."
 UNMOUNTED = b"Destination volume unmounted unexpectedly!"
+READ_ONLY = b"Destination is read-only. Aborting backup."
 MS_RDONLY, MS_REMOUNT, MS_BIND = 1, 32, 4096
-
-
-def wait_for_copy(folder, process, timeout=20):
-    """Returns once a temporary file shows that a copy into folder is under way."""
-    end = time.monotonic() + timeout
-    while time.monotonic() < end and process.poll() is None:
-        try:
-            if any(n.startswith(TEMPORARY_PREFIX) for n in os.listdir(os.fsencode(folder))):
-                return True
-        except FileNotFoundError:
-            pass
-    return False
 
 
 def usage(path):
@@ -56,22 +45,18 @@ class Case:
 
     def change_sources(self, removed=(b"b",), generation=0):
         """Changes huge.bin and every file of a (each generation differently), removes the folders
-        named; returns what the mirror must keep."""
-        mirror = files_below(os.path.join(self.destination, NAME))
-        expected = {}
+        named; returns the destination's versions, which the next run must keep."""
         for rel, kind in TREE.items():
             path = os.path.join(os.fsencode(self.source), rel)
             if kind[0] == "file" and (rel.startswith(b"a/") or rel == b"huge.bin"):
                 with open(path, "wb") as f:
                     f.write(content(kind[1] + 1 + generation, kind[2] + 100 + generation))
                 os.utime(path, (2_000_000_000 + 100 * generation,) * 2)
-                expected[os.fsdecode(rel)] = mirror[os.fsdecode(rel)]
         for folder in removed:
             shutil.rmtree(os.path.join(os.fsencode(self.source), folder))
-            expected.update({r: d for r, d in mirror.items() if r.startswith(os.fsdecode(folder) + "/")})
         for folder, _, _ in os.walk(self.source):
             os.utime(folder, (1_500_000_000, 1_500_000_000))
-        return expected
+        return versions(self.destination)
 
     def failed_run(self, message):
         r = self.ferrovane.run(self.destination)
@@ -79,13 +64,13 @@ class Case:
             log = f.read()
         expect(r.returncode == 255 and message in r.stdout + log, f"expected exit 255 with {message!r}: {tail(r)}")
 
-    def finish(self, expected):
+    def finish(self, before):
         expect_no_temporaries(self.destination)
-        expect_kept(self.destination, NAME, expected)
+        expect_kept(self.destination, before)
         expect_configuration(self.destination, self.configuration)
         self.ferrovane.complete(self.destination)
         expect_mirror(self.source, os.path.join(self.destination, NAME))
-        expect_kept(self.destination, NAME, expected)
+        expect_kept(self.destination, before)
         expect_no_temporaries(self.destination)
         expect_configuration(self.destination, self.configuration)
 
@@ -102,27 +87,28 @@ def full_at_start(case):
 def full_in_a_large_file(case):
     with tmpfs(case.mount, "size=400m"):
         case.prepare(mirror_first=True)
-        expected = case.change_sources(removed=())
+        before = case.change_sources(removed=())
         used, _ = usage(case.mount)
         expect(remount(case.mount, f"size={used + (8 << 20)}"), "could not shrink the file system")
         case.failed_run(NO_SPACE)
         remount(case.mount, "size=400m")
-        case.finish(expected)
+        case.finish(before)
 
 
 def full_in_the_cleanup(case):
     with tmpfs(case.mount, "size=400m"):
         case.prepare(mirror_first=True)
-        expected = case.change_sources(removed=(b"b", b"a/c"))
+        before = case.change_sources(removed=(b"b", b"a/c"))
         _, inodes = usage(case.mount)
         expect(remount(case.mount, f"nr_inodes={inodes + 3}"), "could not limit the inodes")
         case.failed_run(b"Archiving deleted file failed")
         remount(case.mount, "nr_inodes=100000")
-        case.finish(expected)
+        case.finish(before)
 
 
-def with_bound_destination(case, fault, message, undo=None):
-    """The destination is a bind mount of a folder on a tmpfs; fault strikes once a copy runs."""
+def with_bound_destination(case, fault, message, undo=None, check_log=None):
+    """The destination is a bind mount of a folder on a tmpfs; fault strikes once a copy runs;
+    check_log judges what the failed run logged."""
     backing = os.path.join(case.mount + "-backing")
     with tmpfs(backing, "size=400m"):
         real = os.path.join(backing, "dest")
@@ -138,27 +124,30 @@ def with_bound_destination(case, fault, message, undo=None):
             # nothing: the fault is undone, the sources change again and it is tried once more.
             earlier = []
             for attempt in range(3):
-                expected = case.change_sources(removed=(b"b",) if attempt == 0 else (), generation=attempt)
+                before = case.change_sources(removed=(b"b",) if attempt == 0 else (), generation=attempt)
+                offset = log_size(case.ferrovane)
                 process = case.ferrovane.start(case.destination)
                 expect(wait_for_copy(os.path.join(case.destination, NAME), process), "the run copied nothing")
                 fault()
                 out, _ = process.communicate(timeout=120)
                 if process.returncode == 0 and undo and attempt < 2:
                     undo()
-                    earlier.append(expected)
+                    earlier.append(before)
                     continue
-                with open(case.ferrovane.env["FERROVANE_LOG_FILE"], "rb") as f:
-                    out += f.read()
+                log = log_since(case.ferrovane, offset)
+                out += log
                 expect(process.returncode == 255 and message in out,
                        f"expected 255 with {message!r}, got {process.returncode}: {out[-600:]}")
+                if check_log:
+                    check_log(log)
                 break
         finally:
             unmount(case.destination)
         subprocess.run(["mount", "--bind", real, case.destination], check=True)
         try:
-            case.finish(expected)
-            for versions in earlier:
-                expect_kept(case.destination, NAME, versions)
+            case.finish(before)
+            for snapshot in earlier:
+                expect_kept(case.destination, snapshot)
         finally:
             unmount(case.destination)
 
@@ -182,9 +171,33 @@ def make_writable(path):
     expect(libc.mount(None, os.fsencode(path), None, MS_REMOUNT | MS_BIND, None) == 0, "could not remount writable")
 
 
+def single_abort(log):
+    """A destination that turned read-only ends the run with one line, not an error per file."""
+    expect(log.count(READ_ONLY) == 1, f"{log.count(READ_ONLY)} read-only abort lines, not one")
+    expect(b"Copy failed" not in log, f"{log.count(b'Copy failed')} 'Copy failed' lines after the abort")
+
+
 def read_only_mid_run(case):
-    with_bound_destination(case, lambda: make_read_only(case.destination), b"Backup errors:",
-                           undo=lambda: make_writable(case.destination))
+    with_bound_destination(case, lambda: make_read_only(case.destination), READ_ONLY,
+                           undo=lambda: make_writable(case.destination), check_log=single_abort)
+
+
+def unmount_of_a_name_prefix(case):
+    """Unmounting /…/mnt must not cancel a run to /…/mnt2/dest: mount points match by whole
+    components."""
+    neighbour = case.mount.rstrip("/")
+    case.mount = neighbour + "2"
+    case.destination = os.path.join(case.mount, "dest")
+    with tmpfs(case.mount, "size=400m"):
+        case.prepare(mirror_first=True)
+        before = case.change_sources(removed=())
+        with tmpfs(neighbour, "size=1m"):
+            process = case.ferrovane.start(case.destination)
+            expect(wait_for_copy(os.path.join(case.destination, NAME), process), "the run copied nothing")
+        out, err = process.communicate(timeout=120)
+        expect(process.returncode == 0 and UNMOUNTED not in out,
+               f"the run to {case.destination} stopped ({process.returncode}): {(out + err)[-400:]}")
+        case.finish(before)
 
 
 def source_changes_while_copied(ferrovane, work, change):
@@ -276,7 +289,7 @@ def run(ferrovane, work):
     cases.append(("source folder swapped for a link during the walk", lambda w: folder_swapped_for_a_link(ferrovane, w)))
     root_cases = {"full at the start": full_at_start, "full in a large file": full_in_a_large_file,
                   "full in the cleanup pass": full_in_the_cleanup, "unmounted mid-run": unmounted_mid_run,
-                  "read-only mid-run": read_only_mid_run}
+                  "read-only mid-run": read_only_mid_run, "unmount of a name prefix": unmount_of_a_name_prefix}
     for name, body in root_cases.items():
         options = (("moveChangedFiles", 1),)
         cases.append((name, lambda w, b=body: b(Case(ferrovane, w, options))))

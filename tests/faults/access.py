@@ -1,0 +1,147 @@
+"""Sources the run cannot fully use: folders and files an ordinary user may not read keep their
+mirror whole; an append-only source file is mirrored on every change; a file with an ACL is not
+copied again and again when ACLs are not cloned."""
+
+import array
+import fcntl
+import os
+import subprocess
+
+from faultkit import (Failure, Ferrovane, build, content, expect, expect_clean_rerun, expect_kept, expect_mirror,
+                      is_root, log_since, log_size, tail, version, versions)
+
+NAME = "data"
+TREE = {b"open": ("dir",), b"open/f": ("file", 2000, 1), b"open/closed": ("dir",),
+        b"open/closed/g": ("file", 3000, 2), b"open/closed/deeper": ("dir",), b"open/closed/deeper/h": ("file", 10, 3),
+        b"closed": ("dir",), b"closed/a": ("file", 5000, 4), b"closed/sub": ("dir",), b"closed/sub/b": ("file", 70, 5),
+        b"unreadable": ("file", 4000, 6), b"plain": ("file", 100, 7)}
+UNREADABLE = (b"closed", b"open/closed", b"unreadable")  # mode 000 for the second run
+FS_IOC_GETFLAGS, FS_IOC_SETFLAGS, FS_APPEND_FL = 0x80086601, 0x40086602, 0x20
+
+
+def as_nobody(ferrovane, work):
+    """The same executable run by the user nobody, with a home and log of its own."""
+    home = os.path.join(work, "home")
+    os.makedirs(home)
+    os.chown(home, 65534, 65534)
+    return Ferrovane(ferrovane.executable, os.path.join(home, "Ferrovane.log"),
+                     prefix=("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"), HOME=home)
+
+
+def owned_by_nobody(path):
+    for folder, dirs, names in os.walk(path):
+        for name in [b""] + dirs + names:
+            os.chown(os.path.join(folder, name), 65534, 65534, follow_symlinks=False)
+
+
+def reachable(work):
+    """Every folder above work may be passed through (but not written) by other users."""
+    path = os.path.abspath(work)
+    while path != "/":
+        os.chmod(path, os.stat(path).st_mode | 0o111)
+        path = os.path.dirname(path)
+
+
+def unreadable_source(ferrovane, work, archiving):
+    """Folders (at the top and below a readable one) and a file that the running user may not
+    read: their mirror stays whole, in place, and the run reports errors."""
+    reachable(work)
+    user = as_nobody(ferrovane, work)
+    source, destination = os.path.join(os.fsencode(work), b"src", NAME.encode()), os.path.join(work, "dest")
+    build(source, TREE)
+    os.makedirs(destination)
+    owned_by_nobody(os.path.join(os.fsencode(work), b"src"))
+    owned_by_nobody(os.fsencode(destination))
+    user.configure(destination, [os.fsdecode(source)], (("moveDeletedFiles", "yes" if archiving else "no"),
+                                                       ("moveChangedFiles", "yes" if archiving else "no")))
+    user.complete(destination)
+    before = versions(destination)
+    for rel in UNREADABLE:
+        os.chmod(os.path.join(source, rel), 0)
+    try:
+        r = user.run(destination)
+    finally:
+        for rel in UNREADABLE:
+            os.chmod(os.path.join(source, rel), 0o755 if os.path.isdir(os.path.join(source, rel)) else 0o644)
+    root = os.path.realpath(os.fsencode(destination))
+    moved = sorted(rel for rel, old in before.items() if version(root, rel) != old)
+    expect(not moved, f"{len(moved)} mirrored files left their place: {moved[:5]}")
+    expect(r.returncode == 255, f"the run reported no error ({r.returncode}): {tail(r)}")
+    expect_clean_rerun(user, destination, [os.fsdecode(source)], before)
+
+
+def inode_flags(path, add=0, remove=0):
+    fd = os.open(path, os.O_RDONLY | os.O_NOFOLLOW)
+    try:
+        flags = array.array("l", [0])
+        fcntl.ioctl(fd, FS_IOC_GETFLAGS, flags)
+        if add or remove:
+            flags[0] = (flags[0] | add) & ~remove
+            fcntl.ioctl(fd, FS_IOC_SETFLAGS, flags)
+        return flags[0]
+    finally:
+        os.close(fd)
+
+
+def append_only_source(ferrovane, work):
+    """A log-like file the system only lets grow is mirrored after every change, with its flag."""
+    source, destination = os.path.join(work, "src", NAME), os.path.join(work, "dest")
+    log = os.path.join(source, "app.log")
+    build(os.fsencode(source), {b"app.log": ("file", 1000, 1)})
+    inode_flags(log, add=FS_APPEND_FL)
+    os.makedirs(destination)
+    ferrovane.configure(destination, [source], (("moveChangedFiles", "yes"),))
+    try:
+        ferrovane.complete(destination)
+        for generation in range(2):
+            with open(log, "ab") as f:
+                f.write(content(500, generation))
+            inode_flags(log, remove=FS_APPEND_FL)  # the flag forbids setting the date, not the growth
+            os.utime(log, (2_000_000_000 + generation * 100,) * 2)
+            inode_flags(log, add=FS_APPEND_FL)
+            before = versions(destination)
+            r = ferrovane.run(destination)
+            expect(r.returncode == 0, f"run {generation + 2} failed: {tail(r)}")
+            expect_mirror(source, os.path.join(destination, NAME))
+            expect_kept(destination, before)
+            expect(inode_flags(os.path.join(destination, NAME, "app.log")) & FS_APPEND_FL,
+                   "the mirror's copy lost the append-only flag")
+    finally:
+        subprocess.run(["chattr", "-R", "-a", work], capture_output=True)
+
+
+def acl_without_acl_cloning(ferrovane, work, ignore_attribute_changes):
+    """With ACLs not cloned, a file with an ACL is not taken for changed on every run, whether
+    attribute changes count or not."""
+    source, destination = os.path.join(work, "src", NAME), os.path.join(work, "dest")
+    build(os.fsencode(source), {b"f": ("file", 1000, 1), b"g": ("file", 10, 2)})
+    subprocess.run(["setfacl", "-m", "u:nobody:r", os.path.join(source, "f")], check=True)
+    os.makedirs(destination)
+    ferrovane.configure(destination, [source], (("disableACLClone", "yes"),
+                                                ("ignoreFileFlagChanges", ignore_attribute_changes)))
+    ferrovane.complete(destination)
+    offset = log_size(ferrovane)
+    ferrovane.complete(destination)
+    log = log_since(ferrovane, offset)
+    expect(b"(0 items changed)" in log, f"the unchanged tree was copied again: {log[-300:]}")
+
+
+def run(ferrovane, work):
+    cases = [("unreadable folders and file as an ordinary user, archiving off",
+              lambda w: unreadable_source(ferrovane, w, False)),
+             ("unreadable folders and file as an ordinary user, archiving on",
+              lambda w: unreadable_source(ferrovane, w, True)),
+             ("append-only source file changed twice", lambda w: append_only_source(ferrovane, w)),
+             *[(f"ACL on a source file, ACL cloning off, ignoreFileFlagChanges {ignore}",
+                lambda w, i=ignore: acl_without_acl_cloning(ferrovane, w, i)) for ignore in ("yes", "no")]]
+    for i, (name, body) in enumerate(cases):
+        folder = os.path.join(work, str(i))
+        os.makedirs(folder)
+        if not is_root():
+            yield ("access", name, "needs the superuser to change users and flags", "skipped")
+            continue
+        try:
+            body(folder)
+            yield ("access", name, "", "ok")
+        except Failure as e:
+            yield ("access", name, "", f"FAILED: {e}")

@@ -1,0 +1,247 @@
+"""Archives and overlapping runs: an archive move that fails never costs the old version, a run
+never reuses a stamp folder an earlier run made, a second run on a busy destination touches
+nothing, and a configuration edit made during a run survives it."""
+
+import os
+import plistlib
+import shutil
+import subprocess
+import threading
+import time
+
+from faultkit import (Failure, Ferrovane, build, content, expect, expect_clean_rerun, expect_kept, is_root,
+                      next_second, read_configuration, tail, version, versions, wait_for_copy)
+
+NAME = "data"
+BUSY = 75  # another run holds the destination's lock
+OPTIONS = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"))
+TREE = {b"f": ("file", 5000, 1), b"sub": ("dir",), b"sub/g": ("file", 3000, 2), b"sub/gone": ("file", 100, 3)}
+# The first copy of a run waits this long (strace delays the call, it does not fail it), so that
+# the run is surely at work when a second run or a config edit comes.
+SLOW_COPY = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=copy_file_range:delay_enter=2500000:when=1"]
+
+
+class Destination:
+    """A source mirrored once with both archives on."""
+
+    def __init__(self, ferrovane, work):
+        self.ferrovane = ferrovane
+        self.work = work
+        self.source = os.path.join(work, "src", NAME)
+        self.destination = os.path.join(work, "dest")
+        self.generation = 0
+        build(os.fsencode(self.source), TREE)
+        os.makedirs(self.destination)
+        ferrovane.configure(self.destination, [self.source], OPTIONS)
+        ferrovane.complete(self.destination)
+
+    def change(self, rel="f", size=5000):
+        """Gives a source file new content and a new date."""
+        self.generation += 1
+        path = os.path.join(self.source, rel)
+        with open(path, "wb") as f:
+            f.write(content(size + self.generation, 1000 + self.generation))
+        os.utime(path, (2_000_000_000 + 100 * self.generation,) * 2)
+
+    def mirror(self, rel):
+        return os.path.join(os.fsencode(self.destination), NAME.encode(), os.fsencode(rel))
+
+    def clean_rerun(self, before):
+        next_second()
+        expect_clean_rerun(self.ferrovane, self.destination, [self.source], before)
+
+
+def stamp(seconds):
+    return time.strftime("%Y-%m-%d %H.%M.%S +0000", time.gmtime(seconds))
+
+
+def planted_stamps(d):
+    """Stamp folders of the next seconds already hold the changed file."""
+    now = int(time.time())
+    for second in range(now, now + 6):
+        folder = os.path.join(d.destination, "__changed", stamp(second), NAME)
+        os.makedirs(folder, exist_ok=True)
+        with open(os.path.join(folder, "f"), "wb") as f:
+            f.write(b"planted before the run")
+
+
+def link_at_changed(d):
+    outside = os.path.join(d.work, "outside")
+    os.makedirs(outside, exist_ok=True)
+    os.symlink(outside, os.path.join(d.destination, "__changed"))
+    return lambda: os.unlink(os.path.join(d.destination, "__changed"))
+
+
+def append_only_file(d):
+    subprocess.run(["chattr", "+a", d.mirror("f")], check=True)
+    return lambda: subprocess.run(["chattr", "-a", d.mirror("f")], capture_output=True)
+
+
+# The run's first rename is the archive move of the changed file.
+NO_SPACE = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=renameat2:error=ENOSPC:when=1"]
+
+# name: (what is planted before the run and returns how to undo it, whether the planted files are
+# versions the run must keep, what the run is started through)
+ARCHIVE_FAULTS = {"stamp folder already holds the path": (planted_stamps, True, ()),
+                  "link planted at __changed": (link_at_changed, False, ()),
+                  "append-only file in the mirror": (append_only_file, False, ()),
+                  "no space for the archive move": (lambda d: None, False, NO_SPACE)}
+
+
+def archive_move_fails(ferrovane, work, plant, planted_are_versions, prefix):
+    """The old version stays in the mirror untouched (and the run says so), or it reached the
+    archive; the next clean run archives it and mirrors the new one."""
+    d = Destination(ferrovane, work)
+    d.change()
+    before = versions(d.destination)
+    undo = plant(d)
+    if planted_are_versions:
+        before = versions(d.destination)
+    old = before[os.path.join(NAME.encode(), b"f")]
+    try:
+        r = subprocess.run([*prefix, *ferrovane.args(d.destination)], env=ferrovane.env, capture_output=True,
+                           timeout=120)
+    finally:
+        if undo:
+            undo()
+    expect_kept(d.destination, before)
+    if version(os.path.realpath(os.fsencode(d.destination)), os.path.join(NAME.encode(), b"f")) == old:
+        expect(r.returncode == 255, f"the old version stayed but the run reported no error: {tail(r)}")
+    d.clean_rerun(before)
+
+
+class Timed:
+    """A run in the background with the moments it started and ended."""
+
+    def __init__(self, ferrovane, destination, prefix=()):
+        self.ferrovane, self.began = ferrovane, time.monotonic()
+        self.process = subprocess.Popen([*prefix, *ferrovane.args(destination)], env=ferrovane.env,
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.thread = threading.Thread(target=self.wait)
+        self.thread.start()
+
+    def wait(self):
+        self.out, self.err = self.process.communicate(timeout=120)
+        self.ended = time.monotonic()
+
+    def join(self):
+        self.thread.join()
+        return self.process.returncode
+
+    def analysed(self):
+        path = self.ferrovane.env["FERROVANE_LOG_FILE"]
+        if not os.path.exists(path):
+            return False
+        with open(path, "rb") as f:
+            return b"Source started analysing" in f.read()
+
+
+def overlapping_runs(ferrovane, work, delay):
+    """Two runs started delay seconds apart, a file changed before each: one of them may run at a
+    time, the other refuses with its own status and touches nothing; no version is lost."""
+    d = Destination(ferrovane, work)
+    d.change()
+    before = versions(d.destination)
+    runs = [Timed(Ferrovane(ferrovane.executable, os.path.join(work, "first.log")), d.destination, SLOW_COPY)]
+    time.sleep(delay)
+    d.change()
+    runs.append(Timed(Ferrovane(ferrovane.executable, os.path.join(work, "second.log")), d.destination, SLOW_COPY))
+    statuses = [r.join() for r in runs]
+    expect(all(s in (0, BUSY) for s in statuses) and 0 in statuses,
+           f"exit statuses {statuses}: {(runs[0].out + runs[1].out)[-600:]}")
+    for r, s in zip(runs, statuses):
+        expect(s == 0 or not r.analysed(), "the refused run analysed a source")
+    if statuses == [0, 0]:
+        overlap = min(runs[0].ended, runs[1].ended) - max(runs[0].began, runs[1].began)
+        expect(overlap < 0.3, f"both runs went ahead at once ({overlap:.1f} s together)")
+    expect_kept(d.destination, before)
+    d.clean_rerun(before)
+
+
+def runs_in_one_second(ferrovane, work):
+    """A run right after another in the same second leaves the earlier run's stamp folder as it
+    was and keeps every version."""
+    d = Destination(ferrovane, work)
+    next_second()
+    d.change()
+    before = versions(d.destination)
+    ferrovane.complete(d.destination)
+    changed = os.path.join(d.destination, "__changed")
+    earlier = {s: versions(os.path.join(changed, s)) for s in os.listdir(changed)}
+    d.change()
+    before_second = versions(d.destination)
+    r = ferrovane.run(d.destination)
+    for s, held in earlier.items():
+        expect(versions(os.path.join(changed, s)) == held, f"the second run put items into the stamp folder {s!r}")
+    expect_kept(d.destination, before)
+    expect_kept(d.destination, before_second)
+    expect(r.returncode == 0, f"the second run failed: {tail(r)}")
+    d.clean_rerun(before_second)
+
+
+def runs_a_second_apart(ferrovane, work, runs=5):
+    """A file changes before each of several runs a second apart: every version is kept."""
+    d = Destination(ferrovane, work)
+    snapshots = []
+    for _ in range(runs):
+        begin = time.monotonic()
+        d.change()
+        d.change("sub/g", 3000)
+        snapshots.append(versions(d.destination))
+        r = ferrovane.run(d.destination)
+        expect(r.returncode == 0, f"run failed: {tail(r)}")
+        time.sleep(max(0.0, 1.0 - (time.monotonic() - begin)))
+    for snapshot in snapshots:
+        expect_kept(d.destination, snapshot)
+    d.clean_rerun(snapshots[-1])
+
+
+def config_during_a_run(ferrovane, work):
+    """`config add` and `config set` made while a run copies: if they report success, the change
+    is in the configuration after the run; otherwise they said why."""
+    d = Destination(ferrovane, work)
+    d.change()
+    other = os.path.join(work, "other")
+    os.makedirs(other)
+    run = Timed(ferrovane, d.destination, SLOW_COPY)
+    expect(wait_for_copy(os.path.join(d.destination, NAME), run.process), "the run copied nothing")
+    added = ferrovane.config(d.destination, "add", other)
+    changed = ferrovane.config(d.destination, "set", "purgeChangedArchiveDays", "45")
+    expect(run.join() in (0, 255), f"the run failed: {run.out[-400:]}")
+    configuration = plistlib.loads(read_configuration(d.destination))
+    kept = {"add": other in [s.get("sourcePath") for s in configuration["sources"]],
+            "set": configuration["settings"].get("purgeChangedArchiveDays") == 45}
+    for name, r in (("add", added), ("set", changed)):
+        if r.returncode == 0:
+            expect(kept[name], f"config {name} reported success but the run threw the change away")
+        else:
+            expect(r.stderr.strip() or r.stdout.strip(), f"config {name} failed without a message")
+
+
+QUICK = ("archive move fails: stamp folder already holds the path", "archive move fails: link planted at __changed",
+         "second run 0.3 s after the first", "two runs in one second", "config add and set during a run")
+
+
+def run(ferrovane, work, tier):
+    cases = [(f"archive move fails: {name}", lambda w, f=fault: archive_move_fails(ferrovane, w, *f))
+             for name, fault in ARCHIVE_FAULTS.items()]
+    cases += [(f"second run {delay} s after the first", lambda w, t=delay: overlapping_runs(ferrovane, w, t))
+              for delay in (0, 0.3, 1)]
+    cases += [("two runs in one second", lambda w: runs_in_one_second(ferrovane, w)),
+              ("five runs a second apart, a file changed before each", lambda w: runs_a_second_apart(ferrovane, w)),
+              ("config add and set during a run", lambda w: config_during_a_run(ferrovane, w))]
+    if tier == "quick":
+        cases = [c for c in cases if c[0] in QUICK]
+    for i, (name, body) in enumerate(cases):
+        folder = os.path.join(work, str(i))
+        os.makedirs(folder)
+        if not is_root() and ("link" in name or "append-only" in name):
+            yield ("archives", name, "needs the superuser", "skipped")
+            continue
+        try:
+            body(folder)
+            yield ("archives", name, "", "ok")
+        except Failure as e:
+            yield ("archives", name, "", f"FAILED: {e}")
+        subprocess.run(["chattr", "-R", "-a", folder], capture_output=True)
+        shutil.rmtree(folder, ignore_errors=True)

@@ -1,0 +1,155 @@
+"""Hand-edited configuration files: an option of the wrong type or out of range stops the run
+before it touches the destination and names the key; a purge age of 0 never purges; a
+configuration file that is not a regular file fails at once instead of hanging the run."""
+
+import datetime
+import hashlib
+import os
+import plistlib
+import subprocess
+
+from faultkit import (CONF, Failure, build, content, expect, expect_kept, expect_mirror, log_since, log_size,
+                      versions)
+
+NAME = "data"
+BOOLEANS = ("moveDeletedFiles", "moveChangedFiles", "purgeRemovedArchive", "purgeChangedArchive",
+            "ignoreFileFlagChanges", "disableACLClone", "preallocate", "excludeSymlinks", "performExtendedLogging")
+INTEGERS = ("syncMode", "maxThreads", "purgeRemovedArchiveDays", "purgeChangedArchiveDays")
+WHEN = datetime.datetime(2020, 1, 1)
+WRONG_FOR_BOOLEANS = {"string yes": "yes", "string thirty": "thirty", "array": [True], "date": WHEN,
+                      "dictionary": {"value": True}}
+WRONG_FOR_INTEGERS = {"string thirty": "thirty", "string 30": "30", "array": [30], "date": WHEN, "negative": -5,
+                      "huge": 2**63 - 1}
+OLD_STAMP = "2001-01-01 00.00.00 +0000"
+UNREADABLE = b"Failed to read destination configuration file"
+
+
+def tree_state(root):
+    """Names, kinds, sizes, dates and contents of everything below root, the configuration included."""
+    h = hashlib.sha256()
+    for folder, dirs, names in sorted(os.walk(os.fsencode(root))):
+        for name in sorted(dirs + names):
+            path = os.path.join(folder, name)
+            st = os.lstat(path)
+            h.update(b"%s %o %d %d\n" % (path, st.st_mode, st.st_size, st.st_mtime_ns))
+            if os.path.isfile(path) and not os.path.islink(path):
+                with open(path, "rb") as f:
+                    h.update(f.read())
+    return h.hexdigest()
+
+
+class Destination:
+    """A mirror with an old archive that a purge would remove and a source changed since, so that
+    any run that went ahead would show in the tree."""
+
+    def __init__(self, ferrovane, work):
+        self.ferrovane = ferrovane
+        self.source = os.path.join(work, "src", NAME)
+        self.destination = os.path.join(work, "dest")
+        build(os.fsencode(self.source), {b"f": ("file", 3000, 1), b"g": ("file", 10, 2)})
+        os.makedirs(self.destination)
+        ferrovane.configure(self.destination, [self.source], (("moveChangedFiles", "yes"),))
+        ferrovane.complete(self.destination)
+        old = os.path.join(self.destination, "__changed", OLD_STAMP, NAME)
+        os.makedirs(old)
+        with open(os.path.join(old, "f"), "wb") as f:
+            f.write(b"an old version")
+        for path in (old, os.path.dirname(old), os.path.join(old, "f")):
+            os.utime(path, (1_000_000_000, 1_000_000_000))
+        path = os.path.join(self.source, "f")
+        with open(path, "wb") as f:
+            f.write(content(4000, 9))
+        os.utime(path, (2_000_000_000, 2_000_000_000))
+        os.unlink(os.path.join(self.source, "g"))
+        with open(os.path.join(self.destination, CONF), "rb") as f:
+            self.configuration = f.read()
+
+    def write(self, settings):
+        settings_plist = plistlib.loads(self.configuration)
+        settings_plist["settings"].update(settings)
+        with open(os.path.join(self.destination, CONF), "wb") as f:
+            f.write(plistlib.dumps(settings_plist))
+
+    def restore(self):
+        with open(os.path.join(self.destination, CONF), "wb") as f:
+            f.write(self.configuration)
+
+
+def wrong_value(d, key, value):
+    d.write({key: value, "purgeChangedArchive": True} if key == "purgeChangedArchiveDays" else {key: value})
+    before = tree_state(d.destination)
+    offset = log_size(d.ferrovane)
+    r = d.ferrovane.run(d.destination, timeout=60)
+    after = tree_state(d.destination)
+    said = r.stdout + r.stderr + log_since(d.ferrovane, offset)
+    d.restore()
+    expect(r.returncode == 255, f"exit {r.returncode}, not 255")
+    expect(key.encode() in r.stdout + r.stderr, f"no message names {key}: {(r.stdout + r.stderr)[-300:]}")
+    expect(b"Sync finished" not in said, "the run went ahead")
+    expect(after == before, "the destination changed")
+
+
+def purge_age_zero(ferrovane, work):
+    d = Destination(ferrovane, work)
+    d.write({"purgeChangedArchive": True, "purgeChangedArchiveDays": 0,
+             "purgeRemovedArchive": True, "purgeRemovedArchiveDays": 0})
+    before = versions(d.destination)
+    ferrovane.run(d.destination, timeout=60)
+    expect(os.path.isdir(os.path.join(d.destination, "__changed", OLD_STAMP)), "a purge age of 0 purged")
+    expect_kept(d.destination, before)
+
+
+def fifo_configuration(ferrovane, work):
+    destination = os.path.join(work, "dest")
+    os.makedirs(destination)
+    os.mkfifo(os.path.join(destination, CONF))
+    offset = log_size(ferrovane)
+    try:
+        r = ferrovane.run(destination, timeout=5)
+    except subprocess.TimeoutExpired:
+        raise Failure("the run hung on a FIFO named like the configuration")
+    said = r.stdout + r.stderr + log_since(ferrovane, offset)
+    expect(r.returncode == 255 and UNREADABLE in said, f"exit {r.returncode}: {said[-300:]}")
+
+
+def unusable_source_items(ferrovane, work):
+    """Source items the reader cannot use (not a dictionary, no sourcePath) are skipped with an
+    error; the other sources are backed up and the items stay in the file as they were."""
+    d = Destination(ferrovane, work)
+    bad = ["not a dictionary", {"enabled": 1, "sourcePathComponent": "lost"}]
+    configuration = plistlib.loads(d.configuration)
+    configuration["sources"] = bad[:1] + configuration["sources"] + bad[1:]
+    with open(os.path.join(d.destination, CONF), "wb") as f:
+        f.write(plistlib.dumps(configuration))
+    r = ferrovane.run(d.destination, timeout=60)
+    expect(r.returncode == 255, f"the unusable items were passed over in silence ({r.returncode})")
+    with open(os.path.join(d.destination, CONF), "rb") as f:
+        sources = plistlib.load(f)["sources"]
+    expect(all(item in sources for item in bad), "the run rewrote the unusable items away")
+    expect_mirror(d.source, os.path.join(d.destination, NAME))
+
+
+def run(ferrovane, work, tier):
+    cases = [("purge age of 0", lambda w: purge_age_zero(ferrovane, w)),
+             ("source items without a dictionary or sourcePath", lambda w: unusable_source_items(ferrovane, w)),
+             ("FIFO named .ferrovane.conf", lambda w: fifo_configuration(ferrovane, w))]
+    for i, (name, body) in enumerate(cases):
+        folder = os.path.join(work, str(i))
+        os.makedirs(folder)
+        try:
+            body(folder)
+            yield ("options", name, "", "ok")
+        except Failure as e:
+            yield ("options", name, "", f"FAILED: {e}")
+    d = Destination(ferrovane, os.path.join(work, "wrong"))
+    wrong = [(k, n, v) for k in BOOLEANS for n, v in WRONG_FOR_BOOLEANS.items()] + \
+            [(k, n, v) for k in INTEGERS for n, v in WRONG_FOR_INTEGERS.items()]
+    if tier == "quick":  # every option once, every kind of wrong value once
+        wrong = [w for i, w in enumerate(wrong) if i % 4 == 0] + [("purgeChangedArchiveDays", "string thirty", "thirty"),
+                                                                 ("moveChangedFiles", "string yes", "yes")]
+    for key, kind, value in wrong:
+        try:
+            wrong_value(d, key, value)
+            yield ("options", f"{key} as {kind}", "", "ok")
+        except Failure as e:
+            yield ("options", f"{key} as {kind}", "", f"FAILED: {e}")
