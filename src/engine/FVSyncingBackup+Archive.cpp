@@ -27,7 +27,9 @@ std::optional<std::string> FVSyncingBackup::destinationRelative(const std::strin
 int FVSyncingBackup::moveWithinDestination(const std::string& from, const std::string& to) {
     auto fromRelative = destinationRelative(from);
     auto toRelative = destinationRelative(to);
-    return fromRelative && toRelative ? destination_.moveItem(*fromRelative, *toRelative, false, true) : EXDEV;
+    // The target's missing folders are made by the move itself, so that a failure to make them
+    // (a read-only or full destination) is the error the move reports.
+    return fromRelative && toRelative ? destination_.moveItem(*fromRelative, *toRelative, true, true) : EXDEV;
 }
 
 int FVSyncingBackup::removeWithinDestination(const std::string& path) {
@@ -58,14 +60,6 @@ void FVSyncingBackup::unlockWithinDestination(const std::string& path, bool recu
     else FVFileManager::unlockFileAt(parent.get(), name);
 }
 
-// Only folders below the destination root are ever created.
-void FVSyncingBackup::createDirectoryPath(const std::string& path) {
-    auto relative = destinationRelative(path);
-    if (!relative || relative->empty()) return;
-    int error = 0;
-    destination_.openFolder(*relative, true, &error);
-}
-
 bool FVSyncingBackup::copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) {
     if (!archiveChangedFiles_ || !destination.fileExists()) return true;
     const std::string& path = destination.path();
@@ -73,7 +67,6 @@ bool FVSyncingBackup::copyWorkerWillOverwriteDestination(FVFileSystemItem& desti
     std::string archivePath = targetPath_ + "/__changed/" + archiveFolderName_;
     if (relative.empty() || relative.front() != '/') archivePath += "/";
     archivePath += relative;
-    createDirectoryPath(FVText::deletingLastPathComponent(archivePath));
     unlockWithinDestination(path);
     if (moveWithinDestination(path, archivePath) == 0) return true;
     unlockWithinDestination(FVText::deletingLastPathComponent(path));

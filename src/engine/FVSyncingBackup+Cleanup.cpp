@@ -204,7 +204,6 @@ void FVSyncingBackup::removeDeletedItem(const std::string& sourceRoot, const std
                                     FVText::lastPathComponent(sourceRoot), relative)
                       : appendComponent(fmt::format("{}/__removed/{}/", targetPath_, archiveFolderName_),
                                         appendComponent(sourceRoot, relative).substr(1));
-        createDirectoryPath(FVText::deletingLastPathComponent(archivePath));
         if (moveWithinDestination(itemPath, archivePath) == 0) return;
         unlockWithinDestination(FVText::deletingLastPathComponent(itemPath));
         int error = moveWithinDestination(itemPath, archivePath);

@@ -63,8 +63,6 @@ public:
     void removeDeletedFilesArchivingFiles(bool archive, int32_t cleanupFileCount);
     // Deletes archive folders at least the given number of days old; runs on the caller's thread.
     void purgeRemovedArchive(bool purgeRemoved, int32_t removedAge, bool purgeChanged, int32_t changedAge);
-    // Creates the missing folders of path, but only below the destination root.
-    void createDirectoryPath(const std::string& path);
 
     // Puts what the run wrote on the destination's disk (syncfs); a failure is an error of the run.
     void flushDestination();

@@ -101,7 +101,7 @@ def full_in_the_cleanup(case):
         before = case.change_sources(removed=(b"b", b"a/c"))
         _, inodes = usage(case.mount)
         expect(remount(case.mount, f"nr_inodes={inodes + 3}"), "could not limit the inodes")
-        case.failed_run(b"Archiving deleted file failed")
+        case.failed_run(NO_SPACE)
         remount(case.mount, "nr_inodes=100000")
         case.finish(before)
 
