@@ -4,6 +4,7 @@
 #include "FVVersion.h"
 #include "cli/FVCommanlineMode.h"
 #include "cli/FVConfigCommand.h"
+#include "cli/FVRestoreCommand.h"
 #include "cli/FVSearchCommand.h"
 
 #include <cstdio>
@@ -24,13 +25,21 @@ void printUsage() {
         "  ferrovane search /path/to/destination <text>\n"
         "                                 list the files whose names contain every word of the\n"
         "                                 text, with all their archived versions\n"
+        "  ferrovane versions /path/to/destination <path> [--json]\n"
+        "                                 list every version of a backed-up path, newest first\n"
+        "  ferrovane restore /path/to/destination <path> [--version <stamp>|current] [--to <folder>]\n"
+        "                    [--replace] [--dry-run]\n"
+        "  ferrovane restore /path/to/destination --all [--to <root>] [--replace] [--dry-run]\n"
+        "                                 copy a version, a folder or every source back; existing\n"
+        "                                 different items stop it unless --replace trashes them\n"
         "  ferrovane config /path/to/destination show | add <path> [--mode <mode>] | remove <path>\n"
         "                 | set <option> <value> | schedule daily HH:MM | weekly <weekday> HH:MM | off\n"
         "                                 edit the destination's sources, options and schedule\n"
         "  ferrovane --help | --version\n"
         "\n"
         "The destination keeps its sources and options in .ferrovane.conf in its root.\n"
-        "Exit status: 0 after a backup without errors, 255 otherwise.\n");
+        "Exit status: 0 after a backup without errors, 255 otherwise. versions and restore:\n"
+        "0 done, 1 no version, conflicts or errors (a refused restore writes nothing), 2 bad usage.\n");
 }
 
 }  // namespace
@@ -38,6 +47,8 @@ void printUsage() {
 int main(int argc, char** argv) {
     if (argc >= 2 && argv[1][0] == '/') return ferrovane::FVCommanlineMode::main(argc, argv);
     if (argc >= 2 && std::strcmp(argv[1], "config") == 0) return ferrovane::FVConfigCommand::main(argc, argv);
+    if (argc >= 2 && std::strcmp(argv[1], "versions") == 0) return ferrovane::FVRestoreCommand::versionsMain(argc, argv);
+    if (argc >= 2 && std::strcmp(argv[1], "restore") == 0) return ferrovane::FVRestoreCommand::restoreMain(argc, argv);
     if (argc >= 2 && std::strcmp(argv[1], "search") == 0) return ferrovane::FVSearchCommand::main(argc, argv);
     if (argc >= 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
         printUsage();

@@ -1,0 +1,133 @@
+#include "engine/FVRestoreRun.h"
+
+#include "FVVersion.h"
+#include "engine/FVAdditions.h"
+#include "engine/FVLog.h"
+#include "engine/FVTrash.h"
+
+#include <sys/stat.h>
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cstring>
+#include <ctime>
+
+namespace ferrovane {
+
+namespace {
+constexpr auto kProgressInterval = std::chrono::milliseconds(200);
+}  // namespace
+
+FVRestoreRun::FVRestoreRun(const std::vector<FVRestorePlan>& plans, bool replace) : plans_(plans), replace_(replace) {}
+
+void FVRestoreRun::tell(const std::string& line, bool isError) {
+    FVLog::currentLog().addLogLine(line);
+    if (isError) errors_.fetch_add(1, std::memory_order_relaxed);
+    std::lock_guard lock(mutex_);
+    if (report_) report_(line, isError);
+}
+
+FVRestoreRun::Summary FVRestoreRun::run(const std::string& destination, const Progress& progress,
+                                        const Report& report, const std::atomic<bool>& interrupt) {
+    report_ = report;
+    FVLog& log = FVLog::currentLog();
+    log.newLog();
+    log.addLogLine(fmt::format("Ferrovane {}({}) starting restore from: {}", FERROVANE_VERSION,
+                               FERROVANE_BUILD_NUMBER, destination));
+    uint64_t total = 0, done = 0;
+    for (const FVRestorePlan& plan : plans_) total += plan.pairs().size();
+    Summary summary;
+    uint64_t planned = 0;
+    for (const FVRestorePlan& plan : plans_) {
+        log.addLogLine(fmt::format("Restoring {} to {}", plan.from(), plan.to()));
+        for (const std::string& problem : plan.problems()) tell("ERROR: " + problem, true);
+        summary.cancelled = !runPlan(plan, done, total, progress, interrupt);
+        done += plan.pairs().size();
+        planned += plan.fileCount();
+        if (summary.cancelled) break;
+    }
+    summary.bytes = bytes_;
+    summary.replaced = replaced_;
+    summary.errors = errors_;
+    uint64_t refused = refused_;
+    summary.files = planned > refused ? planned - refused : 0;
+    log.addLogLine(fmt::format("Restore {}: {} files ({}), {} replaced items moved aside, {} errors.",
+                               summary.cancelled ? "cancelled" : "finished", summary.files,
+                               FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)),
+                               summary.replaced, summary.errors));
+    log.closeLog();
+    return summary;
+}
+
+bool FVRestoreRun::runPlan(const FVRestorePlan& plan, uint64_t doneBefore, uint64_t total, const Progress& progress,
+                           const std::atomic<bool>& interrupt) {
+    conflicts_.clear();
+    for (const FVRestorePlan::Conflict& conflict : plan.conflicts()) conflicts_.insert(conflict.target);
+    {
+        std::lock_guard lock(mutex_);
+        finished_ = cancelled_ = false;
+    }
+    FVFileCopyWorker worker;
+    worker.setDelegate(this);
+    worker.setDestinationRoot(plan.confinementRoot());
+    worker.setSourceRoot(plan.from());
+    if (workerSetup_) workerSetup_(worker);
+    worker.startCopySession();
+    for (const auto& [from, to] : plan.pairs()) {
+        if (interrupt.load(std::memory_order_relaxed)) worker.cancel();
+        if (worker.isCancelled()) break;
+        worker.addCopyItemFromSource(from, to);
+    }
+    worker.endCopySession();
+    std::unique_lock lock(mutex_);
+    while (!ended_.wait_for(lock, kProgressInterval, [this] { return finished_ || cancelled_; })) {
+        lock.unlock();
+        if (interrupt.load(std::memory_order_relaxed)) worker.cancel();
+        if (progress) progress(doneBefore + worker.copiedFiles(), total);
+        lock.lock();
+    }
+    bool completed = finished_ && !worker.isCancelled();
+    lock.unlock();
+    bytes_ += worker.totalBytesCopied();
+    if (progress) progress(doneBefore + worker.copiedFiles(), total);
+    return completed;
+}
+
+bool FVRestoreRun::copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) {
+    const std::string& path = destination.path();
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) return true;
+    if (!conflicts_.contains(path) || !replace_) {
+        refused_.fetch_add(1, std::memory_order_relaxed);
+        tell(fmt::format("ERROR: Not replaced, it appeared during the restore: {}", path), true);
+        return false;
+    }
+    FVTrash::Outcome outcome = FVTrash::moveAside(path, std::time(nullptr));
+    if (!outcome.moved) {
+        refused_.fetch_add(1, std::memory_order_relaxed);
+        tell(fmt::format("ERROR: Not replaced, it could not be moved aside: {} ({})", path, outcome.problem), true);
+        return false;
+    }
+    replaced_.fetch_add(1, std::memory_order_relaxed);
+    tell(fmt::format("Moved {} {}: {}", outcome.inTrash ? "to the trash" : "aside", path, outcome.placedAt), false);
+    return true;
+}
+
+void FVRestoreRun::copyWorkerDidGenerateMessage(const std::string& message, const char* level) {
+    tell(message, std::strcmp(level, kLevelError) == 0);
+}
+
+void FVRestoreRun::copyWorkerDidFinishCopy() {
+    std::lock_guard lock(mutex_);
+    finished_ = true;
+    ended_.notify_all();
+}
+
+void FVRestoreRun::copyWorkerDidCancel() {
+    std::lock_guard lock(mutex_);
+    cancelled_ = true;
+    ended_.notify_all();
+}
+
+}  // namespace ferrovane
