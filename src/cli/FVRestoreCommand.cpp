@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include <limits.h>
+#include <sys/stat.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -93,6 +94,25 @@ std::string resolved(const std::string& path) {
     }
     std::string base = buffer;
     return base == "/" && !rest.empty() ? rest : base + rest;
+}
+
+struct RestoreItem {
+    std::string from, to, root;
+};
+
+// An item whose target lies below anchor, a folder the user chose (a --to folder, or the folder
+// of a source). The copy is confined to the deepest existing folder at or above anchor, taken
+// with its links resolved as the user named it; below it no link is followed.
+RestoreItem confinedItem(std::string from, const std::string& anchor, const std::string& to) {
+    std::string existing = anchor;
+    struct stat st {};
+    while (existing != "/" && !(stat(existing.c_str(), &st) == 0 && S_ISDIR(st.st_mode)))
+        existing = FVText::deletingLastPathComponent(existing);
+    char buffer[PATH_MAX];
+    std::string root = realpath(existing.c_str(), buffer) ? std::string(buffer) : existing;
+    std::string rest = existing == "/" ? to : to.substr(existing.size());
+    std::string target = root == "/" ? (rest.empty() ? "/" : rest) : root + rest;
+    return {std::move(from), std::move(target), std::move(root)};
 }
 
 std::optional<FVVersionCatalog> openCatalog(const char* command, const std::string& destination) {
@@ -219,7 +239,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
                    shown(a.to));
         return std::nullopt;
     }
-    std::vector<std::pair<std::string, std::string>> items;  // from, to
+    std::vector<RestoreItem> items;
     if (a.all) {
         if (catalog.sources().empty()) {
             fmt::print(stderr, "ferrovane restore: the destination has no source to restore.\n");
@@ -232,7 +252,8 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
             std::string target = toFolder.empty() ? original
                                  : original == "/" ? toFolder
                                                    : (toFolder == "/" ? "" : toFolder) + original;
-            items.emplace_back(root + catalog.sourceMirrorPath(original), target);
+            std::string anchor = toFolder.empty() ? FVText::deletingLastPathComponent(original) : toFolder;
+            items.push_back(confinedItem(root + catalog.sourceMirrorPath(original), anchor, target));
         }
     } else {
         auto mirror = mirrorPathOrComplain("restore", catalog, a.what);
@@ -257,24 +278,26 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
             return std::nullopt;
         }
         std::string name = FVText::lastPathComponent(original.value_or(*mirror));
-        std::string target = toFolder.empty() ? resolved(*original) : (toFolder == "/" ? "" : toFolder) + "/" + name;
-        if (FVText::isPathWithin(target, destination)) {
-            fmt::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
-                       shown(target));
-            return std::nullopt;
-        }
-        items.emplace_back(chosen->path, target);
+        std::string target = toFolder.empty() ? *original : (toFolder == "/" ? "" : toFolder) + "/" + name;
+        std::string anchor = toFolder.empty() ? FVText::deletingLastPathComponent(*catalog.sourceHolding(*mirror))
+                                              : toFolder;
+        items.push_back(confinedItem(chosen->path, anchor, target));
     }
     std::vector<FVRestorePlan> plans;
-    for (const auto& [from, to] : items) {
+    for (const RestoreItem& item : items) {
+        if (FVText::isPathWithin(item.to, destination)) {
+            fmt::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
+                       shown(item.to));
+            return std::nullopt;
+        }
         struct stat st {};
-        if (lstat(from.c_str(), &st) != 0) {
-            fmt::print(stderr, "ferrovane restore: the destination holds no copy of {} ({}).\n", shown(to),
+        if (lstat(item.from.c_str(), &st) != 0) {
+            fmt::print(stderr, "ferrovane restore: the destination holds no copy of {} ({}).\n", shown(item.to),
                        std::strerror(errno));
             *status = kExitFailed;
             return std::nullopt;
         }
-        plans.emplace_back(destination, from, to);
+        plans.emplace_back(destination, item.from, item.to, item.root);
     }
     return plans;
 }

@@ -25,21 +25,10 @@ std::string linkText(const std::string& path) {
     return text;
 }
 
-std::string deepestRealFolderAbove(const std::string& path) {
-    std::string folder = path;
-    while (folder != "/") {
-        folder = FVText::deletingLastPathComponent(folder);
-        struct stat st {};
-        if (lstat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return folder;
-    }
-    return "/";
-}
-
 }  // namespace
 
-FVRestorePlan::FVRestorePlan(std::string destination, std::string from, std::string to)
-    : destination_(std::move(destination)), from_(std::move(from)), to_(std::move(to)) {
-    root_ = to_ == "/" ? "/" : deepestRealFolderAbove(to_);
+FVRestorePlan::FVRestorePlan(std::string destination, std::string from, std::string to, std::string root)
+    : destination_(std::move(destination)), from_(std::move(from)), to_(std::move(to)), root_(std::move(root)) {
     FVDirectoryWalker walker(from_);
     while (const FVDirectoryWalker::Entry* entry = walker.next()) {
         std::string relative(entry->relativePath());

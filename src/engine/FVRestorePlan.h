@@ -18,13 +18,14 @@ public:
         std::string reason;
     };
 
-    // from: a version inside the destination (a file or a folder); to: where it goes. Items
-    // inside the destination are neither read from its archives and configuration nor written.
-    FVRestorePlan(std::string destination, std::string from, std::string to);
+    // from: a version inside the destination (a file or a folder); to: where it goes, at or
+    // below root, an existing folder that the copy never leaves and below which it follows no
+    // symbolic link. Items inside the destination are neither read from its archives and
+    // configuration nor written.
+    FVRestorePlan(std::string destination, std::string from, std::string to, std::string root);
 
     const std::string& from() const { return from_; }
     const std::string& to() const { return to_; }
-    // The deepest existing real folder above the target: nothing at or above it is written.
     const std::string& confinementRoot() const { return root_; }
     const std::vector<std::pair<FVFileSystemItemPtr, FVFileSystemItemPtr>>& pairs() const { return pairs_; }
     const std::vector<Conflict>& conflicts() const { return conflicts_; }

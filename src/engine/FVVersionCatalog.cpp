@@ -96,7 +96,7 @@ std::optional<std::string> FVVersionCatalog::mirrorPath(const std::string& named
     return sourceMirrorPath(source) + below;
 }
 
-std::optional<std::string> FVVersionCatalog::originalPath(const std::string& mirrorPath) const {
+std::optional<std::string> FVVersionCatalog::sourceHolding(const std::string& mirrorPath) const {
     const std::string* best = nullptr;
     std::string bestMirror;
     for (const std::string& source : sources_) {
@@ -108,8 +108,14 @@ std::optional<std::string> FVVersionCatalog::originalPath(const std::string& mir
         }
     }
     if (!best) return std::nullopt;
-    std::string source = FVText::standardizedPath(*best);
-    std::string below = mirrorPath.substr(bestMirror.size());
+    return FVText::standardizedPath(*best);
+}
+
+std::optional<std::string> FVVersionCatalog::originalPath(const std::string& mirrorPath) const {
+    std::optional<std::string> holder = sourceHolding(mirrorPath);
+    if (!holder) return std::nullopt;
+    const std::string& source = *holder;
+    std::string below = mirrorPath.substr(sourceMirrorPath(source).size());
     if (source == "/") return below.empty() ? "/" : below;
     return source + below;
 }

@@ -49,7 +49,8 @@ public:
     // The mirror path of what the user names: a path inside the destination (mirror or archive),
     // or an original path below a configured source. Nothing when it is neither.
     std::optional<std::string> mirrorPath(const std::string& named) const;
-    // The original path of a mirror path, when a configured source holds it.
+    // The configured source whose mirror holds a mirror path, and the original path there.
+    std::optional<std::string> sourceHolding(const std::string& mirrorPath) const;
     std::optional<std::string> originalPath(const std::string& mirrorPath) const;
     // Newest first: the current copy, then the archived ones by the time in their stamp.
     std::vector<FVItemVersion> versions(const std::string& mirrorPath) const;
