@@ -17,6 +17,23 @@ namespace ferrovane {
 
 namespace {
 constexpr auto kProgressInterval = std::chrono::milliseconds(200);
+
+// The files of a plan that now stand at their target as the version is: the count a summary
+// can vouch for, whatever failed or was cancelled.
+uint64_t landedFiles(const FVRestorePlan& plan) {
+    uint64_t landed = 0;
+    for (const auto& [from, to] : plan.pairs()) {
+        const struct stat& version = from->statBuffer();
+        if (S_ISDIR(version.st_mode)) continue;
+        struct stat target {};
+        if (lstat(to->path().c_str(), &target) != 0 || (target.st_mode & S_IFMT) != (version.st_mode & S_IFMT)) continue;
+        if (S_ISREG(version.st_mode) &&
+            (target.st_size != version.st_size || target.st_mtim.tv_sec != version.st_mtim.tv_sec))
+            continue;
+        ++landed;
+    }
+    return landed;
+}
 }  // namespace
 
 FVRestoreRun::FVRestoreRun(const std::vector<FVRestorePlan>& plans, bool replace) : plans_(plans), replace_(replace) {}
@@ -38,20 +55,17 @@ FVRestoreRun::Summary FVRestoreRun::run(const std::string& destination, const Pr
     uint64_t total = 0, done = 0;
     for (const FVRestorePlan& plan : plans_) total += plan.pairs().size();
     Summary summary;
-    uint64_t planned = 0;
     for (const FVRestorePlan& plan : plans_) {
         log.addLogLine(fmt::format("Restoring {} to {}", plan.from(), plan.to()));
         for (const std::string& problem : plan.problems()) tell("ERROR: " + problem, true);
         summary.cancelled = !runPlan(plan, done, total, progress, interrupt);
         done += plan.pairs().size();
-        planned += plan.fileCount();
+        summary.files += landedFiles(plan);
         if (summary.cancelled) break;
     }
     summary.bytes = bytes_;
     summary.replaced = replaced_;
     summary.errors = errors_;
-    uint64_t refused = refused_;
-    summary.files = planned > refused ? planned - refused : 0;
     log.addLogLine(fmt::format("Restore {}: {} files ({}), {} replaced items moved aside, {} errors.",
                                summary.cancelled ? "cancelled" : "finished", summary.files,
                                FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)),
@@ -99,13 +113,11 @@ bool FVRestoreRun::copyWorkerWillOverwriteDestination(FVFileSystemItem& destinat
     struct stat st {};
     if (lstat(path.c_str(), &st) != 0) return true;
     if (!conflicts_.contains(path) || !replace_) {
-        refused_.fetch_add(1, std::memory_order_relaxed);
         tell(fmt::format("ERROR: Not replaced, it appeared during the restore: {}", path), true);
         return false;
     }
     FVTrash::Outcome outcome = FVTrash::moveAside(path, std::time(nullptr));
     if (!outcome.moved) {
-        refused_.fetch_add(1, std::memory_order_relaxed);
         tell(fmt::format("ERROR: Not replaced, it could not be moved aside: {} ({})", path, outcome.problem), true);
         return false;
     }
@@ -115,7 +127,8 @@ bool FVRestoreRun::copyWorkerWillOverwriteDestination(FVFileSystemItem& destinat
 }
 
 void FVRestoreRun::copyWorkerDidGenerateMessage(const std::string& message, const char* level) {
-    tell(message, std::strcmp(level, kLevelError) == 0);
+    if (std::strcmp(level, kLevelInfo) == 0) FVLog::currentLog().addLogLine(message);
+    else tell(message, std::strcmp(level, kLevelError) == 0);
 }
 
 void FVRestoreRun::copyWorkerDidFinishCopy() {

@@ -58,7 +58,6 @@ private:
     Report report_;
     std::unordered_set<std::string> conflicts_;  // targets of the item being copied
     uint64_t bytes_ = 0;
-    std::atomic<uint64_t> refused_{0};
     std::atomic<uint64_t> replaced_{0};
     std::atomic<uint64_t> errors_{0};
     std::mutex mutex_;
