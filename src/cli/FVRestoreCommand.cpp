@@ -15,6 +15,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <ctime>
@@ -249,6 +250,12 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
         std::string root = destination == "/" ? "" : destination;
         for (const std::string& source : catalog.sources()) {
             std::string original = FVText::standardizedPath(source);
+            // A source inside another comes back with the outer one, never twice.
+            bool nested = std::any_of(catalog.sources().begin(), catalog.sources().end(), [&](const std::string& other) {
+                std::string outer = FVText::standardizedPath(other);
+                return outer != original && FVText::isPathWithin(original, outer);
+            });
+            if (nested) continue;
             std::string target = toFolder.empty() ? original
                                  : original == "/" ? toFolder
                                                    : (toFolder == "/" ? "" : toFolder) + original;
@@ -360,7 +367,7 @@ int restoreMain(int argc, char** argv) {
         }
         fmt::print("Dry run: {} files ({}) would be restored, {} already identical, {} conflicts, {} errors.\n", files,
                    FVNumber::formattedDiskSizeString(static_cast<double>(bytes)), identical, conflicts, problems);
-        return conflicts + problems ? kExitFailed : kExitDone;
+        return (conflicts && !arguments->replace) || problems ? kExitFailed : kExitDone;
     }
     if (conflicts && !arguments->replace) {
         fmt::print(stderr,
