@@ -1,5 +1,7 @@
 #include "cli/FVRestoreCommand.h"
 
+#include "cli/FVJsonText.h"
+
 #include "engine/FVAdditions.h"
 #include "engine/FVRestorePlan.h"
 #include "engine/FVRestoreRun.h"
@@ -39,28 +41,6 @@ static_assert(std::atomic<bool>::is_always_lock_free);
 void onInterrupt(int) { interrupted.store(true, std::memory_order_relaxed); }
 
 std::string shown(std::string_view text) { return FVSearchText::printable(text); }
-
-// Valid UTF-8 with the JSON escapes; names that are not UTF-8 also go out as hex bytes.
-std::string jsonString(std::string_view bytes) {
-    std::string text = FVText::validUTF8(bytes);
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\') out += fmt::format("\\{}", static_cast<char>(c));
-        else if (c < 0x20 || c == 0x7f) out += fmt::format("\\u{:04x}", c);
-        else out += static_cast<char>(c);
-    }
-    return out + "\"";
-}
-
-std::string jsonPathFields(const char* key, std::string_view path) {
-    std::string out = fmt::format("\"{}\": {}", key, jsonString(path));
-    if (FVText::validUTF8(path) != path) {
-        std::string hex;
-        for (unsigned char c : path) hex += fmt::format("{:02x}", c);
-        out += fmt::format(", \"{}Hex\": \"{}\"", key, hex);
-    }
-    return out;
-}
 
 std::string utcTime(int64_t seconds, const char* format) {
     std::time_t at = static_cast<std::time_t>(seconds);
@@ -175,13 +155,13 @@ int versionsMain(int argc, char** argv) {
     std::vector<FVItemVersion> versions = catalog->versions(*mirror);
     auto original = catalog->originalPath(*mirror);
     if (json) {
-        fmt::print("{{{}, \"versions\": [", jsonPathFields("path", original.value_or(*mirror)));
+        fmt::print("{{{}, \"versions\": [", FVJsonText::pathFields("path", original.value_or(*mirror)));
         for (size_t k = 0; k < versions.size(); ++k) {
             const FVItemVersion& v = versions[k];
             fmt::print("{}\n  {{\"version\": {}, \"kind\": \"{}\", \"type\": \"{}\", \"size\": {}, "
                        "\"modified\": \"{}\", {}}}",
-                       k ? "," : "", jsonString(v.label()), versionKindName(v.kind), fileTypeName(v.type), v.size,
-                       utcTime(v.modificationTime, "%Y-%m-%dT%H:%M:%SZ"), jsonPathFields("location", v.path));
+                       k ? "," : "", FVJsonText::quoted(v.label()), versionKindName(v.kind), fileTypeName(v.type), v.size,
+                       utcTime(v.modificationTime, "%Y-%m-%dT%H:%M:%SZ"), FVJsonText::pathFields("location", v.path));
         }
         fmt::print("{}]}}\n", versions.empty() ? "" : "\n");
     } else {

@@ -145,6 +145,18 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
     EXPECT_EQ(differences(destination + "/docs/", source + "/"), "");
     EXPECT_NE(readFile(dir / "Ferrovane.log").find("starting restore from: " + destination), std::string::npos);
 
+    // Scripts get valid JSON, and the exact bytes of a name that is not UTF-8.
+    std::string readHex = "import json,sys; d=json.load(open(sys.argv[1])); d=d[0] if isinstance(d,list) else d; "
+                          "sys.stdout.buffer.write(bytes.fromhex(d['pathHex']))";
+    for (auto args : {std::vector<std::string>{"versions", destination, source + "/" + kOddName, "--json"},
+                      std::vector<std::string>{"search", destination, "ird", "--json"}}) {
+        r = ferrovane(args);
+        ASSERT_EQ(r.exitStatus, 0) << r.err;
+        writeFile(dir / "out.json", r.out);
+        auto decoded = runProcess({"/usr/bin/python3", "-c", readHex, dir / "out.json"});
+        EXPECT_TRUE(decoded.out.ends_with("docs/" + kOddName)) << r.out << decoded.err;
+    }
+
     EXPECT_EQ(ferrovane({"versions", destination, source + "/never.txt"}).exitStatus, 1);
     EXPECT_EQ(ferrovane({"versions", destination, "/elsewhere/x"}).exitStatus, 2);
     EXPECT_EQ(ferrovane({"restore", destination, source + "/a.txt", "--version", "1999"}).exitStatus, 1);
