@@ -22,7 +22,7 @@ void printUsage() {
         "  ferrovane                      open the window\n"
         "  ferrovane /path/to/destination [-noUserNotifications]\n"
         "                                 back up every source configured in the destination\n"
-        "  ferrovane search /path/to/destination <text>\n"
+        "  ferrovane search /path/to/destination <text> [--json]\n"
         "                                 list the files whose names contain every word of the\n"
         "                                 text, with all their archived versions\n"
         "  ferrovane versions /path/to/destination <path> [--json]\n"
