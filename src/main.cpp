@@ -4,6 +4,7 @@
 #include "FVVersion.h"
 #include "cli/FVCommanlineMode.h"
 #include "cli/FVConfigCommand.h"
+#include "cli/FVRestoreCommand.h"
 #include "cli/FVSearchCommand.h"
 
 #include <cstdio>
@@ -21,9 +22,16 @@ void printUsage() {
         "  ferrovane                      open the window\n"
         "  ferrovane /path/to/destination [-noUserNotifications]\n"
         "                                 back up every source configured in the destination\n"
-        "  ferrovane search /path/to/destination <text>\n"
+        "  ferrovane search /path/to/destination <text> [--json]\n"
         "                                 list the files whose names contain every word of the\n"
         "                                 text, with all their archived versions\n"
+        "  ferrovane versions /path/to/destination <path> [--json]\n"
+        "                                 list every version of a backed-up path, newest first\n"
+        "  ferrovane restore /path/to/destination <path> [--version <stamp>|current] [--to <folder>]\n"
+        "                    [--replace] [--dry-run]\n"
+        "  ferrovane restore /path/to/destination --all [--to <root>] [--replace] [--dry-run]\n"
+        "                                 copy a version, a folder or every source back; existing\n"
+        "                                 different items stop it unless --replace trashes them\n"
         "  ferrovane config /path/to/destination show | add <path> [--mode <mode>] | remove <path>\n"
         "                 | set <option> <value> | schedule daily HH:MM | weekly <weekday> HH:MM | off\n"
         "                 | confirm-empty <path>\n"
@@ -33,7 +41,9 @@ void printUsage() {
         "The destination keeps its sources and options in .ferrovane.conf in its root.\n"
         "One run at a time per destination: a second one is refused.\n"
         "Exit status: 0 after a backup without errors, 75 when another run is using the\n"
-        "destination, 255 otherwise (an option that cannot be used included).\n");
+        "destination, 255 otherwise (an option that cannot be used included). versions and\n"
+        "restore: 0 done, 1 no version, conflicts or errors (a refused restore writes nothing),\n"
+        "2 bad usage.\n");
 }
 
 }  // namespace
@@ -41,6 +51,8 @@ void printUsage() {
 int main(int argc, char** argv) {
     if (argc >= 2 && argv[1][0] == '/') return ferrovane::FVCommanlineMode::main(argc, argv);
     if (argc >= 2 && std::strcmp(argv[1], "config") == 0) return ferrovane::FVConfigCommand::main(argc, argv);
+    if (argc >= 2 && std::strcmp(argv[1], "versions") == 0) return ferrovane::FVRestoreCommand::versionsMain(argc, argv);
+    if (argc >= 2 && std::strcmp(argv[1], "restore") == 0) return ferrovane::FVRestoreCommand::restoreMain(argc, argv);
     if (argc >= 2 && std::strcmp(argv[1], "search") == 0) return ferrovane::FVSearchCommand::main(argc, argv);
     if (argc >= 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
         printUsage();

@@ -1,5 +1,7 @@
 #include "cli/FVSearchCommand.h"
 
+#include "cli/FVJsonText.h"
+
 #include "engine/FVMainQueue.h"
 #include "search/FVDestinationSearch.h"
 #include "search/FVSearchText.h"
@@ -33,7 +35,7 @@ private:
 
 void printUsage() {
     fmt::print(stderr,
-               "Usage: ferrovane search <destination> <text>\n"
+               "Usage: ferrovane search <destination> <text> [--json]\n"
                "Lists the files in the destination whose names contain every blank-separated word\n"
                "of the text (any case), each with its current copy and archived versions.\n");
 }
@@ -41,7 +43,8 @@ void printUsage() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 4) {
+    bool json = argc == 5 && std::strcmp(argv[4], "--json") == 0;
+    if (argc != 4 && !json) {
         printUsage();
         return kExitUsage;
     }
@@ -70,7 +73,17 @@ int main(int argc, char** argv) {
     loop.run();
 
     const auto& results = search->searchResults();
-    for (size_t k = 0; k < results.size(); ++k) {
+    for (size_t k = 0; k < results.size() && json; ++k) {
+        const auto& result = results[k];
+        fmt::print("{}\n  {{{}, \"versions\": [", k ? "," : "[", FVJsonText::pathFields("path", result.path));
+        for (size_t v = 0; v < result.fullpaths.size(); ++v)
+            fmt::print("{}{{\"date\": {}, {}}}", v ? ", " : "",
+                       result.timestamps[v].empty() ? "null" : FVJsonText::quoted(result.timestamps[v]),
+                       FVJsonText::pathFields("location", result.fullpaths[v]));
+        fmt::print("]}}");
+    }
+    if (json) fmt::print("{}]\n", results.empty() ? "[" : "\n");
+    for (size_t k = 0; k < results.size() && !json; ++k) {
         const auto& result = results[k];
         fmt::print("{}{}\n", k ? "\n" : "", FVSearchText::printable(result.path));
         for (size_t v = 0; v < result.fullpaths.size(); ++v) {

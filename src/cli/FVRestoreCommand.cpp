@@ -1,0 +1,383 @@
+#include "cli/FVRestoreCommand.h"
+
+#include "cli/FVJsonText.h"
+
+#include "engine/FVAdditions.h"
+#include "engine/FVRestorePlan.h"
+#include "engine/FVRestoreRun.h"
+#include "engine/FVText.h"
+#include "engine/FVVersionCatalog.h"
+#include "search/FVSearchText.h"
+
+#include <fmt/format.h>
+
+#include <limits.h>
+#include <sys/stat.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ferrovane::FVRestoreCommand {
+
+namespace {
+
+constexpr int kExitDone = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr uint64_t kProgressLineEvery = 1000;
+
+std::atomic<bool> interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+void onInterrupt(int) { interrupted.store(true, std::memory_order_relaxed); }
+
+std::string shown(std::string_view text) { return FVSearchText::printable(text); }
+
+std::string utcTime(int64_t seconds, const char* format) {
+    std::time_t at = static_cast<std::time_t>(seconds);
+    struct tm parts {};
+    gmtime_r(&at, &parts);
+    char buffer[64];
+    return std::string(buffer, std::strftime(buffer, sizeof buffer, format, &parts));
+}
+
+std::string localTime(int64_t seconds) {
+    std::time_t at = static_cast<std::time_t>(seconds);
+    struct tm parts {};
+    localtime_r(&at, &parts);
+    char buffer[64];
+    return std::string(buffer, std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S", &parts));
+}
+
+std::string absolute(const std::string& path) {
+    if (path.empty()) return path;
+    return FVText::standardizedPath(path.front() == '/' ? path : std::filesystem::current_path().string() + "/" + path);
+}
+
+// The path with its deepest existing ancestor resolved, so that two spellings of one place
+// compare equal.
+std::string resolved(const std::string& path) {
+    std::string existing = path, rest;
+    char buffer[PATH_MAX];
+    while (!realpath(existing.c_str(), buffer)) {
+        if (existing == "/") return path;
+        rest = "/" + FVText::lastPathComponent(existing) + rest;
+        existing = FVText::deletingLastPathComponent(existing);
+    }
+    std::string base = buffer;
+    return base == "/" && !rest.empty() ? rest : base + rest;
+}
+
+struct RestoreItem {
+    std::string from, to, root;
+};
+
+// An item whose target lies below anchor, a folder the user chose (a --to folder, or the folder
+// of a source). The copy is confined to the deepest existing folder at or above anchor, taken
+// with its links resolved as the user named it; below it no link is followed.
+RestoreItem confinedItem(std::string from, const std::string& anchor, const std::string& to) {
+    std::string existing = anchor;
+    struct stat st {};
+    while (existing != "/" && !(stat(existing.c_str(), &st) == 0 && S_ISDIR(st.st_mode)))
+        existing = FVText::deletingLastPathComponent(existing);
+    char buffer[PATH_MAX];
+    std::string root = realpath(existing.c_str(), buffer) ? std::string(buffer) : existing;
+    std::string rest = existing == "/" ? to : to.substr(existing.size());
+    std::string target = root == "/" ? (rest.empty() ? "/" : rest) : root + rest;
+    return {std::move(from), std::move(target), std::move(root)};
+}
+
+std::optional<FVVersionCatalog> openCatalog(const char* command, const std::string& destination) {
+    std::string problem;
+    auto catalog = FVVersionCatalog::open(resolved(absolute(destination)), &problem);
+    if (!catalog)
+        fmt::print(stderr, "ferrovane {}: cannot use the destination {}: {}\n", command, shown(destination),
+                   shown(problem));
+    return catalog;
+}
+
+std::optional<std::string> mirrorPathOrComplain(const char* command, const FVVersionCatalog& catalog,
+                                                const std::string& named) {
+    std::string path = absolute(named);
+    auto mirror = catalog.mirrorPath(path);
+    if (!mirror) mirror = catalog.mirrorPath(resolved(path));
+    if (!mirror)
+        fmt::print(stderr, "ferrovane {}: {} is neither inside the destination nor below one of its sources.\n",
+                   command, shown(named));
+    return mirror;
+}
+
+void printVersionsUsage() {
+    fmt::print(stderr,
+               "Usage: ferrovane versions <destination> <path> [--json]\n"
+               "Lists every version of the path held in the destination, newest first. The path is the\n"
+               "original path of a backed-up item or a path inside the destination.\n");
+}
+
+void printRestoreUsage() {
+    fmt::print(stderr,
+               "Usage: ferrovane restore <destination> <path> [--version <stamp>|current] [--to <folder>]\n"
+               "                         [--replace] [--dry-run]\n"
+               "       ferrovane restore <destination> --all [--to <root>] [--replace] [--dry-run]\n"
+               "Copies a version (the newest by default) back to its original place, or into the folder\n"
+               "given with --to; --all restores every source, below <root> at its full original path.\n"
+               "Existing different items stop the restore before anything is written, unless --replace\n"
+               "moves them to the trash first.\n");
+}
+
+}  // namespace
+
+int versionsMain(int argc, char** argv) {
+    std::vector<std::string> positional;
+    bool json = false, unknownOption = false;
+    for (int k = 2; k < argc; ++k) {
+        if (std::strcmp(argv[k], "--json") == 0) json = true;
+        else if (std::strncmp(argv[k], "--", 2) == 0) unknownOption = true;
+        else positional.emplace_back(argv[k]);
+    }
+    if (positional.size() != 2 || unknownOption) {
+        printVersionsUsage();
+        return kExitUsage;
+    }
+    auto catalog = openCatalog("versions", positional[0]);
+    if (!catalog) return kExitUsage;
+    auto mirror = mirrorPathOrComplain("versions", *catalog, positional[1]);
+    if (!mirror) return kExitUsage;
+    std::vector<FVItemVersion> versions = catalog->versions(*mirror);
+    auto original = catalog->originalPath(*mirror);
+    if (json) {
+        fmt::print("{{{}, \"versions\": [", FVJsonText::pathFields("path", original.value_or(*mirror)));
+        for (size_t k = 0; k < versions.size(); ++k) {
+            const FVItemVersion& v = versions[k];
+            fmt::print("{}\n  {{\"version\": {}, \"kind\": \"{}\", \"type\": \"{}\", \"size\": {}, "
+                       "\"modified\": \"{}\", {}}}",
+                       k ? "," : "", FVJsonText::quoted(v.label()), versionKindName(v.kind), fileTypeName(v.type), v.size,
+                       utcTime(v.modificationTime, "%Y-%m-%dT%H:%M:%SZ"), FVJsonText::pathFields("location", v.path));
+        }
+        fmt::print("{}]}}\n", versions.empty() ? "" : "\n");
+    } else {
+        fmt::print("{}\n", shown(original.value_or(*mirror)));
+        for (const FVItemVersion& v : versions)
+            fmt::print("  {:<26} {:<8} {:>14}  {}  {}\n", v.label(), versionKindName(v.kind),
+                       v.type == FVFileType::Directory ? std::string("folder") : fmt::format("{} bytes", v.size),
+                       localTime(v.modificationTime), shown(v.path));
+    }
+    if (versions.empty()) {
+        fmt::print(stderr, "ferrovane versions: the destination holds no version of {}.\n", shown(positional[1]));
+        return kExitFailed;
+    }
+    return kExitDone;
+}
+
+namespace {
+
+struct RestoreArguments {
+    std::string destination, what, version, to;
+    bool all = false, replace = false, dryRun = false;
+};
+
+std::optional<RestoreArguments> parseRestore(int argc, char** argv) {
+    RestoreArguments a;
+    std::vector<std::string> positional;
+    for (int k = 2; k < argc; ++k) {
+        std::string arg = argv[k];
+        auto value = [&](std::string& into) {
+            if (k + 1 >= argc) return false;
+            into = argv[++k];
+            return !into.empty();
+        };
+        if (arg == "--all") a.all = true;
+        else if (arg == "--replace") a.replace = true;
+        else if (arg == "--dry-run") a.dryRun = true;
+        else if (arg == "--version") { if (!value(a.version)) return std::nullopt; }
+        else if (arg == "--to") { if (!value(a.to)) return std::nullopt; }
+        else if (arg.starts_with("--")) return std::nullopt;
+        else positional.push_back(arg);
+    }
+    if (positional.size() != (a.all ? 1u : 2u) || (a.all && !a.version.empty())) return std::nullopt;
+    a.destination = positional[0];
+    if (!a.all) a.what = positional[1];
+    return a;
+}
+
+// The plans of what the user asked for; nothing (after saying why) when it cannot be done.
+std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a, const FVVersionCatalog& catalog,
+                                                      int* status) {
+    *status = kExitUsage;
+    const std::string& destination = catalog.destination();
+    std::string toFolder = a.to.empty() ? "" : resolved(absolute(a.to));
+    if (!toFolder.empty() && FVText::isPathWithin(toFolder, destination)) {
+        fmt::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
+                   shown(a.to));
+        return std::nullopt;
+    }
+    std::vector<RestoreItem> items;
+    if (a.all) {
+        if (catalog.sources().empty()) {
+            fmt::print(stderr, "ferrovane restore: the destination has no source to restore.\n");
+            *status = kExitFailed;
+            return std::nullopt;
+        }
+        std::string root = destination == "/" ? "" : destination;
+        for (const std::string& source : catalog.sources()) {
+            std::string original = FVText::standardizedPath(source);
+            // A source inside another comes back with the outer one, never twice.
+            bool nested = std::any_of(catalog.sources().begin(), catalog.sources().end(), [&](const std::string& other) {
+                std::string outer = FVText::standardizedPath(other);
+                return outer != original && FVText::isPathWithin(original, outer);
+            });
+            if (nested) continue;
+            std::string target = toFolder.empty() ? original
+                                 : original == "/" ? toFolder
+                                                   : (toFolder == "/" ? "" : toFolder) + original;
+            std::string anchor = toFolder.empty() ? FVText::deletingLastPathComponent(original) : toFolder;
+            items.push_back(confinedItem(root + catalog.sourceMirrorPath(original), anchor, target));
+        }
+    } else {
+        auto mirror = mirrorPathOrComplain("restore", catalog, a.what);
+        if (!mirror) return std::nullopt;
+        std::vector<FVItemVersion> versions = catalog.versions(*mirror);
+        const FVItemVersion* chosen = nullptr;
+        for (const FVItemVersion& v : versions)
+            if (a.version.empty() || v.label() == a.version) {
+                chosen = &v;
+                break;
+            }
+        if (!chosen) {
+            fmt::print(stderr, "ferrovane restore: the destination holds no {} of {}.\n",
+                       a.version.empty() ? "version" : "version " + shown(a.version), shown(a.what));
+            *status = kExitFailed;
+            return std::nullopt;
+        }
+        auto original = catalog.originalPath(*mirror);
+        if (!original && toFolder.empty()) {
+            fmt::print(stderr, "ferrovane restore: no source of the destination holds {}; name a folder with --to.\n",
+                       shown(a.what));
+            return std::nullopt;
+        }
+        std::string name = FVText::lastPathComponent(original.value_or(*mirror));
+        std::string target = toFolder.empty() ? *original : (toFolder == "/" ? "" : toFolder) + "/" + name;
+        std::string anchor = toFolder.empty() ? FVText::deletingLastPathComponent(*catalog.sourceHolding(*mirror))
+                                              : toFolder;
+        items.push_back(confinedItem(chosen->path, anchor, target));
+    }
+    std::vector<FVRestorePlan> plans;
+    for (const RestoreItem& item : items) {
+        if (FVText::isPathWithin(item.to, destination)) {
+            fmt::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
+                       shown(item.to));
+            return std::nullopt;
+        }
+        struct stat st {};
+        if (lstat(item.from.c_str(), &st) != 0) {
+            fmt::print(stderr, "ferrovane restore: the destination holds no copy of {} ({}).\n", shown(item.to),
+                       std::strerror(errno));
+            *status = kExitFailed;
+            return std::nullopt;
+        }
+        plans.emplace_back(destination, item.from, item.to, item.root);
+    }
+    return plans;
+}
+
+class ProgressLine {
+public:
+    ProgressLine() : terminal_(isatty(STDERR_FILENO)) {}
+    ~ProgressLine() {
+        if (terminal_ && shownPercent_ >= 0) fmt::print(stderr, "\n");
+    }
+    void update(uint64_t done, uint64_t total) {
+        if (total == 0) return;
+        if (terminal_) {
+            int percent = static_cast<int>(done * 100 / total);
+            if (percent == shownPercent_) return;
+            shownPercent_ = percent;
+            fmt::print(stderr, "\rRestoring: {}%", percent);
+            std::fflush(stderr);
+        } else {
+            for (; nextLine_ <= done; nextLine_ += kProgressLineEvery)
+                if (nextLine_ > 0) fmt::print(stderr, "Restored {} of {} items\n", nextLine_, total);
+        }
+    }
+
+private:
+    bool terminal_;
+    int shownPercent_ = -1;
+    uint64_t nextLine_ = 0;
+};
+
+}  // namespace
+
+int restoreMain(int argc, char** argv) {
+    auto arguments = parseRestore(argc, argv);
+    if (!arguments) {
+        printRestoreUsage();
+        return kExitUsage;
+    }
+    auto catalog = openCatalog("restore", arguments->destination);
+    if (!catalog) return kExitUsage;
+    int status = kExitUsage;
+    auto plans = planRestore(*arguments, *catalog, &status);
+    if (!plans) return status;
+
+    uint64_t files = 0, bytes = 0, conflicts = 0, identical = 0, problems = 0;
+    for (const FVRestorePlan& plan : *plans) {
+        files += plan.fileCount();
+        bytes += plan.byteCount();
+        identical += plan.identicalCount();
+        conflicts += plan.conflicts().size();
+        problems += plan.problems().size();
+        for (const FVRestorePlan::Conflict& conflict : plan.conflicts())
+            fmt::print("Conflict: {} ({})\n", shown(conflict.target), conflict.reason);
+    }
+    if (arguments->dryRun) {
+        for (const FVRestorePlan& plan : *plans) {
+            fmt::print("Would restore {} to {}\n", shown(plan.from()), shown(plan.to()));
+            for (const auto& [from, to] : plan.pairs()) fmt::print("  {}\n", shown(to->path()));
+            for (const std::string& problem : plan.problems()) fmt::print(stderr, "ERROR: {}\n", shown(problem));
+        }
+        fmt::print("Dry run: {} files ({}) would be restored, {} already identical, {} conflicts, {} errors.\n", files,
+                   FVNumber::formattedDiskSizeString(static_cast<double>(bytes)), identical, conflicts, problems);
+        return (conflicts && !arguments->replace) || problems ? kExitFailed : kExitDone;
+    }
+    if (conflicts && !arguments->replace) {
+        fmt::print(stderr,
+                   "ferrovane restore: nothing was restored: {} existing items differ from the backup. "
+                   "Restore --to another folder, or add --replace to move them to the trash first.\n",
+                   conflicts);
+        return kExitFailed;
+    }
+
+    struct sigaction action {}, previous {};
+    action.sa_handler = onInterrupt;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, &previous);
+    FVRestoreRun run(*plans, arguments->replace);
+    FVRestoreRun::Summary summary;
+    {
+        ProgressLine progress;
+        summary = run.run(
+            catalog->destination(), [&](uint64_t done, uint64_t total) { progress.update(done, total); },
+            [](const std::string& line, bool isError) {
+                fmt::print(isError ? stderr : stdout, "{}\n", shown(line));
+            },
+            interrupted);
+    }
+    sigaction(SIGINT, &previous, nullptr);
+    fmt::print("Restore {}: {} files ({}), {} already identical, {} conflicts moved aside, {} errors.\n",
+               summary.cancelled ? "cancelled" : "finished", summary.files,
+               FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), identical, summary.replaced,
+               summary.errors);
+    return summary.cancelled || summary.errors ? kExitFailed : kExitDone;
+}
+
+}  // namespace ferrovane::FVRestoreCommand

@@ -1,0 +1,49 @@
+#pragma once
+// What one restored item takes: every (version, target) pair of its tree in walk order (folders
+// before their contents), the existing target items it would replace, and the folder the copy
+// is confined to. Planning only reads; nothing is written.
+
+#include "engine/FVFileSystemItem.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace ferrovane {
+
+class FVRestorePlan {
+public:
+    struct Conflict {
+        std::string target;
+        std::string reason;
+    };
+
+    // from: a version inside the destination (a file or a folder); to: where it goes, at or
+    // below root, an existing folder that the copy never leaves and below which it follows no
+    // symbolic link. Items inside the destination are neither read from its archives and
+    // configuration nor written.
+    FVRestorePlan(std::string destination, std::string from, std::string to, std::string root);
+
+    const std::string& from() const { return from_; }
+    const std::string& to() const { return to_; }
+    const std::string& confinementRoot() const { return root_; }
+    const std::vector<std::pair<FVFileSystemItemPtr, FVFileSystemItemPtr>>& pairs() const { return pairs_; }
+    const std::vector<Conflict>& conflicts() const { return conflicts_; }
+    // Items that could not be examined, as messages.
+    const std::vector<std::string>& problems() const { return problems_; }
+    uint64_t fileCount() const { return files_; }
+    uint64_t byteCount() const { return bytes_; }
+    uint64_t identicalCount() const { return identical_; }
+
+private:
+    void add(const std::string& fromPath, const struct stat& st, const std::string& toPath);
+    bool isHousekeeping(std::string_view relative, std::string_view name) const;
+
+    std::string destination_, from_, to_, root_;
+    std::vector<std::pair<FVFileSystemItemPtr, FVFileSystemItemPtr>> pairs_;
+    std::vector<Conflict> conflicts_;
+    std::vector<std::string> problems_;
+    uint64_t files_ = 0, bytes_ = 0, identical_ = 0;
+};
+
+}  // namespace ferrovane

@@ -1,0 +1,146 @@
+#include "engine/FVRestoreRun.h"
+
+#include "FVVersion.h"
+#include "engine/FVAdditions.h"
+#include "engine/FVLog.h"
+#include "engine/FVTrash.h"
+
+#include <sys/stat.h>
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cstring>
+#include <ctime>
+
+namespace ferrovane {
+
+namespace {
+constexpr auto kProgressInterval = std::chrono::milliseconds(200);
+
+// The files of a plan that now stand at their target as the version is: the count a summary
+// can vouch for, whatever failed or was cancelled.
+uint64_t landedFiles(const FVRestorePlan& plan) {
+    uint64_t landed = 0;
+    for (const auto& [from, to] : plan.pairs()) {
+        const struct stat& version = from->statBuffer();
+        if (S_ISDIR(version.st_mode)) continue;
+        struct stat target {};
+        if (lstat(to->path().c_str(), &target) != 0 || (target.st_mode & S_IFMT) != (version.st_mode & S_IFMT)) continue;
+        if (S_ISREG(version.st_mode) &&
+            (target.st_size != version.st_size || target.st_mtim.tv_sec != version.st_mtim.tv_sec))
+            continue;
+        ++landed;
+    }
+    return landed;
+}
+}  // namespace
+
+FVRestoreRun::FVRestoreRun(const std::vector<FVRestorePlan>& plans, bool replace) : plans_(plans), replace_(replace) {}
+
+void FVRestoreRun::tell(const std::string& line, bool isError) {
+    FVLog::currentLog().addLogLine(line);
+    if (isError) errors_.fetch_add(1, std::memory_order_relaxed);
+    std::lock_guard lock(mutex_);
+    if (report_) report_(line, isError);
+}
+
+FVRestoreRun::Summary FVRestoreRun::run(const std::string& destination, const Progress& progress,
+                                        const Report& report, const std::atomic<bool>& interrupt) {
+    report_ = report;
+    FVLog& log = FVLog::currentLog();
+    log.newLog();
+    log.addLogLine(fmt::format("Ferrovane {}({}) starting restore from: {}", FERROVANE_VERSION,
+                               FERROVANE_BUILD_NUMBER, destination));
+    uint64_t total = 0, done = 0;
+    for (const FVRestorePlan& plan : plans_) total += plan.pairs().size();
+    Summary summary;
+    for (const FVRestorePlan& plan : plans_) {
+        log.addLogLine(fmt::format("Restoring {} to {}", plan.from(), plan.to()));
+        for (const std::string& problem : plan.problems()) tell("ERROR: " + problem, true);
+        summary.cancelled = !runPlan(plan, done, total, progress, interrupt);
+        done += plan.pairs().size();
+        summary.files += landedFiles(plan);
+        if (summary.cancelled) break;
+    }
+    summary.bytes = bytes_;
+    summary.replaced = replaced_;
+    summary.errors = errors_;
+    log.addLogLine(fmt::format("Restore {}: {} files ({}), {} replaced items moved aside, {} errors.",
+                               summary.cancelled ? "cancelled" : "finished", summary.files,
+                               FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)),
+                               summary.replaced, summary.errors));
+    log.closeLog();
+    return summary;
+}
+
+bool FVRestoreRun::runPlan(const FVRestorePlan& plan, uint64_t doneBefore, uint64_t total, const Progress& progress,
+                           const std::atomic<bool>& interrupt) {
+    conflicts_.clear();
+    for (const FVRestorePlan::Conflict& conflict : plan.conflicts()) conflicts_.insert(conflict.target);
+    {
+        std::lock_guard lock(mutex_);
+        finished_ = cancelled_ = false;
+    }
+    FVFileCopyWorker worker;
+    worker.setDelegate(this);
+    worker.setDestinationRoot(plan.confinementRoot());
+    worker.setSourceRoot(plan.from());
+    if (workerSetup_) workerSetup_(worker);
+    worker.startCopySession();
+    for (const auto& [from, to] : plan.pairs()) {
+        if (interrupt.load(std::memory_order_relaxed)) worker.cancel();
+        if (worker.isCancelled()) break;
+        worker.addCopyItemFromSource(from, to);
+    }
+    worker.endCopySession();
+    std::unique_lock lock(mutex_);
+    while (!ended_.wait_for(lock, kProgressInterval, [this] { return finished_ || cancelled_; })) {
+        lock.unlock();
+        if (interrupt.load(std::memory_order_relaxed)) worker.cancel();
+        if (progress) progress(doneBefore + worker.copiedFiles(), total);
+        lock.lock();
+    }
+    bool completed = finished_ && !worker.isCancelled();
+    lock.unlock();
+    bytes_ += worker.totalBytesCopied();
+    if (progress) progress(doneBefore + worker.copiedFiles(), total);
+    return completed;
+}
+
+bool FVRestoreRun::copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) {
+    const std::string& path = destination.path();
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) return true;
+    if (!conflicts_.contains(path) || !replace_) {
+        tell(fmt::format("ERROR: Not replaced, it appeared during the restore: {}", path), true);
+        return false;
+    }
+    FVTrash::Outcome outcome = FVTrash::moveAside(path, std::time(nullptr));
+    if (!outcome.moved) {
+        tell(fmt::format("ERROR: Not replaced, it could not be moved aside: {} ({})", path, outcome.problem), true);
+        return false;
+    }
+    replaced_.fetch_add(1, std::memory_order_relaxed);
+    tell(fmt::format("Moved {} {}: {}", outcome.inTrash ? "to the trash" : "aside", path, outcome.placedAt), false);
+    return true;
+}
+
+void FVRestoreRun::copyWorkerDidGenerateMessage(const std::string& message, const char* level) {
+    if (std::strcmp(level, kLevelInfo) == 0) FVLog::currentLog().addLogLine(message);
+    else tell(message, std::strcmp(level, kLevelError) == 0);
+}
+
+void FVRestoreRun::copyWorkerDidFinishCopy() {
+    std::lock_guard lock(mutex_);
+    finished_ = true;
+    ended_.notify_all();
+}
+
+void FVRestoreRun::copyWorkerDidCancel() {
+    std::lock_guard lock(mutex_);
+    cancelled_ = true;
+    ended_.notify_all();
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,67 @@
+#pragma once
+// Every version a destination holds of one path: its copy in the mirror and the copies that runs
+// moved into __changed/<stamp>/ and __removed/<stamp>/. Paths are named either as the original
+// source path or as a path inside the destination; inside, every version sits at the same path
+// relative to the mirror (the "mirror path", beginning with "/").
+
+#include "engine/FVFileSystemItem.h"
+#include "engine/FVPlist.h"
+
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ferrovane {
+
+enum class FVVersionKind { Current, Changed, Removed };
+
+struct FVItemVersion {
+    std::string stamp;  // the run's archive folder name; "" for the current copy
+    FVVersionKind kind = FVVersionKind::Current;
+    std::string path;   // where the version is inside the destination
+    FVFileType type = FVFileType::None;
+    uint64_t size = 0;
+    int64_t modificationTime = 0;
+    std::time_t stampTime = 0;
+
+    std::string label() const { return stamp.empty() ? "current" : stamp; }
+};
+
+const char* versionKindName(FVVersionKind kind);
+
+class FVVersionCatalog {
+public:
+    static constexpr const char* kChangedFolder = "__changed";
+    static constexpr const char* kRemovedFolder = "__removed";
+
+    // Reads the destination's configuration; nothing, with the reason, when it cannot be used.
+    static std::optional<FVVersionCatalog> open(const std::string& destination, std::string* problem);
+    FVVersionCatalog(std::string destination, std::vector<std::string> sources, bool syncMode);
+
+    const std::string& destination() const { return destination_; }
+    // The source items that are backed up, as configured.
+    const std::vector<std::string>& sources() const { return sources_; }
+
+    // The mirror path of a source item ("" for the source "/", mirrored at the destination).
+    std::string sourceMirrorPath(const std::string& source) const;
+    // The mirror path of what the user names: a path inside the destination (mirror or archive),
+    // or an original path below a configured source. Nothing when it is neither.
+    std::optional<std::string> mirrorPath(const std::string& named) const;
+    // The configured source whose mirror holds a mirror path, and the original path there.
+    std::optional<std::string> sourceHolding(const std::string& mirrorPath) const;
+    std::optional<std::string> originalPath(const std::string& mirrorPath) const;
+    // Newest first: the current copy, then the archived ones by the time in their stamp.
+    std::vector<FVItemVersion> versions(const std::string& mirrorPath) const;
+
+    // The time an archive folder name stands for; nothing for a name that is not a stamp.
+    static std::optional<std::time_t> stampTime(const std::string& stamp);
+
+private:
+    std::string destination_;
+    std::vector<std::string> sources_;
+    bool syncMode_;
+};
+
+}  // namespace ferrovane

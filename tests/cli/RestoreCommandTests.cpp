@@ -1,0 +1,215 @@
+// Restores through the built executable after real backup runs: every version of a file, a
+// removed folder and whole sources come back exactly; existing items are never overwritten
+// unless replaced into the trash; the copy never follows a link planted in the target tree.
+
+#include "engine/FVConfigurationFile.h"
+#include "engine/FVTrash.h"
+#include "support/ProcessRunner.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <regex>
+
+using namespace ferrovane;
+using namespace ferrovane::test;
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kOddName = "we\nird\xff.txt";
+
+class RestoreCommand : public ::testing::Test {
+protected:
+    void SetUp() override {
+        source = dir / "home/docs";
+        destination = dir / "dest";
+        makeDirs(source);
+        makeDirs(destination);
+        PlistDict options;
+        FVConfigurationFile::applyDefaultOptions(options);
+        options.set(FVOptionKey::moveChangedFiles, true);
+        ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(
+            {FVSourceItem::make(source, FVSourceMode::Backup)}, options,
+            FVConfigurationFile::formattedPath(destination)));
+    }
+
+    ProcessResult ferrovane(std::vector<std::string> args) {
+        args.insert(args.begin(), FERROVANE_EXECUTABLE);
+        return runProcess(args, {{"DISPLAY", std::nullopt},
+                                 {"FERROVANE_LOG_FILE", dir / "Ferrovane.log"},
+                                 {"XDG_DATA_HOME", dir / "data"}});
+    }
+
+    void backup() {
+        auto r = ferrovane({destination, "-noUserNotifications"});
+        ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
+    }
+
+    void writeAt(const std::string& path, std::string_view content, time_t mtime) {
+        writeFile(path, content);
+        timespec times[2] = {{mtime, 0}, {mtime, 0}};
+        utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+    }
+
+    // Three runs: a.txt in three versions, the folder old/ removed in the second and partly
+    // back in the third.
+    void threeRuns() {
+        makeDirs(source + "/keep");
+        makeDirs(source + "/old/deep");
+        writeAt(source + "/a.txt", "version one", 1'000'000);
+        writeFile(source + "/keep/b.txt", "b");
+        writeFile(source + "/old/c.txt", "c");
+        writeFile(source + "/old/deep/d.txt", "d");
+        writeFile(source + "/" + kOddName, "odd");
+        symlink("a.txt", (source + "/link").c_str());
+        backup();
+        writeAt(source + "/a.txt", "version two, longer", 2'000'000);
+        fs::remove_all(source + "/old");
+        backup();
+        writeAt(source + "/a.txt", "v3", 3'000'000);
+        makeDirs(source + "/old");
+        writeFile(source + "/old/c.txt", "c again");
+        backup();
+    }
+
+    // What rsync would still carry over; empty when the copy is exact.
+    static std::string differences(const std::string& from, const std::string& to) {
+        auto r = runProcess({"/usr/bin/rsync", "-aAXn", "--itemize-changes", from, to});
+        return r.out + r.err;
+    }
+
+    struct Listed {
+        std::string version, kind, location;
+    };
+    std::vector<Listed> versions(const std::string& path) {
+        auto r = ferrovane({"versions", destination, path, "--json"});
+        EXPECT_EQ(r.exitStatus, 0) << r.err;
+        std::vector<Listed> listed;
+        std::regex line(R"re("version": "([^"]*)", "kind": "(\w+)".*"location": "([^"]*)")re");
+        for (std::sregex_iterator it(r.out.begin(), r.out.end(), line), end; it != end; ++it)
+            listed.push_back({(*it)[1], (*it)[2], (*it)[3]});
+        return listed;
+    }
+
+    TempDir dir;
+    std::string source, destination;
+};
+
+}  // namespace
+
+TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
+    threeRuns();
+
+    std::vector<Listed> listed = versions(source + "/a.txt");
+    ASSERT_EQ(listed.size(), 3u);
+    EXPECT_EQ(listed[0].version, "current");
+    EXPECT_EQ(listed[1].kind, "changed");
+    EXPECT_GT(listed[1].version, listed[2].version) << "newest first";
+    EXPECT_EQ(versions(destination + "/docs/a.txt").size(), 3u) << "named by its place in the destination";
+    const char* contents[] = {"v3", "version two, longer", "version one"};
+    for (size_t k = 0; k < listed.size(); ++k) {
+        std::string into = dir / ("out" + std::to_string(k));
+        auto r = ferrovane({"restore", destination, source + "/a.txt", "--version", listed[k].version, "--to", into});
+        ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
+        EXPECT_EQ(readFile(into + "/a.txt"), contents[k]);
+        EXPECT_EQ(differences(listed[k].location, into + "/a.txt"), "");
+    }
+
+    // The removed folder, from the run that removed it; the newest version is the re-added one.
+    std::vector<Listed> old = versions(source + "/old");
+    ASSERT_EQ(old.size(), 2u);
+    ASSERT_EQ(old[1].kind, "removed");
+    auto r = ferrovane({"restore", destination, source + "/old", "--version", old[1].version, "--to", dir / "back"});
+    ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
+    EXPECT_EQ(readFile(dir / "back/old/deep/d.txt"), "d");
+    EXPECT_EQ(differences(old[1].location + "/", dir / "back/old/"), "");
+
+    // Everything, below a new root at the full original path, odd names and links included.
+    r = ferrovane({"restore", destination, "--all", "--to", dir / "machine"});
+    ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
+    std::string restored = dir / ("machine" + source);
+    EXPECT_EQ(readFile(restored + "/" + kOddName), "odd");
+    EXPECT_EQ(fs::read_symlink(restored + "/link"), "a.txt");
+    EXPECT_EQ(differences(destination + "/docs/", restored + "/"), "");
+
+    // The machine died: every source back at its original place.
+    fs::remove_all(dir / "home");
+    r = ferrovane({"restore", destination, "--all"});
+    ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
+    EXPECT_EQ(differences(destination + "/docs/", source + "/"), "");
+    EXPECT_NE(readFile(dir / "Ferrovane.log").find("starting restore from: " + destination), std::string::npos);
+
+    // Scripts get valid JSON, and the exact bytes of a name that is not UTF-8.
+    std::string readHex = "import json,sys; d=json.load(open(sys.argv[1])); d=d[0] if isinstance(d,list) else d; "
+                          "sys.stdout.buffer.write(bytes.fromhex(d['pathHex']))";
+    for (auto args : {std::vector<std::string>{"versions", destination, source + "/" + kOddName, "--json"},
+                      std::vector<std::string>{"search", destination, "ird", "--json"}}) {
+        r = ferrovane(args);
+        ASSERT_EQ(r.exitStatus, 0) << r.err;
+        writeFile(dir / "out.json", r.out);
+        auto decoded = runProcess({"/usr/bin/python3", "-c", readHex, dir / "out.json"});
+        EXPECT_TRUE(decoded.out.ends_with("docs/" + kOddName)) << r.out << decoded.err;
+    }
+
+    EXPECT_EQ(ferrovane({"versions", destination, source + "/never.txt"}).exitStatus, 1);
+    EXPECT_EQ(ferrovane({"versions", destination, "/elsewhere/x"}).exitStatus, 2);
+    EXPECT_EQ(ferrovane({"restore", destination, source + "/a.txt", "--version", "1999"}).exitStatus, 1);
+    EXPECT_EQ(ferrovane({"restore", destination, "--all", "--to", destination + "/inside"}).exitStatus, 2);
+    EXPECT_EQ(ferrovane({"restore", destination}).exitStatus, 2);
+    EXPECT_FALSE(exists(destination + "/inside"));
+}
+
+TEST_F(RestoreCommand, ConflictsStopEverythingUnlessReplacedIntoTheTrash) {
+    writeFile(source + "/a.txt", "backed up");
+    makeDirs(source + "/keep");
+    writeFile(source + "/keep/b.txt", "b");
+    backup();
+    writeFile(source + "/a.txt", "edited since, and longer");
+    fs::remove(source + "/keep/b.txt");
+
+    for (const char* dryRun : {"--dry-run", ""}) {
+        std::vector<std::string> args{"restore", destination, source};
+        if (*dryRun) args.push_back(dryRun);
+        auto r = ferrovane(args);
+        EXPECT_EQ(r.exitStatus, 1) << r.out << r.err;
+        EXPECT_NE(r.out.find("Conflict: " + source + "/a.txt"), std::string::npos) << r.out;
+        EXPECT_FALSE(exists(source + "/keep/b.txt")) << "nothing is written while a conflict stands";
+        EXPECT_EQ(readFile(source + "/a.txt"), "edited since, and longer");
+    }
+
+    auto r = ferrovane({"restore", destination, source, "--replace"});
+    ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
+    EXPECT_EQ(readFile(source + "/a.txt"), "backed up");
+    EXPECT_EQ(readFile(source + "/keep/b.txt"), "b");
+    std::string trash = dir / "data/Trash";
+    EXPECT_EQ(readFile(trash + "/files/a.txt"), "edited since, and longer");
+    std::string info = readFile(trash + "/info/a.txt.trashinfo");
+    EXPECT_NE(info.find("[Trash Info]\nPath=" + FVTrash::percentEncoded(source + "/a.txt") + "\nDeletionDate="),
+              std::string::npos) << info;
+
+    // Now identical: nothing moves, nothing is copied.
+    r = ferrovane({"restore", destination, source, "--replace"});
+    ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
+    EXPECT_EQ(std::distance(fs::directory_iterator(trash + "/files"), fs::directory_iterator()), 1);
+}
+
+TEST_F(RestoreCommand, LinkPlantedInTheTargetTreeIsNotFollowed) {
+    writeFile(source + "/a.txt", "secret");
+    backup();
+    std::string root = dir / "restored", outside = dir / "outside";
+    makeDirs(root);
+    makeDirs(outside);
+    // The first component of the original path below the new root leads elsewhere.
+    std::string first = source.substr(1, source.find('/', 1) - 1);
+    ASSERT_EQ(symlink(outside.c_str(), (root + "/" + first).c_str()), 0);
+
+    auto r = ferrovane({"restore", destination, "--all", "--to", root});
+    EXPECT_EQ(r.exitStatus, 1) << r.out << r.err;
+    EXPECT_TRUE(fs::is_empty(outside)) << "nothing was written through the link";
+}
