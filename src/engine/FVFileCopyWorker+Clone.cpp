@@ -345,7 +345,7 @@ void FVFileCopyWorker::Impl::cloneItem(FVFileSystemItem& source, const std::stri
         return;
     }
     if (!fresh.isReadable() && fresh.fileType() != FVFileType::SymbolicLink) {
-        sendMessage(fmt::format("ERROR: Cannot read file: {}", sourcePath), kLevelError);
+        sendMessage(fmt::format("ERROR: Cannot read file: {} ({})", sourcePath, std::strerror(EACCES)), kLevelError);
         return;
     }
     struct statvfs fs {};
