@@ -233,12 +233,11 @@ void AppController::setOptionWidgetsEnabled(bool enabled) {
 }
 
 void AppController::showNewBackupPanel() {
-    auto* panel = new QFileDialog(window_.get());
+    auto* panel = new QFileDialog(window_.get(), localized("adddestinationtitle"), QDir::homePath());
     panel->setAttribute(Qt::WA_DeleteOnClose);
     panel->setWindowModality(Qt::WindowModal);
     panel->setFileMode(QFileDialog::Directory);
     panel->setOption(QFileDialog::ShowDirsOnly);
-    panel->setWindowTitle(localized("adddestinationtitle"));
     panel->setLabelText(QFileDialog::Accept, localized("selecttargetpanelbutton"));
     connect(panel, &QFileDialog::fileSelected, this, [this](const QString& path) {
         window_->progressView()->setProgress(0);

@@ -45,7 +45,12 @@ void FVRunOutcome::save(const QString& destination) const {
     settings.setValue("errors", errors);
 }
 
-QString FVRunOutcome::stamp(const QDateTime& time) { return QLocale().toString(time, QLocale::ShortFormat); }
+// Short enough for a row: the date in the locale's short form, minutes without seconds.
+QString FVRunOutcome::stamp(const QDateTime& time) {
+    QLocale locale;
+    QString minutes = locale.timeFormat(QLocale::ShortFormat).remove(QStringLiteral(":ss"));
+    return locale.toString(time.date(), QLocale::NarrowFormat) + ' ' + locale.toString(time.time(), minutes);
+}
 
 QString FVRunOutcome::headline() const {
     const std::string when = stamp(time_).toStdString();
