@@ -35,7 +35,7 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     setObjectName("mainWindow");
     setWindowTitle("Ferrovane");
     setWindowIcon(QIcon::fromTheme("ferrovane"));
-    resize(900, 560);
+    resize(1040, 600);
 
     auto* central = new QWidget;
     auto* column = new QVBoxLayout(central);

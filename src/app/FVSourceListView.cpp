@@ -45,7 +45,7 @@ void FVSourceListView::setModel(QAbstractItemModel* model) {
     setColumnWidth(FVSourceListModel::NameColumn, 170);
     setColumnWidth(FVSourceListModel::ModeColumn, 200);
     setColumnWidth(FVSourceListModel::SizeColumn, 90);
-    setColumnWidth(FVSourceListModel::LastRunColumn, 250);
+    setColumnWidth(FVSourceListModel::LastRunColumn, 330);
     connect(model, &QAbstractItemModel::modelReset, this, &FVSourceListView::openPopups);
     connect(model, &QAbstractItemModel::rowsInserted, this, &FVSourceListView::openPopups);
     openPopups();
