@@ -507,7 +507,11 @@ void AppController::tableViewDoubleAction() {
     QList<int> rows = window_->sourceListView()->selectedRows();
     if (rows.isEmpty()) return;
     std::vector<FVSourceItemPtr> items = backupSetController_.arrangedObjects();
-    if (size_t(rows.first()) < items.size()) FVFileReveal::revealPath(qPath(items[size_t(rows.first())]->sourcePath()));
+    if (size_t(rows.first()) >= items.size()) return;
+    QPointer<FVMainWindow> window = window_.get();
+    FVFileReveal::revealPath(qPath(items[size_t(rows.first())]->sourcePath()), [window] {
+        if (window) FVAlert::show(window, "revealfailed", "revealfailedlong");
+    });
 }
 
 void AppController::showLog() {
