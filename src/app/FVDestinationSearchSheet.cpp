@@ -143,7 +143,7 @@ void FVDestinationSearchSheet::searchResultsDidChange() {
     size_t files = search_->searchResults().size();
     status_->setText(search_->matchPaths().empty() ? QString()
                      : search_->reachedMatchLimit() ? localizedFormat("searchlimitreached", search_->matchPaths().size())
-                                                    : localizedFormat("searchfilecount", files));
+                                                    : QString::fromStdString(FVStrings::formatPlural("searchfilecount", (long long)files)));
 }
 
 void FVDestinationSearchSheet::searchProgressDidChange(bool searching) {
