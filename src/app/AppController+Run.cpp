@@ -7,6 +7,7 @@
 #include "app/FVErrorPanel.h"
 #include "app/FVMainWindow.h"
 #include "app/FVQtStrings.h"
+#include "app/FVSourceListModel.h"
 #include "app/FVThinProgressBar.h"
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
@@ -14,7 +15,9 @@
 
 #include <QApplication>
 #include <QComboBox>
+#include <QLabel>
 #include <QPushButton>
+#include <QSettings>
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -24,6 +27,9 @@
 namespace ferrovane {
 
 namespace {
+
+// Set on a source whose folder was emptied on purpose: the next run may empty its mirror.
+constexpr const char* kEmptySourceConfirmedKey = "emptySourceConfirmed";
 
 // The destination's own volume files, archives and configuration, kept when "/" is mirrored.
 const std::vector<std::string> kRootCloneProtectedPaths = {
@@ -186,7 +192,8 @@ void AppController::handleProgress() {
     cover->setProgress(percent);
     cover->setMessage(QString::fromStdString(backupSession_->currentTaskDescription()));
     FVSyncingBackup* job = backupSession_->syncingBackup();
-    cover->setDetailMessage(localizedFormat("viewbackupprogressnumdetail", job ? job->currentUpdateCount() : 0));
+    cover->setDetailMessage(QString::fromStdString(
+        FVStrings::formatPlural("viewbackupprogressnumdetail", job ? (long long)job->currentUpdateCount() : 0)));
     cover->setSmallMessage({});
     window_->progressView()->setProgress(percent);
 }
@@ -197,8 +204,47 @@ void AppController::notifyUnlessActive(const FVUserNotification& notification) {
 
 void AppController::showErrorPanel(const std::vector<std::string>& errors) {
     auto* panel = new FVErrorPanel(window_.get(), errors);
-    connect(panel, &QDialog::finished, this, [this] { window_->coverView()->openViewDelayedBy(0.5); });
+    connect(panel, &FVErrorPanel::emptiedSourceConfirmationRequested, this, &AppController::confirmEmptiedSource);
+    connect(panel, &QDialog::finished, this, [this] {
+        if (!currentTargetPath_.empty()) window_->coverView()->openViewDelayedBy(0.5);
+    });
     panel->open();
+}
+
+void AppController::showLastRunErrors() {
+    if (!runOutcome_.errors().empty() && !backupIsRunning_) showErrorPanel(runOutcome_.errors());
+}
+
+void AppController::confirmEmptiedSource(const QString& sourcePath) {
+    FVSourceItemPtr source;
+    for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
+        if (qPath(item->sourcePath()) == sourcePath) source = item;
+    if (!source || backupIsRunning_) return;
+    QMessageBox* box = FVAlert::ask(window_.get(), "confirmempty", "confirmemptylong", "cancelbuttontitle", "confirmemptyaction",
+                                    [this, source](bool confirmed) {
+                                        if (!confirmed || backupIsRunning_) return;
+                                        source->setValue(kEmptySourceConfirmedKey, true);
+                                        writeSettings();
+                                    });
+    box->setText(localizedFormat("confirmempty", FVText::lastPathComponent(source->sourcePath())));
+    box->setInformativeText(localizedFormat("confirmemptylong", source->sourcePath()));
+}
+
+void AppController::setRunOutcome(FVRunOutcome outcome) {
+    runOutcome_ = std::move(outcome);
+    sourceModel_->setRunOutcome(runOutcome_);
+    const bool known = !currentTargetPath_.empty();
+    window_->lastRunLine()->setText(known ? runOutcome_.headline() : QString());
+    const bool hasErrors = known && !runOutcome_.errors().empty();
+    window_->showErrorsButton()->setVisible(hasErrors);
+    window_->showErrorsAction()->setEnabled(hasErrors);
+}
+
+// Kept until the next run, also across starts.
+void AppController::recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors) {
+    FVRunOutcome outcome(state, QDateTime::currentDateTime(), errors);
+    outcome.save(qPath(currentTargetPath_));
+    setRunOutcome(std::move(outcome));
 }
 
 void AppController::resumeSizeEvaluation() {
@@ -220,6 +266,9 @@ void AppController::handleCancel() {
     setOptionWidgetsEnabled(true);
 
     std::vector<std::string> errors = backupSession_->errorMessages();
+    FVSyncingBackup* job = backupSession_->syncingBackup();
+    const long long copied = job ? job->currentUpdateCount() : 0;
+    recordRunOutcome(FVRunOutcome::State::Stopped, errors);
     FVUserNotification notification{"Sync canceled: " + FVText::lastPathComponent(currentTargetPath_), "", ""};
     if (!errors.empty()) notification.subtitle = fmt::format("{} Errors occurred, please check log.", errors.size());
     notifyUnlessActive(notification);
@@ -235,14 +284,22 @@ void AppController::handleCancel() {
     if (!errors.empty()) {
         showErrorPanel(errors);
     } else {
-        QMessageBox* box = FVAlert::show(window_.get(), "cancelalert", "cancelalertlong", QMessageBox::Critical,
+        // The run has already stopped: this tells what is left, it asks nothing.
+        QMessageBox* box = FVAlert::show(window_.get(), "cancelalert", "cancelalertlong", QMessageBox::Information,
                                          [this] { window_->coverView()->openView(); });
+        box->setInformativeText(copied == 0 ? localized("cancelalertnone")
+                                            : QString::fromStdString(FVStrings::formatPlural("cancelalertlong", copied)));
         box->raise();
     }
     finishRunAndMaybeClose();
 }
 
 void AppController::handleFinish() {
+    // A stop that came too late to interrupt the last step is still a stop for the user.
+    if (cancelling_) {
+        handleCancel();
+        return;
+    }
     writeSettings();
     runLock_.release();
     backupIsRunning_ = false;
@@ -258,9 +315,16 @@ void AppController::handleFinish() {
     FVSyncingBackup* job = backupSession_->syncingBackup();
     std::string duration = job ? job->currentDurationString() : "";
 
+    std::vector<std::string> errors = backupSession_->errorMessages();
+    recordRunOutcome(FVRunOutcome::State::Finished, errors);
+    QSettings().setValue("backupCompleted", true);
+
     FVCoverView* cover = window_->coverView();
     cover->clearMessages();
-    cover->setMessage(localizedFormat("viewbackupfinished", updated, share));
+    if (errors.empty())
+        cover->setMessage(QString::fromStdString(FVStrings::formatPlural("viewbackupfinished", updated, share)));
+    else
+        cover->setMessage(QString::fromStdString(FVStrings::formatPlural("viewbackupfinishederrors", (long long)errors.size(), updated)));
     cover->setDetailMessage(localizedFormat("backupduration", duration));
     cover->setProgress(-1);
     window_->progressView()->setProgress(0);
@@ -268,7 +332,6 @@ void AppController::handleFinish() {
     window_->startButton()->setEnabled(true);
     updateSizeDisplay();
 
-    std::vector<std::string> errors = backupSession_->errorMessages();
     FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(currentTargetPath_),
                                     fmt::format("Changed: {:.1f}% Duration: {}", share, duration), ""};
     if (!errors.empty()) notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());

@@ -23,6 +23,8 @@
 #include <QFileDialog>
 #include <QFileIconProvider>
 #include <QFileInfo>
+#include <QDir>
+#include <QHash>
 #include <QLabel>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -74,7 +76,16 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
     connect(w->startButton(), &QPushButton::clicked, this, &AppController::startOrCancelSync);
     connect(w->optionsButton(), &QPushButton::clicked, this, &AppController::showOptionsPanel);
     connect(w->searchButton(), &QPushButton::clicked, this, &AppController::showSearchBackupPanel);
-    connect(w->addSourceButton(), &QToolButton::clicked, this, &AppController::addSourcePath);
+    connect(w->addFoldersAction(), &QAction::triggered, this, &AppController::addSourceFolders);
+    connect(w->addFilesAction(), &QAction::triggered, this, &AppController::addSourceFiles);
+    connect(w->backUpNowAction(), &QAction::triggered, this, [this] {
+        if (!backupIsRunning_ && !starting_ && window_->startButton()->isEnabled()) startOrCancelSync();
+    });
+    connect(w->stopAction(), &QAction::triggered, this, [this] {
+        if (starting_ || (backupIsRunning_ && !cancelling_)) startOrCancelSync();
+    });
+    connect(w->showErrorsAction(), &QAction::triggered, this, &AppController::showLastRunErrors);
+    connect(w->aboutAction(), &QAction::triggered, this, &AppController::showAbout);
     connect(w->removeSourceButton(), &QToolButton::clicked, this, &AppController::removeSelectedSources);
     connect(w->sourceListView(), &FVSourceListView::removeRequested, this, &AppController::removeSelectedSources);
     connect(w->sourceListView(), &QAbstractItemView::doubleClicked, this, &AppController::tableViewDoubleAction);
@@ -98,7 +109,10 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
                     writeSettingsIfOpen();
             });
     connect(w->coverView(), &FVCoverView::coverStateChanged, this,
-            [this] { sourceModel_->setAcceptsDrops(window_->coverView()->isFullyHidden()); });
+            [this] {
+                sourceModel_->setAcceptsDrops(window_->coverView()->isFullyHidden());
+                addPendingSourcePaths();
+            });
     connect(w, &FVMainWindow::becameActive, this, [this] {
         if (!coverViewShouldOpenOnBecomeMain_) return;
         coverViewShouldOpenOnBecomeMain_ = false;
@@ -127,7 +141,10 @@ void AppController::initialiseApplication() {
     window_->raise();
     window_->activateWindow();
     QSettings settings;
-    if (!settings.value("suppressDonationRequest").toBool()) {
+    // Never before the first backup, and not at all without a page to donate on.
+    const QString donationAddress = FERROVANE_DONATION_URL;
+    if (!donationAddress.isEmpty() && settings.value("backupCompleted").toBool() &&
+        !settings.value("suppressDonationRequest").toBool()) {
         auto* box = new QMessageBox(window_.get());
         box->setObjectName("alert-donationText");
         box->setAttribute(Qt::WA_DeleteOnClose);
@@ -135,18 +152,32 @@ void AppController::initialiseApplication() {
         box->setIcon(QMessageBox::Information);
         box->setText(localized("donationText"));
         box->setInformativeText(localized("donationInformativeText"));
-        const QString donationAddress = FERROVANE_DONATION_URL;
-        QPushButton* donate = donationAddress.isEmpty() ? nullptr : box->addButton(localized("donationDonate"), QMessageBox::AcceptRole);
+        QPushButton* donate = box->addButton(localized("donationDonate"), QMessageBox::AcceptRole);
         box->addButton(localized("donationLater"), QMessageBox::RejectRole);
         QPushButton* done = box->addButton(localized("donationDone"), QMessageBox::DestructiveRole);
         connect(box, &QMessageBox::finished, box, [box, donate, done, donationAddress] {
-            if (donate && box->clickedButton() == donate) QDesktopServices::openUrl(QUrl(donationAddress));
+            if (box->clickedButton() == donate) QDesktopServices::openUrl(QUrl(donationAddress));
             if (box->clickedButton() == done) QSettings().setValue("suppressDonationRequest", true);
         });
         box->open();
     }
     if (!settings.value("disableUpdateCheck").toBool()) checkForUpdates();
     openRecentTargetPath();
+}
+
+void AppController::activateFromAnotherStart(const QStringList& paths) {
+    if (window_->isMinimized()) window_->showNormal();
+    window_->show();
+    window_->raise();
+    window_->activateWindow();
+    // Taken as sources once a destination is open and no run is under way.
+    pendingSourcePaths_ << paths;
+    addPendingSourcePaths();
+}
+
+void AppController::addPendingSourcePaths() {
+    if (pendingSourcePaths_.isEmpty() || !window_->coverView()->isFullyHidden() || backupIsRunning_) return;
+    addSourcePaths(std::exchange(pendingSourcePaths_, {}), 0);
 }
 
 void AppController::checkForUpdates() {
@@ -170,8 +201,12 @@ void AppController::checkForUpdates() {
 void AppController::reloadTargetPopup() {
     QComboBox* popup = window_->targetPopup();
     popup->clear();
+    QHash<QString, int> nameCounts;
+    for (const FVDestination& entry : destinations_.entries()) ++nameCounts[QFileInfo(entry.targetPath).fileName()];
     for (const FVDestination& entry : destinations_.entries()) {
         QString name = QFileInfo(entry.targetPath).fileName();
+        // Two disks both called "Backup" are told apart by where they are.
+        if (nameCounts.value(name) > 1) name = localizedFormat("destinationwithpath", stdPath(name), stdPath(entry.targetPath));
         popup->addItem(QFileIconProvider().icon(QFileInfo(entry.targetPath)), name.isEmpty() ? entry.targetPath : name);
         popup->setItemData(popup->count() - 1, entry.targetPath, Qt::ToolTipRole);
     }
@@ -198,7 +233,7 @@ void AppController::setOptionWidgetsEnabled(bool enabled) {
 }
 
 void AppController::showNewBackupPanel() {
-    auto* panel = new QFileDialog(window_.get());
+    auto* panel = new QFileDialog(window_.get(), localized("adddestinationtitle"), QDir::homePath());
     panel->setAttribute(Qt::WA_DeleteOnClose);
     panel->setWindowModality(Qt::WindowModal);
     panel->setFileMode(QFileDialog::Directory);
@@ -239,15 +274,24 @@ void AppController::performTargetMenuSelection(int index) {
         cover->scrollIn([this] { performSelectTargetMenuItem(); });
         return;
     }
-    FVAlert::ask(window_.get(), "removetarget", "removetargetlong", "keepbutton", "removebutton", [this](bool remove) {
-        if (remove) {
-            removeSelectedDestinationAndUpdateForSelectedItem();
-            return;
-        }
-        resetInterface();
-        setOptionWidgetsEnabled(false);
-        currentTargetPath_.clear();
-        openRecentTargetPath();
+    // The question is about the new destination: nothing of the one before stays in view.
+    currentTargetPath_.clear();
+    backupSetController_.removeAllItems();
+    setRunOutcome({});
+    window_->destinationIcon()->setPixmap(noDestinationIcon(window_.get()));
+    window_->progressInfo()->clear();
+    setOptionWidgetsEnabled(false);
+    cover->scrollIn([this] {
+        FVAlert::ask(window_.get(), "removetarget", "removetargetlong", "keepbutton", "removebutton", [this](bool remove) {
+            if (remove) {
+                removeSelectedDestinationAndUpdateForSelectedItem();
+                return;
+            }
+            resetInterface();
+            setOptionWidgetsEnabled(false);
+            currentTargetPath_.clear();
+            openRecentTargetPath();
+        });
     });
 }
 
@@ -265,6 +309,7 @@ void AppController::showDestinationUnusable(const char* messageKey) {
     cover->scrollIn();
     // Nothing of a destination that cannot be used stays behind the cover, nor is measured.
     backupSetController_.removeAllItems();
+    setRunOutcome({});
     window_->destinationIcon()->setPixmap(noDestinationIcon(window_.get()));
     window_->progressInfo()->clear();
     window_->startButton()->setEnabled(false);
@@ -275,6 +320,7 @@ void AppController::openRecentTargetPath() {
     FVCoverView* cover = window_->coverView();
     if (destinations_.isEmpty()) {
         currentTargetPath_.clear();
+        setRunOutcome({});
         window_->destinationIcon()->clear();
         window_->progressInfo()->clear();
         cover->clearMessages();
@@ -305,6 +351,7 @@ void AppController::openRecentTargetPath() {
         return;
     }
     updateSizeDisplay();
+    setRunOutcome(FVRunOutcome::load(qPath(currentTargetPath_)));
     QString uuid = QString::fromStdString(optionsPanelController_.uuid());
     if (!uuid.isEmpty() && destinations_.at(index).uuid != uuid) {
         destinations_.setUUID(index, uuid);
@@ -384,6 +431,13 @@ void AppController::writeSettings() {
     FVConfigurationFile::writeSettingsForSourceConfiguration(backupSetController_.arrangedObjects(),
                                                              *optionsPanelController_.allOptions(),
                                                              FVConfigurationFile::formattedPath(currentTargetPath_));
+    measureAfterWrite();
+}
+
+void AppController::measureAfterWrite() {
+    // The write leaves no measured size in the items; a run measures again once it has ended.
+    if (backupIsRunning_ || backupSetController_.count() == 0) return;
+    backupSetController_.measureMissingSizes();
 }
 
 void AppController::writeSettingsIfOpen() {
@@ -410,8 +464,25 @@ void AppController::updateSummaryLine() {
 
 // ---- Sources
 
-void AppController::addSourcePath() {
-    auto* panel = new QFileDialog(window_.get());
+void AppController::addSourceFolders() {
+    auto* panel = new QFileDialog(window_.get(), localized("addfolderstitle"), QDir::homePath());
+    panel->setObjectName("addFoldersDialog");
+    panel->setAttribute(Qt::WA_DeleteOnClose);
+    panel->setWindowModality(Qt::WindowModal);
+    panel->setFileMode(QFileDialog::Directory);
+    panel->setOptions(QFileDialog::ShowDirsOnly | QFileDialog::DontUseNativeDialog);
+    panel->setLabelText(QFileDialog::Accept, localized("addsourcebutton"));
+    // Several folders at once: the dialog's own views allow it once asked to.
+    for (QAbstractItemView* view : panel->findChildren<QAbstractItemView*>())
+        if (view->objectName() == "listView" || view->objectName() == "treeView")
+            view->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    connect(panel, &QFileDialog::filesSelected, this, [this](const QStringList& paths) { addSourcePaths(paths, 0); });
+    panel->open();
+}
+
+void AppController::addSourceFiles() {
+    auto* panel = new QFileDialog(window_.get(), localized("addfilestitle"), QDir::homePath());
+    panel->setObjectName("addFilesDialog");
     panel->setAttribute(Qt::WA_DeleteOnClose);
     panel->setWindowModality(Qt::WindowModal);
     panel->setFileMode(QFileDialog::ExistingFiles);
@@ -436,12 +507,35 @@ void AppController::tableViewDoubleAction() {
     QList<int> rows = window_->sourceListView()->selectedRows();
     if (rows.isEmpty()) return;
     std::vector<FVSourceItemPtr> items = backupSetController_.arrangedObjects();
-    if (size_t(rows.first()) < items.size()) FVFileReveal::revealPath(qPath(items[size_t(rows.first())]->sourcePath()));
+    if (size_t(rows.first()) >= items.size()) return;
+    QPointer<FVMainWindow> window = window_.get();
+    FVFileReveal::revealPath(qPath(items[size_t(rows.first())]->sourcePath()), [window] {
+        if (window) FVAlert::show(window, "revealfailed", "revealfailedlong");
+    });
 }
 
 void AppController::showLog() {
     QString path = qPath(FVLog::logFilePath());
-    if (QFileInfo::exists(path)) QDesktopServices::openUrl(QUrl::fromLocalFile(path));
+    if (QFileInfo::exists(path) && QDesktopServices::openUrl(QUrl::fromLocalFile(path))) return;
+    QMessageBox* box = FVAlert::show(window_.get(), "logopenfailed", "logopenfailedlong");
+    box->setInformativeText(localizedFormat("logopenfailedlong", stdPath(path)));
+}
+
+void AppController::showAbout() {
+    auto* box = new QMessageBox(window_.get());
+    box->setObjectName("aboutBox");
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->setWindowTitle(localized("abouttitle"));
+    box->setIconPixmap(QApplication::windowIcon().pixmap(64, 64));
+    box->setText(localizedFormat("abouttext", QApplication::applicationVersion().toStdString()));
+    box->setInformativeText(localizedFormat("aboutinformative", FVLog::logFilePath()));
+    box->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    QPushButton* openLog = box->addButton(localized("aboutopenlog"), QMessageBox::ActionRole);
+    box->addButton(localized("closebutton"), QMessageBox::AcceptRole);
+    connect(box, &QMessageBox::finished, this, [this, box, openLog] {
+        if (box->clickedButton() == openLog) showLog();
+    });
+    box->open();
 }
 
 // ---- Sheets
@@ -463,7 +557,7 @@ void AppController::updateAutomationsAfterOptions() {
     writeSettingsIfOpen();
     if (!scheduled) {
         QMessageBox* box = FVAlert::show(window_.get(), "automationfailed", "automationfailedlong");
-        box->setInformativeText(localized("automationfailedlong") + "\n\n" + QString::fromStdString(error));
+        box->setInformativeText(localizedFormat("automationfailedreason", error));
     }
 }
 

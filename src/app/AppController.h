@@ -5,6 +5,7 @@
 
 #include "app/FVDestinationList.h"
 #include "app/FVQtMainQueue.h"
+#include "app/FVRunOutcome.h"
 #include "backupset/BackupSetController.h"
 #include "engine/FVBackupSession.h"
 #include "engine/FVDestinationLock.h"
@@ -15,6 +16,7 @@
 
 #include <QObject>
 #include <QPointer>
+#include <QStringList>
 
 #include <atomic>
 #include <memory>
@@ -48,10 +50,14 @@ public:
     const std::string& currentTargetPath() const { return currentTargetPath_; }
     FVBackupSession* backupSession() const { return backupSession_.get(); }
     bool isBackupRunning() const { return backupIsRunning_; }
+    const FVRunOutcome& runOutcome() const { return runOutcome_; }
 
     // Start-up: shows the window, asks for a donation unless suppressed, checks for updates
     // when an address is configured, opens the destination selected last.
     void initialiseApplication();
+    // Another start of the program handed over its paths: the window comes forward and takes
+    // them as sources, unless no destination is open.
+    void activateFromAnotherStart(const QStringList& paths);
 
     // Destinations.
     void showNewBackupPanel();
@@ -61,7 +67,8 @@ public:
     void openRecentTargetPath();
 
     // Sources.
-    void addSourcePath();
+    void addSourceFolders();
+    void addSourceFiles();
     void addSourcePaths(const QStringList& paths, int index);
     void removeSelectedSources();
     void tableViewDoubleAction();
@@ -72,6 +79,8 @@ public:
     void showOptionsPanel();
     void showSearchBackupPanel();
     void showLog();
+    void showLastRunErrors();
+    void showAbout();
 
     void readSettings();
     void writeSettings();
@@ -108,6 +117,11 @@ private:
     void handleCancel();
     void handleFinish();
     void showErrorPanel(const std::vector<std::string>& errors);
+    void confirmEmptiedSource(const QString& sourcePath);
+    void setRunOutcome(FVRunOutcome outcome);
+    void recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors);
+    void measureAfterWrite();
+    void addPendingSourcePaths();
     void notifyUnlessActive(const FVUserNotification& notification);
     void resumeSizeEvaluation();
     void finishRunAndMaybeClose();
@@ -125,6 +139,8 @@ private:
     std::unique_ptr<FVSourceListModel> sourceModel_;
     std::unique_ptr<FVMainWindow> window_;
 
+    FVRunOutcome runOutcome_;
+    QStringList pendingSourcePaths_;
     std::unique_ptr<FVBackupSession> backupSession_;
     // Held from the start checks until the run's outcome is written.
     FVDestinationLock runLock_;

@@ -1,8 +1,10 @@
 #include "app/FVDestinationSearchSheet.h"
 
+#include "app/FVAlert.h"
 #include "app/FVFileReveal.h"
 #include "app/FVQtStrings.h"
 
+#include <QPointer>
 #include <QComboBox>
 #include <QDialogButtonBox>
 #include <QFileIconProvider>
@@ -141,7 +143,7 @@ void FVDestinationSearchSheet::searchResultsDidChange() {
     size_t files = search_->searchResults().size();
     status_->setText(search_->matchPaths().empty() ? QString()
                      : search_->reachedMatchLimit() ? localizedFormat("searchlimitreached", search_->matchPaths().size())
-                                                    : localizedFormat("searchfilecount", files));
+                                                    : QString::fromStdString(FVStrings::formatPlural("searchfilecount", (long long)files)));
 }
 
 void FVDestinationSearchSheet::searchProgressDidChange(bool searching) {
@@ -171,7 +173,11 @@ void FVDestinationSearchSheet::versionChosen(int versionIndex) {
 
 void FVDestinationSearchSheet::revealCurrent() {
     QString path = selectedVersionPath(results_->currentIndex().row());
-    if (!path.isEmpty()) FVFileReveal::revealPath(path);
+    if (path.isEmpty()) return;
+    QPointer<QWidget> sheet = this;
+    FVFileReveal::revealPath(path, [sheet] {
+        if (sheet) FVAlert::show(sheet, "revealfailed", "revealfailedlong");
+    });
 }
 
 }  // namespace ferrovane

@@ -18,7 +18,7 @@ FVErrorPanel::FVErrorPanel(QWidget* window, const std::vector<std::string>& erro
     setWindowTitle(localized("errorpaneltitle"));
     resize(620, 360);
 
-    auto* heading = new QLabel(localizedFormat("errorpanelmessage", errors.size()));
+    auto* heading = new QLabel(QString::fromStdString(FVStrings::formatPlural("errorpanelmessage", (long long)errors.size())));
     QFont bold = heading->font();
     bold.setBold(true);
     heading->setFont(bold);
@@ -28,6 +28,17 @@ FVErrorPanel::FVErrorPanel(QWidget* window, const std::vector<std::string>& erro
     text_->setPlainText(joined);
 
     auto* buttons = new QDialogButtonBox;
+    QStringList emptied;
+    for (const std::string& error : errors) {
+        QString source = emptiedSourceIn(error);
+        if (!source.isEmpty() && !emptied.contains(source)) emptied << source;
+    }
+    for (const QString& source : emptied) {
+        QPushButton* confirm = buttons->addButton(localized("confirmemptybutton"), QDialogButtonBox::ActionRole);
+        confirm->setObjectName("confirmEmptyButton");
+        confirm->setToolTip(source);
+        connect(confirm, &QPushButton::clicked, this, [this, source] { emit emptiedSourceConfirmationRequested(source); });
+    }
     buttons->addButton(localized("closebutton"), QDialogButtonBox::AcceptRole);
     connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
 
@@ -35,6 +46,18 @@ FVErrorPanel::FVErrorPanel(QWidget* window, const std::vector<std::string>& erro
     layout->addWidget(heading);
     layout->addWidget(text_, 1);
     layout->addWidget(buttons);
+}
+
+QString FVErrorPanel::emptiedSourceIn(const std::string& error) {
+    static const std::string refusal = "Not removing the contents of ";
+    static const std::string before = ": its source ";
+    static const std::string after = " is empty";
+    if (error.find(refusal) == std::string::npos) return {};
+    size_t start = error.rfind(before);
+    size_t end = error.rfind(after);
+    if (start == std::string::npos || end == std::string::npos || end <= start + before.size()) return {};
+    start += before.size();
+    return qPath(error.substr(start, end - start));
 }
 
 QString FVErrorPanel::text() const { return text_->toPlainText(); }

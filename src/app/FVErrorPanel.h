@@ -15,6 +15,12 @@ class FVErrorPanel : public QDialog {
 public:
     FVErrorPanel(QWidget* window, const std::vector<std::string>& errors);
     QString text() const;
+    // The source named by a "its source … is empty" refusal of the cleanup, or an empty string.
+    static QString emptiedSourceIn(const std::string& error);
+
+signals:
+    // The user wants the mirror of this source emptied, as its folder was.
+    void emptiedSourceConfirmationRequested(const QString& sourcePath);
 
 private:
     QPlainTextEdit* text_;

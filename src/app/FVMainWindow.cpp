@@ -35,7 +35,7 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     setObjectName("mainWindow");
     setWindowTitle("Ferrovane");
     setWindowIcon(QIcon::fromTheme("ferrovane"));
-    resize(900, 560);
+    resize(1040, 600);
 
     auto* central = new QWidget;
     auto* column = new QVBoxLayout(central);
@@ -104,25 +104,57 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     summaryLine_ = new QLabel;
     summaryLine_->setObjectName("summaryLine");
     summaryLine_->setForegroundRole(QPalette::PlaceholderText);
+    lastRunLine_ = new QLabel;
+    lastRunLine_->setObjectName("lastRunLine");
+    lastRunLine_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    showErrorsButton_ = new QPushButton(localized("showerrorsbutton"));
+    showErrorsButton_->setObjectName("showErrorsButton");
+    showErrorsButton_->setVisible(false);
     bottom->addWidget(addSourceButton_);
     bottom->addWidget(removeSourceButton_);
     bottom->addSpacing(8);
     bottom->addWidget(summaryLine_, 1);
+    bottom->addWidget(lastRunLine_);
+    bottom->addWidget(showErrorsButton_);
     column->addLayout(bottom);
     setCentralWidget(central);
+
+    // "+" offers folders and files apart: one file dialog cannot choose both at once.
+    auto* addMenu = new QMenu(addSourceButton_);
+    addFoldersAction_ = addMenu->addAction(localized("menuaddfolders"));
+    addFoldersAction_->setObjectName("addFoldersAction");
+    addFilesAction_ = addMenu->addAction(localized("menuaddfiles"));
+    addFilesAction_->setObjectName("addFilesAction");
+    addSourceButton_->setMenu(addMenu);
+    addSourceButton_->setPopupMode(QToolButton::InstantPopup);
+    addSourceButton_->setFixedWidth(40);
 
     QMenu* file = menuBar()->addMenu(localized("menufile"));
     file->addAction(localized("menuadddestination"), addTargetButton_, &QToolButton::click);
     file->addAction(localized("menuremovedestination"), removeTargetButton_, &QToolButton::click);
-    file->addAction(localized("menuaddsources"), addSourceButton_, &QToolButton::click);
+    file->addAction(addFoldersAction_);
+    file->addAction(addFilesAction_);
+    file->addSeparator();
+    backUpNowAction_ = file->addAction(localized("menubackupnow"));
+    backUpNowAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_B));
+    stopAction_ = file->addAction(localized("menustop"));
+    stopAction_->setShortcuts({QKeySequence(Qt::Key_Escape), QKeySequence(Qt::CTRL | Qt::Key_Period)});
     file->addSeparator();
     file->addAction(localized("menuoptions"), optionsButton_, &QPushButton::click);
-    file->addAction(localized("menusearch"), searchButton_, &QPushButton::click);
+    QAction* search = file->addAction(localized("menusearch"), searchButton_, &QPushButton::click);
+    search->setShortcut(QKeySequence::Find);
+    showErrorsAction_ = file->addAction(localized("menushowerrors"));
+    showErrorsAction_->setEnabled(false);
+    connect(showErrorsButton_, &QPushButton::clicked, showErrorsAction_, &QAction::trigger);
     showLogAction_ = file->addAction(localized("menushowlog"));
     file->addSeparator();
     quitAction_ = file->addAction(localized("menuquit"));
     quitAction_->setShortcut(QKeySequence::Quit);
     connect(quitAction_, &QAction::triggered, this, &QWidget::close);
+
+    QMenu* help = menuBar()->addMenu(localized("menuhelp"));
+    aboutAction_ = help->addAction(localized("menuabout"));
+    aboutAction_->setMenuRole(QAction::AboutRole);
 }
 
 void FVMainWindow::setSourceModel(FVSourceListModel* model) {

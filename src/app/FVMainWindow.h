@@ -45,6 +45,14 @@ public:
     QToolButton* addSourceButton() const { return addSourceButton_; }
     QToolButton* removeSourceButton() const { return removeSourceButton_; }
     QLabel* summaryLine() const { return summaryLine_; }
+    QLabel* lastRunLine() const { return lastRunLine_; }
+    QPushButton* showErrorsButton() const { return showErrorsButton_; }
+    QAction* addFoldersAction() const { return addFoldersAction_; }
+    QAction* addFilesAction() const { return addFilesAction_; }
+    QAction* backUpNowAction() const { return backUpNowAction_; }
+    QAction* stopAction() const { return stopAction_; }
+    QAction* showErrorsAction() const { return showErrorsAction_; }
+    QAction* aboutAction() const { return aboutAction_; }
     QAction* showLogAction() const { return showLogAction_; }
     QAction* quitAction() const { return quitAction_; }
 
@@ -75,6 +83,14 @@ private:
     QToolButton* addSourceButton_;
     QToolButton* removeSourceButton_;
     QLabel* summaryLine_;
+    QLabel* lastRunLine_;
+    QPushButton* showErrorsButton_;
+    QAction* addFoldersAction_;
+    QAction* addFilesAction_;
+    QAction* backUpNowAction_;
+    QAction* stopAction_;
+    QAction* showErrorsAction_;
+    QAction* aboutAction_;
     QAction* showLogAction_;
     QAction* quitAction_;
 };

@@ -4,6 +4,8 @@
 
 #include <QComboBox>
 
+#include <algorithm>
+
 namespace ferrovane {
 
 QWidget* FVModePopupDelegate::createEditor(QWidget* parent, const QStyleOptionViewItem&, const QModelIndex&) const {
@@ -23,6 +25,16 @@ void FVModePopupDelegate::setEditorData(QWidget* editor, const QModelIndex& inde
 
 void FVModePopupDelegate::setModelData(QWidget* editor, QAbstractItemModel* model, const QModelIndex& index) const {
     model->setData(index, static_cast<QComboBox*>(editor)->currentData(), Qt::EditRole);
+}
+
+}  // namespace ferrovane
+
+namespace ferrovane {
+
+void FVModePopupDelegate::updateEditorGeometry(QWidget* editor, const QStyleOptionViewItem& option, const QModelIndex&) const {
+    const QRect cell = option.rect.adjusted(4, 0, -4, 0);
+    const int height = std::min(editor->sizeHint().height(), cell.height());
+    editor->setGeometry(cell.x(), cell.y() + (cell.height() - height) / 2, cell.width(), height);
 }
 
 }  // namespace ferrovane

@@ -84,22 +84,34 @@ QVariant FVSourceListModel::data(const QModelIndex& index, int role) const {
         }
         break;
     case LastRunColumn:
-        if (role == Qt::DisplayRole) {
-            if (item->enabled() >= int64_t(FVSourceMode::ExcludePath)) return QString();  // exclusions never run
-            auto date = item->value(FVSourceKey::lastBackupDate);
-            const PlistDate* when = date ? date->get<PlistDate>() : nullptr;
-            if (!when) return localized("sourcenotbackedup");
-            QString stamp = QLocale().toString(
-                QDateTime::fromMSecsSinceEpoch(qint64(when->secondsSince1970 * 1000)), QLocale::ShortFormat);
-            return localizedFormat("sourcelastrun", stamp.toStdString(),
-                                   item->integerValue(FVSourceKey::updatedFilesCount),
-                                   item->integerValue(FVSourceKey::totalFilesCount));
-        }
+        if (role == Qt::DisplayRole) return lastRunText(*item);
         break;
     default:
         break;
     }
     return {};
+}
+
+void FVSourceListModel::setRunOutcome(FVRunOutcome outcome) {
+    outcome_ = std::move(outcome);
+    if (!rows_.empty()) emit dataChanged(index(0, LastRunColumn), index(int(rows_.size()) - 1, LastRunColumn));
+}
+
+QString FVSourceListModel::lastRunText(const FVSourceItem& item) const {
+    if (item.enabled() >= int64_t(FVSourceMode::ExcludePath)) return QString();  // exclusions never run
+    auto date = item.value(FVSourceKey::lastBackupDate);
+    const PlistDate* when = date ? date->get<PlistDate>() : nullptr;
+    QDateTime finished = when ? QDateTime::fromMSecsSinceEpoch(qint64(when->secondsSince1970 * 1000)) : QDateTime();
+    // A stop leaves the item's own date as it was: the stop is the newer news.
+    if (outcome_.state() == FVRunOutcome::State::Stopped && item.enabled() == int64_t(FVSourceMode::Backup) &&
+        (!finished.isValid() || finished < outcome_.time()))
+        return localizedFormat("sourcelaststopped", FVRunOutcome::stamp(outcome_.time()).toStdString());
+    if (!finished.isValid()) return localized("sourcenotbackedup");
+    const std::string stamp = FVRunOutcome::stamp(finished).toStdString();
+    long long errors = outcome_.state() == FVRunOutcome::State::Finished ? outcome_.errorCountFor(item.sourcePath()) : 0;
+    if (errors > 0) return QString::fromStdString(FVStrings::formatPlural("sourcelastrunerrors", errors, stamp));
+    return localizedFormat("sourcelastrun", stamp, item.integerValue(FVSourceKey::updatedFilesCount),
+                           item.integerValue(FVSourceKey::totalFilesCount));
 }
 
 QVariant FVSourceListModel::headerData(int section, Qt::Orientation orientation, int role) const {

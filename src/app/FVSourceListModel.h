@@ -2,6 +2,7 @@
 // The source list as a Qt table: a view of BackupSetController's items (which stay the model),
 // with the mode as an editable column and drag and drop of rows and of files.
 
+#include "app/FVRunOutcome.h"
 #include "backupset/BackupSetController.h"
 
 #include <QAbstractTableModel>
@@ -38,6 +39,8 @@ public:
 
     // No drops while the cover view lies over the list.
     void setAcceptsDrops(bool accepts) { acceptsDrops_ = accepts; }
+    // The last run's outcome, shown in each row beside the item's own last backup.
+    void setRunOutcome(FVRunOutcome outcome);
     static QString modeTitle(int64_t mode);
 
 signals:
@@ -51,10 +54,12 @@ signals:
 private:
     void backupSetDidChange(BackupSetChange change);
     FVSourceItemPtr itemAt(int row) const;
+    QString lastRunText(const FVSourceItem& item) const;
 
     BackupSetController& controller_;
     std::vector<FVSourceItemPtr> rows_;  // the controller's list as last shown
     bool acceptsDrops_ = false;
+    FVRunOutcome outcome_;
     bool changingMode_ = false;
     mutable QHash<QString, QIcon> icons_;
     QFileIconProvider iconProvider_;

@@ -29,7 +29,7 @@ FVSourceListView::FVSourceListView(QWidget* parent) : QTableView(parent) {
     setTextElideMode(Qt::ElideMiddle);
     setIconSize({24, 24});
     verticalHeader()->hide();
-    verticalHeader()->setDefaultSectionSize(40);
+    verticalHeader()->setDefaultSectionSize(kRowHeight);
     horizontalHeader()->setHighlightSections(false);
 }
 
@@ -39,17 +39,23 @@ void FVSourceListView::setModel(QAbstractItemModel* model) {
     header->setSectionResizeMode(FVSourceListModel::NameColumn, QHeaderView::Interactive);
     header->setSectionResizeMode(FVSourceListModel::PathColumn, QHeaderView::Stretch);
     header->setSectionResizeMode(FVSourceListModel::ModeColumn, QHeaderView::Fixed);
-    header->setSectionResizeMode(FVSourceListModel::SizeColumn, QHeaderView::ResizeToContents);
-    header->setSectionResizeMode(FVSourceListModel::LastRunColumn, QHeaderView::ResizeToContents);
+    // Widths set once, so that a run's longer texts never squeeze the path.
+    header->setSectionResizeMode(FVSourceListModel::SizeColumn, QHeaderView::Interactive);
+    header->setSectionResizeMode(FVSourceListModel::LastRunColumn, QHeaderView::Interactive);
     setColumnWidth(FVSourceListModel::NameColumn, 170);
     setColumnWidth(FVSourceListModel::ModeColumn, 200);
+    setColumnWidth(FVSourceListModel::SizeColumn, 90);
+    setColumnWidth(FVSourceListModel::LastRunColumn, 330);
     connect(model, &QAbstractItemModel::modelReset, this, &FVSourceListView::openPopups);
     connect(model, &QAbstractItemModel::rowsInserted, this, &FVSourceListView::openPopups);
     openPopups();
 }
 
 void FVSourceListView::openPopups() {
-    for (int row = 0; row < model()->rowCount(); ++row) {
+    const int rows = model()->rowCount();
+    for (int row = 0; row < rows; ++row) {
+        // The last row is taller, leaving room below the final item.
+        setRowHeight(row, row == rows - 1 ? kLastRowHeight : kRowHeight);
         QModelIndex index = model()->index(row, FVSourceListModel::ModeColumn);
         if (!isPersistentEditorOpen(index)) openPersistentEditor(index);
     }

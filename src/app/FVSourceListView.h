@@ -9,6 +9,9 @@ namespace ferrovane {
 class FVSourceListView : public QTableView {
     Q_OBJECT
 public:
+    static constexpr int kRowHeight = 46;
+    static constexpr int kLastRowHeight = 52;
+
     explicit FVSourceListView(QWidget* parent = nullptr);
     void setModel(QAbstractItemModel* model) override;
     QList<int> selectedRows() const;

@@ -215,15 +215,24 @@ void BackupSetController::updateDynamicData() {
         backupSetPaths_ = std::move(backup);
         excludePaths_ = std::move(exclude);
     }
-    if (!disableSizeEvaluation()) {
-        startWorkerIfNeeded();
-        {
-            std::lock_guard lock(workerMutex_);
-            requested_.fetch_add(1);
-        }
-        workerWake_.notify_all();
-    }
+    requestMeasurement();
     notifyListChange();
+}
+
+void BackupSetController::measureMissingSizes() {
+    if (disableSizeEvaluation()) return;
+    updateTotalSizeString();
+    requestMeasurement();
+}
+
+void BackupSetController::requestMeasurement() {
+    if (disableSizeEvaluation()) return;
+    startWorkerIfNeeded();
+    {
+        std::lock_guard lock(workerMutex_);
+        requested_.fetch_add(1);
+    }
+    workerWake_.notify_all();
 }
 
 void BackupSetController::cancelSizeEvaluation() {
@@ -358,10 +367,10 @@ void BackupSetController::updateTotalSizeString() {
             }
             total += size->doubleValue();
         }
-        unsigned long count = items_.size();
-        if (calculating) totalSizeString_ = FVStrings::format("sourceiteminfocalculating", count);
-        else if (total > 1000.0) totalSizeString_ = FVStrings::format("sourceiteminformationGB", count, total * 0.001);
-        else totalSizeString_ = FVStrings::format("sourceiteminformationMB", count, total);
+        long long count = static_cast<long long>(items_.size());
+        if (calculating) totalSizeString_ = FVStrings::formatPlural("sourceiteminfocalculating", count);
+        else if (total > 1000.0) totalSizeString_ = FVStrings::formatPlural("sourceiteminformationGB", count, total * 0.001);
+        else totalSizeString_ = FVStrings::formatPlural("sourceiteminformationMB", count, total);
     }
     postSizeChange();
 }

@@ -65,6 +65,9 @@ public:
     // After the mode of an item was changed in place: every size becomes stale.
     void evaluateItemModeChange();
     void cancelSizeEvaluation();
+    // After a write of the configuration, which keeps no measured size: the items without one
+    // are measured again, the list itself unchanged.
+    void measureMissingSizes();
 
     std::vector<FVSourceItemPtr> arrangedObjects() const;
     size_t count() const;
@@ -85,6 +88,7 @@ private:
     struct Notifier;
 
     void updateDynamicData();
+    void requestMeasurement();
     void invalidateAllSizesLocked();
     void notifyListChange();
     void startWorkerIfNeeded();

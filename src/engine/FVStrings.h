@@ -23,4 +23,12 @@ std::string format(std::string_view key, Args&&... args) {
     }
 }
 
+// A count in words: the entry "key.one" when count is 1 and the table has it, else key itself.
+// The count is the first argument; the other forms may refer to it as {0}.
+template <class... Args>
+std::string formatPlural(std::string_view key, long long count, Args&&... args) {
+    std::string one = std::string(key) + ".one";
+    return format(count == 1 && contains(one) ? std::string_view(one) : key, count, std::forward<Args>(args)...);
+}
+
 }  // namespace ferrovane::FVStrings

@@ -17,8 +17,8 @@ struct FVCommandResult {
 class FVCommandRunner {
 public:
     virtual ~FVCommandRunner() = default;
-    // argv[0] is looked up in PATH unless it contains a slash. Output goes to the caller's
-    // standard output and error.
+    // argv[0] is looked up in PATH unless it contains a slash. Standard output goes to the
+    // caller's; the error output becomes the result's error when the command fails.
     virtual FVCommandResult run(const std::vector<std::string>& argv) = 0;
 };
 

@@ -4,8 +4,12 @@
 #include "app/AppController.h"
 #include "app/FVCoverView.h"
 #include "app/FVDestinationSearchSheet.h"
+#include "app/FVErrorPanel.h"
 #include "app/FVMainWindow.h"
 #include "app/FVOptionsPanel.h"
+#include "app/FVSingleInstance.h"
+#include "app/FVSourceListModel.h"
+#include "app/FVSourceListView.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVStrings.h"
 #include "support/TempDir.h"
@@ -14,6 +18,8 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QFileDialog>
+#include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QPushButton>
@@ -93,6 +99,10 @@ private:
     }
 
     FVCoverView* cover() { return app_->window()->coverView(); }
+    QString cell(int row, int column) {
+        QAbstractItemModel* model = app_->window()->sourceListView()->model();
+        return model->data(model->index(row, column), Qt::DisplayRole).toString();
+    }
 
     // Adds the destination through the window and waits until its list is shown.
     void openDestination(const std::string& path) {
@@ -142,7 +152,10 @@ private slots:
     }
 
     void withoutDestinationsTheCoverAsksForOne() {
+        // No donation request before the first backup, nor without an address to donate at.
+        QSettings().remove("suppressDonationRequest");
         launch();
+        QVERIFY(!openAlert(app_->window()));
         QCOMPARE(cover()->message(), text("viewnobackupselected"));
         QVERIFY(!app_->window()->startButton()->isEnabled());
         QVERIFY(!app_->window()->optionsButton()->isEnabled());
@@ -196,6 +209,23 @@ private slots:
         launch();
         QTRY_COMPARE(cover()->message(), text("destinationunavailable"));
         QVERIFY(!app_->window()->startButton()->isEnabled());
+
+        // Chosen in the popup, an unavailable destination is asked about over an empty window,
+        // not over the list, free space and buttons of the destination before it.
+        std::string usable = makeDir("usable");
+        openDestination(usable);
+        app_->addSourcePaths({QString::fromStdString(makeDir("Documents"))}, 0);
+        app_->performTargetMenuSelection(0);
+        QMessageBox* question = nullptr;
+        QTRY_VERIFY((question = openAlert(app_->window())) != nullptr);
+        QCOMPARE(question->text(), text("removetarget"));
+        QVERIFY(cover()->isFullyShown());
+        QCOMPARE(app_->window()->sourceListView()->model()->rowCount(), 0);
+        QVERIFY(app_->window()->progressInfo()->text().isEmpty());
+        QVERIFY(!app_->window()->startButton()->isEnabled());
+        QVERIFY(!app_->window()->optionsButton()->isEnabled());
+        clickButton(question, "keepbutton");
+        QTRY_COMPARE(cover()->message(), text("destinationunavailable"));
 
         // The older file is renamed, read, and completed with the defaults.
         PlistDict old;
@@ -316,6 +346,59 @@ private slots:
         QCOMPARE(app_->window()->startButton()->text(), text("syncbutton"));
         QVERIFY(app_->window()->startButton()->isEnabled());
         QVERIFY(app_->window()->targetPopup()->isEnabled());
+
+        // The outcome at a glance, in the row and under the list.
+        QCOMPARE(app_->runOutcome().state(), FVRunOutcome::State::Finished);
+        QVERIFY(cell(0, FVSourceListModel::LastRunColumn).contains("finished, 4 of"));
+        QVERIFY(app_->window()->lastRunLine()->text().endsWith("finished"));
+        QVERIFY(!app_->window()->showErrorsButton()->isVisibleTo(app_->window()));
+
+        // Every write removes the measured sizes; each is measured again, after the run and
+        // after the options were closed alike.
+        const QString calculating = text("sourcesizecalculating");
+        QTRY_VERIFY(cell(0, FVSourceListModel::SizeColumn) != calculating);
+        app_->window()->optionsButton()->click();
+        app_->window()->findChild<FVOptionsPanel*>()->accept();
+        QVERIFY(!sources[0]->value(FVSourceKey::sizeInMB).has_value());
+        QTRY_VERIFY(cell(0, FVSourceListModel::SizeColumn) != calculating);
+        QTRY_VERIFY(!app_->window()->summaryLine()->text().contains(text("sourceiteminfocalculating").section('{', 1).section('}', 1)));
+        QVERIFY(app_->window()->summaryLine()->text().startsWith("1 item,"));
+    }
+
+    void aRunWithErrorsStaysVisibleAndOffersToEmptyAConfirmedSource() {
+        std::string destination = makeDir("dest"), photos = makeDir("Photos"), mail = makeDir("Mail");
+        // What the last run left, as a restart finds it.
+        const std::vector<std::string> errors = {
+            "ERROR: Cannot read file: " + photos + "/secret.key (Permission denied)",
+            "ERROR: Not removing the contents of " + destination + "/Mail: its source " + mail + " is empty",
+        };
+        FVRunOutcome(FVRunOutcome::State::Finished, QDateTime::currentDateTime(), errors)
+            .save(QString::fromStdString(destination));
+        launch();
+        openDestination(destination);
+        app_->addSourcePaths({QString::fromStdString(mail), QString::fromStdString(photos)}, 0);
+        for (int row = 0; row < 2; ++row)
+            app_->backupSetController().arrangedObjects()[size_t(row)]->setValue(FVSourceKey::lastBackupDate, PlistDate{1.7e9});
+        emit app_->window()->sourceListView()->model()->layoutChanged();
+        QVERIFY2(cell(1, FVSourceListModel::LastRunColumn).endsWith("finished with 1 error"), qPrintable(cell(1, 4)));
+        QVERIFY(app_->window()->lastRunLine()->text().endsWith("finished with 2 errors"));
+        QVERIFY(app_->window()->showErrorsButton()->isVisibleTo(app_->window()));
+
+        app_->window()->showErrorsButton()->click();
+        auto* panel = app_->window()->findChild<FVErrorPanel*>();
+        QVERIFY(panel && panel->text().contains("Permission denied"));
+        auto* confirm = panel->findChild<QPushButton*>("confirmEmptyButton");
+        QVERIFY(confirm);
+        confirm->click();
+        QMessageBox* question = nullptr;
+        QTRY_VERIFY((question = openAlert(app_->window())) != nullptr);
+        QVERIFY(question->text().contains("Mail"));
+        clickButton(question, "confirmemptyaction");
+        auto stored = readSourcesOf(destination);
+        QCOMPARE(stored[0]->sourcePath(), mail);
+        QVERIFY(stored[0]->value("emptySourceConfirmed").value_or(PlistValue(false)).boolValue());
+        QVERIFY(!stored[1]->value("emptySourceConfirmed").has_value());
+        panel->accept();
     }
 
     void cancellingRightAfterTheStartEndsCleanlyWithoutWriting() {
@@ -330,9 +413,15 @@ private slots:
         app_->window()->startButton()->click();
         QVERIFY(ended.wait(30000));
 
+        // The run has stopped already: an information, not a question.
         QMessageBox* box = openAlert(app_->window());
         QVERIFY(box);
         QCOMPARE(box->text(), text("cancelalert"));
+        QCOMPARE(box->icon(), QMessageBox::Information);
+        QCOMPARE(box->buttons().size(), 1);
+        QCOMPARE(app_->runOutcome().state(), FVRunOutcome::State::Stopped);
+        QVERIFY(cell(0, FVSourceListModel::LastRunColumn).endsWith("stopped"));
+        QVERIFY(app_->window()->lastRunLine()->text().endsWith("stopped"));
         QVERIFY(!app_->isBackupRunning());
         QVERIFY(app_->window()->startButton()->isEnabled());
         QVERIFY(!readSourcesOf(destination)[0]->value(FVSourceKey::lastBackupDate).has_value());
@@ -405,6 +494,38 @@ private slots:
         clickButton(openAlert(app_->window()), "removebutton");
         QTRY_VERIFY(cover()->isFullyHidden());
         QVERIFY(!fs::exists(*home_ / ("jobs/" + label + ".timer")));
+    }
+
+    void plusAddsSeveralFoldersOrFiles() {
+        std::string destination = makeDir("dest"), a = makeDir("Pictures"), b = makeDir("Music");
+        ferrovane::test::writeFile(*work_ / "notes.txt", "n");
+        launch();
+        openDestination(destination);
+        app_->window()->addFoldersAction()->trigger();
+        auto* folders = app_->window()->findChild<QFileDialog*>("addFoldersDialog");
+        QVERIFY(folders);
+        QCOMPARE(folders->fileMode(), QFileDialog::Directory);
+        emit folders->filesSelected({QString::fromStdString(a), QString::fromStdString(b)});
+        folders->reject();
+        app_->window()->addFilesAction()->trigger();
+        auto* files = app_->window()->findChild<QFileDialog*>("addFilesDialog");
+        QCOMPARE(files->fileMode(), QFileDialog::ExistingFiles);
+        files->selectFile(QString::fromStdString(*work_ / "notes.txt"));
+        QMetaObject::invokeMethod(files, "accept");
+        QCOMPARE(app_->backupSetController().backupSetPaths(),
+                 (std::vector<std::string>{*work_ / "notes.txt", a, b}));
+    }
+
+    void aSecondStartHandsItsPathsToTheFirst() {
+        const QString name = QString("ferrovane-test-%1").arg(QCoreApplication::applicationPid());
+        FVSingleInstance first(name), second(name);
+        QVERIFY(!first.handOverToRunningInstance({}));  // nobody there: this one listens
+        std::string destination = makeDir("dest"), folder = makeDir("Dropped");
+        launch();
+        openDestination(destination);
+        connect(&first, &FVSingleInstance::activationRequested, app_.get(), &AppController::activateFromAnotherStart);
+        QVERIFY(second.handOverToRunningInstance({QString::fromStdString(folder)}));
+        QTRY_COMPARE(app_->backupSetController().backupSetPaths(), std::vector<std::string>{folder});
     }
 
     void searchNeedsThreeBytesAndOffersEveryVersion() {

@@ -124,6 +124,9 @@ TEST(StringTable, KnownKeysHaveTextAndFormatsFillTheirPlaceholders) {
         EXPECT_TRUE(FVStrings::contains(key)) << key;
     EXPECT_EQ(FVStrings::format("progresssyncing", "Documents"), "Backing up Documents…");
     EXPECT_EQ(FVStrings::format("currentDurationMinutesSeconds", 1, 0), "1 min 0 s");
-    EXPECT_EQ(FVStrings::format("sourceiteminformationGB", 3ul, 1.1), "3 items, 1.1 GB");
+    EXPECT_EQ(FVStrings::formatPlural("sourceiteminformationGB", 3, 1.1), "3 items, 1.1 GB");
+    // One of a thing has its own form.
+    EXPECT_EQ(FVStrings::formatPlural("sourceiteminformationMB", 1, 0.5), "1 item, 0.5 MB");
+    EXPECT_EQ(FVStrings::formatPlural("errorpanelmessage", 1), "The backup reported 1 error. It is also in the log.");
     EXPECT_EQ(FVStrings::localized("no-such-key"), "no-such-key");
 }
