@@ -208,14 +208,12 @@ TEST(BackupSetController, SummaryUsesGigabytesAboveOneThousandMegabytes) {
     std::string exactly = FVStrings::format("sourceiteminformationMB", 2ul, 1000.0);
     ASSERT_TRUE(queue.runUntil([&] { return controller.totalSizeString() == exactly; }))
         << controller.totalSizeString();
-    EXPECT_NE(exactly.find("1000.0"), std::string::npos);
 
     sparseFile(dir / "b", 500'000'000);
     controller.evaluateItemModeChange();
     std::string over = FVStrings::format("sourceiteminformationGB", 2ul, 1.1);
     ASSERT_TRUE(queue.runUntil([&] { return controller.totalSizeString() == over; }))
         << controller.totalSizeString();
-    EXPECT_NE(over.find("1.1"), std::string::npos);
 }
 
 TEST(BackupSetController, AbandonsMeasurementsOfStaleOrRemovedItems) {

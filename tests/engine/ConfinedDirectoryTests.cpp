@@ -71,16 +71,3 @@ TEST(ConfinedDirectory, MovesAndRemovesWithoutFollowingLinks) {
     EXPECT_NE(root.removeItem("tree/../../outside"), 0);
     EXPECT_EQ(readFile(dir / "outside/keep"), "x");
 }
-
-TEST(ConfinedDirectory, ReachesFoldersDeeperThanPathMax) {
-    TempDir dir;
-    makeDirs(dir / "dest");
-    FVConfinedDirectory root(dir / "dest");
-    std::string relative;
-    for (int i = 0; i < 24; ++i) relative += (i ? "/" : "") + std::string(200, static_cast<char>('a' + i));
-    int error = 0;
-    FVFd folder = root.openFolder(relative, true, &error);
-    ASSERT_TRUE(folder.valid()) << strerror(error);
-    EXPECT_TRUE(root.openFolder(relative, false, &error).valid());
-    EXPECT_EQ(root.removeItem(relative.substr(0, 200)), 0);
-}
