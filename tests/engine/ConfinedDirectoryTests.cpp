@@ -2,6 +2,7 @@
 
 #include "engine/FVConfinedDirectory.h"
 #include "support/TempDir.h"
+#include "support/TreeLiteral.h"
 
 #include <fcntl.h>
 #include <cstring>
@@ -53,10 +54,7 @@ TEST(ConfinedDirectory, CreatesMissingFoldersButNeverThroughALink) {
 
 TEST(ConfinedDirectory, MovesAndRemovesWithoutFollowingLinks) {
     TempDir dir;
-    makeDirs(dir / "dest/tree/deep/er");
-    makeDirs(dir / "outside");
-    writeFile(dir / "outside/keep", "x");
-    writeFile(dir / "dest/tree/deep/er/f", "x");
+    buildTree(dir.path(), {{"dest/tree/deep/er/f", "x"}, {"outside/keep", "x"}});
     ASSERT_EQ(symlink((dir / "outside").c_str(), (dir / "dest/tree/deep/link").c_str()), 0);
     FVConfinedDirectory root(dir / "dest");
 

@@ -3,6 +3,7 @@
 
 #include "engine/FVFileCopyWorker.h"
 #include "support/TempDir.h"
+#include "support/TreeLiteral.h"
 #include "CopyWorkerHarness.h"
 
 #include <fcntl.h>
@@ -142,8 +143,7 @@ TEST_F(PoolTest, NoProgressForADelegateThatDoesNotAnswerIt) {
 }
 
 TEST_F(PoolTest, CancelDuringALargeCopyDropsTheRestAndTheFolderMetadata) {
-    writeFile(dir / "src/big", std::string(8 << 20, 'b'));
-    makeDirs(dir / "src/folder");
+    buildTree(dir / "src", {{"big", std::string(8 << 20, 'b')}, {"folder/", ""}});
     struct timespec old[2] = {{1000000000, 0}, {1000000000, 0}};
     utimensat(AT_FDCWD, (dir / "src/folder").c_str(), old, 0);
     worker.setChunkHook([&](const std::string& path, uint64_t) {

@@ -3,6 +3,7 @@
 
 #include "engine/FVDirectoryWalker.h"
 #include "support/TempDir.h"
+#include "support/TreeLiteral.h"
 
 #include <fcntl.h>
 #include <limits.h>
@@ -49,13 +50,8 @@ std::map<std::string, Seen> walkAll(const std::string& root, std::map<std::strin
 TEST(DirectoryWalker, VisitsEachEntryOnceFoldersFirstWithoutFollowingLinks) {
     TempDir dir;
     const std::string root = dir / "root";
-    makeDirs(root + "/a/b");
-    makeDirs(root + "/empty");
-    makeDirs(root + "/skipped/inner");
-    makeDirs(dir / "outside");
-    writeFile(root + "/a/b/file", "x");
-    writeFile(root + "/top", "y");
-    writeFile(dir / "outside/secret", "s");
+    buildTree(root, {{"a/b/file", "x"}, {"empty/", ""}, {"skipped/inner/", ""}, {"top", "y"}});
+    buildTree(dir / "outside", {{"secret", "s"}});
     ASSERT_EQ(symlink((dir / "outside").c_str(), (root + "/link").c_str()), 0);
     ASSERT_EQ(mkfifo((root + "/fifo").c_str(), 0600), 0);
 
