@@ -208,38 +208,24 @@ TEST(BackupSetController, SummaryUsesGigabytesAboveOneThousandMegabytes) {
     std::string exactly = FVStrings::format("sourceiteminformationMB", 2ul, 1000.0);
     ASSERT_TRUE(queue.runUntil([&] { return controller.totalSizeString() == exactly; }))
         << controller.totalSizeString();
-    EXPECT_NE(exactly.find("1000.0"), std::string::npos);
 
     sparseFile(dir / "b", 500'000'000);
     controller.evaluateItemModeChange();
     std::string over = FVStrings::format("sourceiteminformationGB", 2ul, 1.1);
     ASSERT_TRUE(queue.runUntil([&] { return controller.totalSizeString() == over; }))
         << controller.totalSizeString();
-    EXPECT_NE(over.find("1.1"), std::string::npos);
 }
 
-TEST(BackupSetController, AbandonsMeasurementsOfStaleOrRemovedItems) {
+// Results made stale or of removed items are checked through the controller below.
+TEST(BackupSetController, AMeasurementStopsAtOnceWhenCancelledAndCountsNothingExcludedOrMissing) {
     TempDir dir;
     makeDirs(dir / "tree");
     for (int i = 0; i < 50; ++i) sparseFile(dir / ("tree/f" + std::to_string(i)), 1'000'000);
-    auto item = FVSourceItem::make(dir / "tree", FVSourceMode::Backup);
-
-    // Stops at the first file once asked to: cancelled, stale, or removed.
     int visited = 0;
     auto never = [] { return false; };
     auto afterThree = [&] { return ++visited > 3; };
-    EXPECT_EQ(BackupSetController::sizeOfPathInMB(dir / "tree", nullptr, item, afterThree, never), -1.0);
+    EXPECT_EQ(BackupSetController::sizeOfPathInMB(dir / "tree", nullptr, nullptr, afterThree, never), -1.0);
     EXPECT_EQ(visited, 4);
-    visited = 0;
-    EXPECT_EQ(BackupSetController::sizeOfPathInMB(dir / "tree", nullptr, item, never, afterThree), -1.0);
-    auto markStale = [&] {
-        if (++visited == 3) item->setValue(FVSourceKey::sizeInMB, -1.0);
-        return false;
-    };
-    visited = 0;
-    EXPECT_EQ(BackupSetController::sizeOfPathInMB(dir / "tree", nullptr, item, markStale, never), -1.0);
-    item->removeValue(FVSourceKey::sizeInMB);
-    EXPECT_DOUBLE_EQ(BackupSetController::sizeOfPathInMB(dir / "tree", nullptr, item, never, never), 50.0);
     EXPECT_EQ(BackupSetController::sizeOfPathInMB(dir / "missing", nullptr, nullptr, never, never), 0.0);
     std::vector<std::string> excludeTree{dir / "tree"};
     EXPECT_EQ(BackupSetController::sizeOfPathInMB(dir / "tree", &excludeTree, nullptr, never, never), 0.0);

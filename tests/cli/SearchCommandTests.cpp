@@ -2,15 +2,13 @@
 // backup runs file their archives.
 
 #include "support/ProcessRunner.h"
-#include "support/TempDir.h"
+#include "support/DatedFile.h"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <ctime>
 #include <regex>
 #include <sstream>
 
@@ -25,16 +23,8 @@ protected:
         args.insert(args.begin(), prefix.begin(), prefix.end());
         return runProcess(args, {{"DISPLAY", std::nullopt}, {"WAYLAND_DISPLAY", std::nullopt}, {"TZ", "UTC"}});
     }
-    // A file in the destination modified at the given UTC time ("YYYY-MM-DD HH:MM").
-    std::string file(const std::string& relative, const char* when) {
-        std::string path = dest + "/" + relative;
-        makeDirs(path.substr(0, path.rfind('/')));
-        writeFile(path, relative);
-        std::tm utc {};
-        strptime(when, "%Y-%m-%d %H:%M", &utc);
-        struct timespec times[2] = {{timegm(&utc), 0}, {timegm(&utc), 0}};
-        EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-        return path;
+    std::string file(const std::string& relative, const char* utcTime) {
+        return writeDatedFile(dest + "/" + relative, relative, utcTime);
     }
     TempDir dir;
     std::string dest = dir / "dest";
@@ -45,8 +35,9 @@ protected:
 TEST_F(SearchCommand, ListsEachFileOnceWithItsVersionsNewestFirst) {
     file("Documents/Letters/Tax Letter.txt", "2021-07-05 10:00");
     file("__changed/2021-07-02 09.00.00 +0200/Documents/Letters/Tax Letter.txt", "2021-06-20 08:30");
-    file("__removed/2021-07-03 09.00.00 +0200/Documents/Letters/tax letter old.txt", "2021-05-01 12:00");
-    file("__changed/2021-06-01 09.00.00 +0200/Documents/Letters/tax letter old.txt", "2021-04-01 12:00");
+    // The archive folders' stamps say the opposite of the files' own times: the files' times decide.
+    file("__removed/2021-06-01 09.00.00 +0200/Documents/Letters/tax letter old.txt", "2021-05-01 12:00");
+    file("__changed/2021-07-03 09.00.00 +0200/Documents/Letters/tax letter old.txt", "2021-04-01 12:00");
     file("Documents/Letters/letter.txt", "2021-07-05 10:00");  // only one of the two words
     file(".Trash/tax letter.txt", "2021-07-05 10:00");
 
@@ -58,8 +49,8 @@ TEST_F(SearchCommand, ListsEachFileOnceWithItsVersionsNewestFirst) {
                           "  2021-06-20 08:30  " + dest + "/__changed/2021-07-02 09.00.00 +0200/Documents/Letters/Tax Letter.txt\n"
                           "\n" +
                           dest + "/Documents/Letters/tax letter old.txt\n"
-                          "  2021-05-01 12:00  " + dest + "/__removed/2021-07-03 09.00.00 +0200/Documents/Letters/tax letter old.txt\n"
-                          "  2021-04-01 12:00  " + dest + "/__changed/2021-06-01 09.00.00 +0200/Documents/Letters/tax letter old.txt\n");
+                          "  2021-05-01 12:00  " + dest + "/__removed/2021-06-01 09.00.00 +0200/Documents/Letters/tax letter old.txt\n"
+                          "  2021-04-01 12:00  " + dest + "/__changed/2021-07-03 09.00.00 +0200/Documents/Letters/tax letter old.txt\n");
 }
 
 TEST_F(SearchCommand, ExitStatusSeparatesMatchesNoneAndBadUsage) {
@@ -119,18 +110,6 @@ TEST_F(SearchCommand, UnreadableFoldersArePassedOver) {
     chmod((dest + "/closed").c_str(), 0755);
 }
 
-namespace {
-
-void writeVersion(const std::string& path, const std::string& content, const char* when) {
-    writeFile(path, content);
-    std::tm utc {};
-    strptime(when, "%Y-%m-%d %H:%M", &utc);
-    struct timespec times[2] = {{timegm(&utc), 0}, {timegm(&utc), 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-}
-
-}  // namespace
-
 TEST_F(SearchCommand, FindsEveryVersionThatRealBackupRunsArchived) {
     std::string source = dir / "Documents";
     makeDirs(source);
@@ -148,13 +127,13 @@ TEST_F(SearchCommand, FindsEveryVersionThatRealBackupRunsArchived) {
         ASSERT_EQ(run.exitStatus, 0) << run.out << run.err;
         sleep(1);  // archive folders are named to the second
     };
-    writeVersion(source + "/Letter.txt", "first", "2021-01-01 10:00");
-    writeVersion(source + "/draft.txt", "draft", "2021-01-02 10:00");
+    writeDatedFile(source + "/Letter.txt", "first", "2021-01-01 10:00");
+    writeDatedFile(source + "/draft.txt", "draft", "2021-01-02 10:00");
     backUp();
-    writeVersion(source + "/Letter.txt", "second version", "2021-02-01 10:00");
+    writeDatedFile(source + "/Letter.txt", "second version", "2021-02-01 10:00");
     ASSERT_EQ(unlink((source + "/draft.txt").c_str()), 0);
     backUp();
-    writeVersion(source + "/Letter.txt", "third and last version", "2021-03-01 10:00");
+    writeDatedFile(source + "/Letter.txt", "third and last version", "2021-03-01 10:00");
     backUp();
 
     auto letter = search({dest, "letter"});

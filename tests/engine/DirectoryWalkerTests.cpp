@@ -3,13 +3,13 @@
 
 #include "engine/FVDirectoryWalker.h"
 #include "support/TempDir.h"
+#include "support/TreeLiteral.h"
 
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <map>
 #include <string>
 
@@ -21,6 +21,7 @@ using namespace ferrovane::test;
 namespace {
 
 struct Seen {
+    size_t order;
     size_t level;
     bool directory;
     std::string relative;
@@ -37,7 +38,7 @@ std::map<std::string, Seen> walkAll(const std::string& root, std::map<std::strin
             continue;
         }
         EXPECT_FALSE(seen.count(entry->path)) << entry->path << " returned twice";
-        seen[entry->path] = {entry->level, entry->isDirectory(), std::string(entry->relativePath())};
+        seen[entry->path] = {seen.size(), entry->level, entry->isDirectory(), std::string(entry->relativePath())};
         EXPECT_EQ(entry->path.substr(entry->path.size() - entry->name().size()), entry->name());
         if (!skip.empty() && entry->name() == skip) walker.skipChildren();
     }
@@ -49,13 +50,8 @@ std::map<std::string, Seen> walkAll(const std::string& root, std::map<std::strin
 TEST(DirectoryWalker, VisitsEachEntryOnceFoldersFirstWithoutFollowingLinks) {
     TempDir dir;
     const std::string root = dir / "root";
-    makeDirs(root + "/a/b");
-    makeDirs(root + "/empty");
-    makeDirs(root + "/skipped/inner");
-    makeDirs(dir / "outside");
-    writeFile(root + "/a/b/file", "x");
-    writeFile(root + "/top", "y");
-    writeFile(dir / "outside/secret", "s");
+    buildTree(root, {{"a/b/file", "x"}, {"empty/", ""}, {"skipped/inner/", ""}, {"top", "y"}});
+    buildTree(dir / "outside", {{"secret", "s"}});
     ASSERT_EQ(symlink((dir / "outside").c_str(), (root + "/link").c_str()), 0);
     ASSERT_EQ(mkfifo((root + "/fifo").c_str(), 0600), 0);
 
@@ -73,12 +69,8 @@ TEST(DirectoryWalker, VisitsEachEntryOnceFoldersFirstWithoutFollowingLinks) {
     EXPECT_FALSE(seen[root + "/link"].directory);
 
     // Pre-order: a folder comes before anything inside it.
-    std::vector<std::string> order;
-    FVDirectoryWalker walker(root);
-    while (const auto* entry = walker.next()) order.push_back(entry->path);
-    auto at = [&](const std::string& p) { return std::find(order.begin(), order.end(), root + p) - order.begin(); };
-    EXPECT_LT(at("/a"), at("/a/b"));
-    EXPECT_LT(at("/a/b"), at("/a/b/file"));
+    EXPECT_LT(seen[root + "/a"].order, seen[root + "/a/b"].order);
+    EXPECT_LT(seen[root + "/a/b"].order, seen[root + "/a/b/file"].order);
 
     // Told the types alone, the walk still tells every kind apart and enters the same folders.
     std::map<std::string, mode_t> fullTypes, listedTypes;

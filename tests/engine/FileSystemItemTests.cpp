@@ -50,8 +50,7 @@ TEST(FileSystemItem, MissingPathIsAFileThatDoesNotExistAndStaysMissing) {
     EXPECT_TRUE(item.isFile());
     EXPECT_EQ(item.fileSize(), 0u);
     writeFile(dir / "missing", "now here");
-    EXPECT_FALSE(item.fileExists());
-    EXPECT_EQ(item.description(), "Cached FileSystemItem " + (dir / "missing") + " Loaded stat: 1");
+    EXPECT_FALSE(item.fileExists()) << "the first look is kept";
 }
 
 TEST(FileSystemItem, TypesAreThoseOfTheItemItself) {
@@ -76,13 +75,9 @@ TEST(FileSystemItem, TypesAreThoseOfTheItemItself) {
 TEST(FileSystemItem, ModificationDateDropsTheNanoseconds) {
     TempDir dir;
     writeFile(dir / "a", "");
-    writeFile(dir / "b", "");
-    struct timespec early[2] = {{0, UTIME_OMIT}, {1700000000, 900000000}};
-    struct timespec late[2] = {{0, UTIME_OMIT}, {1700000000, 100000000}};
-    utimensat(AT_FDCWD, (dir / "a").c_str(), early, 0);
-    utimensat(AT_FDCWD, (dir / "b").c_str(), late, 0);
+    struct timespec late[2] = {{0, UTIME_OMIT}, {1700000000, 900000000}};
+    utimensat(AT_FDCWD, (dir / "a").c_str(), late, 0);
     EXPECT_EQ(FVFileSystemItem(dir / "a").fileModificationDate(), 1700000000);
-    EXPECT_EQ(FVFileSystemItem(dir / "a").fileModificationDate(), FVFileSystemItem(dir / "b").fileModificationDate());
 }
 
 TEST(FileManager, UserFilesAreThoseThatAreNeitherHiddenNorHousekeeping) {

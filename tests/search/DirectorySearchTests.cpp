@@ -102,9 +102,6 @@ TEST(DirectorySearchTest, MatchesEveryTermInAnyCaseAndInvalidNamesOnTheirBytes) 
              {"2021 REPORT", {"Annual REPORT 2021.pdf", "2021 \xC3\x84rger Report"}},
              {"\xC3\xA4rger", {"2021 \xC3\x84rger Report"}},  // non-ASCII letters fold too
              {"d\xFFr", {"bad\xFFreport"}},
-             {"report  2021", {}},  // doubled, leading and trailing blanks give empty terms
-             {" report", {}},
-             {"report ", {}},
          })
         EXPECT_EQ(relativeTo(dir.path(), search(dir.path(), c.text)->matches), c.expected) << c.text;
 }
