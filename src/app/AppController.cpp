@@ -495,6 +495,14 @@ void AppController::addSourcePaths(const QStringList& paths, int index) {
     std::vector<std::string> items;
     for (const QString& path : paths) items.push_back(FVText::standardizedPath(stdPath(QFileInfo(path).absoluteFilePath())));
     if (backupSetController_.addBackupPaths(items, size_t(std::max(index, 0))) < items.size()) QApplication::beep();
+    // Added all the same: the run leaves the destination out of that source's walk.
+    for (const std::string& item : items) {
+        if (currentTargetPath_.empty() || !FVText::isPathWithin(currentTargetPath_, item)) continue;
+        QMessageBox* box = FVAlert::show(window_.get(), "sourcecontainsdestination", "sourcecontainsdestinationlong",
+                                         QMessageBox::Warning);
+        box->setInformativeText(localizedFormat("sourcecontainsdestinationlong", item));
+        break;
+    }
 }
 
 void AppController::removeSelectedSources() {

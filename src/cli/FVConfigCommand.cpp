@@ -182,19 +182,13 @@ std::string resolved(const std::string& path) {
     return out;
 }
 
-bool isWithin(const std::string& path, const std::string& folder) {
-    if (folder == "/") return true;
-    return path == folder || (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-                              path[folder.size()] == '/');
-}
-
 // Added anyway: a source may be a disk that is not mounted yet.
 void warnAboutSource(const std::string& source, const std::string& destination) {
     struct stat st {};
     if (lstat(source.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR))
         fmt::print(stderr, "ferrovane config: warning: {} does not exist (yet); it will be skipped until it does.\n",
                    printable(source));
-    if (isWithin(destination, source) || isWithin(resolved(destination), resolved(source)))
+    if (FVText::isPathWithin(destination, source) || FVText::isPathWithin(resolved(destination), resolved(source)))
         fmt::print(stderr,
                    "ferrovane config: warning: {} contains the destination; the destination will be left out of "
                    "the backup.\n",

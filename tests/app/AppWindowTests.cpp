@@ -215,6 +215,13 @@ private slots:
         std::string usable = makeDir("usable");
         openDestination(usable);
         app_->addSourcePaths({QString::fromStdString(makeDir("Documents"))}, 0);
+        // A source that holds the destination is added, with a warning.
+        app_->addSourcePaths({QString::fromStdString(fs::path(usable).parent_path().string())}, 0);
+        QMessageBox* warning = nullptr;
+        QTRY_VERIFY((warning = openAlert(app_->window())) != nullptr);
+        QCOMPARE(warning->text(), text("sourcecontainsdestination"));
+        QCOMPARE(app_->backupSetController().count(), size_t(2));
+        warning->accept();
         app_->performTargetMenuSelection(0);
         QMessageBox* question = nullptr;
         QTRY_VERIFY((question = openAlert(app_->window())) != nullptr);
