@@ -8,7 +8,10 @@
 #include "cli/FVSearchCommand.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+
+#include <unistd.h>
 
 #ifndef FERROVANE_NO_WINDOW
 #include "app/FVAppDelegate.h"
@@ -20,7 +23,7 @@ void printUsage() {
     std::printf(
         "Usage:\n"
         "  ferrovane                      open the window\n"
-        "  ferrovane /path/to/destination [-noUserNotifications]\n"
+        "  ferrovane /path/to/destination [-noUserNotifications | --no-notifications]\n"
         "                                 back up every source configured in the destination\n"
         "  ferrovane search /path/to/destination <text> [--json]\n"
         "                                 list the files whose names contain every word of the\n"
@@ -43,7 +46,7 @@ void printUsage() {
         "Exit status: 0 after a backup without errors, 75 when another run is using the\n"
         "destination, 255 otherwise (an option that cannot be used included). versions and\n"
         "restore: 0 done, 1 no version, conflicts or errors (a refused restore writes nothing),\n"
-        "2 bad usage.\n");
+        "2 bad usage (an unknown argument after the destination included: nothing is done).\n");
 }
 
 }  // namespace
@@ -67,6 +70,14 @@ int main(int argc, char** argv) {
     printUsage();
     return 255;
 #else
+    // Without a display the window cannot open: say how to use the command line instead.
+    if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY") && !std::getenv("QT_QPA_PLATFORM")) {
+        std::fprintf(stderr, "ferrovane: no display to open the window on.\n\n");
+        std::fflush(stderr);
+        dup2(STDERR_FILENO, STDOUT_FILENO);
+        printUsage();
+        return 2;
+    }
     return ferrovane::FVAppDelegate::main(argc, argv);
 #endif
 }

@@ -2,6 +2,7 @@
 
 #include "FVVersion.h"
 #include "engine/FVText.h"
+#include "search/FVSearchText.h"
 
 #include <pthread.h>
 #include <signal.h>
@@ -17,6 +18,7 @@ namespace ferrovane {
 namespace {
 
 constexpr int kFailure = 255;
+constexpr int kUsage = 2;
 
 // Give the notification server time to take the message before the process ends.
 void waitForNotificationHandOver() { std::this_thread::sleep_for(std::chrono::milliseconds(500)); }
@@ -27,6 +29,19 @@ FVCommanlineMode::FVCommanlineMode(std::unique_ptr<FVUserNotifier> notifier)
     : notifier_(std::move(notifier)) {}
 
 int FVCommanlineMode::main(int argc, char** argv) {
+    // Every argument after the destination must mean something: a mistyped option must never
+    // run a real backup in its place.
+    bool noNotifications = false;
+    for (int i = 2; i < argc; ++i) {
+        if (std::strcmp(argv[i], "-noUserNotifications") == 0 || std::strcmp(argv[i], "--no-notifications") == 0) {
+            noNotifications = true;
+            continue;
+        }
+        std::fprintf(stderr, "ferrovane: unknown argument after the destination: %s\nNothing was done. See ferrovane --help.\n",
+                     FVSearchText::printable(argv[i]).c_str());
+        return kUsage;
+    }
+
     // Interrupts are taken by a thread of their own; they must be blocked before any thread starts.
     sigset_t interrupts;
     sigemptyset(&interrupts);
@@ -40,9 +55,6 @@ int FVCommanlineMode::main(int argc, char** argv) {
     std::string destination = argv[1];
     if (destination.size() > 1 && destination.back() == '/')
         destination = FVText::standardizedPath(destination);
-    bool noNotifications = false;
-    for (int i = 1; i < argc; ++i)
-        if (std::strcmp(argv[i], "-noUserNotifications") == 0) noNotifications = true;
     FVCommanlineMode runner(makeDesktopNotifier());
     runner.setDisableUserNotifications(noNotifications);
     std::thread([&runner, interrupts] {
