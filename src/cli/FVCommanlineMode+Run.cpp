@@ -56,8 +56,11 @@ void FVCommanlineMode::interrupt() {
 }
 
 void FVCommanlineMode::backupSessionProgressDidChange(FVBackupSession& session) {
-    std::printf("\033c%.2f%%\t", session.progressPercent());
-    std::fflush(stdout);
+    uint64_t items = 0;
+    if (FVSyncingBackup* job = session.syncingBackup())
+        if (auto worker = job->backupCopyWorker()) items = worker->copiedFiles();
+    progress_.update(session.currentTaskDescription(), session.progressPercent(), items,
+                     session.sessionTotalBytesCopied());
 }
 
 void FVCommanlineMode::backupSessionDidFinish(FVBackupSession&) {
@@ -92,6 +95,7 @@ void FVCommanlineMode::finishOnMainThread() {
         runLoop_.stop(255);
         return;
     }
+    progress_.finish();
     std::printf("\nSync finished successfully.\n");
     std::fflush(stdout);
     notify(notification, true);
@@ -99,6 +103,7 @@ void FVCommanlineMode::finishOnMainThread() {
 }
 
 void FVCommanlineMode::printErrors(const std::vector<std::string>& errors) {
+    progress_.finish();
     std::string joined;
     // One line per error, whatever the names in it hold.
     for (size_t i = 0; i < errors.size(); ++i) joined += (i ? "\n" : "") + FVSearchText::printable(errors[i]);
@@ -110,6 +115,7 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
     // A run that a full or read-only destination stopped says why.
     std::vector<std::string> errors = session.errorMessages();
     if (!errors.empty()) printErrors(errors);
+    progress_.finish();
     std::printf("Sync canceled.\n");
     std::fflush(stdout);
     notify({"Sync canceled: " + FVText::lastPathComponent(destinationPath_), "", "", true}, false);

@@ -3,11 +3,15 @@
 // the configuration stored in that destination, progress on standard output and an exit status.
 
 #include "backupset/BackupSetController.h"
+#include "cli/FVProgressLine.h"
 #include "engine/FVBackupSession.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVDestinationLock.h"
 #include "engine/FVMainQueue.h"
 #include "platform/FVUserNotifier.h"
+
+
+#include <unistd.h>
 
 #include <atomic>
 #include <memory>
@@ -44,6 +48,7 @@ private:
     int runBackup();
 
     std::unique_ptr<FVUserNotifier> notifier_;
+    FVProgressLine progress_{stdout, isatty(STDOUT_FILENO) != 0};
     bool disableUserNotifications_ = false;
     std::string destinationPath_;
     std::string settingsPath_;
