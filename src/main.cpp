@@ -49,6 +49,15 @@ void printUsage() {
         "2 bad usage (an unknown argument after the destination included: nothing is done).\n");
 }
 
+// Anything that is neither a command nor a destination, where no window can open.
+int usageError(const char* why) {
+    std::fprintf(stderr, "ferrovane: %s.\n\n", why);
+    std::fflush(stderr);
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    printUsage();
+    return 2;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -66,18 +75,11 @@ int main(int argc, char** argv) {
         return 0;
     }
 #ifdef FERROVANE_NO_WINDOW
-    std::fprintf(stderr, "ferrovane: this build has no window.\n");
-    printUsage();
-    return 255;
+    return usageError("this build has no window");
 #else
     // Without a display the window cannot open: say how to use the command line instead.
-    if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY") && !std::getenv("QT_QPA_PLATFORM")) {
-        std::fprintf(stderr, "ferrovane: no display to open the window on.\n\n");
-        std::fflush(stderr);
-        dup2(STDERR_FILENO, STDOUT_FILENO);
-        printUsage();
-        return 2;
-    }
+    if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY") && !std::getenv("QT_QPA_PLATFORM"))
+        return usageError("no display to open the window on");
     return ferrovane::FVAppDelegate::main(argc, argv);
 #endif
 }

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
+#include <chrono>
 
 #include <cmath>
 
@@ -146,16 +147,21 @@ TEST_F(PoolTest, CancelDuringALargeCopyDropsTheRestAndTheFolderMetadata) {
     buildTree(dir / "src", {{"big", std::string(8 << 20, 'b')}, {"folder/", ""}});
     struct timespec old[2] = {{1000000000, 0}, {1000000000, 0}};
     utimensat(AT_FDCWD, (dir / "src/folder").c_str(), old, 0);
+    // The cancel comes from the only thread once the session is closed, so that no other thread
+    // can take the small files first and no second batch of threads starts after it.
+    std::atomic<bool> allQueued{false};
     worker.setChunkHook([&](const std::string& path, uint64_t) {
-        if (path.ends_with("/big")) worker.cancel();
+        if (!path.ends_with("/big")) return;
+        while (!allQueued) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        worker.cancel();
     });
-    // One thread, so that no other thread can take the small files before the cancel.
     worker.setMaxThreads(1);
     worker.startCopySession();
     addPair(worker, dir / "src/folder", dir / "dst/folder");
     add("big");
     for (const std::string& name : makeFiles(20)) add(name);
     worker.endCopySession();
+    allQueued = true;
     ASSERT_TRUE(delegate.waitForEnd());
     EXPECT_EQ(delegate.cancelled(), 1);
     EXPECT_EQ(delegate.finished(), 0);

@@ -3,6 +3,7 @@ checks that prove nothing was lost."""
 
 import hashlib
 import os
+import re
 import plistlib
 import random
 import shutil
@@ -137,7 +138,11 @@ def mirror_differences(source, mirror, excluded=()):
     r = subprocess.run(["rsync", "-aAXnc", "--delete", "--itemize-changes",
                         *[b"--exclude=/" + e for e in excluded],
                         os.fsencode(source) + b"/", os.fsencode(mirror) + b"/"], capture_output=True)
-    return (r.stdout + r.stderr).decode(errors="replace")
+    # Folder dates are left out: a folder touched while a fault struck may keep a date within the
+    # run's 10-second window, which by design is no change. Runs without faults check them in the
+    # whole-run tests.
+    lines = (r.stdout + r.stderr).decode(errors="replace").splitlines(keepends=True)
+    return "".join(line for line in lines if not re.match(r"^\.d\.\.t\.+ ", line))
 
 
 def expect_mirror(source, mirror, excluded=()):
