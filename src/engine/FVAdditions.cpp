@@ -1,6 +1,6 @@
 #include "engine/FVAdditions.h"
 
-#include "engine/FVFileDescriptor.h"
+#include "fs/FVFileDescriptor.h"
 #include "platform/FVSystemLog.h"
 
 #include <dirent.h>

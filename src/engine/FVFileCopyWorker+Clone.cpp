@@ -4,8 +4,8 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVFileCopyWorkerImpl.h"
-#include "engine/FVItemMetadata.h"
-#include "engine/FVText.h"
+#include "fs/FVItemMetadata.h"
+#include "fs/FVText.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>

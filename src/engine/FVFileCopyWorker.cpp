@@ -1,7 +1,7 @@
 #include "engine/FVFileCopyWorker.h"
 
 #include "engine/FVFileCopyWorkerImpl.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
 #include <fmt/format.h>

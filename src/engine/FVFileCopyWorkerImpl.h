@@ -1,7 +1,7 @@
 #pragma once
 // The worker's private state, shared by its source files (queue and threads, cloning, folders).
 
-#include "engine/FVConfinedDirectory.h"
+#include "fs/FVConfinedDirectory.h"
 #include "engine/FVFileCopyWorker.h"
 
 #include <sys/stat.h>

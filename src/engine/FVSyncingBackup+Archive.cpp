@@ -4,7 +4,7 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVLog.h"
 #include "engine/FVSyncingBackup.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
 #include <fcntl.h>

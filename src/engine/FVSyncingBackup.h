@@ -3,8 +3,8 @@
 // changed to a copy worker, archives what it overwrites or what vanished from the sources,
 // purges old archives, and collects the run's errors.
 
-#include "engine/FVConfinedDirectory.h"
-#include "engine/FVDirectoryWalker.h"
+#include "fs/FVConfinedDirectory.h"
+#include "fs/FVDirectoryWalker.h"
 #include "engine/FVFileCopyWorker.h"
 #include "engine/FVOptions.h"
 #include "engine/FVPathSet.h"

@@ -1,7 +1,7 @@
 // The lazily loaded file item and the file-manager helpers.
 
 #include "engine/FVAdditions.h"
-#include "engine/FVFileDescriptor.h"
+#include "fs/FVFileDescriptor.h"
 #include "engine/FVFileSystemItem.h"
 #include "support/TempDir.h"
 

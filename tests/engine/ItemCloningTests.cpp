@@ -3,7 +3,7 @@
 // symbolic link planted inside the destination.
 
 #include "engine/FVAdditions.h"
-#include "engine/FVConfinedDirectory.h"
+#include "fs/FVConfinedDirectory.h"
 #include "engine/FVFileCopyWorker.h"
 #include "support/ProcessRunner.h"
 #include "support/TempDir.h"

@@ -1,4 +1,4 @@
-#include "engine/FVItemMetadata.h"
+#include "fs/FVItemMetadata.h"
 
 #include "engine/FVAdditions.h"
 
