@@ -89,7 +89,7 @@ public:
     bool respondsToProgressDidChange() const override { return true; }
     bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override;
     void copyWorkerProgressDidChange(float fraction) override;
-    void copyWorkerDidGenerateMessage(const std::string& message, const char* level) override;
+    void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override;
     void copyWorkerDidFinishCopy() override;
     void copyWorkerDidCancel() override;
 

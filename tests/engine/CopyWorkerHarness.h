@@ -30,9 +30,10 @@ public:
         std::lock_guard lock(mutex_);
         progress_.push_back(fraction);
     }
-    void copyWorkerDidGenerateMessage(const std::string& message, const char* level) override {
+    void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override {
+        static constexpr const char* kNames[] = {"INFO", "WARNING", "ERROR"};
         std::lock_guard lock(mutex_);
-        messages_.push_back(std::string(level) + " " + message);
+        messages_.push_back(kNames[static_cast<int>(level)] + (" " + message));
     }
     void copyWorkerDidFinishCopy() override { end(finished_); }
     void copyWorkerDidCancel() override { end(cancelled_); }
