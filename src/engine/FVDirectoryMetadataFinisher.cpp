@@ -1,6 +1,7 @@
 #include "engine/FVDirectoryMetadataFinisher.h"
 
 #include "engine/FVFileCopyWorkerImpl.h"
+#include "fs/FVInodeFlags.h"
 #include "fs/FVItemMetadata.h"
 
 #include <fcntl.h>
@@ -45,7 +46,7 @@ void FVDirectoryMetadataFinisher::finish() {
             send(fmt::format("Directory metadata cloning successful: {}", sourcePath), FVMessageLevel::Info);
         }
         if (!source.valid() || !target.valid()) continue;
-        FVItemMetadata::FlagsResult flags = FVItemMetadata::cloneFlags(source.get(), target.get());
+        FVInodeFlags::CloneResult flags = FVInodeFlags::clone(source.get(), target.get());
         if (!verbose) continue;
         send(flags.readOK ? fmt::format("Directory supplemental metadata reading successful: {}", sourcePath)
                           : fmt::format("WARNING: Flags directory metadata could not be read: {}", sourcePath),

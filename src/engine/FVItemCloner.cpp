@@ -4,6 +4,7 @@
 #include "engine/FVFileCopyWorkerImpl.h"
 #include "engine/FVTemporaryEntry.h"
 #include "fs/FVDataCopier.h"
+#include "fs/FVInodeFlags.h"
 #include "fs/FVItemMetadata.h"
 #include "fs/FVText.h"
 
@@ -99,7 +100,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     Result published = publish(entry, item, out.get(), st.st_size);
     if (published.kind != Result::Kind::Done) return published;
     // Flags last: an immutable or append-only file refuses every other change.
-    FVItemMetadata::FlagsResult flags = FVItemMetadata::cloneFlags(in.get(), out.get());
+    FVInodeFlags::CloneResult flags = FVInodeFlags::clone(in.get(), out.get());
     if (!flags.readOK && verbose)
         send(fmt::format("WARNING: Flags metadata could not be read: {}", item.sourcePath), FVMessageLevel::Warning);
     if (!flags.writeOK && verbose)
