@@ -16,6 +16,7 @@ namespace ferrovane {
 class FVExtendedAttributes {
 public:
     FVExtendedAttributes(int fd, bool pathOnly);
+    // The path is not copied: it must outlive this object.
     explicit FVExtendedAttributes(const std::string& path) : path_(path.c_str()) {}
 
     // The names, each ending in a NUL, and their total size; -1 with errno on failure.

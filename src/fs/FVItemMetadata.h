@@ -1,7 +1,7 @@
 #pragma once
 // Copying an item's metadata from one open item to another: owner, mode, times, extended
-// attributes and access-control lists (the inode flags are FVInodeFlags'). Working on descriptors keeps every change on
-// the item that was opened, whatever happens to its name meanwhile.
+// attributes and access-control lists (inode flags: FVInodeFlags::clone). Working on descriptors
+// keeps every change on the item that was opened, whatever happens to its name meanwhile.
 
 #include <sys/stat.h>
 
