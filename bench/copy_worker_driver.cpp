@@ -25,9 +25,9 @@ struct Waiter : FVFileCopyWorkerDelegate {
     std::condition_variable ended;
     bool done = false;
     int errors = 0;
-    void copyWorkerDidGenerateMessage(const std::string& message, const char* level) override {
+    void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override {
         std::lock_guard lock(mutex);
-        if (!strcmp(level, kLevelError)) ++errors;
+        if (level == FVMessageLevel::Error) ++errors;
         std::fprintf(stderr, "%s\n", message.c_str());
     }
     void copyWorkerDidFinishCopy() override { end(); }

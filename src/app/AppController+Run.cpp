@@ -11,7 +11,7 @@
 #include "app/FVThinProgressBar.h"
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 
 #include <QApplication>
 #include <QComboBox>

@@ -14,7 +14,7 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVLog.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 
 #include <QApplication>
 #include <QComboBox>

@@ -2,7 +2,7 @@
 
 #include "engine/FVExclusionRules.h"
 #include "engine/FVStrings.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 
 #include <fts.h>
 #include <sys/stat.h>

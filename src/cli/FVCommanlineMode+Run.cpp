@@ -3,7 +3,7 @@
 
 #include "cli/FVCommanlineMode.h"
 
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 #include "search/FVSearchText.h"
 
 #include <algorithm>

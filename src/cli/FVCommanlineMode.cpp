@@ -1,7 +1,7 @@
 #include "cli/FVCommanlineMode.h"
 
 #include "FVVersion.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 #include "search/FVSearchText.h"
 
 #include <pthread.h>

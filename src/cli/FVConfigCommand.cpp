@@ -6,7 +6,7 @@
 #include "engine/FVDestinationLock.h"
 #include "engine/FVOptions.h"
 #include "engine/FVStrings.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 #include "scheduling/FVLaunchAgentManager.h"
 #include "scheduling/FVOptionsPanelController.h"
 #include "search/FVSearchText.h"

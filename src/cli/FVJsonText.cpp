@@ -1,6 +1,6 @@
 #include "cli/FVJsonText.h"
 
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 
 #include <fmt/format.h>
 

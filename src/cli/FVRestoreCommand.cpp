@@ -5,7 +5,7 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVRestorePlan.h"
 #include "engine/FVRestoreRun.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 #include "engine/FVVersionCatalog.h"
 #include "search/FVSearchText.h"
 

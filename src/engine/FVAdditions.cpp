@@ -1,15 +1,14 @@
 #include "engine/FVAdditions.h"
 
-#include "engine/FVFileDescriptor.h"
+#include "fs/FVExtendedAttributes.h"
+#include "fs/FVFileDescriptor.h"
+#include "fs/FVInodeFlags.h"
 #include "platform/FVSystemLog.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <libmount/libmount.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -18,7 +17,6 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
-#include <vector>
 
 namespace ferrovane {
 
@@ -65,59 +63,6 @@ namespace FVFileManager {
 namespace {
 
 constexpr const char* kClassName = "FVFileManager";
-
-// Inode flags need a real descriptor; opening a device could have side effects, so only regular
-// files and folders are opened.
-FVFd openForFlags(int dirFd, const std::string& name) {
-    if (name.empty()) return {};
-    struct stat st {};
-    if (fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return {};
-    if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) return {};
-    return FVFd(openat(dirFd, name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
-}
-
-// Append-only refuses a rename and a removal just as immutable does.
-constexpr int kLockingFlags = FS_IMMUTABLE_FL | FS_APPEND_FL;
-
-bool clearLockingFlags(int fd) {
-    int flags = 0;
-    if (ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0 || !(flags & kLockingFlags)) return false;
-    flags &= ~kLockingFlags;
-    ioctl(fd, FS_IOC_SETFLAGS, &flags);  // a failure leaves the item locked; the caller's retry reports it
-    return true;
-}
-
-void unlockTree(int dirFd) {
-    clearLockingFlags(dirFd);
-    int listFd = dup(dirFd);
-    if (listFd < 0) return;
-    DIR* dir = fdopendir(listFd);
-    if (!dir) {
-        close(listFd);
-        return;
-    }
-    while (dirent* entry = readdir(dir)) {
-        if (!strcmp(entry->d_name, ".") || !strcmp(entry->d_name, "..")) continue;
-        FVFd child = openForFlags(dirFd, entry->d_name);
-        if (!child.valid()) continue;
-        struct stat st {};
-        if (fstat(child.get(), &st) == 0 && S_ISDIR(st.st_mode)) unlockTree(child.get());
-        else clearLockingFlags(child.get());
-    }
-    closedir(dir);
-}
-
-std::string hex(const char* bytes, size_t size) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out = "<";
-    for (size_t i = 0; i < size; ++i) {
-        if (i && i % 4 == 0) out += ' ';
-        auto c = static_cast<unsigned char>(bytes[i]);
-        out += digits[c >> 4];
-        out += digits[c & 15];
-    }
-    return out + ">";
-}
 
 }  // namespace
 
@@ -174,11 +119,8 @@ std::optional<bool> folderHasEntries(const std::string& path) {
 void lockFile(const std::string& path) {
     std::string name;
     FVFd parent = FVLongPath::openParent(path, name);
-    FVFd fd = parent.valid() ? openForFlags(parent.get(), name) : FVFd();
-    int flags = 0;
-    if (!fd.valid() || ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0 || (flags & FS_IMMUTABLE_FL)) return;
-    flags |= FS_IMMUTABLE_FL;
-    ioctl(fd.get(), FS_IOC_SETFLAGS, &flags);  // errors are ignored: locking is best effort
+    FVFd fd = parent.valid() ? FVInodeFlags::openForFlags(parent.get(), name) : FVFd();
+    if (fd.valid()) FVInodeFlags::setImmutable(fd.get());
 }
 
 bool unlockFile(const std::string& path) {
@@ -188,9 +130,9 @@ bool unlockFile(const std::string& path) {
 }
 
 bool unlockFileAt(int dirFd, const std::string& name) {
-    if (name.empty()) return clearLockingFlags(dirFd);
-    FVFd fd = openForFlags(dirFd, name);
-    return fd.valid() && clearLockingFlags(fd.get());
+    if (name.empty()) return FVInodeFlags::clearLocking(dirFd);
+    FVFd fd = FVInodeFlags::openForFlags(dirFd, name);
+    return fd.valid() && FVInodeFlags::clearLocking(fd.get());
 }
 
 void unlockRecursively(const std::string& path) {
@@ -200,20 +142,11 @@ void unlockRecursively(const std::string& path) {
 }
 
 void unlockRecursivelyAt(int dirFd, const std::string& name) {
-    FVFd fd = openForFlags(dirFd, name);
+    FVFd fd = FVInodeFlags::openForFlags(dirFd, name);
     struct stat st {};
     if (!fd.valid() || fstat(fd.get(), &st) != 0) return;
-    if (S_ISDIR(st.st_mode)) unlockTree(fd.get());
-    else clearLockingFlags(fd.get());
-}
-
-bool xattrNameIsSkipped(std::string_view name) {
-    return name == "com.apple.quarantine" || name == "com.apple.FinderInfo";
-}
-
-bool xattrIsCarried(std::string_view name, bool includeACL) {
-    if (xattrNameIsSkipped(name)) return false;
-    return includeACL || (name != "system.posix_acl_access" && name != "system.posix_acl_default");
+    if (S_ISDIR(st.st_mode)) FVInodeFlags::clearLockingBelow(fd.get());
+    else FVInodeFlags::clearLocking(fd.get());
 }
 
 FVExistence existenceAtPath(const std::string& path, int* error) {
@@ -225,31 +158,9 @@ FVExistence existenceAtPath(const std::string& path, int* error) {
 }
 
 std::string xattrNameAndDataStringForFileAtPath(const std::string& path, bool includeACL) {
-    ssize_t listSize = llistxattr(path.c_str(), nullptr, 0);
-    if (listSize <= 0) return "";
-    std::vector<char> names(static_cast<size_t>(listSize) + 1, 0);
-    listSize = llistxattr(path.c_str(), names.data(), names.size() - 1);
-    if (listSize <= 0) return "";
-    std::string signature;
-    std::vector<char> value;
-    for (size_t pos = 0; pos < static_cast<size_t>(listSize);) {
-        const char* name = names.data() + pos;
-        size_t length = strlen(name);
-        pos += length + 1;
-        if (!xattrIsCarried(name, includeACL)) continue;
-        signature += name;
-        ssize_t size = lgetxattr(path.c_str(), name, nullptr, 0);
-        if (size >= 0) {
-            value.resize(static_cast<size_t>(size));
-            size = lgetxattr(path.c_str(), name, value.data(), value.size());
-        }
-        if (size < 0) {
-            FVSystemLog::error(kClassName, fmt::format("Failed to read xattr with name, skipping: {}", name));
-            continue;
-        }
-        signature += ":" + hex(value.data(), static_cast<size_t>(size)) + "\n";
-    }
-    return signature;
+    return FVExtendedAttributes(path).signature(includeACL, [](const char* name) {
+        FVSystemLog::error(kClassName, fmt::format("Failed to read xattr with name, skipping: {}", name));
+    });
 }
 
 bool xattrIdentialforFileAtPath(const std::string& path, const std::string& otherPath, bool includeACL) {

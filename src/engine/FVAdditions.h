@@ -56,11 +56,6 @@ void unlockRecursivelyAt(int dirFd, const std::string& name);
 // carries keeps an item that cannot carry an attribute from being copied on every run.
 std::string xattrNameAndDataStringForFileAtPath(const std::string& path, bool includeACL = true);
 bool xattrIdentialforFileAtPath(const std::string& path, const std::string& otherPath, bool includeACL = true);
-// The two attribute names that are neither compared nor copied.
-bool xattrNameIsSkipped(std::string_view name);
-// Whether a copy carries the attribute: every name but the skipped two, and the access-control
-// lists only when they are cloned.
-bool xattrIsCarried(std::string_view name, bool includeACL);
 FVExistence existenceAtPath(const std::string& path, int* error = nullptr);
 }  // namespace FVFileManager
 

@@ -4,7 +4,7 @@
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVLog.h"
 #include "engine/FVStrings.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
 #include <fmt/format.h>

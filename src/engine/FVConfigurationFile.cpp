@@ -1,6 +1,6 @@
 #include "engine/FVConfigurationFile.h"
 
-#include "engine/FVAtomicFile.h"
+#include "fs/FVAtomicFile.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -6,7 +6,7 @@
 // flock belongs to the open file description: a second lock in the same process conflicts with
 // the first just as one in another process does.
 
-#include "engine/FVFileDescriptor.h"
+#include "fs/FVFileDescriptor.h"
 
 #include <chrono>
 #include <string>

@@ -1,8 +1,12 @@
 #include "engine/FVFileCopyWorker.h"
 
 #include "engine/FVFileCopyWorkerImpl.h"
-#include "engine/FVText.h"
+#include "engine/FVItemCloner.h"
+#include "fs/FVDataCopier.h"
+#include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
+
+#include <fcntl.h>
 
 #include <fmt/format.h>
 
@@ -39,7 +43,7 @@ bool FVPairQueue::pop(CopyPair& pair) {
     return true;
 }
 
-FVFileCopyWorker::FVFileCopyWorker() : impl_(std::make_unique<Impl>()) {}
+FVFileCopyWorker::FVFileCopyWorker() : impl_(std::make_unique<FVFileCopyWorkerImpl>()) {}
 
 FVFileCopyWorker::~FVFileCopyWorker() {
     {
@@ -135,7 +139,7 @@ uint64_t FVFileCopyWorker::requestedFiles() const { return impl_->requestedFiles
 uint64_t FVFileCopyWorker::copiedFiles() const { return impl_->copiedFiles.load(std::memory_order_relaxed); }
 uint64_t FVFileCopyWorker::totalBytesCopied() const { return impl_->totalBytesCopied.load(std::memory_order_relaxed); }
 
-void FVFileCopyWorker::Impl::startCopies() {
+void FVFileCopyWorkerImpl::startCopies() {
     std::lock_guard lock(poolMutex);
     if (destroying || activeWorkers >= maxThreads) return;
     // The first thread opens a batch, whose last thread runs the finish step.
@@ -149,11 +153,11 @@ void FVFileCopyWorker::Impl::startCopies() {
     }
 }
 
-bool FVFileCopyWorker::Impl::nextItem(CopyPair& pair) {
+bool FVFileCopyWorkerImpl::nextItem(CopyPair& pair) {
     std::lock_guard lock(filesMutex);
     bool found = filesToCopy.pop(pair);
     if (found) {
-        if (!pair.source->isFile()) foldersInFlight.push_back(pair.destination->path());
+        if (!pair.source->isFile()) folders.markInFlight(pair.destination->path());
         copiedFiles.fetch_add(1, std::memory_order_relaxed);
         if (filesToCopy.size() + 1 == kMaximumPendingPairs) roomInQueue.notify_one();
     }
@@ -161,7 +165,7 @@ bool FVFileCopyWorker::Impl::nextItem(CopyPair& pair) {
     return found;
 }
 
-void FVFileCopyWorker::Impl::reportProgress() {
+void FVFileCopyWorkerImpl::reportProgress() {
     uint64_t requested = requestedFiles.load(std::memory_order_relaxed);
     if ((copySessionRunning && requested < 100) || requested == 0) return;
     auto progress = static_cast<float>(static_cast<double>(copiedFiles.load(std::memory_order_relaxed)) /
@@ -172,7 +176,7 @@ void FVFileCopyWorker::Impl::reportProgress() {
     delegate->copyWorkerProgressDidChange(progress);
 }
 
-void FVFileCopyWorker::Impl::workerBody() {
+void FVFileCopyWorkerImpl::workerBody() {
     {
         FVCopyThreadState state;
         state.buffer.reset(new char[kCopyBufferSize]);
@@ -191,7 +195,7 @@ void FVFileCopyWorker::Impl::workerBody() {
                 if (!nextItem(pair)) break;
             }
             if (cancelled.load(std::memory_order_relaxed)) {
-                if (!pair.source->isFile()) settleFolder(pair.destination->path());
+                if (!pair.source->isFile()) folders.settle(pair.destination->path());
                 break;
             }
             copyPair(pair, state);
@@ -200,7 +204,7 @@ void FVFileCopyWorker::Impl::workerBody() {
     workerEnded();
 }
 
-void FVFileCopyWorker::Impl::workerEnded() {
+void FVFileCopyWorkerImpl::workerEnded() {
     enum class Outcome { None, Cancelled, Finished } outcome = Outcome::None;
     {
         std::lock_guard lock(poolMutex);
@@ -212,7 +216,7 @@ void FVFileCopyWorker::Impl::workerEnded() {
         } else if (!copySessionRunning) {
             std::lock_guard filesLock(filesMutex);
             if (filesToCopy.empty()) {
-                cloneAllDirectoryAttributes();
+                directoryMetadata.finish();
                 outcome = Outcome::Finished;
             }
         }
@@ -223,37 +227,56 @@ void FVFileCopyWorker::Impl::workerEnded() {
     else if (outcome == Outcome::Finished) delegate->copyWorkerDidFinishCopy();
 }
 
-void FVFileCopyWorker::Impl::sendMessage(const std::string& message, const char* level) {
+void FVFileCopyWorkerImpl::sendMessage(const std::string& message, FVMessageLevel level) {
     if (delegate) delegate->copyWorkerDidGenerateMessage(message, level);
 }
 
-bool FVFileCopyWorker::Impl::stopOnDestinationError(int error) {
-    const char* message = nullptr;
-    if (error == EROFS) message = "ERROR: Destination is read-only. Aborting backup.";
-    else if (error == ENOSPC || error == EDQUOT) message = "ERROR: No free space left at destination. Aborting backup.";
-    else return false;
+const char* FVFileCopyWorkerImpl::fatalDestinationMessage(int error) {
+    if (error == EROFS) return "ERROR: Destination is read-only. Aborting backup.";
+    if (error == ENOSPC || error == EDQUOT) return "ERROR: No free space left at destination. Aborting backup.";
+    return nullptr;
+}
+
+bool FVFileCopyWorkerImpl::stopOnDestinationError(int error) {
+    const char* message = fatalDestinationMessage(error);
+    if (!message) return false;
     cancelled.store(true, std::memory_order_relaxed);
-    if (!destinationFailureReported.exchange(true)) sendMessage(message, kLevelError);
+    if (!destinationFailureReported.exchange(true)) sendMessage(message, FVMessageLevel::Error);
     return true;
 }
 
-bool FVFileCopyWorker::Impl::mayOverwrite(FVFileSystemItem& destination) {
+bool FVFileCopyWorkerImpl::mayOverwrite(FVFileSystemItem& destination) {
     return !(delegateSupportsWillOverwriteDestination && delegate) ||
            delegate->copyWorkerWillOverwriteDestination(destination);
 }
 
-void FVFileCopyWorker::Impl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
+void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
     FVFileSystemItem& source = *pair.source;
     FVFileSystemItem& destination = *pair.destination;
     if (source.isFile()) {
         if (!mayOverwrite(destination)) return;
-        ensureFolder(state, FVText::deletingLastPathComponent(destination.path()));
-        cloneItem(source, destination.path(), false, state);
+        folders.ensureFolder(state, FVText::deletingLastPathComponent(destination.path()));
+        FVItemCloner(*this, state).clone(source, destination.path());
     } else {
-        addDirectoryToStore(source.path(), destination.path());
-        ensureDirectoryItem(state, destination);
-        settleFolder(destination.path());
+        directoryMetadata.add(source.path(), destination.path());
+        folders.ensureDirectoryItem(state, destination);
+        folders.settle(destination.path());
     }
+}
+
+int FVFileCopyWorkerImpl::openSource(const std::string& path, int flags) const {
+    std::optional<std::string> relative = sourceTree ? sourceTree->relativePath(path) : std::nullopt;
+    // The root itself, a source that is a single file, or a worker without a source root.
+    if (!relative || relative->empty() || sourceTree->openError() != 0) return FVLongPath::open(path, flags);
+    const size_t slash = relative->rfind('/');
+    int error = 0;
+    FVFd folder = sourceTree->openFolder(slash == std::string::npos ? "" : relative->substr(0, slash), false, &error);
+    if (!folder.valid()) {
+        errno = error;
+        return -1;
+    }
+    const std::string name = slash == std::string::npos ? *relative : relative->substr(slash + 1);
+    return openat(folder.get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC);
 }
 
 }  // namespace ferrovane

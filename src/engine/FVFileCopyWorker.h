@@ -12,14 +12,16 @@
 
 namespace ferrovane {
 
-inline constexpr const char* kLevelInfo = "INFO";
-inline constexpr const char* kLevelWarning = "WARNING";
-inline constexpr const char* kLevelError = "ERROR";
+// How a worker message counts: Info and Warning lines go to the run log only, Error lines are
+// also the run's errors.
+enum class FVMessageLevel { Info, Warning, Error };
 
 // Files are written under a hidden name beginning so in their destination folder and renamed
 // over the destination last. A crashed run leaves such names behind; the next run removes them
 // and never archives or reports them.
 inline constexpr const char* kTemporaryFilePrefix = ".ferrovane-tmp-";
+
+struct FVFileCopyWorkerImpl;
 
 // Callbacks arrive on worker threads, never on the main thread.
 class FVFileCopyWorkerDelegate {
@@ -33,7 +35,7 @@ public:
     // destination exactly as it is: the item is then not copied in this run.
     virtual bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) { return true; }
     virtual void copyWorkerProgressDidChange(float fraction) {}
-    virtual void copyWorkerDidGenerateMessage(const std::string& message, const char* level) {}
+    virtual void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) {}
     virtual void copyWorkerDidFinishCopy() = 0;
     virtual void copyWorkerDidCancel() = 0;
 };
@@ -79,8 +81,7 @@ public:
     uint64_t totalBytesCopied() const;
 
 private:
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
+    std::unique_ptr<FVFileCopyWorkerImpl> impl_;
 };
 
 }  // namespace ferrovane

@@ -1,8 +1,11 @@
 #pragma once
-// The worker's private state, shared by its source files (queue and threads, cloning, folders).
+// The worker's private state, shared by the worker and its collaborators: the destination
+// folders, the item cloner and the directory-metadata finisher.
 
-#include "engine/FVConfinedDirectory.h"
+#include "engine/FVDestinationFolders.h"
+#include "engine/FVDirectoryMetadataFinisher.h"
 #include "engine/FVFileCopyWorker.h"
+#include "fs/FVConfinedDirectory.h"
 
 #include <sys/stat.h>
 
@@ -11,13 +14,10 @@
 #include <condition_variable>
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <vector>
 
 namespace ferrovane {
-
-inline constexpr size_t kCopyBufferSize = 1048576;
 
 struct CopyPair {
     FVFileSystemItemPtr source;
@@ -40,24 +40,6 @@ private:
     size_t count_ = 0;
 };
 
-// Every folder met, in order, as (source, destination) path pairs packed into one byte arena.
-class FVDirectoryStore {
-public:
-    void append(std::string_view source, std::string_view destination);
-    size_t size() const { return ends_.size() / 2; }
-    std::string_view source(size_t i) const { return slice(2 * i); }
-    std::string_view destination(size_t i) const { return slice(2 * i + 1); }
-    void clear();
-
-private:
-    std::string_view slice(size_t k) const {
-        size_t begin = k == 0 ? 0 : ends_[k - 1];
-        return std::string_view(arena_).substr(begin, ends_[k] - begin);
-    }
-    std::string arena_;
-    std::vector<size_t> ends_;
-};
-
 // What one copying thread keeps between items.
 struct FVCopyThreadState {
     std::unique_ptr<char[]> buffer;
@@ -66,7 +48,7 @@ struct FVCopyThreadState {
     int lastDirectoryError = 0;
 };
 
-struct FVFileCopyWorker::Impl {
+struct FVFileCopyWorkerImpl {
     // Settings, fixed before the session starts.
     FVFileCopyWorkerDelegate* delegate = nullptr;
     bool verboseLogging = false;
@@ -95,11 +77,6 @@ struct FVFileCopyWorker::Impl {
     // runs far ahead of the copies (a first run of millions of small files).
     std::condition_variable roomInQueue;
     FVPairQueue filesToCopy{4096};
-    // Destination folders whose pair a thread has taken and not yet settled. Pairs leave the
-    // queue folder first, so a thread that finds a link or file where its folder must be can
-    // wait here for the folder's own pair to replace it rather than fail.
-    std::vector<std::string> foldersInFlight;
-    std::condition_variable folderSettled;
     std::atomic<uint64_t> requestedFiles{0};
     std::atomic<uint64_t> copiedFiles{0};
     float lastReportedProgress = 0;
@@ -111,8 +88,8 @@ struct FVFileCopyWorker::Impl {
     bool finishPending = false;
     std::vector<std::thread> threads;
 
-    std::mutex storeMutex;
-    FVDirectoryStore directoryStore;
+    FVDestinationFolders folders{*this};
+    FVDirectoryMetadataFinisher directoryMetadata{*this};
 
     // Queue and threads.
     void startCopies();
@@ -120,7 +97,9 @@ struct FVFileCopyWorker::Impl {
     void reportProgress();
     void workerBody();
     void workerEnded();
-    void sendMessage(const std::string& message, const char* level);
+    void sendMessage(const std::string& message, FVMessageLevel level);
+    // The message that stops the session for a read-only or full destination; null for any other errno.
+    static const char* fatalDestinationMessage(int error);
     bool stopOnDestinationError(int error);
     // Asks the delegate before a destination item is replaced; false keeps it.
     bool mayOverwrite(FVFileSystemItem& destination);
@@ -128,21 +107,6 @@ struct FVFileCopyWorker::Impl {
 
     // open(2) of a source item; below the source root no symbolic link is followed.
     int openSource(const std::string& path, int flags) const;
-
-    // Folders.
-    void settleFolder(const std::string& path);
-    bool waitForFoldersAbove(std::string_view path);
-    // A destination folder, created where missing. When a link or file stands in the way while
-    // another thread replaces a folder at or above it, waits for that thread and tries again.
-    FVFd openFolderOnceSettled(const std::string& path, int* error, bool* created = nullptr);
-    bool ensureFolder(FVCopyThreadState& state, const std::string& path);
-    void ensureDirectoryItem(FVCopyThreadState& state, FVFileSystemItem& destinationItem);
-    void addDirectoryToStore(const std::string& source, const std::string& destination);
-    void cloneAllDirectoryAttributes();
-
-    // Cloning.
-    void cloneItem(FVFileSystemItem& source, const std::string& destinationPath, bool isRetry,
-                   FVCopyThreadState& state);
 };
 
 }  // namespace ferrovane

@@ -1,6 +1,6 @@
 #include "engine/FVFileSystemItem.h"
 
-#include "engine/FVFileDescriptor.h"
+#include "fs/FVFileDescriptor.h"
 
 #include <fcntl.h>
 #include <limits.h>

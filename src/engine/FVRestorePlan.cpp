@@ -1,9 +1,9 @@
 #include "engine/FVRestorePlan.h"
 
 #include "engine/FVConfigurationFile.h"
-#include "engine/FVDirectoryWalker.h"
+#include "fs/FVDirectoryWalker.h"
 #include "engine/FVFileCopyWorker.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 #include "engine/FVVersionCatalog.h"
 
 #include <sys/stat.h>

@@ -10,7 +10,6 @@
 #include <fmt/format.h>
 
 #include <chrono>
-#include <cstring>
 #include <ctime>
 
 namespace ferrovane {
@@ -126,9 +125,9 @@ bool FVRestoreRun::copyWorkerWillOverwriteDestination(FVFileSystemItem& destinat
     return true;
 }
 
-void FVRestoreRun::copyWorkerDidGenerateMessage(const std::string& message, const char* level) {
-    if (std::strcmp(level, kLevelInfo) == 0) FVLog::currentLog().addLogLine(message);
-    else tell(message, std::strcmp(level, kLevelError) == 0);
+void FVRestoreRun::copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) {
+    if (level == FVMessageLevel::Info) FVLog::currentLog().addLogLine(message);
+    else tell(message, level == FVMessageLevel::Error);
 }
 
 void FVRestoreRun::copyWorkerDidFinishCopy() {

@@ -43,7 +43,7 @@ public:
 
     bool respondsToWillOverwriteDestination() const override { return true; }
     bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override;
-    void copyWorkerDidGenerateMessage(const std::string& message, const char* level) override;
+    void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override;
     void copyWorkerDidFinishCopy() override;
     void copyWorkerDidCancel() override;
 

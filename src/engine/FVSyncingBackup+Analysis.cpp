@@ -2,10 +2,10 @@
 // to the copy worker while the walk goes on.
 
 #include "engine/FVAdditions.h"
-#include "engine/FVDirectoryWalker.h"
+#include "fs/FVDirectoryWalker.h"
 #include "engine/FVExclusionRules.h"
 #include "engine/FVSyncingBackup.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -4,7 +4,7 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVLog.h"
 #include "engine/FVSyncingBackup.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
 #include <fcntl.h>
@@ -86,9 +86,9 @@ bool FVSyncingBackup::copyWorkerWillOverwriteDestination(FVFileSystemItem& desti
     return false;
 }
 
-void FVSyncingBackup::copyWorkerDidGenerateMessage(const std::string& message, const char* level) {
+void FVSyncingBackup::copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) {
     logLine(message);
-    if (std::strcmp(level, kLevelError) == 0) addError(message);
+    if (level == FVMessageLevel::Error) addError(message);
 }
 
 void FVSyncingBackup::copyWorkerProgressDidChange(float fraction) {

@@ -2,11 +2,11 @@
 // archived into __removed/<stamp>/ or deleted; and archives past their age are purged.
 
 #include "engine/FVAdditions.h"
-#include "engine/FVDirectoryWalker.h"
+#include "fs/FVDirectoryWalker.h"
 #include "engine/FVExclusionRules.h"
 #include "engine/FVFileCopyWorker.h"
 #include "engine/FVSyncingBackup.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
 #include <dirent.h>

@@ -3,8 +3,8 @@
 // changed to a copy worker, archives what it overwrites or what vanished from the sources,
 // purges old archives, and collects the run's errors.
 
-#include "engine/FVConfinedDirectory.h"
-#include "engine/FVDirectoryWalker.h"
+#include "fs/FVConfinedDirectory.h"
+#include "fs/FVDirectoryWalker.h"
 #include "engine/FVFileCopyWorker.h"
 #include "engine/FVOptions.h"
 #include "engine/FVPathSet.h"
@@ -89,7 +89,7 @@ public:
     bool respondsToProgressDidChange() const override { return true; }
     bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override;
     void copyWorkerProgressDidChange(float fraction) override;
-    void copyWorkerDidGenerateMessage(const std::string& message, const char* level) override;
+    void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override;
     void copyWorkerDidFinishCopy() override;
     void copyWorkerDidCancel() override;
 

@@ -1,6 +1,6 @@
 #include "engine/FVTrash.h"
 
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

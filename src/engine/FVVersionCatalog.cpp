@@ -1,7 +1,7 @@
 #include "engine/FVVersionCatalog.h"
 
 #include "engine/FVConfigurationFile.h"
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 
 #include <dirent.h>
 #include <sys/stat.h>

@@ -1,6 +1,6 @@
 #include "platform/FVUserNotifier.h"
 
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 
 #include <systemd/sd-bus.h>
 

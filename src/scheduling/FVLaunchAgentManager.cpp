@@ -2,8 +2,8 @@
 
 #include "platform/FVHomeDirectory.h"
 
-#include "engine/FVAtomicFile.h"
-#include "engine/FVText.h"
+#include "fs/FVAtomicFile.h"
+#include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 #include "search/FVSearchText.h"
 

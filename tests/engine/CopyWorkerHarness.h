@@ -10,6 +10,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ferrovane::test {
@@ -30,9 +31,10 @@ public:
         std::lock_guard lock(mutex_);
         progress_.push_back(fraction);
     }
-    void copyWorkerDidGenerateMessage(const std::string& message, const char* level) override {
+    void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override {
+        static constexpr const char* kNames[] = {"INFO", "WARNING", "ERROR"};
         std::lock_guard lock(mutex_);
-        messages_.push_back(std::string(level) + " " + message);
+        messages_.push_back(kNames[static_cast<int>(level)] + (" " + message));
     }
     void copyWorkerDidFinishCopy() override { end(finished_); }
     void copyWorkerDidCancel() override { end(cancelled_); }
@@ -71,23 +73,38 @@ inline void addPair(FVFileCopyWorker& worker, const std::string& source, const s
     worker.addCopyItemFromSource(FVFileSystemItem::itemWithPath(source), FVFileSystemItem::itemWithPath(destination));
 }
 
-// Copies the tree below source into destination (the root folder itself included) through a new
-// worker and waits for its end. configure runs before the session starts.
-inline void copyTree(const std::string& source, const std::string& destination, RecordingDelegate& delegate,
-                     const std::function<void(FVFileCopyWorker&)>& configure = {}) {
+// One session through a new worker over the (source, destination) pairs in the order given;
+// configure runs before the session starts. Waits for the worker's end.
+inline void copyPairs(const std::string& destinationRoot, const std::vector<std::pair<std::string, std::string>>& pairs,
+                      RecordingDelegate& delegate, const std::function<void(FVFileCopyWorker&)>& configure = {}) {
     FVFileCopyWorker worker;
     worker.setDelegate(&delegate);
-    worker.setDestinationRoot(destination);
+    worker.setDestinationRoot(destinationRoot);
     if (configure) configure(worker);
     worker.startCopySession();
-    addPair(worker, source, destination);
-    namespace fs = std::filesystem;
-    for (const auto& entry : fs::recursive_directory_iterator(source)) {
-        std::string path = entry.path().string();
-        addPair(worker, path, destination + path.substr(source.size()));
-    }
+    for (const auto& [source, destination] : pairs) addPair(worker, source, destination);
     worker.endCopySession();
     delegate.waitForEnd();
+}
+
+// Copies the tree below source into destination (the root folder itself included), folders
+// before their contents as the analysis adds them.
+inline void copyTree(const std::string& source, const std::string& destination, RecordingDelegate& delegate,
+                     const std::function<void(FVFileCopyWorker&)>& configure = {}) {
+    std::vector<std::pair<std::string, std::string>> pairs{{source, destination}};
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(source)) {
+        std::string path = entry.path().string();
+        pairs.emplace_back(path, destination + path.substr(source.size()));
+    }
+    copyPairs(destination, pairs, delegate, configure);
+}
+
+// What a run left below root under a temporary name.
+inline std::vector<std::string> temporaryLeftovers(const std::string& root) {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
+        if (entry.path().filename().string().starts_with(kTemporaryFilePrefix)) found.push_back(entry.path());
+    return found;
 }
 
 }  // namespace ferrovane::test

@@ -1,7 +1,8 @@
 // The lazily loaded file item and the file-manager helpers.
 
 #include "engine/FVAdditions.h"
-#include "engine/FVFileDescriptor.h"
+#include "fs/FVExtendedAttributes.h"
+#include "fs/FVFileDescriptor.h"
 #include "engine/FVFileSystemItem.h"
 #include "support/TempDir.h"
 
@@ -116,9 +117,9 @@ TEST(FileManager, XattrSignatureIgnoresTheTwoFinderNamesAndSeesValues) {
     }
     if (acl) acl_free(acl);
     EXPECT_FALSE(FVFileManager::xattrIdentialforFileAtPath("", dir / "b"));
-    EXPECT_TRUE(FVFileManager::xattrNameIsSkipped("com.apple.quarantine"));
-    EXPECT_TRUE(FVFileManager::xattrNameIsSkipped("com.apple.FinderInfo"));
-    EXPECT_FALSE(FVFileManager::xattrNameIsSkipped("user.com.apple.FinderInfo"));
+    EXPECT_TRUE(FVExtendedAttributes::isSkipped("com.apple.quarantine"));
+    EXPECT_TRUE(FVExtendedAttributes::isSkipped("com.apple.FinderInfo"));
+    EXPECT_FALSE(FVExtendedAttributes::isSkipped("user.com.apple.FinderInfo"));
 }
 
 TEST(FileManager, LockAndUnlockTheImmutableFlag) {

@@ -1,9 +1,9 @@
 // Cloning items with every piece of metadata, replacing what is in the way, and the faults:
-// vanished and unreadable sources, a full destination, a crash in the middle of a copy and a
-// symbolic link planted inside the destination.
+// vanished and unreadable sources, a crash in the middle of a copy and a symbolic link planted
+// inside the destination. A full destination and paths deeper than PATH_MAX are checked on whole
+// runs (tests/faults: storage, hostile).
 
 #include "engine/FVAdditions.h"
-#include "engine/FVConfinedDirectory.h"
 #include "engine/FVFileCopyWorker.h"
 #include "support/ProcessRunner.h"
 #include "support/TempDir.h"
@@ -14,7 +14,6 @@
 #include <linux/fs.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
@@ -30,8 +29,8 @@ using namespace ferrovane::test;
 
 namespace {
 
-std::string rsyncDifferences(const std::string& source, const std::string& destination) {
-    ProcessResult result = runProcess({"/usr/bin/rsync", "-aAXn", "--itemize-changes", source + "/", destination + "/"});
+std::string rsyncDifferences(const std::string& source, const std::string& destination, const char* options = "-aAXn") {
+    ProcessResult result = runProcess({"/usr/bin/rsync", options, "--itemize-changes", source + "/", destination + "/"});
     EXPECT_EQ(result.exitStatus, 0) << result.err;
     return result.out;
 }
@@ -62,26 +61,6 @@ bool lock(const std::string& path) {
 }
 
 bool run(const std::string& command) { return runProcess({"/bin/sh", "-c", command}).exitStatus == 0; }
-
-std::vector<std::string> temporaryLeftovers(const std::string& root) {
-    std::vector<std::string> found;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
-        if (entry.path().filename().string().starts_with(kTemporaryFilePrefix)) found.push_back(entry.path());
-    return found;
-}
-
-// A size-limited tmpfs, unmounted again at the end of the test.
-struct TmpfsMount {
-    TmpfsMount(const std::string& path, const char* options) : path(path) {
-        makeDirs(path);
-        mounted = mount("tmpfs", path.c_str(), "tmpfs", 0, options) == 0;
-    }
-    ~TmpfsMount() {
-        if (mounted) umount2(path.c_str(), MNT_DETACH);
-    }
-    std::string path;
-    bool mounted = false;
-};
 
 // Runs body in a child process (so it may change its user or be killed) and returns its status.
 template <typename Body>
@@ -166,12 +145,7 @@ TEST(ItemCloning, AccessControlListsStayBehindWhenDisabled) {
     copyTree(src, dst, delegate, [](FVFileCopyWorker& worker) { worker.setDisableACLClone(true); });
     EXPECT_LT(getxattr((dst + "/folder/file").c_str(), "system.posix_acl_access", nullptr, 0), 0);
     EXPECT_LT(getxattr((dst + "/folder").c_str(), "system.posix_acl_access", nullptr, 0), 0);
-    EXPECT_EQ(getxattr((dst + "/folder/file").c_str(), "user.kept", nullptr, 0), 1);
-    struct stat s {}, d {};
-    stat((src + "/folder").c_str(), &s);
-    stat((dst + "/folder").c_str(), &d);
-    EXPECT_EQ(s.st_mode, d.st_mode);
-    EXPECT_EQ(s.st_mtim.tv_sec, d.st_mtim.tv_sec);
+    EXPECT_EQ(rsyncDifferences(src, dst, "-aXn"), "") << "everything but the lists is carried";
 }
 
 TEST(ItemCloning, ReplacesWhatStandsInTheWay) {
@@ -242,33 +216,6 @@ TEST(ItemCloning, VanishedSourceIsANoteAndUnreadableSourceAnError) {
     EXPECT_TRUE(temporaryLeftovers(dir / "dst").empty());
 }
 
-TEST(ItemCloning, AFullDestinationCancelsTheJobAndLeavesNoPartialFile) {
-    TempDir dir;
-    TmpfsMount small(dir / "small", "size=2m");
-    if (!small.mounted) GTEST_SKIP() << "cannot mount a tmpfs here";
-    makeDirs(dir / "src");
-    writeFile(dir / "src/a", "a");
-    writeFile(dir / "src/huge", pattern(3 << 20, 4));
-    writeFile(dir / "src/z", "z");
-    RecordingDelegate delegate;
-    FVFileCopyWorker worker;
-    worker.setDelegate(&delegate);
-    worker.setDestinationRoot(small.path);
-    worker.setMaxThreads(1);
-    worker.startCopySession();
-    for (const char* name : {"a", "huge", "z"}) addPair(worker, dir / ("src/" + std::string(name)), small.path + "/" + name);
-    // The cancelled thread ends at the next pair; the session end lets the idle one go.
-    worker.endCopySession();
-    ASSERT_TRUE(delegate.waitForEnd());
-    EXPECT_EQ(delegate.cancelled(), 1);
-    EXPECT_TRUE(worker.isCancelled());
-    EXPECT_EQ(delegate.messagesAt("ERROR"), std::vector<std::string>{"ERROR: No free space left at destination. Aborting backup."});
-    EXPECT_EQ(readFile(small.path + "/a"), "a");
-    EXPECT_FALSE(exists(small.path + "/huge"));
-    EXPECT_FALSE(exists(small.path + "/z"));
-    EXPECT_TRUE(temporaryLeftovers(small.path).empty());
-}
-
 TEST(ItemCloning, AKilledCopyLeavesTheOldVersionWhole) {
     TempDir dir;
     makeDirs(dir / "dst");
@@ -315,10 +262,9 @@ TEST(ItemCloning, ALinkPlantedInTheDestinationLeadsNowhere) {
     makeDirs(dir / "outside");
     for (const char* name : {"first", "second", "third"}) writeFile(dir / ("src/folder/" + std::string(name)), pattern(2 << 20, 7));
     RecordingDelegate delegate;
-    {
-        FVFileCopyWorker worker;
-        worker.setDelegate(&delegate);
-        worker.setDestinationRoot(dir / "dst");
+    std::vector<std::pair<std::string, std::string>> pairs;
+    for (const char* name : {"", "/first", "/second"}) pairs.emplace_back(dir / "src/folder" + name, dir / "dst/folder" + name);
+    copyPairs(dir / "dst", pairs, delegate, [&](FVFileCopyWorker& worker) {
         worker.setMaxThreads(1);
         // While the first file is copied, the folder is swapped for a link to a folder outside.
         worker.setChunkHook([&](const std::string& path, uint64_t) {
@@ -326,28 +272,15 @@ TEST(ItemCloning, ALinkPlantedInTheDestinationLeadsNowhere) {
             rename((dir / "dst/folder").c_str(), (dir / "dst/moved").c_str());
             symlink((dir / "outside").c_str(), (dir / "dst/folder").c_str());
         });
-        worker.startCopySession();
-        addPair(worker, dir / "src/folder", dir / "dst/folder");
-        addPair(worker, dir / "src/folder/first", dir / "dst/folder/first");
-        addPair(worker, dir / "src/folder/second", dir / "dst/folder/second");
-        worker.endCopySession();
-        ASSERT_TRUE(delegate.waitForEnd());
-    }
+    });
     EXPECT_TRUE(std::filesystem::is_empty(dir / "outside"));
-    {
-        // A later copy into the linked folder fails instead of following the link.
-        RecordingDelegate later;
-        FVFileCopyWorker worker;
-        worker.setDelegate(&later);
-        worker.setDestinationRoot(dir / "dst");
-        worker.startCopySession();
-        addPair(worker, dir / "src/folder/third", dir / "dst/folder/third");
-        worker.endCopySession();
-        ASSERT_TRUE(later.waitForEnd());
-        EXPECT_EQ(later.messagesAt("ERROR"),
-                  std::vector<std::string>{"ERROR: Copy failed: " + (dir / "src/folder/third") +
-                                           " (Reason: Could not create destination file " + (dir / "dst/folder/third") + ")"});
-    }
+    // A later copy into the linked folder fails, once retried, instead of following the link.
+    RecordingDelegate later;
+    copyPairs(dir / "dst", {{dir / "src/folder/third", dir / "dst/folder/third"}}, later);
+    EXPECT_EQ(later.messages(), (std::vector<std::string>{
+                                    "INFO Retrying copy: " + (dir / "src/folder/third"),
+                                    "ERROR ERROR: Copy failed: " + (dir / "src/folder/third") +
+                                        " (Reason: Could not create destination file " + (dir / "dst/folder/third") + ")"}));
     EXPECT_TRUE(std::filesystem::is_empty(dir / "outside"));
     // The folder's own pair replaces the link by a real folder. A file of that folder taken by
     // the other thread before the replacement fails in this pass; the next pass completes it.
@@ -357,53 +290,4 @@ TEST(ItemCloning, ALinkPlantedInTheDestinationLeadsNowhere) {
     EXPECT_TRUE(std::filesystem::is_directory(std::filesystem::symlink_status(dir / "dst/folder")));
     copyTree(dir / "src", dir / "dst", completing);
     EXPECT_EQ(rsyncDifferences(dir / "src", dir / "dst").find("folder/"), std::string::npos);
-}
-
-TEST(ItemCloning, CopiesBelowPathsLongerThanPathMax) {
-    TempDir dir;
-    makeDirs(dir / "src");
-    makeDirs(dir / "dst");
-    FVConfinedDirectory source(dir / "src");
-    std::string relative;
-    std::vector<std::string> folders;
-    for (int i = 0; i < 20; ++i) {
-        relative += (i ? "/" : "") + std::string(250, static_cast<char>('a' + i));
-        folders.push_back(relative);
-    }
-    int error = 0;
-    FVFd deepest = source.openFolder(relative, true, &error);
-    ASSERT_TRUE(deepest.valid()) << strerror(error);
-    int fd = openat(deepest.get(), "leaf", O_WRONLY | O_CREAT, 0640);
-    ASSERT_EQ(write(fd, "deep", 4), 4);
-    close(fd);
-    ASSERT_GT((dir / "src/" + relative + "/leaf").size(), size_t{PATH_MAX});
-
-    RecordingDelegate delegate;
-    {
-        FVFileCopyWorker worker;
-        worker.setDelegate(&delegate);
-        worker.setDestinationRoot(dir / "dst");
-        worker.startCopySession();
-        for (const std::string& folder : folders) addPair(worker, dir / ("src/" + folder), dir / ("dst/" + folder));
-        addPair(worker, dir / ("src/" + relative + "/leaf"), dir / ("dst/" + relative + "/leaf"));
-        worker.endCopySession();
-        ASSERT_TRUE(delegate.waitForEnd());
-    }
-    EXPECT_TRUE(delegate.messages().empty()) << delegate.messages()[0];
-    // rsync refuses such paths, so the leaf is compared here.
-    FVConfinedDirectory copy(dir / "dst");
-    FVFd copied = copy.openFolder(relative, false, &error);
-    ASSERT_TRUE(copied.valid()) << strerror(error);
-    struct stat s {}, d {};
-    ASSERT_EQ(fstatat(deepest.get(), "leaf", &s, 0), 0);
-    ASSERT_EQ(fstatat(copied.get(), "leaf", &d, 0), 0);
-    EXPECT_EQ(d.st_size, 4);
-    EXPECT_EQ(d.st_mode, s.st_mode);
-    EXPECT_EQ(d.st_mtim.tv_nsec, s.st_mtim.tv_nsec);
-    FVFd top = copy.openFolder(folders[0], false, &error);
-    ASSERT_EQ(fstatat(AT_FDCWD, (dir / ("src/" + folders[0])).c_str(), &s, 0), 0);
-    ASSERT_EQ(fstat(top.get(), &d), 0);
-    EXPECT_EQ(d.st_mtim.tv_nsec, s.st_mtim.tv_nsec) << "folder times are applied after the copies";
-    EXPECT_EQ(copy.removeItem(folders[0]), 0);
-    EXPECT_FALSE(exists(dir / ("dst/" + folders[0])));
 }

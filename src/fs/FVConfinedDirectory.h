@@ -12,7 +12,7 @@
 // ENOTDIR), never something to follow. Relative paths have no "." or ".." components; "" is
 // the root itself. Errors are errno values; 0 means success.
 
-#include "engine/FVFileDescriptor.h"
+#include "fs/FVFileDescriptor.h"
 
 #include <optional>
 #include <string>

@@ -1,11 +1,8 @@
-#include "engine/FVItemMetadata.h"
+#include "fs/FVItemMetadata.h"
 
-#include "engine/FVAdditions.h"
+#include "fs/FVExtendedAttributes.h"
 
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,45 +15,10 @@ namespace ferrovane::FVItemMetadata {
 
 namespace {
 
-constexpr int kCopiedFlags = FS_APPEND_FL | FS_IMMUTABLE_FL | FS_NODUMP_FL | FS_NOATIME_FL | FS_SYNC_FL |
-                             FS_DIRSYNC_FL | FS_SECRM_FL | FS_UNRM_FL;
-
 struct ProcPath {
     explicit ProcPath(int fd) { snprintf(text, sizeof text, "/proc/self/fd/%d", fd); }
     char text[32];
 };
-
-ssize_t listNames(FVItemHandle h, std::vector<char>& out) {
-    for (;;) {
-        ssize_t size = h.pathOnly ? listxattr(ProcPath(h.fd).text, nullptr, 0) : flistxattr(h.fd, nullptr, 0);
-        if (size <= 0) return size;
-        out.resize(static_cast<size_t>(size));
-        size = h.pathOnly ? listxattr(ProcPath(h.fd).text, out.data(), out.size())
-                          : flistxattr(h.fd, out.data(), out.size());
-        if (size >= 0 || errno != ERANGE) return size;
-    }
-}
-
-ssize_t readValue(FVItemHandle h, const char* name, std::vector<char>& out) {
-    for (;;) {
-        ssize_t size = h.pathOnly ? getxattr(ProcPath(h.fd).text, name, nullptr, 0) : fgetxattr(h.fd, name, nullptr, 0);
-        if (size < 0) return size;
-        out.resize(static_cast<size_t>(size));
-        size = h.pathOnly ? getxattr(ProcPath(h.fd).text, name, out.data(), out.size())
-                          : fgetxattr(h.fd, name, out.data(), out.size());
-        if (size >= 0 || errno != ERANGE) return size;
-    }
-}
-
-int writeValue(FVItemHandle h, const char* name, const std::vector<char>& value, size_t size) {
-    return h.pathOnly ? setxattr(ProcPath(h.fd).text, name, value.data(), size, 0)
-                      : fsetxattr(h.fd, name, value.data(), size, 0);
-}
-
-int removeValue(FVItemHandle h, const char* name) {
-    return h.pathOnly ? removexattr(ProcPath(h.fd).text, name) : fremovexattr(h.fd, name);
-}
-
 
 bool containsName(const std::vector<char>& names, size_t size, std::string_view name) {
     for (size_t pos = 0; pos < size;) {
@@ -92,26 +54,27 @@ bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItem
         if (result != 0 && (euid == 0 || errno != EPERM)) ok = false, note(error, errno);
     }
 
-    ssize_t sourceSize = listNames(source, sourceNames);
+    const FVExtendedAttributes from(source.fd, source.pathOnly), to(destination.fd, destination.pathOnly);
+    ssize_t sourceSize = from.listNames(sourceNames);
     if (sourceSize < 0 && errno != ENOTSUP) ok = false, note(error, errno);
     for (ssize_t pos = 0; pos < sourceSize;) {
         const char* name = sourceNames.data() + pos;
         pos += static_cast<ssize_t>(strlen(name)) + 1;
-        if (!FVFileManager::xattrIsCarried(name, cloneACL)) continue;
-        ssize_t size = readValue(source, name, value);
+        if (!FVExtendedAttributes::isCarried(name, cloneACL)) continue;
+        ssize_t size = from.readValue(name, value);
         if (size < 0) {
             if (errno != ENODATA) ok = false, note(error, errno);
             continue;
         }
-        if (writeValue(destination, name, value, static_cast<size_t>(size)) != 0) ok = false, note(error, errno);
+        if (to.writeValue(name, value, static_cast<size_t>(size)) != 0) ok = false, note(error, errno);
     }
-    ssize_t destinationSize = listNames(destination, destinationNames);
+    ssize_t destinationSize = to.listNames(destinationNames);
     for (ssize_t pos = 0; pos < destinationSize;) {
         const char* name = destinationNames.data() + pos;
         pos += static_cast<ssize_t>(strlen(name)) + 1;
-        if (!FVFileManager::xattrIsCarried(name, cloneACL)) continue;
+        if (!FVExtendedAttributes::isCarried(name, cloneACL)) continue;
         if (sourceSize > 0 && containsName(sourceNames, static_cast<size_t>(sourceSize), name)) continue;
-        if (removeValue(destination, name) != 0 && errno != ENODATA) ok = false, note(error, errno);
+        if (to.removeValue(name) != 0 && errno != ENODATA) ok = false, note(error, errno);
     }
 
     // The mode last: it also sets the ACL mask to the source's group bits.
@@ -130,23 +93,6 @@ bool cloneTimes(const struct stat& st, FVItemHandle destination, int* error) {
     if (result == 0) return true;
     if (error) *error = errno;
     return false;
-}
-
-FlagsResult cloneFlags(int sourceFd, int destinationFd) {
-    FlagsResult result {true, true};
-    int sourceFlags = 0;
-    if (ioctl(sourceFd, FS_IOC_GETFLAGS, &sourceFlags) != 0) {
-        result.readOK = false;
-        sourceFlags = 0;
-    }
-    int destinationFlags = 0;
-    if (ioctl(destinationFd, FS_IOC_GETFLAGS, &destinationFlags) != 0) {
-        result.writeOK = (sourceFlags & kCopiedFlags) == 0;
-        return result;
-    }
-    int wanted = (destinationFlags & ~kCopiedFlags) | (sourceFlags & kCopiedFlags);
-    if (wanted != destinationFlags && ioctl(destinationFd, FS_IOC_SETFLAGS, &wanted) != 0) result.writeOK = false;
-    return result;
 }
 
 }  // namespace ferrovane::FVItemMetadata

@@ -1,4 +1,4 @@
-#include "engine/FVConfinedDirectory.h"
+#include "fs/FVConfinedDirectory.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "engine/FVDirectoryWalker.h"
+#include "fs/FVDirectoryWalker.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 // Changes inside a destination never follow a symbolic link out of it.
 
-#include "engine/FVConfinedDirectory.h"
+#include "fs/FVConfinedDirectory.h"
 #include "support/TempDir.h"
 #include "support/TreeLiteral.h"
 

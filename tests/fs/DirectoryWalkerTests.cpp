@@ -1,7 +1,7 @@
 // The tree walk reaches every entry once, through folder descriptors: past PATH_MAX, and never
 // through a folder swapped for a link while it runs.
 
-#include "engine/FVDirectoryWalker.h"
+#include "fs/FVDirectoryWalker.h"
 #include "support/TempDir.h"
 #include "support/TreeLiteral.h"
 

@@ -1,4 +1,4 @@
-#include "engine/FVText.h"
+#include "fs/FVText.h"
 
 #include <vector>
 

@@ -1,7 +1,7 @@
 #pragma once
 // Copying an item's metadata from one open item to another: owner, mode, times, extended
-// attributes, access-control lists and inode flags. Working on descriptors keeps every change on
-// the item that was opened, whatever happens to its name meanwhile.
+// attributes and access-control lists (inode flags: FVInodeFlags::clone). Working on descriptors
+// keeps every change on the item that was opened, whatever happens to its name meanwhile.
 
 #include <sys/stat.h>
 
@@ -26,17 +26,6 @@ bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItem
 
 // Access and modification times to the nanosecond.
 bool cloneTimes(const struct stat& st, FVItemHandle destination, int* error);
-
-// The inode flags a user can see with lsattr and change with chattr (immutable, append-only,
-// no-dump, ...). Both descriptors must be real ones. Reading fails where the source's file
-// system has no flags; the destination is then given none of them. Writing is skipped when the
-// destination already has the wanted flags, so file systems without flags succeed for items
-// without flags.
-struct FlagsResult {
-    bool readOK;
-    bool writeOK;
-};
-FlagsResult cloneFlags(int sourceFd, int destinationFd);
 
 }  // namespace FVItemMetadata
 

@@ -6,7 +6,7 @@
 // descriptor of the folder that listed it. Symbolic links are entries, never followed; folders
 // on another file system than the root are returned but not entered.
 
-#include "engine/FVFileDescriptor.h"
+#include "fs/FVFileDescriptor.h"
 
 #include <sys/stat.h>
 

@@ -1,4 +1,4 @@
-#include "engine/FVAtomicFile.h"
+#include "fs/FVAtomicFile.h"
 
 #include <dirent.h>
 #include <fcntl.h>

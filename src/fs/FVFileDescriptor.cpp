@@ -1,4 +1,4 @@
-#include "engine/FVFileDescriptor.h"
+#include "fs/FVFileDescriptor.h"
 
 #include <fcntl.h>
 #include <limits.h>

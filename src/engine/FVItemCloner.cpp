@@ -1,0 +1,225 @@
+#include "engine/FVItemCloner.h"
+
+#include "engine/FVAdditions.h"
+#include "engine/FVFileCopyWorkerImpl.h"
+#include "engine/FVTemporaryEntry.h"
+#include "fs/FVDataCopier.h"
+#include "fs/FVInodeFlags.h"
+#include "fs/FVItemMetadata.h"
+#include "fs/FVText.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace ferrovane {
+
+namespace {
+constexpr int kAttempts = 2;
+}  // namespace
+
+void FVItemCloner::clone(FVFileSystemItem& source, const std::string& destinationPath) {
+    const std::string& sourcePath = source.path();
+    const char* typeName = fileTypeName(source.fileType());
+    const mode_t kind = source.fileExists() ? (source.statBuffer().st_mode & S_IFMT) : 0;
+    const std::string folder = FVText::deletingLastPathComponent(destinationPath);
+    for (int attempt = 1;; ++attempt) {
+        if (worker_.verboseLogging)
+            worker_.sendMessage(fmt::format("Copying {} to {} ({})", sourcePath, destinationPath, typeName),
+                                FVMessageLevel::Info);
+        worker_.folders.ensureFolder(state_, folder);
+        const int dirFd = state_.lastDirectoryFd.get();
+        const Item item{sourcePath, destinationPath, FVText::lastPathComponent(destinationPath), typeName, dirFd,
+                        dirFd < 0 ? state_.lastDirectoryError : 0};
+        Result result = kind == S_IFLNK ? cloneLink(item) : kind == S_IFREG ? cloneRegular(item) : cloneNode(item, kind);
+        if (attempt == kAttempts || !worthRetrying(result)) return report(result, item);
+        worker_.sendMessage(fmt::format("Retrying copy: {}", sourcePath), FVMessageLevel::Info);
+        state_.lastDirectory.clear();  // the retry reaches the folder afresh
+    }
+}
+
+FVItemCloner::Result FVItemCloner::destinationFailure(Step step, int error) {
+    bool fatal = FVFileCopyWorkerImpl::fatalDestinationMessage(error) != nullptr;
+    return {fatal ? Result::Kind::FatalDestinationError : Result::Kind::ItemError, step, error};
+}
+
+FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
+    if (item.dirFd < 0) return destinationFailure(Step::CreateFile, item.folderError);
+    FVFd in(worker_.openSource(item.sourcePath, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY));
+    if (!in.valid()) return itemError(Step::OpenSource, errno);
+    struct stat st {};
+    if (fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return itemError(Step::OpenSource, 0);
+
+    FVTemporaryEntry entry(item.dirFd);
+    auto create = [&](const char* name) {
+        return openat(item.dirFd, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    };
+    FVFd out(entry.create(create));
+    if (!out.valid() && (errno == EPERM || errno == EACCES)) {
+        FVFileManager::unlockFileAt(item.dirFd, "");
+        out.reset(entry.create(create));
+    }
+    if (!out.valid()) return destinationFailure(Step::CreateFile, errno);
+
+    bool sparse = static_cast<uint64_t>(st.st_blocks) * 512 < static_cast<uint64_t>(st.st_size);
+    if (worker_.preallocate && !sparse && st.st_size > 0)
+        fallocate(out.get(), FALLOC_FL_KEEP_SIZE, 0, st.st_size);  // only a hint against fragmentation
+    FVDataCopier copier(in.get(), out.get(), state_.buffer.get(), worker_.cancelled, worker_.chunkHook, item.sourcePath);
+    switch (copier.run(st)) {
+    case FVDataCopier::Outcome::Cancelled: return {Result::Kind::Cancelled};
+    case FVDataCopier::Outcome::Failed: return destinationFailure(Step::CopyData, errno);
+    case FVDataCopier::Outcome::Done: break;
+    }
+
+    const bool verbose = worker_.verboseLogging;
+    auto send = [this](const std::string& message, FVMessageLevel level) { worker_.sendMessage(message, level); };
+    if (verbose)
+        send(fmt::format("Copying file data {} to {} ({}) was successful.", item.sourcePath, item.destinationPath,
+                         item.typeName), FVMessageLevel::Info);
+    int error = 0;
+    if (!FVItemMetadata::cloneTimes(st, {out.get(), false}, &error)) {
+        send(fmt::format("WARNING: Could not preserve creation date on file {}. Type: {} (Reason: {})",
+                         item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
+    } else if (verbose) {
+        send(fmt::format("Clone of creation and modification date {} to {} ({}) was successful.", item.sourcePath,
+                         item.destinationPath, item.typeName), FVMessageLevel::Info);
+    }
+    if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !worker_.disableACLClone,
+                                                  &error)) {
+        send(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}.", item.destinationPath,
+                         item.typeName), FVMessageLevel::Warning);
+    } else if (verbose) {
+        send(fmt::format("Clone of additional attributes {} to {} ({}) was successful.", item.sourcePath,
+                         item.destinationPath, item.typeName), FVMessageLevel::Info);
+    }
+    Result published = publish(entry, item, out.get(), st.st_size);
+    if (published.kind != Result::Kind::Done) return published;
+    // Flags last: an immutable or append-only file refuses every other change.
+    FVInodeFlags::CloneResult flags = FVInodeFlags::clone(in.get(), out.get());
+    if (!flags.readOK && verbose)
+        send(fmt::format("WARNING: Flags metadata could not be read: {}", item.sourcePath), FVMessageLevel::Warning);
+    if (!flags.writeOK && verbose)
+        send(fmt::format("WARNING: Flags metadata could not be written: {}", item.destinationPath),
+             FVMessageLevel::Warning);
+    return published;
+}
+
+FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
+    if (item.dirFd < 0) return destinationFailure(Step::CreateLink, item.folderError);
+    FVFd link(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW));
+    struct stat st {};
+    ssize_t length = -1;
+    if (link.valid() && fstat(link.get(), &st) == 0 && S_ISLNK(st.st_mode))
+        length = readlinkat(link.get(), "", state_.buffer.get(), kCopyBufferSize - 1);
+    if (length < 0) return itemError(Step::ReadLink, errno);
+    state_.buffer[static_cast<size_t>(length)] = '\0';
+
+    FVTemporaryEntry entry(item.dirFd);
+    if (entry.create([&](const char* name) { return symlinkat(state_.buffer.get(), item.dirFd, name); }) != 0)
+        return destinationFailure(Step::CreateLink, errno);
+    if (!clonePathOnlyMetadata(link.get(), st, entry, item.dirFd, false))
+        worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on symlink {}.", item.destinationPath),
+                            FVMessageLevel::Warning);
+    return publish(entry, item, -1, st.st_size);
+}
+
+// FIFOs, sockets and device nodes are made anew with the source's type and device number.
+FVItemCloner::Result FVItemCloner::cloneNode(const Item& item, mode_t kind) {
+    if (item.dirFd < 0) return destinationFailure(Step::CreateNode, item.folderError);
+    if (kind == 0) return itemError(Step::OpenSource, ENOENT);  // the analysis found nothing there
+    FVFd node(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW));
+    if (!node.valid()) return itemError(Step::OpenSource, errno);
+    struct stat st {};
+    if (fstat(node.get(), &st) != 0 || S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode))
+        return itemError(Step::OpenSource, 0);
+
+    FVTemporaryEntry entry(item.dirFd);
+    if (entry.create([&](const char* name) {
+            return mknodat(item.dirFd, name, (st.st_mode & S_IFMT) | 0600, st.st_rdev);
+        }) != 0)
+        return destinationFailure(Step::CreateNode, errno);
+    if (!clonePathOnlyMetadata(node.get(), st, entry, item.dirFd, !worker_.disableACLClone))
+        worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}.",
+                                        item.destinationPath, item.typeName), FVMessageLevel::Warning);
+    return publish(entry, item, -1, st.st_size);
+}
+
+FVItemCloner::Result FVItemCloner::publish(FVTemporaryEntry& entry, const Item& item, int dataFd, off_t size) {
+    switch (entry.publish(item.name, dataFd)) {
+    case FVTemporaryEntry::Published::CouldNotReplace: return itemError(Step::Replace, errno);
+    case FVTemporaryEntry::Published::DataNotSafe: return destinationFailure(Step::CopyData, errno);
+    case FVTemporaryEntry::Published::Done: break;
+    }
+    worker_.totalBytesCopied.fetch_add(static_cast<uint64_t>(size), std::memory_order_relaxed);
+    return done();
+}
+
+bool FVItemCloner::clonePathOnlyMetadata(int sourceFd, const struct stat& st, const FVTemporaryEntry& entry, int dirFd,
+                                         bool cloneACL) {
+    FVFd created(openat(dirFd, entry.name().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    int error = 0;
+    return created.valid() &&
+           FVItemMetadata::cloneStatusAndAttributes({sourceFd, true}, st, {created.get(), true}, cloneACL, &error) &&
+           FVItemMetadata::cloneTimes(st, {created.get(), true}, &error);
+}
+
+// A source that vanished or cannot be read, a link that cannot be copied and a destination that
+// cannot be replaced are reported at once; any other failure of an item may pass on a second try.
+bool FVItemCloner::worthRetrying(const Result& result) {
+    if (result.kind != Result::Kind::ItemError) return false;
+    switch (result.step) {
+    case Step::OpenSource:
+        return result.error != ENOENT && result.error != ENOTDIR && result.error != EACCES && result.error != EPERM;
+    case Step::CreateFile:
+    case Step::CreateNode:
+    case Step::CopyData: return true;
+    case Step::ReadLink:
+    case Step::CreateLink:
+    case Step::Replace: return false;
+    }
+    return false;
+}
+
+void FVItemCloner::report(const Result& result, const Item& item) {
+    auto error = [this](const std::string& message) { worker_.sendMessage(message, FVMessageLevel::Error); };
+    auto copyFailed = [&](const std::string& reason) {
+        error(fmt::format("ERROR: Copy failed: {} (Reason: {})", item.sourcePath, reason));
+    };
+    switch (result.kind) {
+    case Result::Kind::Done:
+    case Result::Kind::Cancelled: return;
+    case Result::Kind::FatalDestinationError: worker_.stopOnDestinationError(result.error); return;
+    case Result::Kind::ItemError: break;
+    }
+    switch (result.step) {
+    case Step::OpenSource:
+        if (result.error == ENOENT || result.error == ENOTDIR)
+            worker_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", item.sourcePath),
+                                FVMessageLevel::Info);
+        else if (result.error == EACCES || result.error == EPERM)
+            error(fmt::format("ERROR: Cannot read file: {} ({})", item.sourcePath, strerror(result.error)));
+        else
+            copyFailed(fmt::format("Could not open source file {}", item.sourcePath));
+        return;
+    case Step::ReadLink:
+        error(fmt::format("ERROR: Could not copy symbolic link {}. (Could not read link) ", item.sourcePath));
+        return;
+    case Step::CreateLink:
+        error(fmt::format("ERROR: Could not copy symbolic link {}. (Could not create link) ", item.destinationPath));
+        return;
+    case Step::Replace:
+        error(fmt::format("Error: Could not replace destination file: {}", item.destinationPath));
+        return;
+    case Step::CreateFile: return copyFailed(fmt::format("Could not create destination file {}", item.destinationPath));
+    case Step::CreateNode:
+        return copyFailed(fmt::format("Could not create {}: {}", item.destinationPath, strerror(result.error)));
+    case Step::CopyData: return copyFailed("File copy failed.");
+    }
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,55 @@
+#include "engine/FVTemporaryEntry.h"
+
+#include "engine/FVAdditions.h"
+#include "fs/FVConfinedDirectory.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <random>
+
+namespace ferrovane {
+
+FVTemporaryEntry::~FVTemporaryEntry() {
+    if (published_ || name_.empty()) return;
+    int saved = errno;
+    unlinkat(dirFd_, name_.c_str(), 0);
+    errno = saved;
+}
+
+std::string FVTemporaryEntry::randomName() {
+    thread_local std::mt19937_64 random{std::random_device{}()};
+    return fmt::format("{}{:016x}", kTemporaryFilePrefix, random());
+}
+
+FVTemporaryEntry::Published FVTemporaryEntry::publish(const std::string& name, int dataFd) {
+    if (renameat2(dirFd_, name_.c_str(), dirFd_, name.c_str(), RENAME_NOREPLACE) == 0) {
+        published_ = true;
+        return Published::Done;
+    }
+    // Something is in the way, the file system has no RENAME_NOREPLACE, or the folder is locked.
+    struct stat st {};
+    bool exists = fstatat(dirFd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+    if (exists && dataFd >= 0 && fsync(dataFd) != 0) return Published::DataNotSafe;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (exists && S_ISDIR(st.st_mode)) FVConfinedDirectory::removeRecursivelyAt(dirFd_, name);
+        if (renameat(dirFd_, name_.c_str(), dirFd_, name.c_str()) == 0) {
+            published_ = true;
+            return Published::Done;
+        }
+        if (attempt == 0) {
+            int saved = errno;
+            FVFileManager::unlockFileAt(dirFd_, name);
+            FVFileManager::unlockFileAt(dirFd_, "");
+            exists = fstatat(dirFd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+            errno = saved;
+        }
+    }
+    return Published::CouldNotReplace;
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,107 @@
+#include "fs/FVDataCopier.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace ferrovane {
+
+namespace {
+
+bool writeAll(int fd, const char* data, size_t size, off_t* offset) {
+    while (size > 0) {
+        ssize_t n = offset ? pwrite(fd, data, size, *offset) : write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        if (n == 0) {
+            errno = EIO;
+            return false;
+        }
+        data += n;
+        size -= static_cast<size_t>(n);
+        if (offset) *offset += n;
+    }
+    return true;
+}
+
+}  // namespace
+
+FVDataCopier::Outcome FVDataCopier::run(const struct stat& st) {
+    bool sparse = st.st_size > 0 && static_cast<uint64_t>(st.st_blocks) * 512 < static_cast<uint64_t>(st.st_size);
+    if (sparse) {
+        std::optional<Outcome> outcome = copySparse();
+        if (outcome) return *outcome;
+    }
+    return copyDense();
+}
+
+// One chunk of at most len bytes: 0 at the end of the source, -1 on failure.
+ssize_t FVDataCopier::chunk(off_t* inOffset, off_t* outOffset, size_t len) {
+    if (useCopyRange_) {
+        ssize_t n = copy_file_range(in_, inOffset, out_, outOffset, len, 0);
+        // A first answer of 0 may come from a file system that reports size 0 (procfs); reading tells.
+        if (n > 0 || (n == 0 && copied_ > 0)) return n;
+        if (n < 0 && errno != EXDEV && errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP && errno != EBADF &&
+            errno != EPERM && errno != ETXTBSY) {
+            return -1;
+        }
+        useCopyRange_ = false;
+    }
+    ssize_t n;
+    do {
+        n = inOffset ? pread(in_, buffer_, len, *inOffset) : read(in_, buffer_, len);
+    } while (n < 0 && errno == EINTR);
+    if (n <= 0) return n;
+    if (inOffset) *inOffset += n;
+    return writeAll(out_, buffer_, static_cast<size_t>(n), outOffset) ? n : -1;
+}
+
+bool FVDataCopier::afterChunk(ssize_t n) {
+    copied_ += static_cast<uint64_t>(n);
+    if (hook_) hook_(sourcePath_, copied_);
+    return !cancelled_.load(std::memory_order_relaxed);
+}
+
+FVDataCopier::Outcome FVDataCopier::copyDense() {
+    for (;;) {
+        ssize_t n = chunk(nullptr, nullptr, kCopyBufferSize);
+        if (n < 0) return Outcome::Failed;
+        if (n == 0) return Outcome::Done;
+        if (!afterChunk(n)) return Outcome::Cancelled;
+    }
+}
+
+// Only the data regions are copied; the holes between them are left unwritten. Nothing when the
+// file system cannot tell holes (the dense copy then runs).
+std::optional<FVDataCopier::Outcome> FVDataCopier::copySparse() {
+    off_t position = 0;
+    for (;;) {
+        off_t data = lseek(in_, position, SEEK_DATA);
+        if (data < 0) {
+            if (errno == ENXIO) break;
+            if (position == 0 && errno == EINVAL) return std::nullopt;
+            return Outcome::Failed;
+        }
+        off_t hole = lseek(in_, data, SEEK_HOLE);
+        if (hole < 0) return Outcome::Failed;
+        off_t inOffset = data, outOffset = data;
+        while (inOffset < hole) {
+            size_t len = static_cast<size_t>(std::min<off_t>(hole - inOffset, kCopyBufferSize));
+            ssize_t n = chunk(&inOffset, &outOffset, len);
+            if (n < 0) return Outcome::Failed;
+            if (n == 0) break;  // the source shrank meanwhile
+            if (!afterChunk(n)) return Outcome::Cancelled;
+        }
+        position = inOffset;
+        if (inOffset < hole) break;
+    }
+    struct stat now {};
+    if (fstat(in_, &now) != 0 || ftruncate(out_, now.st_size) != 0) return Outcome::Failed;
+    return Outcome::Done;
+}
+
+}  // namespace ferrovane

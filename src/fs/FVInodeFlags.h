@@ -1,0 +1,34 @@
+#pragma once
+// The one helper for inode flags, the ones a user sees with lsattr and changes with chattr
+// (immutable, append-only, no-dump, ...), through FS_IOC_GETFLAGS and FS_IOC_SETFLAGS. Where the
+// file system has no flags or the process may not change them, nothing changes.
+
+#include "fs/FVFileDescriptor.h"
+
+#include <string>
+
+namespace ferrovane::FVInodeFlags {
+
+// A real descriptor of the entry name in the folder dirFd, for its flags, never following a
+// symbolic link. Only regular files and folders are opened: opening a device could have side
+// effects, and links and special files have no flags.
+FVFd openForFlags(int dirFd, const std::string& name);
+// Sets the immutable flag.
+void setImmutable(int fd);
+// Clears every flag that refuses a rename, a removal or a write (immutable and append-only);
+// returns whether the item had one.
+bool clearLocking(int fd);
+// The same for the folder fd and everything below it.
+void clearLockingBelow(int fd);
+
+// Copies the flags of one item to another; both descriptors must be real ones. Reading fails
+// where the source's file system has no flags; the destination is then given none of them.
+// Writing is skipped when the destination already has the wanted flags, so file systems without
+// flags succeed for items without flags.
+struct CloneResult {
+    bool readOK;
+    bool writeOK;
+};
+CloneResult clone(int sourceFd, int destinationFd);
+
+}  // namespace ferrovane::FVInodeFlags
