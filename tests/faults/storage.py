@@ -110,7 +110,9 @@ def with_bound_destination(case, fault, message, undo=None, check_log=None):
     """The destination is a bind mount of a folder on a tmpfs; fault strikes once a copy runs;
     check_log judges what the failed run logged."""
     backing = os.path.join(case.mount + "-backing")
-    with tmpfs(backing, "size=400m"):
+    # Room for every retry's mirror, archives and temporary copy of the large file: a fault that
+    # only strikes late must not end in a really full disk instead.
+    with tmpfs(backing, "size=1g"):
         real = os.path.join(backing, "dest")
         os.makedirs(real)
         os.makedirs(case.destination)
