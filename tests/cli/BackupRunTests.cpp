@@ -1,9 +1,8 @@
 // Whole backup runs of the built executable on real trees: the mirror, both archives, the log,
 // standard output, the exit status and the configuration written back.
 
-#include "engine/FVConfigurationFile.h"
-#include "support/ProcessRunner.h"
-#include "support/TempDir.h"
+#include "cli/DestinationFixture.h"
+#include "support/JsonQuery.h"
 
 #include <gtest/gtest.h>
 
@@ -24,36 +23,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class BackupRun : public ::testing::Test {
+class BackupRun : public DestinationFixture {
 protected:
-    void SetUp() override {
-        source = dir / "src";
-        destination = dir / "dest";
-        makeDirs(source);
-        makeDirs(destination);
-    }
-
-    void configure(const std::vector<std::pair<std::string, FVSourceMode>>& sources, PlistDict options) {
-        std::vector<FVSourceItemPtr> items;
-        for (const auto& [path, mode] : sources) items.push_back(FVSourceItem::make(path, mode));
-        ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(
-            items, options, FVConfigurationFile::formattedPath(destination)));
-    }
-
-    static PlistDict defaults() {
-        PlistDict options;
-        FVConfigurationFile::applyDefaultOptions(options);
-        return options;
-    }
-
-    ProcessResult run(std::vector<std::string> extra = {}) {
-        std::vector<std::string> args{FERROVANE_EXECUTABLE, destination, "-noUserNotifications"};
-        args.insert(args.end(), extra.begin(), extra.end());
-        return runProcess(args, {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()}});
-    }
-
-    std::string logPath() const { return dir / "Ferrovane.log"; }
-
     // 10,000 small files: a run over them lasts long enough to be caught in the middle.
     void makeManyFiles() {
         makeDirs(source + "/Many");
@@ -83,12 +54,6 @@ protected:
         return pid;
     }
 
-    // What rsync would still carry over; empty when the mirror is exact.
-    static std::string mirrorDifferences(const std::string& from, const std::string& to) {
-        auto r = runProcess({"/usr/bin/rsync", "-aAXn", "--itemize-changes", from + "/", to + "/"});
-        return r.out + r.err;
-    }
-
     static std::vector<std::string> listFolder(const std::string& path) {
         std::vector<std::string> names;
         if (!exists(path)) return names;
@@ -101,15 +66,6 @@ protected:
         timespec times[2] = {{seconds, 0}, {seconds, 0}};
         utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
     }
-
-    FVConfiguration readBack() {
-        auto r = FVConfigurationFile::read(FVConfigurationFile::formattedPath(destination));
-        EXPECT_EQ(r.status, FVConfigurationReadStatus::Ok) << r.problem;
-        return r.configuration;
-    }
-
-    TempDir dir;
-    std::string source, destination;
 };
 
 }  // namespace
@@ -153,7 +109,7 @@ TEST_F(BackupRun, MirrorsSeveralSourcesAndWritesTheResultsBack) {
     fs::remove(source + "/Docs/notes.tmp");
     timespec times[2] = {docs.st_atim, docs.st_mtim};
     utimensat(AT_FDCWD, (source + "/Docs").c_str(), times, 0);
-    EXPECT_EQ(mirrorDifferences(source + "/Docs", destination + "/Docs"), "");
+    EXPECT_EQ(differences(source + "/Docs/", destination + "/Docs/"), "");
 
     FVConfiguration saved = readBack();
     ASSERT_EQ(saved.sources.size(), 6u);
@@ -210,6 +166,17 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
               std::vector<std::string>{"change.txt"});
     EXPECT_EQ(readFile(destination + "/Docs/._keep.txt"), "companion");
 
+    // runs lists the run's stamp with what each archive holds, and writes nothing.
+    std::string before = treeSnapshot(destination);
+    auto runs = ferrovane({"runs", destination, "--json"});
+    ASSERT_EQ(runs.exitStatus, 0) << runs.err;
+    EXPECT_EQ(jsonQuery(runs.out, "[(r['stamp'], r['changed'], r['removed']) for r in d['runs']]"),
+              "[('" + changedStamps[0] + "', {'items': 1, 'bytes': 9}, {'items': 1, 'bytes': 12})]");
+    EXPECT_EQ(jsonQuery(runs.out, "[(s['path'], s['totalFiles'] > 0) for s in d['sources']]"),
+              "[('" + source + "/Docs', True)]");
+    EXPECT_EQ(ferrovane({"runs", destination}).exitStatus, 0);
+    EXPECT_EQ(treeSnapshot(destination), before);
+
     std::string log = readFile(logPath());
     EXPECT_NE(log.find("Archiving deleted items finished: archived 1 items."), std::string::npos);
 }
@@ -243,8 +210,8 @@ TEST_F(BackupRun, EveryVersionIsKeptWhenRunsShareASecondOrAnArchiveMoveFails) {
     writeFile(source + "/Docs/f.txt", "version 5");
     auto refused = run();
     EXPECT_EQ(refused.exitStatus, 255);
-    EXPECT_NE(refused.out.find("Archiving changed file failed: " + destination + "/Docs/f.txt"), std::string::npos)
-        << refused.out;
+    EXPECT_NE(refused.err.find("Archiving changed file failed: " + destination + "/Docs/f.txt"), std::string::npos)
+        << refused.err;
     EXPECT_EQ(readFile(destination + "/Docs/f.txt"), versions.back());
     EXPECT_TRUE(listFolder(dir / "elsewhere").empty());
 
@@ -281,7 +248,7 @@ TEST_F(BackupRun, AFolderReplacedByALinkBecomesALinkAndTheFolderIsArchived) {
     fs::rename(source + "/Docs/sub", dir / "sub.old");
     fs::create_directory_symlink(dir / "elsewhere", source + "/Docs/sub");
     ASSERT_EQ(run().exitStatus, 0);
-    EXPECT_EQ(mirrorDifferences(source + "/Docs", destination + "/Docs"), "");
+    EXPECT_EQ(differences(source + "/Docs/", destination + "/Docs/"), "");
     auto stamps = listFolder(destination + "/__changed");
     ASSERT_EQ(stamps.size(), 1u);
     EXPECT_EQ(readFile(destination + "/__changed/" + stamps[0] + "/Docs/sub/a.txt"), "a");
@@ -302,9 +269,9 @@ TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButNeverEmptiesAnUnmounte
     writeFile(source + "/Docs/new.txt", "new");
     auto second = run();
     EXPECT_EQ(second.exitStatus, 255);
-    EXPECT_NE(second.out.find("Backup errors:\nNot removing the contents of " + destination + "/Volume"),
+    EXPECT_NE(second.err.find("Backup errors:\nNot removing the contents of " + destination + "/Volume"),
               std::string::npos)
-        << second.out;
+        << second.err;
     EXPECT_EQ(readFile(destination + "/Volume/precious.txt"), "only copy");
     EXPECT_FALSE(exists(destination + "/Docs/old.txt"));
     EXPECT_FALSE(exists(destination + "/__removed"));
@@ -339,7 +306,7 @@ TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
 
     auto completed = run();
     ASSERT_EQ(completed.exitStatus, 0);
-    EXPECT_EQ(mirrorDifferences(source + "/Many", destination + "/Many"), "");
+    EXPECT_EQ(differences(source + "/Many/", destination + "/Many/"), "");
 }
 
 // A read-only destination ends the run at once with one error, never one per file, and keeps
@@ -360,8 +327,9 @@ TEST_F(BackupRun, AReadOnlyDestinationEndsTheRunWithOneErrorAndKeepsEveryVersion
     auto result = run();
     umount2(locked.c_str(), MNT_DETACH);
     EXPECT_EQ(result.exitStatus, 255);
-    EXPECT_NE(result.out.find("Backup errors:\nERROR: Destination is read-only. Aborting backup.\nSync canceled."),
-              std::string::npos) << result.out;
+    EXPECT_NE(result.err.find("Backup errors:\nERROR: Destination is read-only. Aborting backup.\n"),
+              std::string::npos) << result.err;
+    EXPECT_TRUE(result.out.ends_with("\nSync canceled.\n")) << result.out;
     for (int i = 0; i < 20; ++i) EXPECT_EQ(readFile(locked + "/" + std::to_string(i)), "1");
     EXPECT_EQ(run().exitStatus, 0);
     for (int i = 0; i < 20; ++i) EXPECT_EQ(readFile(locked + "/" + std::to_string(i)), "22");
@@ -381,25 +349,6 @@ TEST_F(BackupRun, TwoSourcesWithOneNameShareTheirMirrorWithoutHarm) {
     EXPECT_NE(second.signal, SIGSEGV);
     EXPECT_NE(second.signal, SIGABRT);
 }
-
-namespace {
-
-// Every entry below root with its bytes (or its link target), for a before/after comparison.
-std::string treeSnapshot(const std::string& root) {
-    std::vector<std::string> lines;
-    for (const auto& e : fs::recursive_directory_iterator(root)) {
-        std::string line = e.path().string().substr(root.size());
-        if (e.is_symlink()) line += " -> " + fs::read_symlink(e.path()).string();
-        else if (e.is_regular_file()) line += " = " + readFile(e.path());
-        lines.push_back(line);
-    }
-    std::sort(lines.begin(), lines.end());
-    std::string out;
-    for (const auto& line : lines) out += line + "\n";
-    return out;
-}
-
-}  // namespace
 
 TEST_F(BackupRun, AnOptionThatCannotBeUsedStopsTheRunBeforeItTouchesTheDestination) {
     writeFile(source + "/a.txt", "new version");
@@ -447,8 +396,8 @@ TEST_F(BackupRun, UnusableSourceItemsAreSkippedReportedAndKeptInTheFile) {
     auto result = run();
     EXPECT_EQ(result.exitStatus, 255) << "the skipped items are errors of the run";
     EXPECT_EQ(readFile(destination + "/Docs/a.txt"), "a") << "the usable item ran";
-    EXPECT_NE(result.out.find("Backup errors:\nSource item 1 of " + path + " was skipped"), std::string::npos)
-        << result.out;
+    EXPECT_NE(result.err.find("Backup errors:\nSource item 1 of " + path + " was skipped"), std::string::npos)
+        << result.err;
     EXPECT_NE(result.err.find("Source item 3 of " + path + " was skipped: it has no \"sourcePath\""),
               std::string::npos) << result.err;
 
