@@ -68,7 +68,9 @@ void defineRoot(CLI::App& app, std::string& destination, bool& noNotifications, 
                          "print the version and the build number");
     app.add_option("DESTINATION", destination, "absolute path of the destination to back up");
     app.add_flag("--no-notifications", noNotifications, "no desktop notification (also -noUserNotifications)");
-    app.add_option("--add", add, "paths to add as sources in the window")->type_name("PATH")->expected(0, CLI::detail::expected_max_vector_size);
+    app.add_option("--add", add, "paths to add as sources in the window")
+        ->type_name("PATH")
+        ->expected(0, CLI::detail::expected_max_vector_size);
 }
 
 // Parses; prints the help on standard output (status 0) or the reason and the usage on
@@ -219,7 +221,8 @@ std::optional<int> run(int argc, char** argv) {
     defineRoot(app, destination, noNotifications, add);
     if (auto status = parse(app, arguments)) return *status;
     bool window = app.count("--add") > 0;
-    if (window && (!destination.empty() || noNotifications)) return refuse(app, "--add opens the window: it takes no destination");
+    if (window && (!destination.empty() || noNotifications))
+        return refuse(app, "--add opens the window: it takes no destination");
     if (window || arguments.empty()) return std::nullopt;
     if (destination.empty()) return refuse(app, "a destination is required");
     if (destination.front() != '/')

@@ -44,7 +44,8 @@ std::vector<FVSourceItemPtr> resultItems(const FVConfiguration& configuration) {
     return items;
 }
 
-void printText(const std::string& destination, const FVArchiveRuns& archives, const std::vector<FVSourceItemPtr>& items) {
+void printText(const std::string& destination, const FVArchiveRuns& archives,
+               const std::vector<FVSourceItemPtr>& items) {
     fmt::print("Archived runs in {}, newest first:\n", shown(destination));
     if (archives.runs().empty()) fmt::print("  (none)\n");
     else fmt::print("  {:<26}  {:>8}  {:>10}  {:>8}  {:>10}\n", "stamp", "changed", "bytes", "removed", "bytes");
@@ -57,7 +58,8 @@ void printText(const std::string& destination, const FVArchiveRuns& archives, co
         fmt::print("  {}\n      {}\n", shown(item->sourcePath()), FVSourceResults::line(*item));
 }
 
-void printJson(const std::string& destination, const FVArchiveRuns& archives, const std::vector<FVSourceItemPtr>& items) {
+void printJson(const std::string& destination, const FVArchiveRuns& archives,
+               const std::vector<FVSourceItemPtr>& items) {
     fmt::print("{{{},\n \"runs\": [", FVJsonText::pathFields("destination", destination));
     const char* separator = "";
     for (const FVArchiveRun& run : archives.runs()) {
@@ -94,7 +96,8 @@ int main(const std::string& destinationArgument, bool json) {
         return cannotRead("the configuration " + settingsPath,
                           errno == ENOENT ? "there is none: this is not a backup destination" : std::strerror(errno));
     FVConfigurationReadResult loaded = FVConfigurationFile::read(settingsPath);
-    if (loaded.status != FVConfigurationReadStatus::Ok) return cannotRead("the configuration " + settingsPath, loaded.problem);
+    if (loaded.status != FVConfigurationReadStatus::Ok)
+        return cannotRead("the configuration " + settingsPath, loaded.problem);
 
     FVArchiveRuns archives = FVArchiveRuns::read(destination);
     std::vector<FVSourceItemPtr> items = resultItems(loaded.configuration);

@@ -5,6 +5,7 @@
 #include "cli/DestinationFixture.h"
 #include "engine/FVTrash.h"
 #include "support/JsonQuery.h"
+#include "support/TreeLiteral.h"
 
 #include <gtest/gtest.h>
 
@@ -47,13 +48,8 @@ protected:
     // Three runs: a.txt in three versions, the folder old/ removed in the second and partly
     // back in the third.
     void threeRuns() {
-        makeDirs(source + "/keep");
-        makeDirs(source + "/old/deep");
+        buildTree(source, {{"keep/b.txt", "b"}, {"old/c.txt", "c"}, {"old/deep/d.txt", "d"}, {kOddName, "odd"}});
         writeAt(source + "/a.txt", "version one", 1'000'000);
-        writeFile(source + "/keep/b.txt", "b");
-        writeFile(source + "/old/c.txt", "c");
-        writeFile(source + "/old/deep/d.txt", "d");
-        writeFile(source + "/" + kOddName, "odd");
         symlink("a.txt", (source + "/link").c_str());
         backup();
         writeAt(source + "/a.txt", "version two, longer", 2'000'000);
@@ -146,9 +142,7 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
 }
 
 TEST_F(RestoreCommand, ConflictsStopEverythingUnlessReplacedIntoTheTrash) {
-    writeFile(source + "/a.txt", "backed up");
-    makeDirs(source + "/keep");
-    writeFile(source + "/keep/b.txt", "b");
+    buildTree(source, {{"a.txt", "backed up"}, {"keep/b.txt", "b"}});
     backup();
     writeFile(source + "/a.txt", "edited since, and longer");
     fs::remove(source + "/keep/b.txt");
