@@ -189,6 +189,11 @@ bool load(Configuration& config, bool includeLegacy, std::string& problem) {
     for (const std::string& path : {FVConfigurationFile::formattedPath(config.destination),
                                     FVConfigurationFile::legacyPath(config.destination)}) {
         if (lstat(path.c_str(), &st) != 0) {
+            // Only a missing file means "no configuration yet"; one that cannot be looked at is not.
+            if (errno != ENOENT) {
+                problem = "cannot read " + printable(path) + ": " + std::strerror(errno);
+                return false;
+            }
             if (!includeLegacy) break;
             continue;
         }
