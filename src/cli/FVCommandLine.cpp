@@ -61,17 +61,24 @@ void style(CLI::App& app) {
 }
 
 // The program's own options: a backup run, the window's --add, --help and --version.
-void defineRoot(CLI::App& app, std::string& destination, bool& noNotifications, std::vector<std::string>& add) {
-    style(app);
-    app.footer(kCommands);
-    app.set_version_flag("--version", fmt::format("Ferrovane {} ({})", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER),
-                         "print the version and the build number");
-    app.add_option("DESTINATION", destination, "absolute path of the destination to back up");
-    app.add_flag("--no-notifications", noNotifications, "no desktop notification (also -noUserNotifications)");
-    app.add_option("--add", add, "paths to add as sources in the window")
-        ->type_name("PATH")
-        ->expected(0, CLI::detail::expected_max_vector_size);
-}
+struct RootCommand {
+    CLI::App app{kRootDescription, "ferrovane"};
+    std::string destination;
+    bool noNotifications = false;
+    std::vector<std::string> add;
+
+    RootCommand() {
+        style(app);
+        app.footer(kCommands);
+        app.set_version_flag("--version", fmt::format("Ferrovane {} ({})", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER),
+                             "print the version and the build number");
+        app.add_option("DESTINATION", destination, "absolute path of the destination to back up");
+        app.add_flag("--no-notifications", noNotifications, "no desktop notification (also -noUserNotifications)");
+        app.add_option("--add", add, "paths to add as sources in the window")
+            ->type_name("PATH")
+            ->expected(0, CLI::detail::expected_max_vector_size);
+    }
+};
 
 // Parses; prints the help on standard output (status 0) or the reason and the usage on
 // standard error (status 2), and then returns that status.
@@ -214,29 +221,22 @@ std::optional<int> run(int argc, char** argv) {
         if (argument == "--") break;
         if (argument == kHistoricNoNotifications) argument = "--no-notifications";
     }
-    CLI::App app(kRootDescription, "ferrovane");
-    std::string destination;
-    bool noNotifications = false;
-    std::vector<std::string> add;
-    defineRoot(app, destination, noNotifications, add);
-    if (auto status = parse(app, arguments)) return *status;
-    bool window = app.count("--add") > 0;
-    if (window && (!destination.empty() || noNotifications))
-        return refuse(app, "--add opens the window: it takes no destination");
+    RootCommand root;
+    if (auto status = parse(root.app, arguments)) return *status;
+    bool window = root.app.count("--add") > 0;
+    if (window && (!root.destination.empty() || root.noNotifications))
+        return refuse(root.app, "--add opens the window: it takes no destination");
     if (window || arguments.empty()) return std::nullopt;
-    if (destination.empty()) return refuse(app, "a destination is required");
-    if (destination.front() != '/')
-        return refuse(app, "the destination must be an absolute path: " + FVSearchText::printable(destination));
-    return FVCommanlineMode::main(destination, noNotifications);
+    if (root.destination.empty()) return refuse(root.app, "a destination is required");
+    if (root.destination.front() != '/')
+        return refuse(root.app,
+                      "the destination must be an absolute path: " + FVSearchText::printable(root.destination));
+    return FVCommanlineMode::main(root.destination, root.noNotifications);
 }
 
 int usageError(const std::string& why) {
-    CLI::App app(kRootDescription, "ferrovane");
-    std::string destination;
-    bool noNotifications = false;
-    std::vector<std::string> add;
-    defineRoot(app, destination, noNotifications, add);
-    return refuse(app, why);
+    RootCommand root;
+    return refuse(root.app, why);
 }
 
 }  // namespace ferrovane::FVCommandLine
