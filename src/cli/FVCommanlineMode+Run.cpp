@@ -68,6 +68,7 @@ void FVCommanlineMode::backupSessionDidFinish(FVBackupSession&) {
 }
 
 void FVCommanlineMode::finishOnMainThread() {
+    progress_.finish();
     std::vector<FVSourceItemPtr> backedUp;
     for (const FVSourceItemPtr& item : configuration_.sources)
         if (item->enabled() == int64_t(FVSourceMode::Backup)) backedUp.push_back(item);
@@ -95,20 +96,21 @@ void FVCommanlineMode::finishOnMainThread() {
         runLoop_.stop(255);
         return;
     }
-    progress_.finish();
     std::printf("\nSync finished successfully.\n");
     std::fflush(stdout);
     notify(notification, true);
     runLoop_.stop(0);
 }
 
+// On standard error, after the progress line, so that standard output stays the run's story.
 void FVCommanlineMode::printErrors(const std::vector<std::string>& errors) {
     progress_.finish();
+    std::fflush(stdout);
     std::string joined;
     // One line per error, whatever the names in it hold.
     for (size_t i = 0; i < errors.size(); ++i) joined += (i ? "\n" : "") + FVSearchText::printable(errors[i]);
-    std::printf("Backup errors:\n%s\n", joined.c_str());
-    std::fflush(stdout);
+    std::fprintf(stderr, "Backup errors:\n%s\n", joined.c_str());
+    std::fflush(stderr);
 }
 
 void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {

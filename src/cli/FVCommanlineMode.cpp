@@ -2,7 +2,6 @@
 
 #include "FVVersion.h"
 #include "fs/FVText.h"
-#include "search/FVSearchText.h"
 
 #include <pthread.h>
 #include <signal.h>
@@ -10,7 +9,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <thread>
 
 namespace ferrovane {
@@ -18,7 +16,6 @@ namespace ferrovane {
 namespace {
 
 constexpr int kFailure = 255;
-constexpr int kUsage = 2;
 
 // Give the notification server time to take the message before the process ends.
 void waitForNotificationHandOver() { std::this_thread::sleep_for(std::chrono::milliseconds(500)); }
@@ -28,20 +25,7 @@ void waitForNotificationHandOver() { std::this_thread::sleep_for(std::chrono::mi
 FVCommanlineMode::FVCommanlineMode(std::unique_ptr<FVUserNotifier> notifier)
     : notifier_(std::move(notifier)) {}
 
-int FVCommanlineMode::main(int argc, char** argv) {
-    // Every argument after the destination must mean something: a mistyped option must never
-    // run a real backup in its place.
-    bool noNotifications = false;
-    for (int i = 2; i < argc; ++i) {
-        if (std::strcmp(argv[i], "-noUserNotifications") == 0 || std::strcmp(argv[i], "--no-notifications") == 0) {
-            noNotifications = true;
-            continue;
-        }
-        std::fprintf(stderr, "ferrovane: unknown argument after the destination: %s\nNothing was done. See ferrovane --help.\n",
-                     FVSearchText::printable(argv[i]).c_str());
-        return kUsage;
-    }
-
+int FVCommanlineMode::main(const std::string& destinationPath, bool noNotifications) {
     // Interrupts are taken by a thread of their own; they must be blocked before any thread starts.
     sigset_t interrupts;
     sigemptyset(&interrupts);
@@ -52,7 +36,7 @@ int FVCommanlineMode::main(int argc, char** argv) {
     std::printf("Ferrovane v%s (%s) launched.\n", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER);
     std::fflush(stdout);
     // The argument is used as the bytes it is: Linux paths are bytes, not text in one encoding.
-    std::string destination = argv[1];
+    std::string destination = destinationPath;
     if (destination.size() > 1 && destination.back() == '/')
         destination = FVText::standardizedPath(destination);
     FVCommanlineMode runner(makeDesktopNotifier());

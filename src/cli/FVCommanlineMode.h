@@ -10,7 +10,6 @@
 #include "engine/FVMainQueue.h"
 #include "platform/FVUserNotifier.h"
 
-
 #include <unistd.h>
 
 #include <atomic>
@@ -24,10 +23,10 @@ public:
     explicit FVCommanlineMode(std::unique_ptr<FVUserNotifier> notifier);
     ~FVCommanlineMode() override;
 
-    // The command-line branch of the entry point (argv[1] begins with "/"). Returns the exit
-    // status: 0 after a run without errors, FVDestinationLock::busyExitStatus when another run
-    // holds the destination, 255 for every other failure.
-    static int main(int argc, char** argv);
+    // One backup of the destination, an absolute path. Returns the exit status: 0 after a run
+    // without errors, FVDestinationLock::busyExitStatus when another run holds the destination,
+    // 255 for every other failure.
+    static int main(const std::string& destinationPath, bool noNotifications);
 
     void setDisableUserNotifications(bool disable) { disableUserNotifications_ = disable; }
     int startBackupWithDestinationPath(const std::string& destinationPath);

@@ -1,5 +1,8 @@
 #include "cli/FVConfigCommand.h"
 
+#include "cli/FVJsonText.h"
+#include "cli/FVSourceResults.h"
+
 #include "backupset/BackupSetController.h"
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
@@ -22,7 +25,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <functional>
 #include <optional>
 #include <string>
@@ -54,18 +56,6 @@ const ModeName kModes[] = {
 const char* const kWeekdays[] = {"sunday", "monday", "tuesday", "wednesday", "thursday", "friday", "saturday"};
 
 std::string printable(std::string_view text) { return FVSearchText::printable(text); }
-
-int usage(const std::string& problem) {
-    if (!problem.empty()) fmt::print(stderr, "ferrovane config: {}\n", problem);
-    fmt::print(stderr,
-               "Usage: ferrovane config <destination> show\n"
-               "       ferrovane config <destination> add <path> [--mode backup|disabled|exclude|exclude-name]\n"
-               "       ferrovane config <destination> remove <path>\n"
-               "       ferrovane config <destination> set <option> <value>\n"
-               "       ferrovane config <destination> schedule daily HH:MM | weekly <weekday> HH:MM | off\n"
-               "       ferrovane config <destination> confirm-empty <path>\n");
-    return kExitUsage;
-}
 
 // Input that is well-formed but not acceptable: the message says why, without the whole usage.
 int refuse(const std::string& message) {
@@ -143,15 +133,6 @@ std::string absolutePath(const std::string& path) {
     return out;
 }
 
-std::string localDate(double secondsSince1970) {
-    time_t t = static_cast<time_t>(secondsSince1970);
-    tm local {};
-    localtime_r(&t, &local);
-    char buffer[64];
-    std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S", &local);
-    return buffer;
-}
-
 std::string scheduleText(const PlistDict& options) {
     if (!options.boolValue(FVOptionKey::automationEnabled)) return "off";
     std::string time = fmt::format("{:02}:{:02}", options.integerValue(FVOptionKey::automationTimeHours),
@@ -208,6 +189,11 @@ bool load(Configuration& config, bool includeLegacy, std::string& problem) {
     for (const std::string& path : {FVConfigurationFile::formattedPath(config.destination),
                                     FVConfigurationFile::legacyPath(config.destination)}) {
         if (lstat(path.c_str(), &st) != 0) {
+            // Only a missing file means "no configuration yet"; one that cannot be looked at is not.
+            if (errno != ENOENT) {
+                problem = "cannot read " + printable(path) + ": " + std::strerror(errno);
+                return false;
+            }
             if (!includeLegacy) break;
             continue;
         }
@@ -224,6 +210,11 @@ bool load(Configuration& config, bool includeLegacy, std::string& problem) {
     return true;
 }
 
+bool jobPresent(FVLaunchAgentManager& jobs, const std::string& uuid) {
+    std::vector<std::string> ids = jobs.jobIdentifiers();
+    return std::find(ids.begin(), ids.end(), uuid) != ids.end();
+}
+
 int show(const Configuration& config, FVLaunchAgentManager& jobs) {
     fmt::print("Destination: {}\n", printable(config.destination));
     fmt::print("Configuration: {}\n", config.readFrom.empty() ? "none yet (defaults shown)" : printable(config.readFrom));
@@ -232,17 +223,8 @@ int show(const Configuration& config, FVLaunchAgentManager& jobs) {
     size_t row = 0;
     for (const FVSourceItemPtr& item : config.content.sources) {
         fmt::print("  {:>2}  {:<26}  {}\n", ++row, modeText(item->enabled()), printable(item->sourcePath()));
-        auto date = item->value(FVSourceKey::lastBackupDate);
-        if (date && date->is<PlistDate>()) {
-            fmt::print("      last backup {}: {} files, {} updated, {} copied\n",
-                       localDate(date->get<PlistDate>()->secondsSince1970),
-                       item->integerValue(FVSourceKey::totalFilesCount),
-                       item->integerValue(FVSourceKey::updatedFilesCount),
-                       FVNumber::formattedDiskSizeString(static_cast<double>(
-                           static_cast<uint64_t>(item->integerValue(FVSourceKey::totalBytesCopied)))));
-        } else if (item->enabled() == 1) {
-            fmt::print("      not backed up yet\n");
-        }
+        if (item->enabled() == static_cast<int64_t>(FVSourceMode::Backup) || item->value(FVSourceKey::lastBackupDate))
+            fmt::print("      {}\n", FVSourceResults::line(*item));
     }
 
     for (const std::string& skipped : config.skippedItems) fmt::print("  {}\n", printable(skipped));
@@ -263,22 +245,69 @@ int show(const Configuration& config, FVLaunchAgentManager& jobs) {
     FVConfigurationFile::applyDefaultOptions(withDefaults);
     fmt::print("\nSchedule: {}\n", scheduleText(withDefaults));
     if (auto uuid = options.stringValue(FVOptionKey::UUID)) {
-        std::vector<std::string> ids = jobs.jobIdentifiers();
-        bool present = std::find(ids.begin(), ids.end(), *uuid) != ids.end();
         fmt::print("Job: {}{} ({})\n", printable(jobs.jobDirectory()), printable(FVLaunchAgentManager::jobLabel(*uuid)),
-                   present ? "present" : "none");
+                   jobPresent(jobs, *uuid) ? "present" : "none");
     }
+    return kExitOk;
+}
+
+// The same as show, for scripts: option values as JSON values (null when not set or unusable).
+int showJson(const Configuration& config, FVLaunchAgentManager& jobs) {
+    fmt::print("{{{}, \"configuration\": {},\n \"sources\": [", FVJsonText::pathFields("destination", config.destination),
+               config.readFrom.empty() ? "null" : FVJsonText::quoted(config.readFrom));
+    const char* separator = "";
+    for (const FVSourceItemPtr& item : config.content.sources) {
+        auto mode = std::find_if(std::begin(kModes), std::end(kModes),
+                                 [&](const ModeName& m) { return static_cast<int64_t>(m.mode) == item->enabled(); });
+        fmt::print("{}\n  {{{}, \"mode\": {}, {}}}", separator, FVJsonText::pathFields("path", item->sourcePath()),
+                   mode == std::end(kModes) ? std::to_string(item->enabled()) : FVJsonText::quoted(mode->argument),
+                   FVSourceResults::jsonFields(*item));
+        separator = ",";
+    }
+    fmt::print("],\n \"skipped\": [");
+    separator = "";
+    for (const std::string& skipped : config.skippedItems) {
+        fmt::print("{}{}", separator, FVJsonText::quoted(skipped));
+        separator = ", ";
+    }
+    const PlistDict& options = *config.content.settings;
+    fmt::print("],\n \"options\": {{");
+    separator = "";
+    for (const FVOptionRule& rule : FVOptionTable::rules()) {
+        if (!rule.settable) continue;
+        const PlistValue* value = options.find(rule.key);
+        std::string shown = valueText(rule, value);
+        if (shown == "not set" || shown == "invalid") shown = "null";
+        else if (rule.type == FVOptionType::Boolean) shown = shown == "yes" ? "true" : "false";
+        fmt::print("{}\n  \"{}\": {{\"value\": {}, \"default\": {}}}", separator, rule.key, shown,
+                   rule.type == FVOptionType::Boolean ? (rule.windowDefault.value_or(0) ? "true" : "false")
+                                                      : std::to_string(rule.windowDefault.value_or(0)));
+        separator = ",";
+    }
+    fmt::print("}},\n \"problems\": [");
+    separator = "";
+    for (const std::string& problem : FVOptionTable::read(options).problems) {
+        fmt::print("{}{}", separator, FVJsonText::quoted(problem));
+        separator = ", ";
+    }
+    PlistDict withDefaults = options;
+    FVConfigurationFile::applyDefaultOptions(withDefaults);
+    fmt::print("],\n \"schedule\": {}, \"job\": ", FVJsonText::quoted(scheduleText(withDefaults)));
+    if (auto uuid = options.stringValue(FVOptionKey::UUID)) {
+        fmt::print("{{\"label\": {}, \"present\": {}}}", FVJsonText::quoted(FVLaunchAgentManager::jobLabel(*uuid)),
+                   jobPresent(jobs, *uuid) ? "true" : "false");
+    } else {
+        fmt::print("null");
+    }
+    fmt::print("}}\n");
     return kExitOk;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    if (argc < 4) return usage("");
-    std::string destinationArgument = argv[2];
-    std::string command = argv[3];
-    std::vector<std::string> args(argv + 4, argv + argc);
-
+int main(const Arguments& a) {
+    const std::string& destinationArgument = a.destination;
+    const std::string& command = a.action;
     if (destinationArgument.empty() || destinationArgument[0] != '/')
         return refuse("the destination must be an absolute path: " + printable(destinationArgument));
     Configuration config;
@@ -290,9 +319,8 @@ int main(int argc, char** argv) {
     FVLaunchAgentManager jobs(std::make_shared<FVProcessCommandRunner>());
     std::string problem;
     if (command == "show") {
-        if (!args.empty()) return usage("show takes no arguments");
         if (!load(config, true, problem)) return fail(problem);
-        return show(config, jobs);
+        return a.json ? showJson(config, jobs) : show(config, jobs);
     }
 
     // Every argument is checked before anything is read or written; the change itself runs
@@ -301,25 +329,15 @@ int main(int argc, char** argv) {
     bool scheduleChange = false;
     bool unknownSourceIsBadInput = false;
     if (command == "add") {
-        std::optional<std::string> path;
         FVSourceMode mode = FVSourceMode::Backup;
-        for (size_t i = 0; i < args.size(); ++i) {
-            std::string modeArgument;
-            if (args[i] == "--mode" && i + 1 < args.size()) modeArgument = args[++i];
-            else if (args[i].rfind("--mode=", 0) == 0) modeArgument = args[i].substr(7);
-            else if (args[i].rfind("--", 0) == 0 || path) return usage("unexpected argument: " + printable(args[i]));
-            else {
-                path = args[i];
-                continue;
-            }
+        if (!a.mode.empty()) {
             auto found = std::find_if(std::begin(kModes), std::end(kModes),
-                                      [&](const ModeName& m) { return modeArgument == m.argument; });
-            if (found == std::end(kModes)) return refuse("unknown mode: " + printable(modeArgument));
+                                      [&](const ModeName& m) { return a.mode == m.argument; });
+            if (found == std::end(kModes)) return refuse("unknown mode: " + printable(a.mode));
             mode = found->mode;
         }
-        if (!path) return usage("add needs a path");
-        if ((*path)[0] != '/') return refuse("the source must be an absolute path: " + printable(*path));
-        std::string source = absolutePath(*path);
+        if (a.path.empty() || a.path[0] != '/') return refuse("the source must be an absolute path: " + printable(a.path));
+        std::string source = absolutePath(a.path);
         std::string destination = config.destination;
         change = [source, mode, destination](BackupSetController& list, FVOptionsPanelController&, std::string& message) {
             if (!list.addBackupPath(source, mode, list.count())) {
@@ -331,9 +349,8 @@ int main(int argc, char** argv) {
             return true;
         };
     } else if (command == "remove") {
-        if (args.size() != 1) return usage("remove needs exactly one path");
-        if (args[0].empty() || args[0][0] != '/') return refuse("the source must be an absolute path: " + printable(args[0]));
-        std::string given = args[0];
+        if (a.path.empty() || a.path[0] != '/') return refuse("the source must be an absolute path: " + printable(a.path));
+        std::string given = a.path;
         std::string source = absolutePath(given);
         change = [given, source](BackupSetController& list, FVOptionsPanelController&, std::string& message) {
             for (const FVSourceItemPtr& item : list.arrangedObjects()) {
@@ -346,8 +363,7 @@ int main(int argc, char** argv) {
             return false;
         };
     } else if (command == "set") {
-        if (args.size() != 2) return usage("set needs an option and a value");
-        const std::string& key = args[0];
+        const std::string& key = a.option;
         const FVOptionRule* rule = FVOptionTable::find(key);
         if (!rule || !rule->settable) {
             if (key.rfind("automation", 0) == 0) return refuse("the schedule is set with: schedule daily|weekly|off");
@@ -358,12 +374,12 @@ int main(int argc, char** argv) {
         }
         std::optional<PlistValue> value;
         if (rule->type == FVOptionType::Boolean) {
-            if (auto flag = parseBoolean(args[1])) value = *flag;
-        } else if (auto number = parseInteger(args[1])) {
+            if (auto flag = parseBoolean(a.value)) value = *flag;
+        } else if (auto number = parseInteger(a.value)) {
             value = *number;
         }
         if (!value || FVOptionTable::problem(*rule, *value))
-            return refuse(fmt::format("{} takes {}, not {}", rule->key, rule->expected, printable(args[1])));
+            return refuse(fmt::format("{} takes {}, not {}", rule->key, rule->expected, printable(a.value)));
         std::string shown = valueText(*rule, &*value);
         change = [key, value, shown](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
             options.allOptions()->set(key, *value);
@@ -371,10 +387,9 @@ int main(int argc, char** argv) {
             return true;
         };
     } else if (command == "confirm-empty") {
-        if (args.size() != 1) return usage("confirm-empty needs exactly one source path");
-        if (args[0].empty() || args[0][0] != '/') return refuse("the source must be an absolute path: " + printable(args[0]));
+        if (a.path.empty() || a.path[0] != '/') return refuse("the source must be an absolute path: " + printable(a.path));
         unknownSourceIsBadInput = true;
-        std::string given = args[0];
+        std::string given = a.path;
         std::string source = absolutePath(given);
         change = [given, source](BackupSetController& list, FVOptionsPanelController&, std::string& message) {
             for (const FVSourceItemPtr& item : list.arrangedObjects()) {
@@ -387,7 +402,8 @@ int main(int argc, char** argv) {
             message = printable(source) + " is not in the list";
             return false;
         };
-    } else if (command == "schedule") {
+    } else {
+        const std::vector<std::string>& args = a.schedule;
         scheduleChange = true;
         std::optional<int64_t> weekday;  // absent: daily
         std::string time;
@@ -399,7 +415,7 @@ int main(int argc, char** argv) {
             if (!weekday) return refuse("unknown weekday: " + printable(args[1]));
             time = args[2];
         } else {
-            return usage("schedule takes: daily HH:MM | weekly <weekday> HH:MM | off");
+            return refuse("schedule takes: daily HH:MM | weekly <weekday> HH:MM | off");
         }
         std::optional<std::pair<int64_t, int64_t>> at;
         if (!off && !(at = parseTime(time))) return refuse("the time must be HH:MM within 00:00-23:59, not " + printable(time));
@@ -415,8 +431,6 @@ int main(int argc, char** argv) {
             message = "Schedule: " + scheduleText(o) + ".";
             return true;
         };
-    } else {
-        return usage("unknown command: " + printable(command));
     }
 
     if (access(config.destination.c_str(), W_OK) != 0)

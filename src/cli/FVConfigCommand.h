@@ -1,16 +1,29 @@
 #pragma once
 // "ferrovane config <destination> ...": edits a destination's configuration the way the window
 // does, for machines without a display, writing the same file with the same writer:
-//   show | add <path> [--mode backup|disabled|exclude|exclude-name] | remove <path>
+//   show [--json] | add <path> [--mode backup|disabled|exclude|exclude-name] | remove <path>
 //   | set <option> <value> | schedule daily HH:MM | weekly <weekday> HH:MM | off
 //   | confirm-empty <path>
 // Changes are made under the destination's lock; show reads without it.
 
+#include <string>
+#include <vector>
+
 namespace ferrovane::FVConfigCommand {
 
-// argv[1] is "config". Exit status 0 on success, 1 when the change could not be made or saved
-// (or the scheduled job could not be set up), 2 for bad usage or input; nothing is written then.
-// 75 when a run still held the destination after a wait of ten seconds.
-int main(int argc, char** argv);
+struct Arguments {
+    std::string destination;
+    std::string action;  // show, add, remove, set, schedule or confirm-empty
+    std::string path;    // add, remove, confirm-empty
+    std::string mode;    // add; empty: backup
+    std::string option, value;            // set
+    std::vector<std::string> schedule;    // schedule's words
+    bool json = false;                    // show
+};
+
+// Exit status 0 on success, 1 when the change could not be made or saved (or the scheduled job
+// could not be set up), 2 for bad input; nothing is written then. 75 when a run still held the
+// destination after a wait of ten seconds.
+int main(const Arguments& arguments);
 
 }  // namespace ferrovane::FVConfigCommand

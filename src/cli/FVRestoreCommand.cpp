@@ -116,41 +116,12 @@ std::optional<std::string> mirrorPathOrComplain(const char* command, const FVVer
     return mirror;
 }
 
-void printVersionsUsage() {
-    fmt::print(stderr,
-               "Usage: ferrovane versions <destination> <path> [--json]\n"
-               "Lists every version of the path held in the destination, newest first. The path is the\n"
-               "original path of a backed-up item or a path inside the destination.\n");
-}
-
-void printRestoreUsage() {
-    fmt::print(stderr,
-               "Usage: ferrovane restore <destination> <path> [--version <stamp>|current] [--to <folder>]\n"
-               "                         [--replace] [--dry-run]\n"
-               "       ferrovane restore <destination> --all [--to <root>] [--replace] [--dry-run]\n"
-               "Copies a version (the newest by default) back to its original place, or into the folder\n"
-               "given with --to; --all restores every source, below <root> at its full original path.\n"
-               "Existing different items stop the restore before anything is written, unless --replace\n"
-               "moves them to the trash first.\n");
-}
-
 }  // namespace
 
-int versionsMain(int argc, char** argv) {
-    std::vector<std::string> positional;
-    bool json = false, unknownOption = false;
-    for (int k = 2; k < argc; ++k) {
-        if (std::strcmp(argv[k], "--json") == 0) json = true;
-        else if (std::strncmp(argv[k], "--", 2) == 0) unknownOption = true;
-        else positional.emplace_back(argv[k]);
-    }
-    if (positional.size() != 2 || unknownOption) {
-        printVersionsUsage();
-        return kExitUsage;
-    }
-    auto catalog = openCatalog("versions", positional[0]);
+int versionsMain(const std::string& destination, const std::string& path, bool json) {
+    auto catalog = openCatalog("versions", destination);
     if (!catalog) return kExitUsage;
-    auto mirror = mirrorPathOrComplain("versions", *catalog, positional[1]);
+    auto mirror = mirrorPathOrComplain("versions", *catalog, path);
     if (!mirror) return kExitUsage;
     std::vector<FVItemVersion> versions = catalog->versions(*mirror);
     auto original = catalog->originalPath(*mirror);
@@ -172,42 +143,13 @@ int versionsMain(int argc, char** argv) {
                        localTime(v.modificationTime), shown(v.path));
     }
     if (versions.empty()) {
-        fmt::print(stderr, "ferrovane versions: the destination holds no version of {}.\n", shown(positional[1]));
+        fmt::print(stderr, "ferrovane versions: the destination holds no version of {}.\n", shown(path));
         return kExitFailed;
     }
     return kExitDone;
 }
 
 namespace {
-
-struct RestoreArguments {
-    std::string destination, what, version, to;
-    bool all = false, replace = false, dryRun = false;
-};
-
-std::optional<RestoreArguments> parseRestore(int argc, char** argv) {
-    RestoreArguments a;
-    std::vector<std::string> positional;
-    for (int k = 2; k < argc; ++k) {
-        std::string arg = argv[k];
-        auto value = [&](std::string& into) {
-            if (k + 1 >= argc) return false;
-            into = argv[++k];
-            return !into.empty();
-        };
-        if (arg == "--all") a.all = true;
-        else if (arg == "--replace") a.replace = true;
-        else if (arg == "--dry-run") a.dryRun = true;
-        else if (arg == "--version") { if (!value(a.version)) return std::nullopt; }
-        else if (arg == "--to") { if (!value(a.to)) return std::nullopt; }
-        else if (arg.starts_with("--")) return std::nullopt;
-        else positional.push_back(arg);
-    }
-    if (positional.size() != (a.all ? 1u : 2u) || (a.all && !a.version.empty())) return std::nullopt;
-    a.destination = positional[0];
-    if (!a.all) a.what = positional[1];
-    return a;
-}
 
 // The plans of what the user asked for; nothing (after saying why) when it cannot be done.
 std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a, const FVVersionCatalog& catalog,
@@ -317,16 +259,11 @@ private:
 
 }  // namespace
 
-int restoreMain(int argc, char** argv) {
-    auto arguments = parseRestore(argc, argv);
-    if (!arguments) {
-        printRestoreUsage();
-        return kExitUsage;
-    }
-    auto catalog = openCatalog("restore", arguments->destination);
+int restoreMain(const RestoreArguments& arguments) {
+    auto catalog = openCatalog("restore", arguments.destination);
     if (!catalog) return kExitUsage;
     int status = kExitUsage;
-    auto plans = planRestore(*arguments, *catalog, &status);
+    auto plans = planRestore(arguments, *catalog, &status);
     if (!plans) return status;
 
     uint64_t files = 0, bytes = 0, conflicts = 0, identical = 0, problems = 0;
@@ -339,7 +276,7 @@ int restoreMain(int argc, char** argv) {
         for (const FVRestorePlan::Conflict& conflict : plan.conflicts())
             fmt::print("Conflict: {} ({})\n", shown(conflict.target), conflict.reason);
     }
-    if (arguments->dryRun) {
+    if (arguments.dryRun) {
         for (const FVRestorePlan& plan : *plans) {
             fmt::print("Would restore {} to {}\n", shown(plan.from()), shown(plan.to()));
             for (const auto& [from, to] : plan.pairs()) fmt::print("  {}\n", shown(to->path()));
@@ -347,9 +284,9 @@ int restoreMain(int argc, char** argv) {
         }
         fmt::print("Dry run: {} files ({}) would be restored, {} already identical, {} conflicts, {} errors.\n", files,
                    FVNumber::formattedDiskSizeString(static_cast<double>(bytes)), identical, conflicts, problems);
-        return (conflicts && !arguments->replace) || problems ? kExitFailed : kExitDone;
+        return (conflicts && !arguments.replace) || problems ? kExitFailed : kExitDone;
     }
-    if (conflicts && !arguments->replace) {
+    if (conflicts && !arguments.replace) {
         fmt::print(stderr,
                    "ferrovane restore: nothing was restored: {} existing items differ from the backup. "
                    "Restore --to another folder, or add --replace to move them to the trash first.\n",
@@ -361,7 +298,7 @@ int restoreMain(int argc, char** argv) {
     action.sa_handler = onInterrupt;
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, &previous);
-    FVRestoreRun run(*plans, arguments->replace);
+    FVRestoreRun run(*plans, arguments.replace);
     FVRestoreRun::Summary summary;
     {
         ProgressLine progress;

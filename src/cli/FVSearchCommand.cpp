@@ -12,7 +12,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <string>
 
 namespace ferrovane::FVSearchCommand {
 
@@ -33,24 +32,9 @@ private:
     FVRunLoop& loop_;
 };
 
-void printUsage() {
-    fmt::print(stderr,
-               "Usage: ferrovane search <destination> <text> [--json]\n"
-               "Lists the files in the destination whose names contain every blank-separated word\n"
-               "of the text (any case), each with its current copy and archived versions.\n");
-}
-
 }  // namespace
 
-int main(int argc, char** argv) {
-    bool json = argc == 5 && std::strcmp(argv[4], "--json") == 0;
-    if (argc != 4 && !json) {
-        printUsage();
-        return kExitUsage;
-    }
-    std::string destination = argv[2];
-    std::string text = argv[3];
-
+int main(const std::string& destination, const std::string& text, bool json) {
     DIR* folder = opendir(destination.c_str());
     if (!folder) {
         fmt::print(stderr, "ferrovane search: cannot read the destination {}: {}\n",

@@ -1,12 +1,13 @@
 #pragma once
-// "ferrovane search <destination> <text>": the destination search for machines without a
+// "ferrovane search <destination> <words>...": the destination search for machines without a
 // display. Prints one block per file: its logical path, then each version's time stamp and real
 // path, newest first.
 
+#include <string>
+
 namespace ferrovane::FVSearchCommand {
 
-// argv[1] is "search". Exit status 0 with matches, 1 without, 2 for bad usage or a destination
-// that cannot be read.
-int main(int argc, char** argv);
+// Exit status 0 with matches, 1 without, 2 for bad usage or a destination that cannot be read.
+int main(const std::string& destination, const std::string& text, bool json);
 
 }  // namespace ferrovane::FVSearchCommand

@@ -1,14 +1,14 @@
 // Whole backup runs of the built executable on real trees: the mirror, both archives, the log,
 // standard output, the exit status and the configuration written back.
 
-#include "engine/FVConfigurationFile.h"
-#include "support/ProcessRunner.h"
-#include "support/TempDir.h"
+#include "cli/DestinationFixture.h"
+#include "support/JsonQuery.h"
+#include "support/TreeLiteral.h"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -24,36 +24,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class BackupRun : public ::testing::Test {
+class BackupRun : public DestinationFixture {
 protected:
-    void SetUp() override {
-        source = dir / "src";
-        destination = dir / "dest";
-        makeDirs(source);
-        makeDirs(destination);
-    }
-
-    void configure(const std::vector<std::pair<std::string, FVSourceMode>>& sources, PlistDict options) {
-        std::vector<FVSourceItemPtr> items;
-        for (const auto& [path, mode] : sources) items.push_back(FVSourceItem::make(path, mode));
-        ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(
-            items, options, FVConfigurationFile::formattedPath(destination)));
-    }
-
-    static PlistDict defaults() {
-        PlistDict options;
-        FVConfigurationFile::applyDefaultOptions(options);
-        return options;
-    }
-
-    ProcessResult run(std::vector<std::string> extra = {}) {
-        std::vector<std::string> args{FERROVANE_EXECUTABLE, destination, "-noUserNotifications"};
-        args.insert(args.end(), extra.begin(), extra.end());
-        return runProcess(args, {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()}});
-    }
-
-    std::string logPath() const { return dir / "Ferrovane.log"; }
-
     // 10,000 small files: a run over them lasts long enough to be caught in the middle.
     void makeManyFiles() {
         makeDirs(source + "/Many");
@@ -83,12 +55,6 @@ protected:
         return pid;
     }
 
-    // What rsync would still carry over; empty when the mirror is exact.
-    static std::string mirrorDifferences(const std::string& from, const std::string& to) {
-        auto r = runProcess({"/usr/bin/rsync", "-aAXn", "--itemize-changes", from + "/", to + "/"});
-        return r.out + r.err;
-    }
-
     static std::vector<std::string> listFolder(const std::string& path) {
         std::vector<std::string> names;
         if (!exists(path)) return names;
@@ -101,30 +67,15 @@ protected:
         timespec times[2] = {{seconds, 0}, {seconds, 0}};
         utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
     }
-
-    FVConfiguration readBack() {
-        auto r = FVConfigurationFile::read(FVConfigurationFile::formattedPath(destination));
-        EXPECT_EQ(r.status, FVConfigurationReadStatus::Ok) << r.problem;
-        return r.configuration;
-    }
-
-    TempDir dir;
-    std::string source, destination;
 };
 
 }  // namespace
 
 TEST_F(BackupRun, MirrorsSeveralSourcesAndWritesTheResultsBack) {
-    makeDirs(source + "/Docs/letters/old");
-    writeFile(source + "/Docs/a.txt", "alpha");
-    writeFile(source + "/Docs/letters/b.txt", std::string(3'000'000, 'b'));
-    writeFile(source + "/Docs/letters/old/c.txt", "c");
+    buildTree(source, {{"Docs/a.txt", "alpha"}, {"Docs/letters/b.txt", std::string(3'000'000, 'b')},
+                       {"Docs/letters/old/c.txt", "c"}, {"Docs/empty/", ""}, {"Docs/skip-me/x", "x"},
+                       {"Docs/notes.tmp", "excluded by name"}, {"single.txt", "one file as a source"}});
     symlink("a.txt", (source + "/Docs/link").c_str());
-    makeDirs(source + "/Docs/empty");
-    makeDirs(source + "/Docs/skip-me");
-    writeFile(source + "/Docs/skip-me/x", "x");
-    writeFile(source + "/Docs/notes.tmp", "excluded by name");
-    writeFile(source + "/single.txt", "one file as a source");
     setMtime(source + "/Docs/letters/old", 1'000'000'000);
 
     configure({{source + "/Docs", FVSourceMode::Backup},
@@ -153,7 +104,7 @@ TEST_F(BackupRun, MirrorsSeveralSourcesAndWritesTheResultsBack) {
     fs::remove(source + "/Docs/notes.tmp");
     timespec times[2] = {docs.st_atim, docs.st_mtim};
     utimensat(AT_FDCWD, (source + "/Docs").c_str(), times, 0);
-    EXPECT_EQ(mirrorDifferences(source + "/Docs", destination + "/Docs"), "");
+    EXPECT_EQ(differences(source + "/Docs/", destination + "/Docs/"), "");
 
     FVConfiguration saved = readBack();
     ASSERT_EQ(saved.sources.size(), 6u);
@@ -182,11 +133,8 @@ TEST_F(BackupRun, MirrorsSeveralSourcesAndWritesTheResultsBack) {
 }
 
 TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
-    makeDirs(source + "/Docs/sub");
-    writeFile(source + "/Docs/keep.txt", "same");
-    writeFile(source + "/Docs/change.txt", "version 1");
-    writeFile(source + "/Docs/sub/gone.txt", "soon removed");
-    writeFile(source + "/Docs/._keep.txt", "companion");
+    buildTree(source, {{"Docs/keep.txt", "same"}, {"Docs/change.txt", "version 1"},
+                       {"Docs/sub/gone.txt", "soon removed"}, {"Docs/._keep.txt", "companion"}});
     PlistDict options = defaults();
     options.set("moveChangedFiles", int64_t{1});
     configure({{source + "/Docs", FVSourceMode::Backup}}, options);
@@ -210,69 +158,23 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
               std::vector<std::string>{"change.txt"});
     EXPECT_EQ(readFile(destination + "/Docs/._keep.txt"), "companion");
 
+    // runs lists the run's stamp with what each archive holds, and writes nothing.
+    std::string before = treeSnapshot(destination);
+    auto runs = ferrovane({"runs", destination, "--json"});
+    ASSERT_EQ(runs.exitStatus, 0) << runs.err;
+    EXPECT_EQ(jsonQuery(runs.out, "[(r['stamp'], r['changed'], r['removed']) for r in d['runs']]"),
+              "[('" + changedStamps[0] + "', {'items': 1, 'bytes': 9}, {'items': 1, 'bytes': 12})]");
+    EXPECT_EQ(jsonQuery(runs.out, "[(s['path'], s['totalFiles'] > 0) for s in d['sources']]"),
+              "[('" + source + "/Docs', True)]");
+    EXPECT_EQ(ferrovane({"runs", destination}).exitStatus, 0);
+    EXPECT_EQ(treeSnapshot(destination), before);
+
     std::string log = readFile(logPath());
     EXPECT_NE(log.find("Archiving deleted items finished: archived 1 items."), std::string::npos);
 }
 
-// Runs that follow each other within one second each get a stamp folder of their own, and a
-// changed file whose archive move fails keeps its old version in the mirror until a run can
-// archive it.
-TEST_F(BackupRun, EveryVersionIsKeptWhenRunsShareASecondOrAnArchiveMoveFails) {
-    makeDirs(source + "/Docs");
-    PlistDict options = defaults();
-    options.set("moveChangedFiles", true);
-    configure({{source + "/Docs", FVSourceMode::Backup}}, options);
-    std::vector<std::string> versions;
-    for (int i = 1; i <= 4; ++i) {
-        versions.push_back("version " + std::string(static_cast<size_t>(i), '*'));
-        writeFile(source + "/Docs/f.txt", versions.back());
-        ASSERT_EQ(run().exitStatus, 0);
-    }
-    auto kept = [&] {
-        std::vector<std::string> found{readFile(destination + "/Docs/f.txt")};
-        for (const std::string& stamp : listFolder(destination + "/__changed"))
-            found.push_back(readFile(destination + "/__changed/" + stamp + "/Docs/f.txt"));
-        std::sort(found.begin(), found.end());
-        return found;
-    };
-    EXPECT_EQ(kept(), versions);
-
-    fs::rename(destination + "/__changed", dir / "changed.aside");
-    makeDirs(dir / "elsewhere");
-    fs::create_directory_symlink(dir / "elsewhere", destination + "/__changed");
-    writeFile(source + "/Docs/f.txt", "version 5");
-    auto refused = run();
-    EXPECT_EQ(refused.exitStatus, 255);
-    EXPECT_NE(refused.out.find("Archiving changed file failed: " + destination + "/Docs/f.txt"), std::string::npos)
-        << refused.out;
-    EXPECT_EQ(readFile(destination + "/Docs/f.txt"), versions.back());
-    EXPECT_TRUE(listFolder(dir / "elsewhere").empty());
-
-    fs::remove(destination + "/__changed");
-    fs::rename(dir / "changed.aside", destination + "/__changed");
-    ASSERT_EQ(run().exitStatus, 0);
-    versions.push_back("version 5");
-    EXPECT_EQ(kept(), versions);
-}
-
-// A destination inside its own source is never copied into itself, and user files whose names
-// look like the copy's temporary files are user files all the same.
-TEST_F(BackupRun, ADestinationInsideItsSourceIsLeftOutAndLeftoverLookalikesAreKept) {
-    destination = source + "/Docs/backup";
-    makeDirs(destination);
-    writeFile(source + "/Docs/a.txt", "a");
-    writeFile(source + "/Docs/.ferrovane-tmp-notes.txt", "notes");
-    writeFile(source + "/Docs/.ferrovane-tmp-0123456789abcdef", "mine");
-    configure({{source + "/Docs", FVSourceMode::Backup}}, defaults());
-    for (int i = 0; i < 2; ++i) ASSERT_EQ(run().exitStatus, 0);
-    EXPECT_EQ(listFolder(destination + "/Docs"),
-              (std::vector<std::string>{".ferrovane-tmp-0123456789abcdef", ".ferrovane-tmp-notes.txt", "a.txt"}));
-}
-
 TEST_F(BackupRun, AFolderReplacedByALinkBecomesALinkAndTheFolderIsArchived) {
-    makeDirs(source + "/Docs/sub");
-    makeDirs(dir / "elsewhere");
-    writeFile(source + "/Docs/sub/a.txt", "a");
+    buildTree(dir.path(), {{"src/Docs/sub/a.txt", "a"}, {"elsewhere/", ""}});
     PlistDict options = defaults();
     options.set("moveChangedFiles", int64_t{1});
     configure({{source + "/Docs", FVSourceMode::Backup}}, options);
@@ -281,17 +183,14 @@ TEST_F(BackupRun, AFolderReplacedByALinkBecomesALinkAndTheFolderIsArchived) {
     fs::rename(source + "/Docs/sub", dir / "sub.old");
     fs::create_directory_symlink(dir / "elsewhere", source + "/Docs/sub");
     ASSERT_EQ(run().exitStatus, 0);
-    EXPECT_EQ(mirrorDifferences(source + "/Docs", destination + "/Docs"), "");
+    EXPECT_EQ(differences(source + "/Docs/", destination + "/Docs/"), "");
     auto stamps = listFolder(destination + "/__changed");
     ASSERT_EQ(stamps.size(), 1u);
     EXPECT_EQ(readFile(destination + "/__changed/" + stamps[0] + "/Docs/sub/a.txt"), "a");
 }
 
 TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButNeverEmptiesAnUnmountedVolume) {
-    makeDirs(source + "/Volume");
-    makeDirs(source + "/Docs");
-    writeFile(source + "/Volume/precious.txt", "only copy");
-    writeFile(source + "/Docs/old.txt", "old");
+    buildTree(source, {{"Volume/precious.txt", "only copy"}, {"Docs/old.txt", "old"}});
     PlistDict options = defaults();
     options.set("moveDeletedFiles", int64_t{0});
     configure({{source + "/Volume", FVSourceMode::Backup}, {source + "/Docs", FVSourceMode::Backup}}, options);
@@ -302,12 +201,18 @@ TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButNeverEmptiesAnUnmounte
     writeFile(source + "/Docs/new.txt", "new");
     auto second = run();
     EXPECT_EQ(second.exitStatus, 255);
-    EXPECT_NE(second.out.find("Backup errors:\nNot removing the contents of " + destination + "/Volume"),
+    EXPECT_NE(second.err.find("Backup errors:\nNot removing the contents of " + destination + "/Volume"),
               std::string::npos)
-        << second.out;
+        << second.err;
     EXPECT_EQ(readFile(destination + "/Volume/precious.txt"), "only copy");
     EXPECT_FALSE(exists(destination + "/Docs/old.txt"));
     EXPECT_FALSE(exists(destination + "/__removed"));
+
+    // Emptied on purpose: once confirmed, the next run empties the mirror and uses the confirmation up.
+    ASSERT_EQ(ferrovane({"config", destination, "confirm-empty", source + "/Volume"}).exitStatus, 0);
+    ASSERT_EQ(run().exitStatus, 0);
+    EXPECT_FALSE(exists(destination + "/Volume/precious.txt"));
+    EXPECT_FALSE(readBack().sources[0]->value(FVSourceKey::emptySourceConfirmed));
 }
 
 TEST_F(BackupRun, RebuildsFullSourcePathsWithoutSyncModeAndCountsAMissingThreadOption) {
@@ -339,39 +244,11 @@ TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
 
     auto completed = run();
     ASSERT_EQ(completed.exitStatus, 0);
-    EXPECT_EQ(mirrorDifferences(source + "/Many", destination + "/Many"), "");
-}
-
-// A read-only destination ends the run at once with one error, never one per file, and keeps
-// every old version.
-TEST_F(BackupRun, AReadOnlyDestinationEndsTheRunWithOneErrorAndKeepsEveryVersion) {
-    makeDirs(source + "/Docs/locked");
-    for (int i = 0; i < 20; ++i) writeFile(source + "/Docs/locked/" + std::to_string(i), "1");
-    configure({{source + "/Docs", FVSourceMode::Backup}}, defaults());
-    ASSERT_EQ(run().exitStatus, 0);
-
-    std::string locked = destination + "/Docs/locked";
-    if (mount(locked.c_str(), locked.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
-        mount(nullptr, locked.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
-        umount2(locked.c_str(), MNT_DETACH);
-        GTEST_SKIP() << "cannot make a read-only bind mount here";
-    }
-    for (int i = 0; i < 20; ++i) writeFile(source + "/Docs/locked/" + std::to_string(i), "22");
-    auto result = run();
-    umount2(locked.c_str(), MNT_DETACH);
-    EXPECT_EQ(result.exitStatus, 255);
-    EXPECT_NE(result.out.find("Backup errors:\nERROR: Destination is read-only. Aborting backup.\nSync canceled."),
-              std::string::npos) << result.out;
-    for (int i = 0; i < 20; ++i) EXPECT_EQ(readFile(locked + "/" + std::to_string(i)), "1");
-    EXPECT_EQ(run().exitStatus, 0);
-    for (int i = 0; i < 20; ++i) EXPECT_EQ(readFile(locked + "/" + std::to_string(i)), "22");
+    EXPECT_EQ(differences(source + "/Many/", destination + "/Many/"), "");
 }
 
 TEST_F(BackupRun, TwoSourcesWithOneNameShareTheirMirrorWithoutHarm) {
-    makeDirs(source + "/a/Docs");
-    makeDirs(source + "/b/Docs");
-    writeFile(source + "/a/Docs/from-a.txt", "a");
-    writeFile(source + "/b/Docs/from-b.txt", "b");
+    buildTree(source, {{"a/Docs/from-a.txt", "a"}, {"b/Docs/from-b.txt", "b"}});
     configure({{source + "/a/Docs", FVSourceMode::Backup}, {source + "/b/Docs", FVSourceMode::Backup}}, defaults());
     auto first = run();
     EXPECT_EQ(first.exitStatus, 0) << first.out << first.err;
@@ -381,25 +258,6 @@ TEST_F(BackupRun, TwoSourcesWithOneNameShareTheirMirrorWithoutHarm) {
     EXPECT_NE(second.signal, SIGSEGV);
     EXPECT_NE(second.signal, SIGABRT);
 }
-
-namespace {
-
-// Every entry below root with its bytes (or its link target), for a before/after comparison.
-std::string treeSnapshot(const std::string& root) {
-    std::vector<std::string> lines;
-    for (const auto& e : fs::recursive_directory_iterator(root)) {
-        std::string line = e.path().string().substr(root.size());
-        if (e.is_symlink()) line += " -> " + fs::read_symlink(e.path()).string();
-        else if (e.is_regular_file()) line += " = " + readFile(e.path());
-        lines.push_back(line);
-    }
-    std::sort(lines.begin(), lines.end());
-    std::string out;
-    for (const auto& line : lines) out += line + "\n";
-    return out;
-}
-
-}  // namespace
 
 TEST_F(BackupRun, AnOptionThatCannotBeUsedStopsTheRunBeforeItTouchesTheDestination) {
     writeFile(source + "/a.txt", "new version");
@@ -447,8 +305,8 @@ TEST_F(BackupRun, UnusableSourceItemsAreSkippedReportedAndKeptInTheFile) {
     auto result = run();
     EXPECT_EQ(result.exitStatus, 255) << "the skipped items are errors of the run";
     EXPECT_EQ(readFile(destination + "/Docs/a.txt"), "a") << "the usable item ran";
-    EXPECT_NE(result.out.find("Backup errors:\nSource item 1 of " + path + " was skipped"), std::string::npos)
-        << result.out;
+    EXPECT_NE(result.err.find("Backup errors:\nSource item 1 of " + path + " was skipped"), std::string::npos)
+        << result.err;
     EXPECT_NE(result.err.find("Source item 3 of " + path + " was skipped: it has no \"sourcePath\""),
               std::string::npos) << result.err;
 
@@ -463,46 +321,4 @@ TEST_F(BackupRun, UnusableSourceItemsAreSkippedReportedAndKeptInTheFile) {
     EXPECT_TRUE((*items[1].dict())->contains("lastBackupDate"));
     EXPECT_EQ((*items[2].dict())->stringValue("note"), "mine");
     EXPECT_EQ((*items[3].dict())->stringValue("sourcePath"), source + "/More");
-}
-
-TEST_F(BackupRun, ASecondRunIsRefusedAndEditsMadeDuringARunAreKept) {
-    makeManyFiles();
-    configure({{source + "/Many", FVSourceMode::Backup}}, defaults());
-    {
-        FVConfiguration c = readBack();
-        c.sources[0]->setValue(FVSourceKey::emptySourceConfirmed, true);
-        ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(
-            c.sources, *c.settings, FVConfigurationFile::formattedPath(destination)));
-    }
-
-    pid_t pid = startRunInBackground();
-    // Held still in the middle of its run, so that what follows happens during it.
-    kill(pid, SIGSTOP);
-    ASSERT_EQ(waitpid(pid, nullptr, WNOHANG), 0) << "the run ended before it could be held";
-
-    auto second = run();
-    EXPECT_EQ(second.exitStatus, 75);
-    EXPECT_EQ(second.err, "Another Ferrovane run is using this destination: " + destination +
-                              ". Try again when it has finished.\n");
-    EXPECT_LT(second.seconds, 10);
-
-    // A hand edit during the run: an item added, an option changed.
-    FVConfiguration edited = readBack();
-    edited.sources.push_back(FVSourceItem::make(source + "/Added", FVSourceMode::Backup));
-    edited.settings->set("maxThreads", int64_t{7});
-    ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(
-        edited.sources, *edited.settings, FVConfigurationFile::formattedPath(destination)));
-
-    kill(pid, SIGCONT);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << readFile(dir / "out.txt");
-
-    FVConfiguration saved = readBack();
-    ASSERT_EQ(saved.sources.size(), 2u) << "the item added during the run is kept";
-    EXPECT_EQ(saved.sources[1]->sourcePath(), source + "/Added");
-    EXPECT_EQ(saved.settings->integerValue("maxThreads"), 7);
-    EXPECT_GT(saved.sources[0]->integerValue("totalFilesCount"), 10000) << "the run's results are written";
-    EXPECT_FALSE(saved.sources[0]->value(FVSourceKey::emptySourceConfirmed)) << "the confirmation is used up";
 }

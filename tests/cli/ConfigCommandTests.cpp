@@ -1,9 +1,8 @@
 // "ferrovane config" end to end on temporary destinations: the file it writes, refused input
 // that leaves everything as it was, and the scheduled job with a stand-in systemctl.
 
-#include "engine/FVConfigurationFile.h"
-#include "support/ProcessRunner.h"
-#include "support/TempDir.h"
+#include "cli/DestinationFixture.h"
+#include "support/JsonQuery.h"
 
 #include <gtest/gtest.h>
 
@@ -14,7 +13,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <sstream>
 #include <thread>
 
 using namespace ferrovane;
@@ -23,15 +21,10 @@ using namespace ferrovane::test;
 namespace {
 
 // A destination, a job folder, and a PATH whose only systemctl records its arguments.
-struct Fixture {
-    TempDir dir;
-    std::string destination = dir / "dest";
-    std::string jobs = dir / "jobs";
-    std::string bin = dir / "bin";
-    std::string calls = dir / "systemctl.log";
-
-    Fixture() {
-        makeDirs(destination);
+class ConfigCommand : public DestinationFixture {
+protected:
+    void SetUp() override {
+        DestinationFixture::SetUp();
         makeDirs(bin);
         writeFile(bin + "/systemctl", "#!/bin/sh\necho \"$*\" >> '" + calls + "'\nexit ${FAKE_SYSTEMCTL_STATUS:-0}\n");
         chmod((bin + "/systemctl").c_str(), 0755);
@@ -46,13 +39,10 @@ struct Fixture {
         return runProcess(argv, env, 30);
     }
 
-    FVConfiguration read() {
-        auto result = FVConfigurationFile::read(FVConfigurationFile::formattedPath(destination));
-        EXPECT_EQ(result.status, FVConfigurationReadStatus::Ok) << result.problem;
-        return result.configuration;
-    }
-    std::string settingsBytes() { return exists(settingsPath()) ? readFile(settingsPath()) : "(none)"; }
     std::string settingsPath() { return FVConfigurationFile::formattedPath(destination); }
+    std::string settingsBytes() { return exists(settingsPath()) ? readFile(settingsPath()) : "(none)"; }
+
+    std::string jobs = dir / "jobs", bin = dir / "bin", calls = dir / "systemctl.log";
 };
 
 std::vector<std::pair<std::string, int64_t>> sources(const FVConfiguration& c) {
@@ -61,56 +51,35 @@ std::vector<std::pair<std::string, int64_t>> sources(const FVConfiguration& c) {
     return out;
 }
 
-// ExecStart words as systemd decodes an unquoted line ("%%" and "\xNN").
-std::vector<std::string> execStart(const std::string& unit) {
-    std::istringstream lines(unit);
-    std::string line, value, word;
-    while (std::getline(lines, line))
-        if (line.rfind("ExecStart=:", 0) == 0) value = line.substr(11);
-    std::vector<std::string> words;
-    std::istringstream split(value);
-    while (split >> word) {
-        std::string decoded;
-        for (size_t i = 0; i < word.size(); ++i) {
-            if (word[i] == '%') decoded += '%', ++i;
-            else if (word[i] == '\\') decoded += static_cast<char>(std::stoi(word.substr(i + 2, 2), nullptr, 16)), i += 3;
-            else decoded += word[i];
-        }
-        words.push_back(decoded);
-    }
-    return words;
-}
-
 }  // namespace
 
-TEST(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
-    Fixture f;
-    ProcessResult shown = f.config({"show"});
+TEST_F(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
+    ProcessResult shown = config({"show"});
     EXPECT_EQ(shown.exitStatus, 0) << shown.err;
     EXPECT_NE(shown.out.find("none yet"), std::string::npos) << shown.out;
-    EXPECT_FALSE(exists(f.settingsPath()));  // show writes nothing
+    EXPECT_FALSE(exists(settingsPath()));  // show writes nothing
 
-    ProcessResult missing = f.config({"add", "/home/me/Documents/"});
+    ProcessResult missing = config({"add", "/home/me/Documents/"});
     EXPECT_EQ(missing.exitStatus, 0);
     EXPECT_EQ(missing.err, "ferrovane config: warning: /home/me/Documents does not exist (yet); it will be skipped "
                            "until it does.\n");
-    ProcessResult containing = f.config({"add", f.dir.path()});
+    ProcessResult containing = config({"add", dir.path()});
     EXPECT_EQ(containing.exitStatus, 0);
-    EXPECT_NE(containing.err.find(f.dir.path() + " contains the destination"), std::string::npos) << containing.err;
-    EXPECT_EQ(f.config({"remove", f.dir.path()}).exitStatus, 0);
-    EXPECT_EQ(f.config({"add", "--mode", "exclude", "/home/me/Documents/cache"}).exitStatus, 0);
-    EXPECT_EQ(f.config({"add", "/x/node_modules", "--mode=exclude-name"}).exitStatus, 0);
-    EXPECT_EQ(f.config({"add", "/old", "--mode", "disabled"}).exitStatus, 0);
-    ProcessResult duplicate = f.config({"add", "/home/me/Documents"});
+    EXPECT_NE(containing.err.find(dir.path() + " contains the destination"), std::string::npos) << containing.err;
+    EXPECT_EQ(config({"remove", dir.path()}).exitStatus, 0);
+    EXPECT_EQ(config({"add", "--mode", "exclude", "/home/me/Documents/cache"}).exitStatus, 0);
+    EXPECT_EQ(config({"add", "/x/node_modules", "--mode=exclude-name"}).exitStatus, 0);
+    EXPECT_EQ(config({"add", "/old", "--mode", "disabled"}).exitStatus, 0);
+    ProcessResult duplicate = config({"add", "/home/me/Documents"});
     EXPECT_EQ(duplicate.exitStatus, 1);
     EXPECT_NE(duplicate.err.find("already in the list"), std::string::npos) << duplicate.err;
-    EXPECT_EQ(f.config({"remove", "/old"}).exitStatus, 0);
-    EXPECT_EQ(f.config({"remove", "/old"}).exitStatus, 1);
-    EXPECT_EQ(f.config({"set", "maxThreads", "4"}).exitStatus, 0);
-    EXPECT_EQ(f.config({"set", "moveChangedFiles", "yes"}).exitStatus, 0);
-    EXPECT_EQ(f.config({"confirm-empty", "/home/me/Documents"}).exitStatus, 0);
+    EXPECT_EQ(config({"remove", "/old"}).exitStatus, 0);
+    EXPECT_EQ(config({"remove", "/old"}).exitStatus, 1);
+    EXPECT_EQ(config({"set", "maxThreads", "4"}).exitStatus, 0);
+    EXPECT_EQ(config({"set", "moveChangedFiles", "yes"}).exitStatus, 0);
+    EXPECT_EQ(config({"confirm-empty", "/home/me/Documents"}).exitStatus, 0);
 
-    FVConfiguration c = f.read();
+    FVConfiguration c = readBack();
     EXPECT_EQ(sources(c), (std::vector<std::pair<std::string, int64_t>>{
                               {"/home/me/Documents", 1}, {"/home/me/Documents/cache", 2}, {"/x/node_modules", 3}}));
     for (const auto& item : c.sources) EXPECT_FALSE(item->value("sizeInMB"));
@@ -122,17 +91,16 @@ TEST(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
     EXPECT_EQ(c.sources[0]->value(FVSourceKey::emptySourceConfirmed), PlistValue(true));
     EXPECT_EQ(c.settings->integerValue("purgeRemovedArchiveDays"), 30);
 
-    shown = f.config({"show"});
-    EXPECT_EQ(shown.exitStatus, 0);
-    EXPECT_NE(shown.out.find("/home/me/Documents/cache"), std::string::npos);
-    EXPECT_NE(shown.out.find("Exclude this name anywhere"), std::string::npos) << shown.out;
-    EXPECT_NE(shown.out.find("Schedule: off"), std::string::npos);
+    shown = config({"show", "--json"});
+    EXPECT_EQ(jsonQuery(shown.out, "[(s['path'], s['mode']) for s in d['sources']], d['options']['maxThreads'], "
+                                   "d['job']"),
+              "([('/home/me/Documents', 'backup'), ('/home/me/Documents/cache', 'exclude'), ('/x/node_modules', "
+              "'exclude-name')], {'value': 4, 'default': 2}, None)") << shown.out << shown.err;
 }
 
-TEST(ConfigCommand, BadInputIsRefusedAndNothingIsWritten) {
-    Fixture f;
-    ASSERT_EQ(f.config({"add", "/data"}).exitStatus, 0);
-    std::string before = f.settingsBytes();
+TEST_F(ConfigCommand, BadInputIsRefusedAndNothingIsWritten) {
+    ASSERT_EQ(config({"add", "/data"}).exitStatus, 0);
+    std::string before = settingsBytes();
     const std::vector<std::vector<std::string>> refused = {
         {"set", "noSuchOption", "1"},     {"set", "maxThreads", "many"},   {"set", "maxThreads", "0"},
         {"set", "moveChangedFiles", "2"}, {"set", "UUID", "X"},            {"set", "automationEnabled", "1"},
@@ -144,33 +112,30 @@ TEST(ConfigCommand, BadInputIsRefusedAndNothingIsWritten) {
         {"confirm-empty", "/elsewhere"},  {"confirm-empty"},
     };
     for (const auto& args : refused) {
-        ProcessResult result = f.config(args);
+        ProcessResult result = config(args);
         std::string shown;
         for (const auto& a : args) shown += a + " ";
         EXPECT_EQ(result.exitStatus, 2) << shown;
         EXPECT_NE(result.err.find("ferrovane config: "), std::string::npos) << shown << result.err;
     }
-    EXPECT_EQ(f.settingsBytes(), before);
-    EXPECT_FALSE(exists(f.calls));
-    EXPECT_FALSE(exists(f.jobs));
+    EXPECT_EQ(settingsBytes(), before);
+    EXPECT_FALSE(exists(calls));
+    EXPECT_FALSE(exists(jobs));
 
     ProcessResult relative = runProcess({FERROVANE_EXECUTABLE, "config", "dest", "show"});
     EXPECT_EQ(relative.exitStatus, 2);
     EXPECT_NE(relative.err.find("absolute path"), std::string::npos);
 
     // A file that is not a configuration is never overwritten.
-    writeFile(f.settingsPath(), "not a property list");
-    EXPECT_EQ(f.config({"add", "/b"}).exitStatus, 1);
-    EXPECT_EQ(readFile(f.settingsPath()), "not a property list");
+    writeFile(settingsPath(), "not a property list");
+    EXPECT_EQ(config({"add", "/b"}).exitStatus, 1);
+    EXPECT_EQ(readFile(settingsPath()), "not a property list");
 }
 
-TEST(ConfigCommand, ScheduleWritesUnitsThatStartFerrovaneOnExactlyThisDestination) {
-    Fixture f;
-    f.destination = f.dir / "my \"backup\" 50% $HOME\\disk\nnew line";
-    makeDirs(f.destination);
-    ProcessResult daily = f.config({"schedule", "daily", "3:30"});
+TEST_F(ConfigCommand, ScheduleWritesUnitsThatStartFerrovaneOnExactlyThisDestination) {
+    ProcessResult daily = config({"schedule", "daily", "3:30"});
     ASSERT_EQ(daily.exitStatus, 0) << daily.err;
-    FVConfiguration c = f.read();
+    FVConfiguration c = readBack();
     std::string uuid = c.settings->stringValue("UUID").value_or("");
     ASSERT_EQ(uuid.size(), 36u);
     EXPECT_TRUE(c.settings->boolValue("automationEnabled"));
@@ -179,86 +144,76 @@ TEST(ConfigCommand, ScheduleWritesUnitsThatStartFerrovaneOnExactlyThisDestinatio
     EXPECT_EQ(c.settings->integerValue("automationIntervalSelection"), 0);
 
     std::string label = "com.quillmarsh.ferrovane." + uuid;
-    std::string service = readFile(f.jobs + "/" + label + ".service");
-    EXPECT_EQ(execStart(service), (std::vector<std::string>{FERROVANE_EXECUTABLE, f.destination}));
-    EXPECT_NE(readFile(f.jobs + "/" + label + ".timer").find("OnCalendar=*-*-* 03:30:00"), std::string::npos);
+    std::string service = readFile(jobs + "/" + label + ".service");
+    EXPECT_NE(service.find(std::string("\nExecStart=:") + FERROVANE_EXECUTABLE + " " + destination + "\n"),
+              std::string::npos) << service;
+    EXPECT_NE(readFile(jobs + "/" + label + ".timer").find("OnCalendar=*-*-* 03:30:00"), std::string::npos);
     std::string user = getuid() == 0 ? "" : "--user ";
-    EXPECT_EQ(readFile(f.calls), user + "disable --now " + label + ".timer\n" + user + "daemon-reload\n" + user +
+    EXPECT_EQ(readFile(calls), user + "disable --now " + label + ".timer\n" + user + "daemon-reload\n" + user +
                                      "enable --now " + label + ".timer\n");
-    TempDir runtime;
-    std::vector<std::string> verify{"/usr/bin/systemd-analyze", "verify"};
-    if (getuid() != 0) verify.push_back("--user");
-    verify.push_back(f.jobs + "/" + label + ".service");
-    verify.push_back(f.jobs + "/" + label + ".timer");
-    ProcessResult checked = runProcess(verify, {{"XDG_RUNTIME_DIR", runtime.path()}});
-    EXPECT_EQ(checked.exitStatus, 0) << checked.err;
 
-    ASSERT_EQ(f.config({"schedule", "weekly", "Friday", "22:15"}).exitStatus, 0);
-    EXPECT_NE(readFile(f.jobs + "/" + label + ".timer").find("OnCalendar=Fri *-*-* 22:15:00"), std::string::npos);
-    EXPECT_EQ(f.read().settings->stringValue("UUID"), uuid);  // created once
-    ProcessResult shown = f.config({"show"});
+    ASSERT_EQ(config({"schedule", "weekly", "Friday", "22:15"}).exitStatus, 0);
+    EXPECT_NE(readFile(jobs + "/" + label + ".timer").find("OnCalendar=Fri *-*-* 22:15:00"), std::string::npos);
+    EXPECT_EQ(readBack().settings->stringValue("UUID"), uuid);  // created once
+    ProcessResult shown = config({"show"});
     EXPECT_NE(shown.out.find("weekly on Friday at 22:15"), std::string::npos) << shown.out;
 
-    ASSERT_EQ(f.config({"schedule", "off"}).exitStatus, 0);
-    EXPECT_FALSE(exists(f.jobs + "/" + label + ".service"));
-    EXPECT_FALSE(exists(f.jobs + "/" + label + ".timer"));
-    EXPECT_FALSE(f.read().settings->boolValue("automationEnabled"));
+    ASSERT_EQ(config({"schedule", "off"}).exitStatus, 0);
+    EXPECT_FALSE(exists(jobs + "/" + label + ".service"));
+    EXPECT_FALSE(exists(jobs + "/" + label + ".timer"));
+    EXPECT_FALSE(readBack().settings->boolValue("automationEnabled"));
 }
 
-TEST(ConfigCommand, JobFailuresAreReportedAndTheSettingIsKept) {
-    Fixture f;
+TEST_F(ConfigCommand, JobFailuresAreReportedAndTheSettingIsKept) {
     // systemctl failing, then missing: the unit files and the setting are still written.
-    ProcessResult failing = f.config({"schedule", "daily", "14:00"}, {{"FAKE_SYSTEMCTL_STATUS", "1"}});
+    ProcessResult failing = config({"schedule", "daily", "14:00"}, {{"FAKE_SYSTEMCTL_STATUS", "1"}});
     EXPECT_EQ(failing.exitStatus, 1);
     EXPECT_NE(failing.err.find("could not be set up"), std::string::npos) << failing.err;
-    EXPECT_TRUE(f.read().settings->boolValue("automationEnabled"));
+    EXPECT_TRUE(readBack().settings->boolValue("automationEnabled"));
 
-    ProcessResult missing = f.config({"schedule", "daily", "15:00"}, {{"PATH", f.dir / "nowhere"}});
+    ProcessResult missing = config({"schedule", "daily", "15:00"}, {{"PATH", dir / "nowhere"}});
     EXPECT_EQ(missing.exitStatus, 1);
     EXPECT_NE(missing.err.find("systemctl"), std::string::npos) << missing.err;
-    EXPECT_EQ(f.read().settings->integerValue("automationTimeHours"), 15);
-    std::string uuid = f.read().settings->stringValue("UUID").value_or("");
-    EXPECT_TRUE(exists(f.jobs + "/com.quillmarsh.ferrovane." + uuid + ".timer"));
+    EXPECT_EQ(readBack().settings->integerValue("automationTimeHours"), 15);
+    std::string uuid = readBack().settings->stringValue("UUID").value_or("");
+    EXPECT_TRUE(exists(jobs + "/com.quillmarsh.ferrovane." + uuid + ".timer"));
 
-    writeFile(f.dir / "blocker", "");
-    ProcessResult blocked = f.config({"schedule", "daily", "16:00"}, {{"FERROVANE_JOB_DIRECTORY", f.dir / "blocker/jobs"}});
+    writeFile(dir / "blocker", "");
+    ProcessResult blocked = config({"schedule", "daily", "16:00"}, {{"FERROVANE_JOB_DIRECTORY", dir / "blocker/jobs"}});
     EXPECT_EQ(blocked.exitStatus, 1);
-    EXPECT_NE(blocked.err.find("Creation of " + f.dir / "blocker/jobs/" + " failed!"), std::string::npos)
+    EXPECT_NE(blocked.err.find("Creation of " + dir / "blocker/jobs/" + " failed!"), std::string::npos)
         << blocked.err;
 }
 
-TEST(ConfigCommand, UnwritableDestinationIsRefused) {
-    Fixture f;
-    if (mount("fvtest", f.destination.c_str(), "tmpfs", MS_RDONLY, "size=1m") != 0)
+TEST_F(ConfigCommand, UnwritableDestinationIsRefused) {
+    if (mount("fvtest", destination.c_str(), "tmpfs", MS_RDONLY, "size=1m") != 0)
         GTEST_SKIP() << "cannot mount a read-only tmpfs here: " << std::strerror(errno);
-    ProcessResult result = f.config({"add", "/data"});
-    ProcessResult schedule = f.config({"schedule", "daily", "10:00"});
-    umount2(f.destination.c_str(), MNT_DETACH);
+    ProcessResult result = config({"add", "/data"});
+    ProcessResult schedule = config({"schedule", "daily", "10:00"});
+    umount2(destination.c_str(), MNT_DETACH);
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_NE(result.err.find("cannot write to the destination"), std::string::npos) << result.err;
     EXPECT_EQ(schedule.exitStatus, 1);
-    EXPECT_FALSE(exists(f.jobs));
+    EXPECT_FALSE(exists(jobs));
 }
 
-TEST(ConfigCommand, AChangeWaitsForTheRunningBackupAndASecondRunIsRefused) {
-    Fixture f;
-    int held = open(f.destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+TEST_F(ConfigCommand, AChangeWaitsForTheRunningBackupAndASecondRunIsRefused) {
+    int held = open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_EQ(flock(held, LOCK_EX | LOCK_NB), 0);
-
-    ProcessResult run = runProcess({FERROVANE_EXECUTABLE, f.destination, "-noUserNotifications"},
-                                   {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", f.dir / "Ferrovane.log"}}, 30);
+    ProcessResult run = runProcess({FERROVANE_EXECUTABLE, destination, "-noUserNotifications"},
+                                   {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()}}, 30);
     EXPECT_EQ(run.exitStatus, 75);
-    EXPECT_EQ(run.err, "Another Ferrovane run is using this destination: " + f.destination +
+    EXPECT_EQ(run.err, "Another Ferrovane run is using this destination: " + destination +
                            ". Try again when it has finished.\n");
 
     std::thread finishing([held] {
         std::this_thread::sleep_for(std::chrono::seconds(1));
         close(held);
     });
-    ProcessResult change = f.config({"add", "/data"});
+    ProcessResult change = config({"add", "/data"});
     finishing.join();
     EXPECT_EQ(change.exitStatus, 0) << change.err;
     EXPECT_GE(change.seconds, 0.9) << "the change waited for the lock";
     EXPECT_NE(change.err.find("waiting"), std::string::npos) << change.err;
-    EXPECT_EQ(sources(f.read()).size(), 1u);
+    EXPECT_EQ(sources(readBack()).size(), 1u);
 }

@@ -2,10 +2,10 @@
 // removed folder and whole sources come back exactly; existing items are never overwritten
 // unless replaced into the trash; the copy never follows a link planted in the target tree.
 
-#include "engine/FVConfigurationFile.h"
+#include "cli/DestinationFixture.h"
 #include "engine/FVTrash.h"
-#include "support/ProcessRunner.h"
-#include "support/TempDir.h"
+#include "support/JsonQuery.h"
+#include "support/TreeLiteral.h"
 
 #include <gtest/gtest.h>
 
@@ -24,30 +24,18 @@ namespace {
 
 const std::string kOddName = "we\nird\xff.txt";
 
-class RestoreCommand : public ::testing::Test {
+class RestoreCommand : public DestinationFixture {
 protected:
     void SetUp() override {
         source = dir / "home/docs";
-        destination = dir / "dest";
-        makeDirs(source);
-        makeDirs(destination);
-        PlistDict options;
-        FVConfigurationFile::applyDefaultOptions(options);
+        DestinationFixture::SetUp();
+        PlistDict options = defaults();
         options.set(FVOptionKey::moveChangedFiles, true);
-        ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(
-            {FVSourceItem::make(source, FVSourceMode::Backup)}, options,
-            FVConfigurationFile::formattedPath(destination)));
-    }
-
-    ProcessResult ferrovane(std::vector<std::string> args) {
-        args.insert(args.begin(), FERROVANE_EXECUTABLE);
-        return runProcess(args, {{"DISPLAY", std::nullopt},
-                                 {"FERROVANE_LOG_FILE", dir / "Ferrovane.log"},
-                                 {"XDG_DATA_HOME", dir / "data"}});
+        configure({{source, FVSourceMode::Backup}}, options);
     }
 
     void backup() {
-        auto r = ferrovane({destination, "-noUserNotifications"});
+        auto r = run();
         ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
     }
 
@@ -60,13 +48,8 @@ protected:
     // Three runs: a.txt in three versions, the folder old/ removed in the second and partly
     // back in the third.
     void threeRuns() {
-        makeDirs(source + "/keep");
-        makeDirs(source + "/old/deep");
+        buildTree(source, {{"keep/b.txt", "b"}, {"old/c.txt", "c"}, {"old/deep/d.txt", "d"}, {kOddName, "odd"}});
         writeAt(source + "/a.txt", "version one", 1'000'000);
-        writeFile(source + "/keep/b.txt", "b");
-        writeFile(source + "/old/c.txt", "c");
-        writeFile(source + "/old/deep/d.txt", "d");
-        writeFile(source + "/" + kOddName, "odd");
         symlink("a.txt", (source + "/link").c_str());
         backup();
         writeAt(source + "/a.txt", "version two, longer", 2'000'000);
@@ -76,12 +59,6 @@ protected:
         makeDirs(source + "/old");
         writeFile(source + "/old/c.txt", "c again");
         backup();
-    }
-
-    // What rsync would still carry over; empty when the copy is exact.
-    static std::string differences(const std::string& from, const std::string& to) {
-        auto r = runProcess({"/usr/bin/rsync", "-aAXn", "--itemize-changes", from, to});
-        return r.out + r.err;
     }
 
     struct Listed {
@@ -96,9 +73,6 @@ protected:
             listed.push_back({(*it)[1], (*it)[2], (*it)[3]});
         return listed;
     }
-
-    TempDir dir;
-    std::string source, destination;
 };
 
 }  // namespace
@@ -145,17 +119,19 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
     EXPECT_EQ(differences(destination + "/docs/", source + "/"), "");
     EXPECT_NE(readFile(dir / "Ferrovane.log").find("starting restore from: " + destination), std::string::npos);
 
-    // Scripts get valid JSON, and the exact bytes of a name that is not UTF-8.
-    std::string readHex = "import json,sys; d=json.load(open(sys.argv[1])); d=d[0] if isinstance(d,list) else d; "
-                          "sys.stdout.buffer.write(bytes.fromhex(d['pathHex']))";
-    for (auto args : {std::vector<std::string>{"versions", destination, source + "/" + kOddName, "--json"},
-                      std::vector<std::string>{"search", destination, "ird", "--json"}}) {
-        r = ferrovane(args);
-        ASSERT_EQ(r.exitStatus, 0) << r.err;
-        writeFile(dir / "out.json", r.out);
-        auto decoded = runProcess({"/usr/bin/python3", "-c", readHex, dir / "out.json"});
-        EXPECT_TRUE(decoded.out.ends_with("docs/" + kOddName)) << r.out << decoded.err;
-    }
+    // Scripts get valid JSON, and the exact bytes of a name that is not UTF-8; search finds every
+    // version the runs archived.
+    auto hex = [](const std::string& bytes) {
+        std::string out;
+        for (unsigned char c : bytes) out += "0123456789abcdef"[c >> 4], out += "0123456789abcdef"[c & 15];
+        return out;
+    };
+    r = ferrovane({"versions", destination, source + "/" + kOddName, "--json"});
+    EXPECT_EQ(jsonQuery(r.out, "d['pathHex']"), hex(source + "/" + kOddName)) << r.err;
+    r = ferrovane({"search", destination, "ird", "--json"});
+    EXPECT_EQ(jsonQuery(r.out, "d[0]['pathHex']"), hex(destination + "/docs/" + kOddName)) << r.err;
+    r = ferrovane({"search", destination, "a.txt", "--json"});
+    EXPECT_EQ(jsonQuery(r.out, "[len(f['versions']) for f in d]"), "[3]") << r.out;
 
     EXPECT_EQ(ferrovane({"versions", destination, source + "/never.txt"}).exitStatus, 1);
     EXPECT_EQ(ferrovane({"versions", destination, "/elsewhere/x"}).exitStatus, 2);
@@ -166,9 +142,7 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
 }
 
 TEST_F(RestoreCommand, ConflictsStopEverythingUnlessReplacedIntoTheTrash) {
-    writeFile(source + "/a.txt", "backed up");
-    makeDirs(source + "/keep");
-    writeFile(source + "/keep/b.txt", "b");
+    buildTree(source, {{"a.txt", "backed up"}, {"keep/b.txt", "b"}});
     backup();
     writeFile(source + "/a.txt", "edited since, and longer");
     fs::remove(source + "/keep/b.txt");

@@ -62,7 +62,7 @@ class Case:
         r = self.ferrovane.run(self.destination)
         with open(self.ferrovane.env["FERROVANE_LOG_FILE"], "rb") as f:
             log = f.read()
-        expect(r.returncode == 255 and message in r.stdout + log, f"expected exit 255 with {message!r}: {tail(r)}")
+        expect(r.returncode == 255 and message in r.stdout + r.stderr + log, f"expected exit 255 with {message!r}: {tail(r)}")
 
     def finish(self, before):
         expect_no_temporaries(self.destination)

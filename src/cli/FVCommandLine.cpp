@@ -1,0 +1,242 @@
+#include "cli/FVCommandLine.h"
+
+#include "FVVersion.h"
+#include "cli/FVCommanlineMode.h"
+#include "cli/FVConfigCommand.h"
+#include "cli/FVRestoreCommand.h"
+#include "cli/FVRunsCommand.h"
+#include "cli/FVSearchCommand.h"
+#include "search/FVSearchText.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <map>
+
+namespace ferrovane::FVCommandLine {
+
+namespace {
+
+constexpr int kExitUsage = 2;
+
+// The historic single-dash spelling; CLI11 takes single-dash names as one letter each.
+constexpr const char* kHistoricNoNotifications = "-noUserNotifications";
+
+const char* const kCommands =
+    "Commands (each with its own --help):\n"
+    "  ferrovane                            open the window\n"
+    "  ferrovane --add PATH...              add paths as sources in the open window\n"
+    "  ferrovane DESTINATION [--no-notifications | -noUserNotifications]\n"
+    "                                       back up every source configured in the destination\n"
+    "  ferrovane runs DESTINATION [--json]  list the runs' archives and the last results\n"
+    "  ferrovane search DESTINATION WORD... [--json]\n"
+    "                                       find files by name, with their archived versions\n"
+    "  ferrovane versions DESTINATION PATH [--json]\n"
+    "                                       list every version of a backed-up path\n"
+    "  ferrovane restore DESTINATION (PATH | --all) [OPTIONS]\n"
+    "                                       copy versions, folders or every source back\n"
+    "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty) ...\n"
+    "                                       edit the destination's sources, options and schedule\n"
+    "\n"
+    "The destination keeps its sources and options in .ferrovane.conf in its root. One run at a\n"
+    "time per destination. Exit status of a backup: 0 without errors, 2 bad usage (nothing is\n"
+    "done), 75 another run is using the destination, 255 errors or an unusable configuration.\n"
+    "See ferrovane(1).";
+
+const char* const kRootDescription =
+    "Ferrovane mirrors folders to a backup destination and keeps every replaced version.";
+
+// Help in this program's words: no value types, lower-case descriptions, a blank line after the
+// description.
+void style(CLI::App& app) {
+    app.description(app.get_description() + "\n");
+    app.set_help_flag("-h,--help", "print this help and exit");
+    auto formatter = std::make_shared<CLI::Formatter>();
+    formatter->label("TEXT", "");
+    formatter->label("REQUIRED", "(required)");
+    app.formatter(formatter);
+}
+
+// The program's own options: a backup run, the window's --add, --help and --version.
+struct RootCommand {
+    CLI::App app{kRootDescription, "ferrovane"};
+    std::string destination;
+    bool noNotifications = false;
+    std::vector<std::string> add;
+
+    RootCommand() {
+        style(app);
+        app.footer(kCommands);
+        app.set_version_flag("--version", fmt::format("Ferrovane {} ({})", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER),
+                             "print the version and the build number");
+        app.add_option("DESTINATION", destination, "absolute path of the destination to back up");
+        app.add_flag("--no-notifications", noNotifications, "no desktop notification (also -noUserNotifications)");
+        app.add_option("--add", add, "paths to add as sources in the window")
+            ->type_name("PATH")
+            ->expected(0, CLI::detail::expected_max_vector_size);
+    }
+};
+
+// Parses; prints the help on standard output (status 0) or the reason and the usage on
+// standard error (status 2), and then returns that status.
+std::optional<int> parse(CLI::App& app, std::vector<std::string> arguments) {
+    std::reverse(arguments.begin(), arguments.end());
+    try {
+        app.parse(arguments);
+        return std::nullopt;
+    } catch (const CLI::CallForHelp&) {
+        fmt::print("{}", app.help());
+        return 0;
+    } catch (const CLI::CallForVersion& version) {
+        fmt::print("{}\n", version.what());
+        return 0;
+    } catch (const CLI::ParseError& error) {
+        fmt::print(stderr, "{}: {}\n\n{}", app.get_name(), FVSearchText::printable(error.what()), app.help());
+        return kExitUsage;
+    }
+}
+
+int refuse(const CLI::App& app, const std::string& why) {
+    fmt::print(stderr, "{}: {}\n\n{}", app.get_name(), why, app.help());
+    return kExitUsage;
+}
+
+CLI::Option* destinationOption(CLI::App& app, std::string& destination) {
+    style(app);
+    return app.add_option("DESTINATION", destination, "the backup destination (its root folder)")->required();
+}
+
+int search(std::vector<std::string> arguments) {
+    CLI::App app("Lists the files in the destination whose names contain every word (any case), each\n"
+                 "with its current copy and archived versions, newest first. Exit status 0 with\n"
+                 "matches, 1 without, 2 for bad usage or an unreadable destination.",
+                 "ferrovane search");
+    std::string destination;
+    std::vector<std::string> words;
+    bool json = false;
+    destinationOption(app, destination);
+    app.add_option("WORD", words, "words of the name, several at once")->required();
+    app.add_flag("--json", json, "print JSON for scripts");
+    if (auto status = parse(app, std::move(arguments))) return *status;
+    std::string text;
+    for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+    return FVSearchCommand::main(destination, text, json);
+}
+
+int versions(std::vector<std::string> arguments) {
+    CLI::App app("Lists every version of the path held in the destination, newest first. The path is\n"
+                 "the original path of a backed-up item or a path inside the destination. Exit status\n"
+                 "0, 1 when there is no version, 2 for bad usage.",
+                 "ferrovane versions");
+    std::string destination, path;
+    bool json = false;
+    destinationOption(app, destination);
+    app.add_option("PATH", path, "the original path, or a path inside the destination")->required();
+    app.add_flag("--json", json, "print JSON for scripts");
+    if (auto status = parse(app, std::move(arguments))) return *status;
+    return FVRestoreCommand::versionsMain(destination, path, json);
+}
+
+int restore(std::vector<std::string> arguments) {
+    CLI::App app("Copies a version (the newest by default) back to its original place, or into the\n"
+                 "folder given with --to; --all restores every source, below the --to root at its full\n"
+                 "original path. Existing different items stop the restore before anything is written,\n"
+                 "unless --replace moves them to the trash first. Exit status 0 done, 1 no such\n"
+                 "version, conflicts or errors, 2 bad usage.",
+                 "ferrovane restore");
+    FVRestoreCommand::RestoreArguments a;
+    auto notEmpty = [](const std::string& value) { return value.empty() ? std::string("must not be empty") : ""; };
+    destinationOption(app, a.destination);
+    app.add_option("PATH", a.what, "what to restore: its original path or its path inside the destination");
+    app.add_flag("--all", a.all, "restore every source");
+    app.add_option("--version", a.version, "the version's stamp, or current (default: the newest)")
+                        ->type_name("STAMP")
+                        ->check(notEmpty);
+    app.add_option("--to", a.to, "the folder to restore into")->type_name("FOLDER")->check(notEmpty);
+    app.add_flag("--replace", a.replace, "move existing different items to the trash first");
+    app.add_flag("--dry-run", a.dryRun, "list what would be restored and the conflicts; write nothing");
+    if (auto status = parse(app, std::move(arguments))) return *status;
+    if (a.all == !a.what.empty()) return refuse(app, a.all ? "--all takes no PATH" : "PATH or --all is required");
+    if (a.all && !a.version.empty()) return refuse(app, "--all restores the newest versions: it takes no --version");
+    return FVRestoreCommand::restoreMain(a);
+}
+
+int runs(std::vector<std::string> arguments) {
+    CLI::App app("Lists the runs the destination remembers, newest first: each archive stamp with the\n"
+                 "items and bytes its __changed and __removed folders hold, then the last results of\n"
+                 "each source. Reads only. Exit status 0, 1 when the destination cannot be read.",
+                 "ferrovane runs");
+    std::string destination;
+    bool json = false;
+    destinationOption(app, destination);
+    app.add_flag("--json", json, "print JSON for scripts");
+    if (auto status = parse(app, std::move(arguments))) return *status;
+    return FVRunsCommand::main(destination, json);
+}
+
+int config(std::vector<std::string> arguments) {
+    CLI::App app("Edits the destination's sources, options and schedule as the window would; a\n"
+                 "destination without a configuration gets the defaults on its first change. Exit\n"
+                 "status 0, 1 when the change could not be made or saved, 2 for bad usage or input\n"
+                 "(nothing is written), 75 when a run held the destination for 10 seconds.",
+                 "ferrovane config");
+    FVConfigCommand::Arguments a;
+    destinationOption(app, a.destination);
+    app.require_subcommand(1, 1);
+    app.add_subcommand("show", "print the sources with their last results, the options and the schedule")
+        ->add_flag("--json", a.json, "print JSON for scripts");
+    auto* add = app.add_subcommand("add", "add an absolute path to the sources");
+    add->add_option("PATH", a.path, "the source, an absolute path")->required();
+    add->add_option("--mode", a.mode, "backup (default), disabled, exclude or exclude-name")->type_name("MODE");
+    app.add_subcommand("remove", "remove a source (its mirror and archives stay)")
+        ->add_option("PATH", a.path, "the source as listed")->required();
+    auto* set = app.add_subcommand("set", "set a run option; yes/no options take yes or no");
+    set->add_option("OPTION", a.option, "the option's name, as config show lists it")->required();
+    set->add_option("VALUE", a.value, "its new value")->required();
+    app.add_subcommand("schedule", "back up daily HH:MM, weekly WEEKDAY HH:MM, or off")
+        ->add_option("WHEN", a.schedule, "daily HH:MM | weekly WEEKDAY HH:MM | off")
+        ->required()
+        ->expected(1, 3);
+    app.add_subcommand("confirm-empty", "confirm that a source was emptied on purpose")
+        ->add_option("PATH", a.path, "the source as listed")->required();
+    if (auto status = parse(app, std::move(arguments))) return *status;
+    a.action = app.get_subcommands().front()->get_name();
+    return FVConfigCommand::main(a);
+}
+
+}  // namespace
+
+std::optional<int> run(int argc, char** argv) {
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    static const std::map<std::string, std::function<int(std::vector<std::string>)>> commands = {
+        {"search", search}, {"versions", versions}, {"restore", restore}, {"runs", runs}, {"config", config}};
+    if (!arguments.empty())
+        if (auto command = commands.find(arguments.front()); command != commands.end())
+            return command->second({arguments.begin() + 1, arguments.end()});
+
+    for (std::string& argument : arguments) {
+        if (argument == "--") break;
+        if (argument == kHistoricNoNotifications) argument = "--no-notifications";
+    }
+    RootCommand root;
+    if (auto status = parse(root.app, arguments)) return *status;
+    bool window = root.app.count("--add") > 0;
+    if (window && (!root.destination.empty() || root.noNotifications))
+        return refuse(root.app, "--add opens the window: it takes no destination");
+    if (window || arguments.empty()) return std::nullopt;
+    if (root.destination.empty()) return refuse(root.app, "a destination is required");
+    if (root.destination.front() != '/')
+        return refuse(root.app,
+                      "the destination must be an absolute path: " + FVSearchText::printable(root.destination));
+    return FVCommanlineMode::main(root.destination, root.noNotifications);
+}
+
+int usageError(const std::string& why) {
+    RootCommand root;
+    return refuse(root.app, why);
+}
+
+}  // namespace ferrovane::FVCommandLine

@@ -1,0 +1,111 @@
+#include "cli/FVRunsCommand.h"
+
+#include "cli/FVArchiveRuns.h"
+#include "cli/FVJsonText.h"
+#include "cli/FVSourceResults.h"
+#include "engine/FVAdditions.h"
+#include "engine/FVConfigurationFile.h"
+#include "fs/FVText.h"
+#include "search/FVSearchText.h"
+
+#include <fmt/format.h>
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+namespace ferrovane::FVRunsCommand {
+
+namespace {
+
+constexpr int kExitDone = 0;
+constexpr int kExitFailed = 1;
+
+std::string shown(std::string_view text) { return FVSearchText::printable(text); }
+
+std::string utcTime(std::time_t at) {
+    struct tm parts {};
+    gmtime_r(&at, &parts);
+    char buffer[32];
+    return std::string(buffer, std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &parts));
+}
+
+std::string size(uint64_t bytes) { return FVNumber::formattedDiskSizeString(static_cast<double>(bytes)); }
+
+// The items whose results a run writes back: those it backs up, and any it once did.
+std::vector<FVSourceItemPtr> resultItems(const FVConfiguration& configuration) {
+    std::vector<FVSourceItemPtr> items;
+    for (const FVSourceItemPtr& item : configuration.sources)
+        if (item->enabled() == static_cast<int64_t>(FVSourceMode::Backup) || item->value(FVSourceKey::lastBackupDate))
+            items.push_back(item);
+    return items;
+}
+
+void printText(const std::string& destination, const FVArchiveRuns& archives,
+               const std::vector<FVSourceItemPtr>& items) {
+    fmt::print("Archived runs in {}, newest first:\n", shown(destination));
+    if (archives.runs().empty()) fmt::print("  (none)\n");
+    else fmt::print("  {:<26}  {:>8}  {:>10}  {:>8}  {:>10}\n", "stamp", "changed", "bytes", "removed", "bytes");
+    for (const FVArchiveRun& run : archives.runs())
+        fmt::print("  {:<26}  {:>8}  {:>10}  {:>8}  {:>10}\n", shown(run.stamp), run.changed.items,
+                   size(run.changed.bytes), run.removed.items, size(run.removed.bytes));
+    fmt::print("\nLast results:\n");
+    if (items.empty()) fmt::print("  (no source backed up)\n");
+    for (const FVSourceItemPtr& item : items)
+        fmt::print("  {}\n      {}\n", shown(item->sourcePath()), FVSourceResults::line(*item));
+}
+
+void printJson(const std::string& destination, const FVArchiveRuns& archives,
+               const std::vector<FVSourceItemPtr>& items) {
+    fmt::print("{{{},\n \"runs\": [", FVJsonText::pathFields("destination", destination));
+    const char* separator = "";
+    for (const FVArchiveRun& run : archives.runs()) {
+        fmt::print("{}\n  {{\"stamp\": {}, \"time\": \"{}\", \"changed\": {{\"items\": {}, \"bytes\": {}}}, "
+                   "\"removed\": {{\"items\": {}, \"bytes\": {}}}}}",
+                   separator, FVJsonText::quoted(run.stamp), utcTime(run.time), run.changed.items, run.changed.bytes,
+                   run.removed.items, run.removed.bytes);
+        separator = ",";
+    }
+    fmt::print("],\n \"sources\": [");
+    separator = "";
+    for (const FVSourceItemPtr& item : items) {
+        fmt::print("{}\n  {{{}, {}}}", separator, FVJsonText::pathFields("path", item->sourcePath()),
+                   FVSourceResults::jsonFields(*item));
+        separator = ",";
+    }
+    fmt::print("],\n \"complete\": {}}}\n", archives.problems().empty() ? "true" : "false");
+}
+
+int cannotRead(const std::string& what, const std::string& why) {
+    fmt::print(stderr, "ferrovane runs: cannot read {}: {}\n", shown(what), shown(why));
+    return kExitFailed;
+}
+
+}  // namespace
+
+int main(const std::string& destinationArgument, bool json) {
+    std::string destination = FVText::standardizedPath(destinationArgument);
+    DIR* folder = opendir(destination.c_str());
+    if (!folder) return cannotRead("the destination " + destination, std::strerror(errno));
+    closedir(folder);
+    std::string settingsPath = FVConfigurationFile::formattedPath(destination);
+    if (access(settingsPath.c_str(), R_OK) != 0)
+        return cannotRead("the configuration " + settingsPath,
+                          errno == ENOENT ? "there is none: this is not a backup destination" : std::strerror(errno));
+    FVConfigurationReadResult loaded = FVConfigurationFile::read(settingsPath);
+    if (loaded.status != FVConfigurationReadStatus::Ok)
+        return cannotRead("the configuration " + settingsPath, loaded.problem);
+
+    FVArchiveRuns archives = FVArchiveRuns::read(destination);
+    std::vector<FVSourceItemPtr> items = resultItems(loaded.configuration);
+    if (json) printJson(destination, archives, items);
+    else printText(destination, archives, items);
+    for (const std::string& problem : archives.problems())
+        fmt::print(stderr, "ferrovane runs: cannot read {}; the runs hold more than is listed.\n", shown(problem));
+    return archives.problems().empty() ? kExitDone : kExitFailed;
+}
+
+}  // namespace ferrovane::FVRunsCommand

@@ -1,0 +1,82 @@
+#pragma once
+// A source folder and a destination in a temporary folder, configured with the shared writer,
+// and the built executable run on them without a display.
+
+#include "engine/FVConfigurationFile.h"
+#include "support/ProcessRunner.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+
+namespace ferrovane::test {
+
+class DestinationFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        makeDirs(source);
+        makeDirs(destination);
+    }
+
+    void configure(const std::vector<std::pair<std::string, FVSourceMode>>& sources, PlistDict options) {
+        std::vector<FVSourceItemPtr> items;
+        for (const auto& [path, mode] : sources) items.push_back(FVSourceItem::make(path, mode));
+        ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(
+            items, options, FVConfigurationFile::formattedPath(destination)));
+    }
+
+    static PlistDict defaults() {
+        PlistDict options;
+        FVConfigurationFile::applyDefaultOptions(options);
+        return options;
+    }
+
+    ProcessResult ferrovane(std::vector<std::string> args) {
+        args.insert(args.begin(), FERROVANE_EXECUTABLE);
+        return runProcess(args, {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()},
+                                 {"XDG_DATA_HOME", dir / "data"}});
+    }
+
+    // A backup run, notifications off, with more arguments after the destination.
+    ProcessResult run(std::vector<std::string> extra = {}) {
+        extra.insert(extra.begin(), {destination, "-noUserNotifications"});
+        return ferrovane(extra);
+    }
+
+    std::string logPath() const { return dir / "Ferrovane.log"; }
+
+    FVConfiguration readBack() {
+        auto r = FVConfigurationFile::read(FVConfigurationFile::formattedPath(destination));
+        EXPECT_EQ(r.status, FVConfigurationReadStatus::Ok) << r.problem;
+        return r.configuration;
+    }
+
+    // What rsync would still carry over; empty when the copy is exact.
+    static std::string differences(const std::string& from, const std::string& to) {
+        auto r = runProcess({"/usr/bin/rsync", "-aAXn", "--itemize-changes", from, to});
+        return r.out + r.err;
+    }
+
+    // Every entry below root with its bytes (or its link target), for a before/after comparison.
+    static std::string treeSnapshot(const std::string& root) {
+        namespace fs = std::filesystem;
+        std::vector<std::string> lines;
+        for (const auto& e : fs::recursive_directory_iterator(root)) {
+            std::string line = e.path().string().substr(root.size());
+            if (e.is_symlink()) line += " -> " + fs::read_symlink(e.path()).string();
+            else if (e.is_regular_file()) line += " = " + readFile(e.path());
+            lines.push_back(line);
+        }
+        std::sort(lines.begin(), lines.end());
+        std::string out;
+        for (const auto& line : lines) out += line + "\n";
+        return out;
+    }
+
+    TempDir dir;
+    std::string source = dir / "src", destination = dir / "dest";
+};
+
+}  // namespace ferrovane::test
