@@ -14,8 +14,6 @@ namespace ferrovane {
 namespace FVDate {
 // The short local date and time that starts every log line, e.g. "2026-11-21 14:05:09".
 std::string logTimeStamp();
-// The long local date and time, e.g. "November 21, 2026 at 14:05:09 CET".
-std::string formattedTimeStamp();
 // The local date and time formatted "%Y-%m-%d %H.%M.%S %z": the name of a run's archive folders.
 std::string archiveStamp(std::time_t at);
 double now();  // seconds since 1970, with fractions
@@ -62,6 +60,8 @@ bool xattrNameIsSkipped(std::string_view name);
 // lists only when they are cloned.
 bool xattrIsCarried(std::string_view name, bool includeACL);
 FVExistence existenceAtPath(const std::string& path, int* error = nullptr);
+// Whether anything (a dangling link too) is at the path.
+bool pathExists(const std::string& path);
 }  // namespace FVFileManager
 
 }  // namespace ferrovane
