@@ -268,14 +268,6 @@ std::string BackupSetController::totalSizeString() const {
     return totalSizeString_;
 }
 
-uint32_t BackupSetController::fileCountOfEnabledItems() const {
-    std::lock_guard lock(mutex_);
-    uint32_t count = 0;
-    for (const FVSourceItemPtr& item : items_)
-        if (item->enabled() == 1) count += static_cast<uint32_t>(item->integerValue(FVSourceKey::totalFilesCount));
-    return count;
-}
-
 void BackupSetController::startWorkerIfNeeded() {
     std::lock_guard lock(workerMutex_);
     if (!worker_.joinable()) worker_ = std::thread([this] { workerLoop(); });

@@ -2,6 +2,7 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
+#include "engine/FVExclusionRules.h"
 #include "engine/FVLog.h"
 #include "engine/FVStrings.h"
 #include "engine/FVText.h"
@@ -65,7 +66,10 @@ void FVBackupSession::start() {
     settings.targetPath = destinationPath_;
     settings.options = backupOptions_;
     settings.archiveFolderName = unusedArchiveStamp(destinationPath_);
-    settings.protectedPaths = protectedPaths_;
+    // A clone of "/" (also a disabled one, which may be enabled again) keeps the destination's own files.
+    for (const FVSourceItemPtr& item : backupSet_)
+        if (item->mode() <= FVSourceMode::Backup && item->sourcePath() == "/")
+            settings.protectedPaths = FVExclusionRules::rootCloneProtectedPaths();
     settings.willPerformCleanup = shouldPerformCleanup_;
     settings.dryRun = dryRun_;
     syncingBackup_ = std::make_unique<FVSyncingBackup>(std::move(settings), excludePaths_, [this] { progressStep(); });
@@ -154,6 +158,25 @@ std::vector<std::string> FVBackupSession::errorMessages() const {
 uint64_t FVBackupSession::sessionTotalBytesCopied() const {
     auto worker = syncingBackup_ ? syncingBackup_->backupCopyWorker() : nullptr;
     return worker ? worker->totalBytesCopied() : 0;
+}
+
+int32_t FVBackupSession::updatedFileCount() const {
+    int32_t updated = 0;
+    for (const FVSourceItemPtr& item : backupSet_)
+        updated += static_cast<int32_t>(item->integerValue(FVSourceKey::updatedFilesCount));
+    return updated;
+}
+
+double FVBackupSession::changedPercent() const {
+    uint32_t total = 0;
+    for (const FVSourceItemPtr& item : backupSet_)
+        if (item->mode() == FVSourceMode::Backup) total += static_cast<uint32_t>(item->integerValue(FVSourceKey::totalFilesCount));
+    return total == 0 ? 0.0 : updatedFileCount() / (total * 0.01);
+}
+
+std::string FVBackupSession::finishedSummary() const {
+    return fmt::format("Changed: {:.1f}% Duration: {}", changedPercent(),
+                       syncingBackup_ ? syncingBackup_->currentDurationString() : "");
 }
 
 }  // namespace ferrovane

@@ -12,11 +12,14 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstring>
 #include <filesystem>
 #include <mutex>
+#include <sstream>
 #include <thread>
 
 #include <sys/mount.h>
+#include <sys/xattr.h>
 
 using namespace ferrovane;
 using namespace ferrovane::test;
@@ -106,6 +109,30 @@ void expectWithinSteps(const std::vector<float>& progress, size_t steps) {
         highest = std::max(highest, p);
     }
     EXPECT_GT(highest, 100.0f * (steps - 1) / steps) << "the last step was reported";
+}
+
+// Everything of a tree a run could change: names, types, modes, owners, times, contents,
+// link targets and extended attributes, the root folder included.
+std::string treeDigest(const std::string& root) {
+    std::ostringstream out;
+    auto describe = [&](const std::string& path) {
+        struct stat st {};
+        lstat(path.c_str(), &st);
+        out << path.substr(root.size()) << ' ' << st.st_mode << ' ' << st.st_uid << ' ' << st.st_mtim.tv_sec << '.'
+            << st.st_mtim.tv_nsec << ' ' << (S_ISREG(st.st_mode) ? readFile(path) : "");
+        if (S_ISLNK(st.st_mode)) out << std::filesystem::read_symlink(path).string();
+        char names[4096];
+        ssize_t size = llistxattr(path.c_str(), names, sizeof names);
+        for (ssize_t i = 0; i < size; i += static_cast<ssize_t>(strlen(names + i)) + 1) {
+            char value[4096];
+            ssize_t length = lgetxattr(path.c_str(), names + i, value, sizeof value);
+            out << ' ' << names + i << '=' << std::string(value, length > 0 ? length : 0);
+        }
+        out << '\n';
+    };
+    describe(root);
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) describe(entry.path().string());
+    return out.str();
 }
 
 }  // namespace
@@ -212,4 +239,46 @@ TEST_F(BackupSessionTest, AnUnmountedDestinationCancelsTheRunWithOneError) {
     EXPECT_EQ(session.errorMessages(),
               std::vector<std::string>{"Aborting: Destination unmounted unexpectedly (" + mountPoint + ")."});
     EXPECT_NE(readFile(dir / "Ferrovane.log").find("Destination volume unmounted unexpectedly!"), std::string::npos);
+}
+
+TEST_F(BackupSessionTest, ADryRunReportsEachDecisionAndChangesNothing) {
+    options.moveChangedFiles = true;
+    options.purgeRemovedArchive = true;
+    auto set = items({{"one", FVSourceMode::Backup}});
+    for (int i = 0; i < 2; ++i) {
+        FVBackupSession session;
+        Recorder recorder;
+        ASSERT_EQ(run(session, recorder, set), "finished");
+    }
+    const std::string source = dir / "src/one/sub", mirror = dir / "dest/one/sub";
+    const std::string oldArchive = dir / "dest/__removed/2000-01-01 00.00.00 +0000";
+    makeDirs(oldArchive);
+    timespec old[2] = {{946684800, 0}, {946684800, 0}};
+    utimensat(AT_FDCWD, oldArchive.c_str(), old, 0);
+    struct stat folder {};
+    stat(source.c_str(), &folder);
+    writeFile(source + "/f1", "changed");
+    std::filesystem::remove(source + "/f2");
+    writeFile(source + "/new", "new");
+    timespec folderTimes[2] = {folder.st_atim, folder.st_mtim};
+    utimensat(AT_FDCWD, source.c_str(), folderTimes, 0);
+    setxattr(mirror.c_str(), "user.kept", "1", 1, 0);
+    const std::string before = treeDigest(dir / "dest");
+    const PlistDict results = set[0]->snapshot();
+    const size_t logStart = readFile(dir / "Ferrovane.log").size();
+
+    FVBackupSession session;
+    session.setDryRun(true);
+    Recorder recorder;
+    ASSERT_EQ(run(session, recorder, set), "finished");
+    EXPECT_EQ(treeDigest(dir / "dest"), before);
+    EXPECT_EQ(set[0]->snapshot(), results) << "no run results";
+    std::vector<std::string> reported;
+    std::istringstream log(readFile(dir / "Ferrovane.log").substr(logStart));
+    for (std::string line; std::getline(log, line);)
+        if (size_t at = line.find(": Would "); at != std::string::npos) reported.push_back(line.substr(at + 2));
+    std::sort(reported.begin(), reported.end());
+    EXPECT_EQ(reported, (std::vector<std::string>{"Would archive: " + mirror + "/f1", "Would copy: " + source + "/f1",
+                                                  "Would copy: " + source + "/new", "Would purge: " + oldArchive,
+                                                  "Would remove: " + mirror + "/f2"}));
 }
