@@ -95,19 +95,6 @@ TEST(ConfigurationFile, ReadsBinaryPropertyLists) {
     EXPECT_EQ(result.configuration.settings->integerValue("maxThreads"), 5);
 }
 
-TEST(ConfigurationFile, SharedItemsAreChangedInPlaceAndWrittenAsTheyAreNow) {
-    TempDir dir;
-    auto item = FVSourceItem::make("/data", FVSourceMode::Backup);
-    std::vector<FVSourceItemPtr> items{item};
-    PlistDict options;
-    FVConfigurationFile::applyDefaultOptions(options);
-    item->setValue("totalFilesCount", int64_t{42});
-    std::string path = dir / ".ferrovane.conf";
-    ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(items, options, path));
-    auto result = FVConfigurationFile::read(path);
-    EXPECT_EQ(result.configuration.sources[0]->integerValue("totalFilesCount"), 42);
-}
-
 TEST(ConfigurationFile, DefaultsComeInOrderAndNeverOverrideStoredValues) {
     PlistDict options;
     options.set("maxThreads", int64_t{5});
