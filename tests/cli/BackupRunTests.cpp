@@ -11,7 +11,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -222,7 +221,7 @@ TEST_F(BackupRun, AFolderReplacedByALinkBecomesALinkAndTheFolderIsArchived) {
     EXPECT_EQ(readFile(destination + "/__changed/" + stamps[0] + "/Docs/sub/a.txt"), "a");
 }
 
-TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButNeverEmptiesAnUnmountedVolume) {
+TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButEmptiesAnEmptiedSourceOnlyWhenConfirmed) {
     buildTree(source, {{"Volume/precious.txt", "only copy"}, {"Docs/old.txt", "old"}});
     PlistDict options = defaults();
     options.set("moveDeletedFiles", int64_t{0});
@@ -240,6 +239,12 @@ TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButNeverEmptiesAnUnmounte
     EXPECT_EQ(readFile(destination + "/Volume/precious.txt"), "only copy");
     EXPECT_FALSE(exists(destination + "/Docs/old.txt"));
     EXPECT_FALSE(exists(destination + "/__removed"));
+
+    // Once the user confirms that the folder was emptied, the next run empties its mirror, once.
+    ASSERT_EQ(runProcess({FERROVANE_EXECUTABLE, "config", destination, "confirm-empty", source + "/Volume"}).exitStatus, 0);
+    ASSERT_EQ(run().exitStatus, 0);
+    EXPECT_FALSE(exists(destination + "/Volume/precious.txt"));
+    EXPECT_FALSE(readBack().sources[0]->value(FVSourceKey::emptySourceConfirmed)) << "the confirmation is used up";
 }
 
 TEST_F(BackupRun, RebuildsFullSourcePathsWithoutSyncModeAndCountsAMissingThreadOption) {
@@ -284,40 +289,4 @@ TEST_F(BackupRun, TwoSourcesWithOneNameShareTheirMirrorWithoutHarm) {
     auto second = run();
     EXPECT_NE(second.signal, SIGSEGV);
     EXPECT_NE(second.signal, SIGABRT);
-}
-
-TEST_F(BackupRun, EditsMadeDuringARunAreKeptAndItsResultsWritten) {
-    makeManyFiles();
-    configure({{source + "/Many", FVSourceMode::Backup}}, defaults());
-    {
-        FVConfiguration c = readBack();
-        c.sources[0]->setValue(FVSourceKey::emptySourceConfirmed, true);
-        ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(
-            c.sources, *c.settings, FVConfigurationFile::formattedPath(destination)));
-    }
-
-    pid_t pid = startRunInBackground();
-    // Held still in the middle of its run, so that what follows happens during it.
-    kill(pid, SIGSTOP);
-    ASSERT_EQ(waitpid(pid, nullptr, WNOHANG), 0) << "the run ended before it could be held";
-
-    // A hand edit during the run: an item added, an option changed.
-    FVConfiguration edited = readBack();
-    edited.sources.push_back(FVSourceItem::make(source + "/Added", FVSourceMode::Backup));
-    edited.settings->set("maxThreads", int64_t{7});
-    ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(
-        edited.sources, *edited.settings, FVConfigurationFile::formattedPath(destination)));
-
-    kill(pid, SIGCONT);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << readFile(dir / "out.txt");
-
-    FVConfiguration saved = readBack();
-    ASSERT_EQ(saved.sources.size(), 2u) << "the item added during the run is kept";
-    EXPECT_EQ(saved.sources[1]->sourcePath(), source + "/Added");
-    EXPECT_EQ(saved.settings->integerValue("maxThreads"), 7);
-    EXPECT_GT(saved.sources[0]->integerValue("totalFilesCount"), 10000) << "the run's results are written";
-    EXPECT_FALSE(saved.sources[0]->value(FVSourceKey::emptySourceConfirmed)) << "the confirmation is used up";
 }

@@ -14,7 +14,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <sstream>
 #include <thread>
 
 using namespace ferrovane;

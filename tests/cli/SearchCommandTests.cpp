@@ -9,8 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <regex>
-#include <sstream>
 
 using namespace ferrovane::test;
 
@@ -93,50 +91,4 @@ TEST_F(SearchCommand, UnreadableFoldersArePassedOver) {
     EXPECT_EQ(result.exitStatus, 0) << result.err;
     EXPECT_EQ(result.out, dest + "/open/report.txt\n  2021-07-05 10:00  " + dest + "/open/report.txt\n");
     chmod((dest + "/closed").c_str(), 0755);
-}
-
-TEST_F(SearchCommand, FindsEveryVersionThatRealBackupRunsArchived) {
-    std::string source = dir / "Documents";
-    makeDirs(source);
-    makeDirs(dest);
-    writeFile(dest + "/.ferrovane.conf",
-              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-              "<key>settings</key><dict><key>moveChangedFiles</key><integer>1</integer>"
-              "<key>moveDeletedFiles</key><integer>1</integer><key>syncMode</key><integer>1</integer>"
-              "<key>maxThreads</key><integer>2</integer></dict>"
-              "<key>sources</key><array><dict><key>sourcePath</key><string>" + source +
-              "</string><key>enabled</key><integer>1</integer></dict></array></dict></plist>\n");
-    auto backUp = [&] {
-        auto run = runProcess({FERROVANE_EXECUTABLE, dest, "-noUserNotifications"},
-                              {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", dir / "Ferrovane.log"}});
-        ASSERT_EQ(run.exitStatus, 0) << run.out << run.err;
-        sleep(1);  // archive folders are named to the second
-    };
-    writeDatedFile(source + "/Letter.txt", "first", "2021-01-01 10:00");
-    writeDatedFile(source + "/draft.txt", "draft", "2021-01-02 10:00");
-    backUp();
-    writeDatedFile(source + "/Letter.txt", "second version", "2021-02-01 10:00");
-    ASSERT_EQ(unlink((source + "/draft.txt").c_str()), 0);
-    backUp();
-    writeDatedFile(source + "/Letter.txt", "third and last version", "2021-03-01 10:00");
-    backUp();
-
-    auto letter = search({dest, "letter"});
-    EXPECT_EQ(letter.exitStatus, 0) << letter.err;
-    std::regex archived("/[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}\\.[0-9]{2}\\.[0-9]{2} [+-][0-9]{4}/Documents/");
-    std::istringstream lines(letter.out);
-    std::vector<std::string> l;
-    for (std::string line; std::getline(lines, line);) l.push_back(line);
-    ASSERT_EQ(l.size(), 4u) << letter.out;
-    EXPECT_EQ(l[0], dest + "/Documents/Letter.txt");
-    EXPECT_EQ(l[1], "  2021-03-01 10:00  " + dest + "/Documents/Letter.txt");
-    EXPECT_EQ(l[2].rfind("  2021-02-01 10:00  " + dest + "/__changed/", 0), 0u) << l[2];
-    EXPECT_EQ(l[3].rfind("  2021-01-01 10:00  " + dest + "/__changed/", 0), 0u) << l[3];
-    EXPECT_TRUE(std::regex_search(l[2], archived) && std::regex_search(l[3], archived)) << letter.out;
-
-    auto draft = search({dest, "DRAFT"});
-    EXPECT_EQ(draft.exitStatus, 0) << draft.err;
-    EXPECT_TRUE(std::regex_match(draft.out, std::regex(dest + "/Documents/draft.txt\n  2021-01-02 10:00  " + dest +
-                                                       "/__removed/[^/]+/Documents/draft.txt\n")))
-        << draft.out;
 }

@@ -1,6 +1,7 @@
 // The session over several items: progress across steps, the cleanup decision, results written
 // into the items, cancellation in the middle, and the copy-worker callbacks of the job.
 
+#include "engine/FVAdditions.h"
 #include "engine/FVBackupSession.h"
 #include "engine/FVConfigurationFile.h"
 #include "support/TempDir.h"
@@ -12,7 +13,6 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <sstream>
@@ -119,14 +119,7 @@ std::string treeDigest(const std::string& root) {
         out << path.substr(root.size()) << ' ' << st.st_mode << ' ' << st.st_uid << ' ' << st.st_mtim.tv_sec << '.'
             << st.st_mtim.tv_nsec << ' ' << (S_ISREG(st.st_mode) ? readFile(path) : "");
         if (S_ISLNK(st.st_mode)) out << std::filesystem::read_symlink(path).string();
-        char names[4096];
-        ssize_t size = llistxattr(path.c_str(), names, sizeof names);
-        for (ssize_t i = 0; i < size; i += static_cast<ssize_t>(strlen(names + i)) + 1) {
-            char value[4096];
-            ssize_t length = lgetxattr(path.c_str(), names + i, value, sizeof value);
-            out << ' ' << names + i << '=' << std::string(value, length > 0 ? length : 0);
-        }
-        out << '\n';
+        out << ' ' << FVFileManager::xattrNameAndDataStringForFileAtPath(path) << '\n';
     };
     describe(root);
     for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) describe(entry.path().string());
@@ -156,8 +149,14 @@ TEST_F(BackupSessionTest, ThreeItemsWithoutCleanupFillTheWholeRangeAndNoneRunsTh
     EXPECT_EQ(nothing.sessionTaskCount(), 1u) << "only the cleanup of the now filled destination";
 }
 
-TEST_F(BackupSessionTest, AFilledDestinationAddsTheCleanupStepAndDisabledItemsCountTowardsIt) {
+TEST_F(BackupSessionTest, AFilledDestinationAddsTheCleanupStepAndPurgesOnlyArchivesOfTheKindStillWritten) {
     writeFile(dir / "dest/stray.txt", "a user file");
+    const std::string removed = dir / "dest/__removed/2000-01-01 00.00.00 +0000";
+    const std::string changed = dir / "dest/__changed/2000-01-01 00.00.00 +0000";
+    timespec old[2] = {{946684800, 0}, {946684800, 0}};
+    for (const std::string& archive : {removed, changed}) makeDirs(archive), utimensat(AT_FDCWD, archive.c_str(), old, 0);
+    options.purgeRemovedArchive = true;
+    options.purgeChangedArchive = true;  // without moveChangedFiles: no effect
     FVBackupSession session;
     Recorder recorder;
     auto set = items({{"one", FVSourceMode::Backup}, {"two", FVSourceMode::Disabled}});
@@ -168,6 +167,9 @@ TEST_F(BackupSessionTest, AFilledDestinationAddsTheCleanupStepAndDisabledItemsCo
     expectWithinSteps(recorder.progress, 2);
     EXPECT_TRUE(exists(dir / "dest/stray.txt")) << "only mirrors of sources are cleaned";
     EXPECT_FALSE(set[1]->value("lastBackupDate").has_value());
+    EXPECT_FALSE(exists(removed));
+    EXPECT_TRUE(exists(changed));
+    EXPECT_NE(readFile(dir / "Ferrovane.log").find("Removed archive " + removed), std::string::npos);
 }
 
 TEST_F(BackupSessionTest, CancelInTheSecondItemKeepsTheFirstItemsResultsOnly) {
@@ -183,31 +185,13 @@ TEST_F(BackupSessionTest, CancelInTheSecondItemKeepsTheFirstItemsResultsOnly) {
     EXPECT_FALSE(exists(dir / "dest/three"));
 }
 
-TEST_F(BackupSessionTest, PurgeRemovesOnlyArchivesOfTheKindStillWritten) {
-    makeDirs(dir / "dest/__removed/2000-01-01 00.00.00 +0000");
-    makeDirs(dir / "dest/__changed/2000-01-01 00.00.00 +0000");
-    timespec old[2] = {{946684800, 0}, {946684800, 0}};
-    for (const char* archive : {"dest/__removed/2000-01-01 00.00.00 +0000", "dest/__changed/2000-01-01 00.00.00 +0000"})
-        utimensat(AT_FDCWD, (dir / archive).c_str(), old, 0);
-    options.purgeRemovedArchive = true;
-    options.purgeChangedArchive = true;  // without moveChangedFiles: no effect
-    FVBackupSession session;
-    Recorder recorder;
-    ASSERT_EQ(run(session, recorder, items({{"one", FVSourceMode::Backup}})), "finished");
-    EXPECT_FALSE(exists(dir / "dest/__removed/2000-01-01 00.00.00 +0000"));
-    EXPECT_TRUE(exists(dir / "dest/__changed/2000-01-01 00.00.00 +0000"));
-    EXPECT_NE(readFile(dir / "Ferrovane.log").find("Removed archive " + dir / "dest/__removed/2000-01-01"),
-              std::string::npos);
-}
-
 TEST_F(BackupSessionTest, ADryRunReportsEachDecisionAndChangesNothing) {
     options.moveChangedFiles = true;
     options.purgeRemovedArchive = true;
     auto set = items({{"one", FVSourceMode::Backup}});
-    for (int i = 0; i < 2; ++i) {
-        FVBackupSession session;
+    for (FVBackupSession realRun, again; FVBackupSession* session : {&realRun, &again}) {
         Recorder recorder;
-        ASSERT_EQ(run(session, recorder, set), "finished");
+        ASSERT_EQ(run(*session, recorder, set), "finished");
     }
     const std::string source = dir / "src/one/sub", mirror = dir / "dest/one/sub";
     const std::string oldArchive = dir / "dest/__removed/2000-01-01 00.00.00 +0000";
@@ -221,7 +205,7 @@ TEST_F(BackupSessionTest, ADryRunReportsEachDecisionAndChangesNothing) {
     writeFile(source + "/new", "new");
     timespec folderTimes[2] = {folder.st_atim, folder.st_mtim};
     utimensat(AT_FDCWD, source.c_str(), folderTimes, 0);
-    setxattr(mirror.c_str(), "user.kept", "1", 1, 0);
+    setxattr(mirror.c_str(), "user.kept", "1", 1, 0);  // ignored by the decision, part of the digest
     const std::string before = treeDigest(dir / "dest");
     const PlistDict results = set[0]->snapshot();
     const size_t logStart = readFile(dir / "Ferrovane.log").size();
