@@ -31,11 +31,6 @@ namespace {
 // Set on a source whose folder was emptied on purpose: the next run may empty its mirror.
 constexpr const char* kEmptySourceConfirmedKey = "emptySourceConfirmed";
 
-// The destination's own volume files, archives and configuration, kept when "/" is mirrored.
-const std::vector<std::string> kRootCloneProtectedPaths = {
-    "/.com.apple.timemachine.supported", "/.VolumeIcon.icns", "/.hotfiles.btree", "/.fseventsd",
-    "/.Spotlight-V100", "/.Trashes", "/__removed", "/__changed", "/.ferrovane.conf", "/.DocumentRevisions-V100"};
-
 // A clone of "/" needs a file system that keeps Unix owners and modes.
 bool keepsOwnersAndModes(const std::string& type) {
     static const std::set<std::string> types = {"ext2", "ext3", "ext4", "xfs", "btrfs", "f2fs", "zfs"};
@@ -159,10 +154,6 @@ void AppController::startSync() {
         FVConfigurationFile::read(FVConfigurationFile::formattedPath(currentTargetPath_)).skippedItems);
     backupSession_->setBackupSet(backupSetController_.arrangedObjects());
     backupSession_->setExcludePaths(backupSetController_.excludePaths());
-    std::vector<std::string> setPaths = backupSetController_.backupSetPaths();
-    backupSession_->setDestinationPathsToExcludeFromCleanup(
-        std::find(setPaths.begin(), setPaths.end(), "/") != setPaths.end() ? kRootCloneProtectedPaths
-                                                                            : std::vector<std::string>{});
     backupSession_->start();
     emit runStarted();
 }
@@ -307,11 +298,8 @@ void AppController::handleFinish() {
     setDestinationControlsEnabled(true);
     setOptionWidgetsEnabled(true);
 
-    int32_t updated = 0;
-    for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
-        updated += static_cast<int32_t>(item->integerValue(FVSourceKey::updatedFilesCount));
-    uint32_t total = backupSetController_.fileCountOfEnabledItems();
-    double share = total == 0 ? 0.0 : updated / (total * 0.01);
+    const int32_t updated = backupSession_->updatedFileCount();
+    const double share = backupSession_->changedPercent();
     FVSyncingBackup* job = backupSession_->syncingBackup();
     std::string duration = job ? job->currentDurationString() : "";
 
@@ -333,7 +321,7 @@ void AppController::handleFinish() {
     updateSizeDisplay();
 
     FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(currentTargetPath_),
-                                    fmt::format("Changed: {:.1f}% Duration: {}", share, duration), ""};
+                                    backupSession_->finishedSummary(), ""};
     if (!errors.empty()) notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());
     notification.critical = !errors.empty();
     notifyUnlessActive(notification);

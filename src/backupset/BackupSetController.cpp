@@ -89,7 +89,7 @@ void BackupSetController::addBackupItems(const std::vector<FVSourceItemPtr>& ite
         bool exclusion = false;
         for (const FVSourceItemPtr& item : items) {
             setDisplayName(*item);
-            exclusion = exclusion || item->enabled() >= 2;
+            exclusion = exclusion || item->mode() >= FVSourceMode::ExcludePath;
         }
         items_.insert(items_.end(), items.begin(), items.end());
         if (exclusion) invalidateAllSizesLocked();
@@ -133,7 +133,7 @@ void BackupSetController::removeItems(const std::vector<FVSourceItemPtr>& items)
             items_.erase(found);
             item->setValue(FVSourceKey::sizeInMB, kStale);
             ++invalidations_;
-            exclusion = exclusion || item->enabled() >= 2;
+            exclusion = exclusion || item->mode() >= FVSourceMode::ExcludePath;
         }
         if (exclusion) invalidateAllSizesLocked();
         removals_.fetch_add(1);
@@ -207,10 +207,10 @@ void BackupSetController::updateDynamicData() {
         std::vector<std::string> backup;
         std::vector<std::string> exclude;
         for (const FVSourceItemPtr& item : items_) {
-            int64_t mode = item->enabled();
-            if (mode < 2) backup.push_back(item->sourcePath());
-            else if (mode == 2) exclude.push_back(item->sourcePath());
-            else if (mode == 3) exclude.push_back(FVText::lastPathComponent(item->sourcePath()));
+            const FVSourceMode mode = item->mode();
+            if (mode < FVSourceMode::ExcludePath) backup.push_back(item->sourcePath());
+            else if (mode == FVSourceMode::ExcludePath) exclude.push_back(item->sourcePath());
+            else if (mode == FVSourceMode::ExcludeName) exclude.push_back(FVText::lastPathComponent(item->sourcePath()));
         }
         backupSetPaths_ = std::move(backup);
         excludePaths_ = std::move(exclude);
@@ -268,14 +268,6 @@ std::string BackupSetController::totalSizeString() const {
     return totalSizeString_;
 }
 
-uint32_t BackupSetController::fileCountOfEnabledItems() const {
-    std::lock_guard lock(mutex_);
-    uint32_t count = 0;
-    for (const FVSourceItemPtr& item : items_)
-        if (item->enabled() == 1) count += static_cast<uint32_t>(item->integerValue(FVSourceKey::totalFilesCount));
-    return count;
-}
-
 void BackupSetController::startWorkerIfNeeded() {
     std::lock_guard lock(workerMutex_);
     if (!worker_.joinable()) worker_ = std::thread([this] { workerLoop(); });
@@ -315,7 +307,7 @@ void BackupSetController::measure(uint64_t generation) {
             std::lock_guard lock(mutex_);
             if (i >= items_.size() || isCancelled(generation)) return;
             item = items_[i];
-            if (hasKnownSize(*item) || item->enabled() != 1) continue;
+            if (hasKnownSize(*item) || item->mode() != FVSourceMode::Backup) continue;
             // "Being measured" is the absence of the key; a stale mark set after this point
             // is seen by the walk, and by the counter when the result is stored.
             item->removeValue(FVSourceKey::sizeInMB);
@@ -359,7 +351,7 @@ void BackupSetController::updateTotalSizeString() {
         double total = 0;
         bool calculating = false;
         for (const FVSourceItemPtr& item : items_) {
-            if (item->enabled() != 1) continue;
+            if (item->mode() != FVSourceMode::Backup) continue;
             auto size = item->value(FVSourceKey::sizeInMB);
             if (!size || size->doubleValue() == kStale) {
                 calculating = true;

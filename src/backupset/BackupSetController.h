@@ -74,8 +74,6 @@ public:
     std::vector<std::string> backupSetPaths() const;
     std::vector<std::string> excludePaths() const;
     std::string totalSizeString() const;
-    // Sum of "totalFilesCount" over items in mode Backup, in 32-bit arithmetic.
-    uint32_t fileCountOfEnabledItems() const;
 
     // The size of one path in MB (10^6 bytes): regular files only, symbolic links not followed,
     // never crossing into another mount. -1.0 when abandoned: isCancelled() turned true, item

@@ -12,15 +12,6 @@
 
 namespace ferrovane {
 
-namespace {
-
-// The destination's own volume files, archives and configuration, kept when "/" is mirrored.
-const std::vector<std::string> kRootCloneProtectedPaths = {
-    "/.com.apple.timemachine.supported", "/.VolumeIcon.icns", "/.hotfiles.btree", "/.fseventsd",
-    "/.Spotlight-V100", "/.Trashes", "/__removed", "/__changed", "/.ferrovane.conf", "/.DocumentRevisions-V100"};
-
-}  // namespace
-
 FVCommanlineMode::~FVCommanlineMode() = default;
 
 int FVCommanlineMode::runBackup() {
@@ -35,9 +26,6 @@ int FVCommanlineMode::runBackup() {
     backupSession_->setConfigurationProblems(skippedItems_);
     backupSession_->setBackupSet(backupSetController_->arrangedObjects());
     backupSession_->setExcludePaths(backupSetController_->excludePaths());
-    auto paths = backupSetController_->backupSetPaths();
-    if (std::find(paths.begin(), paths.end(), "/") != paths.end())
-        backupSession_->setDestinationPathsToExcludeFromCleanup(kRootCloneProtectedPaths);
 
     notify({"Starting sync to: " + FVText::lastPathComponent(destinationPath_), "", ""}, false);
     runLoop_.post([this] { backupSession_->start(); });
@@ -76,16 +64,8 @@ void FVCommanlineMode::finishOnMainThread() {
     if (!FVConfigurationFile::writeRunResults(backedUp, settingsPath_, &error))
         std::fprintf(stderr, "Warning: the results could not be saved in the configuration: %s\n", error.c_str());
 
-    int32_t updated = 0;
-    for (const FVSourceItemPtr& item : backupSetController_->arrangedObjects())
-        updated += static_cast<int32_t>(item->integerValue(FVSourceKey::updatedFilesCount));
-    uint32_t total = backupSetController_->fileCountOfEnabledItems();
-    double share = total == 0 ? 0.0 : updated / (total * 0.01);
-
-    FVSyncingBackup* job = backupSession_->syncingBackup();
-    std::string duration = job ? job->currentDurationString() : "";
     FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(destinationPath_),
-                                    fmt::format("Changed: {:.1f}% Duration: {}", share, duration), ""};
+                                    backupSession_->finishedSummary(), ""};
     std::vector<std::string> errors = backupSession_->errorMessages();
     notification.replacesPrevious = true;
     notification.critical = !errors.empty();

@@ -37,7 +37,6 @@ std::string formatLocalNow(const char* format) { return formatLocal(format, std:
 namespace FVDate {
 
 std::string logTimeStamp() { return formatLocalNow("%Y-%m-%d %H:%M:%S"); }
-std::string formattedTimeStamp() { return formatLocalNow("%B %-d, %Y at %H:%M:%S %Z"); }
 std::string archiveStamp(std::time_t at) { return formatLocal("%Y-%m-%d %H.%M.%S %z", at); }
 
 double now() {
@@ -156,6 +155,8 @@ FVExistence existenceAtPath(const std::string& path, int* error) {
     if (result == 0) return FVExistence::Exists;
     return result == ENOENT || result == ENOTDIR ? FVExistence::Missing : FVExistence::Unknown;
 }
+
+bool pathExists(const std::string& path) { return existenceAtPath(path) == FVExistence::Exists; }
 
 std::string xattrNameAndDataStringForFileAtPath(const std::string& path, bool includeACL) {
     return FVExtendedAttributes(path).signature(includeACL, [](const char* name) {

@@ -14,8 +14,6 @@ namespace ferrovane {
 namespace FVDate {
 // The short local date and time that starts every log line, e.g. "2026-11-21 14:05:09".
 std::string logTimeStamp();
-// The long local date and time, e.g. "November 21, 2026 at 14:05:09 CET".
-std::string formattedTimeStamp();
 // The local date and time formatted "%Y-%m-%d %H.%M.%S %z": the name of a run's archive folders.
 std::string archiveStamp(std::time_t at);
 double now();  // seconds since 1970, with fractions
@@ -57,6 +55,8 @@ void unlockRecursivelyAt(int dirFd, const std::string& name);
 std::string xattrNameAndDataStringForFileAtPath(const std::string& path, bool includeACL = true);
 bool xattrIdentialforFileAtPath(const std::string& path, const std::string& otherPath, bool includeACL = true);
 FVExistence existenceAtPath(const std::string& path, int* error = nullptr);
+// Whether anything (a dangling link too) is at the path.
+bool pathExists(const std::string& path);
 }  // namespace FVFileManager
 
 }  // namespace ferrovane

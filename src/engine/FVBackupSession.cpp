@@ -2,6 +2,7 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
+#include "engine/FVExclusionRules.h"
 #include "engine/FVLog.h"
 #include "engine/FVStrings.h"
 #include "fs/FVText.h"
@@ -29,7 +30,13 @@ std::string unusedArchiveStamp(const std::string& destination) {
 
 }  // namespace
 
-FVBackupSession::~FVBackupSession() { syncingBackup_.reset(); }
+FVBackupSession::~FVBackupSession() {
+    if (driver_.joinable()) {
+        if (driver_.get_id() == std::this_thread::get_id()) driver_.detach();
+        else driver_.join();
+    }
+    syncingBackup_.reset();
+}
 
 void FVBackupSession::setTaskDescription(std::string text) {
     std::lock_guard lock(taskMutex_);
@@ -52,16 +59,22 @@ void FVBackupSession::start() {
     shouldPerformCleanup_ = FVFileManager::pathContainsUserFilePaths(destinationPath_);
     enabledItems_.clear();
     for (const FVSourceItemPtr& item : backupSet_)
-        if (item->enabled() == 1) enabledItems_.push_back(item);
+        if (item->mode() == FVSourceMode::Backup) enabledItems_.push_back(item);
     sessionTaskCount_ = enabledItems_.size() + (shouldPerformCleanup_ ? 1 : 0);
 
-    syncingBackup_ = std::make_unique<FVSyncingBackup>(destinationPath_, backupSet_, backupOptions_, this);
-    syncingBackup_->setWillPerformCleanup(shouldPerformCleanup_);
-    syncingBackup_->setArchiveFolderName(unusedArchiveStamp(destinationPath_));
-    syncingBackup_->addExcludedFiles(excludePaths_);
-    syncingBackup_->setDestinationPathsToExcludeFromCleanup(protectedPaths_);
-    currentItemIndex_ = UINT64_MAX;
-    startNextItem();
+    FVRunSettings settings;
+    settings.targetPath = destinationPath_;
+    settings.options = backupOptions_;
+    settings.archiveFolderName = unusedArchiveStamp(destinationPath_);
+    // A clone of "/" (also a disabled one, which may be enabled again) keeps the destination's own files.
+    for (const FVSourceItemPtr& item : backupSet_)
+        if (item->mode() <= FVSourceMode::Backup && item->sourcePath() == "/")
+            settings.protectedPaths = FVExclusionRules::rootCloneProtectedPaths();
+    settings.willPerformCleanup = shouldPerformCleanup_;
+    settings.dryRun = dryRun_;
+    syncingBackup_ = std::make_unique<FVSyncingBackup>(std::move(settings), excludePaths_, [this] { progressStep(); });
+    currentItemIndex_ = 0;
+    driver_ = std::thread([this] { run(); });
 }
 
 void FVBackupSession::cancel() {
@@ -71,37 +84,32 @@ void FVBackupSession::cancel() {
     if (syncingBackup_) syncingBackup_->cancelUpdate();
 }
 
-void FVBackupSession::startNextItem() {
-    const uint64_t n = enabledItems_.size();
-    uint64_t i = currentItemIndex_.load();
-    if (!(i == n && !shouldPerformCleanup_)) ++i;  // wraps from "none yet" to 0
-    currentItemIndex_ = i;
-
-    if (i != 0 && i - 1 < n) {
-        const FVSourceItemPtr& done = enabledItems_[i - 1];
-        done->setValue(FVSourceKey::lastBackupDate, PlistDate{FVDate::now()});
-        done->setValue(FVSourceKey::totalFilesCount, static_cast<int64_t>(static_cast<int32_t>(syncingBackup_->currentTotalFilesCount())));
-        done->setValue(FVSourceKey::updatedFilesCount, static_cast<int64_t>(static_cast<int32_t>(syncingBackup_->currentUpdateCount())));
-        done->setValue(FVSourceKey::totalBytesCopied, static_cast<uint64_t>(sessionTotalBytesCopied()));
-    }
-    if (i < n) {
-        const FVSourceItemPtr& item = enabledItems_[i];
-        std::string sourcePath = item->sourcePath();
+void FVBackupSession::run() {
+    for (size_t i = 0; i < enabledItems_.size(); ++i) {
+        FVSourceItem& item = *enabledItems_[i];
+        const std::string sourcePath = item.sourcePath();
         setTaskDescription(FVStrings::format("progresssyncing", FVText::lastPathComponent(sourcePath)));
         std::optional<int64_t> estimate;
-        if (auto stored = item->value(FVSourceKey::totalFilesCount)) estimate = stored->integerValue();
-        syncingBackup_->updateTargetPathFromSourcePath(sourcePath, estimate);
-        return;
+        if (auto stored = item.value(FVSourceKey::totalFilesCount)) estimate = stored->integerValue();
+        if (!syncingBackup_->backUpSourceItem(sourcePath, estimate)) return didCancel();
+        currentItemIndex_ = i + 1;
+        recordResults(item);
     }
-    if (i != n) return;
-    if (!shouldPerformCleanup_) {
-        finalise();
-        return;
+    if (shouldPerformCleanup_) {
+        setTaskDescription(FVStrings::localized("progressremoving"));
+        int64_t fileCount = 0;
+        for (const FVSourceItemPtr& item : backupSet_) fileCount += item->integerValue(FVSourceKey::totalFilesCount);
+        if (!syncingBackup_->removeDeletedFiles(backupSet_, static_cast<int32_t>(fileCount))) return didCancel();
     }
-    setTaskDescription(FVStrings::localized("progressremoving"));
-    int64_t fileCount = 0;
-    for (const FVSourceItemPtr& item : backupSet_) fileCount += item->integerValue(FVSourceKey::totalFilesCount);
-    syncingBackup_->removeDeletedFilesArchivingFiles(backupOptions_.moveDeletedFiles, static_cast<int32_t>(fileCount));
+    finish();
+}
+
+void FVBackupSession::recordResults(FVSourceItem& item) const {
+    if (dryRun_) return;
+    item.setValue(FVSourceKey::lastBackupDate, PlistDate{FVDate::now()});
+    item.setValue(FVSourceKey::totalFilesCount, static_cast<int64_t>(static_cast<int32_t>(syncingBackup_->currentTotalFilesCount())));
+    item.setValue(FVSourceKey::updatedFilesCount, static_cast<int64_t>(static_cast<int32_t>(syncingBackup_->currentUpdateCount())));
+    item.setValue(FVSourceKey::totalBytesCopied, static_cast<uint64_t>(sessionTotalBytesCopied()));
 }
 
 float FVBackupSession::progressPercent() const {
@@ -111,17 +119,15 @@ float FVBackupSession::progressPercent() const {
     return i * 100.0f / n + s / n;
 }
 
-void FVBackupSession::finalise() {
+void FVBackupSession::finish() {
     // The cleanup has run: a confirmation that a source was emptied on purpose is used up.
-    for (const FVSourceItemPtr& item : enabledItems_) item->removeValue(FVSourceKey::emptySourceConfirmed);
-    bool purgeRemoved = backupOptions_.purgesRemovedArchives();
-    bool purgeChanged = backupOptions_.purgesChangedArchives();
-    if (purgeRemoved || purgeChanged) {
+    if (!dryRun_)
+        for (const FVSourceItemPtr& item : enabledItems_) item->removeValue(FVSourceKey::emptySourceConfirmed);
+    if (backupOptions_.purgesRemovedArchives() || backupOptions_.purgesChangedArchives()) {
         setTaskDescription(FVStrings::localized("viewpurgingarchives"));
         progressStep();
     }
-    syncingBackup_->purgeRemovedArchive(purgeRemoved, static_cast<int32_t>(backupOptions_.purgeRemovedArchiveDays),
-                                        purgeChanged, static_cast<int32_t>(backupOptions_.purgeChangedArchiveDays));
+    syncingBackup_->purgeArchives();
     syncingBackup_->flushDestination();
     FVLog::currentLog().addLogLine(fmt::format("Sync finished (Duration: {}).\n", syncingBackup_->currentDurationString()));
     FVLog::currentLog().closeLog();
@@ -130,12 +136,8 @@ void FVBackupSession::finalise() {
     if (delegate_) delegate_->backupSessionDidFinish(*this);
 }
 
-void FVBackupSession::updateTargetDidFinish(FVSyncingBackup&) { startNextItem(); }
-void FVBackupSession::cleanupTargetDidFinish(FVSyncingBackup&) { finalise(); }
-void FVBackupSession::progressDidChange(FVSyncingBackup&) { progressStep(); }
-
-void FVBackupSession::updateTargetDidCancel(FVSyncingBackup& job) {
-    job.flushDestination();
+void FVBackupSession::didCancel() {
+    syncingBackup_->flushDestination();
     FVLog::currentLog().addLogLine("Sync cancelled.\n");
     FVLog::currentLog().closeLog();
     setTaskDescription("Cancelled.");
@@ -158,14 +160,23 @@ uint64_t FVBackupSession::sessionTotalBytesCopied() const {
     return worker ? worker->totalBytesCopied() : 0;
 }
 
-uint64_t FVBackupSession::sessionRequestedFileCount() const {
-    auto worker = syncingBackup_ ? syncingBackup_->backupCopyWorker() : nullptr;
-    return worker ? worker->requestedFiles() : 0;
+int32_t FVBackupSession::updatedFileCount() const {
+    int32_t updated = 0;
+    for (const FVSourceItemPtr& item : backupSet_)
+        updated += static_cast<int32_t>(item->integerValue(FVSourceKey::updatedFilesCount));
+    return updated;
 }
 
-uint64_t FVBackupSession::sessionCopiedFileCount() const {
-    auto worker = syncingBackup_ ? syncingBackup_->backupCopyWorker() : nullptr;
-    return worker ? worker->copiedFiles() : 0;
+double FVBackupSession::changedPercent() const {
+    uint32_t total = 0;
+    for (const FVSourceItemPtr& item : backupSet_)
+        if (item->mode() == FVSourceMode::Backup) total += static_cast<uint32_t>(item->integerValue(FVSourceKey::totalFilesCount));
+    return total == 0 ? 0.0 : updatedFileCount() / (total * 0.01);
+}
+
+std::string FVBackupSession::finishedSummary() const {
+    return fmt::format("Changed: {:.1f}% Duration: {}", changedPercent(),
+                       syncingBackup_ ? syncingBackup_->currentDurationString() : "");
 }
 
 }  // namespace ferrovane

@@ -69,4 +69,11 @@ const std::vector<std::string>& FVExclusionRules::rootClonePatterns() {
     return patterns;
 }
 
+const std::vector<std::string>& FVExclusionRules::rootCloneProtectedPaths() {
+    static const std::vector<std::string> paths = {
+        "/.com.apple.timemachine.supported", "/.VolumeIcon.icns", "/.hotfiles.btree", "/.fseventsd",
+        "/.Spotlight-V100", "/.Trashes", "/__removed", "/__changed", "/.ferrovane.conf", "/.DocumentRevisions-V100"};
+    return paths;
+}
+
 }  // namespace ferrovane

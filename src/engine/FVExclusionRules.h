@@ -28,6 +28,9 @@ public:
     static const std::vector<std::string>& rootCloneConditionalNames();
     // For a clone of "/": always added, in this order.
     static const std::vector<std::string>& rootClonePatterns();
+    // For a clone of "/": the destination's own volume files, archives and configuration, which
+    // the cleanup keeps.
+    static const std::vector<std::string>& rootCloneProtectedPaths();
 };
 
 }  // namespace ferrovane

@@ -1,6 +1,6 @@
 #pragma once
-// A background thread that runs posted tasks one after another, in order. The sync job does its
-// analysis and cleanup passes on one, so that a task may post the next without nesting threads.
+// A background thread that runs posted tasks one after another, in order. The destination search
+// walks on one, so that a task may post the next without nesting threads.
 
 #include "engine/FVMainQueue.h"
 

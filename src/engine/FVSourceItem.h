@@ -42,6 +42,7 @@ public:
 
     std::string sourcePath() const;
     int64_t enabled() const;
+    FVSourceMode mode() const { return static_cast<FVSourceMode>(enabled()); }
     std::optional<PlistValue> value(std::string_view key) const;
     int64_t integerValue(std::string_view key) const;
     void setValue(std::string key, PlistValue value);

@@ -2,7 +2,10 @@
 
 #include "FVVersion.h"
 #include "engine/FVAdditions.h"
+#include "engine/FVArchivePurge.h"
 #include "engine/FVLog.h"
+#include "engine/FVMirrorCleanup.h"
+#include "engine/FVSourceAnalysis.h"
 #include "engine/FVStrings.h"
 #include "fs/FVText.h"
 #include "platform/FVMountWatcher.h"
@@ -12,118 +15,165 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cmath>
-#include <cstring>
 
 namespace ferrovane {
 
 namespace {
+
 // Network folders mounted over WebDAV collect ".DS_Store" files that must not be mirrored.
 bool isWebDAV(const std::string& fstype) {
     return fstype == "davfs" || fstype == "fuse.davfs" || fstype == "webdav";
 }
+
+FVRunSettings withDestinationIdentity(FVRunSettings settings) {
+    struct stat destination {};
+    if (stat(settings.targetPath.c_str(), &destination) == 0) {
+        settings.destinationDevice = destination.st_dev;
+        settings.destinationInode = destination.st_ino;
+    }
+    return settings;
+}
+
+// A stored count of 0 would make the analysis share infinite.
+constexpr int64_t kUnknownFileCount = 2000000;
+
 }  // namespace
 
-FVSyncingBackup::FVSyncingBackup(std::string destinationPath, std::vector<FVSourceItemPtr> backupSet,
-                                 const FVOptions& options, FVSyncingBackupObserver* observer)
-    : observer_(observer), targetPath_(std::move(destinationPath)), destination_(targetPath_),
-      backupSet_(std::move(backupSet)), syncMode_(options.syncMode != 0),
-      ignoreFileFlagChanges_(options.ignoreFileFlagChanges), verboseLogging_(options.performExtendedLogging),
-      archiveChangedFiles_(options.moveChangedFiles), disableACLClone_(options.disableACLClone),
-      preallocate_(options.preallocate), excludeSymlinks_(options.excludeSymlinks), maxThreads_(options.maxThreads) {
+FVSyncingBackup::FVSyncingBackup(FVRunSettings settings, std::vector<std::string> excludedFiles,
+                                 std::function<void()> progressChanged)
+    : settings_(withDestinationIdentity(std::move(settings))),
+      status_(settings_.options.performExtendedLogging, std::move(progressChanged)),
+      destination_(settings_.targetPath), changedFileArchive_(settings_, destination_, status_) {
     mountWatcher_ = FVMountWatcher::start([this](const std::string& mountPoint) { checkVolumeDidUnmount(mountPoint); });
 
     FVLog::currentLog().newLog();
-    struct stat destination {};
-    if (stat(targetPath_.c_str(), &destination) == 0) {
-        destinationDevice_ = destination.st_dev;
-        destinationInode_ = destination.st_ino;
-    }
-    fstype_ = FVFileManager::filesystemTypeAtPath(targetPath_);
-    if (isWebDAV(fstype_)) excludedFiles_.push_back(".DS_Store");
-    logLine(fmt::format("Ferrovane {}({}) starting sync to: {} ({})", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER,
-                        targetPath_, fstype_));
+    const std::string fstype = FVFileManager::filesystemTypeAtPath(settings_.targetPath);
+    if (isWebDAV(fstype)) findings_.excludedFiles.push_back(".DS_Store");
+    findings_.excludedFiles.insert(findings_.excludedFiles.end(), excludedFiles.begin(), excludedFiles.end());
+    status_.log(fmt::format("Ferrovane {}({}) starting sync to: {} ({})", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER,
+                            settings_.targetPath, fstype));
     initTimeStamp_ = FVDate::now();
 
+    const FVOptions& options = settings_.options;
     std::string configuration = "Configuration: ";
-    configuration += syncMode_ ? "Default; " : "Rebuild source path; ";
-    if (ignoreFileFlagChanges_) configuration += "Ignore changes to extended attributes; ";
-    if (disableACLClone_) configuration += "ACL disabled; ";
-    if (preallocate_) configuration += "Preallocation enabled; ";
-    if (excludeSymlinks_) configuration += "Excluding symlinks; ";
-    configuration += fmt::format("Threads: {};", static_cast<unsigned long>(maxThreads_));
-    logLine(configuration);
+    configuration += settings_.syncMode() ? "Default; " : "Rebuild source path; ";
+    if (options.ignoreFileFlagChanges) configuration += "Ignore changes to extended attributes; ";
+    if (options.disableACLClone) configuration += "ACL disabled; ";
+    if (options.preallocate) configuration += "Preallocation enabled; ";
+    if (options.excludeSymlinks) configuration += "Excluding symlinks; ";
+    configuration += fmt::format("Threads: {};", static_cast<unsigned long>(options.maxThreads));
+    status_.log(configuration);
 }
 
-FVSyncingBackup::~FVSyncingBackup() { mountWatcher_.reset(); }
-
-void FVSyncingBackup::addExcludedFiles(const std::vector<std::string>& patterns) {
-    excludedFiles_.insert(excludedFiles_.end(), patterns.begin(), patterns.end());
+FVSyncingBackup::~FVSyncingBackup() {
+    mountWatcher_.reset();
+    status_.setCurrentWorker(nullptr);
 }
 
-void FVSyncingBackup::logLine(const std::string& line) { FVLog::currentLog().addLogLine(line); }
-
-void FVSyncingBackup::verboseLog(const std::string& line) {
-    if (verboseLogging_) logLine(line);
+std::shared_ptr<FVFileCopyWorker> FVSyncingBackup::makeWorker(const std::string& sourcePath) {
+    auto worker = std::make_shared<FVFileCopyWorker>();
+    worker->setDelegate(this);
+    worker->setVerboseLogging(settings_.options.performExtendedLogging);
+    worker->setMaxThreads(settings_.options.maxThreads);
+    worker->setDisableACLClone(settings_.options.disableACLClone);
+    worker->setPreallocate(settings_.options.preallocate);
+    worker->setDestinationRoot(settings_.targetPath);
+    worker->setSourceRoot(sourcePath);
+    return worker;
 }
 
-void FVSyncingBackup::addError(std::string message) {
-    std::lock_guard lock(errorsMutex_);
-    errorMessages_.push_back(std::move(message));
+bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optional<int64_t> fileCountEstimation) {
+    std::shared_ptr<FVFileCopyWorker> worker = settings_.dryRun ? nullptr : makeWorker(sourcePath);
+    status_.setCurrentWorker(worker);
+    status_.updateCount = 0;
+    status_.totalFilesCount = 0;
+    if (!FVFileManager::pathExists(sourcePath)) {
+        status_.log(fmt::format("Source: {} (UNAVAILABLE AND NOT UPDATED).", sourcePath));
+        return true;
+    }
+    status_.log(fmt::format("Source started analysing: {}", sourcePath));
+    FVSourceAnalysis analysis(settings_, findings_, status_,
+                              [this, &worker](FVFileSystemItemPtr source, FVFileSystemItemPtr destination, bool folderDatesOnly) {
+                                  if (worker) worker->addCopyItemFromSource(std::move(source), std::move(destination));
+                                  else if (!folderDatesOnly) reportWouldCopy(*source, *destination);
+                              });
+    if (worker) worker->startCopySession();
+    analysis.analyse(sourcePath, fileCountEstimation && *fileCountEstimation > 0 ? *fileCountEstimation : kUnknownFileCount);
+    if (!status_.isCancelled())
+        status_.log(fmt::format("Source finished analysing: {} ({} items changed).", sourcePath,
+                                static_cast<int>(currentUpdateCount())));
+    status_.setAnalyseProgress(100);
+    status_.reportProgress();
+
+    if (worker ? waitForCopies(*worker) : status_.isCancelled()) return false;
+    status_.setCopyProgress(100);
+    status_.reportProgress();
+    if (sourcePath == "/" && !settings_.dryRun) {
+        // A clone of the whole system: the destination root takes the root folder's attributes.
+        struct stat st {};
+        if (lstat("/", &st) == 0) {
+            int ignored = lchown(settings_.targetPath.c_str(), st.st_uid, st.st_gid);
+            (void)ignored;
+            chmod(settings_.targetPath.c_str(), st.st_mode & 07777);
+        }
+    }
+    status_.log(fmt::format("Source finished: {} ({} copied).", sourcePath,
+                            FVNumber::formattedDiskSizeString(static_cast<double>(worker ? worker->totalBytesCopied() : 0))));
+    return true;
 }
 
-std::vector<std::string> FVSyncingBackup::errorMessages() const {
-    std::lock_guard lock(errorsMutex_);
-    return errorMessages_;
+void FVSyncingBackup::reportWouldCopy(FVFileSystemItem& source, FVFileSystemItem& destination) {
+    status_.log("Would copy: " + source.path());
+    // The copy archives whatever it replaces, except a folder's metadata applied to a folder.
+    if (settings_.options.moveChangedFiles && destination.fileExists() &&
+        (source.isFile() || destination.fileType() != FVFileType::Directory))
+        status_.log("Would archive: " + destination.path());
 }
 
-std::shared_ptr<FVFileCopyWorker> FVSyncingBackup::backupCopyWorker() const {
-    std::lock_guard lock(workerMutex_);
-    return backupCopyWorker_;
+bool FVSyncingBackup::waitForCopies(FVFileCopyWorker& worker) {
+    {
+        std::lock_guard lock(copiesMutex_);
+        copiesEnding_ = true;
+        copiesCancelled_.reset();
+    }
+    // Once the session has ended, the worker's last thread (or endCopySession itself, when none
+    // is left) reports the end exactly once more.
+    worker.endCopySession();
+    std::unique_lock lock(copiesMutex_);
+    copiesEndedCondition_.wait(lock, [this] { return copiesCancelled_.has_value(); });
+    copiesEnding_ = false;
+    return *copiesCancelled_;
 }
 
-void FVSyncingBackup::cancelUpdate() {
-    if (auto worker = backupCopyWorker()) worker->cancel();
-    logLine("Aborting sync...");
-    cancelUpdate_.store(true, std::memory_order_relaxed);
+void FVSyncingBackup::copiesEnded(bool cancelled) {
+    std::lock_guard lock(copiesMutex_);
+    // An earlier batch of threads that ended on a cancellation is followed by the final report.
+    if (!copiesEnding_) return;
+    copiesCancelled_ = cancelled;
+    copiesEndedCondition_.notify_all();
 }
+
+bool FVSyncingBackup::removeDeletedFiles(const std::vector<FVSourceItemPtr>& backupSet, int32_t cleanupFileCount) {
+    return FVMirrorCleanup(settings_, findings_, destination_, status_).run(backupSet, cleanupFileCount);
+}
+
+void FVSyncingBackup::purgeArchives() { FVArchivePurge(settings_, destination_, status_).run(); }
 
 void FVSyncingBackup::flushDestination() {
-    int error = 0;
-    FVFd root = destination_.openFolder("", false, &error);
-    if (root.valid() && syncfs(root.get()) == 0) return;
-    if (root.valid()) error = errno;
+    if (settings_.dryRun) return;
+    int error = destination_.flush();
+    if (error == 0) return;
     std::string message = fmt::format("Could not write the destination's data to its disk: {}", std::strerror(error));
-    logLine("ERROR: " + message);
-    addError(message);
+    status_.log("ERROR: " + message);
+    status_.addError(message);
 }
 
 void FVSyncingBackup::checkVolumeDidUnmount(const std::string& mountPoint) {
     // Whole components: unmounting /mnt/backup says nothing about /mnt/backup2.
-    if (mountPoint == "/" || !FVText::isPathWithin(targetPath_, mountPoint)) return;
-    logLine("\nDestination volume unmounted unexpectedly!\n");
-    addError(fmt::format("Aborting: Destination unmounted unexpectedly ({}).", mountPoint));
+    if (mountPoint == "/" || !FVText::isPathWithin(settings_.targetPath, mountPoint)) return;
+    status_.log("\nDestination volume unmounted unexpectedly!\n");
+    status_.addError(fmt::format("Aborting: Destination unmounted unexpectedly ({}).", mountPoint));
     cancelUpdate();
-}
-
-void FVSyncingBackup::postCancelOnce() {
-    if (!cancelReported_.exchange(true)) observer_->updateTargetDidCancel(*this);
-}
-
-float FVSyncingBackup::progressStatus() const {
-    float p = (analyseProgressStatus_.load(std::memory_order_relaxed) +
-               copyProgressStatus_.load(std::memory_order_relaxed)) * 0.5f;
-    return p > 100.0f ? 100.0f : p;
-}
-
-void FVSyncingBackup::reportProgress() {
-    float p = (analyseProgressStatus_.load(std::memory_order_relaxed) +
-               copyProgressStatus_.load(std::memory_order_relaxed)) * 0.5f;
-    if (std::fabs(p - lastReportedProgress_.load(std::memory_order_relaxed)) > 0.1f) {
-        lastReportedProgress_.store(p, std::memory_order_relaxed);
-        observer_->progressDidChange(*this);
-    }
 }
 
 std::string FVSyncingBackup::currentDurationString() const {
@@ -132,5 +182,23 @@ std::string FVSyncingBackup::currentDurationString() const {
     if (whole >= 60) return FVStrings::format("currentDurationMinutesSeconds", whole / 60, whole % 60);
     return FVStrings::format("currentDurationSeconds", elapsed);
 }
+
+bool FVSyncingBackup::copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) {
+    return changedFileArchive_.archiveBeforeOverwrite(destination);
+}
+
+void FVSyncingBackup::copyWorkerProgressDidChange(float fraction) {
+    status_.setCopyProgress(fraction * 100.0f);
+    status_.reportProgress();
+}
+
+void FVSyncingBackup::copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) {
+    status_.log(message);
+    if (level == FVMessageLevel::Error) status_.addError(message);
+}
+
+void FVSyncingBackup::copyWorkerDidFinishCopy() { copiesEnded(status_.isCancelled()); }
+
+void FVSyncingBackup::copyWorkerDidCancel() { copiesEnded(true); }
 
 }  // namespace ferrovane

@@ -14,7 +14,7 @@ namespace ferrovane {
 namespace {
 
 // The placement of the mirror; the one option a restore needs.
-bool mirrorsByLastComponent(const PlistDict& settings) { return settings.boolValue(FVOptionKey::syncMode); }
+bool mirrorsByLastComponent(const PlistDict& settings) { return FVOptionTable::read(settings).options.syncMode != 0; }
 
 std::vector<std::string> folderNames(const std::string& path) {
     std::vector<std::string> names;
@@ -57,7 +57,7 @@ std::optional<FVVersionCatalog> FVVersionCatalog::open(const std::string& destin
     }
     std::vector<std::string> sources;
     for (const FVSourceItemPtr& item : read.configuration.sources)
-        if (item->enabled() == static_cast<int64_t>(FVSourceMode::Backup)) sources.push_back(item->sourcePath());
+        if (item->mode() == FVSourceMode::Backup) sources.push_back(item->sourcePath());
     return FVVersionCatalog(FVText::standardizedPath(destination), std::move(sources),
                             mirrorsByLastComponent(*read.configuration.settings));
 }

@@ -50,6 +50,15 @@ std::string deletingLastPathComponent(std::string_view path) {
     return std::string(path.substr(0, slash));
 }
 
+std::string appendingPathComponent(std::string_view base, std::string_view component) {
+    if (component.starts_with('/')) component.remove_prefix(1);
+    std::string path(base);
+    if (component.empty()) return path;
+    if (!path.empty() && path.back() != '/') path += '/';
+    path += component;
+    return path;
+}
+
 bool isPathWithin(std::string_view path, std::string_view folder) {
     if (folder.empty() || !path.starts_with(folder)) return false;
     return path.size() == folder.size() || folder.back() == '/' || path[folder.size()] == '/';

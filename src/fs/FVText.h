@@ -12,6 +12,9 @@ std::string validUTF8(std::string_view bytes);
 std::string lastPathComponent(std::string_view path);
 // The path without its last component ("/" for a top-level item).
 std::string deletingLastPathComponent(std::string_view path);
+// The path of a component (or of a relative path, with or without its leading "/") inside base,
+// with one separator between them; base itself when the component is empty.
+std::string appendingPathComponent(std::string_view base, std::string_view component);
 // Whether path is folder or lies inside it: a prefix of whole components, not of characters.
 bool isPathWithin(std::string_view path, std::string_view folder);
 // Lexical cleanup of an absolute path: doubled slashes, "." and ".." and a trailing slash go.

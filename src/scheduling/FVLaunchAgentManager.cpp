@@ -2,6 +2,7 @@
 
 #include "platform/FVHomeDirectory.h"
 
+#include "engine/FVAdditions.h"
 #include "fs/FVAtomicFile.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
@@ -36,11 +37,6 @@ std::string ownExecutable() {
 bool hasPrefix(std::string_view text, std::string_view prefix) { return text.substr(0, prefix.size()) == prefix; }
 bool hasSuffix(std::string_view text, std::string_view suffix) {
     return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
-}
-
-bool pathExists(const std::string& path) {
-    struct stat st {};
-    return lstat(path.c_str(), &st) == 0;
 }
 
 // Creates the folder and any missing parents: ~/.config/systemd does not exist on every system.
@@ -303,13 +299,13 @@ bool FVLaunchAgentManager::jobsRunWhileLoggedOut() {
     if (platformFormat() != FVJobFormat::Systemd || getuid() == 0) return true;
     // logind keeps one file per lingering account here ("loginctl enable-linger" creates it).
     const passwd* account = getpwuid(getuid());
-    return account && pathExists(std::string("/var/lib/systemd/linger/") + account->pw_name);
+    return account && FVFileManager::pathExists(std::string("/var/lib/systemd/linger/") + account->pw_name);
 }
 
 void FVLaunchAgentManager::removeJob(const std::string& uuid) {
     if (!isValidJobIdentifier(uuid)) return;
     std::vector<std::string> paths = jobFilePaths(uuid);
-    if (std::none_of(paths.begin(), paths.end(), pathExists)) return;
+    if (std::none_of(paths.begin(), paths.end(), FVFileManager::pathExists)) return;
     unloadJob(uuid);
     for (const std::string& path : paths) unlink(path.c_str());
     // Without a reload the service manager keeps the deleted units loaded.

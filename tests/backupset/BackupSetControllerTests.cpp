@@ -103,23 +103,18 @@ TEST(BackupSetController, ModesDeriveThePathListsAndDuplicatesAreRefused) {
     EXPECT_TRUE(controller.backupSetPaths().empty());
 }
 
-TEST(BackupSetController, LoadedItemsAreSharedAndFileCountUsesOnlyBackupItems) {
+TEST(BackupSetController, LoadedItemsAreSharedAndNamedByTheirPath) {
     BackupSetController controller;
     controller.setDisableSizeEvaluation(true);
     auto a = FVSourceItem::make("/a", FVSourceMode::Backup);
     auto b = FVSourceItem::make("/b", FVSourceMode::Disabled);
     auto c = FVSourceItem::make("/c/", FVSourceMode::Backup);
-    a->setValue(FVSourceKey::totalFilesCount, int64_t{4'000'000'000});
-    b->setValue(FVSourceKey::totalFilesCount, int64_t{7});
-    c->setValue(FVSourceKey::totalFilesCount, int64_t{400'000'000});
     c->setValue(FVSourceKey::sourcePathComponent, "stored name is never trusted");
     controller.addBackupItems({a, b});
     controller.addBackupItem(c);
 
     EXPECT_EQ(controller.arrangedObjects()[0], a);  // the same object, not a copy
     EXPECT_EQ(*c->value(FVSourceKey::sourcePathComponent)->string(), "c");
-    // 4.4e9 wraps in 32 bits, as the count is defined.
-    EXPECT_EQ(controller.fileCountOfEnabledItems(), static_cast<uint32_t>(4'400'000'000ULL));
 }
 
 TEST(BackupSetController, InsertsAndMovesKeepTheOrderOfTheMovedRows) {

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
+#include <filesystem>
+
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -95,19 +97,6 @@ TEST(ConfigurationFile, ReadsBinaryPropertyLists) {
     EXPECT_EQ(result.configuration.settings->integerValue("maxThreads"), 5);
 }
 
-TEST(ConfigurationFile, SharedItemsAreChangedInPlaceAndWrittenAsTheyAreNow) {
-    TempDir dir;
-    auto item = FVSourceItem::make("/data", FVSourceMode::Backup);
-    std::vector<FVSourceItemPtr> items{item};
-    PlistDict options;
-    FVConfigurationFile::applyDefaultOptions(options);
-    item->setValue("totalFilesCount", int64_t{42});
-    std::string path = dir / ".ferrovane.conf";
-    ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(items, options, path));
-    auto result = FVConfigurationFile::read(path);
-    EXPECT_EQ(result.configuration.sources[0]->integerValue("totalFilesCount"), 42);
-}
-
 TEST(ConfigurationFile, DefaultsComeInOrderAndNeverOverrideStoredValues) {
     PlistDict options;
     options.set("maxThreads", int64_t{5});
@@ -123,7 +112,7 @@ TEST(ConfigurationFile, DefaultsComeInOrderAndNeverOverrideStoredValues) {
     EXPECT_EQ(FVConfigurationFile::defaultOptions().size(), 8u);
 }
 
-TEST(ConfigurationFile, RootDestinationPathFormsNameTheSameFile) {
+TEST(ConfigurationFile, PathFormsNameTheSameFileAndTheLegacyFileIsRenamedOnce) {
     EXPECT_EQ(FVConfigurationFile::currentPath("/"), "/.ferrovane.conf");
     EXPECT_EQ(FVConfigurationFile::formattedPath("/"), "//.ferrovane.conf");
     EXPECT_EQ(FVConfigurationFile::currentPath("/mnt/b"), "/mnt/b/.ferrovane.conf");
@@ -134,10 +123,9 @@ TEST(ConfigurationFile, RootDestinationPathFormsNameTheSameFile) {
     ASSERT_EQ(stat(FVConfigurationFile::currentPath(dir.path()).c_str(), &a), 0);
     ASSERT_EQ(stat((dir.path() + "//.ferrovane.conf").c_str(), &b), 0);
     EXPECT_EQ(a.st_ino, b.st_ino);
-}
 
-TEST(ConfigurationFile, LegacyFileIsRenamedOnlyWhenNoCurrentFileExists) {
-    TempDir dir;
+    // The legacy file is renamed only when no current file exists.
+    std::filesystem::remove(FVConfigurationFile::currentPath(dir.path()));
     writeFile(dir / "ferrovane.settings", kSample);
     EXPECT_TRUE(FVConfigurationFile::convertLegacyFile(dir.path()));
     EXPECT_FALSE(exists(dir / "ferrovane.settings"));
@@ -164,8 +152,11 @@ TEST(ConfigurationFile, MalformedInputIsClassifiedWithAReason) {
     EXPECT_EQ(statusOf("").status, FVConfigurationReadStatus::NotPropertyList);
     EXPECT_EQ(statusOf("hello, I am not a plist").status, FVConfigurationReadStatus::NotPropertyList);
     EXPECT_EQ(statusOf(wrap("<array/>")).status, FVConfigurationReadStatus::NotPropertyList);
+    auto r = statusOf(std::string(FVConfigurationFile::maximumFileSize + 1, ' '));
+    EXPECT_EQ(r.status, FVConfigurationReadStatus::NotPropertyList);
+    EXPECT_NE(r.problem.find("larger"), std::string::npos) << "refused without parsing";
 
-    auto r = statusOf(wrap("<dict><key>sources</key><string>x</string></dict>"));
+    r = statusOf(wrap("<dict><key>sources</key><string>x</string></dict>"));
     EXPECT_EQ(r.status, FVConfigurationReadStatus::Malformed);
     EXPECT_NE(r.problem.find("not an array"), std::string::npos);
     r = statusOf(wrap("<dict><key>settings</key><array/></dict>"));
@@ -181,16 +172,6 @@ TEST(ConfigurationFile, MalformedInputIsClassifiedWithAReason) {
     ASSERT_EQ(r.skippedItems.size(), 2u);
     EXPECT_NE(r.skippedItems[0].find("Source item 1"), std::string::npos) << r.skippedItems[0];
     EXPECT_NE(r.skippedItems[1].find("sourcePath"), std::string::npos) << r.skippedItems[1];
-}
-
-TEST(ConfigurationFile, OversizedFilesAreRefusedWithoutParsing) {
-    TempDir dir;
-    std::string path = dir / ".ferrovane.conf";
-    std::string big(FVConfigurationFile::maximumFileSize + 1, ' ');
-    writeFile(path, big);
-    auto r = FVConfigurationFile::read(path);
-    EXPECT_EQ(r.status, FVConfigurationReadStatus::NotPropertyList);
-    EXPECT_NE(r.problem.find("larger"), std::string::npos);
 }
 
 TEST(ConfigurationFile, FailedWriteLeavesTheOldFileWhole) {

@@ -36,7 +36,7 @@ protected:
 
 }  // namespace
 
-TEST_F(LogTest, AppendsAcrossRunsAndStopsWritingWhenClosed) {
+TEST_F(LogTest, AppendsAcrossRunsStopsWhenClosedOrUncreatableAndFollowsTheUser) {
     FVLog& log = FVLog::currentLog();
     log.newLog();  // creates the missing folder
     log.addLogLine("first run");
@@ -53,6 +53,20 @@ TEST_F(LogTest, AppendsAcrossRunsAndStopsWritingWhenClosed) {
     EXPECT_NE(l[1].find(": second run"), std::string::npos);
     EXPECT_EQ(l[3], "") << "a line ending in a newline leaves an empty line";
     EXPECT_EQ(l[0].rfind(FVDate::logTimeStamp().substr(0, 10), 0), 0u) << "lines start with the time stamp";
+
+    setenv("FERROVANE_LOG_FILE", "/proc/ferrovane-no/Ferrovane.log", 1);
+    log.newLog();
+    EXPECT_FALSE(log.isOpen()) << "an uncreatable log stays closed";
+    log.addLogLine("goes to the system log");
+    // Without the variable: the superuser's log, or the user's state folder.
+    unsetenv("FERROVANE_LOG_FILE");
+    if (geteuid() == 0) {
+        EXPECT_EQ(FVLog::logFilePath(), "/var/log/Ferrovane.log");
+    } else {
+        setenv("XDG_STATE_HOME", "/x/state", 1);
+        EXPECT_EQ(FVLog::logFilePath(), "/x/state/Ferrovane/Ferrovane.log");
+        unsetenv("XDG_STATE_HOME");
+    }
 }
 
 TEST_F(LogTest, LinesFromManyThreadsNeverInterleave) {
@@ -77,24 +91,6 @@ TEST_F(LogTest, LinesFromManyThreadsNeverInterleave) {
         seen.insert(line.substr(pos));
     }
     EXPECT_EQ(seen.size(), 4000u);
-}
-
-TEST_F(LogTest, AnUncreatableLogLeavesItClosed) {
-    setenv("FERROVANE_LOG_FILE", "/proc/ferrovane-no/Ferrovane.log", 1);
-    FVLog::currentLog().newLog();
-    EXPECT_FALSE(FVLog::currentLog().isOpen());
-    FVLog::currentLog().addLogLine("goes to the system log");
-}
-
-TEST(LogPath, FollowsTheUserAndTheStateFolder) {
-    unsetenv("FERROVANE_LOG_FILE");
-    if (geteuid() == 0) {
-        EXPECT_EQ(FVLog::logFilePath(), "/var/log/Ferrovane.log");
-    } else {
-        setenv("XDG_STATE_HOME", "/x/state", 1);
-        EXPECT_EQ(FVLog::logFilePath(), "/x/state/Ferrovane/Ferrovane.log");
-        unsetenv("XDG_STATE_HOME");
-    }
 }
 
 TEST(Formatting, DiskSizesUseDecimalUnits) {

@@ -1,0 +1,55 @@
+#include "engine/FVArchivePurge.h"
+
+#include "engine/FVAdditions.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <fmt/format.h>
+#include <vector>
+
+namespace ferrovane {
+
+void FVArchivePurge::run() {
+    const FVOptions& options = settings_.options;
+    if (options.purgesRemovedArchives()) purgeFolder(settings_.targetPath + "/__removed", options.purgeRemovedArchiveDays);
+    if (options.purgesChangedArchives()) purgeFolder(settings_.targetPath + "/__changed", options.purgeChangedArchiveDays);
+}
+
+void FVArchivePurge::purgeFolder(const std::string& folder, int64_t age) {
+    DIR* dir = opendir(folder.c_str());
+    if (!dir) return;
+    std::vector<std::string> names;
+    while (dirent* e = readdir(dir)) {
+        std::string_view name = e->d_name;
+        if (name != "." && name != "..") names.emplace_back(name);
+    }
+    closedir(dir);
+    const double now = FVDate::now();
+    for (const std::string& name : names) {
+        std::string path = folder + "/" + name;
+        struct stat st {};
+        if (lstat(path.c_str(), &st) != 0) continue;
+        double offset = static_cast<double>(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9 - now;
+        int32_t days = static_cast<int32_t>(offset) / -86400;
+        if (days < static_cast<int32_t>(age)) continue;
+        if (settings_.dryRun) {
+            status_.log("Would purge: " + path);
+            continue;
+        }
+        bool removed = destination_.removeItem(path) == 0;
+        if (!removed) {
+            destination_.unlock(path, true);
+            removed = destination_.removeItem(path) == 0;
+        }
+        if (removed) {
+            status_.log(fmt::format("Removed archive {} (age: {} days)", path, days));
+        } else {
+            std::string message = fmt::format("WARNING: Could not removed archive {} (age: {} days)", path, days);
+            status_.log(message);
+            status_.addError(message);
+        }
+    }
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,41 @@
+#include "engine/FVChangedFileArchive.h"
+
+#include "fs/FVText.h"
+#include "platform/FVSystemLog.h"
+
+#include <cstring>
+#include <fmt/format.h>
+
+namespace ferrovane {
+
+std::string FVChangedFileArchive::archivePath(const std::string& destinationPath) const {
+    const std::string& target = settings_.targetPath;
+    std::string relative = destinationPath.substr(target.size());
+    std::string path = target + "/__changed/" + settings_.archiveFolderName;
+    if (relative.empty() || relative.front() != '/') path += "/";
+    return path + relative;
+}
+
+bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination) {
+    if (!settings_.options.moveChangedFiles || !destination.fileExists()) return true;
+    const std::string& path = destination.path();
+    const std::string archived = archivePath(path);
+    destination_.unlock(path);
+    if (destination_.moveItem(path, archived) == 0) return true;
+    destination_.unlock(FVText::deletingLastPathComponent(path));
+    int error = destination_.moveItem(path, archived);
+    if (error == 0) {
+        status_.verboseLog("Archived changed file: " + path);
+        return true;
+    }
+    // The old version stays where it is and the file is not copied this time: overwriting it
+    // now would lose the only copy of that version. The next run tries again.
+    if (status_.stopOnFatalDestinationError(error)) return false;
+    const char* reason = std::strerror(error);
+    status_.log(fmt::format("ERROR: Archiving of changed file failed: {} ({})", path, reason));
+    status_.addError("Archiving changed file failed: " + path);
+    FVSystemLog::error("FVSyncingBackup", fmt::format("Archiving changed file failed: {} -> {} ({})", path, archived, reason));
+    return false;
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,30 @@
+#pragma once
+// Before the copy overwrites a destination file, its old version moves to
+// __changed/<stamp>/ at the same relative path. Called on the copy worker's threads.
+
+#include "engine/FVDestinationTree.h"
+#include "engine/FVFileSystemItem.h"
+#include "engine/FVRunSettings.h"
+#include "engine/FVRunStatus.h"
+
+#include <string>
+
+namespace ferrovane {
+
+class FVChangedFileArchive {
+public:
+    FVChangedFileArchive(const FVRunSettings& settings, const FVDestinationTree& destination, FVRunStatus& status)
+        : settings_(settings), destination_(destination), status_(status) {}
+
+    // Where the old version of a destination item goes.
+    std::string archivePath(const std::string& destinationPath) const;
+    // False keeps the destination as it is, and the file is then not copied in this run.
+    bool archiveBeforeOverwrite(FVFileSystemItem& destination);
+
+private:
+    const FVRunSettings& settings_;
+    const FVDestinationTree& destination_;
+    FVRunStatus& status_;
+};
+
+}  // namespace ferrovane

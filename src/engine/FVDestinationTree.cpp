@@ -1,0 +1,71 @@
+#include "engine/FVDestinationTree.h"
+
+#include "engine/FVAdditions.h"
+#include "fs/FVText.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace ferrovane {
+
+std::optional<std::string> FVDestinationTree::relative(const std::string& path) const {
+    std::string folded;
+    folded.reserve(path.size());
+    for (char c : path)
+        if (!(c == '/' && !folded.empty() && folded.back() == '/')) folded.push_back(c);
+    return destination_.relativePath(folded);
+}
+
+int FVDestinationTree::moveItem(const std::string& from, const std::string& to) const {
+    auto fromRelative = relative(from);
+    auto toRelative = relative(to);
+    // A failure to make the target's folders (a read-only or full destination) is then the
+    // error the move reports.
+    return fromRelative && toRelative ? destination_.moveItem(*fromRelative, *toRelative, true, true) : EXDEV;
+}
+
+int FVDestinationTree::removeItem(const std::string& path) const {
+    auto below = relative(path);
+    return below && !below->empty() ? destination_.removeItem(*below) : EXDEV;
+}
+
+void FVDestinationTree::unlock(const std::string& path, bool recursively) const {
+    auto below = relative(path);
+    if (!below) return;
+    int error = 0;
+    if (below->empty()) {
+        FVFd root = destination_.openFolder("", false, &error);
+        if (root.valid()) FVFileManager::unlockFileAt(root.get(), "");
+        return;
+    }
+    FVFd parent = destination_.openFolder(FVText::deletingLastPathComponent(*below), false, &error);
+    if (!parent.valid()) return;
+    const std::string name = FVText::lastPathComponent(*below);
+    if (recursively) FVFileManager::unlockRecursivelyAt(parent.get(), name);
+    else FVFileManager::unlockFileAt(parent.get(), name);
+}
+
+// The copy pass has given the folder the source folder's dates; taking an entry out must not
+// change them, or the mirror's folders would never match their sources.
+void FVDestinationTree::keepingParentDates(const std::string& itemPath, const std::function<void()>& change) const {
+    auto parentRelative = relative(FVText::deletingLastPathComponent(itemPath));
+    int error = 0;
+    FVFd parent = parentRelative ? destination_.openFolder(*parentRelative, false, &error) : FVFd();
+    struct stat st {};
+    bool known = parent.valid() && fstat(parent.get(), &st) == 0;
+    change();
+    if (!known) return;
+    timespec times[2] = {st.st_atim, st.st_mtim};
+    futimens(parent.get(), times);
+}
+
+int FVDestinationTree::flush() const {
+    int error = 0;
+    FVFd root = destination_.openFolder("", false, &error);
+    if (!root.valid()) return error;
+    return syncfs(root.get()) == 0 ? 0 : errno;
+}
+
+}  // namespace ferrovane

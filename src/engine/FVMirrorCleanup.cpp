@@ -1,0 +1,172 @@
+#include "engine/FVMirrorCleanup.h"
+
+#include "engine/FVAdditions.h"
+#include "engine/FVExclusionRules.h"
+#include "engine/FVFileCopyWorker.h"
+#include "fs/FVText.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fmt/format.h>
+
+namespace ferrovane {
+
+namespace {
+
+bool isEmptyDirectory(const std::string& path) {
+    return FVFileSystemItem(path).fileType() == FVFileType::Directory && FVFileManager::folderHasEntries(path) == false;
+}
+
+// Only the exact names the copy gives its temporary files are leftovers: the prefix and 16
+// lowercase hexadecimal digits.
+bool isTemporaryName(std::string_view name) {
+    const std::string_view prefix = kTemporaryFilePrefix;
+    if (name.size() != prefix.size() + 16 || !name.starts_with(prefix)) return false;
+    return std::all_of(name.begin() + static_cast<std::ptrdiff_t>(prefix.size()), name.end(),
+                       [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+}
+
+}  // namespace
+
+bool FVMirrorCleanup::run(const std::vector<FVSourceItemPtr>& backupSet, int32_t expectedCount) {
+    status_.log(archives() ? "Archiving deleted items..." : "Removing deleted items...");
+    status_.restartProgress(0);
+    expectedCount_ = expectedCount;
+    for (const FVSourceItemPtr& item : backupSet) {
+        if (item->mode() != FVSourceMode::Backup) continue;
+        std::string sourceRoot = item->sourcePath();
+        // A missing source (an unmounted volume) keeps its mirror untouched until it is back.
+        if (!FVFileManager::pathExists(sourceRoot)) continue;
+        auto confirmed = item->value(FVSourceKey::emptySourceConfirmed);
+        if (!cleanSourceRoot(sourceRoot, confirmed && confirmed->boolValue())) return false;
+    }
+    if (!settings_.dryRun)
+        status_.log(archives() ? fmt::format("Archiving deleted items finished: archived {} items.", handled_)
+                               : fmt::format("Removing deleted items finished: removed {} items.", handled_));
+    status_.setCopyProgress(100);
+    status_.setAnalyseProgress(100);
+    status_.reportProgress();
+    return true;
+}
+
+bool FVMirrorCleanup::cleanSourceRoot(const std::string& sourceRoot, bool emptySourceConfirmed) {
+    if (findings_.isBelowUnreadableSource(sourceRoot)) return true;
+    const std::string mirror = settings_.itemTargetPath(sourceRoot);
+    // An empty source folder whose mirror is full is most likely a volume that is not mounted:
+    // deleting the mirror would destroy the only copy. Archiving keeps it, so only deletion waits
+    // until the user confirms that the folder really was emptied.
+    if (!archives() && !emptySourceConfirmed && isEmptyDirectory(sourceRoot) &&
+        FVFileSystemItem(mirror).fileType() == FVFileType::Directory && FVFileManager::folderHasEntries(mirror) != false) {
+        std::string message = fmt::format(
+            "ERROR: Not removing the contents of {}: its source {} is empty (a volume that is not mounted?). "
+            "If the folder really was emptied, confirm it (\"ferrovane config {} confirm-empty {}\" or "
+            "\"Confirm Emptied Folder…\" in the window's error list); the next run then removes the backup's contents.",
+            mirror, sourceRoot, settings_.targetPath, sourceRoot);
+        status_.log(message);
+        status_.addError(message.substr(7));
+        return true;
+    }
+
+    FVDirectoryWalker walker(mirror);
+    walker.setTypesOnly(true);
+    int visited = 0;
+    while (const FVDirectoryWalker::Entry* entry = walker.next()) {
+        const mode_t type = entry->st.st_mode & S_IFMT;
+        if (entry->error != 0 || (type != S_IFDIR && type != S_IFREG && type != S_IFLNK)) continue;
+        if (status_.isCancelled()) return false;
+        const std::string& path = entry->path;
+        std::string relative(entry->relativePath());
+        std::string sourcePath = FVText::appendingPathComponent(sourceRoot, relative);
+        switch (relative.empty() ? Decision::Keep : decide(sourceRoot, sourcePath, *entry)) {
+        case Decision::Keep:
+            if (type == S_IFDIR && findings_.isBelowUnreadableSource(sourcePath)) walker.skipChildren();
+            break;
+        case Decision::RemoveLeftover:
+            if (settings_.dryRun) status_.log("Would remove: " + path);
+            else destination_.keepingParentDates(path, [&] { destination_.removeItem(path); });
+            break;
+        case Decision::ArchiveOrRemove:
+            if (settings_.dryRun) status_.log("Would remove: " + path);
+            else destination_.keepingParentDates(path, [&] { removeDeletedItem(sourceRoot, relative, path); });
+            ++handled_;
+            if (type == S_IFDIR) walker.skipChildren();
+            break;
+        }
+        ++visited;
+        float progress = static_cast<float>(visited) * 100.0f / static_cast<float>(expectedCount_);
+        status_.setCopyProgress(progress);
+        status_.setAnalyseProgress(progress);
+        status_.reportProgress();
+    }
+    return true;
+}
+
+// A source that cannot be looked up (no permission, an I/O error) keeps its mirror and
+// everything below it.
+FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot, const std::string& sourcePath,
+                                                  const FVDirectoryWalker::Entry& entry) {
+    const bool sourceSeen = findings_.sourcePaths.contains(sourcePath);
+    // Leftovers of an interrupted copy are no user files: they simply go, unarchived.
+    if (!sourceSeen && isTemporaryName(entry.name()) && !S_ISDIR(entry.st.st_mode) &&
+        FVFileManager::existenceAtPath(sourcePath) == FVExistence::Missing)
+        return Decision::RemoveLeftover;
+    if (sourceSeen || FVExclusionRules::fileShouldBeExcluded(sourcePath, settings_.protectedPaths, nullptr) ||
+        FVText::lastPathComponent(sourcePath).rfind("._", 0) == 0 || findings_.isBelowUnreadableSource(sourcePath))
+        return Decision::Keep;
+    // What a clone of the whole system leaves out is the destination volume's own business.
+    if (sourceRoot == "/" &&
+        FVExclusionRules::fileShouldBeExcluded(sourcePath, FVExclusionRules::rootClonePatterns(), nullptr))
+        return Decision::Keep;
+    if (findings_.isWithinDestination(sourcePath) ||
+        FVExclusionRules::fileShouldBeExcluded(sourcePath, findings_.excludedFiles, nullptr))
+        return Decision::ArchiveOrRemove;
+    int error = 0;
+    switch (FVFileManager::existenceAtPath(sourcePath, &error)) {
+    case FVExistence::Exists:
+        return Decision::Keep;
+    case FVExistence::Missing:
+        return Decision::ArchiveOrRemove;
+    case FVExistence::Unknown:
+        break;
+    }
+    findings_.unreadableSourcePaths.push_back(sourcePath);
+    std::string message = fmt::format("ERROR: Could not check whether {} still exists ({}); its backup {} is kept.",
+                                      sourcePath, std::strerror(error), entry.path);
+    status_.log(message);
+    status_.addError(message);
+    return Decision::Keep;
+}
+
+void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std::string& relative,
+                                        const std::string& itemPath) {
+    destination_.unlock(itemPath);
+    status_.verboseLog("Removing: " + itemPath);
+    if (archives()) {
+        const std::string archiveRoot =
+            fmt::format("{}/__removed/{}/", settings_.targetPath, settings_.archiveFolderName);
+        std::string archivePath =
+            settings_.syncMode()
+                ? fmt::format("{}{}/{}", archiveRoot, FVText::lastPathComponent(sourceRoot), relative)
+                : FVText::appendingPathComponent(archiveRoot, FVText::appendingPathComponent(sourceRoot, relative).substr(1));
+        if (destination_.moveItem(itemPath, archivePath) == 0) return;
+        destination_.unlock(FVText::deletingLastPathComponent(itemPath));
+        int error = destination_.moveItem(itemPath, archivePath);
+        if (error == 0 || status_.stopOnFatalDestinationError(error)) return;
+        // The item stays in the mirror: it is never deleted in place of a failed archive move.
+        status_.log(fmt::format("ERROR: Archiving deleted file failed: {} ({})", itemPath, std::strerror(error)));
+        status_.addError("Archiving deleted file failed: " + itemPath);
+        return;
+    }
+    if (destination_.removeItem(itemPath) == 0) return;
+    destination_.unlock(FVText::deletingLastPathComponent(itemPath));
+    destination_.unlock(itemPath, true);
+    int error = destination_.removeItem(itemPath);
+    if (error == 0 || status_.stopOnFatalDestinationError(error)) return;
+    status_.log(fmt::format("ERROR: Deleting failed: {} ({})", itemPath, std::strerror(error)));
+    status_.addError("Deleting failed: " + itemPath);
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,46 @@
+#pragma once
+// After all sources are mirrored: destination items whose source is gone (or now excluded) are
+// archived into __removed/<stamp>/ or deleted. Only a definite answer that a source is gone lets
+// its mirror go.
+
+#include "engine/FVDestinationTree.h"
+#include "fs/FVDirectoryWalker.h"
+#include "engine/FVRunFindings.h"
+#include "engine/FVRunSettings.h"
+#include "engine/FVRunStatus.h"
+#include "engine/FVSourceItem.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace ferrovane {
+
+class FVMirrorCleanup {
+public:
+    FVMirrorCleanup(const FVRunSettings& settings, FVRunFindings& findings, const FVDestinationTree& destination,
+                    FVRunStatus& status)
+        : settings_(settings), findings_(findings), destination_(destination), status_(status) {}
+
+    // Walks the mirror of every enabled source item; returns false when the run was cancelled.
+    // expectedCount (the items' stored file counts) scales the progress.
+    bool run(const std::vector<FVSourceItemPtr>& backupSet, int32_t expectedCount);
+
+    enum class Decision { Keep, ArchiveOrRemove, RemoveLeftover };
+
+private:
+    bool archives() const { return settings_.options.moveDeletedFiles; }
+    // Returns false when the run was cancelled.
+    bool cleanSourceRoot(const std::string& sourceRoot, bool emptySourceConfirmed);
+    Decision decide(const std::string& sourceRoot, const std::string& sourcePath, const FVDirectoryWalker::Entry& entry);
+    void removeDeletedItem(const std::string& sourceRoot, const std::string& relative, const std::string& itemPath);
+
+    const FVRunSettings& settings_;
+    FVRunFindings& findings_;
+    const FVDestinationTree& destination_;
+    FVRunStatus& status_;
+    int handled_ = 0;
+    int32_t expectedCount_ = 0;
+};
+
+}  // namespace ferrovane

@@ -1,0 +1,33 @@
+#pragma once
+// What one run towards one destination is told before it starts and never changes afterwards:
+// the parts of the run read it from any thread without a lock.
+
+#include "engine/FVOptions.h"
+
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace ferrovane {
+
+struct FVRunSettings {
+    std::string targetPath;
+    FVOptions options;
+    // The stamp of this run's folders in __changed and __removed.
+    std::string archiveFolderName;
+    // Destination items the cleanup never takes away (a clone of "/" keeps the volume's own files).
+    std::vector<std::string> protectedPaths;
+    bool willPerformCleanup = false;
+    // Decides and reports everything, changes nothing.
+    bool dryRun = false;
+    // The destination folder itself, so that a walk never descends into it from a source.
+    dev_t destinationDevice = 0;
+    ino_t destinationInode = 0;
+
+    bool syncMode() const { return options.syncMode != 0; }
+    // The destination folder of a source item.
+    std::string itemTargetPath(const std::string& sourcePath) const;
+};
+
+}  // namespace ferrovane

@@ -1,0 +1,76 @@
+#include "engine/FVRunStatus.h"
+
+#include "engine/FVLog.h"
+
+#include <cerrno>
+#include <cmath>
+#include <utility>
+
+namespace ferrovane {
+
+FVRunStatus::FVRunStatus(bool verboseLogging, std::function<void()> progressChanged)
+    : verboseLogging_(verboseLogging), progressChanged_(std::move(progressChanged)) {}
+
+void FVRunStatus::log(const std::string& line) const { FVLog::currentLog().addLogLine(line); }
+
+void FVRunStatus::verboseLog(const std::string& line) const {
+    if (verboseLogging_) log(line);
+}
+
+void FVRunStatus::addError(std::string message) {
+    std::lock_guard lock(errorsMutex_);
+    errorMessages_.push_back(std::move(message));
+}
+
+std::vector<std::string> FVRunStatus::errorMessages() const {
+    std::lock_guard lock(errorsMutex_);
+    return errorMessages_;
+}
+
+void FVRunStatus::cancel() {
+    if (auto worker = currentWorker()) worker->cancel();
+    log("Aborting sync...");
+    cancelled_.store(true, std::memory_order_relaxed);
+}
+
+bool FVRunStatus::stopOnFatalDestinationError(int error) {
+    if (error != EROFS && error != ENOSPC && error != EDQUOT) return false;
+    if (auto worker = currentWorker()) worker->stopOnDestinationError(error);
+    cancel();
+    return true;
+}
+
+void FVRunStatus::setCurrentWorker(std::shared_ptr<FVFileCopyWorker> worker) {
+    std::shared_ptr<FVFileCopyWorker> previous;
+    {
+        std::lock_guard lock(workerMutex_);
+        previous = std::exchange(worker_, std::move(worker));
+    }
+    // The previous item's worker has finished; it goes outside the lock, joining its threads.
+}
+
+std::shared_ptr<FVFileCopyWorker> FVRunStatus::currentWorker() const {
+    std::lock_guard lock(workerMutex_);
+    return worker_;
+}
+
+void FVRunStatus::restartProgress(float analyse) {
+    copyProgress_.store(0, std::memory_order_relaxed);
+    lastReportedProgress_.store(0, std::memory_order_relaxed);
+    analyseProgress_.store(analyse, std::memory_order_relaxed);
+}
+
+float FVRunStatus::progressStatus() const {
+    float p = (analyseProgress_.load(std::memory_order_relaxed) + copyProgress_.load(std::memory_order_relaxed)) * 0.5f;
+    return p > 100.0f ? 100.0f : p;
+}
+
+void FVRunStatus::reportProgress() {
+    float p = (analyseProgress_.load(std::memory_order_relaxed) + copyProgress_.load(std::memory_order_relaxed)) * 0.5f;
+    if (std::fabs(p - lastReportedProgress_.load(std::memory_order_relaxed)) > 0.1f) {
+        lastReportedProgress_.store(p, std::memory_order_relaxed);
+        progressChanged_();
+    }
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,64 @@
+#pragma once
+// Where one run stands, shared by its parts and read by the front ends from any thread: the log
+// lines and errors it reports, its progress, its cancellation, and the copy worker of the source
+// item in hand (which a cancellation or a full destination has to stop as well).
+
+#include "engine/FVFileCopyWorker.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace ferrovane {
+
+class FVRunStatus {
+public:
+    // progressChanged is called (on the reporting thread) when the progress moved noticeably.
+    FVRunStatus(bool verboseLogging, std::function<void()> progressChanged);
+
+    void log(const std::string& line) const;
+    void verboseLog(const std::string& line) const;
+    void addError(std::string message);
+    std::vector<std::string> errorMessages() const;
+
+    // Stops the current copy worker and every later step that looks at isCancelled().
+    void cancel();
+    bool isCancelled() const { return cancelled_.load(std::memory_order_relaxed); }
+    // A read-only or full destination ends the run at once with one error instead of one per
+    // item; returns whether the error was of that kind.
+    bool stopOnFatalDestinationError(int error);
+
+    void setCurrentWorker(std::shared_ptr<FVFileCopyWorker> worker);
+    std::shared_ptr<FVFileCopyWorker> currentWorker() const;
+
+    // The current step's progress is the mean of its analysis and copy shares, each 0 to 100.
+    void setAnalyseProgress(float percent) { analyseProgress_.store(percent, std::memory_order_relaxed); }
+    void setCopyProgress(float percent) { copyProgress_.store(percent, std::memory_order_relaxed); }
+    void restartProgress(float analyse);
+    void reportProgress();
+    float progressStatus() const;
+
+    // What the analysis of the current source item counted.
+    std::atomic<uint64_t> updateCount{0};
+    std::atomic<uint64_t> totalFilesCount{0};
+
+private:
+    bool verboseLogging_;
+    std::function<void()> progressChanged_;
+    std::atomic<bool> cancelled_{false};
+    std::atomic<float> analyseProgress_{0};
+    std::atomic<float> copyProgress_{0};
+    std::atomic<float> lastReportedProgress_{0};
+
+    mutable std::mutex errorsMutex_;
+    std::vector<std::string> errorMessages_;
+
+    mutable std::mutex workerMutex_;
+    std::shared_ptr<FVFileCopyWorker> worker_;
+};
+
+}  // namespace ferrovane

@@ -1,0 +1,43 @@
+#pragma once
+// The walk of one source item: decides entry by entry what the destination lacks and hands each
+// such pair on (to the copy worker, which copies while the walk goes on) at once.
+
+#include "engine/FVFileSystemItem.h"
+#include "engine/FVRunFindings.h"
+#include "engine/FVRunSettings.h"
+#include "engine/FVRunStatus.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace ferrovane {
+
+class FVSourceAnalysis {
+public:
+    // A pair to copy. folderDatesOnly: an unchanged folder queued again so that its dates are
+    // applied after a write into it changed them.
+    using HandOver = std::function<void(FVFileSystemItemPtr source, FVFileSystemItemPtr destination, bool folderDatesOnly)>;
+
+    FVSourceAnalysis(const FVRunSettings& settings, FVRunFindings& findings, FVRunStatus& status, HandOver handOver);
+
+    // Adds the patterns that depend on what the source item holds, then walks it.
+    void analyse(const std::string& sourcePath, int64_t estimatedFileCount);
+
+private:
+    void addFixedPatterns(const std::string& sourcePath);
+    void walk(const std::string& sourceRoot, const std::string& targetRoot);
+    bool isExcluded(const std::string& path, const std::string& sourceRoot) const;
+    bool needsBackup(FVFileSystemItem& source, FVFileSystemItem& target) const;
+    // Logs and keeps a source item that could not be read: its mirror is left as it is.
+    void reportUnreadableSource(const std::string& path, int error);
+    void handOver(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
+
+    const FVRunSettings& settings_;
+    FVRunFindings& findings_;
+    FVRunStatus& status_;
+    HandOver handOver_;
+    int64_t estimatedFileCount_ = 1;
+};
+
+}  // namespace ferrovane
