@@ -29,7 +29,7 @@ const char* const kCommands =
     "Commands (each with its own --help):\n"
     "  ferrovane                            open the window\n"
     "  ferrovane --add PATH...              add paths as sources in the open window\n"
-    "  ferrovane DESTINATION [--no-notifications | -noUserNotifications]\n"
+    "  ferrovane DESTINATION [--no-notifications | -noUserNotifications] [-n | --dry-run]\n"
     "                                       back up every source configured in the destination\n"
     "  ferrovane runs DESTINATION [--json]  list the runs' archives and the last results\n"
     "  ferrovane search DESTINATION WORD... [--json]\n"
@@ -65,6 +65,7 @@ struct RootCommand {
     CLI::App app{kRootDescription, "ferrovane"};
     std::string destination;
     bool noNotifications = false;
+    bool dryRun = false;
     std::vector<std::string> add;
 
     RootCommand() {
@@ -74,6 +75,8 @@ struct RootCommand {
                              "print the version and the build number");
         app.add_option("DESTINATION", destination, "absolute path of the destination to back up");
         app.add_flag("--no-notifications", noNotifications, "no desktop notification (also -noUserNotifications)");
+        app.add_flag("-n,--dry-run", dryRun,
+                     "list what the backup would copy, archive, remove and purge; change nothing");
         app.add_option("--add", add, "paths to add as sources in the window")
             ->type_name("PATH")
             ->expected(0, CLI::detail::expected_max_vector_size);
@@ -224,14 +227,14 @@ std::optional<int> run(int argc, char** argv) {
     RootCommand root;
     if (auto status = parse(root.app, arguments)) return *status;
     bool window = root.app.count("--add") > 0;
-    if (window && (!root.destination.empty() || root.noNotifications))
+    if (window && (!root.destination.empty() || root.noNotifications || root.dryRun))
         return refuse(root.app, "--add opens the window: it takes no destination");
     if (window || arguments.empty()) return std::nullopt;
     if (root.destination.empty()) return refuse(root.app, "a destination is required");
     if (root.destination.front() != '/')
         return refuse(root.app,
                       "the destination must be an absolute path: " + FVSearchText::printable(root.destination));
-    return FVCommanlineMode::main(root.destination, root.noNotifications);
+    return FVCommanlineMode::main(root.destination, root.noNotifications, root.dryRun);
 }
 
 int usageError(const std::string& why) {

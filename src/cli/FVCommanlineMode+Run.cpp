@@ -26,6 +26,7 @@ int FVCommanlineMode::runBackup() {
     backupSession_->setConfigurationProblems(skippedItems_);
     backupSession_->setBackupSet(backupSetController_->arrangedObjects());
     backupSession_->setExcludePaths(backupSetController_->excludePaths());
+    backupSession_->setDryRun(dryRun_);
 
     notify({"Starting sync to: " + FVText::lastPathComponent(destinationPath_), "", ""}, false);
     runLoop_.post([this] { backupSession_->start(); });
@@ -44,11 +45,17 @@ void FVCommanlineMode::interrupt() {
 }
 
 void FVCommanlineMode::backupSessionProgressDidChange(FVBackupSession& session) {
+    // A dry run's output is its list of changes; a progress line would be drawn across it.
+    if (dryRun_) return;
     uint64_t items = 0;
     if (FVSyncingBackup* job = session.syncingBackup())
         if (auto worker = job->backupCopyWorker()) items = worker->copiedFiles();
     progress_.update(session.currentTaskDescription(), session.progressPercent(), items,
                      session.sessionTotalBytesCopied());
+}
+
+void FVCommanlineMode::backupSessionWouldChange(FVBackupSession&, const std::string& line) {
+    std::printf("%s\n", FVSearchText::printable(line).c_str());
 }
 
 void FVCommanlineMode::backupSessionDidFinish(FVBackupSession&) {
@@ -61,7 +68,7 @@ void FVCommanlineMode::finishOnMainThread() {
     for (const FVSourceItemPtr& item : configuration_.sources)
         if (item->enabled() == int64_t(FVSourceMode::Backup)) backedUp.push_back(item);
     std::string error;
-    if (!FVConfigurationFile::writeRunResults(backedUp, settingsPath_, &error))
+    if (!dryRun_ && !FVConfigurationFile::writeRunResults(backedUp, settingsPath_, &error))
         std::fprintf(stderr, "Warning: the results could not be saved in the configuration: %s\n", error.c_str());
 
     FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(destinationPath_),
@@ -76,7 +83,7 @@ void FVCommanlineMode::finishOnMainThread() {
         runLoop_.stop(255);
         return;
     }
-    std::printf("\nSync finished successfully.\n");
+    std::printf(dryRun_ ? "\nDry run finished: nothing was changed.\n" : "\nSync finished successfully.\n");
     std::fflush(stdout);
     notify(notification, true);
     runLoop_.stop(0);

@@ -25,7 +25,7 @@ void waitForNotificationHandOver() { std::this_thread::sleep_for(std::chrono::mi
 FVCommanlineMode::FVCommanlineMode(std::unique_ptr<FVUserNotifier> notifier)
     : notifier_(std::move(notifier)) {}
 
-int FVCommanlineMode::main(const std::string& destinationPath, bool noNotifications) {
+int FVCommanlineMode::main(const std::string& destinationPath, bool noNotifications, bool dryRun) {
     // Interrupts are taken by a thread of their own; they must be blocked before any thread starts.
     sigset_t interrupts;
     sigemptyset(&interrupts);
@@ -40,7 +40,8 @@ int FVCommanlineMode::main(const std::string& destinationPath, bool noNotificati
     if (destination.size() > 1 && destination.back() == '/')
         destination = FVText::standardizedPath(destination);
     FVCommanlineMode runner(makeDesktopNotifier());
-    runner.setDisableUserNotifications(noNotifications);
+    runner.setDisableUserNotifications(noNotifications || dryRun);
+    runner.setDryRun(dryRun);
     std::thread([&runner, interrupts] {
         for (;;) {
             int signal = 0;

@@ -26,14 +26,17 @@ public:
     // One backup of the destination, an absolute path. Returns the exit status: 0 after a run
     // without errors, FVDestinationLock::busyExitStatus when another run holds the destination,
     // 255 for every other failure.
-    static int main(const std::string& destinationPath, bool noNotifications);
+    // A dry run prints what the run would change and changes nothing, not even the configuration.
+    static int main(const std::string& destinationPath, bool noNotifications, bool dryRun);
 
     void setDisableUserNotifications(bool disable) { disableUserNotifications_ = disable; }
+    void setDryRun(bool dryRun) { dryRun_ = dryRun; }
     int startBackupWithDestinationPath(const std::string& destinationPath);
 
     void backupSessionProgressDidChange(FVBackupSession& session) override;
     void backupSessionDidFinish(FVBackupSession& session) override;
     void backupSessionDidCancel(FVBackupSession& session) override;
+    void backupSessionWouldChange(FVBackupSession& session, const std::string& line) override;
 
     // Called from the signal thread: the first interrupt cancels the run like a cancel in the
     // window; a second one during the cancel ends the process at once.
@@ -49,6 +52,7 @@ private:
     std::unique_ptr<FVUserNotifier> notifier_;
     FVProgressLine progress_{stdout, isatty(STDOUT_FILENO) != 0};
     bool disableUserNotifications_ = false;
+    bool dryRun_ = false;
     std::string destinationPath_;
     std::string settingsPath_;
     // Held from before the configuration is read until the process ends.

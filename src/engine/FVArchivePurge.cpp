@@ -34,7 +34,7 @@ void FVArchivePurge::purgeFolder(const std::string& folder, int64_t age) {
         int32_t days = static_cast<int32_t>(offset) / -86400;
         if (days < static_cast<int32_t>(age)) continue;
         if (settings_.dryRun) {
-            status_.log("Would purge: " + path);
+            status_.planned("Would purge: " + path);
             continue;
         }
         bool removed = destination_.removeItem(path) == 0;

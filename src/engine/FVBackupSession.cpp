@@ -72,6 +72,10 @@ void FVBackupSession::start() {
             settings.protectedPaths = FVExclusionRules::rootCloneProtectedPaths();
     settings.willPerformCleanup = shouldPerformCleanup_;
     settings.dryRun = dryRun_;
+    if (dryRun_)
+        settings.reportPlannedChange = [this](const std::string& line) {
+            if (delegate_) delegate_->backupSessionWouldChange(*this, line);
+        };
     syncingBackup_ = std::make_unique<FVSyncingBackup>(std::move(settings), excludePaths_, [this] { progressStep(); });
     currentItemIndex_ = 0;
     driver_ = std::thread([this] { run(); });

@@ -27,6 +27,8 @@ public:
     virtual void backupSessionProgressDidChange(FVBackupSession& session) {}
     virtual void backupSessionDidFinish(FVBackupSession& session) {}
     virtual void backupSessionDidCancel(FVBackupSession& session) {}
+    // A dry run's decision, one line ("Would copy: PATH"), in the order the run makes them.
+    virtual void backupSessionWouldChange(FVBackupSession& session, const std::string& line) {}
 };
 
 class FVBackupSession final {

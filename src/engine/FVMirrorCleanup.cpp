@@ -85,11 +85,11 @@ bool FVMirrorCleanup::cleanSourceRoot(const std::string& sourceRoot, bool emptyS
             if (type == S_IFDIR && findings_.isBelowUnreadableSource(sourcePath)) walker.skipChildren();
             break;
         case Decision::RemoveLeftover:
-            if (settings_.dryRun) status_.log("Would remove: " + path);
+            if (settings_.dryRun) status_.planned("Would remove: " + path);
             else destination_.keepingParentDates(path, [&] { destination_.removeItem(path); });
             break;
         case Decision::ArchiveOrRemove:
-            if (settings_.dryRun) status_.log("Would remove: " + path);
+            if (settings_.dryRun) status_.planned((archives() ? "Would archive: " : "Would remove: ") + path);
             else destination_.keepingParentDates(path, [&] { removeDeletedItem(sourceRoot, relative, path); });
             ++handled_;
             if (type == S_IFDIR) walker.skipChildren();

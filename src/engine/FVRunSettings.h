@@ -4,6 +4,7 @@
 
 #include "engine/FVOptions.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,8 @@ struct FVRunSettings {
     bool willPerformCleanup = false;
     // Decides and reports everything, changes nothing.
     bool dryRun = false;
+    // Where a dry run's decisions ("Would copy: ...") go besides the log; called on the run's threads.
+    std::function<void(const std::string&)> reportPlannedChange;
     // The destination folder itself, so that a walk never descends into it from a source.
     dev_t destinationDevice = 0;
     ino_t destinationInode = 0;

@@ -13,6 +13,11 @@ FVRunStatus::FVRunStatus(bool verboseLogging, std::function<void()> progressChan
 
 void FVRunStatus::log(const std::string& line) const { FVLog::currentLog().addLogLine(line); }
 
+void FVRunStatus::planned(const std::string& line) const {
+    log(line);
+    if (plannedChange_) plannedChange_(line);
+}
+
 void FVRunStatus::verboseLog(const std::string& line) const {
     if (verboseLogging_) log(line);
 }

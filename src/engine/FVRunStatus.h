@@ -21,6 +21,9 @@ public:
     FVRunStatus(bool verboseLogging, std::function<void()> progressChanged);
 
     void log(const std::string& line) const;
+    // A change a dry run would have made: logged and passed to the listener.
+    void planned(const std::string& line) const;
+    void setPlannedChangeListener(std::function<void(const std::string&)> listener) { plannedChange_ = std::move(listener); }
     void verboseLog(const std::string& line) const;
     void addError(std::string message);
     std::vector<std::string> errorMessages() const;
@@ -49,6 +52,7 @@ public:
 private:
     bool verboseLogging_;
     std::function<void()> progressChanged_;
+    std::function<void(const std::string&)> plannedChange_;
     std::atomic<bool> cancelled_{false};
     std::atomic<float> analyseProgress_{0};
     std::atomic<float> copyProgress_{0};

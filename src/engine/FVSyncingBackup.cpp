@@ -44,6 +44,7 @@ FVSyncingBackup::FVSyncingBackup(FVRunSettings settings, std::vector<std::string
     : settings_(withDestinationIdentity(std::move(settings))),
       status_(settings_.options.performExtendedLogging, std::move(progressChanged)),
       destination_(settings_.targetPath), changedFileArchive_(settings_, destination_, status_) {
+    status_.setPlannedChangeListener(settings_.reportPlannedChange);
     mountWatcher_ = FVMountWatcher::start([this](const std::string& mountPoint) { checkVolumeDidUnmount(mountPoint); });
 
     FVLog::currentLog().newLog();
@@ -123,11 +124,11 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
 }
 
 void FVSyncingBackup::reportWouldCopy(FVFileSystemItem& source, FVFileSystemItem& destination) {
-    status_.log("Would copy: " + source.path());
+    status_.planned("Would copy: " + source.path());
     // The copy archives whatever it replaces, except a folder's metadata applied to a folder.
     if (settings_.options.moveChangedFiles && destination.fileExists() &&
         (source.isFile() || destination.fileType() != FVFileType::Directory))
-        status_.log("Would archive: " + destination.path());
+        status_.planned("Would archive: " + destination.path());
 }
 
 bool FVSyncingBackup::waitForCopies(FVFileCopyWorker& worker) {

@@ -142,6 +142,15 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
 
     writeFile(source + "/Docs/change.txt", "version 2, longer");
     fs::remove_all(source + "/Docs/sub");
+    // A dry run names each change and makes none, not even in the configuration.
+    const std::string untouched = treeDigest(destination);
+    auto dry = run({"--dry-run"});
+    ASSERT_EQ(dry.exitStatus, 0) << dry.out << dry.err;
+    EXPECT_EQ(treeDigest(destination), untouched);
+    for (const std::string& line : {"Would copy: " + source + "/Docs/change.txt\n",
+                                    "Would archive: " + destination + "/Docs/change.txt\n",
+                                    "Would archive: " + destination + "/Docs/sub\n", std::string("nothing was changed")})
+        EXPECT_NE(dry.out.find(line), std::string::npos) << line << dry.out;
     auto second = run();
     ASSERT_EQ(second.exitStatus, 0) << second.out;
 
@@ -159,7 +168,7 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
     EXPECT_EQ(readFile(destination + "/Docs/._keep.txt"), "companion");
 
     // runs lists the run's stamp with what each archive holds, and writes nothing.
-    std::string before = treeSnapshot(destination);
+    std::string before = treeDigest(destination);
     auto runs = ferrovane({"runs", destination, "--json"});
     ASSERT_EQ(runs.exitStatus, 0) << runs.err;
     EXPECT_EQ(jsonQuery(runs.out, "[(r['stamp'], r['changed'], r['removed']) for r in d['runs']]"),
@@ -167,7 +176,7 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
     EXPECT_EQ(jsonQuery(runs.out, "[(s['path'], s['totalFiles'] > 0) for s in d['sources']]"),
               "[('" + source + "/Docs', True)]");
     EXPECT_EQ(ferrovane({"runs", destination}).exitStatus, 0);
-    EXPECT_EQ(treeSnapshot(destination), before);
+    EXPECT_EQ(treeDigest(destination), before);
 
     std::string log = readFile(logPath());
     EXPECT_NE(log.find("Archiving deleted items finished: archived 1 items."), std::string::npos);
@@ -279,12 +288,12 @@ TEST_F(BackupRun, AnOptionThatCannotBeUsedStopsTheRunBeforeItTouchesTheDestinati
             options.set(flag, int64_t{1});
         options.set(key, value);
         configure({{source, FVSourceMode::Backup}}, options);
-        std::string before = treeSnapshot(destination);
+        std::string before = treeDigest(destination);
 
         auto result = run();
         EXPECT_EQ(result.exitStatus, 255) << key;
         EXPECT_NE(result.err.find(std::string("Option ") + key + ": expected "), std::string::npos) << result.err;
-        EXPECT_EQ(treeSnapshot(destination), before) << key << " " << value.typeName();
+        EXPECT_EQ(treeDigest(destination), before) << key << " " << value.typeName();
     }
     auto r = run();
     EXPECT_NE(r.err.find("Option UUID: expected a text, found the number 5."), std::string::npos) << r.err;

@@ -32,10 +32,10 @@ TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
         {{"config", "--help"}, 0, "Usage: ferrovane config", ""},
         {{"config", d, "schedule", "--help"}, 0, "Usage: ferrovane config schedule", ""},
 
-        {{"--bogus"}, 2, "", "--bogus"}, {{"-v"}, 2, "", "-v"}, {{d, "-n"}, 2, "", "-n"},
+        {{"--bogus"}, 2, "", "--bogus"}, {{"-v"}, 2, "", "-v"}, {{d, "-x"}, 2, "", "-x"},
         {{d, "extra"}, 2, "", "extra"},
         {{"relative/dest"}, 2, "", "must be an absolute path"},
-        {{d, "--dry-run"}, 2, "", "--dry-run"},
+        {{"--add", d, "--dry-run"}, 2, "", "takes no destination"},
         {{d, "--", "-noUserNotifications"}, 2, "", "-noUserNotifications"},
         {{"--no-notifications"}, 2, "", "a destination is required"},
         {{"search", d}, 2, "", "WORD is required"},
@@ -51,6 +51,7 @@ TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
         // The historic forms reach the run, which finds no configuration here.
         {{d, "-noUserNotifications"}, 255, "Could not read configuration", ""},
         {{"--no-notifications", "--", d}, 255, "Could not read configuration", ""},
+        {{d, "-n"}, 255, "Could not read configuration", ""},
         {{"search", d, "two", "WORDS"}, 0, "/two words.txt\n", ""},
         {{"search", d, "--", "-x-"}, 1, "", "no file name"},
         {{"runs", d}, 1, "", "not a backup destination"},

@@ -59,22 +59,6 @@ protected:
         return r.out + r.err;
     }
 
-    // Every entry below root with its bytes (or its link target), for a before/after comparison.
-    static std::string treeSnapshot(const std::string& root) {
-        namespace fs = std::filesystem;
-        std::vector<std::string> lines;
-        for (const auto& e : fs::recursive_directory_iterator(root)) {
-            std::string line = e.path().string().substr(root.size());
-            if (e.is_symlink()) line += " -> " + fs::read_symlink(e.path()).string();
-            else if (e.is_regular_file()) line += " = " + readFile(e.path());
-            lines.push_back(line);
-        }
-        std::sort(lines.begin(), lines.end());
-        std::string out;
-        for (const auto& line : lines) out += line + "\n";
-        return out;
-    }
-
     TempDir dir;
     std::string source = dir / "src", destination = dir / "dest";
 };
