@@ -33,7 +33,7 @@ bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination)
     if (status_.stopOnFatalDestinationError(error)) return false;
     const char* reason = std::strerror(error);
     status_.log(fmt::format("ERROR: Archiving of changed file failed: {} ({})", path, reason));
-    status_.addError("Archiving changed file failed: " + path);
+    status_.addError(fmt::format("Archiving changed file failed: {} ({})", path, reason));
     FVSystemLog::error("FVSyncingBackup", fmt::format("Archiving changed file failed: {} -> {} ({})", path, archived, reason));
     return false;
 }

@@ -156,8 +156,10 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
         int error = destination_.moveItem(itemPath, archivePath);
         if (error == 0 || status_.stopOnFatalDestinationError(error)) return;
         // The item stays in the mirror: it is never deleted in place of a failed archive move.
-        status_.log(fmt::format("ERROR: Archiving deleted file failed: {} ({})", itemPath, std::strerror(error)));
-        status_.addError("Archiving deleted file failed: " + itemPath);
+        // The error list carries the reason too: it is all a user sees of the failure.
+        std::string message = fmt::format("Archiving deleted file failed: {} ({})", itemPath, std::strerror(error));
+        status_.log("ERROR: " + message);
+        status_.addError(message);
         return;
     }
     if (destination_.removeItem(itemPath) == 0) return;
@@ -165,8 +167,9 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
     destination_.unlock(itemPath, true);
     int error = destination_.removeItem(itemPath);
     if (error == 0 || status_.stopOnFatalDestinationError(error)) return;
-    status_.log(fmt::format("ERROR: Deleting failed: {} ({})", itemPath, std::strerror(error)));
-    status_.addError("Deleting failed: " + itemPath);
+    std::string message = fmt::format("Deleting failed: {} ({})", itemPath, std::strerror(error));
+    status_.log("ERROR: " + message);
+    status_.addError(message);
 }
 
 }  // namespace ferrovane
