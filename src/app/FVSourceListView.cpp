@@ -1,7 +1,11 @@
 #include "app/FVSourceListView.h"
 
 #include "app/FVModePopupDelegate.h"
+#include "app/FVQtStrings.h"
 #include "app/FVSourceListModel.h"
+
+#include <QContextMenuEvent>
+#include <QMenu>
 
 #include <QHeaderView>
 #include <QItemSelectionModel>
@@ -72,6 +76,19 @@ void FVSourceListView::selectRows(int first, int count) {
     if (count <= 0) return;
     QItemSelection range(model()->index(first, 0), model()->index(first + count - 1, model()->columnCount() - 1));
     selectionModel()->select(range, QItemSelectionModel::ClearAndSelect);
+}
+
+void FVSourceListView::contextMenuEvent(QContextMenuEvent* event) {
+    const int row = indexAt(event->pos()).row();
+    if (row < 0) return;
+    selectRows(row, 1);
+    // Only what is backed up has a copy to restore.
+    const bool backedUp = model()->index(row, FVSourceListModel::ModeColumn).data(Qt::EditRole).toLongLong() ==
+                          int64_t(FVSourceMode::Backup);
+    QMenu menu(this);
+    QAction* restore = menu.addAction(localized("menurestoresource"));
+    restore->setEnabled(restoreEnabled_ && backedUp);
+    if (menu.exec(event->globalPos()) == restore) emit restoreRequested(row);
 }
 
 void FVSourceListView::keyPressEvent(QKeyEvent* event) {
