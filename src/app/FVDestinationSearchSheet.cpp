@@ -93,9 +93,13 @@ FVDestinationSearchSheet::FVDestinationSearchSheet(QWidget* window, FVMainQueue&
 
     connect(field_, &QLineEdit::textChanged, this, [this](const QString& text) {
         chosenVersions_.clear();
+        userChoseRow_ = false;
         search_->searchFieldChanged(text.toStdString());
     });
-    connect(results_, &QTreeWidget::currentItemChanged, this, &FVDestinationSearchSheet::currentRowChanged);
+    connect(results_, &QTreeWidget::currentItemChanged, this, [this] {
+        userChoseRow_ = true;  // the list's own rebuilds block this signal
+        currentRowChanged();
+    });
     connect(results_, &QTreeWidget::itemDoubleClicked, this, &FVDestinationSearchSheet::revealCurrent);
     connect(versions_, &QComboBox::activated, this, &FVDestinationSearchSheet::versionChosen);
     connect(reveal_, &QPushButton::clicked, this, &FVDestinationSearchSheet::revealCurrent);
@@ -131,7 +135,9 @@ QString FVDestinationSearchSheet::selectedVersionPath(int row) const {
 
 void FVDestinationSearchSheet::searchResultsDidChange() {
     // Keep the row the user is on while matches keep arriving.
-    QString current = results_->currentItem() ? results_->currentItem()->data(NameColumn, Qt::UserRole).toString() : QString();
+    QString current = userChoseRow_ && results_->currentItem()
+                          ? results_->currentItem()->data(NameColumn, Qt::UserRole).toString()
+                          : QString();
     const int scrolled = results_->verticalScrollBar()->value();
     QSignalBlocker blocker(results_);
     results_->clear();

@@ -47,6 +47,8 @@ private:
     // The chosen version's full path per logical path: results are regrouped on every match, and
     // a version that arrives later must not shift the choice.
     QHash<QString, QString> chosenVersions_;
+    // Until the user picks a row, the first one is current, whatever order matches arrive in.
+    bool userChoseRow_ = false;
     QLineEdit* field_;
     QProgressBar* spinner_;
     QTreeWidget* results_;

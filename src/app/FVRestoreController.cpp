@@ -219,6 +219,8 @@ void FVRestoreController::askAboutConflicts() {
 void FVRestoreController::copy(bool replace) {
     FVCoverView* cover = window_->coverView();
     cover->setMessage(localizedFormat("restoring", name_));
+    done_ = 0;
+    total_ = plans_.front().pairs().size();
     showProgress();
     worker_ = std::thread([this, replace] {
         FVRestoreRun run(plans_, replace);
@@ -269,6 +271,8 @@ void FVRestoreController::finished() {
     QString summary = plural("restoresummary", (long long)summary_.files,
                              FVNumber::formattedDiskSizeString(double(summary_.bytes)));
     if (summary_.replaced > 0) summary += " · " + plural("restorereplacedcount", (long long)summary_.replaced);
+    const uint64_t identical = plans_.empty() ? 0 : plans_.front().identicalCount();
+    if (identical > 0) summary += " · " + plural("restoreidenticalcount", (long long)identical);
     end();
 
     FVCoverView* cover = window_->coverView();
