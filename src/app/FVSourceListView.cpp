@@ -46,10 +46,10 @@ void FVSourceListView::setModel(QAbstractItemModel* model) {
     // Widths set once, so that a run's longer texts never squeeze the path.
     header->setSectionResizeMode(FVSourceListModel::SizeColumn, QHeaderView::Interactive);
     header->setSectionResizeMode(FVSourceListModel::LastRunColumn, QHeaderView::Interactive);
-    setColumnWidth(FVSourceListModel::NameColumn, 150);
+    setColumnWidth(FVSourceListModel::NameColumn, 140);
     setColumnWidth(FVSourceListModel::ModeColumn, 200);
-    setColumnWidth(FVSourceListModel::SizeColumn, 120);  // room for "Calculating size…"
-    setColumnWidth(FVSourceListModel::LastRunColumn, 280);
+    setColumnWidth(FVSourceListModel::SizeColumn, 110);  // room for "Calculating size…"
+    setColumnWidth(FVSourceListModel::LastRunColumn, 310);
     connect(model, &QAbstractItemModel::modelReset, this, &FVSourceListView::openPopups);
     connect(model, &QAbstractItemModel::rowsInserted, this, &FVSourceListView::openPopups);
     openPopups();
