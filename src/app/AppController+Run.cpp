@@ -7,6 +7,7 @@
 #include "app/FVErrorPanel.h"
 #include "app/FVMainWindow.h"
 #include "app/FVQtStrings.h"
+#include "app/FVRestoreController.h"
 #include "app/FVSourceListModel.h"
 #include "app/FVThinProgressBar.h"
 #include "engine/FVAdditions.h"
@@ -44,6 +45,11 @@ QString AppController::destinationName() const { return qPath(FVText::lastPathCo
 void AppController::startOrCancelSync() {
     QPushButton* button = window_->startButton();
     FVCoverView* cover = window_->coverView();
+    if (restoreController_->isRunning()) {
+        button->setEnabled(false);
+        restoreController_->stop();
+        return;
+    }
     if (backupIsRunning_) {
         button->setEnabled(false);
         cover->clearMessages();
@@ -346,6 +352,8 @@ void AppController::finishRunAndMaybeClose() {
 
 bool AppController::windowShouldClose() {
     if (starting_) abortStart();
+    // A restore stops with the window; what it restored so far stays, whole.
+    restoreController_->stop();
     if (!backupIsRunning_) {
         writeSettingsIfOpen();
         closeAfterRun_ = false;

@@ -8,6 +8,7 @@
 #include "app/FVMainWindow.h"
 #include "app/FVOptionsPanel.h"
 #include "app/FVQtStrings.h"
+#include "app/FVRestoreController.h"
 #include "app/FVSourceListModel.h"
 #include "app/FVSourceListView.h"
 #include "app/FVThinProgressBar.h"
@@ -65,7 +66,8 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
       launchAgentManager_(environment_.commandRunner),
       optionsPanelController_(launchAgentManager_),
       sourceModel_(std::make_unique<FVSourceListModel>(backupSetController_)),
-      window_(std::make_unique<FVMainWindow>()) {
+      window_(std::make_unique<FVMainWindow>()),
+      restoreController_(std::make_unique<FVRestoreController>(window_.get(), [this] { return backupIsRunning_ || starting_; })) {
     FVMainWindow* w = window_.get();
     w->setSourceModel(sourceModel_.get());
     w->setCloseHandler([this] { return windowShouldClose(); });
@@ -79,11 +81,15 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
     connect(w->addFoldersAction(), &QAction::triggered, this, &AppController::addSourceFolders);
     connect(w->addFilesAction(), &QAction::triggered, this, &AppController::addSourceFiles);
     connect(w->backUpNowAction(), &QAction::triggered, this, [this] {
-        if (!backupIsRunning_ && !starting_ && window_->startButton()->isEnabled()) startOrCancelSync();
+        if (!backupIsRunning_ && !starting_ && !restoreController_->isRunning() && window_->startButton()->isEnabled())
+            startOrCancelSync();
     });
     connect(w->stopAction(), &QAction::triggered, this, [this] {
-        if (starting_ || (backupIsRunning_ && !cancelling_)) startOrCancelSync();
+        if (starting_ || (backupIsRunning_ && !cancelling_) || restoreController_->isRunning()) startOrCancelSync();
     });
+    connect(w->sourceListView(), &FVSourceListView::restoreRequested, this, &AppController::restoreSelectedSource);
+    connect(restoreController_.get(), &FVRestoreController::restoreStarted, this, [this] { setRestoreHoldsWindow(true); });
+    connect(restoreController_.get(), &FVRestoreController::restoreEnded, this, [this] { setRestoreHoldsWindow(false); });
     connect(w->showErrorsAction(), &QAction::triggered, this, &AppController::showLastRunErrors);
     connect(w->aboutAction(), &QAction::triggered, this, &AppController::showAbout);
     connect(w->removeSourceButton(), &QToolButton::clicked, this, &AppController::removeSelectedSources);
@@ -226,6 +232,7 @@ void AppController::setDestinationControlsEnabled(bool enabled) {
 }
 
 void AppController::setOptionWidgetsEnabled(bool enabled) {
+    window_->sourceListView()->setRestoreEnabled(enabled);
     window_->optionsButton()->setEnabled(enabled);
     window_->searchButton()->setEnabled(enabled);
     window_->addSourceButton()->setEnabled(enabled);
@@ -572,7 +579,31 @@ void AppController::updateAutomationsAfterOptions() {
 void AppController::showSearchBackupPanel() {
     if (currentTargetPath_.empty()) return;
     auto* sheet = new FVDestinationSearchSheet(window_.get(), mainQueue_, qPath(currentTargetPath_));
+    connect(sheet, &FVDestinationSearchSheet::restoreRequested, this, [this, sheet](const QString& versionPath) {
+        restoreController_->restoreVersion(qPath(currentTargetPath_), versionPath, sheet);
+    });
     sheet->open();
+}
+
+// ---- Restores
+
+void AppController::restoreSelectedSource(int row) {
+    std::vector<FVSourceItemPtr> items = backupSetController_.arrangedObjects();
+    if (row < 0 || size_t(row) >= items.size() || currentTargetPath_.empty()) return;
+    // The restore reads the sources from the destination's configuration.
+    writeSettingsIfOpen();
+    restoreController_->restoreSourceItem(qPath(currentTargetPath_), qPath(items[size_t(row)]->sourcePath()));
+}
+
+void AppController::setRestoreHoldsWindow(bool holds) {
+    // The restore's progress is on the cover, under which the search sheet would stand.
+    if (holds)
+        for (auto* sheet : window_->findChildren<FVDestinationSearchSheet*>()) sheet->reject();
+    QPushButton* button = window_->startButton();
+    button->setText(localized(holds ? "cancelbutton" : "syncbutton"));
+    button->setEnabled(true);
+    setDestinationControlsEnabled(!holds);
+    setOptionWidgetsEnabled(!holds);
 }
 
 }  // namespace ferrovane

@@ -1,7 +1,8 @@
 #pragma once
 // The main window's controller: the destinations and the opening of one, the source list, the
 // checks before a run, the run and its outcome, the options and search sheets, and writing the
-// destination's configuration.
+// destination's configuration. Restores are FVRestoreController's; this one only keeps a backup
+// and a restore from sharing the window.
 
 #include "app/FVDestinationList.h"
 #include "app/FVQtMainQueue.h"
@@ -27,6 +28,7 @@ class QMessageBox;
 namespace ferrovane {
 
 class FVMainWindow;
+class FVRestoreController;
 class FVSourceListModel;
 
 // What the controller takes from the system, replaceable in tests.
@@ -51,6 +53,7 @@ public:
     FVBackupSession* backupSession() const { return backupSession_.get(); }
     bool isBackupRunning() const { return backupIsRunning_; }
     const FVRunOutcome& runOutcome() const { return runOutcome_; }
+    FVRestoreController& restoreController() { return *restoreController_; }
 
     // Start-up: shows the window, asks for a donation unless suppressed, checks for updates
     // when an address is configured, opens the destination selected last.
@@ -126,6 +129,8 @@ private:
     void resumeSizeEvaluation();
     void finishRunAndMaybeClose();
     bool windowShouldClose();
+    void restoreSelectedSource(int row);
+    void setRestoreHoldsWindow(bool holds);
     QString destinationName() const;
 
     AppEnvironment environment_;
@@ -138,6 +143,8 @@ private:
     // After the source list, which the model observes; the window goes first.
     std::unique_ptr<FVSourceListModel> sourceModel_;
     std::unique_ptr<FVMainWindow> window_;
+    // After the window, which it drives while a restore runs.
+    std::unique_ptr<FVRestoreController> restoreController_;
 
     FVRunOutcome runOutcome_;
     QStringList pendingSourcePaths_;

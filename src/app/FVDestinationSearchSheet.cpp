@@ -14,9 +14,12 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QProgressBar>
+#include <QScrollBar>
 #include <QPushButton>
 #include <QTreeWidget>
 #include <QVBoxLayout>
+
+#include <algorithm>
 
 namespace ferrovane {
 
@@ -64,12 +67,16 @@ FVDestinationSearchSheet::FVDestinationSearchSheet(QWidget* window, FVMainQueue&
     reveal_ = new QPushButton(localized("searchreveal"));
     reveal_->setObjectName("searchReveal");
     reveal_->setEnabled(false);
+    restore_ = new QPushButton(localized("searchrestore"));
+    restore_->setObjectName("searchRestore");
+    restore_->setEnabled(false);
     status_ = new QLabel;
     status_->setForegroundRole(QPalette::PlaceholderText);
     auto* chooser = new QHBoxLayout;
     chooser->addWidget(new QLabel(localized("searchversion")));
     chooser->addWidget(versions_, 1);
     chooser->addWidget(reveal_);
+    chooser->addWidget(restore_);
 
     auto* buttons = new QDialogButtonBox;
     buttons->addButton(localized("closebutton"), QDialogButtonBox::RejectRole);
@@ -86,12 +93,20 @@ FVDestinationSearchSheet::FVDestinationSearchSheet(QWidget* window, FVMainQueue&
 
     connect(field_, &QLineEdit::textChanged, this, [this](const QString& text) {
         chosenVersions_.clear();
+        userChoseRow_ = false;
         search_->searchFieldChanged(text.toStdString());
     });
-    connect(results_, &QTreeWidget::currentItemChanged, this, &FVDestinationSearchSheet::currentRowChanged);
+    connect(results_, &QTreeWidget::currentItemChanged, this, [this] {
+        userChoseRow_ = true;  // the list's own rebuilds block this signal
+        currentRowChanged();
+    });
     connect(results_, &QTreeWidget::itemDoubleClicked, this, &FVDestinationSearchSheet::revealCurrent);
     connect(versions_, &QComboBox::activated, this, &FVDestinationSearchSheet::versionChosen);
     connect(reveal_, &QPushButton::clicked, this, &FVDestinationSearchSheet::revealCurrent);
+    connect(restore_, &QPushButton::clicked, this, [this] {
+        QString path = selectedVersionPath(results_->currentIndex().row());
+        if (!path.isEmpty()) emit restoreRequested(path);
+    });
 }
 
 FVDestinationSearchSheet::~FVDestinationSearchSheet() {
@@ -105,16 +120,25 @@ const FVSearchResult* FVDestinationSearchSheet::resultAt(int row) const {
     return row >= 0 && size_t(row) < results.size() ? &results[size_t(row)] : nullptr;
 }
 
+int FVDestinationSearchSheet::chosenIndex(const FVSearchResult& result) const {
+    QString chosen = chosenVersions_.value(qPath(result.path));
+    for (size_t k = 0; k < result.fullpaths.size(); ++k)
+        if (qPath(result.fullpaths[k]) == chosen) return int(k);
+    return int(std::min(result.selectedIndex, result.fullpaths.size() - 1));
+}
+
 QString FVDestinationSearchSheet::selectedVersionPath(int row) const {
     const FVSearchResult* result = resultAt(row);
     if (!result || result->fullpaths.empty()) return {};
-    size_t chosen = size_t(chosenVersions_.value(qPath(result->path), int(result->selectedIndex)));
-    return qPath(result->fullpaths[std::min(chosen, result->fullpaths.size() - 1)]);
+    return qPath(result->fullpaths[size_t(chosenIndex(*result))]);
 }
 
 void FVDestinationSearchSheet::searchResultsDidChange() {
     // Keep the row the user is on while matches keep arriving.
-    QString current = results_->currentItem() ? results_->currentItem()->data(NameColumn, Qt::UserRole).toString() : QString();
+    QString current = userChoseRow_ && results_->currentItem()
+                          ? results_->currentItem()->data(NameColumn, Qt::UserRole).toString()
+                          : QString();
+    const int scrolled = results_->verticalScrollBar()->value();
     QSignalBlocker blocker(results_);
     results_->clear();
     QFileIconProvider icons;
@@ -125,12 +149,18 @@ void FVDestinationSearchSheet::searchResultsDidChange() {
         QFileInfo info(path);
         QString location = info.path().startsWith(prefix) ? info.path().mid(prefix.size()) : info.path();
         if (info.path() + '/' == prefix) location = "/";
-        QString versions = result.timestamps.empty()
-                               ? QString()
-                               : result.timestamps.size() == 1
-                                     ? qPath(result.timestamps.front())
-                                     : localizedFormat("searchversioncount", result.timestamps.size(), result.timestamps.front());
+        // Without a copy in the mirror, every version is an archived one: the file was removed.
+        const bool removed = std::none_of(result.fullpaths.begin(), result.fullpaths.end(),
+                                          [&](const std::string& version) { return version == result.path; });
+        const long long count = (long long)result.timestamps.size();
+        QString versions = result.timestamps.empty() ? QString()
+                           : removed ? QString::fromStdString(FVStrings::formatPlural("searchremovedversions", count, result.timestamps.front()))
+                           : count == 1 ? qPath(result.timestamps.front())
+                                        : localizedFormat("searchversioncount", count, result.timestamps.front());
         auto* item = new QTreeWidgetItem(results_, {info.fileName(), location, versions});
+        if (removed)
+            for (int column : {NameColumn, LocationColumn, VersionsColumn})
+                item->setForeground(column, results_->palette().brush(QPalette::PlaceholderText));
         item->setData(NameColumn, Qt::UserRole, path);
         item->setToolTip(NameColumn, path);
         if (!result.fullpaths.empty()) item->setIcon(NameColumn, icons.icon(QFileInfo(qPath(result.fullpaths.front()))));
@@ -138,6 +168,8 @@ void FVDestinationSearchSheet::searchResultsDidChange() {
     }
     if (!reselect) reselect = results_->topLevelItem(0);
     if (reselect) results_->setCurrentItem(reselect);
+    // Where the user had scrolled to, not where the current row would bring the list.
+    results_->verticalScrollBar()->setValue(scrolled);
     blocker.unblock();
     currentRowChanged();
     size_t files = search_->searchResults().size();
@@ -156,6 +188,7 @@ void FVDestinationSearchSheet::currentRowChanged() {
     const FVSearchResult* result = resultAt(results_->currentIndex().row());
     versions_->setEnabled(result && result->fullpaths.size() > 1);
     reveal_->setEnabled(result && !result->fullpaths.empty());
+    restore_->setEnabled(result && !result->fullpaths.empty());
     if (!result) return;
     for (size_t i = 0; i < result->fullpaths.size(); ++i) {
         QString stamp = i < result->timestamps.size() ? qPath(result->timestamps[i]) : QString();
@@ -163,12 +196,13 @@ void FVDestinationSearchSheet::currentRowChanged() {
         versions_->addItem(archived ? localizedFormat("searcharchivedversion", stamp.toStdString())
                                     : localizedFormat("searchcurrentversion", stamp.toStdString()));
     }
-    versions_->setCurrentIndex(chosenVersions_.value(qPath(result->path), int(result->selectedIndex)));
+    versions_->setCurrentIndex(chosenIndex(*result));
 }
 
 void FVDestinationSearchSheet::versionChosen(int versionIndex) {
     const FVSearchResult* result = resultAt(results_->currentIndex().row());
-    if (result) chosenVersions_.insert(qPath(result->path), versionIndex);
+    if (result && versionIndex >= 0 && size_t(versionIndex) < result->fullpaths.size())
+        chosenVersions_.insert(qPath(result->path), qPath(result->fullpaths[size_t(versionIndex)]));
 }
 
 void FVDestinationSearchSheet::revealCurrent() {

@@ -10,15 +10,16 @@
 
 namespace ferrovane {
 
-FVErrorPanel::FVErrorPanel(QWidget* window, const std::vector<std::string>& errors)
+FVErrorPanel::FVErrorPanel(QWidget* window, const std::vector<std::string>& errors, const char* titleKey,
+                           const char* messageKey)
     : QDialog(window), text_(new QPlainTextEdit) {
     setObjectName("errorPanel");
     setAttribute(Qt::WA_DeleteOnClose);
     setWindowModality(Qt::WindowModal);
-    setWindowTitle(localized("errorpaneltitle"));
+    setWindowTitle(localized(titleKey));
     resize(620, 360);
 
-    auto* heading = new QLabel(QString::fromStdString(FVStrings::formatPlural("errorpanelmessage", (long long)errors.size())));
+    auto* heading = new QLabel(QString::fromStdString(FVStrings::formatPlural(messageKey, (long long)errors.size())));
     QFont bold = heading->font();
     bold.setBold(true);
     heading->setFont(bold);

@@ -1,5 +1,5 @@
 #pragma once
-// The sheet that lists every error of a run.
+// The sheet that lists every error of a backup or a restore.
 
 #include <QDialog>
 
@@ -13,7 +13,9 @@ namespace ferrovane {
 class FVErrorPanel : public QDialog {
     Q_OBJECT
 public:
-    FVErrorPanel(QWidget* window, const std::vector<std::string>& errors);
+    // The title and the heading (a plural entry taking the count) name what reported the errors.
+    FVErrorPanel(QWidget* window, const std::vector<std::string>& errors, const char* titleKey = "errorpaneltitle",
+                 const char* messageKey = "errorpanelmessage");
     QString text() const;
     // The source named by a "its source … is empty" refusal of the cleanup, or an empty string.
     static QString emptiedSourceIn(const std::string& error);

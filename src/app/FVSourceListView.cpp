@@ -1,7 +1,11 @@
 #include "app/FVSourceListView.h"
 
 #include "app/FVModePopupDelegate.h"
+#include "app/FVQtStrings.h"
 #include "app/FVSourceListModel.h"
+
+#include <QContextMenuEvent>
+#include <QMenu>
 
 #include <QHeaderView>
 #include <QItemSelectionModel>
@@ -42,10 +46,10 @@ void FVSourceListView::setModel(QAbstractItemModel* model) {
     // Widths set once, so that a run's longer texts never squeeze the path.
     header->setSectionResizeMode(FVSourceListModel::SizeColumn, QHeaderView::Interactive);
     header->setSectionResizeMode(FVSourceListModel::LastRunColumn, QHeaderView::Interactive);
-    setColumnWidth(FVSourceListModel::NameColumn, 170);
+    setColumnWidth(FVSourceListModel::NameColumn, 140);
     setColumnWidth(FVSourceListModel::ModeColumn, 200);
-    setColumnWidth(FVSourceListModel::SizeColumn, 90);
-    setColumnWidth(FVSourceListModel::LastRunColumn, 330);
+    setColumnWidth(FVSourceListModel::SizeColumn, 110);  // room for "Calculating size…"
+    setColumnWidth(FVSourceListModel::LastRunColumn, 310);
     connect(model, &QAbstractItemModel::modelReset, this, &FVSourceListView::openPopups);
     connect(model, &QAbstractItemModel::rowsInserted, this, &FVSourceListView::openPopups);
     openPopups();
@@ -72,6 +76,19 @@ void FVSourceListView::selectRows(int first, int count) {
     if (count <= 0) return;
     QItemSelection range(model()->index(first, 0), model()->index(first + count - 1, model()->columnCount() - 1));
     selectionModel()->select(range, QItemSelectionModel::ClearAndSelect);
+}
+
+void FVSourceListView::contextMenuEvent(QContextMenuEvent* event) {
+    const int row = indexAt(event->pos()).row();
+    if (row < 0) return;
+    selectRows(row, 1);
+    // Only what is backed up has a copy to restore.
+    const bool backedUp = model()->index(row, FVSourceListModel::ModeColumn).data(Qt::EditRole).toLongLong() ==
+                          int64_t(FVSourceMode::Backup);
+    QMenu menu(this);
+    QAction* restore = menu.addAction(localized("menurestoresource"));
+    restore->setEnabled(restoreEnabled_ && backedUp);
+    if (menu.exec(event->globalPos()) == restore) emit restoreRequested(row);
 }
 
 void FVSourceListView::keyPressEvent(QKeyEvent* event) {

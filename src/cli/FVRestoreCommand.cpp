@@ -5,6 +5,7 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVRestorePlan.h"
 #include "engine/FVRestoreRun.h"
+#include "engine/FVRestoreTarget.h"
 #include "fs/FVText.h"
 #include "engine/FVVersionCatalog.h"
 #include "search/FVSearchText.h"
@@ -77,25 +78,6 @@ std::string resolved(const std::string& path) {
     return base == "/" && !rest.empty() ? rest : base + rest;
 }
 
-struct RestoreItem {
-    std::string from, to, root;
-};
-
-// An item whose target lies below anchor, a folder the user chose (a --to folder, or the folder
-// of a source). The copy is confined to the deepest existing folder at or above anchor, taken
-// with its links resolved as the user named it; below it no link is followed.
-RestoreItem confinedItem(std::string from, const std::string& anchor, const std::string& to) {
-    std::string existing = anchor;
-    struct stat st {};
-    while (existing != "/" && !(stat(existing.c_str(), &st) == 0 && S_ISDIR(st.st_mode)))
-        existing = FVText::deletingLastPathComponent(existing);
-    char buffer[PATH_MAX];
-    std::string root = realpath(existing.c_str(), buffer) ? std::string(buffer) : existing;
-    std::string rest = existing == "/" ? to : to.substr(existing.size());
-    std::string target = root == "/" ? (rest.empty() ? "/" : rest) : root + rest;
-    return {std::move(from), std::move(target), std::move(root)};
-}
-
 std::optional<FVVersionCatalog> openCatalog(const char* command, const std::string& destination) {
     std::string problem;
     auto catalog = FVVersionCatalog::open(resolved(absolute(destination)), &problem);
@@ -162,7 +144,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
                    shown(a.to));
         return std::nullopt;
     }
-    std::vector<RestoreItem> items;
+    std::vector<FVRestoreTarget> items;
     if (a.all) {
         if (catalog.sources().empty()) {
             fmt::print(stderr, "ferrovane restore: the destination has no source to restore.\n");
@@ -182,7 +164,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
                                  : original == "/" ? toFolder
                                                    : (toFolder == "/" ? "" : toFolder) + original;
             std::string anchor = toFolder.empty() ? FVText::deletingLastPathComponent(original) : toFolder;
-            items.push_back(confinedItem(root + catalog.sourceMirrorPath(original), anchor, target));
+            items.push_back(FVRestoreTarget::confined(root + catalog.sourceMirrorPath(original), anchor, target));
         }
     } else {
         auto mirror = mirrorPathOrComplain("restore", catalog, a.what);
@@ -200,20 +182,16 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
             *status = kExitFailed;
             return std::nullopt;
         }
-        auto original = catalog.originalPath(*mirror);
-        if (!original && toFolder.empty()) {
-            fmt::print(stderr, "ferrovane restore: no source of the destination holds {}; name a folder with --to.\n",
-                       shown(a.what));
+        std::string problem;
+        auto item = FVRestoreTarget::forVersion(catalog, *mirror, chosen->path, toFolder, &problem);
+        if (!item) {
+            fmt::print(stderr, "ferrovane restore: {}: {}; name a folder with --to.\n", shown(a.what), problem);
             return std::nullopt;
         }
-        std::string name = FVText::lastPathComponent(original.value_or(*mirror));
-        std::string target = toFolder.empty() ? *original : (toFolder == "/" ? "" : toFolder) + "/" + name;
-        std::string anchor = toFolder.empty() ? FVText::deletingLastPathComponent(*catalog.sourceHolding(*mirror))
-                                              : toFolder;
-        items.push_back(confinedItem(chosen->path, anchor, target));
+        items.push_back(std::move(*item));
     }
     std::vector<FVRestorePlan> plans;
-    for (const RestoreItem& item : items) {
+    for (const FVRestoreTarget& item : items) {
         if (FVText::isPathWithin(item.to, destination)) {
             fmt::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
                        shown(item.to));

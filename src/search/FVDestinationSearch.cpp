@@ -9,8 +9,7 @@ std::shared_ptr<FVDestinationSearch> FVDestinationSearch::create(FVMainQueue& ma
 }
 
 void FVDestinationSearch::searchFieldChanged(const std::string& searchText) {
-    // The cancelled walk still reports its end, and matches it had already posted may still
-    // arrive into the new list.
+    // The cancelled walk still reports its end; matches it had already posted are dropped.
     cancelAllOperations();
     removeAllResults();
     reachedMatchLimit_ = false;

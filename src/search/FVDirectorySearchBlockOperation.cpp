@@ -55,7 +55,9 @@ void FVDirectorySearchBlockOperation::main() {
 
 void FVDirectorySearchBlockOperation::report(std::string path) {
     if (delegate_)
-        mainQueue_.post([delegate = delegate_, path = std::move(path)] { delegate->didFindMatch(path); });
+        mainQueue_.post([delegate = delegate_, path = std::move(path), cancelled = cancelled_] {
+            if (!cancelled->load(std::memory_order_relaxed)) delegate->didFindMatch(path);
+        });
 }
 
 void FVDirectorySearchBlockOperation::walk() {

@@ -35,8 +35,10 @@ public:
     // Runs the walk on the calling thread, then posts didFinish. Call once. A walk cancelled
     // before it starts posts only didFinish.
     void main();
-    void cancel() { cancelled_.store(true, std::memory_order_relaxed); }
-    bool isCancelled() const { return cancelled_.load(std::memory_order_relaxed); }
+    // Matches already posted but not yet delivered are dropped too, so that a new search on the
+    // main thread never receives the old one's.
+    void cancel() { cancelled_->store(true, std::memory_order_relaxed); }
+    bool isCancelled() const { return cancelled_->load(std::memory_order_relaxed); }
 
     // The search string split at every single blank; doubled, leading and trailing blanks give
     // empty terms, which no name contains.
@@ -52,7 +54,8 @@ private:
     const std::string searchFolderPath_;
     const std::vector<std::string> terms_;  // lower case
     std::shared_ptr<FVDirectorySearchBlockOperationDelegate> delegate_;
-    std::atomic<bool> cancelled_ {false};
+    // Shared with the posted matches, which may outlive the operation.
+    std::shared_ptr<std::atomic<bool>> cancelled_ = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace ferrovane

@@ -1,0 +1,87 @@
+#pragma once
+// Restores from the window: asks where to (the original place or a chosen folder), plans off the
+// main thread, asks before replacing anything, copies through the engine's restore run with its
+// progress on the cover view, and shows the outcome. One restore at a time, never during a
+// backup, and the destination stays locked against other runs meanwhile.
+
+#include "engine/FVDestinationLock.h"
+#include "engine/FVRestorePlan.h"
+#include "engine/FVRestoreRun.h"
+#include "engine/FVVersionCatalog.h"
+
+#include <QObject>
+#include <QPointer>
+#include <QString>
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+class QWidget;
+
+namespace ferrovane {
+
+class FVMainWindow;
+
+class FVRestoreController : public QObject {
+    Q_OBJECT
+public:
+    // windowIsBusy tells whether a backup holds the window.
+    FVRestoreController(FVMainWindow* window, std::function<bool()> windowIsBusy, QObject* parent = nullptr);
+    ~FVRestoreController() override;
+
+    // From the moment the plan starts until the outcome is shown.
+    bool isRunning() const { return running_; }
+
+    // A version inside destination (the mirror copy or an archived one); the questions open over
+    // dialogParent.
+    void restoreVersion(const QString& destination, const QString& versionPath, QWidget* dialogParent);
+    // A whole source item, from the mirror.
+    void restoreSourceItem(const QString& destination, const QString& sourcePath);
+    // Cancels the copy; what was restored stays, nothing half-written does.
+    void stop();
+
+signals:
+    // The window is the restore's from here until restoreEnded.
+    void restoreStarted();
+    void restoreEnded();
+
+private:
+    struct Request {
+        FVVersionCatalog catalog;
+        std::string mirrorPath, versionPath, name;
+    };
+
+    void askTarget(const Request& request, QWidget* parent);
+    void chooseFolder(const Request& request, QWidget* parent);
+    void start(const Request& request, const std::string& toFolder);
+    void planned();
+    void askAboutConflicts();
+    void copy(bool replace);
+    void showProgress();
+    void finished();
+    void end();
+    void joinWorker();
+
+    FVMainWindow* window_;
+    std::function<bool()> windowIsBusy_;
+    bool running_ = false;
+    FVDestinationLock lock_;
+    std::string destination_;
+    std::string name_;
+    std::thread worker_;
+    // Written by the worker before it posts back; read on the main thread after the join.
+    std::vector<FVRestorePlan> plans_;
+    std::string planProblem_;
+    FVRestoreRun::Summary summary_;
+    std::mutex errorsMutex_;
+    std::vector<std::string> errors_;
+    std::atomic<bool> interrupt_{false};
+    std::atomic<uint64_t> done_{0}, total_{0};
+    std::atomic<bool> progressPosted_{false};
+};
+
+}  // namespace ferrovane

@@ -1,0 +1,38 @@
+#include "engine/FVRestoreTarget.h"
+
+#include "fs/FVText.h"
+
+#include <limits.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+namespace ferrovane {
+
+FVRestoreTarget FVRestoreTarget::confined(std::string from, const std::string& anchor, const std::string& to) {
+    std::string existing = anchor;
+    struct stat st {};
+    while (existing != "/" && !(stat(existing.c_str(), &st) == 0 && S_ISDIR(st.st_mode)))
+        existing = FVText::deletingLastPathComponent(existing);
+    char buffer[PATH_MAX];
+    std::string root = realpath(existing.c_str(), buffer) ? std::string(buffer) : existing;
+    std::string rest = existing == "/" ? to : to.substr(existing.size());
+    std::string target = root == "/" ? (rest.empty() ? "/" : rest) : root + rest;
+    return {std::move(from), std::move(target), std::move(root)};
+}
+
+std::optional<FVRestoreTarget> FVRestoreTarget::forVersion(const FVVersionCatalog& catalog, const std::string& mirrorPath,
+                                                           const std::string& versionPath, const std::string& toFolder,
+                                                           std::string* problem) {
+    auto original = catalog.originalPath(mirrorPath);
+    if (!original && toFolder.empty()) {
+        *problem = "no source of the destination holds it";
+        return std::nullopt;
+    }
+    if (toFolder.empty())
+        return confined(versionPath, FVText::deletingLastPathComponent(*catalog.sourceHolding(mirrorPath)), *original);
+    std::string name = FVText::lastPathComponent(original.value_or(mirrorPath));
+    std::string target = name.empty() || name == "/" ? toFolder : (toFolder == "/" ? "" : toFolder) + "/" + name;
+    return confined(versionPath, toFolder, target);
+}
+
+}  // namespace ferrovane
