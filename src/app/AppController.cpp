@@ -4,6 +4,7 @@
 #include "app/FVCoverView.h"
 #include "app/FVDestinationSearchSheet.h"
 #include "app/FVDropZone.h"
+#include "app/FVFileDialog.h"
 #include "app/FVFileReveal.h"
 #include "app/FVMainWindow.h"
 #include "app/FVOptionsPanel.h"
@@ -24,7 +25,6 @@
 #include <QFileDialog>
 #include <QFileIconProvider>
 #include <QFileInfo>
-#include <QDir>
 #include <QHash>
 #include <QLabel>
 #include <QNetworkAccessManager>
@@ -240,12 +240,8 @@ void AppController::setOptionWidgetsEnabled(bool enabled) {
 }
 
 void AppController::showNewBackupPanel() {
-    auto* panel = new QFileDialog(window_.get(), localized("adddestinationtitle"), QDir::homePath());
-    panel->setAttribute(Qt::WA_DeleteOnClose);
-    panel->setWindowModality(Qt::WindowModal);
-    panel->setFileMode(QFileDialog::Directory);
-    panel->setOption(QFileDialog::ShowDirsOnly);
-    panel->setLabelText(QFileDialog::Accept, localized("selecttargetpanelbutton"));
+    QFileDialog* panel = FVFileDialog::make(window_.get(), localized("adddestinationtitle"), "addDestinationDialog",
+                                            QFileDialog::Directory, localized("selecttargetpanelbutton"));
     connect(panel, &QFileDialog::fileSelected, this, [this](const QString& path) {
         window_->progressView()->setProgress(0);
         window_->coverView()->setProgress(-1);
@@ -472,13 +468,8 @@ void AppController::updateSummaryLine() {
 // ---- Sources
 
 void AppController::addSourceFolders() {
-    auto* panel = new QFileDialog(window_.get(), localized("addfolderstitle"), QDir::homePath());
-    panel->setObjectName("addFoldersDialog");
-    panel->setAttribute(Qt::WA_DeleteOnClose);
-    panel->setWindowModality(Qt::WindowModal);
-    panel->setFileMode(QFileDialog::Directory);
-    panel->setOptions(QFileDialog::ShowDirsOnly | QFileDialog::DontUseNativeDialog);
-    panel->setLabelText(QFileDialog::Accept, localized("addsourcebutton"));
+    QFileDialog* panel = FVFileDialog::make(window_.get(), localized("addfolderstitle"), "addFoldersDialog",
+                                            QFileDialog::Directory, localized("addsourcebutton"));
     // Several folders at once: the dialog's own views allow it once asked to.
     for (QAbstractItemView* view : panel->findChildren<QAbstractItemView*>())
         if (view->objectName() == "listView" || view->objectName() == "treeView")
@@ -488,12 +479,8 @@ void AppController::addSourceFolders() {
 }
 
 void AppController::addSourceFiles() {
-    auto* panel = new QFileDialog(window_.get(), localized("addfilestitle"), QDir::homePath());
-    panel->setObjectName("addFilesDialog");
-    panel->setAttribute(Qt::WA_DeleteOnClose);
-    panel->setWindowModality(Qt::WindowModal);
-    panel->setFileMode(QFileDialog::ExistingFiles);
-    panel->setLabelText(QFileDialog::Accept, localized("addsourcebutton"));
+    QFileDialog* panel = FVFileDialog::make(window_.get(), localized("addfilestitle"), "addFilesDialog",
+                                            QFileDialog::ExistingFiles, localized("addsourcebutton"));
     connect(panel, &QFileDialog::filesSelected, this, [this](const QStringList& paths) { addSourcePaths(paths, 0); });
     panel->open();
 }

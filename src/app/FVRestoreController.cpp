@@ -3,6 +3,7 @@
 #include "app/FVAlert.h"
 #include "app/FVCoverView.h"
 #include "app/FVErrorPanel.h"
+#include "app/FVFileDialog.h"
 #include "app/FVMainWindow.h"
 #include "app/FVQtStrings.h"
 #include "app/FVThinProgressBar.h"
@@ -100,13 +101,8 @@ void FVRestoreController::askTarget(const Request& request, QWidget* parent) {
 }
 
 void FVRestoreController::chooseFolder(const Request& request, QWidget* parent) {
-    auto* panel = new QFileDialog(parent, localizedFormat("restorefoldertitle", request.name), QDir::homePath());
-    panel->setObjectName("restoreFolderDialog");
-    panel->setAttribute(Qt::WA_DeleteOnClose);
-    panel->setWindowModality(Qt::WindowModal);
-    panel->setFileMode(QFileDialog::Directory);
-    panel->setOptions(QFileDialog::ShowDirsOnly | QFileDialog::DontUseNativeDialog);
-    panel->setLabelText(QFileDialog::Accept, localized("restorebutton"));
+    QFileDialog* panel = FVFileDialog::make(parent, localizedFormat("restorefoldertitle", request.name),
+                                            "restoreFolderDialog", QFileDialog::Directory, localized("restorebutton"));
     connect(panel, &QFileDialog::fileSelected, this, [this, request](const QString& folder) {
         start(request, FVText::standardizedPath(stdPath(QDir(folder).absolutePath())));
     });
