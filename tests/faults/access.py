@@ -7,8 +7,8 @@ import fcntl
 import os
 import subprocess
 
-from faultkit import (Failure, Ferrovane, build, content, expect, expect_clean_rerun, expect_kept, expect_mirror,
-                      is_root, log_since, log_size, tail, version, versions)
+from faultkit import (run_cases, Ferrovane, build, content, expect, expect_clean_rerun, expect_kept, expect_mirror,
+                      log_since, log_size, tail, version, versions)
 
 NAME = "data"
 TREE = {b"open": ("dir",), b"open/f": ("file", 2000, 1), b"open/closed": ("dir",),
@@ -134,14 +134,5 @@ def run(ferrovane, work):
              ("append-only source file changed twice", lambda w: append_only_source(ferrovane, w)),
              *[(f"ACL on a source file, ACL cloning off, ignoreFileFlagChanges {ignore}",
                 lambda w, i=ignore: acl_without_acl_cloning(ferrovane, w, i)) for ignore in ("yes", "no")]]
-    for i, (name, body) in enumerate(cases):
-        folder = os.path.join(work, str(i))
-        os.makedirs(folder)
-        if not is_root():
-            yield ("access", name, "needs the superuser to change users and flags", "skipped")
-            continue
-        try:
-            body(folder)
-            yield ("access", name, "", "ok")
-        except Failure as e:
-            yield ("access", name, "", f"FAILED: {e}")
+    yield from run_cases("access", cases, work, root_only=lambda name: True,
+                         why="needs the superuser to change users and flags")

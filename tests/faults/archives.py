@@ -9,7 +9,7 @@ import subprocess
 import threading
 import time
 
-from faultkit import (Failure, Ferrovane, build, content, expect, expect_clean_rerun, expect_kept, is_root,
+from faultkit import (run_cases, Ferrovane, build, content, expect, expect_clean_rerun, expect_kept,
                       next_second, read_configuration, tail, version, versions, wait_for_copy)
 
 NAME = "data"
@@ -232,16 +232,8 @@ def run(ferrovane, work, tier):
               ("config add and set during a run", lambda w: config_during_a_run(ferrovane, w))]
     if tier == "quick":
         cases = [c for c in cases if c[0] in QUICK]
-    for i, (name, body) in enumerate(cases):
-        folder = os.path.join(work, str(i))
-        os.makedirs(folder)
-        if not is_root() and ("link" in name or "append-only" in name):
-            yield ("archives", name, "needs the superuser", "skipped")
-            continue
-        try:
-            body(folder)
-            yield ("archives", name, "", "ok")
-        except Failure as e:
-            yield ("archives", name, "", f"FAILED: {e}")
+    def tidy(folder):
         subprocess.run(["chattr", "-R", "-a", folder], capture_output=True)
         shutil.rmtree(folder, ignore_errors=True)
+    yield from run_cases("archives", cases, work, root_only=lambda name: "link" in name or "append-only" in name,
+                         after=tidy)

@@ -267,6 +267,24 @@ def log_since(ferrovane, offset):
 
 # ---- mounts (superuser only)
 
+def run_cases(part, cases, work, root_only=lambda name: False, why="needs the superuser", after=None):
+    """Runs each (name, body) on a folder of its own below work and yields a result row per case;
+    cases that root_only names are skipped for an ordinary user. after(folder) tidies up."""
+    for i, (name, body) in enumerate(cases):
+        folder = os.path.join(work, str(i))
+        os.makedirs(folder)
+        if not is_root() and root_only(name):
+            yield (part, name, why, "skipped")
+            continue
+        try:
+            body(folder)
+            yield (part, name, "", "ok")
+        except Failure as e:
+            yield (part, name, "", f"FAILED: {e}")
+        if after:
+            after(folder)
+
+
 def is_root():
     return os.geteuid() == 0
 

@@ -8,7 +8,7 @@ import os
 import plistlib
 import subprocess
 
-from faultkit import (CONF, Failure, build, content, expect, expect_kept, expect_mirror, log_since, log_size,
+from faultkit import (run_cases, CONF, Failure, build, content, expect, expect_kept, expect_mirror, log_since, log_size,
                       versions)
 
 NAME = "data"
@@ -133,14 +133,7 @@ def run(ferrovane, work, tier):
     cases = [("purge age of 0", lambda w: purge_age_zero(ferrovane, w)),
              ("source items without a dictionary or sourcePath", lambda w: unusable_source_items(ferrovane, w)),
              ("FIFO named .ferrovane.conf", lambda w: fifo_configuration(ferrovane, w))]
-    for i, (name, body) in enumerate(cases):
-        folder = os.path.join(work, str(i))
-        os.makedirs(folder)
-        try:
-            body(folder)
-            yield ("options", name, "", "ok")
-        except Failure as e:
-            yield ("options", name, "", f"FAILED: {e}")
+    yield from run_cases("options", cases, work)
     d = Destination(ferrovane, os.path.join(work, "wrong"))
     wrong = [(k, n, v) for k in BOOLEANS for n, v in WRONG_FOR_BOOLEANS.items()] + \
             [(k, n, v) for k in INTEGERS for n, v in WRONG_FOR_INTEGERS.items()]

@@ -9,8 +9,8 @@ import subprocess
 import threading
 import time
 
-from faultkit import (Failure, build, content, expect, expect_configuration, expect_kept,
-                      expect_mirror, expect_no_temporaries, is_root, log_since, log_size, read_configuration,
+from faultkit import (run_cases, Failure, build, content, expect, expect_configuration, expect_kept,
+                      expect_mirror, expect_no_temporaries, log_since, log_size, read_configuration,
                       remount, tail, tmpfs, unmount, versions, wait_for_copy)
 
 NAME = "data"
@@ -295,15 +295,5 @@ def run(ferrovane, work):
     for name, body in root_cases.items():
         options = (("moveChangedFiles", 1),)
         cases.append((name, lambda w, b=body: b(Case(ferrovane, w, options))))
-    for i, (name, body) in enumerate(cases):
-        folder = os.path.join(work, str(i))
-        os.makedirs(folder)
-        if not is_root() and not name.startswith("source"):
-            yield ("storage", name, "needs the superuser to mount", "skipped")
-            continue
-        try:
-            body(folder)
-            yield ("storage", name, "", "ok")
-        except Failure as e:
-            yield ("storage", name, "", f"FAILED: {e}")
-        shutil.rmtree(folder, ignore_errors=True)
+    yield from run_cases("storage", cases, work, root_only=lambda name: not name.startswith("source"),
+                         why="needs the superuser to mount", after=lambda folder: shutil.rmtree(folder, ignore_errors=True))
