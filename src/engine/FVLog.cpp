@@ -25,7 +25,12 @@ constexpr const char* kLogName = "Ferrovane.log";
 }  // namespace
 
 std::string FVLog::logFilePath() {
-    if (const char* path = std::getenv("FERROVANE_LOG_FILE"); path && *path) return path;
+    // Made absolute at once: threads that walk folders move their own working folder.
+    if (const char* path = std::getenv("FERROVANE_LOG_FILE"); path && *path) {
+        std::error_code error;
+        std::filesystem::path folder = *path == '/' ? std::filesystem::path() : std::filesystem::current_path(error);
+        return folder.empty() ? std::string(path) : (folder / path).string();
+    }
     if (geteuid() == 0) return std::string("/var/log/") + kLogName;
     std::string state;
     if (const char* xdg = std::getenv("XDG_STATE_HOME"); xdg && *xdg == '/') state = xdg;

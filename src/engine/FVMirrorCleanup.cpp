@@ -70,20 +70,31 @@ bool FVMirrorCleanup::cleanSourceRoot(const std::string& sourceRoot, bool emptyS
         return true;
     }
 
-    FVDirectoryWalker walker(mirror);
+    auto folders = findings_.mirrorFoldersToClean.find(sourceRoot);
+    if (folders == findings_.mirrorFoldersToClean.end()) return true;
+    for (const std::string& folder : folders->second)
+        if (!cleanFolder(sourceRoot, mirror, folder)) return false;
+    return true;
+}
+
+// Only the folder's own entries: its subfolders that the source still has were looked at by the
+// analysis on their own.
+bool FVMirrorCleanup::cleanFolder(const std::string& sourceRoot, const std::string& mirror, const std::string& folder) {
+    const std::string sourceFolder = FVText::appendingPathComponent(sourceRoot, folder);
+    if (findings_.isBelowUnreadableSource(sourceFolder)) return true;
+    FVDirectoryWalker walker(mirror + folder);
     walker.setTypesOnly(true);
-    int visited = 0;
     while (const FVDirectoryWalker::Entry* entry = walker.next()) {
+        if (entry->level == 0) continue;
+        if (entry->isDirectory()) walker.skipChildren();
         const mode_t type = entry->st.st_mode & S_IFMT;
         if (entry->error != 0 || (type != S_IFDIR && type != S_IFREG && type != S_IFLNK)) continue;
         if (status_.isCancelled()) return false;
         const std::string& path = entry->path;
-        std::string relative(entry->relativePath());
+        std::string relative = folder + std::string(entry->relativePath());
         std::string sourcePath = FVText::appendingPathComponent(sourceRoot, relative);
-        switch (relative.empty() ? Decision::Keep : decide(sourceRoot, sourcePath, *entry)) {
-        case Decision::Keep:
-            if (type == S_IFDIR && findings_.isBelowUnreadableSource(sourcePath)) walker.skipChildren();
-            break;
+        switch (decide(sourceRoot, sourcePath, *entry)) {
+        case Decision::Keep: break;
         case Decision::RemoveLeftover:
             if (settings_.dryRun) status_.planned("Would remove: " + path);
             else destination_.keepingParentDates(path, [&] { destination_.removeItem(path); });
@@ -92,11 +103,10 @@ bool FVMirrorCleanup::cleanSourceRoot(const std::string& sourceRoot, bool emptyS
             if (settings_.dryRun) status_.planned((archives() ? "Would archive: " : "Would remove: ") + path);
             else destination_.keepingParentDates(path, [&] { removeDeletedItem(sourceRoot, relative, path); });
             ++handled_;
-            if (type == S_IFDIR) walker.skipChildren();
             break;
         }
-        ++visited;
-        float progress = static_cast<float>(visited) * 100.0f / static_cast<float>(expectedCount_);
+        ++visited_;
+        float progress = static_cast<float>(visited_) * 100.0f / static_cast<float>(expectedCount_);
         status_.setCopyProgress(progress);
         status_.setAnalyseProgress(progress);
         status_.reportProgress();
@@ -108,12 +118,11 @@ bool FVMirrorCleanup::cleanSourceRoot(const std::string& sourceRoot, bool emptyS
 // everything below it.
 FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot, const std::string& sourcePath,
                                                   const FVDirectoryWalker::Entry& entry) {
-    const bool sourceSeen = findings_.sourcePaths.contains(sourcePath);
     // Leftovers of an interrupted copy are no user files: they simply go, unarchived.
-    if (!sourceSeen && isTemporaryName(entry.name()) && !S_ISDIR(entry.st.st_mode) &&
+    if (isTemporaryName(entry.name()) && !S_ISDIR(entry.st.st_mode) &&
         FVFileManager::existenceAtPath(sourcePath) == FVExistence::Missing)
         return Decision::RemoveLeftover;
-    if (sourceSeen || FVExclusionRules::fileShouldBeExcluded(sourcePath, settings_.protectedPaths, nullptr) ||
+    if (FVExclusionRules::fileShouldBeExcluded(sourcePath, settings_.protectedPaths, nullptr) ||
         FVText::lastPathComponent(sourcePath).rfind("._", 0) == 0 || findings_.isBelowUnreadableSource(sourcePath))
         return Decision::Keep;
     // What a clone of the whole system leaves out is the destination volume's own business.

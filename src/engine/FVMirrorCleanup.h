@@ -22,7 +22,7 @@ public:
                     FVRunStatus& status)
         : settings_(settings), findings_(findings), destination_(destination), status_(status) {}
 
-    // Walks the mirror of every enabled source item; returns false when the run was cancelled.
+    // Looks at the mirror folders of every enabled source item that hold what the source lacks; returns false when the run was cancelled.
     // expectedCount (the items' stored file counts) scales the progress.
     bool run(const std::vector<FVSourceItemPtr>& backupSet, int32_t expectedCount);
 
@@ -32,6 +32,8 @@ private:
     bool archives() const { return settings_.options.moveDeletedFiles; }
     // Returns false when the run was cancelled.
     bool cleanSourceRoot(const std::string& sourceRoot, bool emptySourceConfirmed);
+    // One mirror folder the analysis found holding names the source lacks; false when cancelled.
+    bool cleanFolder(const std::string& sourceRoot, const std::string& mirror, const std::string& folder);
     Decision decide(const std::string& sourceRoot, const std::string& sourcePath, const FVDirectoryWalker::Entry& entry);
     void removeDeletedItem(const std::string& sourceRoot, const std::string& relative, const std::string& itemPath);
 
@@ -40,6 +42,7 @@ private:
     const FVDestinationTree& destination_;
     FVRunStatus& status_;
     int handled_ = 0;
+    int visited_ = 0;
     int32_t expectedCount_ = 0;
 };
 

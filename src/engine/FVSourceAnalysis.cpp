@@ -2,7 +2,8 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVChangeDecision.h"
-#include "fs/FVDirectoryWalker.h"
+#include "engine/FVMirrorFolders.h"
+#include "engine/FVSourceListing.h"
 #include "engine/FVExclusionRules.h"
 #include "fs/FVText.h"
 
@@ -17,42 +18,6 @@
 namespace ferrovane {
 
 namespace {
-
-// The destination folders that mirror the walk's current folders, one descriptor per level, so
-// that each destination entry is examined relative to its folder rather than by its whole path.
-// Levels without one (a missing folder, or deeper than the limit) fall back to the path.
-class DestinationFolders {
-public:
-    FVFileSystemItemPtr item(const FVDirectoryWalker::Entry& entry, const std::string& path) const {
-        const size_t level = entry.level;
-        if (level == 0 || level > folders_.size() || !folders_[level - 1].valid())
-            return std::make_shared<FVFileSystemItem>(path);
-        struct stat st {};
-        if (fstatat(folders_[level - 1].get(), entry.nameCString(), &st, AT_SYMLINK_NOFOLLOW) == 0)
-            return std::make_shared<FVFileSystemItem>(path, st);
-        if (errno == ENOENT) return FVFileSystemItem::missingItem(path);
-        return std::make_shared<FVFileSystemItem>(path);
-    }
-
-    // Called for every source folder the walk may enter, with its destination counterpart.
-    void enter(const FVDirectoryWalker::Entry& entry, FVFileSystemItem& destination) {
-        const size_t level = entry.level;
-        folders_.resize(level);
-        FVFd folder;
-        if (level < kLevelLimit && destination.fileExists() && destination.fileType() == FVFileType::Directory) {
-            constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-            if (level == 0)
-                folder.reset(FVLongPath::open(destination.path(), flags));
-            else if (folders_[level - 1].valid())
-                folder.reset(openat(folders_[level - 1].get(), entry.nameCString(), flags));
-        }
-        folders_.push_back(std::move(folder));
-    }
-
-private:
-    static constexpr size_t kLevelLimit = 64;
-    std::vector<FVFd> folders_;
-};
 
 const char* reasonText(FVChangeDecision::Reason reason) {
     using R = FVChangeDecision::Reason;
@@ -129,7 +94,12 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
     }
     if (root->isFile()) {
         auto target = std::make_shared<FVFileSystemItem>(targetRoot);
-        if (needsBackup(*root, *target)) {
+        std::function<bool()> xattrsIdentical;
+        if (!settings_.options.ignoreFileFlagChanges)
+            xattrsIdentical = [&] {
+                return FVFileManager::xattrIdentialforFileAtPath(sourceRoot, targetRoot, !settings_.options.disableACLClone);
+            };
+        if (needsBackup(*root, *target, xattrsIdentical)) {
             handOver(root, target);
             ++status_.totalFilesCount;
         }
@@ -142,99 +112,115 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
         reportUnreadableSource(sourceRoot, errno);
         return;
     }
-    if (!*hasEntries) return;
+    if (!*hasEntries) {
+        // Whatever its mirror holds, the source lacks.
+        if (settings_.willPerformCleanup) findings_.mirrorFoldersToClean[sourceRoot].push_back("");
+        return;
+    }
 
-    FVDirectoryWalker walker(sourceRoot);
-    DestinationFolders destinationFolders;
+    FVSourceListing::Rules rules;
+    rules.isExcluded = [this, &sourceRoot](const std::string& path) { return isExcluded(path, sourceRoot); };
+    rules.destinationDevice = settings_.destinationDevice;
+    rules.destinationInode = settings_.destinationInode;
+    const bool includeACL = !settings_.options.disableACLClone;
+    const bool compareAttributes = !settings_.options.ignoreFileFlagChanges;
+    if (compareAttributes)
+        rules.signature = [includeACL](const std::string& path) {
+            return FVFileManager::xattrNameAndDataStringForFileAtPath(path, includeACL);
+        };
+    FVSourceListing listing(sourceRoot, targetRoot, std::move(rules));
+    FVMirrorFolders mirrorFolders(settings_.willPerformCleanup);
     std::string newDirectoryPrefix;
     // The folders from the root down to the entry in hand, by walk level, with whether each was
     // found unchanged and has not been queued again since.
     std::vector<std::pair<FVFileSystemItemPtr, bool>> unchangedAncestors;
-    while (const FVDirectoryWalker::Entry* entry = walker.next()) {
-        if (entry->error != 0) {
-            // Gone between the listing and its examination: nothing is left to back up.
-            if (entry->error == ENOENT && entry->level > 0)
-                status_.log(fmt::format("NOTE: Source item vanished while analysing: {}", entry->path));
-            else
-                reportUnreadableSource(entry->path, entry->error);
-            continue;
+    std::vector<FVSourceListing::Entry> batch;
+    while (!status_.isCancelled() && listing.next(batch)) {
+        for (FVSourceListing::Entry& entry : batch) {
+            using Kind = FVSourceListing::Entry::Kind;
+            const std::string& path = entry.path;
+            const size_t level = entry.level;
+            mirrorFolders.leaveBelow(level);
+            switch (entry.kind) {
+            case Kind::Error:
+                // Gone between the listing and its examination: nothing is left to back up.
+                if (entry.error == ENOENT && level > 0)
+                    status_.log(fmt::format("NOTE: Source item vanished while analysing: {}", path));
+                else
+                    reportUnreadableSource(path, entry.error);
+                continue;
+            case Kind::Excluded:
+                status_.verboseLog("Excluded:" + path);
+                continue;
+            case Kind::DestinationInside:
+                // A destination inside a source would be copied into itself, one level deeper each run.
+                status_.verboseLog("Skipping the destination inside the source: " + path);
+                findings_.destinationSourcePaths.push_back(path);
+                continue;
+            case Kind::UnreadableFolder:
+                // Not entered: its mirror stays as it is.
+                ++status_.totalFilesCount;
+                reportUnreadableSource(path, entry.error);
+                continue;
+            case Kind::Item: break;
+            }
+            const mode_t type = entry.st.st_mode & S_IFMT;
+            ++status_.totalFilesCount;
+            status_.setAnalyseProgress(static_cast<float>(status_.totalFilesCount.load()) * 100.0f /
+                                       static_cast<float>(estimatedFileCount_));
+            status_.reportProgress();
+            if (status_.isCancelled()) break;
+            if (excludeSymlinks && type == S_IFLNK) {
+                status_.verboseLog("Skipping symbolic link:" + path);
+                --status_.totalFilesCount;
+                continue;
+            }
+            std::string destinationPath = targetRoot + std::string(entry.relativePath());
+            auto source = std::make_shared<FVFileSystemItem>(path, entry.st);
+            // Everything below a folder the destination lacks is new as well.
+            if (FVText::isPathWithin(path, newDirectoryPrefix)) {
+                handOver(source, std::make_shared<FVFileSystemItem>(std::move(destinationPath)));
+                continue;
+            }
+            auto destination = mirrorFolders.item(level, entry.nameCString(), destinationPath);
+            if (destination->fileExists()) mirrorFolders.countMatch(level);
+            bool newFolder = !destination->fileExists() && type == S_IFDIR;
+            std::function<bool()> xattrsIdentical;
+            if (compareAttributes)
+                xattrsIdentical = [&] {
+                    if (!entry.signature) return FVFileManager::xattrIdentialforFileAtPath(path, destinationPath, includeACL);
+                    return *entry.signature == mirrorFolders.signature(level, entry.nameCString(), destinationPath, includeACL);
+                };
+            bool needed = newFolder || needsBackup(*source, *destination, xattrsIdentical);
+            if (type == S_IFDIR) {
+                mirrorFolders.enter(level, entry.nameCString(), std::string(entry.relativePath()), *destination);
+                unchangedAncestors.resize(level);
+                unchangedAncestors.emplace_back(source, !needed);
+            }
+            if (!needed) continue;
+            // Writing an entry into a folder changes the folder's date: queue an unchanged folder
+            // again so that its attributes are applied after the write.
+            if ((type != S_IFDIR || newFolder) && level > 0 && level <= unchangedAncestors.size() &&
+                unchangedAncestors[level - 1].second) {
+                unchangedAncestors[level - 1].second = false;
+                handOver_(unchangedAncestors[level - 1].first,
+                          std::make_shared<FVFileSystemItem>(FVText::deletingLastPathComponent(destinationPath)), true);
+            }
+            if (newFolder) newDirectoryPrefix = path;
+            handOver(source, destination);
         }
-        // Sockets, FIFOs and devices are passed over.
-        const mode_t type = entry->st.st_mode & S_IFMT;
-        if (type != S_IFDIR && type != S_IFREG && type != S_IFLNK) continue;
-        const std::string& path = entry->path;
-        ++status_.totalFilesCount;
-        status_.setAnalyseProgress(static_cast<float>(status_.totalFilesCount.load()) * 100.0f /
-                                   static_cast<float>(estimatedFileCount_));
-        status_.reportProgress();
-        if (status_.isCancelled()) break;
-
-        std::string destinationPath = targetRoot + std::string(entry->relativePath());
-        auto source = std::make_shared<FVFileSystemItem>(path, entry->st);
-
-        if (isExcluded(path, sourceRoot)) {
-            status_.verboseLog("Excluded:" + path);
-            --status_.totalFilesCount;
-            if (type == S_IFDIR) walker.skipChildren();
-            continue;
-        }
-        // A destination inside a source would be copied into itself, one level deeper each run.
-        if (type == S_IFDIR && entry->st.st_dev == settings_.destinationDevice &&
-            entry->st.st_ino == settings_.destinationInode) {
-            status_.verboseLog("Skipping the destination inside the source: " + path);
-            --status_.totalFilesCount;
-            findings_.destinationSourcePaths.push_back(path);
-            walker.skipChildren();
-            continue;
-        }
-        if (settings_.willPerformCleanup) findings_.sourcePaths.insert(path);
-        // A folder that cannot be listed is not entered, and its mirror stays as it is.
-        if (type == S_IFDIR && entry->level > 0 &&
-            faccessat(entry->parentFd, entry->nameCString(), R_OK | X_OK, AT_EACCESS) != 0) {
-            reportUnreadableSource(path, errno);
-            walker.skipChildren();
-            continue;
-        }
-        if (excludeSymlinks && type == S_IFLNK) {
-            status_.verboseLog("Skipping symbolic link:" + path);
-            --status_.totalFilesCount;
-            continue;
-        }
-        // Everything below a folder the destination lacks is new as well.
-        if (FVText::isPathWithin(path, newDirectoryPrefix)) {
-            handOver(source, std::make_shared<FVFileSystemItem>(std::move(destinationPath)));
-            continue;
-        }
-        auto destination = destinationFolders.item(*entry, destinationPath);
-        bool newFolder = !destination->fileExists() && type == S_IFDIR;
-        bool needed = newFolder || needsBackup(*source, *destination);
-        const size_t level = entry->level;
-        if (type == S_IFDIR) {
-            destinationFolders.enter(*entry, *destination);
-            unchangedAncestors.resize(level);
-            unchangedAncestors.emplace_back(source, !needed);
-        }
-        if (!needed) continue;
-        // Writing an entry into a folder changes the folder's date: queue an unchanged folder
-        // again so that its attributes are applied after the write.
-        if ((type != S_IFDIR || newFolder) && level > 0 && level <= unchangedAncestors.size() &&
-            unchangedAncestors[level - 1].second) {
-            unchangedAncestors[level - 1].second = false;
-            handOver_(unchangedAncestors[level - 1].first,
-                      std::make_shared<FVFileSystemItem>(FVText::deletingLastPathComponent(destinationPath)), true);
-        }
-        if (newFolder) newDirectoryPrefix = path;
-        handOver(source, destination);
+    }
+    if (status_.isCancelled()) return;
+    std::vector<std::string> foldersToClean = mirrorFolders.finish();
+    if (settings_.willPerformCleanup && !foldersToClean.empty()) {
+        std::vector<std::string>& list = findings_.mirrorFoldersToClean[sourceRoot];
+        list.insert(list.end(), std::make_move_iterator(foldersToClean.begin()),
+                    std::make_move_iterator(foldersToClean.end()));
     }
 }
 
-bool FVSourceAnalysis::needsBackup(FVFileSystemItem& source, FVFileSystemItem& target) const {
-    std::function<bool()> xattrsIdentical;
-    if (!settings_.options.ignoreFileFlagChanges)
-        xattrsIdentical = [&] {
-            return FVFileManager::xattrIdentialforFileAtPath(source.path(), target.path(),
-                                                             !settings_.options.disableACLClone);
-        };
+bool FVSourceAnalysis::needsBackup(FVFileSystemItem& source, FVFileSystemItem& target,
+                                   const std::function<bool()>& xattrsIdentical) const {
     auto reason = FVChangeDecision::decide(FVChangeDecision::sideOf(source), FVChangeDecision::sideOf(target),
                                            xattrsIdentical);
     if (reason == FVChangeDecision::Reason::Unchanged) return false;

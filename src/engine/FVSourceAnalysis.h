@@ -28,7 +28,8 @@ private:
     void addFixedPatterns(const std::string& sourcePath);
     void walk(const std::string& sourceRoot, const std::string& targetRoot);
     bool isExcluded(const std::string& path, const std::string& sourceRoot) const;
-    bool needsBackup(FVFileSystemItem& source, FVFileSystemItem& target) const;
+    // xattrsIdentical: compares the attributes, or is empty when they are not compared.
+    bool needsBackup(FVFileSystemItem& source, FVFileSystemItem& target, const std::function<bool()>& xattrsIdentical) const;
     // Logs and keeps a source item that could not be read: its mirror is left as it is.
     void reportUnreadableSource(const std::string& path, int error);
     void handOver(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);

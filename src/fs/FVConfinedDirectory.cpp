@@ -113,10 +113,25 @@ FVFd FVConfinedDirectory::openFolder(std::string_view relative, bool createMissi
         if (errno == ENOSYS) haveOpenat2.store(false, std::memory_order_relaxed);
         else if (errno != ENOENT || !createMissing) return fail(errno);
     }
-    // One component at a time: O_NOFOLLOW on a single name never leaves the folder above it.
-    FVFd current(fcntl(root_.get(), F_DUPFD_CLOEXEC, 0));
-    if (!current.valid()) return fail(errno);
+    FVFd current;
     size_t pos = 0;
+    // What is missing is usually the last folder or two (an archive folder beside one made a
+    // moment ago): the walk below starts from the deepest folder that exists.
+    if (createMissing && relative.size() < PATH_MAX && haveOpenat2.load(std::memory_order_relaxed)) {
+        for (size_t cut = relative.rfind('/'); cut != std::string_view::npos && cut > 0;
+             cut = relative.rfind('/', cut - 1)) {
+            int fd = openBeneath(root_.get(), std::string(relative.substr(0, cut)));
+            if (fd >= 0) {
+                current.reset(fd);
+                pos = cut + 1;
+                break;
+            }
+            if (errno != ENOENT) return fail(errno);
+        }
+    }
+    // One component at a time: O_NOFOLLOW on a single name never leaves the folder above it.
+    if (!current.valid()) current.reset(fcntl(root_.get(), F_DUPFD_CLOEXEC, 0));
+    if (!current.valid()) return fail(errno);
     while (pos < relative.size()) {
         size_t end = relative.find('/', pos);
         if (end == std::string_view::npos) end = relative.size();

@@ -134,7 +134,8 @@ TEST_F(BackupRun, MirrorsSeveralSourcesAndWritesTheResultsBack) {
 
 TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
     buildTree(source, {{"Docs/keep.txt", "same"}, {"Docs/change.txt", "version 1"},
-                       {"Docs/sub/gone.txt", "soon removed"}, {"Docs/._keep.txt", "companion"}});
+                       {"Docs/sub/gone.txt", "soon removed"}, {"Docs/._keep.txt", "companion"},
+                       {"Docs/deep/er/old.txt", "old"}});
     PlistDict options = defaults();
     options.set("moveChangedFiles", int64_t{1});
     configure({{source + "/Docs", FVSourceMode::Backup}}, options);
@@ -142,6 +143,8 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
 
     writeFile(source + "/Docs/change.txt", "version 2, longer");
     fs::remove_all(source + "/Docs/sub");
+    // A folder whose mirror holds as many names as the source, but not the same ones.
+    fs::rename(source + "/Docs/deep/er/old.txt", source + "/Docs/deep/er/new.txt");
     // A dry run names each change and makes none, not even in the configuration.
     const std::string untouched = treeDigest(destination);
     auto dry = run({"--dry-run"});
@@ -163,6 +166,8 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
     EXPECT_EQ(changedStamps, removedStamps) << "one stamp per run";
     EXPECT_EQ(readFile(destination + "/__changed/" + changedStamps[0] + "/Docs/change.txt"), "version 1");
     EXPECT_EQ(readFile(destination + "/__removed/" + removedStamps[0] + "/Docs/sub/gone.txt"), "soon removed");
+    EXPECT_EQ(readFile(destination + "/__removed/" + removedStamps[0] + "/Docs/deep/er/old.txt"), "old");
+    EXPECT_EQ(differences(source + "/Docs/deep/", destination + "/Docs/deep/"), "");
     EXPECT_EQ(listFolder(destination + "/__changed/" + changedStamps[0] + "/Docs"),
               std::vector<std::string>{"change.txt"});
     EXPECT_EQ(readFile(destination + "/Docs/._keep.txt"), "companion");
@@ -172,14 +177,14 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
     auto runs = ferrovane({"runs", destination, "--json"});
     ASSERT_EQ(runs.exitStatus, 0) << runs.err;
     EXPECT_EQ(jsonQuery(runs.out, "[(r['stamp'], r['changed'], r['removed']) for r in d['runs']]"),
-              "[('" + changedStamps[0] + "', {'items': 1, 'bytes': 9}, {'items': 1, 'bytes': 12})]");
+              "[('" + changedStamps[0] + "', {'items': 1, 'bytes': 9}, {'items': 2, 'bytes': 15})]");
     EXPECT_EQ(jsonQuery(runs.out, "[(s['path'], s['totalFiles'] > 0) for s in d['sources']]"),
               "[('" + source + "/Docs', True)]");
     EXPECT_EQ(ferrovane({"runs", destination}).exitStatus, 0);
     EXPECT_EQ(treeDigest(destination), before);
 
     std::string log = readFile(logPath());
-    EXPECT_NE(log.find("Archiving deleted items finished: archived 1 items."), std::string::npos);
+    EXPECT_NE(log.find("Archiving deleted items finished: archived 2 items."), std::string::npos);
 }
 
 TEST_F(BackupRun, AFolderReplacedByALinkBecomesALinkAndTheFolderIsArchived) {
