@@ -1,0 +1,85 @@
+#include "engine/FVHardLinkWriter.h"
+
+#include "engine/FVTemporaryEntry.h"
+#include "fs/FVText.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fmt/format.h>
+
+namespace ferrovane {
+
+std::vector<FVHardLinkGroups::Request> FVHardLinkWriter::run(const std::vector<FVHardLinkGroups::Request>& requests) {
+    std::vector<FVHardLinkGroups::Request> separate;
+    for (const FVHardLinkGroups::Request& request : requests) {
+        if (status_.isCancelled()) break;
+        if (settings_.dryRun) reportWouldLink(request);
+        else if (link(request) == Outcome::CopySeparately && !request.destinationCurrent) separate.push_back(request);
+    }
+    return separate;
+}
+
+void FVHardLinkWriter::reportWouldLink(const FVHardLinkGroups::Request& request) {
+    status_.planned("Would link: " + request.source->path());
+    if (settings_.options.moveChangedFiles && request.destination->fileExists() && !request.destinationCurrent)
+        status_.planned("Would archive: " + request.destination->path());
+}
+
+void FVHardLinkWriter::reportError(const std::string& message) {
+    status_.log("ERROR: " + message);
+    status_.addError(message);
+}
+
+FVHardLinkWriter::Outcome FVHardLinkWriter::link(const FVHardLinkGroups::Request& request) {
+    const std::string& path = request.destination->path();
+    const std::string& firstPath = request.firstDestinationPath;
+    const std::string firstName = FVText::lastPathComponent(firstPath);
+    int error = 0;
+    FVFd firstFolder = destination_.openFolder(FVText::deletingLastPathComponent(firstPath), false, &error);
+    struct stat first {};
+    if (firstFolder.valid() && fstatat(firstFolder.get(), firstName.c_str(), &first, AT_SYMLINK_NOFOLLOW) != 0)
+        error = errno;
+    // The first name's copy failed (and said so): this name waits for it, as it is, until a later run.
+    const struct stat& source = request.source->statBuffer();
+    if (error != 0 || !S_ISREG(first.st_mode) || first.st_size != source.st_size ||
+        first.st_mtim.tv_sec != source.st_mtim.tv_sec || first.st_mtim.tv_nsec != source.st_mtim.tv_nsec) {
+        status_.log(fmt::format("NOTE: Not linking {} to {}, which holds no copy of it yet.", path, firstPath));
+        return Outcome::Done;
+    }
+    FVFd folder = destination_.openFolder(FVText::deletingLastPathComponent(path), false, &error);
+    if (!folder.valid()) {
+        reportError(fmt::format("Could not link {} ({})", path, std::strerror(error)));
+        return Outcome::Done;
+    }
+    const std::string name = FVText::lastPathComponent(path);
+    struct stat old {};
+    const bool exists = fstatat(folder.get(), name.c_str(), &old, AT_SYMLINK_NOFOLLOW) == 0;
+    if (exists && old.st_dev == first.st_dev && old.st_ino == first.st_ino) return Outcome::Done;
+
+    status_.verboseLog(fmt::format("Linking {} to {}", path, firstPath));
+    Outcome outcome = Outcome::Done;
+    // The folder keeps the dates the copy gave it.
+    destination_.keepingParentDates(path, [&] {
+        FVTemporaryEntry entry(folder.get());
+        if (entry.create([&](const char* temporary) {
+                return linkat(firstFolder.get(), firstName.c_str(), folder.get(), temporary, 0);
+            }) != 0) {
+            status_.log(fmt::format("WARNING: Could not link {} to {} ({}); it is kept as a file of its own.", path,
+                                    firstPath, std::strerror(errno)));
+            outcome = Outcome::CopySeparately;
+            return;
+        }
+        // An old entry that already held this version is not archived again: the link holds it.
+        FVFileSystemItem oldItem(path, old);
+        if (exists && !request.destinationCurrent && !archive_.archiveBeforeOverwrite(oldItem)) return;
+        if (entry.publish(name, -1) != FVTemporaryEntry::Published::Done)
+            reportError(fmt::format("Could not link {} to {} ({})", path, firstPath, std::strerror(errno)));
+    });
+    return outcome;
+}
+
+}  // namespace ferrovane

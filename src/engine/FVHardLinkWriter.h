@@ -1,0 +1,39 @@
+#pragma once
+// Makes the mirror of each later name of a file a link to its first name's mirror, after the
+// copies of the source item are done (on the run's own thread). The old entry is archived like a
+// changed file and stays whole until the link is renamed over it. Where no link can be made (a
+// file system without links, too many links, an immutable first copy), the name is handed back to
+// be copied as a file of its own.
+
+#include "engine/FVChangedFileArchive.h"
+#include "engine/FVDestinationTree.h"
+#include "engine/FVHardLinkGroups.h"
+#include "engine/FVRunSettings.h"
+#include "engine/FVRunStatus.h"
+
+#include <vector>
+
+namespace ferrovane {
+
+class FVHardLinkWriter {
+public:
+    FVHardLinkWriter(const FVRunSettings& settings, const FVDestinationTree& destination, FVChangedFileArchive& archive,
+                     FVRunStatus& status)
+        : settings_(settings), destination_(destination), archive_(archive), status_(status) {}
+
+    // Returns the names to copy as files of their own.
+    std::vector<FVHardLinkGroups::Request> run(const std::vector<FVHardLinkGroups::Request>& requests);
+
+private:
+    enum class Outcome { Done, CopySeparately };
+    Outcome link(const FVHardLinkGroups::Request& request);
+    void reportWouldLink(const FVHardLinkGroups::Request& request);
+    void reportError(const std::string& message);
+
+    const FVRunSettings& settings_;
+    const FVDestinationTree& destination_;
+    FVChangedFileArchive& archive_;
+    FVRunStatus& status_;
+};
+
+}  // namespace ferrovane
