@@ -13,14 +13,24 @@
 
 namespace ferrovane {
 
-std::vector<FVHardLinkGroups::Request> FVHardLinkWriter::run(const std::vector<FVHardLinkGroups::Request>& requests) {
-    std::vector<FVHardLinkGroups::Request> separate;
+std::vector<FVHardLinkWriter::CopyPair> FVHardLinkWriter::run(const std::vector<FVHardLinkGroups::Request>& requests) {
+    std::vector<CopyPair> copies;
+    std::string lastFolder;
     for (const FVHardLinkGroups::Request& request : requests) {
         if (status_.isCancelled()) break;
-        if (settings_.dryRun) reportWouldLink(request);
-        else if (link(request) == Outcome::CopySeparately && !request.destinationCurrent) separate.push_back(request);
+        if (settings_.dryRun) {
+            reportWouldLink(request);
+            continue;
+        }
+        if (link(request) != Outcome::CopySeparately || request.destinationCurrent) continue;
+        std::string folder = FVText::deletingLastPathComponent(request.source->path());
+        if (folder != lastFolder)
+            copies.emplace_back(std::make_shared<FVFileSystemItem>(folder), std::make_shared<FVFileSystemItem>(
+                                    FVText::deletingLastPathComponent(request.destination->path())));
+        lastFolder = std::move(folder);
+        copies.emplace_back(request.source, request.destination);
     }
-    return separate;
+    return copies;
 }
 
 void FVHardLinkWriter::reportWouldLink(const FVHardLinkGroups::Request& request) {
@@ -68,7 +78,7 @@ FVHardLinkWriter::Outcome FVHardLinkWriter::link(const FVHardLinkGroups::Request
         if (entry.create([&](const char* temporary) {
                 return linkat(firstFolder.get(), firstName.c_str(), folder.get(), temporary, 0);
             }) != 0) {
-            status_.log(fmt::format("WARNING: Could not link {} to {} ({}); it is kept as a file of its own.", path,
+            status_.log(fmt::format("WARNING: Could not link {} to {} ({}); it is backed up as a file of its own.", path,
                                     firstPath, std::strerror(errno)));
             outcome = Outcome::CopySeparately;
             return;

@@ -3,7 +3,7 @@
 // copies of the source item are done (on the run's own thread). The old entry is archived like a
 // changed file and stays whole until the link is renamed over it. Where no link can be made (a
 // file system without links, too many links, an immutable first copy), the name is handed back to
-// be copied as a file of its own.
+// be copied as a file of its own, after its folder, whose dates that copy changes.
 
 #include "engine/FVChangedFileArchive.h"
 #include "engine/FVDestinationTree.h"
@@ -11,6 +11,7 @@
 #include "engine/FVRunSettings.h"
 #include "engine/FVRunStatus.h"
 
+#include <utility>
 #include <vector>
 
 namespace ferrovane {
@@ -21,8 +22,9 @@ public:
                      FVRunStatus& status)
         : settings_(settings), destination_(destination), archive_(archive), status_(status) {}
 
-    // Returns the names to copy as files of their own.
-    std::vector<FVHardLinkGroups::Request> run(const std::vector<FVHardLinkGroups::Request>& requests);
+    using CopyPair = std::pair<FVFileSystemItemPtr, FVFileSystemItemPtr>;
+    // Returns the pairs (source, destination) still to copy.
+    std::vector<CopyPair> run(const std::vector<FVHardLinkGroups::Request>& requests);
 
 private:
     enum class Outcome { Done, CopySeparately };

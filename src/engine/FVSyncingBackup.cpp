@@ -127,12 +127,12 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
 
 // The first names' copies are published now; names that cannot be links are copied after all.
 bool FVSyncingBackup::linkLaterNames(const std::string& sourcePath, const FVHardLinkGroups& groups) {
-    auto separate = FVHardLinkWriter(settings_, destination_, changedFileArchive_, status_).run(groups.requests());
-    if (separate.empty()) return !status_.isCancelled();
+    auto copies = FVHardLinkWriter(settings_, destination_, changedFileArchive_, status_).run(groups.requests());
+    if (copies.empty()) return !status_.isCancelled();
     auto worker = makeWorker(sourcePath);
     status_.setCurrentWorker(worker);
     worker->startCopySession();
-    for (FVHardLinkGroups::Request& request : separate) worker->addCopyItemFromSource(request.source, request.destination);
+    for (auto& [source, destination] : copies) worker->addCopyItemFromSource(source, destination);
     return !waitForCopies(*worker);
 }
 
