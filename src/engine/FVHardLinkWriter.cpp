@@ -1,5 +1,6 @@
 #include "engine/FVHardLinkWriter.h"
 
+#include "engine/FVChangeDecision.h"
 #include "engine/FVTemporaryEntry.h"
 #include "fs/FVText.h"
 
@@ -54,9 +55,10 @@ FVHardLinkWriter::Outcome FVHardLinkWriter::link(const FVHardLinkGroups::Request
     if (firstFolder.valid() && fstatat(firstFolder.get(), firstName.c_str(), &first, AT_SYMLINK_NOFOLLOW) != 0)
         error = errno;
     // The first name's copy failed (and said so): this name waits for it, as it is, until a later run.
-    const struct stat& source = request.source->statBuffer();
-    if (error != 0 || !S_ISREG(first.st_mode) || first.st_size != source.st_size ||
-        first.st_mtim.tv_sec != source.st_mtim.tv_sec || first.st_mtim.tv_nsec != source.st_mtim.tv_nsec) {
+    FVFileSystemItem firstItem(firstPath, first);
+    if (error != 0 || FVChangeDecision::decide(FVChangeDecision::sideOf(*request.source),
+                                               FVChangeDecision::sideOf(firstItem),
+                                               nullptr) != FVChangeDecision::Reason::Unchanged) {
         status_.log(fmt::format("NOTE: Not linking {} to {}, which holds no copy of it yet.", path, firstPath));
         return Outcome::Done;
     }
