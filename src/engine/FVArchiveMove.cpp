@@ -27,7 +27,7 @@ constexpr int kReadFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLO
 
 int FVArchiveMove::move(const std::string& from, const std::string& to, const struct stat* known) const {
     struct stat st {};
-    if (!known && lstat(from.c_str(), &st) == 0) known = &st;
+    if (!known && FVLongPath::lstat(from, &st) == 0) known = &st;
     if (known && isShared(*known)) return copyThenRemove(from, to);
     int error = destination_.moveItem(from, to);
     if (error == 0 && known && S_ISDIR(known->st_mode)) unshareBelow(to);
