@@ -7,7 +7,7 @@ namespace ferrovane {
 bool FVHardLinkGroups::takeLaterName(const FVFileSystemItemPtr& source, const FVFileSystemItemPtr& destination,
                                      bool needed) {
     const struct stat& st = source->statBuffer();
-    if (!S_ISREG(st.st_mode) || st.st_nlink < 2) return false;
+    if (!(S_ISREG(st.st_mode) || S_ISLNK(st.st_mode)) || st.st_nlink < 2) return false;
     Inode mirror{};
     if (destination->fileExists()) mirror = {destination->statBuffer().st_dev, destination->statBuffer().st_ino};
     auto [first, isFirst] = firstNames_.try_emplace(Inode{st.st_dev, st.st_ino});

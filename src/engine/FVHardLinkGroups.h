@@ -1,7 +1,8 @@
 #pragma once
-// The files of one source item that have more than one name, met during its walk. The first name
-// met is compared and copied like any file; each later name becomes a request to link its mirror
-// to the first name's mirror once the copies are done, unless it already is that link.
+// The files (and symbolic links) of one source item that have more than one name, met during its
+// walk. The first name met is compared and copied like any file; each later name becomes a
+// request to link its mirror to the first name's mirror once the copies are done, unless it
+// already is that link.
 
 #include "engine/FVFileSystemItem.h"
 
@@ -23,7 +24,7 @@ public:
         bool destinationCurrent = false;
     };
 
-    // Called for a file after it was compared with its mirror (needed: it differs); true when it
+    // Called for an entry after it was compared with its mirror (needed: it differs); true when it
     // is a later name, which is then not handed to the copy.
     bool takeLaterName(const FVFileSystemItemPtr& source, const FVFileSystemItemPtr& destination, bool needed);
     const std::vector<Request>& requests() const { return requests_; }

@@ -45,15 +45,22 @@ void FVHardLinkWriter::reportError(const std::string& message) {
     status_.addError(message);
 }
 
+int FVHardLinkWriter::folderAt(OpenFolder& cache, const std::string& path) {
+    if (cache.path != path || !cache.fd.valid()) {
+        cache.path = path;
+        cache.fd = destination_.openFolder(path, false, &cache.error);
+    }
+    return cache.fd.valid() ? cache.fd.get() : -1;
+}
+
 FVHardLinkWriter::Outcome FVHardLinkWriter::link(const FVHardLinkGroups::Request& request) {
     const std::string& path = request.destination->path();
     const std::string& firstPath = request.firstDestinationPath;
     const std::string firstName = FVText::lastPathComponent(firstPath);
-    int error = 0;
-    FVFd firstFolder = destination_.openFolder(FVText::deletingLastPathComponent(firstPath), false, &error);
+    const int firstFolder = folderAt(firstFolder_, FVText::deletingLastPathComponent(firstPath));
+    int error = firstFolder < 0 ? firstFolder_.error : 0;
     struct stat first {};
-    if (firstFolder.valid() && fstatat(firstFolder.get(), firstName.c_str(), &first, AT_SYMLINK_NOFOLLOW) != 0)
-        error = errno;
+    if (firstFolder >= 0 && fstatat(firstFolder, firstName.c_str(), &first, AT_SYMLINK_NOFOLLOW) != 0) error = errno;
     // The first name's copy failed (and said so): this name waits for it, as it is, until a later run.
     FVFileSystemItem firstItem(firstPath, first);
     if (error != 0 || FVChangeDecision::decide(FVChangeDecision::sideOf(*request.source),
@@ -62,36 +69,49 @@ FVHardLinkWriter::Outcome FVHardLinkWriter::link(const FVHardLinkGroups::Request
         status_.log(fmt::format("NOTE: Not linking {} to {}, which holds no copy of it yet.", path, firstPath));
         return Outcome::Done;
     }
-    FVFd folder = destination_.openFolder(FVText::deletingLastPathComponent(path), false, &error);
-    if (!folder.valid()) {
-        reportError(fmt::format("Could not link {} ({})", path, std::strerror(error)));
+    const int folder = folderAt(folder_, FVText::deletingLastPathComponent(path));
+    if (folder < 0) {
+        reportError(fmt::format("Could not link {} ({})", path, std::strerror(folder_.error)));
         return Outcome::Done;
     }
     const std::string name = FVText::lastPathComponent(path);
     struct stat old {};
-    const bool exists = fstatat(folder.get(), name.c_str(), &old, AT_SYMLINK_NOFOLLOW) == 0;
+    const bool exists = fstatat(folder, name.c_str(), &old, AT_SYMLINK_NOFOLLOW) == 0;
     if (exists && old.st_dev == first.st_dev && old.st_ino == first.st_ino) return Outcome::Done;
 
     status_.verboseLog(fmt::format("Linking {} to {}", path, firstPath));
-    Outcome outcome = Outcome::Done;
     // The folder keeps the dates the copy gave it.
-    destination_.keepingParentDates(path, [&] {
-        FVTemporaryEntry entry(folder.get());
-        if (entry.create([&](const char* temporary) {
-                return linkat(firstFolder.get(), firstName.c_str(), folder.get(), temporary, 0);
-            }) != 0) {
-            status_.log(fmt::format("WARNING: Could not link {} to {} ({}); it is backed up as a file of its own.", path,
-                                    firstPath, std::strerror(errno)));
-            outcome = Outcome::CopySeparately;
-            return;
-        }
-        // An old entry that already held this version is not archived again: the link holds it.
-        FVFileSystemItem oldItem(path, old);
-        if (exists && !request.destinationCurrent && !archive_.archiveBeforeOverwrite(oldItem)) return;
-        if (entry.publish(name, -1) != FVTemporaryEntry::Published::Done)
-            reportError(fmt::format("Could not link {} to {} ({})", path, firstPath, std::strerror(errno)));
-    });
+    struct stat folderSt {};
+    const bool folderDated = fstat(folder, &folderSt) == 0;
+    Outcome outcome = replaceWithLink(request, firstFolder, firstName, folder, name, exists ? &old : nullptr);
+    if (folderDated) {
+        timespec times[2] = {folderSt.st_atim, folderSt.st_mtim};
+        futimens(folder, times);
+    }
     return outcome;
+}
+
+FVHardLinkWriter::Outcome FVHardLinkWriter::replaceWithLink(const FVHardLinkGroups::Request& request, int firstFolder,
+                                                            const std::string& firstName, int folder,
+                                                            const std::string& name, const struct stat* old) {
+    const std::string& path = request.destination->path();
+    FVTemporaryEntry entry(folder);
+    if (entry.create([&](const char* temporary) {
+            return linkat(firstFolder, firstName.c_str(), folder, temporary, 0);
+        }) != 0) {
+        status_.log(fmt::format("WARNING: Could not link {} to {} ({}); it is backed up as a file of its own.", path,
+                                request.firstDestinationPath, std::strerror(errno)));
+        return Outcome::CopySeparately;
+    }
+    // An old entry that already held this version is not archived again: the link holds it.
+    if (old && !request.destinationCurrent) {
+        FVFileSystemItem oldItem(path, *old);
+        if (!archive_.archiveBeforeOverwrite(oldItem)) return Outcome::Done;
+    }
+    if (entry.publish(name, -1) != FVTemporaryEntry::Published::Done)
+        reportError(fmt::format("Could not link {} to {} ({})", path, request.firstDestinationPath,
+                                std::strerror(errno)));
+    return Outcome::Done;
 }
 
 }  // namespace ferrovane

@@ -11,6 +11,9 @@
 #include "engine/FVRunSettings.h"
 #include "engine/FVRunStatus.h"
 
+#include <sys/stat.h>
+
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -27,8 +30,20 @@ public:
     std::vector<CopyPair> run(const std::vector<FVHardLinkGroups::Request>& requests);
 
 private:
+    // The folder last reached, kept open for the next name: names come in walk order.
+    struct OpenFolder {
+        std::string path;
+        FVFd fd;
+        int error = 0;
+    };
     enum class Outcome { Done, CopySeparately };
+    // The folder's descriptor, or -1 with the error in cache.error.
+    int folderAt(OpenFolder& cache, const std::string& path);
     Outcome link(const FVHardLinkGroups::Request& request);
+    // Makes the link under a temporary name, archives the old entry (old, when there is one) and
+    // renames the link over it.
+    Outcome replaceWithLink(const FVHardLinkGroups::Request& request, int firstFolder, const std::string& firstName,
+                            int folder, const std::string& name, const struct stat* old);
     void reportWouldLink(const FVHardLinkGroups::Request& request);
     void reportError(const std::string& message);
 
@@ -36,6 +51,7 @@ private:
     const FVDestinationTree& destination_;
     FVChangedFileArchive& archive_;
     FVRunStatus& status_;
+    OpenFolder firstFolder_, folder_;
 };
 
 }  // namespace ferrovane
