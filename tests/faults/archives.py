@@ -5,6 +5,7 @@ nothing, and a configuration edit made during a run survives it."""
 import os
 import plistlib
 import shutil
+import stat
 import subprocess
 import threading
 import time
@@ -219,20 +220,23 @@ def config_during_a_run(ferrovane, work):
 
 
 def inodes(root):
-    """The inode of every file below root."""
-    return {os.stat(os.path.join(f, n)).st_ino for f, _, names in os.walk(root) for n in names}
+    """The inode of every regular file below root (a link's target cannot be edited in place)."""
+    found = (os.lstat(os.path.join(f, n)) for f, _, names in os.walk(root) for n in names)
+    return {st.st_ino for st in found if stat.S_ISREG(st.st_mode)}
 
 
 def hard_link_groups(ferrovane, work):
-    """Names of one file in several folders stay names of one file in the mirror while the file
+    """Names of one file (or link) in several folders stay names of one file in the mirror while the file
     changes, loses a name, and a name leaves it; every run keeps every version, no archived file
     shares its inode with the mirror, and a clean rerun changes nothing."""
     d = Destination(ferrovane, work)
     source, mirror = os.fsencode(d.source), d.mirror("")
     os.makedirs(os.path.join(source, b"other"))
-    for first, later in ((b"f", (b"sub/f2", b"other/f3", b"other/f4")), (b"sub/g", (b"g2",))):
+    os.symlink(b"../f", os.path.join(source, b"sub/link"))
+    for first, later in ((b"f", (b"sub/f2", b"other/f3", b"other/f4")), (b"sub/g", (b"g2",)),
+                         (b"sub/link", (b"other/link",))):
         for name in later:
-            os.link(os.path.join(source, first), os.path.join(source, name))
+            os.link(os.path.join(source, first), os.path.join(source, name), follow_symlinks=False)
 
     def leave():
         os.unlink(os.path.join(source, b"g2"))
