@@ -50,8 +50,11 @@ int FVArchiveMove::copyThenRemove(const std::string& from, const std::string& to
     FVFd toFolder = destination_.openFolder(FVText::deletingLastPathComponent(to), true, &error);
     if (!toFolder.valid()) return error;
     const std::string archivedName = FVText::lastPathComponent(to);
-    FVTemporaryEntry entry(toFolder.get());
-    if (!copyInto(in.get(), st, entry, toFolder.get(), from).valid() || !entry.publishAsNew(archivedName)) return errno;
+    // Made beside the mirror name, where the next run removes it if this run is cut short.
+    FVTemporaryEntry entry(fromFolder.get());
+    if (!copyInto(in.get(), st, entry, fromFolder.get(), from).valid() ||
+        !entry.publishAsNew(toFolder.get(), archivedName))
+        return errno;
     if (unlinkat(fromFolder.get(), name.c_str(), 0) == 0) return 0;
     // The mirror name stays, so the copy goes again: the version is kept once, in the mirror.
     error = errno;

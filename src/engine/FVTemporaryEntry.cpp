@@ -26,8 +26,8 @@ std::string FVTemporaryEntry::randomName() {
     return fmt::format("{}{:016x}", kTemporaryFilePrefix, random());
 }
 
-bool FVTemporaryEntry::publishAsNew(const std::string& name) {
-    published_ = renameat2(dirFd_, name_.c_str(), dirFd_, name.c_str(), RENAME_NOREPLACE) == 0;
+bool FVTemporaryEntry::publishAsNew(int toDirFd, const std::string& name) {
+    published_ = renameat2(dirFd_, name_.c_str(), toDirFd, name.c_str(), RENAME_NOREPLACE) == 0;
     return published_;
 }
 
