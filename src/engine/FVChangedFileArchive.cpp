@@ -1,5 +1,6 @@
 #include "engine/FVChangedFileArchive.h"
 
+#include "engine/FVArchiveMove.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
@@ -20,10 +21,11 @@ bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination)
     if (!settings_.options.moveChangedFiles || !destination.fileExists()) return true;
     const std::string& path = destination.path();
     const std::string archived = archivePath(path);
+    const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone);
     destination_.unlock(path);
-    if (destination_.moveItem(path, archived) == 0) return true;
+    if (archive.move(path, archived, &destination.statBuffer()) == 0) return true;
     destination_.unlock(FVText::deletingLastPathComponent(path));
-    int error = destination_.moveItem(path, archived);
+    int error = archive.move(path, archived, &destination.statBuffer());
     if (error == 0) {
         status_.verboseLog("Archived changed file: " + path);
         return true;

@@ -31,6 +31,13 @@ int FVDestinationTree::removeItem(const std::string& path) const {
     return below && !below->empty() ? destination_.removeItem(*below) : EXDEV;
 }
 
+FVFd FVDestinationTree::openFolder(const std::string& path, bool createMissing, int* error) const {
+    auto below = relative(path);
+    if (below) return destination_.openFolder(*below, createMissing, error);
+    *error = EXDEV;
+    return FVFd();
+}
+
 void FVDestinationTree::unlock(const std::string& path, bool recursively) const {
     auto below = relative(path);
     if (!below) return;

@@ -19,6 +19,8 @@ public:
     // The target's missing folders are made by the move itself. Both return 0 or the errno.
     int moveItem(const std::string& from, const std::string& to) const;
     int removeItem(const std::string& path) const;
+    // A descriptor of the folder at an absolute path below the root (see FVConfinedDirectory).
+    FVFd openFolder(const std::string& path, bool createMissing, int* error) const;
     // Clears the immutable flag of an item (and, recursively, of all below it).
     void unlock(const std::string& path, bool recursively = false) const;
     // Runs change (which takes the item away) and gives the item's folder its dates back.

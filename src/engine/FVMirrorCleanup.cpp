@@ -1,6 +1,7 @@
 #include "engine/FVMirrorCleanup.h"
 
 #include "engine/FVAdditions.h"
+#include "engine/FVArchiveMove.h"
 #include "engine/FVExclusionRules.h"
 #include "engine/FVFileCopyWorker.h"
 #include "fs/FVText.h"
@@ -160,9 +161,10 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
             settings_.syncMode()
                 ? fmt::format("{}{}/{}", archiveRoot, FVText::lastPathComponent(sourceRoot), relative)
                 : FVText::appendingPathComponent(archiveRoot, FVText::appendingPathComponent(sourceRoot, relative).substr(1));
-        if (destination_.moveItem(itemPath, archivePath) == 0) return;
+        const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone);
+        if (archive.move(itemPath, archivePath) == 0) return;
         destination_.unlock(FVText::deletingLastPathComponent(itemPath));
-        int error = destination_.moveItem(itemPath, archivePath);
+        int error = archive.move(itemPath, archivePath);
         if (error == 0 || status_.stopOnFatalDestinationError(error)) return;
         // The item stays in the mirror: it is never deleted in place of a failed archive move.
         // The error list carries the reason too: it is all a user sees of the failure.

@@ -179,7 +179,8 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
             auto source = std::make_shared<FVFileSystemItem>(path, entry.st);
             // Everything below a folder the destination lacks is new as well.
             if (FVText::isPathWithin(path, newDirectoryPrefix)) {
-                handOver(source, std::make_shared<FVFileSystemItem>(std::move(destinationPath)));
+                auto destination = std::make_shared<FVFileSystemItem>(std::move(destinationPath));
+                if (!hardLinks_.takeLaterName(source, destination, true)) handOver(source, destination);
                 continue;
             }
             auto destination = mirrorFolders.item(level, entry.nameCString(), destinationPath);
@@ -197,6 +198,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 unchangedAncestors.resize(level);
                 unchangedAncestors.emplace_back(source, !needed);
             }
+            if (hardLinks_.takeLaterName(source, destination, needed)) continue;
             if (!needed) continue;
             // Writing an entry into a folder changes the folder's date: queue an unchanged folder
             // again so that its attributes are applied after the write.

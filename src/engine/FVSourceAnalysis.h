@@ -3,6 +3,7 @@
 // such pair on (to the copy worker, which copies while the walk goes on) at once.
 
 #include "engine/FVFileSystemItem.h"
+#include "engine/FVHardLinkGroups.h"
 #include "engine/FVRunFindings.h"
 #include "engine/FVRunSettings.h"
 #include "engine/FVRunStatus.h"
@@ -23,6 +24,8 @@ public:
 
     // Adds the patterns that depend on what the source item holds, then walks it.
     void analyse(const std::string& sourcePath, int64_t estimatedFileCount);
+    // The later names of files with several names, to be linked once the copies are done.
+    const FVHardLinkGroups& hardLinks() const { return hardLinks_; }
 
 private:
     void addFixedPatterns(const std::string& sourcePath);
@@ -39,6 +42,7 @@ private:
     FVRunStatus& status_;
     HandOver handOver_;
     int64_t estimatedFileCount_ = 1;
+    FVHardLinkGroups hardLinks_;
 };
 
 }  // namespace ferrovane

@@ -3,6 +3,7 @@
 #include "FVVersion.h"
 #include "engine/FVAdditions.h"
 #include "engine/FVArchivePurge.h"
+#include "engine/FVHardLinkWriter.h"
 #include "engine/FVLog.h"
 #include "engine/FVMirrorCleanup.h"
 #include "engine/FVSourceAnalysis.h"
@@ -107,6 +108,7 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
     status_.reportProgress();
 
     if (worker ? waitForCopies(*worker) : status_.isCancelled()) return false;
+    if (!linkLaterNames(sourcePath, analysis.hardLinks())) return false;
     status_.setCopyProgress(100);
     status_.reportProgress();
     if (sourcePath == "/" && !settings_.dryRun) {
@@ -121,6 +123,17 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
     status_.log(fmt::format("Source finished: {} ({} copied).", sourcePath,
                             FVNumber::formattedDiskSizeString(static_cast<double>(worker ? worker->totalBytesCopied() : 0))));
     return true;
+}
+
+// The first names' copies are published now; names that cannot be links are copied after all.
+bool FVSyncingBackup::linkLaterNames(const std::string& sourcePath, const FVHardLinkGroups& groups) {
+    auto copies = FVHardLinkWriter(settings_, destination_, changedFileArchive_, status_).run(groups.requests());
+    if (copies.empty()) return !status_.isCancelled();
+    auto worker = makeWorker(sourcePath);
+    status_.setCurrentWorker(worker);
+    worker->startCopySession();
+    for (auto& [source, destination] : copies) worker->addCopyItemFromSource(source, destination);
+    return !waitForCopies(*worker);
 }
 
 void FVSyncingBackup::reportWouldCopy(FVFileSystemItem& source, FVFileSystemItem& destination) {

@@ -8,6 +8,7 @@
 #include "engine/FVChangedFileArchive.h"
 #include "engine/FVDestinationTree.h"
 #include "engine/FVFileCopyWorker.h"
+#include "engine/FVHardLinkGroups.h"
 #include "engine/FVRunFindings.h"
 #include "engine/FVRunSettings.h"
 #include "engine/FVRunStatus.h"
@@ -67,6 +68,8 @@ private:
     // Ends the worker's session and waits for its last thread; false when it was cancelled.
     bool waitForCopies(FVFileCopyWorker& worker);
     void copiesEnded(bool cancelled);
+    // Links the later names of files with several names; false when the run was cancelled.
+    bool linkLaterNames(const std::string& sourcePath, const FVHardLinkGroups& groups);
     // What a dry run reports instead of handing a pair to the worker.
     void reportWouldCopy(FVFileSystemItem& source, FVFileSystemItem& destination);
 

@@ -26,6 +26,11 @@ std::string FVTemporaryEntry::randomName() {
     return fmt::format("{}{:016x}", kTemporaryFilePrefix, random());
 }
 
+bool FVTemporaryEntry::publishAsNew(int toDirFd, const std::string& name) {
+    published_ = renameat2(dirFd_, name_.c_str(), toDirFd, name.c_str(), RENAME_NOREPLACE) == 0;
+    return published_;
+}
+
 FVTemporaryEntry::Published FVTemporaryEntry::publish(const std::string& name, int dataFd) {
     if (renameat2(dirFd_, name_.c_str(), dirFd_, name.c_str(), RENAME_NOREPLACE) == 0) {
         published_ = true;

@@ -37,6 +37,9 @@ public:
     // (dataFd, or -1 for an entry without data) is flushed, so that a power loss cannot leave
     // neither version. Anything but Done leaves errno of the call that failed.
     Published publish(const std::string& name, int dataFd);
+    // Gives the entry a name in toDirFd (a folder on the same file system) only where that name is
+    // free; false leaves errno (EEXIST when taken).
+    bool publishAsNew(int toDirFd, const std::string& name);
 
 private:
     static std::string randomName();

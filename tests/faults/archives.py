@@ -5,11 +5,12 @@ nothing, and a configuration edit made during a run survives it."""
 import os
 import plistlib
 import shutil
+import stat
 import subprocess
 import threading
 import time
 
-from faultkit import (run_cases, Ferrovane, build, content, expect, expect_clean_rerun, expect_kept,
+from faultkit import (run_cases, Ferrovane, build, content, expect, expect_clean_rerun, expect_kept, expect_mirror,
                       next_second, read_configuration, tail, version, versions, wait_for_copy)
 
 NAME = "data"
@@ -218,8 +219,50 @@ def config_during_a_run(ferrovane, work):
             expect(r.stderr.strip() or r.stdout.strip(), f"config {name} failed without a message")
 
 
+def inodes(root):
+    """The inode of every regular file below root (a link's target cannot be edited in place)."""
+    found = (os.lstat(os.path.join(f, n)) for f, _, names in os.walk(root) for n in names)
+    return {st.st_ino for st in found if stat.S_ISREG(st.st_mode)}
+
+
+def hard_link_groups(ferrovane, work):
+    """Names of one file (or link) in several folders stay names of one file in the mirror while the file
+    changes, loses a name, and a name leaves it; every run keeps every version, no archived file
+    shares its inode with the mirror, and a clean rerun changes nothing."""
+    d = Destination(ferrovane, work)
+    source, mirror = os.fsencode(d.source), d.mirror("")
+    os.makedirs(os.path.join(source, b"other"))
+    os.symlink(b"../f", os.path.join(source, b"sub/link"))
+    for first, later in ((b"f", (b"sub/f2", b"other/f3", b"other/f4")), (b"sub/g", (b"g2",)),
+                         (b"sub/link", (b"other/link",))):
+        for name in later:
+            os.link(os.path.join(source, first), os.path.join(source, name), follow_symlinks=False)
+
+    def leave():
+        os.unlink(os.path.join(source, b"g2"))
+        d.change("g2", 200)
+        shutil.rmtree(os.path.join(source, b"other"))
+
+    for step in (lambda: None, lambda: (d.change("f"), os.unlink(os.path.join(source, b"other/f3"))), leave):
+        next_second()
+        step()
+        before = versions(d.destination)
+        ferrovane.complete(d.destination)
+        expect_kept(d.destination, before)
+        expect_mirror(d.source, mirror)
+        archived = set().union(*(inodes(os.path.join(d.destination, a)) for a in ("__changed", "__removed")))
+        expect(not archived & inodes(mirror), "an archived file shares its inode with the mirror")
+    expect(os.stat(d.mirror("f")).st_nlink == 2, "the changed group is not one file in the mirror")
+    held, stamps = inodes(mirror), [os.listdir(os.path.join(d.destination, a)) for a in ("__changed", "__removed")]
+    d.clean_rerun(before)
+    expect(inodes(mirror) == held, "a clean rerun replaced mirror files")
+    expect([os.listdir(os.path.join(d.destination, a)) for a in ("__changed", "__removed")] == stamps,
+           "a clean rerun archived something")
+
+
 QUICK = ("archive move fails: stamp folder already holds the path", "archive move fails: link planted at __changed",
-         "second run 0.3 s after the first", "two runs in one second", "config add and set during a run")
+         "second run 0.3 s after the first", "two runs in one second", "config add and set during a run",
+         "hard links across folders")
 
 
 def run(ferrovane, work, tier):
@@ -229,7 +272,8 @@ def run(ferrovane, work, tier):
               for delay in (0, 0.3, 1)]
     cases += [("two runs in one second", lambda w: runs_in_one_second(ferrovane, w)),
               ("five runs a second apart, a file changed before each", lambda w: runs_a_second_apart(ferrovane, w)),
-              ("config add and set during a run", lambda w: config_during_a_run(ferrovane, w))]
+              ("config add and set during a run", lambda w: config_during_a_run(ferrovane, w)),
+              ("hard links across folders", lambda w: hard_link_groups(ferrovane, w))]
     if tier == "quick":
         cases = [c for c in cases if c[0] in QUICK]
     def tidy(folder):

@@ -135,7 +135,7 @@ def wait_for_copy(folder, process, timeout=20):
 
 def mirror_differences(source, mirror, excluded=()):
     """What rsync would still change, extra files and changed contents included."""
-    r = subprocess.run(["rsync", "-aAXnc", "--delete", "--itemize-changes",
+    r = subprocess.run(["rsync", "-aHAXnc", "--delete", "--itemize-changes",
                         *[b"--exclude=/" + e for e in excluded],
                         os.fsencode(source) + b"/", os.fsencode(mirror) + b"/"], capture_output=True)
     # Folder dates are left out: a folder touched while a fault struck may keep a date within the

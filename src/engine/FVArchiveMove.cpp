@@ -1,0 +1,109 @@
+#include "engine/FVArchiveMove.h"
+
+#include "engine/FVTemporaryEntry.h"
+#include "fs/FVDataCopier.h"
+#include "fs/FVDirectoryWalker.h"
+#include "fs/FVItemMetadata.h"
+#include "fs/FVText.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <fmt/format.h>
+#include <memory>
+
+namespace ferrovane {
+
+namespace {
+
+bool isShared(const struct stat& st) { return S_ISREG(st.st_mode) && st.st_nlink > 1; }
+
+constexpr int kReadFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+
+}  // namespace
+
+int FVArchiveMove::move(const std::string& from, const std::string& to, const struct stat* known) const {
+    struct stat st {};
+    if (!known && FVLongPath::lstat(from, &st) == 0) known = &st;
+    if (known && isShared(*known)) return copyThenRemove(from, to);
+    int error = destination_.moveItem(from, to);
+    if (error == 0 && known && S_ISDIR(known->st_mode)) unshareBelow(to);
+    return error;
+}
+
+// The copy is complete and on its disk under its archive name before the mirror name goes.
+int FVArchiveMove::copyThenRemove(const std::string& from, const std::string& to) const {
+    int error = 0;
+    FVFd fromFolder = destination_.openFolder(FVText::deletingLastPathComponent(from), false, &error);
+    if (!fromFolder.valid()) return error;
+    const std::string name = FVText::lastPathComponent(from);
+    FVFd in(openat(fromFolder.get(), name.c_str(), kReadFlags));
+    struct stat st {};
+    if (!in.valid() || fstat(in.get(), &st) != 0) return errno;
+    if (!isShared(st)) {
+        in.reset();
+        return destination_.moveItem(from, to);
+    }
+    FVFd toFolder = destination_.openFolder(FVText::deletingLastPathComponent(to), true, &error);
+    if (!toFolder.valid()) return error;
+    const std::string archivedName = FVText::lastPathComponent(to);
+    // Made beside the mirror name, where the next run removes it if this run is cut short.
+    FVTemporaryEntry entry(fromFolder.get());
+    if (!copyInto(in.get(), st, entry, fromFolder.get(), from).valid() ||
+        !entry.publishAsNew(toFolder.get(), archivedName))
+        return errno;
+    if (unlinkat(fromFolder.get(), name.c_str(), 0) == 0) return 0;
+    // The mirror name stays, so the copy goes again: the version is kept once, in the mirror.
+    error = errno;
+    unlinkat(toFolder.get(), archivedName.c_str(), 0);
+    return error;
+}
+
+FVFd FVArchiveMove::copyInto(int in, const struct stat& st, FVTemporaryEntry& entry, int dirFd,
+                             const std::string& path) const {
+    FVFd out(entry.create([&](const char* name) {
+        return openat(dirFd, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    }));
+    if (!out.valid()) return out;
+    auto buffer = std::make_unique<char[]>(kCopyBufferSize);
+    const std::atomic<bool> notCancelled{false};
+    const FVDataCopier::ChunkHook noHook;
+    if (FVDataCopier(in, out.get(), buffer.get(), notCancelled, noHook, path).run(st) != FVDataCopier::Outcome::Done)
+        return FVFd();
+    int error = 0;
+    if (!FVItemMetadata::cloneTimes(st, {out.get(), false}, &error) ||
+        !FVItemMetadata::cloneStatusAndAttributes({in, false}, st, {out.get(), false}, cloneACL_, &error))
+        status_.log(fmt::format("WARNING: Could not preserve metadata on the archived copy of {} ({})", path,
+                                std::strerror(error)));
+    if (fsync(out.get()) != 0) return FVFd();
+    return out;
+}
+
+void FVArchiveMove::unshareBelow(const std::string& folder) const {
+    FVDirectoryWalker walker(folder);
+    while (const FVDirectoryWalker::Entry* entry = walker.next()) {
+        if (entry->error != 0 || entry->level == 0 || !isShared(entry->st)) continue;
+        const int dirFd = entry->parentFd;
+        struct stat folderSt {};
+        bool folderKnown = fstat(dirFd, &folderSt) == 0;
+        FVFd in(openat(dirFd, entry->nameCString(), kReadFlags));
+        FVTemporaryEntry copy(dirFd);
+        bool done = in.valid() && copyInto(in.get(), entry->st, copy, dirFd, entry->path).valid() &&
+                    copy.publish(std::string(entry->name()), -1) == FVTemporaryEntry::Published::Done;
+        const int error = errno;
+        if (folderKnown) {
+            timespec times[2] = {folderSt.st_atim, folderSt.st_mtim};
+            futimens(dirFd, times);
+        }
+        if (done) continue;
+        std::string message = fmt::format("Archived file {} still shares its data with the mirror ({})", entry->path,
+                                          std::strerror(error));
+        status_.log("ERROR: " + message);
+        status_.addError(message);
+    }
+}
+
+}  // namespace ferrovane
