@@ -264,19 +264,31 @@ void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
     }
 }
 
-int FVFileCopyWorkerImpl::openSource(const std::string& path, int flags) const {
+int FVFileCopyWorkerImpl::openSource(const std::string& path, int flags, FVCopyThreadState* state) const {
     std::optional<std::string> relative = sourceTree ? sourceTree->relativePath(path) : std::nullopt;
     // The root itself, a source that is a single file, or a worker without a source root.
     if (!relative || relative->empty() || sourceTree->openError() != 0) return FVLongPath::open(path, flags);
     const size_t slash = relative->rfind('/');
+    std::string folderPath = slash == std::string::npos ? "" : relative->substr(0, slash);
+    const char* name = relative->c_str() + (slash == std::string::npos ? 0 : slash + 1);
+    flags |= O_NOFOLLOW | O_CLOEXEC;
+    if (state && state->sourceFolderFd.valid() && state->sourceFolder == folderPath) {
+        int fd = openat(state->sourceFolderFd.get(), name, flags);
+        // A folder removed and made anew since it was opened is reached afresh below.
+        if (fd >= 0 || errno != ENOENT) return fd;
+    }
     int error = 0;
-    FVFd folder = sourceTree->openFolder(slash == std::string::npos ? "" : relative->substr(0, slash), false, &error);
+    FVFd folder = sourceTree->openFolder(folderPath, false, &error);
     if (!folder.valid()) {
         errno = error;
         return -1;
     }
-    const std::string name = slash == std::string::npos ? *relative : relative->substr(slash + 1);
-    return openat(folder.get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC);
+    int fd = openat(folder.get(), name, flags);
+    if (state) {
+        state->sourceFolder = std::move(folderPath);
+        state->sourceFolderFd = std::move(folder);
+    }
+    return fd;
 }
 
 }  // namespace ferrovane

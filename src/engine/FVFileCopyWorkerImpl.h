@@ -5,6 +5,7 @@
 #include "engine/FVDestinationFolders.h"
 #include "engine/FVDirectoryMetadataFinisher.h"
 #include "engine/FVFileCopyWorker.h"
+#include "engine/FVNewFileProfile.h"
 #include "fs/FVConfinedDirectory.h"
 
 #include <sys/stat.h>
@@ -40,12 +41,15 @@ private:
     size_t count_ = 0;
 };
 
-// What one copying thread keeps between items.
+// What one copying thread keeps between items: consecutive pairs mostly share their folders.
 struct FVCopyThreadState {
     std::unique_ptr<char[]> buffer;
     std::string lastDirectory;  // the folder last ensured, and its descriptor (invalid when
     FVFd lastDirectoryFd;       // it could not be reached)
     int lastDirectoryError = 0;
+    FVNewFileProfile newFiles;  // what a file made in lastDirectory starts with
+    std::string sourceFolder;  // the source folder last read from, relative to the source root,
+    FVFd sourceFolderFd;       // and its descriptor, reached from the root without following links
 };
 
 struct FVFileCopyWorkerImpl {
@@ -105,8 +109,9 @@ struct FVFileCopyWorkerImpl {
     bool mayOverwrite(FVFileSystemItem& destination);
     void copyPair(CopyPair& pair, FVCopyThreadState& state);
 
-    // open(2) of a source item; below the source root no symbolic link is followed.
-    int openSource(const std::string& path, int flags) const;
+    // open(2) of a source item; below the source root no symbolic link is followed. With a
+    // thread's state, the item's folder is kept open for the next item of the same folder.
+    int openSource(const std::string& path, int flags, FVCopyThreadState* state = nullptr) const;
 };
 
 }  // namespace ferrovane
