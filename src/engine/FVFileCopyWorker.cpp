@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <string_view>
 #include <system_error>
 
 namespace ferrovane {
@@ -22,6 +23,14 @@ constexpr const char* kClassName = "FVFileCopyWorker";
 constexpr auto kPollInterval = std::chrono::milliseconds(250);
 // Pairs waiting to be copied before the analysis is held back: a few megabytes of items.
 constexpr size_t kMaximumPendingPairs = 20000;
+// A run of one folder's files ends at this many pairs or bytes, so that a folder of many or
+// large files is still shared by the threads.
+constexpr size_t kMaximumRunPairs = 64;
+constexpr uint64_t kMaximumRunBytes = 1 << 20;
+
+std::string_view folderOf(const std::string& path) {
+    return std::string_view(path).substr(0, path.rfind('/'));
+}
 }  // namespace
 
 void FVPairQueue::push(CopyPair pair) {
@@ -153,16 +162,30 @@ void FVFileCopyWorkerImpl::startCopies() {
     }
 }
 
-bool FVFileCopyWorkerImpl::nextItem(CopyPair& pair) {
+bool FVFileCopyWorkerImpl::nextRun(std::vector<CopyPair>& run) {
     std::lock_guard lock(filesMutex);
-    bool found = filesToCopy.pop(pair);
-    if (found) {
-        if (!pair.source->isFile()) folders.markInFlight(pair.destination->path());
-        copiedFiles.fetch_add(1, std::memory_order_relaxed);
-        if (filesToCopy.size() + 1 == kMaximumPendingPairs) roomInQueue.notify_one();
+    const size_t pending = filesToCopy.size();
+    CopyPair pair;
+    if (filesToCopy.pop(pair)) {
+        const bool folderPair = !pair.source->isFile();
+        if (folderPair) folders.markInFlight(pair.destination->path());
+        run.push_back(std::move(pair));
+        if (!folderPair) {
+            const std::string_view folder = folderOf(run.front().destination->path());
+            uint64_t bytes = run.front().source->fileSize();
+            for (CopyPair* next = filesToCopy.front();
+                 next && run.size() < kMaximumRunPairs && bytes < kMaximumRunBytes && next->source->isFile() &&
+                 folderOf(next->destination->path()) == folder;
+                 next = filesToCopy.front()) {
+                bytes += next->source->fileSize();
+                run.emplace_back();
+                filesToCopy.pop(run.back());
+            }
+        }
+        if (pending >= kMaximumPendingPairs && filesToCopy.size() < kMaximumPendingPairs) roomInQueue.notify_one();
     }
     reportProgress();
-    return found;
+    return !run.empty();
 }
 
 void FVFileCopyWorkerImpl::reportProgress() {
@@ -180,9 +203,10 @@ void FVFileCopyWorkerImpl::workerBody() {
     {
         FVCopyThreadState state;
         state.buffer.reset(new char[kCopyBufferSize]);
+        std::vector<CopyPair> run;
         for (;;) {
-            CopyPair pair;
-            if (!nextItem(pair)) {
+            run.clear();
+            if (!nextRun(run)) {
                 if (destroying) break;
                 if (copySessionRunning) {
                     std::unique_lock lock(filesMutex);
@@ -192,13 +216,17 @@ void FVFileCopyWorkerImpl::workerBody() {
                     continue;
                 }
                 // A pair added just before the session ended is still ours.
-                if (!nextItem(pair)) break;
+                if (!nextRun(run)) break;
             }
-            if (cancelled.load(std::memory_order_relaxed)) {
-                if (!pair.source->isFile()) folders.settle(pair.destination->path());
-                break;
+            size_t done = 0;
+            for (; done < run.size() && !cancelled.load(std::memory_order_relaxed); ++done) {
+                copiedFiles.fetch_add(1, std::memory_order_relaxed);
+                copyPair(run[done], state);
             }
-            copyPair(pair, state);
+            if (done == run.size()) continue;
+            for (; done < run.size(); ++done)
+                if (!run[done].source->isFile()) folders.settle(run[done].destination->path());
+            break;
         }
     }
     workerEnded();

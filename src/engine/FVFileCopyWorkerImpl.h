@@ -32,6 +32,7 @@ public:
     explicit FVPairQueue(size_t capacity) : slots_(capacity) {}
     void push(CopyPair pair);
     bool pop(CopyPair& pair);
+    CopyPair* front() { return count_ == 0 ? nullptr : &slots_[head_]; }
     bool empty() const { return count_ == 0; }
     size_t size() const { return count_; }
 
@@ -97,7 +98,10 @@ struct FVFileCopyWorkerImpl {
 
     // Queue and threads.
     void startCopies();
-    bool nextItem(CopyPair& pair);
+    // The next pairs in queue order: a folder's pair alone, or a run of files of one destination
+    // folder, so that two threads seldom create entries in the same folder at once (each
+    // creation holds the folder's lock in the kernel, and the other thread would wait on it).
+    bool nextRun(std::vector<CopyPair>& run);
     void reportProgress();
     void workerBody();
     void workerEnded();
