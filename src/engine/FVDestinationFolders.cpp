@@ -61,6 +61,7 @@ FVFd FVDestinationFolders::openFolderOnceSettled(const std::string& path, int* e
 bool FVDestinationFolders::ensureFolder(FVCopyThreadState& state, const std::string& path) {
     if (path == state.lastDirectory && state.lastDirectoryFd.valid()) return true;
     state.lastDirectory = path;
+    state.newFiles.forget();
     bool created = false;
     state.lastDirectoryFd = openFolderOnceSettled(path, &state.lastDirectoryError, &created);
     if (created && worker_.verboseLogging)
@@ -72,6 +73,7 @@ void FVDestinationFolders::ensureDirectoryItem(FVCopyThreadState& state, FVFileS
     const std::string& path = destinationItem.path();
     state.lastDirectory = path;
     state.lastDirectoryFd.reset();
+    state.newFiles.forget();
     std::optional<std::string> relative = worker_.destination->relativePath(path);
     if (!relative) {
         state.lastDirectoryError = EXDEV;

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <string_view>
 #include <system_error>
 
 namespace ferrovane {
@@ -22,6 +23,14 @@ constexpr const char* kClassName = "FVFileCopyWorker";
 constexpr auto kPollInterval = std::chrono::milliseconds(250);
 // Pairs waiting to be copied before the analysis is held back: a few megabytes of items.
 constexpr size_t kMaximumPendingPairs = 20000;
+// A run of one folder's files ends at this many pairs or bytes, so that a folder of many or
+// large files is still shared by the threads.
+constexpr size_t kMaximumRunPairs = 64;
+constexpr uint64_t kMaximumRunBytes = 1 << 20;
+
+std::string_view folderOf(const std::string& path) {
+    return std::string_view(path).substr(0, path.rfind('/'));
+}
 }  // namespace
 
 void FVPairQueue::push(CopyPair pair) {
@@ -153,16 +162,30 @@ void FVFileCopyWorkerImpl::startCopies() {
     }
 }
 
-bool FVFileCopyWorkerImpl::nextItem(CopyPair& pair) {
+bool FVFileCopyWorkerImpl::nextRun(std::vector<CopyPair>& run) {
     std::lock_guard lock(filesMutex);
-    bool found = filesToCopy.pop(pair);
-    if (found) {
-        if (!pair.source->isFile()) folders.markInFlight(pair.destination->path());
-        copiedFiles.fetch_add(1, std::memory_order_relaxed);
-        if (filesToCopy.size() + 1 == kMaximumPendingPairs) roomInQueue.notify_one();
+    const size_t pending = filesToCopy.size();
+    CopyPair pair;
+    if (filesToCopy.pop(pair)) {
+        const bool folderPair = !pair.source->isFile();
+        if (folderPair) folders.markInFlight(pair.destination->path());
+        run.push_back(std::move(pair));
+        if (!folderPair) {
+            const std::string_view folder = folderOf(run.front().destination->path());
+            uint64_t bytes = run.front().source->fileSize();
+            for (CopyPair* next = filesToCopy.front();
+                 next && run.size() < kMaximumRunPairs && bytes < kMaximumRunBytes && next->source->isFile() &&
+                 folderOf(next->destination->path()) == folder;
+                 next = filesToCopy.front()) {
+                bytes += next->source->fileSize();
+                run.emplace_back();
+                filesToCopy.pop(run.back());
+            }
+        }
+        if (pending >= kMaximumPendingPairs && filesToCopy.size() < kMaximumPendingPairs) roomInQueue.notify_one();
     }
     reportProgress();
-    return found;
+    return !run.empty();
 }
 
 void FVFileCopyWorkerImpl::reportProgress() {
@@ -180,9 +203,10 @@ void FVFileCopyWorkerImpl::workerBody() {
     {
         FVCopyThreadState state;
         state.buffer.reset(new char[kCopyBufferSize]);
+        std::vector<CopyPair> run;
         for (;;) {
-            CopyPair pair;
-            if (!nextItem(pair)) {
+            run.clear();
+            if (!nextRun(run)) {
                 if (destroying) break;
                 if (copySessionRunning) {
                     std::unique_lock lock(filesMutex);
@@ -192,13 +216,17 @@ void FVFileCopyWorkerImpl::workerBody() {
                     continue;
                 }
                 // A pair added just before the session ended is still ours.
-                if (!nextItem(pair)) break;
+                if (!nextRun(run)) break;
             }
-            if (cancelled.load(std::memory_order_relaxed)) {
-                if (!pair.source->isFile()) folders.settle(pair.destination->path());
-                break;
+            size_t done = 0;
+            for (; done < run.size() && !cancelled.load(std::memory_order_relaxed); ++done) {
+                copiedFiles.fetch_add(1, std::memory_order_relaxed);
+                copyPair(run[done], state);
             }
-            copyPair(pair, state);
+            if (done == run.size()) continue;
+            for (; done < run.size(); ++done)
+                if (!run[done].source->isFile()) folders.settle(run[done].destination->path());
+            break;
         }
     }
     workerEnded();
@@ -264,19 +292,31 @@ void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
     }
 }
 
-int FVFileCopyWorkerImpl::openSource(const std::string& path, int flags) const {
+int FVFileCopyWorkerImpl::openSource(const std::string& path, int flags, FVCopyThreadState* state) const {
     std::optional<std::string> relative = sourceTree ? sourceTree->relativePath(path) : std::nullopt;
     // The root itself, a source that is a single file, or a worker without a source root.
     if (!relative || relative->empty() || sourceTree->openError() != 0) return FVLongPath::open(path, flags);
     const size_t slash = relative->rfind('/');
+    std::string folderPath = slash == std::string::npos ? "" : relative->substr(0, slash);
+    const char* name = relative->c_str() + (slash == std::string::npos ? 0 : slash + 1);
+    flags |= O_NOFOLLOW | O_CLOEXEC;
+    if (state && state->sourceFolderFd.valid() && state->sourceFolder == folderPath) {
+        int fd = openat(state->sourceFolderFd.get(), name, flags);
+        // A folder removed and made anew since it was opened is reached afresh below.
+        if (fd >= 0 || errno != ENOENT) return fd;
+    }
     int error = 0;
-    FVFd folder = sourceTree->openFolder(slash == std::string::npos ? "" : relative->substr(0, slash), false, &error);
+    FVFd folder = sourceTree->openFolder(folderPath, false, &error);
     if (!folder.valid()) {
         errno = error;
         return -1;
     }
-    const std::string name = slash == std::string::npos ? *relative : relative->substr(slash + 1);
-    return openat(folder.get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC);
+    int fd = openat(folder.get(), name, flags);
+    if (state) {
+        state->sourceFolder = std::move(folderPath);
+        state->sourceFolderFd = std::move(folder);
+    }
+    return fd;
 }
 
 }  // namespace ferrovane

@@ -5,6 +5,7 @@
 #include "engine/FVDestinationFolders.h"
 #include "engine/FVDirectoryMetadataFinisher.h"
 #include "engine/FVFileCopyWorker.h"
+#include "engine/FVNewFileProfile.h"
 #include "fs/FVConfinedDirectory.h"
 
 #include <sys/stat.h>
@@ -31,6 +32,7 @@ public:
     explicit FVPairQueue(size_t capacity) : slots_(capacity) {}
     void push(CopyPair pair);
     bool pop(CopyPair& pair);
+    CopyPair* front() { return count_ == 0 ? nullptr : &slots_[head_]; }
     bool empty() const { return count_ == 0; }
     size_t size() const { return count_; }
 
@@ -40,12 +42,15 @@ private:
     size_t count_ = 0;
 };
 
-// What one copying thread keeps between items.
+// What one copying thread keeps between items: consecutive pairs mostly share their folders.
 struct FVCopyThreadState {
     std::unique_ptr<char[]> buffer;
     std::string lastDirectory;  // the folder last ensured, and its descriptor (invalid when
     FVFd lastDirectoryFd;       // it could not be reached)
     int lastDirectoryError = 0;
+    FVNewFileProfile newFiles;  // what a file made in lastDirectory starts with
+    std::string sourceFolder;  // the source folder last read from, relative to the source root,
+    FVFd sourceFolderFd;       // and its descriptor, reached from the root without following links
 };
 
 struct FVFileCopyWorkerImpl {
@@ -93,7 +98,10 @@ struct FVFileCopyWorkerImpl {
 
     // Queue and threads.
     void startCopies();
-    bool nextItem(CopyPair& pair);
+    // The next pairs in queue order: a folder's pair alone, or a run of files of one destination
+    // folder, so that two threads seldom create entries in the same folder at once (each
+    // creation holds the folder's lock in the kernel, and the other thread would wait on it).
+    bool nextRun(std::vector<CopyPair>& run);
     void reportProgress();
     void workerBody();
     void workerEnded();
@@ -105,8 +113,9 @@ struct FVFileCopyWorkerImpl {
     bool mayOverwrite(FVFileSystemItem& destination);
     void copyPair(CopyPair& pair, FVCopyThreadState& state);
 
-    // open(2) of a source item; below the source root no symbolic link is followed.
-    int openSource(const std::string& path, int flags) const;
+    // open(2) of a source item; below the source root no symbolic link is followed. With a
+    // thread's state, the item's folder is kept open for the next item of the same folder.
+    int openSource(const std::string& path, int flags, FVCopyThreadState* state = nullptr) const;
 };
 
 }  // namespace ferrovane

@@ -50,7 +50,7 @@ FVItemCloner::Result FVItemCloner::destinationFailure(Step step, int error) {
 
 FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     if (item.dirFd < 0) return destinationFailure(Step::CreateFile, item.folderError);
-    FVFd in(worker_.openSource(item.sourcePath, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY));
+    FVFd in(worker_.openSource(item.sourcePath, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY, &state_));
     if (!in.valid()) return itemError(Step::OpenSource, errno);
     struct stat st {};
     if (fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return itemError(Step::OpenSource, 0);
@@ -62,9 +62,11 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     FVFd out(entry.create(create));
     if (!out.valid() && (errno == EPERM || errno == EACCES)) {
         FVFileManager::unlockFileAt(item.dirFd, "");
+        state_.newFiles.forget();
         out.reset(entry.create(create));
     }
     if (!out.valid()) return destinationFailure(Step::CreateFile, errno);
+    const FVStartingState* start = state_.newFiles.startOf(out.get());
 
     bool sparse = static_cast<uint64_t>(st.st_blocks) * 512 < static_cast<uint64_t>(st.st_size);
     if (worker_.preallocate && !sparse && st.st_size > 0)
@@ -90,7 +92,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
                          item.destinationPath, item.typeName), FVMessageLevel::Info);
     }
     if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !worker_.disableACLClone,
-                                                  &error)) {
+                                                  &error, start)) {
         send(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}.", item.destinationPath,
                          item.typeName), FVMessageLevel::Warning);
     } else if (verbose) {
@@ -100,7 +102,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     Result published = publish(entry, item, out.get(), st.st_size);
     if (published.kind != Result::Kind::Done) return published;
     // Flags last: an immutable or append-only file refuses every other change.
-    FVInodeFlags::CloneResult flags = FVInodeFlags::clone(in.get(), out.get());
+    FVInodeFlags::CloneResult flags = FVInodeFlags::clone(in.get(), out.get(), state_.newFiles.mayHaveCopiedFlags());
     if (!flags.readOK && verbose)
         send(fmt::format("WARNING: Flags metadata could not be read: {}", item.sourcePath), FVMessageLevel::Warning);
     if (!flags.writeOK && verbose)
@@ -111,7 +113,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
 
 FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
     if (item.dirFd < 0) return destinationFailure(Step::CreateLink, item.folderError);
-    FVFd link(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW));
+    FVFd link(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW, &state_));
     struct stat st {};
     ssize_t length = -1;
     if (link.valid() && fstat(link.get(), &st) == 0 && S_ISLNK(st.st_mode))
@@ -132,7 +134,7 @@ FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
 FVItemCloner::Result FVItemCloner::cloneNode(const Item& item, mode_t kind) {
     if (item.dirFd < 0) return destinationFailure(Step::CreateNode, item.folderError);
     if (kind == 0) return itemError(Step::OpenSource, ENOENT);  // the analysis found nothing there
-    FVFd node(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW));
+    FVFd node(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW, &state_));
     if (!node.valid()) return itemError(Step::OpenSource, errno);
     struct stat st {};
     if (fstat(node.get(), &st) != 0 || S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode))

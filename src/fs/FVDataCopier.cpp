@@ -36,7 +36,7 @@ FVDataCopier::Outcome FVDataCopier::run(const struct stat& st) {
         std::optional<Outcome> outcome = copySparse();
         if (outcome) return *outcome;
     }
-    return copyDense();
+    return copyDense(static_cast<uint64_t>(st.st_size));
 }
 
 // One chunk of at most len bytes: 0 at the end of the source, -1 on failure.
@@ -66,8 +66,12 @@ bool FVDataCopier::afterChunk(ssize_t n) {
     return !cancelled_.load(std::memory_order_relaxed);
 }
 
-FVDataCopier::Outcome FVDataCopier::copyDense() {
+// Ends once the size the source had when opened is copied, without asking for the end of the
+// file: a source that grew since has a newer modification time than its copy is given, so the
+// next run copies it again. A size of 0 (procfs and the like) reads to the end.
+FVDataCopier::Outcome FVDataCopier::copyDense(uint64_t size) {
     for (;;) {
+        if (size > 0 && copied_ >= size) return Outcome::Done;
         ssize_t n = chunk(nullptr, nullptr, kCopyBufferSize);
         if (n < 0) return Outcome::Failed;
         if (n == 0) return Outcome::Done;

@@ -33,7 +33,7 @@ public:
 private:
     ssize_t chunk(off_t* inOffset, off_t* outOffset, size_t len);
     bool afterChunk(ssize_t n);
-    Outcome copyDense();
+    Outcome copyDense(uint64_t size);
     std::optional<Outcome> copySparse();
 
     int in_, out_;

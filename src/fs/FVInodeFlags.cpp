@@ -63,13 +63,19 @@ void clearLockingBelow(int fd) {
     closedir(dir);
 }
 
-CloneResult clone(int sourceFd, int destinationFd) {
+bool hasCopiedFlags(int fd) {
+    int flags = 0;
+    return ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0 || (flags & kCopiedFlags) != 0;
+}
+
+CloneResult clone(int sourceFd, int destinationFd, bool destinationHasCopiedFlags) {
     CloneResult result {true, true};
     int sourceFlags = 0;
     if (ioctl(sourceFd, FS_IOC_GETFLAGS, &sourceFlags) != 0) {
         result.readOK = false;
         sourceFlags = 0;
     }
+    if (!destinationHasCopiedFlags && (sourceFlags & kCopiedFlags) == 0) return result;
     int destinationFlags = 0;
     if (ioctl(destinationFd, FS_IOC_GETFLAGS, &destinationFlags) != 0) {
         result.writeOK = (sourceFlags & kCopiedFlags) == 0;

@@ -21,14 +21,18 @@ bool clearLocking(int fd);
 // The same for the folder fd and everything below it.
 void clearLockingBelow(int fd);
 
+// Whether the item has any of the flags a copy carries; true when they cannot be read.
+bool hasCopiedFlags(int fd);
+
 // Copies the flags of one item to another; both descriptors must be real ones. Reading fails
 // where the source's file system has no flags; the destination is then given none of them.
 // Writing is skipped when the destination already has the wanted flags, so file systems without
-// flags succeed for items without flags.
+// flags succeed for items without flags. A destination known to have none of the carried flags
+// (destinationHasCopiedFlags false) is not even read when the source has none either.
 struct CloneResult {
     bool readOK;
     bool writeOK;
 };
-CloneResult clone(int sourceFd, int destinationFd);
+CloneResult clone(int sourceFd, int destinationFd, bool destinationHasCopiedFlags = true);
 
 }  // namespace ferrovane::FVInodeFlags

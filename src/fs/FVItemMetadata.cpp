@@ -36,7 +36,7 @@ void note(int* error, int value) {
 }  // namespace
 
 bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItemHandle destination, bool cloneACL,
-                              int* error) {
+                              int* error, const FVStartingState* start) {
     // Buffers live as long as the thread: no allocation per item once they have grown.
     thread_local std::vector<char> sourceNames, destinationNames, value;
     if (error) *error = 0;
@@ -45,8 +45,9 @@ bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItem
     if (isLink) cloneACL = false;
 
     // Owner first: a change of owner clears the set-id bits and file capabilities set before it.
-    uid_t euid = geteuid();
-    if (euid == 0 || st.st_uid == euid) {
+    static const uid_t euid = geteuid();
+    const bool ownerKept = start && (euid != 0 || start->owner == st.st_uid) && start->group == st.st_gid;
+    if ((euid == 0 || st.st_uid == euid) && !ownerKept) {
         uid_t owner = euid == 0 ? st.st_uid : static_cast<uid_t>(-1);
         int result = destination.pathOnly ? fchownat(destination.fd, "", owner, st.st_gid, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW)
                                           : fchown(destination.fd, owner, st.st_gid);
@@ -68,7 +69,7 @@ bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItem
         }
         if (to.writeValue(name, value, static_cast<size_t>(size)) != 0) ok = false, note(error, errno);
     }
-    ssize_t destinationSize = to.listNames(destinationNames);
+    ssize_t destinationSize = start && !start->hasAttributes ? 0 : to.listNames(destinationNames);
     for (ssize_t pos = 0; pos < destinationSize;) {
         const char* name = destinationNames.data() + pos;
         pos += static_cast<ssize_t>(strlen(name)) + 1;

@@ -103,7 +103,8 @@ TEST_F(PoolTest, OutOfRangeWidthFallsBackToTwoThreads) {
         --inside;
     });
     worker.startCopySession();
-    for (const std::string& name : makeFiles(6)) add(name);
+    // Each into a folder of its own: the files of one folder go to one thread at a time.
+    for (const std::string& name : makeFiles(6)) addPair(worker, dir / ("src/" + name), dir / ("dst/" + name + "/x"));
     worker.endCopySession();
     ASSERT_TRUE(delegate.waitForEnd());
     EXPECT_EQ(most, 2);

@@ -99,14 +99,16 @@ TEST(ItemCloning, MirrorsEveryKindOfItemWithItsMetadata) {
     ASSERT_EQ(symlink("exact", (src + "/link").c_str()), 0);
     ASSERT_EQ(lchown((src + "/link").c_str(), 1234, 5678), 0);
     ASSERT_EQ(mkfifo((src + "/fifo").c_str(), 0640), 0);
-    bool devices = mknod((src + "/null").c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0;
+    mknod((src + "/null").c_str(), S_IFCHR | 0600, makedev(1, 3));  // where allowed; rsync compares it
     ASSERT_EQ(setxattr((src + "/big").c_str(), "user.plain", "1", 1, 0), 0);
     ASSERT_EQ(setxattr((src + "/big").c_str(), "user.binary", "a\0b", 3, 0), 0);
     ASSERT_EQ(setxattr((src + "/modes").c_str(), "user.folder", "f", 1, 0), 0);
     ASSERT_EQ(setxattr((src + "/link").c_str(), "trusted.onlink", "l", 1, 0), 0);
-    // A file made before the folder got a default ACL has none, while its copy would inherit one.
+    // A file made before the folder got a default ACL has none, while its copy inherits one from
+    // the destination folder that has it already.
     writeFile(src + "/acl/before", "b");
-    ASSERT_TRUE(run("setfacl -m u:1234:rw '" + src + "/exact' && setfacl -d -m u:1234:rx '" + src + "/acl'"));
+    ASSERT_TRUE(run("setfacl -m u:1234:rw '" + src + "/exact' && setfacl -d -m u:1234:rx '" + src + "/acl' && mkdir '" +
+                    dst + "/acl' && setfacl -d -m u:1234:rx '" + dst + "/acl'"));
     writeFile(src + "/acl/after", "a");
     for (const char* name : {"/empty", "/exact", "/over", "/big", "/sparse", "/owned", "/modes/setuid", "/link", "/fifo"})
         setTimes(src + name, 1600000000, 123456789);
@@ -130,8 +132,6 @@ TEST(ItemCloning, MirrorsEveryKindOfItemWithItsMetadata) {
     ASSERT_EQ(stat((dst + "/exact").c_str(), &d), 0);
     EXPECT_EQ(d.st_mtim.tv_nsec, 123456789);
     EXPECT_EQ(d.st_atim.tv_nsec, 123456789);
-    EXPECT_TRUE(exists(dst + "/fifo"));
-    EXPECT_TRUE(!devices || exists(dst + "/null"));
     EXPECT_TRUE(!flags || (inodeFlags(dst + "/over") & FS_IMMUTABLE_FL));
 }
 
