@@ -7,9 +7,7 @@
 #include "engine/FVExclusionRules.h"
 #include "fs/FVText.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
