@@ -3,6 +3,7 @@
 // the parts of the run read it from any thread without a lock.
 
 #include "engine/FVOptions.h"
+#include "fs/FVDestinationProfile.h"
 
 #include <functional>
 #include <string>
@@ -27,6 +28,8 @@ struct FVRunSettings {
     // The destination folder itself, so that a walk never descends into it from a source.
     dev_t destinationDevice = 0;
     ino_t destinationInode = 0;
+    // What the destination file system can hold, probed before the run touches anything.
+    FVDestinationProfile destinationProfile;
 
     bool syncMode() const { return options.syncMode != 0; }
     // The destination folder of a source item.

@@ -1,6 +1,7 @@
 """Shared pieces of the fault drivers: trees described as data, runs of the executable, and the
 checks that prove nothing was lost."""
 
+import errno
 import hashlib
 import os
 import re
@@ -113,6 +114,50 @@ class Ferrovane:
         r = self.run(destination)
         expect(r.returncode == 0, f"the completing run failed ({r.returncode}): {tail(r)}")
         return r
+
+
+class Hooks:
+    """Holds a run at a named moment (see FVTestHook): arm() before the run starts, with the
+    environment of hooks.env given to it; wait() until the moment is reached; release() lets it go on."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        os.makedirs(folder, exist_ok=True)
+        self.env = {"FERROVANE_TEST_HOOKS": folder}
+
+    def arm(self, moment, pattern=b"", hold=True):
+        for suffix in ("", ".fired", ".reached", ".release"):
+            if os.path.lexists(os.path.join(self.folder, moment + suffix)):
+                os.unlink(os.path.join(self.folder, moment + suffix))
+        if hold:
+            os.mkfifo(os.path.join(self.folder, moment + ".release"))
+        with open(os.path.join(self.folder, moment), "wb") as f:
+            f.write(pattern)
+
+    def wait(self, moment, process=None, timeout=60):
+        """The path at which the moment was reached; fails when the run ends first."""
+        reached = os.path.join(self.folder, moment + ".reached")
+        end = time.monotonic() + timeout
+        while time.monotonic() < end:
+            if os.path.exists(reached):
+                with open(reached, "rb") as f:
+                    return f.read()
+            if process is not None and process.poll() is not None:
+                raise Failure(f"the run ended (status {process.returncode}) before the moment {moment!r}")
+            time.sleep(0.01)
+        raise Failure(f"the run never reached the moment {moment!r}")
+
+    def release(self, moment, timeout=60):
+        # The run opens the FIFO just after it wrote ".reached": until then there is no reader.
+        end = time.monotonic() + timeout
+        while True:
+            try:
+                os.close(os.open(os.path.join(self.folder, moment + ".release"), os.O_WRONLY | os.O_NONBLOCK))
+                return
+            except OSError as error:
+                if error.errno != errno.ENXIO or time.monotonic() > end:
+                    raise
+                time.sleep(0.005)
 
 
 def tail(result):

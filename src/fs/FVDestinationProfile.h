@@ -1,0 +1,32 @@
+#pragma once
+// What one destination file system can hold, learned by trying it inside the destination and from
+// the mount table, never assumed from its type name. The change decision, the copy, the archive
+// moves and the layout check read it; a run probes once before it touches anything.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace ferrovane {
+
+struct FVDestinationProfile {
+    // The mount's type from the mount table ("ext4", "fuse.exfat", ...), for the log.
+    std::string fileSystemType;
+    // The finest modification time the file system keeps: 1 ns on ext4, btrfs, xfs and tmpfs,
+    // 100 ns on NTFS, 10 ms on exFAT, 2 s on FAT.
+    int64_t timeGranularityNs = 1;
+    // "Report.txt" and "report.txt" name one file.
+    bool caseInsensitive = false;
+    // renameat2(RENAME_NOREPLACE) works; where it does not, a move checks the target first under
+    // the destination lock.
+    bool renameNoReplace = true;
+    bool keepsOwners = true;
+    bool keepsModes = true;
+    bool symbolicLinks = true;
+    bool extendedAttributes = true;
+    size_t maxNameLength = 255;
+    // Bytes the file system refuses in a name (FAT and exFAT refuse "\\:*?\"<>|" and controls).
+    std::string refusedNameBytes;
+};
+
+}  // namespace ferrovane
