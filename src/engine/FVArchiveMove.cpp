@@ -98,7 +98,7 @@ void FVArchiveMove::unshareBelow(const std::string& folder) const {
             timespec times[2] = {folderSt.st_atim, folderSt.st_mtim};
             futimens(dirFd, times);
         }
-        if (done) continue;
+        if (done || status_.stopOnFatalDestinationError(error, "archiving", entry->path)) continue;
         std::string message = fmt::format("Archived file {} still shares its data with the mirror ({})", entry->path,
                                           std::strerror(error));
         status_.log("ERROR: " + message);

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 
 #include <fmt/format.h>
+
+#include <cstring>
 #include <vector>
 
 namespace ferrovane {
@@ -27,6 +29,7 @@ void FVArchivePurge::purgeFolder(const std::string& folder, int64_t age) {
     closedir(dir);
     const double now = FVDate::now();
     for (const std::string& name : names) {
+        if (status_.isCancelled()) return;
         std::string path = folder + "/" + name;
         struct stat st {};
         if (lstat(path.c_str(), &st) != 0) continue;
@@ -37,15 +40,18 @@ void FVArchivePurge::purgeFolder(const std::string& folder, int64_t age) {
             status_.planned("Would purge: " + path);
             continue;
         }
-        bool removed = destination_.removeItem(path) == 0;
-        if (!removed) {
+        int error = destination_.removeItem(path);
+        if (error != 0) {
             destination_.unlock(path, true);
-            removed = destination_.removeItem(path) == 0;
+            error = destination_.removeItem(path);
         }
-        if (removed) {
+        if (error == 0) {
             status_.log(fmt::format("Removed archive {} (age: {} days)", path, days));
+        } else if (status_.stopOnFatalDestinationError(error, "purging", path)) {
+            return;
         } else {
-            std::string message = fmt::format("WARNING: Could not removed archive {} (age: {} days)", path, days);
+            std::string message = fmt::format("WARNING: Could not remove archive {} (age: {} days): {}", path, days,
+                                              std::strerror(error));
             status_.log(message);
             status_.addError(message);
         }

@@ -32,7 +32,7 @@ bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination)
     }
     // The old version stays where it is and the file is not copied this time: overwriting it
     // now would lose the only copy of that version. The next run tries again.
-    if (status_.stopOnFatalDestinationError(error)) return false;
+    if (status_.stopOnFatalDestinationError(error, "archiving", path)) return false;
     const char* reason = std::strerror(error);
     status_.log(fmt::format("ERROR: Archiving of changed file failed: {} ({})", path, reason));
     status_.addError(fmt::format("Archiving changed file failed: {} ({})", path, reason));

@@ -103,12 +103,14 @@ void FVDestinationFolders::ensureDirectoryItem(FVCopyThreadState& state, FVFileS
     } else if (!exists && worker_.verboseLogging) {
         worker_.sendMessage(fmt::format("Creating directory {}", path), FVMessageLevel::Info);
     }
+    int made = 0;
     if (!exists && mkdirat(parent.get(), name.c_str(), 0777) != 0 && errno != EEXIST) {
         FVFileManager::unlockFileAt(parent.get(), "");
-        mkdirat(parent.get(), name.c_str(), 0777);  // a failure shows in the open below
+        if (mkdirat(parent.get(), name.c_str(), 0777) != 0 && errno != EEXIST) made = errno;
     }
     state.lastDirectoryFd.reset(openat(parent.get(), name.c_str(), kFolderFlags));
-    state.lastDirectoryError = state.lastDirectoryFd.valid() ? 0 : errno;
+    // A folder that could not be made is missing: its reason is the one that counts.
+    state.lastDirectoryError = state.lastDirectoryFd.valid() ? 0 : errno == ENOENT && made ? made : errno;
 }
 
 }  // namespace ferrovane

@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace ferrovane {
 
@@ -26,8 +27,9 @@ void FVDirectoryMetadataFinisher::finish() {
     for (size_t i = 0; i < store_.size(); ++i) {
         std::string sourcePath(store_.source(i));
         FVFd source(worker_.openSource(sourcePath, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+        const int sourceError = source.valid() ? 0 : errno;
         struct stat st {};
-        if (!source.valid() && errno == ENOENT) {
+        if (sourceError == ENOENT) {
             if (verbose)
                 send(fmt::format("Directory metadata cloning failed because source vanished: {}", sourcePath),
                      FVMessageLevel::Info);
@@ -40,8 +42,13 @@ void FVDirectoryMetadataFinisher::finish() {
                   FVItemMetadata::cloneStatusAndAttributes({source.get(), false}, st, {target.get(), false},
                                                            !worker_.disableACLClone, &error) &&
                   FVItemMetadata::cloneTimes(st, {target.get(), false}, &error);
+        if (!ok && FVDestinationFailure::isFatal(error)) {
+            worker_.stopOnDestinationFailure(FVDestinationFailure(error, "setting the metadata of", store_.destination(i)));
+            break;
+        }
         if (!ok) {
-            send(fmt::format("WARNING: Directory metadata could not be preserved: {}", sourcePath), FVMessageLevel::Warning);
+            send(fmt::format("WARNING: Directory metadata could not be preserved: {} ({})", sourcePath,
+                             std::strerror(error ? error : sourceError)), FVMessageLevel::Warning);
         } else if (verbose) {
             send(fmt::format("Directory metadata cloning successful: {}", sourcePath), FVMessageLevel::Info);
         }

@@ -141,7 +141,6 @@ void FVFileCopyWorker::cancel() {
     impl_->cancelled.store(true, std::memory_order_relaxed);
     impl_->roomInQueue.notify_all();
 }
-bool FVFileCopyWorker::stopOnDestinationError(int error) { return impl_->stopOnDestinationError(error); }
 
 bool FVFileCopyWorker::isCancelled() const { return impl_->cancelled.load(std::memory_order_relaxed); }
 uint64_t FVFileCopyWorker::requestedFiles() const { return impl_->requestedFiles.load(std::memory_order_relaxed); }
@@ -245,7 +244,8 @@ void FVFileCopyWorkerImpl::workerEnded() {
             std::lock_guard filesLock(filesMutex);
             if (filesToCopy.empty()) {
                 directoryMetadata.finish();
-                outcome = Outcome::Finished;
+                // A destination that failed in the metadata step cancelled the session.
+                outcome = cancelled.load(std::memory_order_relaxed) ? Outcome::Cancelled : Outcome::Finished;
             }
         }
         finishPending = false;
@@ -259,17 +259,10 @@ void FVFileCopyWorkerImpl::sendMessage(const std::string& message, FVMessageLeve
     if (delegate) delegate->copyWorkerDidGenerateMessage(message, level);
 }
 
-const char* FVFileCopyWorkerImpl::fatalDestinationMessage(int error) {
-    if (error == EROFS) return "ERROR: Destination is read-only. Aborting backup.";
-    if (error == ENOSPC || error == EDQUOT) return "ERROR: No free space left at destination. Aborting backup.";
-    return nullptr;
-}
-
-bool FVFileCopyWorkerImpl::stopOnDestinationError(int error) {
-    const char* message = fatalDestinationMessage(error);
-    if (!message) return false;
+bool FVFileCopyWorkerImpl::stopOnDestinationFailure(const FVDestinationFailure& failure) {
+    if (!FVDestinationFailure::isFatal(failure.error())) return false;
     cancelled.store(true, std::memory_order_relaxed);
-    if (!destinationFailureReported.exchange(true)) sendMessage(message, FVMessageLevel::Error);
+    if (!destinationFailureReported.exchange(true) && delegate) delegate->copyWorkerDestinationDidFail(failure);
     return true;
 }
 
@@ -289,6 +282,8 @@ void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
         directoryMetadata.add(source.path(), destination.path());
         folders.ensureDirectoryItem(state, destination);
         folders.settle(destination.path());
+        if (!state.lastDirectoryFd.valid())
+            stopOnDestinationFailure(FVDestinationFailure(state.lastDirectoryError, "creating", destination.path()));
     }
 }
 

@@ -3,6 +3,7 @@
 // pairs off a first-in first-out queue while the analysis is still adding them, clones each
 // item with its metadata, and applies directory metadata once all copies are done.
 
+#include "engine/FVDestinationFailure.h"
 #include "engine/FVFileSystemItem.h"
 
 #include <cstdint>
@@ -36,6 +37,10 @@ public:
     virtual bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) { return true; }
     virtual void copyWorkerProgressDidChange(float fraction) {}
     virtual void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) {}
+    // Once per session, when a read-only, full or failing destination stopped it.
+    virtual void copyWorkerDestinationDidFail(const FVDestinationFailure& failure) {
+        copyWorkerDidGenerateMessage(failure.message(), FVMessageLevel::Error);
+    }
     virtual void copyWorkerDidFinishCopy() = 0;
     virtual void copyWorkerDidCancel() = 0;
 };
@@ -71,9 +76,6 @@ public:
     void addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
     void endCopySession();
     void cancel();
-    // A read-only or full destination (EROFS, ENOSPC, EDQUOT) stops the session with a single
-    // error message, however many threads or callers meet it; false for any other error.
-    bool stopOnDestinationError(int error);
 
     bool isCancelled() const;
     uint64_t requestedFiles() const;

@@ -106,9 +106,9 @@ struct FVFileCopyWorkerImpl {
     void workerBody();
     void workerEnded();
     void sendMessage(const std::string& message, FVMessageLevel level);
-    // The message that stops the session for a read-only or full destination; null for any other errno.
-    static const char* fatalDestinationMessage(int error);
-    bool stopOnDestinationError(int error);
+    // A read-only, full or failing destination stops the session, reported once however many
+    // threads meet it; false for an error of the item alone.
+    bool stopOnDestinationFailure(const FVDestinationFailure& failure);
     // Asks the delegate before a destination item is replaced; false keeps it.
     bool mayOverwrite(FVFileSystemItem& destination);
     void copyPair(CopyPair& pair, FVCopyThreadState& state);

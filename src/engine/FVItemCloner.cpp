@@ -44,7 +44,7 @@ void FVItemCloner::clone(FVFileSystemItem& source, const std::string& destinatio
 }
 
 FVItemCloner::Result FVItemCloner::destinationFailure(Step step, int error) {
-    bool fatal = FVFileCopyWorkerImpl::fatalDestinationMessage(error) != nullptr;
+    bool fatal = FVDestinationFailure::isFatal(error);
     return {fatal ? Result::Kind::FatalDestinationError : Result::Kind::ItemError, step, error};
 }
 
@@ -85,6 +85,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
                          item.typeName), FVMessageLevel::Info);
     int error = 0;
     if (!FVItemMetadata::cloneTimes(st, {out.get(), false}, &error)) {
+        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
         send(fmt::format("WARNING: Could not preserve creation date on file {}. Type: {} (Reason: {})",
                          item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
     } else if (verbose) {
@@ -93,8 +94,9 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     }
     if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !worker_.disableACLClone,
                                                   &error, start)) {
-        send(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}.", item.destinationPath,
-                         item.typeName), FVMessageLevel::Warning);
+        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        send(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}. (Reason: {})",
+                         item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
     } else if (verbose) {
         send(fmt::format("Clone of additional attributes {} to {} ({}) was successful.", item.sourcePath,
                          item.destinationPath, item.typeName), FVMessageLevel::Info);
@@ -124,9 +126,12 @@ FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
     FVTemporaryEntry entry(item.dirFd);
     if (entry.create([&](const char* name) { return symlinkat(state_.buffer.get(), item.dirFd, name); }) != 0)
         return destinationFailure(Step::CreateLink, errno);
-    if (!clonePathOnlyMetadata(link.get(), st, entry, item.dirFd, false))
-        worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on symlink {}.", item.destinationPath),
-                            FVMessageLevel::Warning);
+    int error = 0;
+    if (!clonePathOnlyMetadata(link.get(), st, entry, item.dirFd, false, &error)) {
+        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on symlink {}. (Reason: {})",
+                                        item.destinationPath, strerror(error)), FVMessageLevel::Warning);
+    }
     return publish(entry, item, -1, st.st_size);
 }
 
@@ -145,15 +150,18 @@ FVItemCloner::Result FVItemCloner::cloneNode(const Item& item, mode_t kind) {
             return mknodat(item.dirFd, name, (st.st_mode & S_IFMT) | 0600, st.st_rdev);
         }) != 0)
         return destinationFailure(Step::CreateNode, errno);
-    if (!clonePathOnlyMetadata(node.get(), st, entry, item.dirFd, !worker_.disableACLClone))
-        worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}.",
-                                        item.destinationPath, item.typeName), FVMessageLevel::Warning);
+    int error = 0;
+    if (!clonePathOnlyMetadata(node.get(), st, entry, item.dirFd, !worker_.disableACLClone, &error)) {
+        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}. (Reason: {})",
+                                        item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
+    }
     return publish(entry, item, -1, st.st_size);
 }
 
 FVItemCloner::Result FVItemCloner::publish(FVTemporaryEntry& entry, const Item& item, int dataFd, off_t size) {
     switch (entry.publish(item.name, dataFd)) {
-    case FVTemporaryEntry::Published::CouldNotReplace: return itemError(Step::Replace, errno);
+    case FVTemporaryEntry::Published::CouldNotReplace: return destinationFailure(Step::Replace, errno);
     case FVTemporaryEntry::Published::DataNotSafe: return destinationFailure(Step::CopyData, errno);
     case FVTemporaryEntry::Published::Done: break;
     }
@@ -162,12 +170,14 @@ FVItemCloner::Result FVItemCloner::publish(FVTemporaryEntry& entry, const Item& 
 }
 
 bool FVItemCloner::clonePathOnlyMetadata(int sourceFd, const struct stat& st, const FVTemporaryEntry& entry, int dirFd,
-                                         bool cloneACL) {
+                                         bool cloneACL, int* error) {
     FVFd created(openat(dirFd, entry.name().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    int error = 0;
-    return created.valid() &&
-           FVItemMetadata::cloneStatusAndAttributes({sourceFd, true}, st, {created.get(), true}, cloneACL, &error) &&
-           FVItemMetadata::cloneTimes(st, {created.get(), true}, &error);
+    if (!created.valid()) {
+        *error = errno;
+        return false;
+    }
+    return FVItemMetadata::cloneStatusAndAttributes({sourceFd, true}, st, {created.get(), true}, cloneACL, error) &&
+           FVItemMetadata::cloneTimes(st, {created.get(), true}, error);
 }
 
 // A source that vanished or cannot be read, a link that cannot be copied and a destination that
@@ -180,6 +190,7 @@ bool FVItemCloner::worthRetrying(const Result& result) {
     case Step::CreateFile:
     case Step::CreateNode:
     case Step::CopyData: return true;
+    case Step::Metadata:
     case Step::ReadLink:
     case Step::CreateLink:
     case Step::Replace: return false;
@@ -189,13 +200,16 @@ bool FVItemCloner::worthRetrying(const Result& result) {
 
 void FVItemCloner::report(const Result& result, const Item& item) {
     auto error = [this](const std::string& message) { worker_.sendMessage(message, FVMessageLevel::Error); };
-    auto copyFailed = [&](const std::string& reason) {
-        error(fmt::format("ERROR: Copy failed: {} (Reason: {})", item.sourcePath, reason));
+    const char* reason = result.error ? std::strerror(result.error) : "it is of another kind now";
+    auto copyFailed = [&](const std::string& what) {
+        error(fmt::format("ERROR: Copy failed: {} (Reason: {}: {})", item.sourcePath, what, reason));
     };
     switch (result.kind) {
     case Result::Kind::Done:
     case Result::Kind::Cancelled: return;
-    case Result::Kind::FatalDestinationError: worker_.stopOnDestinationError(result.error); return;
+    case Result::Kind::FatalDestinationError:
+        worker_.stopOnDestinationFailure(FVDestinationFailure(result.error, actionOf(result.step), item.destinationPath));
+        return;
     case Result::Kind::ItemError: break;
     }
     switch (result.step) {
@@ -209,19 +223,34 @@ void FVItemCloner::report(const Result& result, const Item& item) {
             copyFailed(fmt::format("Could not open source file {}", item.sourcePath));
         return;
     case Step::ReadLink:
-        error(fmt::format("ERROR: Could not copy symbolic link {}. (Could not read link) ", item.sourcePath));
+        error(fmt::format("ERROR: Could not copy symbolic link {}. (Could not read link: {})", item.sourcePath, reason));
         return;
     case Step::CreateLink:
-        error(fmt::format("ERROR: Could not copy symbolic link {}. (Could not create link) ", item.destinationPath));
+        error(fmt::format("ERROR: Could not copy symbolic link {}. (Could not create link: {})", item.destinationPath,
+                          reason));
         return;
     case Step::Replace:
-        error(fmt::format("Error: Could not replace destination file: {}", item.destinationPath));
+        error(fmt::format("Error: Could not replace destination file: {} ({})", item.destinationPath, reason));
         return;
     case Step::CreateFile: return copyFailed(fmt::format("Could not create destination file {}", item.destinationPath));
-    case Step::CreateNode:
-        return copyFailed(fmt::format("Could not create {}: {}", item.destinationPath, strerror(result.error)));
-    case Step::CopyData: return copyFailed("File copy failed.");
+    case Step::CreateNode: return copyFailed(fmt::format("Could not create {}", item.destinationPath));
+    case Step::CopyData: return copyFailed("File copy failed");
+    case Step::Metadata: return copyFailed(fmt::format("Could not set the metadata of {}", item.destinationPath));
     }
+}
+
+const char* FVItemCloner::actionOf(Step step) {
+    switch (step) {
+    case Step::CreateLink:
+    case Step::CreateFile:
+    case Step::CreateNode: return "creating";
+    case Step::CopyData: return "writing";
+    case Step::Replace: return "publishing";
+    case Step::Metadata: return "setting the metadata of";
+    case Step::OpenSource:
+    case Step::ReadLink: break;
+    }
+    return "copying";
 }
 
 }  // namespace ferrovane

@@ -2,8 +2,8 @@
 // Cloning one non-directory item to its destination path, by kind: a regular file with its data,
 // a symbolic link, or a node (FIFO, socket, device) made anew. Each kind is built under a
 // temporary name and published by the same last step. Every attempt ends in a typed result,
-// classified at the call that failed; a failed item is tried once more, and a read-only or full
-// destination stops the session.
+// classified at the call that failed; a failed item is tried once more, and a read-only, full or
+// failing destination stops the session.
 
 #include "engine/FVFileSystemItem.h"
 
@@ -25,7 +25,7 @@ public:
     void clone(FVFileSystemItem& source, const std::string& destinationPath);
 
 private:
-    enum class Step { OpenSource, ReadLink, CreateLink, CreateFile, CreateNode, CopyData, Replace };
+    enum class Step { OpenSource, ReadLink, CreateLink, CreateFile, CreateNode, CopyData, Metadata, Replace };
     struct Result {
         enum class Kind { Done, Cancelled, ItemError, FatalDestinationError } kind;
         Step step = Step::OpenSource;
@@ -42,7 +42,8 @@ private:
 
     static Result done() { return {Result::Kind::Done}; }
     static Result itemError(Step step, int error) { return {Result::Kind::ItemError, step, error}; }
-    // A failure on the destination: a read-only or full one ends the session, anything else the item.
+    // A failure on the destination: a read-only, full or failing one ends the session, anything
+    // else the item.
     static Result destinationFailure(Step step, int error);
 
     Result cloneRegular(const Item& item);
@@ -50,10 +51,13 @@ private:
     Result cloneNode(const Item& item, mode_t kind);
     // The shared last step: the entry, complete under its temporary name, replaces the destination.
     Result publish(FVTemporaryEntry& entry, const Item& item, int dataFd, off_t size);
-    // Owner, mode, attributes and times of a link or node, through O_PATH descriptors.
+    // Owner, mode, attributes and times of a link or node, through O_PATH descriptors; false
+    // with the first errno in error.
     bool clonePathOnlyMetadata(int sourceFd, const struct stat& st, const FVTemporaryEntry& entry, int dirFd,
-                               bool cloneACL);
+                               bool cloneACL, int* error);
     static bool worthRetrying(const Result& result);
+    // What was being done at step, for the message of a failed destination.
+    static const char* actionOf(Step step);
     void report(const Result& result, const Item& item);
 
     FVFileCopyWorkerImpl& worker_;

@@ -165,7 +165,7 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
         if (archive.move(itemPath, archivePath) == 0) return;
         destination_.unlock(FVText::deletingLastPathComponent(itemPath));
         int error = archive.move(itemPath, archivePath);
-        if (error == 0 || status_.stopOnFatalDestinationError(error)) return;
+        if (error == 0 || status_.stopOnFatalDestinationError(error, "archiving", itemPath)) return;
         // The item stays in the mirror: it is never deleted in place of a failed archive move.
         // The error list carries the reason too: it is all a user sees of the failure.
         std::string message = fmt::format("Archiving deleted file failed: {} ({})", itemPath, std::strerror(error));
@@ -177,7 +177,7 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
     destination_.unlock(FVText::deletingLastPathComponent(itemPath));
     destination_.unlock(itemPath, true);
     int error = destination_.removeItem(itemPath);
-    if (error == 0 || status_.stopOnFatalDestinationError(error)) return;
+    if (error == 0 || status_.stopOnFatalDestinationError(error, "removing", itemPath)) return;
     std::string message = fmt::format("Deleting failed: {} ({})", itemPath, std::strerror(error));
     status_.log("ERROR: " + message);
     status_.addError(message);

@@ -2,7 +2,6 @@
 
 #include "engine/FVLog.h"
 
-#include <cerrno>
 #include <cmath>
 #include <utility>
 
@@ -38,11 +37,21 @@ void FVRunStatus::cancel() {
     cancelled_.store(true, std::memory_order_relaxed);
 }
 
-bool FVRunStatus::stopOnFatalDestinationError(int error) {
-    if (error != EROFS && error != ENOSPC && error != EDQUOT) return false;
-    if (auto worker = currentWorker()) worker->stopOnDestinationError(error);
-    cancel();
+bool FVRunStatus::stopOnFatalDestinationError(int error, std::string_view action, const std::string& path) {
+    if (!FVDestinationFailure::isFatal(error)) return false;
+    destinationFailed(FVDestinationFailure(error, action, path));
+    if (auto worker = currentWorker()) worker->cancel();
     return true;
+}
+
+void FVRunStatus::destinationFailed(const FVDestinationFailure& failure) {
+    if (!destinationFailureReported_.exchange(true)) {
+        const std::string message = failure.message();
+        log(message);
+        addError(message);
+    }
+    log("Aborting sync...");
+    cancelled_.store(true, std::memory_order_relaxed);
 }
 
 void FVRunStatus::setCurrentWorker(std::shared_ptr<FVFileCopyWorker> worker) {

@@ -3,6 +3,7 @@
 // lines and errors it reports, its progress, its cancellation, and the copy worker of the source
 // item in hand (which a cancellation or a full destination has to stop as well).
 
+#include "engine/FVDestinationFailure.h"
 #include "engine/FVFileCopyWorker.h"
 
 #include <atomic>
@@ -11,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace ferrovane {
@@ -31,9 +33,13 @@ public:
     // Stops the current copy worker and every later step that looks at isCancelled().
     void cancel();
     bool isCancelled() const { return cancelled_.load(std::memory_order_relaxed); }
-    // A read-only or full destination ends the run at once with one error instead of one per
-    // item; returns whether the error was of that kind.
-    bool stopOnFatalDestinationError(int error);
+    // A read-only, full or failing destination ends the run at once, the current copy worker
+    // with it, with one error instead of one per item; returns whether the error was of that
+    // kind. action and path say what was being done where, for the message.
+    bool stopOnFatalDestinationError(int error, std::string_view action, const std::string& path);
+    // Reports the failure if none was reported yet and cancels the run; the worker that met it
+    // has stopped itself.
+    void destinationFailed(const FVDestinationFailure& failure);
 
     void setCurrentWorker(std::shared_ptr<FVFileCopyWorker> worker);
     std::shared_ptr<FVFileCopyWorker> currentWorker() const;
@@ -54,6 +60,7 @@ private:
     std::function<void()> progressChanged_;
     std::function<void(const std::string&)> plannedChange_;
     std::atomic<bool> cancelled_{false};
+    std::atomic<bool> destinationFailureReported_{false};
     std::atomic<float> analyseProgress_{0};
     std::atomic<float> copyProgress_{0};
     std::atomic<float> lastReportedProgress_{0};

@@ -176,7 +176,7 @@ void FVSyncingBackup::purgeArchives() { FVArchivePurge(settings_, destination_, 
 void FVSyncingBackup::flushDestination() {
     if (settings_.dryRun) return;
     int error = destination_.flush();
-    if (error == 0) return;
+    if (error == 0 || status_.stopOnFatalDestinationError(error, "flushing", settings_.targetPath)) return;
     std::string message = fmt::format("Could not write the destination's data to its disk: {}", std::strerror(error));
     status_.log("ERROR: " + message);
     status_.addError(message);
@@ -209,6 +209,10 @@ void FVSyncingBackup::copyWorkerProgressDidChange(float fraction) {
 void FVSyncingBackup::copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) {
     status_.log(message);
     if (level == FVMessageLevel::Error) status_.addError(message);
+}
+
+void FVSyncingBackup::copyWorkerDestinationDidFail(const FVDestinationFailure& failure) {
+    status_.destinationFailed(failure);
 }
 
 void FVSyncingBackup::copyWorkerDidFinishCopy() { copiesEnded(status_.isCancelled()); }

@@ -60,6 +60,7 @@ public:
     bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override;
     void copyWorkerProgressDidChange(float fraction) override;
     void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override;
+    void copyWorkerDestinationDidFail(const FVDestinationFailure& failure) override;
     void copyWorkerDidFinishCopy() override;
     void copyWorkerDidCancel() override;
 

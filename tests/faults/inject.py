@@ -1,6 +1,8 @@
 """System-call faults: strace fails one call of a run from its Nth use on (EIO, ENOSPC, EACCES,
 EROFS), with both archives on and files changed and removed since the last run. Whatever failed,
-every earlier version is in the mirror or an archive, and a clean run then completes the mirror."""
+every earlier version is in the mirror or an archive, and a clean run then completes the mirror.
+A disk that fails, fills or turns read-only under a call only the destination sees ends the run
+with exactly one line that names the cause, at whatever step it strikes."""
 
 import collections
 import os
@@ -9,16 +11,29 @@ import shutil
 import subprocess
 
 from faultkit import (Failure, build, content, expect, expect_clean_rerun, expect_configuration, expect_kept,
-                      next_second, read_configuration, tail, versions)
+                      log_since, log_size, next_second, read_configuration, tail, versions)
 
 NAME = "data"
 CALLS = ("openat", "openat2", "mkdirat", "renameat2", "write", "copy_file_range", "fsync", "fchown", "fsetxattr",
-         "unlinkat")
+         "unlinkat", "utimensat", "fchmod", "syncfs")
+# Calls the run makes on the destination alone (sources are only read, the log is written; fsync
+# is the configuration's write-back after the run, whose failure is a warning of its own).
+DESTINATION_CALLS = {"mkdirat", "renameat2", "copy_file_range", "fchown", "fsetxattr", "unlinkat", "utimensat",
+                     "fchmod", "syncfs"}
 ERRORS = ("EIO", "ENOSPC", "EACCES", "EROFS")
-POSITIONS = (0.3, 0.6, 0.9)  # where in the run's calls of that kind the fault starts
+# The disk's own failures, and the words of the line that names each.
+FATAL = {"EIO": b"Destination failed: Input/output error (EIO) while ", "ENOSPC": b"No free space left at destination",
+         "EROFS": b"Destination is read-only"}
+# Where in the run's calls of that kind the fault starts; the last call of a kind is the last
+# folder's metadata for utimensat and fchmod.
+POSITIONS = (0.3, 0.6, 0.9, 1.0)
 QUICK = (("renameat2", "EIO", 0.3), ("copy_file_range", "ENOSPC", 0.6), ("openat", "EACCES", 0.6),
-         ("mkdirat", "EROFS", 0.6))
-OPTIONS = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"))
+         ("mkdirat", "EROFS", 0.6), ("mkdirat", "EIO", 0.3), ("syncfs", "EIO", 1.0),
+         ("fchown", "EIO", 0.6), ("fsetxattr", "EIO", 0.3), ("utimensat", "EIO", 1.0), ("fchmod", "EIO", 1.0),
+         ("utimensat", "EROFS", 1.0))
+# strace counts a call's uses per thread: with one copy thread, each thread's calls come in the
+# same order in every run, so that the Nth use is the same moment each time.
+OPTIONS = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"), ("maxThreads", 1))
 
 
 def make_tree():
@@ -77,24 +92,43 @@ class Sweep:
                               env=self.ferrovane.env, capture_output=True, timeout=180)
 
     def count(self):
-        """How often an undisturbed run makes each call."""
+        """How often an undisturbed run makes each call in the thread that makes it most (strace
+        counts the uses of a call per thread)."""
         self.restore()
         trace = os.path.join(os.path.dirname(self.live), "trace")
         r = self.strace("-e", "trace=" + ",".join(CALLS), trace=trace)
         expect(r.returncode == 0, f"the undisturbed run failed: {tail(r)}")
         with open(trace, errors="replace") as f:
-            return collections.Counter(m.group(1) for m in (re.match(r"\d+\s+(\w+)\(", line) for line in f) if m)
+            per_thread = collections.Counter(m.groups() for m in (re.match(r"(\d+)\s+(\w+)\(", line) for line in f) if m)
+        counts = collections.Counter()
+        for (_, call), n in per_thread.items():
+            counts[call] = max(counts[call], n)
+        return counts
 
     def inject(self, call, error, nth):
         self.restore()
+        offset = log_size(self.ferrovane)
+        trace = os.path.join(os.path.dirname(self.live), "trace")
         # Any ending is allowed (a fault while loading libraries ends the process before it
         # starts); what counts is that nothing was lost.
-        r = self.strace("-e", f"inject={call}:error={error}:when={nth}+")
+        r = self.strace("-e", f"trace={call}", "-e", f"inject={call}:error={error}:when={nth}+", trace=trace)
+        with open(trace, errors="replace") as f:
+            expect("(INJECTED)" in f.read(), "the fault never struck")
+        if call in DESTINATION_CALLS and error in FATAL:
+            expect_one_fatal_line(r, log_since(self.ferrovane, offset), FATAL[error])
         expect_kept(self.destination, self.before)
         expect_configuration(self.destination, self.configuration)
         next_second()  # a stamp folder reused within one second has a case of its own
         expect_clean_rerun(self.ferrovane, self.destination, [self.source], self.before)
         return r.returncode
+
+
+def expect_one_fatal_line(result, log, cause):
+    """The run stopped at once with one line that names the cause, not an error per item."""
+    expect(result.returncode == 255, f"the run went on to exit {result.returncode}: {tail(result)}")
+    fatal = [line for line in log.splitlines() if b"Aborting backup." in line]
+    expect(len(fatal) == 1 and cause in fatal[0], f"not one line naming {cause!r}: {fatal[:3]}")
+    expect(b"Copy failed" not in log, f"{log.count(b'Copy failed')} 'Copy failed' lines beside it")
 
 
 def run(ferrovane, work, tier):
@@ -114,7 +148,7 @@ def run(ferrovane, work, tier):
         if not total:
             yield ("inject", name, "the run makes no such call", "skipped")
             continue
-        where = f"from call {nth} of {total}"
+        where = f"from call {nth} of {total} in a thread"
         try:
             status = sweep.inject(call, error, nth)
             yield ("inject", name, f"{where}, run exit {status}", "ok")
