@@ -1,5 +1,6 @@
 #include "engine/FVConfigurationFile.h"
 
+#include "engine/FVByteSafeEntry.h"
 #include "fs/FVAtomicFile.h"
 
 #include <sys/stat.h>
@@ -67,6 +68,44 @@ std::optional<std::string> unusableItem(const PlistValue& entry) {
     return std::nullopt;
 }
 
+const PlistArrayPtr* sourcesOf(const PlistDict& root) {
+    const PlistValue* sources = root.find("sources");
+    return sources ? sources->array() : nullptr;
+}
+
+// A parsed file's source entries with their exact bytes back (see FVByteSafeEntry).
+void decodeSources(const PlistDict& root) {
+    if (const PlistArrayPtr* sources = sourcesOf(root); sources && *sources)
+        for (PlistValue& entry : **sources)
+            if (const PlistDictPtr* item = entry.dict(); item && *item) FVByteSafeEntry::decode(**item);
+}
+
+// Every write of the file goes through here: sizes are never stored, and a source entry's text
+// that XML cannot carry goes as its bytes beside it.
+bool writeRoot(const PlistDict& root, const std::string& path, std::string* error) {
+    PlistDict out;
+    for (const auto& [key, value] : root.entries()) {
+        const PlistArrayPtr* sources = key == "sources" ? value.array() : nullptr;
+        if (!sources || !*sources) {
+            out.set(key, value);
+            continue;
+        }
+        auto written = std::make_shared<PlistArray>();
+        for (const PlistValue& entry : **sources) {
+            const PlistDictPtr* item = entry.dict();
+            if (!item || !*item) {
+                written->push_back(entry);
+                continue;
+            }
+            auto safe = std::make_shared<PlistDict>(FVByteSafeEntry::encoded(**item));
+            safe->remove(FVSourceKey::sizeInMB);
+            written->emplace_back(std::move(safe));
+        }
+        out.set(key, std::move(written));
+    }
+    return FVAtomicFile::write(path, serializePlistXML(PlistValue(std::make_shared<PlistDict>(std::move(out)))), error);
+}
+
 // The parsed file as it is on disk now, when it is a property list with a dictionary root.
 PlistDictPtr readRoot(const std::string& path, std::string& error) {
     std::string bytes;
@@ -81,12 +120,8 @@ PlistDictPtr readRoot(const std::string& path, std::string& error) {
         error = path + ": the property list's root is not a dictionary";
         return nullptr;
     }
+    decodeSources(**root);
     return *root;
-}
-
-const PlistArrayPtr* sourcesOf(const PlistDict& root) {
-    const PlistValue* sources = root.find("sources");
-    return sources ? sources->array() : nullptr;
 }
 
 }  // namespace
@@ -107,6 +142,7 @@ FVConfigurationReadResult parse(std::string_view bytes, const std::string& path)
         return result;
     }
 
+    decodeSources(**root);
     result.status = FVConfigurationReadStatus::Malformed;
     if (const PlistValue* settings = (*root)->find("settings")) {
         const PlistDictPtr* dict = settings->dict();
@@ -159,10 +195,10 @@ bool writeSettingsForSourceConfiguration(const std::vector<FVSourceItemPtr>& ite
             }
         }
     }
-    auto root = std::make_shared<PlistDict>();
-    root->set("settings", std::make_shared<PlistDict>(options));
-    root->set("sources", std::move(sources));
-    return FVAtomicFile::write(path, serializePlistXML(PlistValue(root)), error);
+    PlistDict root;
+    root.set("settings", std::make_shared<PlistDict>(options));
+    root.set("sources", std::move(sources));
+    return writeRoot(root, path, error);
 }
 
 bool writeRunResults(const std::vector<FVSourceItemPtr>& backedUpItems, const std::string& path,
@@ -187,7 +223,7 @@ bool writeRunResults(const std::vector<FVSourceItemPtr>& backedUpItems, const st
             }
         }
     }
-    return FVAtomicFile::write(path, serializePlistXML(PlistValue(root)), error);
+    return writeRoot(*root, path, error);
 }
 
 const std::vector<std::pair<const char*, int64_t>>& defaultOptions() {

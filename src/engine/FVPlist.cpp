@@ -1,5 +1,7 @@
 #include "engine/FVPlist.h"
 
+#include "engine/FVPlistNesting.h"
+
 #include <plist/plist.h>
 
 #include <cctype>
@@ -318,6 +320,7 @@ PlistParseResult parsePlist(std::string_view bytes) {
     if (bytes.empty()) return {std::nullopt, "the file is empty"};
     if (bytes.size() > UINT32_MAX) return {std::nullopt, "the file is too large"};
     if (binaryStringHoldsZero(bytes)) return {std::nullopt, "a string holds a zero byte"};
+    if (auto refusal = FVPlistNesting::refusal(bytes)) return {std::nullopt, std::move(*refusal)};
     plist_t root = nullptr;
     plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
     if (!root) return {std::nullopt, "not a property list"};

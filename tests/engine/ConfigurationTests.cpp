@@ -76,6 +76,10 @@ TEST(ConfigurationFile, RoundTripKeepsEveryTypeAndUnknownKeysButDropsSizeInMB) {
     EXPECT_TRUE(first.configuration.settings->find("moveDeletedFiles")->is<bool>());
     EXPECT_TRUE(first.configuration.settings->find("blob")->is<PlistData>());
     EXPECT_EQ(readFile(path).find("<?xml"), 0u) << "written as XML";
+
+    writeFile(path, kSample);
+    ASSERT_TRUE(FVConfigurationFile::writeRunResults({item}, path));
+    EXPECT_EQ(readFile(path).find("sizeInMB"), std::string::npos) << "the write-back after a run drops it too";
 }
 
 TEST(ConfigurationFile, ReadsBinaryPropertyLists) {

@@ -1,8 +1,10 @@
-// Property lists the configuration reader met under the fuzzer: zero bytes inside strings and
-// keys, and dates beyond what the file format holds.
+// Property lists the configuration reader met under the fuzzer or from outside: zero bytes
+// inside strings and keys, dates beyond what the file format holds, nesting deep enough to
+// overflow a recursive parser, and paths that are not text.
 
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVPlist.h"
+#include "fs/FVText.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +28,76 @@ std::string binaryWithZeroInKey() {
     return b + trailer;
 }
 
+std::string bigEndian(uint64_t value, size_t size) {
+    std::string out(size, '\0');
+    for (size_t i = size; i-- > 0; value >>= 8) out[i] = static_cast<char>(value & 0xff);
+    return out;
+}
+
+// A binary list of count arrays, array i holding refs references to array i + 1 (the last one
+// empty); with loop, the last one holds itself instead.
+std::string binaryArrays(uint64_t count, int refs, bool loop = false) {
+    std::string body = "bplist00";
+    std::string offsets;
+    for (uint64_t i = 0; i < count; ++i) {
+        offsets += bigEndian(body.size(), 4);
+        const bool last = i + 1 == count;
+        const int n = last && !loop ? 0 : refs;
+        body += static_cast<char>(0xA0 | n);
+        for (int r = 0; r < n; ++r) body += bigEndian(last ? i : i + 1, 4);
+    }
+    const uint64_t table = body.size();
+    return body + offsets + std::string(6, '\0') + "\x04\x04" + bigEndian(count, 8) + bigEndian(0, 8) +
+           bigEndian(table, 8);
+}
+
+std::string xmlArrays(size_t depth, const std::string& inside = "") {
+    std::string open, close;
+    for (size_t i = 0; i < depth; ++i) {
+        open += "<array><!-- <array> --><array/>";
+        close += "</array>";
+    }
+    return "<?xml version=\"1.0\"?><plist version=\"1.0\">" + open + inside + close + "</plist>";
+}
+
 }  // namespace
+
+TEST(PlistHostileInput, NestingBeyondTheLimitIsRefusedBeforeAnyRecursiveParse) {
+    for (const std::string& deep : {xmlArrays(200000), binaryArrays(200000, 1), xmlArrays(65),
+                                    binaryArrays(65, 1), binaryArrays(3, 1, true)}) {
+        auto read = FVConfigurationFile::parse(deep, "deep");
+        EXPECT_EQ(read.status, FVConfigurationReadStatus::NotPropertyList);
+        EXPECT_NE(read.problem.find("nest more than 64 levels deep"), std::string::npos) << read.problem;
+    }
+    // 60 levels of two references each would expand to 2^60 values in libplist.
+    EXPECT_EQ(parsePlist(binaryArrays(60, 2)).error, "its shared objects expand to more than 2097152 values");
+    for (const std::string& fine : {xmlArrays(64, "<string>&lt;array&gt;</string><dict/>"), binaryArrays(64, 1),
+                                    binaryArrays(12, 2)})
+        EXPECT_TRUE(parsePlist(fine).value.has_value()) << parsePlist(fine).error;
+}
+
+TEST(PlistHostileInput, PathsThatAreNotTextReachAnyReaderAndComeBackExact) {
+    TempDir dir;
+    const std::string path = dir / "conf";
+    const std::string source = "/data/src\n\x1b[2J\xff\xfe\r";
+    auto item = FVSourceItem::make(source, FVSourceMode::Backup);
+    ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration({item}, PlistDict(), path));
+    std::string written = readFile(path);
+    EXPECT_EQ(FVText::validUTF8(written), written) << "the file is UTF-8 throughout";
+    EXPECT_EQ(written.find_first_of("\x1b\r"), std::string::npos) << "no character XML cannot carry";
+    auto read = FVConfigurationFile::read(path);
+    ASSERT_EQ(read.status, FVConfigurationReadStatus::Ok) << read.problem;
+    EXPECT_EQ(read.configuration.sources.at(0)->sourcePath(), source);
+    EXPECT_FALSE(read.configuration.sources[0]->value("sourcePathBytes")) << "the bytes are the path, not a key of it";
+
+    // Text edited by another program no longer matches the bytes: the edit counts.
+    const size_t at = written.find("/data/src");
+    written.replace(at, written.find("</string>", at) - at, "/data/edited");
+    writeFile(path, written);
+    read = FVConfigurationFile::read(path);
+    ASSERT_EQ(read.status, FVConfigurationReadStatus::Ok) << read.problem;
+    EXPECT_EQ(read.configuration.sources.at(0)->sourcePath(), "/data/edited");
+}
 
 TEST(PlistHostileInput, ZeroBytesInStringsAndKeysNeverCrashTheReader) {
     std::string xml = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>settings</key><dict>"

@@ -1,12 +1,14 @@
 """Hostile names: newlines, control characters, invalid UTF-8, 255-byte components and paths
-deeper than PATH_MAX, through a whole run, the log, the configuration, the config and search
-subcommands and a scheduled job's unit files."""
+deeper than PATH_MAX, through a whole run, the log, the configuration (which another
+property-list reader must still parse), the config and search subcommands and a scheduled job's
+unit files; and configurations nested too deeply for a recursive parser."""
 
 import os
+import plistlib
 import shutil
 import subprocess
 
-from faultkit import Failure, build, expect, expect_mirror, tail
+from faultkit import CONF, Failure, build, expect, expect_mirror, read_configuration, tail
 
 NAMES = [b"new\nline", b"tab\tand\x01ctl", b"esc\x1b[31mred", b"bad\xff\xfeutf8", b"n" * 255, b"q'uo\"te %h $x"]
 SOURCE_NAME = b"src\n\x1b[2J\xff"
@@ -62,6 +64,42 @@ def check_log(path):
     expect(b"\x1b" not in log, "the log holds a raw escape character")
 
 
+def expect_readable_configuration(destination, source):
+    """Python's reader parses the file, finds the source's exact bytes and no stored size."""
+    try:
+        stored = plistlib.loads(read_configuration(os.fsdecode(destination)))
+    except Exception as e:  # noqa: BLE001 - any parse failure is the finding
+        raise Failure(f"another reader cannot parse the configuration: {e}")
+    entry = stored["sources"][0]
+    expect(entry.get("sourcePathBytes") == source, f"the source's bytes are not in the file: {entry}")
+    expect("sizeInMB" not in entry, "the configuration stores a size")
+
+
+def deep_configuration(ferrovane, destination):
+    """200,000 nested arrays, as XML and as binary: every command that reads the file refuses it
+    with the reason instead of crashing."""
+    depth = 200_000
+    xml = b'<?xml version="1.0"?><plist version="1.0"><dict><key>x</key>' + b"<array>" * depth + \
+        b"</array>" * depth + b"</dict></plist>"
+    offsets, body = [], b"bplist00"
+    for i in range(depth):
+        offsets.append(len(body))
+        body += b"\xa1" + (i + 1).to_bytes(4, "big") if i + 1 < depth else b"\xa0"
+    table = len(body)
+    binary = body + b"".join(o.to_bytes(4, "big") for o in offsets) + bytes(6) + b"\x04\x04" + \
+        depth.to_bytes(8, "big") + bytes(8) + table.to_bytes(8, "big")
+    os.makedirs(destination)
+    for form, content in (("XML", xml), ("binary", binary)):
+        with open(os.path.join(destination, os.fsencode(CONF)), "wb") as f:
+            f.write(content)
+        for command in ([ferrovane.executable, os.fsdecode(destination), "-noUserNotifications"],
+                        [ferrovane.executable, "config", destination, "show"],
+                        [ferrovane.executable, "runs", destination]):
+            r = subprocess.run(command, env=ferrovane.env, capture_output=True, timeout=60)
+            expect(r.returncode > 0 and b"nest more than 64 levels deep" in r.stdout + r.stderr,
+                   f"{command[1:3]} on the deep {form} file: status {r.returncode}: {tail(r)}")
+
+
 def run(ferrovane, work):
     work = os.fsencode(work)
     source, destination = os.path.join(work, SOURCE_NAME), os.path.join(work, b"dest " + NAMES[0])
@@ -80,6 +118,7 @@ def run(ferrovane, work):
         ferrovane.configure(destination, [source], (("performExtendedLogging", 1),))
         shown = ferrovane.config(destination, "show")
         expect(shown.returncode == 0 and b"\x1b" not in shown.stdout, f"config show: {tail(shown)}")
+        expect_readable_configuration(destination, source)
 
     def whole_run():
         # The deep folder lies beyond what one path may name; it is mirrored like everything else,
@@ -92,6 +131,7 @@ def run(ferrovane, work):
             expect_same_deep_tree(source, mirror)
         expect(b"(0 items changed)" in r.stdout + read_log(ferrovane), "the second run copied again")
         check_log(ferrovane.env["FERROVANE_LOG_FILE"])
+        expect_readable_configuration(destination, source)  # after the run's write-back
 
     def search():
         r = subprocess.run([ferrovane.executable, "search", destination, "esc"], env=ferrovane.env,
@@ -136,4 +176,5 @@ def run(ferrovane, work):
     case("search", search)
     case("scheduled job's unit files", schedule)
     case("source files named like temporaries, three runs", names_like_temporaries)
+    case("configuration nested 200,000 levels deep", lambda: deep_configuration(ferrovane, os.path.join(work, b"deep")))
     yield from cases
