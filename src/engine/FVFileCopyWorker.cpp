@@ -3,6 +3,7 @@
 #include "engine/FVFileCopyWorkerImpl.h"
 #include "engine/FVItemCloner.h"
 #include "fs/FVDataCopier.h"
+#include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
@@ -278,6 +279,8 @@ void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
         if (!mayOverwrite(destination)) return;
         folders.ensureFolder(state, FVText::deletingLastPathComponent(destination.path()));
         FVItemCloner(*this, state).clone(source, destination.path());
+        // Between two files this thread holds no file of the destination open for writing.
+        FVTestHook::reach("between-files", destination.path());
     } else {
         directoryMetadata.add(source.path(), destination.path());
         folders.ensureDirectoryItem(state, destination);

@@ -8,6 +8,7 @@
 #include "engine/FVMirrorCleanup.h"
 #include "engine/FVSourceAnalysis.h"
 #include "engine/FVStrings.h"
+#include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 #include "platform/FVMountWatcher.h"
 
@@ -183,6 +184,7 @@ void FVSyncingBackup::flushDestination() {
 }
 
 void FVSyncingBackup::checkVolumeDidUnmount(const std::string& mountPoint) {
+    FVTestHook::reach("unmount-seen", mountPoint);
     // Whole components: unmounting /mnt/backup says nothing about /mnt/backup2.
     if (mountPoint == "/" || !FVText::isPathWithin(settings_.targetPath, mountPoint)) return;
     status_.log("\nDestination volume unmounted unexpectedly!\n");

@@ -1,5 +1,7 @@
 #include "fs/FVDataCopier.h"
 
+#include "fs/FVTestHook.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -62,6 +64,7 @@ ssize_t FVDataCopier::chunk(off_t* inOffset, off_t* outOffset, size_t len) {
 
 bool FVDataCopier::afterChunk(ssize_t n) {
     copied_ += static_cast<uint64_t>(n);
+    if (copied_ == static_cast<uint64_t>(n)) FVTestHook::reach("data-copy-under-way", sourcePath_);
     if (hook_) hook_(sourcePath_, copied_);
     return !cancelled_.load(std::memory_order_relaxed);
 }

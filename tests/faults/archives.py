@@ -7,19 +7,15 @@ import plistlib
 import shutil
 import stat
 import subprocess
-import threading
 import time
 
-from faultkit import (run_cases, Ferrovane, build, content, expect, expect_clean_rerun, expect_kept, expect_mirror,
-                      next_second, read_configuration, tail, version, versions, wait_for_copy)
+from faultkit import (run_cases, Ferrovane, Hooks, build, content, expect, expect_clean_rerun, expect_kept,
+                      expect_mirror, log_since, next_second, read_configuration, tail, version, versions)
 
 NAME = "data"
 BUSY = 75  # another run holds the destination's lock
 OPTIONS = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"))
 TREE = {b"f": ("file", 5000, 1), b"sub": ("dir",), b"sub/g": ("file", 3000, 2), b"sub/gone": ("file", 100, 3)}
-# The first copy of a run waits this long (strace delays the call, it does not fail it), so that
-# the run is surely at work when a second run or a config edit comes.
-SLOW_COPY = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=copy_file_range:delay_enter=2500000:when=1"]
 
 
 class Destination:
@@ -111,50 +107,34 @@ def archive_move_fails(ferrovane, work, plant, planted_are_versions, prefix):
     d.clean_rerun(before)
 
 
-class Timed:
-    """A run in the background with the moments it started and ended."""
-
-    def __init__(self, ferrovane, destination, prefix=()):
-        self.ferrovane, self.began = ferrovane, time.monotonic()
-        self.process = subprocess.Popen([*prefix, *ferrovane.args(destination)], env=ferrovane.env,
-                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.thread = threading.Thread(target=self.wait)
-        self.thread.start()
-
-    def wait(self):
-        self.out, self.err = self.process.communicate(timeout=120)
-        self.ended = time.monotonic()
-
-    def join(self):
-        self.thread.join()
-        return self.process.returncode
-
-    def analysed(self):
-        path = self.ferrovane.env["FERROVANE_LOG_FILE"]
-        if not os.path.exists(path):
-            return False
-        with open(path, "rb") as f:
-            return b"Source started analysing" in f.read()
+def held_run(ferrovane, destination, hooks_folder, pattern=b"/data/f"):
+    """A run started in the background and held once it has copied a file whose path holds
+    pattern, with the destination's lock in its hands; hooks.release("between-files") lets it go on."""
+    hooks = Hooks(hooks_folder)
+    hooks.arm("between-files", pattern)
+    held = Ferrovane(ferrovane.executable, ferrovane.env["FERROVANE_LOG_FILE"], **hooks.env)
+    process = held.start(destination)
+    hooks.wait("between-files", process)
+    return process, hooks
 
 
-def overlapping_runs(ferrovane, work, delay):
-    """Two runs started delay seconds apart, a file changed before each: one of them may run at a
-    time, the other refuses with its own status and touches nothing; no version is lost."""
+def second_run_while_the_first_holds_the_lock(ferrovane, work):
+    """A second run started while the first is at work refuses with its own status and touches
+    nothing; the first then finishes; no version is lost."""
     d = Destination(ferrovane, work)
     d.change()
     before = versions(d.destination)
-    runs = [Timed(Ferrovane(ferrovane.executable, os.path.join(work, "first.log")), d.destination, SLOW_COPY)]
-    time.sleep(delay)
-    d.change()
-    runs.append(Timed(Ferrovane(ferrovane.executable, os.path.join(work, "second.log")), d.destination, SLOW_COPY))
-    statuses = [r.join() for r in runs]
-    expect(all(s in (0, BUSY) for s in statuses) and 0 in statuses,
-           f"exit statuses {statuses}: {(runs[0].out + runs[1].out)[-600:]}")
-    for r, s in zip(runs, statuses):
-        expect(s == 0 or not r.analysed(), "the refused run analysed a source")
-    if statuses == [0, 0]:
-        overlap = min(runs[0].ended, runs[1].ended) - max(runs[0].began, runs[1].began)
-        expect(overlap < 0.3, f"both runs went ahead at once ({overlap:.1f} s together)")
+    first, hooks = held_run(ferrovane, d.destination, os.path.join(work, "hooks"))
+    try:
+        d.change()
+        second = Ferrovane(ferrovane.executable, os.path.join(work, "second.log"))
+        r = second.run(d.destination)
+    finally:
+        hooks.release("between-files")
+    out, _ = first.communicate(timeout=120)
+    expect(r.returncode == BUSY, f"the second run went on ({r.returncode}): {tail(r)}")
+    expect(b"Source started analysing" not in log_since(second, 0), "the refused run analysed a source")
+    expect(first.returncode == 0, f"the first run failed ({first.returncode}): {out[-400:]}")
     expect_kept(d.destination, before)
     d.clean_rerun(before)
 
@@ -198,17 +178,20 @@ def runs_a_second_apart(ferrovane, work, runs=5):
 
 
 def config_during_a_run(ferrovane, work):
-    """`config add` and `config set` made while a run copies: if they report success, the change
-    is in the configuration after the run; otherwise they said why."""
+    """`config add` and `config set` made while a run is held at work: if they report success,
+    the change is in the configuration after the run; otherwise they said why."""
     d = Destination(ferrovane, work)
     d.change()
     other = os.path.join(work, "other")
     os.makedirs(other)
-    run = Timed(ferrovane, d.destination, SLOW_COPY)
-    expect(wait_for_copy(os.path.join(d.destination, NAME), run.process), "the run copied nothing")
-    added = ferrovane.config(d.destination, "add", other)
-    changed = ferrovane.config(d.destination, "set", "purgeChangedArchiveDays", "45")
-    expect(run.join() in (0, 255), f"the run failed: {run.out[-400:]}")
+    process, hooks = held_run(ferrovane, d.destination, os.path.join(work, "hooks"))
+    try:
+        added = ferrovane.config(d.destination, "add", other)
+        changed = ferrovane.config(d.destination, "set", "purgeChangedArchiveDays", "45")
+    finally:
+        hooks.release("between-files")
+    out, _ = process.communicate(timeout=120)
+    expect(process.returncode in (0, 255), f"the run failed: {out[-400:]}")
     configuration = plistlib.loads(read_configuration(d.destination))
     kept = {"add": other in [s.get("sourcePath") for s in configuration["sources"]],
             "set": configuration["settings"].get("purgeChangedArchiveDays") == 45}
@@ -261,15 +244,15 @@ def hard_link_groups(ferrovane, work):
 
 
 QUICK = ("archive move fails: stamp folder already holds the path", "archive move fails: link planted at __changed",
-         "second run 0.3 s after the first", "two runs in one second", "config add and set during a run",
+         "second run while the first holds the lock", "two runs in one second", "config add and set during a run",
          "hard links across folders")
 
 
 def run(ferrovane, work, tier):
     cases = [(f"archive move fails: {name}", lambda w, f=fault: archive_move_fails(ferrovane, w, *f))
              for name, fault in ARCHIVE_FAULTS.items()]
-    cases += [(f"second run {delay} s after the first", lambda w, t=delay: overlapping_runs(ferrovane, w, t))
-              for delay in (0, 0.3, 1)]
+    cases.append(("second run while the first holds the lock",
+                  lambda w: second_run_while_the_first_holds_the_lock(ferrovane, w)))
     cases += [("two runs in one second", lambda w: runs_in_one_second(ferrovane, w)),
               ("five runs a second apart, a file changed before each", lambda w: runs_a_second_apart(ferrovane, w)),
               ("config add and set during a run", lambda w: config_during_a_run(ferrovane, w)),

@@ -164,18 +164,6 @@ def tail(result):
     return (result.stdout[-600:] + result.stderr[-600:]).decode(errors="replace")
 
 
-def wait_for_copy(folder, process, timeout=20):
-    """Returns once a temporary file shows that a copy into folder is under way."""
-    end = time.monotonic() + timeout
-    while time.monotonic() < end and process.poll() is None:
-        try:
-            if any(n.startswith(TEMPORARY_PREFIX) for n in os.listdir(os.fsencode(folder))):
-                return True
-        except FileNotFoundError:
-            pass
-    return False
-
-
 # ---- checks
 
 def mirror_differences(source, mirror, excluded=()):
@@ -354,13 +342,9 @@ def unmount(path):
     subprocess.run(["umount", "-l", path], capture_output=True)
 
 
-def remount(path, options, attempts=200):
-    """Remounts with new options; a busy file system is tried again for a while."""
-    for _ in range(attempts):
-        if subprocess.run(["mount", "-o", "remount," + options, path], capture_output=True).returncode == 0:
-            return True
-        time.sleep(0.005)
-    return False
+def remount(path, options):
+    """Remounts with new options while no run is under way; whether it worked."""
+    return subprocess.run(["mount", "-o", "remount," + options, path], capture_output=True).returncode == 0
 
 
 @contextmanager

@@ -9,9 +9,9 @@ import subprocess
 import threading
 import time
 
-from faultkit import (run_cases, Failure, build, content, expect, expect_configuration, expect_kept,
-                      expect_mirror, expect_no_temporaries, log_since, log_size, read_configuration,
-                      remount, tail, tmpfs, unmount, versions, wait_for_copy)
+from faultkit import (run_cases, Failure, Ferrovane, Hooks, build, content, expect, expect_configuration,
+                      expect_kept, expect_mirror, expect_no_temporaries, log_since, log_size, read_configuration,
+                      remount, tail, tmpfs, unmount, versions)
 
 NAME = "data"
 TREE = {b"a": ("dir",), b"b": ("dir",), b"a/c": ("dir",), b"huge.bin": ("file", 96 << 20, 7),
@@ -106,12 +106,21 @@ def full_in_the_cleanup(case):
         case.finish(before)
 
 
-def with_bound_destination(case, fault, message, undo=None, check_log=None):
-    """The destination is a bind mount of a folder on a tmpfs; fault strikes once a copy runs;
-    check_log judges what the failed run logged."""
+def held_run(case, moment, pattern, hooks_folder):
+    """Starts a run of case that holds at moment (an item whose path holds pattern); returns the
+    process and the hooks, the run waiting to be released."""
+    hooks = Hooks(hooks_folder)
+    hooks.arm(moment, pattern)
+    ferrovane = Ferrovane(case.ferrovane.executable, case.ferrovane.env["FERROVANE_LOG_FILE"], **hooks.env)
+    process = ferrovane.start(case.destination)
+    hooks.wait(moment, process)
+    return process, hooks
+
+
+def with_bound_destination(case, fault, message, check_log=None):
+    """The destination is a bind mount of a folder on a tmpfs; fault strikes while the run is held
+    between two files of a changed folder; check_log judges what the failed run logged."""
     backing = os.path.join(case.mount + "-backing")
-    # Room for every retry's mirror, archives and temporary copy of the large file: a fault that
-    # only strikes late must not end in a really full disk instead.
     with tmpfs(backing, "size=1g"):
         real = os.path.join(backing, "dest")
         os.makedirs(real)
@@ -121,35 +130,25 @@ def with_bound_destination(case, fault, message, undo=None, check_log=None):
             case.ferrovane.configure(case.destination, [case.source], case.options)
             case.ferrovane.complete(case.destination)
             case.configuration = read_configuration(case.destination)
-            # A read-only remount waits for a moment without open writers; on a loaded machine
-            # that moment may come only after the run's last write. Such an attempt proves
-            # nothing: the fault is undone, the sources change again and it is tried once more.
-            earlier = []
-            for attempt in range(3):
-                before = case.change_sources(removed=(b"b",) if attempt == 0 else (), generation=attempt)
-                offset = log_size(case.ferrovane)
-                process = case.ferrovane.start(case.destination)
-                expect(wait_for_copy(os.path.join(case.destination, NAME), process), "the run copied nothing")
+            before = case.change_sources()
+            offset = log_size(case.ferrovane)
+            process, hooks = held_run(case, "between-files", b"/data/a/", case.mount + "-hooks")
+            try:
                 fault()
-                out, _ = process.communicate(timeout=120)
-                if process.returncode == 0 and undo and attempt < 2:
-                    undo()
-                    earlier.append(before)
-                    continue
-                log = log_since(case.ferrovane, offset)
-                out += log
-                expect(process.returncode == 255 and message in out,
-                       f"expected 255 with {message!r}, got {process.returncode}: {out[-600:]}")
-                if check_log:
-                    check_log(log)
-                break
+            finally:
+                hooks.release("between-files")
+            out, _ = process.communicate(timeout=120)
+            log = log_since(case.ferrovane, offset)
+            out += log
+            expect(process.returncode == 255 and message in out,
+                   f"expected 255 with {message!r}, got {process.returncode}: {out[-600:]}")
+            if check_log:
+                check_log(log)
         finally:
             unmount(case.destination)
         subprocess.run(["mount", "--bind", real, case.destination], check=True)
         try:
             case.finish(before)
-            for snapshot in earlier:
-                expect_kept(case.destination, snapshot)
         finally:
             unmount(case.destination)
 
@@ -158,19 +157,12 @@ def unmounted_mid_run(case):
     with_bound_destination(case, lambda: subprocess.run(["umount", "-l", case.destination], check=True), UNMOUNTED)
 
 
-def make_read_only(path, seconds=10):
-    """Turns the bind mount read-only in the first moment no file on it is open for writing."""
+def make_read_only(path):
+    """The run is held between files with a single copy thread: no file on the destination is
+    open for writing, so the remount cannot be busy."""
     libc = ctypes.CDLL(None, use_errno=True)
-    end = time.monotonic() + seconds
-    while time.monotonic() < end:
-        if libc.mount(None, os.fsencode(path), None, MS_REMOUNT | MS_BIND | MS_RDONLY, None) == 0:
-            return
-    raise Failure("the destination never became read-only")
-
-
-def make_writable(path):
-    libc = ctypes.CDLL(None, use_errno=True)
-    expect(libc.mount(None, os.fsencode(path), None, MS_REMOUNT | MS_BIND, None) == 0, "could not remount writable")
+    if libc.mount(None, os.fsencode(path), None, MS_REMOUNT | MS_BIND | MS_RDONLY, None) != 0:
+        raise Failure(f"the destination did not become read-only: {os.strerror(ctypes.get_errno())}")
 
 
 def single_abort(log):
@@ -180,13 +172,13 @@ def single_abort(log):
 
 
 def read_only_mid_run(case):
-    with_bound_destination(case, lambda: make_read_only(case.destination), READ_ONLY,
-                           undo=lambda: make_writable(case.destination), check_log=single_abort)
+    case.options += (("maxThreads", 1),)
+    with_bound_destination(case, lambda: make_read_only(case.destination), READ_ONLY, check_log=single_abort)
 
 
 def unmount_of_a_name_prefix(case):
     """Unmounting /…/mnt must not cancel a run to /…/mnt2/dest: mount points match by whole
-    components."""
+    components. The run is held until it has seen the unmount."""
     neighbour = case.mount.rstrip("/")
     case.mount = neighbour + "2"
     case.destination = os.path.join(case.mount, "dest")
@@ -194,8 +186,12 @@ def unmount_of_a_name_prefix(case):
         case.prepare(mirror_first=True)
         before = case.change_sources(removed=())
         with tmpfs(neighbour, "size=1m"):
-            process = case.ferrovane.start(case.destination)
-            expect(wait_for_copy(os.path.join(case.destination, NAME), process), "the run copied nothing")
+            process, hooks = held_run(case, "between-files", b"/data/a/", case.mount + "-hooks")
+            hooks.arm("unmount-seen", os.fsencode(neighbour), hold=False)
+        try:
+            hooks.wait("unmount-seen", process)
+        finally:
+            hooks.release("between-files")
         out, err = process.communicate(timeout=120)
         expect(process.returncode == 0 and UNMOUNTED not in out,
                f"the run to {case.destination} stopped ({process.returncode}): {(out + err)[-400:]}")
@@ -203,14 +199,17 @@ def unmount_of_a_name_prefix(case):
 
 
 def source_changes_while_copied(ferrovane, work, change):
+    """The run is held after the first chunk of the large file's data while the file changes."""
     case = Case(ferrovane, work)
     case.mount = work
     case.destination = os.path.join(work, "dest")
     case.prepare(mirror_first=False)
     huge = os.path.join(case.source, "huge.bin")
-    process = ferrovane.start(case.destination)
-    expect(wait_for_copy(os.path.join(case.destination, NAME), process), "the copy was not caught under way")
-    change(huge)
+    process, hooks = held_run(case, "data-copy-under-way", b"/huge.bin", os.path.join(work, "hooks"))
+    try:
+        change(huge)
+    finally:
+        hooks.release("data-copy-under-way")
     out, _ = process.communicate(timeout=120)
     expect(process.returncode in (0, 255), f"run crashed: {process.returncode}")
     case.finish({})
