@@ -9,6 +9,7 @@
 #include "engine/FVDestinationLock.h"
 #include "engine/FVOptions.h"
 #include "engine/FVStrings.h"
+#include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 #include "scheduling/FVLaunchAgentManager.h"
 #include "scheduling/FVOptionsPanelController.h"
@@ -442,6 +443,7 @@ int main(const Arguments& a) {
     if (locked == FVDestinationLock::Status::Busy) {
         fmt::print(stderr, "ferrovane config: the destination is in use; waiting up to {} seconds...\n",
                    std::chrono::seconds(kLockWait).count());
+        FVTestHook::reach("waiting-for-lock", config.destination);
         locked = lock.acquire(config.destination, kLockWait);
     }
     if (locked == FVDestinationLock::Status::Busy) {

@@ -3,6 +3,7 @@
 
 #include "cli/DestinationFixture.h"
 #include "support/JsonQuery.h"
+#include "support/TestHooks.h"
 #include "support/TreeLiteral.h"
 
 #include <gtest/gtest.h>
@@ -39,19 +40,17 @@ protected:
         }
     }
 
-    // A run with its standard output in out.txt, returned once it has begun its walk (a slow
-    // disk can hold the start back for seconds).
-    pid_t startRunInBackground() {
+    // A run with its standard output in out.txt, started with the hooks given.
+    pid_t startRunInBackground(const TestHooks& hooks) {
         pid_t pid = fork();
         if (pid == 0) {
             setenv("FERROVANE_LOG_FILE", logPath().c_str(), 1);
+            setenv(hooks.env().first.c_str(), hooks.env().second.c_str(), 1);
             unsetenv("DISPLAY");
             freopen((dir / "out.txt").c_str(), "w", stdout);
             execl(FERROVANE_EXECUTABLE, FERROVANE_EXECUTABLE, destination.c_str(), "-noUserNotifications", nullptr);
             _exit(127);
         }
-        for (int i = 0; i < 1500 && readFile(logPath()).find("Source started analysing") == std::string::npos; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
         return pid;
     }
 
@@ -244,8 +243,15 @@ TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
     configure({{source + "/Many", FVSourceMode::Backup}}, defaults());
     std::string before = readFile(FVConfigurationFile::formattedPath(destination));
 
-    pid_t pid = startRunInBackground();
+    // Held between two files until the interrupt has cancelled the run.
+    TestHooks hooks(dir / "hooks");
+    hooks.arm("between-files");
+    pid_t pid = startRunInBackground(hooks);
+    ASSERT_TRUE(hooks.waitUntilReached("between-files"));
     kill(pid, SIGINT);
+    for (int i = 0; i < 6000 && readFile(logPath()).find("Aborting sync...") == std::string::npos; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    hooks.release("between-files");
     int status = 0;
     waitpid(pid, &status, 0);
     ASSERT_TRUE(WIFEXITED(status));

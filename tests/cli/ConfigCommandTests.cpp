@@ -3,6 +3,7 @@
 
 #include "cli/DestinationFixture.h"
 #include "support/JsonQuery.h"
+#include "support/TestHooks.h"
 
 #include <gtest/gtest.h>
 
@@ -206,14 +207,16 @@ TEST_F(ConfigCommand, AChangeWaitsForTheRunningBackupAndASecondRunIsRefused) {
     EXPECT_EQ(run.err, "Another Ferrovane run is using this destination: " + destination +
                            ". Try again when it has finished.\n");
 
-    std::thread finishing([held] {
-        std::this_thread::sleep_for(std::chrono::seconds(1));
+    // The lock goes once the change is waiting for it.
+    TestHooks hooks(dir / "hooks");
+    hooks.arm("waiting-for-lock", destination, false);
+    std::thread finishing([&hooks, held] {
+        hooks.waitUntilReached("waiting-for-lock");
         close(held);
     });
-    ProcessResult change = config({"add", "/data"});
+    ProcessResult change = config({"add", "/data"}, {hooks.env()});
     finishing.join();
     EXPECT_EQ(change.exitStatus, 0) << change.err;
-    EXPECT_GE(change.seconds, 0.9) << "the change waited for the lock";
     EXPECT_NE(change.err.find("waiting"), std::string::npos) << change.err;
     EXPECT_EQ(sources(readBack()).size(), 1u);
 }

@@ -90,17 +90,22 @@ TEST_F(PoolTest, OneThreadCopiesInTheOrderAdded) {
 }
 
 TEST_F(PoolTest, OutOfRangeWidthFallsBackToTwoThreads) {
-    // Each copy waits in its first chunk until three copies run at once or a short time passed.
+    // Each copy waits in its first chunk until a second one runs beside it (unless it is the
+    // last), so that two threads surely meet whatever the load; a third, were there one, would
+    // join them in the short wait that follows.
     std::mutex mutex;
     std::condition_variable changed;
-    int inside = 0, most = 0;
+    int inside = 0, most = 0, entered = 0;
     worker.setMaxThreads(16);
     worker.setChunkHook([&](const std::string&, uint64_t) {
         std::unique_lock lock(mutex);
         most = std::max(most, ++inside);
+        ++entered;
         changed.notify_all();
-        changed.wait_for(lock, std::chrono::milliseconds(300), [&] { return inside >= 3; });
+        changed.wait_for(lock, std::chrono::seconds(60), [&] { return inside >= 2 || entered == 6; });
+        changed.wait_for(lock, std::chrono::milliseconds(100), [&] { return inside >= 3; });
         --inside;
+        changed.notify_all();
     });
     worker.startCopySession();
     // Each into a folder of its own: the files of one folder go to one thread at a time.
