@@ -105,7 +105,7 @@ def fifo_configuration(ferrovane, work):
     os.mkfifo(os.path.join(destination, CONF))
     offset = log_size(ferrovane)
     try:
-        r = ferrovane.run(destination, timeout=5)
+        r = ferrovane.run(destination, timeout=60)  # a hang, not a slow machine
     except subprocess.TimeoutExpired:
         raise Failure("the run hung on a FIFO named like the configuration")
     said = r.stdout + r.stderr + log_since(ferrovane, offset)
