@@ -1,6 +1,7 @@
 #include "engine/FVTemporaryEntry.h"
 
 #include "engine/FVAdditions.h"
+#include "engine/FVDestinationFailure.h"
 #include "fs/FVConfinedDirectory.h"
 
 #include <fcntl.h>
@@ -36,6 +37,8 @@ FVTemporaryEntry::Published FVTemporaryEntry::publish(const std::string& name, i
         published_ = true;
         return Published::Done;
     }
+    // A failing, full or read-only disk is not worked around: the caller ends the run.
+    if (FVDestinationFailure::isFatal(errno)) return Published::CouldNotReplace;
     // Something is in the way, the file system has no RENAME_NOREPLACE, or the folder is locked.
     struct stat st {};
     bool exists = fstatat(dirFd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
