@@ -47,6 +47,10 @@ public:
     std::vector<std::vector<std::string>> calls;
 };
 
+// How long a condition the window reaches by itself may take on a loaded machine: a wait ends as
+// soon as it holds, so only a failing test waits this long.
+constexpr int kPatience = 60000;
+
 QString text(const char* key) { return QString::fromStdString(FVStrings::localized(key)); }
 
 // The dialog of that name (of any name when none is given) currently open on the window.
@@ -102,7 +106,7 @@ private:
     // Adds the destination through the window and waits until its list is shown.
     void openDestination(const std::string& path) {
         app_->addAndOpenNewDestination(QString::fromStdString(path));
-        QTRY_VERIFY(cover()->isFullyHidden());
+        QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
     }
 
     std::string makeDir(const std::string& name) {
@@ -115,7 +119,7 @@ private:
     template <class T = QMessageBox>
     T* awaitDialog(const char* name = nullptr) {
         T* dialog = nullptr;
-        [&] { QTRY_VERIFY((dialog = openDialog<T>(app_->window(), name)) != nullptr); }();
+        [&] { QTRY_VERIFY_WITH_TIMEOUT((dialog = openDialog<T>(app_->window(), name)) != nullptr, kPatience); }();
         return dialog;
     }
 
@@ -182,19 +186,19 @@ private slots:
         QCOMPARE(QSettings().value("recentBackupsPopupIndex").toInt(), 0);
 
         app_->performTargetMenuSelection(1);
-        QTRY_VERIFY(cover()->isFullyHidden());
+        QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
         QCOMPARE(app_->currentTargetPath(), b);
 
         // Reopened at the next start.
         launch();
-        QTRY_VERIFY(cover()->isFullyHidden());
+        QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
         QCOMPARE(app_->currentTargetPath(), b);
 
         // Removing the last entry selects the first.
         app_->removeTargetWidgetClicked();
         QCOMPARE(awaitDialog()->text(), text("removetargetclicked"));
         clickButton(awaitDialog(), "removebutton");
-        QTRY_VERIFY(cover()->isFullyHidden());
+        QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
         QCOMPARE(app_->destinations().count(), 1);
         QCOMPARE(app_->currentTargetPath(), a);
         QVERIFY(fs::exists(FVConfigurationFile::currentPath(b)));  // the destination's files stay
@@ -206,7 +210,7 @@ private slots:
         openDestination(gone);
         fs::remove_all(gone);
         launch();
-        QTRY_COMPARE(cover()->message(), text("destinationunavailable"));
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationunavailable"), kPatience);
         QVERIFY(!app_->window()->startButton()->isEnabled());
 
         // Chosen in the popup, an unavailable destination is asked about over an empty window,
@@ -226,7 +230,7 @@ private slots:
         QVERIFY(app_->window()->progressInfo()->text().isEmpty() && !app_->window()->startButton()->isEnabled());
         QVERIFY(!app_->window()->optionsButton()->isEnabled());
         clickButton(question, "keepbutton");
-        QTRY_COMPARE(cover()->message(), text("destinationunavailable"));
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationunavailable"), kPatience);
 
         // The older file is renamed, read, and completed with the defaults.
         PlistDict old;
@@ -244,7 +248,7 @@ private slots:
         rootOnly.set(FVOptionKey::isSuperuserBackup, true);
         FVConfigurationFile::writeSettingsForSourceConfiguration({}, rootOnly, FVConfigurationFile::currentPath(admin));
         app_->addAndOpenNewDestination(QString::fromStdString(admin));
-        QTRY_COMPARE(cover()->message(), text("destinationrequiressuperuser"));
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationrequiressuperuser"), kPatience);
         QVERIFY(!app_->window()->startButton()->isEnabled());
     }
 
@@ -264,7 +268,7 @@ private slots:
         openDialog(app_->window())->accept();
 
         launch(true);
-        QTRY_VERIFY(cover()->isFullyHidden());
+        QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
         QCOMPARE(clickStartExpectingAlert()->text(), text("cloningwithothersources"));
         openDialog(app_->window())->accept();
 
@@ -293,7 +297,7 @@ private slots:
         // A destination that went away comes first and closes the destination.
         fs::remove_all(destination);
         QCOMPARE(clickStartExpectingAlert()->text(), text("backupnotfound"));
-        QTRY_COMPARE(cover()->message(), text("destinationunavailable"));
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationunavailable"), kPatience);
         QVERIFY(!app_->window()->startButton()->isEnabled());
         QVERIFY(!app_->isBackupRunning());
     }
@@ -307,7 +311,7 @@ private slots:
         app_->addSourcePaths({QString::fromStdString(source)}, 0);
         QSignalSpy ended(app_.get(), &AppController::runEnded);
         app_->window()->startButton()->click();
-        QVERIFY(ended.wait(30000));
+        QVERIFY(ended.wait(kPatience));
 
         QVERIFY(cover()->message().startsWith(text("viewbackupfinished").section('{', 0, 0)));
         QVERIFY(!openDialog(app_->window()) && app_->window()->targetPopup()->isEnabled());
@@ -319,22 +323,22 @@ private slots:
         // Every write removes the measured sizes; each is measured again, after the run and
         // after the options were closed alike.
         const QString calculating = text("sourcesizecalculating");
-        QTRY_VERIFY(cell(0, FVSourceListModel::SizeColumn) != calculating);
+        QTRY_VERIFY_WITH_TIMEOUT(cell(0, FVSourceListModel::SizeColumn) != calculating, kPatience);
         app_->window()->optionsButton()->click();
         app_->window()->findChild<FVOptionsPanel*>()->accept();
-        QTRY_VERIFY(cell(0, FVSourceListModel::SizeColumn) != calculating);
-        QTRY_VERIFY(app_->window()->summaryLine()->text().startsWith("1 item, "));
+        QTRY_VERIFY_WITH_TIMEOUT(cell(0, FVSourceListModel::SizeColumn) != calculating, kPatience);
+        QTRY_VERIFY_WITH_TIMEOUT(app_->window()->summaryLine()->text().startsWith("1 item, "), kPatience);
 
         // A second run archives the changed file2 and the removed file0.
         app_->optionsPanelController().allOptions()->set(FVOptionKey::moveChangedFiles, true);
         ferrovane::test::writeFile(source + "/file2", "changed");
         fs::remove(source + "/file0");
         app_->window()->startButton()->click();
-        QVERIFY(ended.wait(30000));
+        QVERIFY(ended.wait(kPatience));
         app_->window()->searchButton()->click();
         auto* sheet = app_->window()->findChild<FVDestinationSearchSheet*>();
         sheet->findChild<QLineEdit*>("searchField")->setText("FILE");
-        QTRY_VERIFY(!sheet->search().isSearching());
+        QTRY_VERIFY_WITH_TIMEOUT(!sheet->search().isSearching(), kPatience);
         auto* results = sheet->findChild<QTreeWidget*>("searchResults");
         QCOMPARE(results->topLevelItemCount(), 3);
         QVERIFY(results->topLevelItem(0)->text(2).startsWith("Removed"));  // file0 is only in __removed
@@ -362,7 +366,7 @@ private slots:
             QMessageBox* conflict = awaitDialog("restoreConflictDialog");
             QVERIFY(conflict->informativeText().contains(QString::fromStdString(restored + "/file2")));
             clickButton(conflict, answer);
-            QTRY_VERIFY(!app_->restoreController().isRunning());
+            QTRY_VERIFY_WITH_TIMEOUT(!app_->restoreController().isRunning(), kPatience);
             QCOMPARE(ferrovane::test::readFile(restored + "/file2"), answer[0] == 'c' ? "mine" : std::string(3000, 'x'));
         }
         QCOMPARE(ferrovane::test::readFile(*home_ / "data/Trash/files/file2"), "mine");
@@ -410,7 +414,7 @@ private slots:
         // Cancel in the same turn of the event loop that started the session.
         auto stopAtStart = connect(app_.get(), &AppController::runStarted, app_.get(), [this] { app_->window()->startButton()->click(); });
         app_->window()->startButton()->click();
-        QVERIFY(ended.wait(30000));
+        QVERIFY(ended.wait(kPatience));
         disconnect(stopAtStart);
 
         // The run has stopped already: an information, not a question.
@@ -421,7 +425,7 @@ private slots:
         QVERIFY(cell(0, FVSourceListModel::LastRunColumn).endsWith("stopped") && app_->window()->lastRunLine()->text().endsWith("stopped"));
         QVERIFY(app_->window()->startButton()->isEnabled() && !app_->isBackupRunning());
         box->accept();
-        QTRY_VERIFY(cover()->isFullyHidden());
+        QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
 
         // Closing during a run asks first, then stops the run and closes.
         connect(app_.get(), &AppController::runStarted, app_.get(), [this] {
@@ -430,8 +434,8 @@ private slots:
             clickButton(awaitDialog(), "stopandquitbutton");
         });
         app_->window()->startButton()->click();
-        QVERIFY(ended.wait(30000));
-        QTRY_VERIFY(!app_->window()->isVisible());
+        QVERIFY(ended.wait(kPatience));
+        QTRY_VERIFY_WITH_TIMEOUT(!app_->window()->isVisible(), kPatience);
         QVERIFY(!readSourcesOf(destination)[0]->value(FVSourceKey::lastBackupDate).has_value());
     }
 
@@ -462,7 +466,7 @@ private slots:
         // Removing the destination removes its job.
         app_->removeTargetWidgetClicked();
         clickButton(openDialog(app_->window()), "removebutton");
-        QTRY_VERIFY(!fs::exists(*home_ / ("jobs/" + label + ".timer")));
+        QTRY_VERIFY_WITH_TIMEOUT(!fs::exists(*home_ / ("jobs/" + label + ".timer")), kPatience);
     }
 
     void sourcesComeFromPlusOrFromASecondStart() {
@@ -487,7 +491,7 @@ private slots:
         // Another start of the program hands its paths over to this one.
         connect(&first, &FVSingleInstance::activationRequested, app_.get(), &AppController::activateFromAnotherStart);
         QVERIFY(second.handOverToRunningInstance({QString::fromStdString(dropped)}));
-        QTRY_COMPARE(app_->backupSetController().backupSetPaths().front(), dropped);
+        QTRY_COMPARE_WITH_TIMEOUT(app_->backupSetController().backupSetPaths().front(), dropped, kPatience);
     }
 };
 
