@@ -99,8 +99,10 @@ FVHardLinkWriter::Outcome FVHardLinkWriter::replaceWithLink(const FVHardLinkGrou
     if (entry.create([&](const char* temporary) {
             return linkat(firstFolder, firstName.c_str(), folder, temporary, 0);
         }) != 0) {
+        const int error = errno;
+        if (status_.stopOnFatalDestinationError(error, "linking", path)) return Outcome::Done;
         status_.log(fmt::format("WARNING: Could not link {} to {} ({}); it is backed up as a file of its own.", path,
-                                request.firstDestinationPath, std::strerror(errno)));
+                                request.firstDestinationPath, std::strerror(error)));
         return Outcome::CopySeparately;
     }
     // An old entry that already held this version is not archived again: the link holds it.
@@ -108,9 +110,12 @@ FVHardLinkWriter::Outcome FVHardLinkWriter::replaceWithLink(const FVHardLinkGrou
         FVFileSystemItem oldItem(path, *old);
         if (!archive_.archiveBeforeOverwrite(oldItem)) return Outcome::Done;
     }
-    if (entry.publish(name, -1) != FVTemporaryEntry::Published::Done)
-        reportError(fmt::format("Could not link {} to {} ({})", path, request.firstDestinationPath,
-                                std::strerror(errno)));
+    if (entry.publish(name, -1) != FVTemporaryEntry::Published::Done) {
+        const int error = errno;
+        if (!status_.stopOnFatalDestinationError(error, "linking", path))
+            reportError(fmt::format("Could not link {} to {} ({})", path, request.firstDestinationPath,
+                                    std::strerror(error)));
+    }
     return Outcome::Done;
 }
 
