@@ -117,9 +117,10 @@ def held_run(case, moment, pattern, hooks_folder):
     return process, hooks
 
 
-def with_bound_destination(case, fault, message, check_log=None):
+def with_bound_destination(case, fault, message, check_log=None, handled=None):
     """The destination is a bind mount of a folder on a tmpfs; fault strikes while the run is held
-    between two files of a changed folder; check_log judges what the failed run logged."""
+    between two files of a changed folder (until the run reached the moment handled, when one is
+    named); check_log judges what the failed run logged."""
     backing = os.path.join(case.mount + "-backing")
     with tmpfs(backing, "size=1g"):
         real = os.path.join(backing, "dest")
@@ -134,7 +135,11 @@ def with_bound_destination(case, fault, message, check_log=None):
             offset = log_size(case.ferrovane)
             process, hooks = held_run(case, "between-files", b"/data/a/", case.mount + "-hooks")
             try:
+                if handled:
+                    hooks.arm(handled, os.fsencode(case.destination), hold=False)
                 fault()
+                if handled:
+                    hooks.wait(handled, process)
             finally:
                 hooks.release("between-files")
             out, _ = process.communicate(timeout=120)
@@ -154,7 +159,8 @@ def with_bound_destination(case, fault, message, check_log=None):
 
 
 def unmounted_mid_run(case):
-    with_bound_destination(case, lambda: subprocess.run(["umount", "-l", case.destination], check=True), UNMOUNTED)
+    with_bound_destination(case, lambda: subprocess.run(["umount", "-l", case.destination], check=True), UNMOUNTED,
+                           handled="unmount-seen")
 
 
 def make_read_only(path):
