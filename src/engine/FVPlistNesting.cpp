@@ -54,32 +54,24 @@ std::optional<std::string> FVPlistNesting::refusal(std::string_view bytes) {
     return bytes.starts_with("bplist") ? binaryRefusal(bytes) : xmlRefusal(bytes);
 }
 
+// Every "<" counts, inside comments and character data too: a reader that took them for tags
+// must not find more nesting than was counted. A stray closing tag never lowers the count below
+// zero, so it cannot hide the openings after it.
 std::optional<std::string> FVPlistNesting::xmlRefusal(std::string_view xml) {
     int depth = 0;
-    for (size_t at = xml.find('<'); at != std::string_view::npos; at = xml.find('<', at)) {
-        std::string_view rest = xml.substr(at);
-        // Comments, character data, declarations and instructions hold no containers.
-        for (auto [open, close] : {std::pair{"<!--", "-->"}, {"<![CDATA[", "]]>"}, {"<?", "?>"}, {"<!", ">"}}) {
-            if (!rest.starts_with(open)) continue;
-            const size_t end = xml.find(close, at);
-            if (end == std::string_view::npos) return std::nullopt;
-            at = end;
-            rest = {};
-            break;
-        }
-        if (rest.empty()) continue;
-        const size_t tagEnd = xml.find('>', at);
-        if (tagEnd == std::string_view::npos) return std::nullopt;
-        const bool closing = rest.size() > 1 && rest[1] == '/';
-        size_t nameEnd = at + (closing ? 2 : 1);
-        const size_t nameStart = nameEnd;
-        while (nameEnd < tagEnd && isNameCharacter(xml[nameEnd])) ++nameEnd;
+    size_t tagEnd = 0;
+    for (size_t at = xml.find('<'); at != std::string_view::npos; at = xml.find('<', at + 1)) {
+        if (tagEnd <= at) tagEnd = xml.find('>', at);
+        if (tagEnd == std::string_view::npos) break;
+        const bool closing = at + 1 < tagEnd && xml[at + 1] == '/';
+        const size_t nameStart = at + (closing ? 2 : 1);
+        size_t nameEnd = nameStart;
+        // One more character than "array" tells a longer name from it.
+        while (nameEnd < tagEnd && nameEnd - nameStart < 6 && isNameCharacter(xml[nameEnd])) ++nameEnd;
         const std::string_view name = xml.substr(nameStart, nameEnd - nameStart);
-        const bool selfClosing = xml[tagEnd - 1] == '/';
-        at = tagEnd;
         if (name != "array" && name != "dict") continue;
-        if (closing) --depth;
-        else if (!selfClosing && ++depth > kLimit) return tooDeep();
+        if (closing) depth = std::max(0, depth - 1);
+        else if (xml[tagEnd - 1] != '/' && ++depth > kLimit) return tooDeep();
     }
     return std::nullopt;
 }

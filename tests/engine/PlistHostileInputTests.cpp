@@ -51,19 +51,27 @@ std::string binaryArrays(uint64_t count, int refs, bool loop = false) {
            bigEndian(table, 8);
 }
 
-std::string xmlArrays(size_t depth, const std::string& inside = "") {
+std::string arrays(size_t depth, const std::string& inside = "") {
     std::string open, close;
     for (size_t i = 0; i < depth; ++i) {
-        open += "<array><!-- <array> --><array/>";
+        open += "<array><!-- a comment --><array/>";
         close += "</array>";
     }
-    return "<?xml version=\"1.0\"?><plist version=\"1.0\">" + open + inside + close + "</plist>";
+    return open + inside + close;
+}
+
+std::string xmlArrays(size_t depth, const std::string& inside = "") {
+    return "<?xml version=\"1.0\"?><plist version=\"1.0\">" + arrays(depth, inside) + "</plist>";
 }
 
 }  // namespace
 
 TEST(PlistHostileInput, NestingBeyondTheLimitIsRefusedBeforeAnyRecursiveParse) {
+    // Also what a lenient reader could take for tags: openings inside character data, and
+    // openings after more closings than there were.
     for (const std::string& deep : {xmlArrays(200000), binaryArrays(200000, 1), xmlArrays(65),
+                                    xmlArrays(1, std::string(100, '<') + "<![CDATA[" + arrays(65) + "]]>"),
+                                    xmlArrays(0, "</array></array>" + arrays(65)),
                                     binaryArrays(65, 1), binaryArrays(3, 1, true)}) {
         auto read = FVConfigurationFile::parse(deep, "deep");
         EXPECT_EQ(read.status, FVConfigurationReadStatus::NotPropertyList);
