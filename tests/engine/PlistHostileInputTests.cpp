@@ -89,6 +89,7 @@ TEST(PlistHostileInput, PathsThatAreNotTextReachAnyReaderAndComeBackExact) {
     const std::string path = dir / "conf";
     const std::string source = "/data/src\n\x1b[2J\xff\xfe\r";
     auto item = FVSourceItem::make(source, FVSourceMode::Backup);
+    item->setValue("sourcePathBytes", 1200);  // a key of that name already there gives way
     ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration({item}, PlistDict(), path));
     std::string written = readFile(path);
     EXPECT_EQ(FVText::validUTF8(written), written) << "the file is UTF-8 throughout";
