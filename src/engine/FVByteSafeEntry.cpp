@@ -43,8 +43,10 @@ std::string FVByteSafeEntry::readable(std::string_view text) {
 PlistDict FVByteSafeEntry::encoded(const PlistDict& entry) {
     // A key of the entry's own that an unsafe string's bytes need gives way to them.
     std::vector<std::string> bytesKeys;
-    for (const auto& [key, value] : entry.entries())
-        if (const std::string* text = value.string(); text && !isSafe(*text)) bytesKeys.push_back(key + std::string(kBytesSuffix));
+    for (const auto& [key, value] : entry.entries()) {
+        const std::string* text = value.string();
+        if (text && !isSafe(*text)) bytesKeys.push_back(key + std::string(kBytesSuffix));
+    }
     PlistDict out;
     for (const auto& [key, value] : entry.entries()) {
         if (std::find(bytesKeys.begin(), bytesKeys.end(), key) != bytesKeys.end()) continue;
