@@ -5,6 +5,7 @@
 #include "engine/FVExclusionRules.h"
 #include "engine/FVLog.h"
 #include "engine/FVStrings.h"
+#include "fs/FVDestinationProbe.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
@@ -72,11 +73,18 @@ void FVBackupSession::start() {
             settings.protectedPaths = FVExclusionRules::rootCloneProtectedPaths();
     settings.willPerformCleanup = shouldPerformCleanup_;
     settings.dryRun = dryRun_;
+    // Before anything is written. A dry run writes nothing, so it only looks.
+    FVDestinationProbe probe(destinationPath_, std::string(kTemporaryFilePrefix) + "probe");
+    settings.destinationProfile = dryRun_ ? probe.probeWithoutWriting(FVConfigurationFile::fileName)
+                                          : probe.probe();
     if (dryRun_)
         settings.reportPlannedChange = [this](const std::string& line) {
             if (delegate_) delegate_->backupSessionWouldChange(*this, line);
         };
     syncingBackup_ = std::make_unique<FVSyncingBackup>(std::move(settings), excludePaths_, [this] { progressStep(); });
+    if (!probe.problem().empty())
+        FVLog::currentLog().addLogLine(fmt::format(
+            "NOTE: The destination could not be probed ({}); assuming what its type can hold.", probe.problem()));
     currentItemIndex_ = 0;
     driver_ = std::thread([this] { run(); });
 }
@@ -157,6 +165,10 @@ std::vector<std::string> FVBackupSession::errorMessages() const {
         errors.insert(errors.end(), job.begin(), job.end());
     }
     return errors;
+}
+
+std::vector<std::string> FVBackupSession::notes() const {
+    return syncingBackup_ ? syncingBackup_->notes() : std::vector<std::string>();
 }
 
 uint64_t FVBackupSession::sessionTotalBytesCopied() const {

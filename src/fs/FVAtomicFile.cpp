@@ -77,7 +77,9 @@ bool write(const std::string& path, std::string_view bytes, std::string* error) 
         umask(mask);
         mode = 0666 & ~mask;
     }
-    if (fchmod(fd, mode) != 0) return abandon("cannot set the mode of " + tmp);
+    // A file system without modes (FAT through FUSE) refuses the call: the file keeps its own.
+    if (fchmod(fd, mode) != 0 && errno != ENOSYS && errno != EOPNOTSUPP)
+        return abandon("cannot set the mode of " + tmp);
 
     const char* p = bytes.data();
     size_t left = bytes.size();
