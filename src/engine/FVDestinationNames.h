@@ -31,7 +31,7 @@ public:
     static bool folderHoldsOtherCase(const std::string& path);
 
 private:
-    const FVDestinationProfile& profile_;
+    const FVDestinationProfile profile_;
     // By level: the folded names of the current folder's entries, each with its first name.
     std::vector<std::unordered_map<std::string, std::string>> seen_;
 };
