@@ -184,6 +184,13 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 --status_.totalFilesCount;
                 continue;
             }
+            if (type == S_IFLNK && !settings_.destinationProfile.symbolicLinks) {
+                std::string message = fmt::format("Cannot back up {}: the destination ({}) cannot hold symbolic links.",
+                                                  path, settings_.destinationProfile.fileSystemType);
+                status_.log("ERROR: " + message);
+                status_.addError(std::move(message));
+                continue;
+            }
             std::string destinationPath = targetRoot + std::string(entry.relativePath());
             auto source = std::make_shared<FVFileSystemItem>(path, entry.st);
             // Everything below a folder the destination lacks is new as well.

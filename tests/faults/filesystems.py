@@ -18,7 +18,8 @@ OPTIONS = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"))
 TREE = {b"Report.txt": ("file", 3000, 1), b"report.txt": ("file", 4000, 2),
         b"Docs": ("dir",), b"Docs/a": ("file", 100, 3), b"docs": ("dir",), b"docs/b": ("file", 200, 4),
         b"plain": ("dir",), b"plain/changing.txt": ("file", 5000, 5), b"plain/gone.txt": ("file", 600, 6),
-        b"odd:name": ("file", 10, 7), b"private": ("dir",), b"private/key": ("file", 70, 8)}
+        b"odd:name": ("file", 10, 7), b"private": ("dir",), b"private/key": ("file", 70, 8),
+        b"plain/link": ("link", b"changing.txt")}
 PRIVATE = {b"private": 0o700, b"private/key": 0o600}
 CASE_PAIRS = ((b"Report.txt", b"report.txt"), (b"Docs", b"docs"))
 CANNOT_KEEP = b"cannot keep owners and modes"
@@ -27,10 +28,11 @@ CANNOT_KEEP = b"cannot keep owners and modes"
 class FileSystem:
     """How to make and mount one kind, and what its probe must find."""
 
-    def __init__(self, name, tools, size_mb, mkfs, mount, probe, keeps_metadata, case_insensitive, refuses_colon):
+    def __init__(self, name, tools, size_mb, mkfs, mount, probe, keeps_metadata, case_insensitive, refuses_colon,
+                 links=True):
         self.name, self.tools, self.size_mb, self.mkfs, self.mount = name, tools, size_mb, mkfs, mount
         self.probe, self.keeps_metadata = probe, keeps_metadata
-        self.case_insensitive, self.refuses_colon = case_insensitive, refuses_colon
+        self.case_insensitive, self.refuses_colon, self.links = case_insensitive, refuses_colon, links
 
 
 def kernel_mount(image, mnt):
@@ -64,20 +66,20 @@ FILESYSTEMS = (
     FileSystem("exfat", ("mkfs.exfat", "mount.exfat-fuse", "losetup"), 32, ["mkfs.exfat"],
                block_fuse("mount.exfat-fuse"),
                ("times to 1 s", "case-insensitive", "no rename that refuses to replace", "no owners, no modes"),
-               False, True, True),
+               False, True, True, links=False),
     FileSystem("ntfs", ("mkntfs", "ntfs-3g", "losetup"), 32, ["mkntfs", "-F", "-Q"], block_fuse("ntfs-3g"),
                ("times to 100 ns", "case-sensitive", "no rename that refuses to replace", "no owners, no modes"),
                False, False, False),
     FileSystem("fat", ("mkfs.vfat", "fusefat"), 32, ["mkfs.vfat"], fusefat_mount,
                ("times to 2 s", "case-insensitive", "no rename that refuses to replace", "renames reset times",
                 "no owners, no modes"),
-               False, True, True),
+               False, True, True, links=False),
 )
 
 
 def refused(fs):
-    """The source names the destination refuses outright."""
-    return [b"odd:name"] if fs.refuses_colon else []
+    """The source entries the destination refuses outright."""
+    return ([b"odd:name"] if fs.refuses_colon else []) + ([] if fs.links else [b"plain/link"])
 
 
 def later_names(fs, mirror):
