@@ -199,6 +199,16 @@ def backups(ferrovane, fs, mnt, work):
     else:
         same_contents(source, mirror, set(unholdable))
 
+    # A restore that moves a different file aside, on the same file system.
+    target = os.path.join(mnt, "restored")
+    os.makedirs(target)
+    with open(os.path.join(target, "changing.txt"), "wb") as f:
+        f.write(b"another version")
+    r = subprocess.run([*ferrovane.prefix, ferrovane.executable, "restore", destination, changed, "--to", target,
+                        "--replace"], env=ferrovane.env, capture_output=True, timeout=60)
+    expect(r.returncode == 0, f"restore with --replace exit {r.returncode}: {tail(r)}")
+    expect(digest(os.path.join(target, "changing.txt")) == digest(changed), "the restore did not bring the version back")
+
     line = re.search(rb"Destination file system: (.*)", log)
     expect(line is not None, "no line with what the probe found")
     missing = [p for p in fs.probe if p.encode() not in line.group(1)]
@@ -233,7 +243,7 @@ def one(ferrovane, fs, work):
 
 def run(ferrovane, work):
     for i, fs in enumerate(FILESYSTEMS):
-        case = f"{fs.name}: probe, archives, case-only names, refused names, owners and modes, clean rerun"
+        case = f"{fs.name}: probe, archives, case twins and refused names, owners and modes, dry run, rerun, restore"
         if not is_root():
             yield ("filesystems", case, "needs the superuser to mount images", "skipped")
             continue
