@@ -77,8 +77,9 @@ bool write(const std::string& path, std::string_view bytes, std::string* error) 
         umask(mask);
         mode = 0666 & ~mask;
     }
-    // A file system without modes (FAT through FUSE) refuses the call: the file keeps its own.
-    if (fchmod(fd, mode) != 0 && errno != ENOSYS && errno != EOPNOTSUPP)
+    // A file system without modes refuses the call (FAT through FUSE; exFAT mounted for another
+    // owner refuses even a file just made): the file keeps the mode the file system gives it.
+    if (fchmod(fd, mode) != 0 && errno != ENOSYS && errno != EOPNOTSUPP && errno != EPERM)
         return abandon("cannot set the mode of " + tmp);
 
     const char* p = bytes.data();
