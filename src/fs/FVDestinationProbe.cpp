@@ -172,7 +172,8 @@ FVDestinationProfile FVDestinationProbe::probe() {
     if (int error = FVConfinedDirectory::removeRecursivelyAt(root.get(), temporaryName_); error != 0 && problem_.empty())
         problem_ = fmt::format("cannot remove {}/{}: {}", rootPath_, temporaryName_, std::strerror(error));
     const timespec rootTimes[2] = {rootSt.st_atim, rootSt.st_mtim};
-    futimens(root.get(), rootTimes);
+    if (futimens(root.get(), rootTimes) != 0 && problem_.empty())
+        problem_ = fmt::format("cannot give {} its dates back: {}", rootPath_, std::strerror(errno));
     return profile;
 }
 
