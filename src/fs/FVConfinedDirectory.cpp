@@ -187,14 +187,11 @@ int FVConfinedDirectory::moveItem(std::string_view fromRelative, std::string_vie
 int FVConfinedDirectory::renameWithoutReplacing(int fromDirFd, const char* fromName, int toDirFd, const char* toName) {
     if (renameat2(fromDirFd, fromName, toDirFd, toName, RENAME_NOREPLACE) == 0) return 0;
     if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP) return errno;
-    const int refused = errno;
     struct stat st {};
     if (fstatat(toDirFd, toName, &st, AT_SYMLINK_NOFOLLOW) == 0) return EEXIST;
     if (errno != ENOENT) return errno;
-    // The source itself may be what makes the rename invalid (a folder into itself): the plain
-    // rename says so.
-    if (renameat(fromDirFd, fromName, toDirFd, toName) == 0) return 0;
-    return errno == EINVAL ? refused : errno;
+    // Where EINVAL had another cause (a folder moved into itself), the plain rename says so too.
+    return renameat(fromDirFd, fromName, toDirFd, toName) == 0 ? 0 : errno;
 }
 
 int FVConfinedDirectory::removeItem(std::string_view relative) const {
