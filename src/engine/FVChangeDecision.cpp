@@ -1,23 +1,39 @@
 #include "engine/FVChangeDecision.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+
 namespace ferrovane {
 
+FVChangeDecision::Tolerance FVChangeDecision::Tolerance::of(const FVDestinationProfile& profile) {
+    static const bool superuser = geteuid() == 0;
+    return {std::max<int64_t>(profile.timeGranularityNs, 1), profile.keepsModes, profile.keepsOwners && superuser};
+}
+
 FVChangeDecision::Reason FVChangeDecision::decide(const Side& source, const Side& destination,
-                                                  const std::function<bool()>& xattrsIdentical) {
+                                                  const std::function<bool()>& xattrsIdentical,
+                                                  const Tolerance& tolerance) {
     if (destination.type == FVFileType::None) return Reason::DestinationMissing;
-    // An existing link is never replaced; a folder or file where the source now has a link is.
-    if (source.type == FVFileType::SymbolicLink)
-        return destination.type == FVFileType::SymbolicLink ? Reason::Unchanged : Reason::TypeMismatch;
+    if (source.type != destination.type) return Reason::TypeMismatch;
+    const bool ownersDiffer =
+        tolerance.comparesOwners && (source.owner != destination.owner || source.group != destination.group);
+    // An existing link is never replaced; it has no mode of its own, only an owner.
+    if (source.type == FVFileType::SymbolicLink) return ownersDiffer ? Reason::ModeOrOwnerMismatch : Reason::Unchanged;
     if (source.type == FVFileType::Regular && source.size != destination.size) return Reason::SizeMismatch;
-    const int64_t difference = source.modificationDate - destination.modificationDate;
-    if (difference > kDateWindow || difference < -kDateWindow) return Reason::DateMismatch;
+    const int64_t difference = source.modificationTimeNs - destination.modificationTimeNs;
+    if (difference >= tolerance.timeGranularityNs || difference <= -tolerance.timeGranularityNs)
+        return Reason::DateMismatch;
     if (xattrsIdentical && !xattrsIdentical()) return Reason::XattrMismatch;
+    if (ownersDiffer || (tolerance.comparesModes && source.mode != destination.mode)) return Reason::ModeOrOwnerMismatch;
     return Reason::Unchanged;
 }
 
 FVChangeDecision::Side FVChangeDecision::sideOf(FVFileSystemItem& item) {
     if (!item.fileExists()) return {};
-    return {item.fileType(), item.fileSize(), item.fileModificationDate()};
+    const struct stat& st = item.statBuffer();
+    return {item.fileType(), item.fileSize(), item.fileModificationTimeNs(), static_cast<mode_t>(st.st_mode & 07777),
+            st.st_uid, st.st_gid};
 }
 
 }  // namespace ferrovane

@@ -78,6 +78,7 @@ void FVFileCopyWorker::setDelegate(FVFileCopyWorkerDelegate* delegate) { impl_->
 void FVFileCopyWorker::setVerboseLogging(bool verbose) { impl_->verboseLogging = verbose; }
 void FVFileCopyWorker::setDisableACLClone(bool disable) { impl_->disableACLClone = disable; }
 void FVFileCopyWorker::setPreallocate(bool preallocate) { impl_->preallocate = preallocate; }
+void FVFileCopyWorker::setTimeGranularityNs(int64_t nanoseconds) { impl_->timeGranularityNs = nanoseconds; }
 void FVFileCopyWorker::setDestinationRoot(const std::string& root) { impl_->destinationRoot = root; }
 void FVFileCopyWorker::setSourceRoot(const std::string& root) { impl_->sourceRoot = root; }
 
@@ -105,7 +106,8 @@ void FVFileCopyWorker::startCopySession() {
     impl_->delegateSupportsProgressDidChange = delegate && delegate->respondsToProgressDidChange();
 }
 
-void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination) {
+void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
+                                             bool modeAndOwnerOnly) {
     if (!source || !destination) {
         FVSystemLog::error(kClassName, fmt::format("AddCopy encountered NIL objects: {} {}",
                                                    source ? source->description() : "(null)",
@@ -118,7 +120,7 @@ void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileS
             return impl_->filesToCopy.size() < kMaximumPendingPairs || impl_->cancelled || impl_->destroying;
         });
         impl_->requestedFiles.fetch_add(1, std::memory_order_relaxed);
-        impl_->filesToCopy.push({std::move(source), std::move(destination)});
+        impl_->filesToCopy.push({std::move(source), std::move(destination), modeAndOwnerOnly});
         impl_->pairsOrEnd.notify_one();
     }
     impl_->startCopies();
@@ -281,7 +283,10 @@ bool FVFileCopyWorkerImpl::mayOverwrite(FVFileSystemItem& destination) {
 void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
     FVFileSystemItem& source = *pair.source;
     FVFileSystemItem& destination = *pair.destination;
-    if (source.isFile()) {
+    if (source.isFile() && pair.modeAndOwnerOnly) {
+        // Nothing is overwritten: the data stays, so there is no old version to archive.
+        FVItemCloner(*this, state).updateModeAndOwner(source, destination.path());
+    } else if (source.isFile()) {
         if (!mayOverwrite(destination)) return;
         folders.ensureFolder(state, FVText::deletingLastPathComponent(destination.path()));
         FVItemCloner(*this, state).clone(source, destination.path());

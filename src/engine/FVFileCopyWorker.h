@@ -56,6 +56,8 @@ public:
     void setMaxThreads(int64_t n);
     void setDisableACLClone(bool disable);
     void setPreallocate(bool preallocate);
+    // The finest modification time the destination keeps (1 ns when not set).
+    void setTimeGranularityNs(int64_t nanoseconds);
     // Every change below this folder is made relative to descriptors reached from it without
     // following symbolic links; destination paths outside it are refused. "/" when not set.
     // Set before startCopySession, like the other settings.
@@ -68,7 +70,10 @@ public:
     void setChunkHook(std::function<void(const std::string& sourcePath, uint64_t bytesCopied)> hook);
 
     void startCopySession();
-    void addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
+    // modeAndOwnerOnly: the destination item's data is current; only its mode, owner and group
+    // are brought in line with the source, in place (never for a folder, whose pair does that).
+    void addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
+                               bool modeAndOwnerOnly = false);
     void endCopySession();
     void cancel();
     // A read-only or full destination (EROFS, ENOSPC, EDQUOT) stops the session with a single
