@@ -8,7 +8,9 @@ namespace ferrovane {
 
 FVChangeDecision::Tolerance FVChangeDecision::Tolerance::of(const FVDestinationProfile& profile) {
     static const bool superuser = geteuid() == 0;
-    return {std::max<int64_t>(profile.timeGranularityNs, 1), profile.keepsModes, profile.keepsOwners && superuser};
+    const bool owners = profile.keepsOwners && superuser;
+    return {std::max<int64_t>(profile.timeGranularityNs, 1), profile.keepsModes, owners,
+            static_cast<mode_t>(owners ? 07777 : 01777)};
 }
 
 FVChangeDecision::Reason FVChangeDecision::decide(const Side& source, const Side& destination,
@@ -25,7 +27,8 @@ FVChangeDecision::Reason FVChangeDecision::decide(const Side& source, const Side
     if (difference >= tolerance.timeGranularityNs || difference <= -tolerance.timeGranularityNs)
         return Reason::DateMismatch;
     if (xattrsIdentical && !xattrsIdentical()) return Reason::XattrMismatch;
-    if (ownersDiffer || (tolerance.comparesModes && source.mode != destination.mode)) return Reason::ModeOrOwnerMismatch;
+    const bool modesDiffer = tolerance.comparesModes && ((source.mode ^ destination.mode) & tolerance.modeBits) != 0;
+    if (ownersDiffer || modesDiffer) return Reason::ModeOrOwnerMismatch;
     return Reason::Unchanged;
 }
 

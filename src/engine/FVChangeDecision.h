@@ -32,6 +32,9 @@ public:
         int64_t timeGranularityNs = 1;
         bool comparesModes = true;
         bool comparesOwners = true;
+        // The mode bits compared: the set-id bits only where the owners are kept too (the kernel
+        // drops them when another user's item is copied).
+        mode_t modeBits = 07777;
         // What the destination can hold, and the process can set: owners only as the superuser.
         static Tolerance of(const FVDestinationProfile& profile);
     };

@@ -34,7 +34,7 @@ protected:
             makeDirs(folder);
             for (int f = 0; f < 250; ++f) writeFile(folder + "/f" + std::to_string(f), std::string(4096, 'x'));
             // Dated well before the runs, as real folders are: a folder that an interrupted run
-            // made but could not date is then outside the 10-second window and dated next time.
+            // made but could not date then differs from its source and is dated next time.
             setMtime(folder, 1'000'000'000);
         }
     }

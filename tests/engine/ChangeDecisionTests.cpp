@@ -16,7 +16,7 @@ TEST(ChangeDecision, DecidesByExistenceTypeSizeTimeAtTheDestinationsGranularityA
     using Tolerance = FVChangeDecision::Tolerance;
     constexpr int64_t s = 1'000'000'000;
     const Tolerance exact{1, true, true}, fat{2 * s, true, true}, exfat{10'000'000, true, true},
-        noModesOrOwners{1, false, false};
+        noModesOrOwners{1, false, false}, noOwners{1, true, false, 01777};
     struct Row {
         const char* what;
         FVChangeDecision::Side source, destination;
@@ -58,6 +58,8 @@ TEST(ChangeDecision, DecidesByExistenceTypeSizeTimeAtTheDestinationsGranularityA
          R::ModeOrOwnerMismatch, true},
         {"only the group of a folder differs", {T::Directory, 5, 100, 0755, 0, 7}, {T::Directory, 5, 100, 0755, 0, 0},
          exact, std::nullopt, R::ModeOrOwnerMismatch, false},
+        {"set-id bits where no owner is kept", {T::Regular, 5, 100, 02755, 1000, 50},
+         {T::Regular, 5, 100, 0755, 1000, 1000}, noOwners, true, R::Unchanged, true},
         {"mode and owner where the destination keeps neither", {T::Regular, 5, 100, 0600, 1000, 1000},
          {T::Regular, 5, 100, 0777, 0, 0}, noModesOrOwners, true, R::Unchanged, true},
     };
