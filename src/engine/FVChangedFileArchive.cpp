@@ -41,7 +41,8 @@ bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination)
     const char* reason = std::strerror(error);
     status_.log(fmt::format("ERROR: Archiving of {} failed: {} ({})", what, path, reason));
     status_.addError(fmt::format("Archiving {} failed: {} ({})", what, path, reason));
-    FVSystemLog::error("FVSyncingBackup", fmt::format("Archiving {} failed: {} -> {} ({})", what, path, archived, reason));
+    FVSystemLog::error("FVSyncingBackup",
+                       fmt::format("Archiving {} failed: {} -> {} ({})", what, path, archived, reason));
     return false;
 }
 

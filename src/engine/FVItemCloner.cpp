@@ -37,7 +37,8 @@ bool sameState(const struct stat& a, const struct stat& b) {
 // as the source's time however the destination rounds it.
 struct timespec earlierBy(const struct timespec& time, int64_t nanoseconds) {
     constexpr int64_t kSecond = 1'000'000'000;
-    const int64_t total = static_cast<int64_t>(time.tv_sec) * kSecond + time.tv_nsec - std::max<int64_t>(nanoseconds, 1);
+    const int64_t total =
+        static_cast<int64_t>(time.tv_sec) * kSecond + time.tv_nsec - std::max<int64_t>(nanoseconds, 1);
     const int64_t seconds = total >= 0 ? total / kSecond : (total - kSecond + 1) / kSecond;
     return {static_cast<time_t>(seconds), static_cast<long>(total - seconds * kSecond)};
 }
@@ -165,14 +166,18 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
                                         strerror(error)), FVMessageLevel::Error);
     };
     if (dirFd < 0) return failed(state_.lastDirectoryError);
-    FVFd from(worker_.openSource(source.path(), O_PATH | O_NOFOLLOW, &state_));
-    FVFd to(openat(dirFd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat st {}, current {};
+    FVFd from(worker_.openSource(source.path(), O_PATH | O_NOFOLLOW, &state_));
     if (!from.valid() || fstat(from.get(), &st) != 0) {
-        worker_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", source.path()),
-                            FVMessageLevel::Info);
+        if (errno == ENOENT || errno == ENOTDIR)
+            worker_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", source.path()),
+                                FVMessageLevel::Info);
+        else
+            worker_.sendMessage(fmt::format("ERROR: Cannot read file: {} ({})", source.path(), strerror(errno)),
+                                FVMessageLevel::Error);
         return;
     }
+    FVFd to(openat(dirFd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!to.valid() || fstat(to.get(), &current) != 0) return failed(errno);
     // Either side replaced since the analysis: the next run compares them afresh.
     if ((st.st_mode & S_IFMT) != (current.st_mode & S_IFMT)) {

@@ -103,7 +103,8 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
             };
         FVChangeDecision::Reason reason = decide(*root, *target, xattrsIdentical);
         if (reason != FVChangeDecision::Reason::Unchanged) {
-            handOver(root, target, reason == FVChangeDecision::Reason::ModeOrOwnerMismatch ? Work::ModeAndOwner : Work::Copy);
+            const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch;
+            handOver(root, target, inPlace ? Work::ModeAndOwner : Work::Copy);
             ++status_.totalFilesCount;
         }
         return;

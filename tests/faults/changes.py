@@ -8,8 +8,8 @@ import pwd
 import shutil
 import subprocess
 
-from faultkit import (FIXED_MTIME, run_cases, Ferrovane, Hooks, build, content, expect, expect_clean_rerun, expect_kept, log_since,
-                      log_size, mirror_of, tail, versions)
+from faultkit import (FIXED_MTIME, run_cases, Ferrovane, Hooks, build, content, expect, expect_clean_rerun,
+                      expect_kept, log_since, log_size, mirror_of, tail, versions)
 
 NAME = "data"
 SECOND = 1_000_000_000
@@ -35,8 +35,8 @@ class Destination:
     def path(self, rel):
         return os.path.join(self.source, rel)
 
-    def run(self, ferrovane=None):
-        r = (ferrovane or self.ferrovane).run(self.destination)
+    def run(self):
+        r = self.ferrovane.run(self.destination)
         expect(r.returncode == 0, f"the run failed ({r.returncode}): {tail(r)}")
         return r
 
@@ -72,7 +72,8 @@ OFFSETS_NS = (1, 1_000_000, 400_000_000, 999_999_999, SECOND, 2 * SECOND, 3 * SE
 
 
 def same_size_saves(ferrovane, work):
-    """"teh" saved, backed up, then "the" saved sub-second to 9 s later: each is backed up."""
+    """A file saved as "teh" and backed up, then saved as "the" 1 ns to 9 s later: each save is
+    backed up by the next run."""
     tree = {b"f%d" % i: ("file", 4000, i) for i in range(len(OFFSETS_NS))}
     d = Destination(ferrovane, work, tree)
     for i in range(len(OFFSETS_NS)):
