@@ -47,9 +47,13 @@ class Destination:
         expect(diff == "", f"{what}: the mirror differs after one run:\n{diff[:1500]}")
 
     def clean_rerun(self):
+        """A clean run completes the mirror, and the one after it finds nothing left to do."""
         expect_clean_rerun(self.ferrovane, self.destination, [self.source], self.before)
         diff = exact_differences(self.source, self.mirror)
         expect(diff == "", f"after a clean run the mirror still differs:\n{diff[:1500]}")
+        offset = log_size(self.ferrovane)
+        self.run()
+        expect(b"(0 items changed)" in log_since(self.ferrovane, offset), "a run after a clean run changed items again")
 
 
 def exact_differences(source, mirror):
