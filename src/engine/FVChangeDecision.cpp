@@ -20,12 +20,15 @@ FVChangeDecision::Reason FVChangeDecision::decide(const Side& source, const Side
     if (source.type != destination.type) return Reason::TypeMismatch;
     const bool ownersDiffer =
         tolerance.comparesOwners && (source.owner != destination.owner || source.group != destination.group);
-    // An existing link is never replaced; it has no mode of its own, only an owner.
-    if (source.type == FVFileType::SymbolicLink) return ownersDiffer ? Reason::ModeOrOwnerMismatch : Reason::Unchanged;
-    if (source.type == FVFileType::Regular && source.size != destination.size) return Reason::SizeMismatch;
+    // A link's size is the length of its target: a link pointed elsewhere is made anew, with a
+    // new date.
+    const bool link = source.type == FVFileType::SymbolicLink;
+    if ((source.type == FVFileType::Regular || link) && source.size != destination.size) return Reason::SizeMismatch;
     const int64_t difference = source.modificationTimeNs - destination.modificationTimeNs;
     if (difference >= tolerance.timeGranularityNs || difference <= -tolerance.timeGranularityNs)
         return Reason::DateMismatch;
+    // A link has no mode of its own, and no attributes an ordinary user can set.
+    if (link) return ownersDiffer ? Reason::ModeOrOwnerMismatch : Reason::Unchanged;
     if (xattrsIdentical && !xattrsIdentical()) return Reason::XattrMismatch;
     const bool modesDiffer = tolerance.comparesModes && ((source.mode ^ destination.mode) & tolerance.modeBits) != 0;
     if (ownersDiffer || modesDiffer) return Reason::ModeOrOwnerMismatch;

@@ -1,8 +1,8 @@
 #pragma once
 // Whether a source item must be copied over its destination counterpart, decided from what both
-// are (existence, type, size, modification time), from their extended-attribute signatures when
-// all else matches, and last from mode, owner and group, which alone are applied in place. A pure
-// function: the caller reads the items.
+// are (existence, type, size or link target length, modification time), from their
+// extended-attribute signatures when all else matches, and last from mode, owner and group, which
+// alone are applied in place. A pure function: the caller reads the items.
 
 #include "engine/FVFileSystemItem.h"
 #include "fs/FVDestinationProfile.h"

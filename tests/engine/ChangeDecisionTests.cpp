@@ -27,8 +27,11 @@ TEST(ChangeDecision, DecidesByExistenceTypeSizeTimeAtTheDestinationsGranularityA
     };
     const Row rows[] = {
         {"destination missing", {T::Regular, 5, 100}, {}, exact, true, R::DestinationMissing, false},
-        {"a link over a link, whatever else differs", {T::SymbolicLink, 5, 100, 0777}, {T::SymbolicLink, 9, 900, 0755},
-         exact, false, R::Unchanged, false},
+        {"a link over a link of the same target length and date, whatever its mode and attributes",
+         {T::SymbolicLink, 5, 100, 0777}, {T::SymbolicLink, 5, 100, 0755}, exact, false, R::Unchanged, false},
+        {"a link pointed at a longer target", {T::SymbolicLink, 9, 100}, {T::SymbolicLink, 5, 100}, exact, true,
+         R::SizeMismatch, false},
+        {"a link made anew", {T::SymbolicLink, 5, 200}, {T::SymbolicLink, 5, 100}, exact, true, R::DateMismatch, false},
         {"a link's owner", {T::SymbolicLink, 5, 100, 0, 1, 1}, {T::SymbolicLink, 5, 100, 0, 2, 1}, exact, true,
          R::ModeOrOwnerMismatch, false},
         {"a link where a file is", {T::SymbolicLink, 5, 100}, {T::Regular, 5, 100}, exact, true, R::TypeMismatch, false},

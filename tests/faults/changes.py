@@ -196,6 +196,20 @@ def replaced_by_fifos(ferrovane, work):
     expect(r.stdout + r.stderr == b"", f"the mirror differs:\n{(r.stdout + r.stderr)[:1500]}")
 
 
+def links_pointed_elsewhere(ferrovane, work):
+    """Links made anew a moment after the backup, to a target of another length or of the same:
+    the mirror's links follow, and the old ones are archived."""
+    tree = {b"longer": ("link", b"target-a"), b"same-length": ("link", b"target-a")}
+    d = Destination(ferrovane, work, tree)
+    for rel, target in ((b"longer", b"target-abc"), (b"same-length", b"target-b")):
+        os.unlink(d.path(rel))
+        os.symlink(target, d.path(rel))
+        os.utime(d.path(rel), ns=((FIXED_MTIME + 1) * SECOND,) * 2, follow_symlinks=False)
+    d.run()
+    d.expect_equal("links pointed elsewhere")
+    d.clean_rerun()
+
+
 def folder_moved_away_for_a_link(ferrovane, work):
     """With the default options: mv Photos /other; ln -s /other/Photos Photos. The mirrored folder
     goes to __removed, and the link takes its place."""
@@ -279,6 +293,7 @@ def run(ferrovane, work, tier):
              ("mode, owner and group changed alone", lambda w: metadata_only(ferrovane, w)),
              ("folder, file and link each replaced by the others", lambda w: type_changes(ferrovane, w)),
              ("folder, file and link each replaced by a FIFO", lambda w: replaced_by_fifos(ferrovane, w)),
+             ("links pointed elsewhere", lambda w: links_pointed_elsewhere(ferrovane, w)),
              ("a folder moved away and replaced by a link to it", lambda w: folder_moved_away_for_a_link(ferrovane, w))]
     for writer in WRITERS:
         for changes in (1, 3):
