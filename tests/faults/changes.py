@@ -94,20 +94,30 @@ def same_size_saves(ferrovane, work):
 # ---- mode and owner alone
 
 def metadata_only(ferrovane, work):
-    """A chmod of a file and of a folder (and as root a chown, a chgrp and a link's owner) reach
-    the mirror in place: the mirror file is the same file, and nothing is archived."""
+    """A chmod of a file and of a folder (and as root a chown, a chgrp, a link's owner and a chmod
+    of a file whose copy is immutable) reach the mirror in place: the mirror file is the same
+    file, and nothing is archived."""
     tree = {b"private": ("file", 3000, 1), b"folder": ("dir",), b"folder/g": ("file", 100, 2),
-            b"owned": ("file", 50, 3), b"grouped": ("file", 60, 4), b"link": ("link", b"private")}
+            b"owned": ("file", 50, 3), b"grouped": ("file", 60, 4), b"link": ("link", b"private"),
+            b"unlocked": ("file", 70, 5)}
     d = Destination(ferrovane, work, tree)
     inodes = {rel: os.lstat(os.path.join(d.mirror, rel)).st_ino for rel in tree}
     os.chmod(d.path(b"private"), 0o600)
     os.chmod(d.path(b"folder"), 0o700)
+    locked = os.path.join(d.mirror, b"unlocked")
     if os.geteuid() == 0:
         nobody = pwd.getpwnam("nobody")
         os.chown(d.path(b"owned"), nobody.pw_uid, -1)
         os.chown(d.path(b"grouped"), -1, nobody.pw_gid)
         os.lchown(d.path(b"link"), nobody.pw_uid, nobody.pw_gid)
-    d.run()
+        # The copy of a file that was immutable when it was backed up, and is no longer.
+        if subprocess.run(["chattr", "+i", locked], capture_output=True).returncode == 0:
+            os.chmod(d.path(b"unlocked"), 0o640)
+    r = ferrovane.run(d.destination)
+    flags = subprocess.run(["lsattr", "-d", locked], capture_output=True).stdout.split(b" ")[0]
+    subprocess.run(["chattr", "-i", locked], capture_output=True)  # whatever happened, the folder can go
+    expect(r.returncode == 0, f"the run failed ({r.returncode}): {tail(r)}")
+    expect(b"i" not in flags, "the copy is still immutable")
     d.expect_equal("mode and owner")
     for rel, inode in inodes.items():
         expect(os.lstat(os.path.join(d.mirror, rel)).st_ino == inode, f"{rel!r} was copied, not updated in place")
