@@ -136,10 +136,11 @@ void unlockRecursivelyAt(int dirFd, const std::string& name) {
     else FVInodeFlags::clearLocking(fd.get());
 }
 
-FVExistence existenceAtPath(const std::string& path, int* error) {
+FVExistence existenceAtPath(const std::string& path, int* error, mode_t* type) {
     struct stat st {};
     int result = FVLongPath::lstat(path, &st) == 0 ? 0 : errno;
     if (error) *error = result;
+    if (type) *type = st.st_mode & S_IFMT;
     if (result == 0) return FVExistence::Exists;
     return result == ENOENT || result == ENOTDIR ? FVExistence::Missing : FVExistence::Unknown;
 }

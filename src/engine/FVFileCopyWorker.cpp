@@ -108,7 +108,8 @@ void FVFileCopyWorker::startCopySession() {
     impl_->delegateSupportsProgressDidChange = delegate && delegate->respondsToProgressDidChange();
 }
 
-void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination) {
+void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
+                                             bool modeAndOwnerOnly) {
     if (!source || !destination) {
         FVSystemLog::error(kClassName, fmt::format("AddCopy encountered NIL objects: {} {}",
                                                    source ? source->description() : "(null)",
@@ -121,7 +122,7 @@ void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileS
             return impl_->filesToCopy.size() < kMaximumPendingPairs || impl_->cancelled || impl_->destroying;
         });
         impl_->requestedFiles.fetch_add(1, std::memory_order_relaxed);
-        impl_->filesToCopy.push({std::move(source), std::move(destination)});
+        impl_->filesToCopy.push({std::move(source), std::move(destination), modeAndOwnerOnly});
         impl_->pairsOrEnd.notify_one();
     }
     impl_->startCopies();
@@ -284,7 +285,10 @@ bool FVFileCopyWorkerImpl::mayOverwrite(FVFileSystemItem& destination) {
 void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
     FVFileSystemItem& source = *pair.source;
     FVFileSystemItem& destination = *pair.destination;
-    if (source.isFile()) {
+    if (source.isFile() && pair.modeAndOwnerOnly) {
+        // Nothing is overwritten: the data stays, so there is no old version to archive.
+        FVItemCloner(*this, state).updateModeAndOwner(source, destination.path());
+    } else if (source.isFile()) {
         if (!mayOverwrite(destination)) return;
         folders.ensureFolder(state, FVText::deletingLastPathComponent(destination.path()));
         FVItemCloner(*this, state).clone(source, destination.path());

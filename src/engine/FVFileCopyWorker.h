@@ -71,7 +71,10 @@ public:
     void setChunkHook(std::function<void(const std::string& sourcePath, uint64_t bytesCopied)> hook);
 
     void startCopySession();
-    void addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
+    // modeAndOwnerOnly: the destination item's data is current; only its mode, owner and group
+    // are brought in line with the source, in place (never for a folder, whose pair does that).
+    void addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
+                               bool modeAndOwnerOnly = false);
     void endCopySession();
     void cancel();
     // A read-only or full destination (EROFS, ENOSPC, EDQUOT) stops the session with a single

@@ -23,6 +23,7 @@ namespace ferrovane {
 struct CopyPair {
     FVFileSystemItemPtr source;
     FVFileSystemItemPtr destination;
+    bool modeAndOwnerOnly = false;
 };
 
 // First in, first out, in a ring that only grows (by doubling) when the analysis runs ahead of

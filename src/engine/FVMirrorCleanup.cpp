@@ -135,9 +135,12 @@ FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot,
         FVExclusionRules::fileShouldBeExcluded(sourcePath, findings_.excludedFiles, nullptr))
         return Decision::ArchiveOrRemove;
     int error = 0;
-    switch (FVFileManager::existenceAtPath(sourcePath, &error)) {
+    mode_t type = 0;
+    switch (FVFileManager::existenceAtPath(sourcePath, &error, &type)) {
     case FVExistence::Exists:
-        return Decision::Keep;
+        // A source that became a FIFO, socket or device is passed over by the walk: what its
+        // name held before is gone from the source.
+        return S_ISDIR(type) || S_ISREG(type) || S_ISLNK(type) ? Decision::Keep : Decision::ArchiveOrRemove;
     case FVExistence::Missing:
         // Where the destination does not tell cases apart, a source renamed only in case still
         // has this mirror (under its old name).

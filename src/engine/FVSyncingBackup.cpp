@@ -109,9 +109,16 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
     }
     status_.log(fmt::format("Source started analysing: {}", sourcePath));
     FVSourceAnalysis analysis(settings_, findings_, status_,
-                              [this, &worker](FVFileSystemItemPtr source, FVFileSystemItemPtr destination, bool folderDatesOnly) {
-                                  if (worker) worker->addCopyItemFromSource(std::move(source), std::move(destination));
-                                  else if (!folderDatesOnly) reportWouldCopy(*source, *destination);
+                              [this, &worker](FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
+                                              FVSourceAnalysis::Work work) {
+                                  using Work = FVSourceAnalysis::Work;
+                                  if (worker)
+                                      worker->addCopyItemFromSource(std::move(source), std::move(destination),
+                                                                    work == Work::ModeAndOwner);
+                                  else if (work == Work::ModeAndOwner)
+                                      status_.planned("Would update mode and owner: " + destination->path());
+                                  else if (work == Work::Copy)
+                                      reportWouldCopy(*source, *destination);
                               });
     if (worker) worker->startCopySession();
     analysis.analyse(sourcePath, fileCountEstimation && *fileCountEstimation > 0 ? *fileCountEstimation : kUnknownFileCount);
@@ -152,10 +159,14 @@ bool FVSyncingBackup::linkLaterNames(const std::string& sourcePath, const FVHard
 
 void FVSyncingBackup::reportWouldCopy(FVFileSystemItem& source, FVFileSystemItem& destination) {
     status_.planned("Would copy: " + source.path());
-    // The copy archives whatever it replaces, except a folder's metadata applied to a folder.
-    if (settings_.options.moveChangedFiles && destination.fileExists() &&
-        (source.isFile() || destination.fileType() != FVFileType::Directory))
+    // The copy archives whatever it replaces, except a folder's metadata applied to a folder; a
+    // folder replaced by anything else goes the way of a removed folder.
+    if (!destination.fileExists() || (!source.isFile() && destination.fileType() == FVFileType::Directory)) return;
+    const bool replacedFolder = destination.fileType() == FVFileType::Directory;
+    if (replacedFolder ? settings_.options.moveDeletedFiles : settings_.options.moveChangedFiles)
         status_.planned("Would archive: " + destination.path());
+    else if (replacedFolder)
+        status_.planned("Would remove: " + destination.path());
 }
 
 bool FVSyncingBackup::waitForCopies(FVFileCopyWorker& worker) {

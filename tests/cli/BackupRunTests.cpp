@@ -34,7 +34,7 @@ protected:
             makeDirs(folder);
             for (int f = 0; f < 250; ++f) writeFile(folder + "/f" + std::to_string(f), std::string(4096, 'x'));
             // Dated well before the runs, as real folders are: a folder that an interrupted run
-            // made but could not date is then outside the 10-second window and dated next time.
+            // made but could not date then differs from its source and is dated next time.
             setMtime(folder, 1'000'000'000);
         }
     }
@@ -187,20 +187,39 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
     EXPECT_NE(log.find("Archiving deleted items finished: archived 2 items."), std::string::npos);
 }
 
-TEST_F(BackupRun, AFolderReplacedByALinkBecomesALinkAndTheFolderIsArchived) {
-    buildTree(dir.path(), {{"src/Docs/sub/a.txt", "a"}, {"elsewhere/", ""}});
+TEST_F(BackupRun, AFolderReplacedByAnythingElseIsArchivedAsRemovedAndAnItemReplacedByAFolderAsChanged) {
+    buildTree(dir.path(), {{"src/Docs/sub/a.txt", "a"}, {"src/Docs/note", "a note"}, {"elsewhere/", ""}});
+    symlink("note", (source + "/Docs/link").c_str());
     PlistDict options = defaults();
     options.set("moveChangedFiles", int64_t{1});
     configure({{source + "/Docs", FVSourceMode::Backup}}, options);
     ASSERT_EQ(run().exitStatus, 0);
 
+    // The folder moved to another disk and a link left in its place.
     fs::rename(source + "/Docs/sub", dir / "sub.old");
     fs::create_directory_symlink(dir / "elsewhere", source + "/Docs/sub");
+    // While its archive cannot be made, the folder stays and the link waits.
+    writeFile(destination + "/__removed", "in the way");
+    auto blocked = run();
+    EXPECT_EQ(blocked.exitStatus, 255);
+    EXPECT_NE(blocked.err.find("Archiving replaced folder failed: " + destination + "/Docs/sub"), std::string::npos)
+        << blocked.err;
+    EXPECT_EQ(readFile(destination + "/Docs/sub/a.txt"), "a");
+    fs::remove(destination + "/__removed");
+
+    // A file and a link that became folders within seconds: no date tells them apart.
+    for (const char* name : {"note", "link"}) {
+        fs::remove(source + "/Docs/" + name);
+        buildTree(source + "/Docs", {{std::string(name) + "/inner.txt", name}});
+    }
     ASSERT_EQ(run().exitStatus, 0);
     EXPECT_EQ(differences(source + "/Docs/", destination + "/Docs/"), "");
-    auto stamps = listFolder(destination + "/__changed");
-    ASSERT_EQ(stamps.size(), 1u);
-    EXPECT_EQ(readFile(destination + "/__changed/" + stamps[0] + "/Docs/sub/a.txt"), "a");
+    auto removed = listFolder(destination + "/__removed"), changed = listFolder(destination + "/__changed");
+    ASSERT_EQ(removed.size(), 1u);
+    ASSERT_EQ(changed.size(), 1u);
+    EXPECT_EQ(readFile(destination + "/__removed/" + removed[0] + "/Docs/sub/a.txt"), "a");
+    EXPECT_EQ(readFile(destination + "/__changed/" + changed[0] + "/Docs/note"), "a note");
+    EXPECT_EQ(fs::read_symlink(destination + "/__changed/" + changed[0] + "/Docs/link"), "note");
 }
 
 TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButNeverEmptiesAnUnmountedVolume) {

@@ -18,6 +18,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 import access  # noqa: E402
 import archives  # noqa: E402
+import changes  # noqa: E402
 import crash  # noqa: E402
 import durability  # noqa: E402
 import escapes  # noqa: E402
@@ -82,6 +83,7 @@ def main():
             "options": lambda w: options.run(ferrovane, w, args.tier),
             "access": lambda w: access.run(ferrovane, w),
             "filesystems": lambda w: filesystems.run(ferrovane, w),
+            "changes": lambda w: changes.run(ferrovane, w, args.tier),
             "fuzz": lambda w: fuzz(args, w),
         }
         for name, suite in suites.items():
