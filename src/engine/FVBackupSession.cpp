@@ -17,12 +17,12 @@ namespace {
 // The stamp of the run's archive folders: now, or the next second that no earlier run has used.
 // Two runs within one second (a scheduled run right after a manual one) must never share a stamp
 // folder, or the second one's archive moves would meet the first one's versions.
-std::string unusedArchiveStamp(const std::string& destination) {
+std::string unusedArchiveStamp(const FVMirrorLayout& layout) {
     std::time_t at = std::time(nullptr);
     for (int tries = 0; tries < 3600; ++tries, ++at) {
         std::string stamp = FVDate::archiveStamp(at);
-        if (FVFileManager::existenceAtPath(destination + "/__changed/" + stamp) == FVExistence::Missing &&
-            FVFileManager::existenceAtPath(destination + "/__removed/" + stamp) == FVExistence::Missing)
+        if (FVFileManager::existenceAtPath(layout.archiveFolder(FVArchiveKind::Changed, stamp)) == FVExistence::Missing &&
+            FVFileManager::existenceAtPath(layout.archiveFolder(FVArchiveKind::Removed, stamp)) == FVExistence::Missing)
             return stamp;
     }
     return FVDate::archiveStamp(at);
@@ -53,6 +53,14 @@ void FVBackupSession::progressStep() {
 }
 
 void FVBackupSession::start() {
+    FVRunSettings settings;
+    settings.targetPath = destinationPath_;
+    settings.options = backupOptions_;
+    // Sources that would share or overlap a mirror, or land on a name the destination keeps, would
+    // make each run remove the other's files: nothing is touched then.
+    const FVMirrorLayout layout = FVMirrorLayout::fromItems(destinationPath_, settings.syncMode(), backupSet_);
+    if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
+
     if (!sleepInhibitor_.acquire("Ferrovane is syncing files."))
         FVSystemLog::error("FVBackupSession", "Sleep prevention failed...");
     setTaskDescription("");
@@ -62,10 +70,7 @@ void FVBackupSession::start() {
         if (item->mode() == FVSourceMode::Backup) enabledItems_.push_back(item);
     sessionTaskCount_ = enabledItems_.size() + (shouldPerformCleanup_ ? 1 : 0);
 
-    FVRunSettings settings;
-    settings.targetPath = destinationPath_;
-    settings.options = backupOptions_;
-    settings.archiveFolderName = unusedArchiveStamp(destinationPath_);
+    settings.archiveFolderName = unusedArchiveStamp(layout);
     // A clone of "/" (also a disabled one, which may be enabled again) keeps the destination's own files.
     for (const FVSourceItemPtr& item : backupSet_)
         if (item->mode() <= FVSourceMode::Backup && item->sourcePath() == "/")
@@ -140,6 +145,18 @@ void FVBackupSession::finish() {
     if (delegate_) delegate_->backupSessionDidFinish(*this);
 }
 
+void FVBackupSession::refuse(const std::string& problem) {
+    refusal_ = problem;
+    FVLog& log = FVLog::currentLog();
+    log.newLog();
+    log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
+    log.addLogLine("ERROR: " + problem);
+    log.addLogLine("Sync cancelled: nothing was changed.\n");
+    log.closeLog();
+    setTaskDescription("Cancelled.");
+    if (delegate_) delegate_->backupSessionDidCancel(*this);
+}
+
 void FVBackupSession::didCancel() {
     syncingBackup_->flushDestination();
     FVLog::currentLog().addLogLine("Sync cancelled.\n");
@@ -152,6 +169,7 @@ void FVBackupSession::didCancel() {
 
 std::vector<std::string> FVBackupSession::errorMessages() const {
     std::vector<std::string> errors = configurationProblems_;
+    if (!refusal_.empty()) errors.push_back(refusal_);
     if (syncingBackup_) {
         std::vector<std::string> job = syncingBackup_->errorMessages();
         errors.insert(errors.end(), job.begin(), job.end());

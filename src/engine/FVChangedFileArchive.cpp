@@ -10,11 +10,10 @@
 namespace ferrovane {
 
 std::string FVChangedFileArchive::archivePath(const std::string& destinationPath) const {
-    const std::string& target = settings_.targetPath;
-    std::string relative = destinationPath.substr(target.size());
-    std::string path = target + "/__changed/" + settings_.archiveFolderName;
-    if (relative.empty() || relative.front() != '/') path += "/";
-    return path + relative;
+    // The copy writes only inside the mirror, so the path always lies in the destination.
+    const FVMirrorLayout layout = settings_.layout();
+    return layout.archivePath(FVArchiveKind::Changed, settings_.archiveFolderName,
+                              layout.relativePathOfDestinationPath(destinationPath).value_or(""));
 }
 
 bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination) {

@@ -1,5 +1,7 @@
 #include "search/FVSearchResultParser.h"
 
+#include "engine/FVMirrorLayout.h"
+
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -35,7 +37,7 @@ bool removeArchivePart(std::vector<std::string_view>& parts, std::string_view na
 
 std::string FVSearchResultParser::pathWithoutArchivePart(const std::string& hit) {
     auto parts = pathComponents(hit);
-    if (!removeArchivePart(parts, "__removed")) removeArchivePart(parts, "__changed");
+    if (!removeArchivePart(parts, FVMirrorLayout::kRemovedFolder)) removeArchivePart(parts, FVMirrorLayout::kChangedFolder);
     bool absolute = !hit.empty() && hit.front() == '/';
     std::string out = absolute ? "/" : "";
     for (size_t k = 0; k < parts.size(); ++k) {
