@@ -23,6 +23,7 @@ import durability  # noqa: E402
 import escapes  # noqa: E402
 import hostile  # noqa: E402
 import inject  # noqa: E402
+import layout  # noqa: E402
 import options  # noqa: E402
 import storage  # noqa: E402
 from faultkit import Ferrovane, workspace  # noqa: E402
@@ -80,6 +81,7 @@ def main():
             "archives": lambda w: archives.run(ferrovane, w, args.tier),
             "options": lambda w: options.run(ferrovane, w, args.tier),
             "access": lambda w: access.run(ferrovane, w),
+            "layout": lambda w: layout.run(ferrovane, w, args.tier, args.seed),
             "fuzz": lambda w: fuzz(args, w),
         }
         for name, suite in suites.items():
