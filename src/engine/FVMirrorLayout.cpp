@@ -11,7 +11,7 @@ namespace ferrovane {
 namespace {
 
 // ASCII folding: what every case-insensitive destination file system folds at the least.
-std::string folded(std::string_view text) {
+std::string foldedCase(std::string_view text) {
     std::string out(text);
     std::transform(out.begin(), out.end(), out.begin(),
                    [](unsigned char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
@@ -20,10 +20,10 @@ std::string folded(std::string_view text) {
 
 // The reserved name that name stands for on this destination, if any.
 std::optional<std::string> reservedName(const std::string& name, bool caseInsensitive) {
-    const std::string compared = caseInsensitive ? folded(name) : name;
+    const std::string compared = caseInsensitive ? foldedCase(name) : name;
     for (const char* reserved : {FVMirrorLayout::kChangedFolder, FVMirrorLayout::kRemovedFolder,
                                  FVMirrorLayout::kRunsFolder, FVMirrorLayout::kConfigurationName})
-        if (compared == (caseInsensitive ? folded(reserved) : std::string(reserved))) return reserved;
+        if (compared == (caseInsensitive ? foldedCase(reserved) : std::string(reserved))) return reserved;
     if (compared.starts_with(FVMirrorLayout::kTemporaryPrefix)) return FVMirrorLayout::kTemporaryPrefix;
     return std::nullopt;
 }
@@ -36,12 +36,6 @@ std::string firstComponent(std::string_view relative) {
 // Whether relative lies inside (or is) folder; "" is the destination root and holds everything.
 bool holds(std::string_view folder, std::string_view relative) {
     return folder.empty() || FVText::isPathWithin(relative, folder);
-}
-
-std::string placementAdvice(bool folderPerSource) {
-    return folderPerSource ? "Remove or disable one of them, or mirror each source at its full path "
-                             "(option syncMode 0, \"Rebuild source path\")."
-                           : "Remove or disable one of them, or back up only the enclosing folder.";
 }
 
 }  // namespace
@@ -164,49 +158,55 @@ std::optional<std::string> FVMirrorLayout::validate(const FVDestinationProfile& 
             return fmt::format("The exclusion \"{}\" is not a plain absolute path (no \"..\", \".\", doubled or "
                                "trailing slash). Name the item by its plain full path instead.",
                                exclusion);
-    auto key = [&](std::string_view text) { return profile.caseInsensitive ? folded(text) : std::string(text); };
-    for (const std::string& source : sources_) {
-        if (FVText::isPathWithin(source, destination_) && source != "/")
-            return fmt::format("The source {} lies inside the destination {}, where the backup itself is kept. "
-                               "Remove the source, or choose a destination outside it.",
-                               source, destination_);
-        std::string relative = mirrorRelativePath(source);
-        std::optional<std::string> reserved =
-            relative.empty() ? std::nullopt : reservedName(firstComponent(relative), profile.caseInsensitive);
-        if (reserved)
-            return fmt::format("The source {} would be mirrored at {}, but the destination keeps the name \"{}\" "
-                               "for itself. {}",
-                               source, destinationPath(relative), *reserved,
-                               folderPerSource_ ? "Rename the item, or back up its enclosing folder instead."
-                                                : "Back up its enclosing folder instead.");
-    }
-    for (size_t i = 0; i < sources_.size(); ++i) {
-        for (size_t j = 0; j < sources_.size(); ++j) {
-            if (i == j) continue;
-            const std::string& a = sources_[i];
-            const std::string& b = sources_[j];
-            std::string mirrorA = mirrorRelativePath(a), mirrorB = mirrorRelativePath(b);
-            if (j > i && mirrorA == mirrorB)
-                return fmt::format("The sources {} and {} would both be mirrored at {}, and each run would remove "
-                                   "the other's files. {}",
-                                   a, b, destinationPath(mirrorA), placementAdvice(folderPerSource_));
-            if (mirrorA != mirrorB && holds(mirrorA, mirrorB))
-                return fmt::format("The source {} would be mirrored at {}, inside the mirror of the source {} "
-                                   "({}), and each run would remove the other's files. {}",
-                                   b, destinationPath(mirrorB), a, destinationPath(mirrorA),
-                                   placementAdvice(folderPerSource_));
-            if (j > i && profile.caseInsensitive && key(mirrorA) == key(mirrorB))
-                return fmt::format("The sources {} and {} would be mirrored at {} and {}, which this destination "
-                                   "cannot tell apart: it does not distinguish upper and lower case. {}",
-                                   a, b, destinationPath(mirrorA), destinationPath(mirrorB),
-                                   placementAdvice(folderPerSource_));
-            if (profile.caseInsensitive && key(mirrorA) != key(mirrorB) && holds(key(mirrorA), key(mirrorB)))
-                return fmt::format("The source {} would be mirrored at {}, which this destination cannot tell "
-                                   "apart from a place inside the mirror of the source {} ({}): it does not "
-                                   "distinguish upper and lower case. {}",
-                                   b, destinationPath(mirrorB), a, destinationPath(mirrorA),
-                                   placementAdvice(folderPerSource_));
-        }
+    for (const std::string& source : sources_)
+        if (auto problem = placementProblem(source, profile)) return problem;
+    for (size_t i = 0; i < sources_.size(); ++i)
+        for (size_t j = i + 1; j < sources_.size(); ++j)
+            if (auto problem = collision(sources_[i], sources_[j], profile)) return problem;
+    return std::nullopt;
+}
+
+std::optional<std::string> FVMirrorLayout::placementProblem(const std::string& source,
+                                                            const FVDestinationProfile& profile) const {
+    if (source != "/" && FVText::isPathWithin(source, destination_))
+        return fmt::format("The source {} lies inside the destination {}, where the backup itself is kept. "
+                           "Remove the source, or choose a destination outside it.",
+                           source, destination_);
+    const std::string relative = mirrorRelativePath(source);
+    if (relative.empty()) return std::nullopt;
+    std::optional<std::string> reserved = reservedName(firstComponent(relative), profile.caseInsensitive);
+    if (!reserved) return std::nullopt;
+    return fmt::format("The source {} would be mirrored at {}, but the destination keeps the name \"{}\" for "
+                       "itself. {}",
+                       source, destinationPath(relative), *reserved,
+                       folderPerSource_ ? "Rename the item, or back up its enclosing folder instead."
+                                        : "Back up its enclosing folder instead.");
+}
+
+std::optional<std::string> FVMirrorLayout::collision(const std::string& a, const std::string& b,
+                                                     const FVDestinationProfile& profile) const {
+    const bool folded = profile.caseInsensitive;
+    auto key = [folded](const std::string& text) { return folded ? foldedCase(text) : text; };
+    const std::string mirrorA = mirrorRelativePath(a), mirrorB = mirrorRelativePath(b);
+    const std::string advice =
+        a == "/" || b == "/" ? "A backup of / holds every other source already: remove or disable the other one."
+        : folderPerSource_   ? "Remove or disable one of them, or mirror each source at its full path (option "
+                               "syncMode 0, \"Rebuild source path\")."
+                             : "Remove or disable one of them, or back up only the enclosing folder.";
+    const char* caseNote = mirrorA == mirrorB || holds(mirrorA, mirrorB) || holds(mirrorB, mirrorA)
+                               ? ""
+                               : " (this destination does not tell upper and lower case apart)";
+    if (key(mirrorA) == key(mirrorB))
+        return fmt::format("The sources {} and {} would both be mirrored at {}{}, and each run would remove the "
+                           "other's files. {}",
+                           a, b, destinationPath(mirrorB), caseNote, advice);
+    for (const auto& [outer, inner] : {std::pair{&a, &b}, std::pair{&b, &a}}) {
+        const std::string outerMirror = mirrorRelativePath(*outer), innerMirror = mirrorRelativePath(*inner);
+        if (holds(key(outerMirror), key(innerMirror)))
+            return fmt::format("The source {} would be mirrored at {}, inside the mirror of the source {} ({}){}, "
+                               "and each run would remove the other's files. {}",
+                               *inner, destinationPath(innerMirror), *outer, destinationPath(outerMirror), caseNote,
+                               advice);
     }
     return std::nullopt;
 }

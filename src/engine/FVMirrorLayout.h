@@ -73,6 +73,12 @@ public:
     static bool isNormalizedAbsolutePath(std::string_view path);
 
 private:
+    // A source inside the destination, or one whose mirror begins with a reserved name.
+    std::optional<std::string> placementProblem(const std::string& source, const FVDestinationProfile& profile) const;
+    // Two sources with one mirror, or one inside the other's.
+    std::optional<std::string> collision(const std::string& a, const std::string& b,
+                                         const FVDestinationProfile& profile) const;
+
     std::string destination_;
     bool folderPerSource_;
     std::vector<std::string> sources_;
