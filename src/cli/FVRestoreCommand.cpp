@@ -103,6 +103,9 @@ std::optional<std::string> mirrorPathOrComplain(const char* command, const FVVer
 int versionsMain(const std::string& destination, const std::string& path, bool json) {
     auto catalog = openCatalog("versions", destination);
     if (!catalog) return kExitUsage;
+    // Listing changes nothing, so it goes on; but which source a mirror path belongs to is a guess.
+    if (std::optional<std::string> problem = catalog->layout().validate(FVDestinationProfile{}))
+        fmt::print(stderr, "ferrovane versions: warning: {}\n", shown(*problem));
     auto mirror = mirrorPathOrComplain("versions", *catalog, path);
     if (!mirror) return kExitUsage;
     std::vector<FVItemVersion> versions = catalog->versions(*mirror);
