@@ -127,7 +127,7 @@ bool AppController::passesStartChecks() {
 bool AppController::acceptsLayout(const std::vector<FVSourceItemPtr>& items) {
     const FVMirrorLayout layout = FVMirrorLayout::fromItems(
         currentTargetPath_, FVOptionTable::read(*optionsPanelController_.allOptions()).options.syncMode != 0, items);
-    std::optional<std::string> problem = layout.validate(FVDestinationProfile{});
+    std::optional<std::string> problem = layout.validateAsSeen();
     if (!problem) return true;
     QMessageBox* box = FVAlert::show(window_.get(), "layoutinvalid", "layoutinvalid");
     box->setInformativeText(qPath(*problem));

@@ -39,7 +39,7 @@ QString plural(const char* key, long long count, Args&&... args) {
 std::optional<FVVersionCatalog> openValidCatalog(const std::string& destination, std::string* problem) {
     auto catalog = FVVersionCatalog::open(destination, problem);
     if (!catalog) return std::nullopt;
-    if (auto invalid = catalog->layout().validate(FVDestinationProfile{})) {
+    if (auto invalid = catalog->layout().validateAsSeen()) {
         *problem = *invalid;
         return std::nullopt;
     }

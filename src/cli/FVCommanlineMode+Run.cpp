@@ -73,6 +73,7 @@ void FVCommanlineMode::finishOnMainThread() {
 
     FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(destinationPath_),
                                     backupSession_->finishedSummary(), ""};
+    printNotes();
     std::vector<std::string> errors = backupSession_->errorMessages();
     notification.replacesPrevious = true;
     notification.critical = !errors.empty();
@@ -100,7 +101,17 @@ void FVCommanlineMode::printErrors(const std::vector<std::string>& errors) {
     std::fflush(stderr);
 }
 
+// Once per run, on standard error beside the errors.
+void FVCommanlineMode::printNotes() {
+    progress_.finish();
+    std::fflush(stdout);
+    for (const std::string& note : backupSession_->notes())
+        std::fprintf(stderr, "Note: %s\n", FVSearchText::printable(note).c_str());
+    std::fflush(stderr);
+}
+
 void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
+    printNotes();
     // A run that a full or read-only destination stopped says why.
     std::vector<std::string> errors = session.errorMessages();
     if (!errors.empty()) printErrors(errors);

@@ -45,6 +45,7 @@ public:
 private:
     void finishOnMainThread();
     void printErrors(const std::vector<std::string>& errors);
+    void printNotes();
     void notify(const FVUserNotification& notification, bool wait);
     // Runs the loaded configuration; returns the exit status.
     int runBackup();

@@ -469,7 +469,7 @@ int main(const Arguments& a) {
     if (command == "add" || (command == "set" && a.option == FVOptionKey::syncMode)) {
         const FVMirrorLayout layout = FVMirrorLayout::fromItems(
             config.destination, FVOptionTable::read(*options.allOptions()).options.syncMode != 0, list.arrangedObjects());
-        if (std::optional<std::string> problem = layout.validate(FVDestinationProfile{}))
+        if (std::optional<std::string> problem = layout.validateAsSeen())
             return refuse(printable(*problem) + " Nothing was changed.");
     }
     // The identity names the job, so it is saved before the job is written.

@@ -104,7 +104,7 @@ int versionsMain(const std::string& destination, const std::string& path, bool j
     auto catalog = openCatalog("versions", destination);
     if (!catalog) return kExitUsage;
     // Listing changes nothing, so it goes on; but which source a mirror path belongs to is a guess.
-    if (std::optional<std::string> problem = catalog->layout().validate(FVDestinationProfile{}))
+    if (std::optional<std::string> problem = catalog->layout().validateAsSeen())
         fmt::print(stderr, "ferrovane versions: warning: {}\n", shown(*problem));
     auto mirror = mirrorPathOrComplain("versions", *catalog, path);
     if (!mirror) return kExitUsage;
@@ -243,7 +243,7 @@ int restoreMain(const RestoreArguments& arguments) {
     auto catalog = openCatalog("restore", arguments.destination);
     if (!catalog) return kExitUsage;
     // Colliding mirrors hold one source's files under another's name: nothing is restored then.
-    if (std::optional<std::string> problem = catalog->layout().validate(FVDestinationProfile{})) {
+    if (std::optional<std::string> problem = catalog->layout().validateAsSeen()) {
         fmt::print(stderr, "ferrovane restore: cannot use the destination {}: {}\n", shown(arguments.destination),
                    shown(*problem));
         return kExitUsage;

@@ -5,6 +5,7 @@
 #include "engine/FVExclusionRules.h"
 #include "engine/FVLog.h"
 #include "engine/FVStrings.h"
+#include "fs/FVDestinationProbe.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
@@ -57,8 +58,14 @@ void FVBackupSession::start() {
     settings.targetPath = destinationPath_;
     settings.options = backupOptions_;
     // Sources that would share or overlap a mirror, or land on a name the destination keeps, would
-    // make each run remove the other's files: nothing is touched then.
+    // make each run remove the other's files: nothing is touched then. What the destination shows
+    // without a write decides first; the trials below can only add that it ignores case.
     const FVMirrorLayout layout = FVMirrorLayout::fromItems(destinationPath_, settings.syncMode(), backupSet_);
+    FVDestinationProbe probe(destinationPath_, std::string(kTemporaryFilePrefix) + "probe");
+    settings.destinationProfile = probe.probeWithoutWriting(FVConfigurationFile::fileName);
+    if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
+    // Before anything is written. A dry run writes nothing, so it only looks.
+    if (!dryRun_) settings.destinationProfile = probe.probe();
     if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
 
     if (!sleepInhibitor_.acquire("Ferrovane is syncing files."))
@@ -82,6 +89,9 @@ void FVBackupSession::start() {
             if (delegate_) delegate_->backupSessionWouldChange(*this, line);
         };
     syncingBackup_ = std::make_unique<FVSyncingBackup>(std::move(settings), excludePaths_, [this] { progressStep(); });
+    if (!probe.problem().empty())
+        FVLog::currentLog().addLogLine(fmt::format(
+            "NOTE: The destination could not be probed ({}); assuming what its type can hold.", probe.problem()));
     currentItemIndex_ = 0;
     driver_ = std::thread([this] { run(); });
 }
@@ -175,6 +185,10 @@ std::vector<std::string> FVBackupSession::errorMessages() const {
         errors.insert(errors.end(), job.begin(), job.end());
     }
     return errors;
+}
+
+std::vector<std::string> FVBackupSession::notes() const {
+    return syncingBackup_ ? syncingBackup_->notes() : std::vector<std::string>();
 }
 
 uint64_t FVBackupSession::sessionTotalBytesCopied() const {

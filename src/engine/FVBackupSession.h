@@ -56,6 +56,8 @@ public:
 
     float progressPercent() const;
     std::vector<std::string> errorMessages() const;
+    // What the run says once that is no error (see FVSyncingBackup::notes).
+    std::vector<std::string> notes() const;
     uint64_t sessionTotalBytesCopied() const;
     std::string currentTaskDescription() const;
     bool shouldPerformCleanup() const { return shouldPerformCleanup_; }

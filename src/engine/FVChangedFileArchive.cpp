@@ -20,7 +20,8 @@ bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination)
     if (!settings_.options.moveChangedFiles || !destination.fileExists()) return true;
     const std::string& path = destination.path();
     const std::string archived = archivePath(path);
-    const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone);
+    const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone,
+                                settings_.destinationProfile);
     destination_.unlock(path);
     if (archive.move(path, archived, &destination.statBuffer()) == 0) return true;
     destination_.unlock(FVText::deletingLastPathComponent(path));

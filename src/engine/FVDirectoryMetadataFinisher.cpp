@@ -38,7 +38,8 @@ void FVDirectoryMetadataFinisher::finish() {
         FVFd target = relative ? worker_.destination->openFolder(*relative, false, &error) : FVFd();
         bool ok = source.valid() && fstat(source.get(), &st) == 0 && target.valid() &&
                   FVItemMetadata::cloneStatusAndAttributes({source.get(), false}, st, {target.get(), false},
-                                                           !worker_.disableACLClone, &error) &&
+                                                           !worker_.disableACLClone, &error, nullptr,
+                                                           &worker_.destinationProfile) &&
                   FVItemMetadata::cloneTimes(st, {target.get(), false}, &error);
         if (!ok) {
             send(fmt::format("WARNING: Directory metadata could not be preserved: {}", sourcePath), FVMessageLevel::Warning);

@@ -77,6 +77,9 @@ FVFileCopyWorker::~FVFileCopyWorker() {
 void FVFileCopyWorker::setDelegate(FVFileCopyWorkerDelegate* delegate) { impl_->delegate = delegate; }
 void FVFileCopyWorker::setVerboseLogging(bool verbose) { impl_->verboseLogging = verbose; }
 void FVFileCopyWorker::setDisableACLClone(bool disable) { impl_->disableACLClone = disable; }
+void FVFileCopyWorker::setDestinationProfile(const FVDestinationProfile& profile) {
+    impl_->destinationProfile = profile;
+}
 void FVFileCopyWorker::setPreallocate(bool preallocate) { impl_->preallocate = preallocate; }
 void FVFileCopyWorker::setDestinationRoot(const std::string& root) { impl_->destinationRoot = root; }
 void FVFileCopyWorker::setSourceRoot(const std::string& root) { impl_->sourceRoot = root; }

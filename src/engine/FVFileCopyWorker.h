@@ -5,6 +5,7 @@
 
 #include "engine/FVFileSystemItem.h"
 #include "engine/FVMirrorLayout.h"
+#include "fs/FVDestinationProfile.h"
 
 #include <cstdint>
 #include <functional>
@@ -57,6 +58,8 @@ public:
     void setMaxThreads(int64_t n);
     void setDisableACLClone(bool disable);
     void setPreallocate(bool preallocate);
+    // What the destination can hold: what it cannot is not tried per item.
+    void setDestinationProfile(const FVDestinationProfile& profile);
     // Every change below this folder is made relative to descriptors reached from it without
     // following symbolic links; destination paths outside it are refused. "/" when not set.
     // Set before startCopySession, like the other settings.

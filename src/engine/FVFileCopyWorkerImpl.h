@@ -59,6 +59,7 @@ struct FVFileCopyWorkerImpl {
     bool verboseLogging = false;
     bool disableACLClone = false;
     bool preallocate = false;
+    FVDestinationProfile destinationProfile;
     std::string destinationRoot = "/";
     std::unique_ptr<FVConfinedDirectory> destination;
     std::string sourceRoot;

@@ -92,7 +92,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
                          item.destinationPath, item.typeName), FVMessageLevel::Info);
     }
     if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !worker_.disableACLClone,
-                                                  &error, start)) {
+                                                  &error, start, &worker_.destinationProfile)) {
         send(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}.", item.destinationPath,
                          item.typeName), FVMessageLevel::Warning);
     } else if (verbose) {
@@ -101,6 +101,13 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     }
     Result published = publish(entry, item, out.get(), st.st_size);
     if (published.kind != Result::Kind::Done) return published;
+    // Where a rename stamps the file with the time of the rename (fusefat), its times go on again.
+    if (!worker_.destinationProfile.renameKeepsTimes) {
+        const timespec times[2] = {st.st_atim, st.st_mtim};
+        if (utimensat(item.dirFd, item.name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
+            send(fmt::format("WARNING: Could not preserve the modification date of {} ({})", item.destinationPath,
+                             strerror(errno)), FVMessageLevel::Warning);
+    }
     // Flags last: an immutable or append-only file refuses every other change.
     FVInodeFlags::CloneResult flags = FVInodeFlags::clone(in.get(), out.get(), state_.newFiles.mayHaveCopiedFlags());
     if (!flags.readOK && verbose)
@@ -166,7 +173,8 @@ bool FVItemCloner::clonePathOnlyMetadata(int sourceFd, const struct stat& st, co
     FVFd created(openat(dirFd, entry.name().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     int error = 0;
     return created.valid() &&
-           FVItemMetadata::cloneStatusAndAttributes({sourceFd, true}, st, {created.get(), true}, cloneACL, &error) &&
+           FVItemMetadata::cloneStatusAndAttributes({sourceFd, true}, st, {created.get(), true}, cloneACL, &error,
+                                                    nullptr, &worker_.destinationProfile) &&
            FVItemMetadata::cloneTimes(st, {created.get(), true}, &error);
 }
 

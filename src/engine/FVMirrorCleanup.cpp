@@ -2,6 +2,7 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVArchiveMove.h"
+#include "engine/FVDestinationNames.h"
 #include "engine/FVExclusionRules.h"
 #include "engine/FVFileCopyWorker.h"
 #include "fs/FVText.h"
@@ -138,6 +139,10 @@ FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot,
     case FVExistence::Exists:
         return Decision::Keep;
     case FVExistence::Missing:
+        // Where the destination does not tell cases apart, a source renamed only in case still
+        // has this mirror (under its old name).
+        if (settings_.destinationProfile.caseInsensitive && FVDestinationNames::folderHoldsOtherCase(sourcePath))
+            return Decision::Keep;
         return Decision::ArchiveOrRemove;
     case FVExistence::Unknown:
         break;
@@ -159,7 +164,8 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
         const std::string archivePath = layout.archivePath(
             FVArchiveKind::Removed, settings_.archiveFolderName,
             layout.mirrorRelativePath(sourceRoot) + (relative.empty() || relative.front() == '/' ? "" : "/") + relative);
-        const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone);
+        const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone,
+                                    settings_.destinationProfile);
         if (archive.move(itemPath, archivePath) == 0) return;
         destination_.unlock(FVText::deletingLastPathComponent(itemPath));
         int error = archive.move(itemPath, archivePath);

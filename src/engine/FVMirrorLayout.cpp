@@ -1,5 +1,6 @@
 #include "engine/FVMirrorLayout.h"
 
+#include "fs/FVDestinationProbe.h"
 #include "fs/FVText.h"
 
 #include <fmt/format.h>
@@ -164,6 +165,11 @@ std::optional<std::string> FVMirrorLayout::validate(const FVDestinationProfile& 
         for (size_t j = i + 1; j < sources_.size(); ++j)
             if (auto problem = collision(sources_[i], sources_[j], profile)) return problem;
     return std::nullopt;
+}
+
+std::optional<std::string> FVMirrorLayout::validateAsSeen() const {
+    FVDestinationProbe probe(destination_, std::string(kTemporaryPrefix) + "probe");
+    return validate(probe.probeWithoutWriting(kConfigurationName));
 }
 
 std::optional<std::string> FVMirrorLayout::placementProblem(const std::string& source,

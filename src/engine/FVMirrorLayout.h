@@ -47,6 +47,10 @@ public:
 
     // Nothing when the layout holds; else one message naming the items and what to do.
     std::optional<std::string> validate(const FVDestinationProfile& profile) const;
+    // The same against what the destination shows without a write into it (its type in the mount
+    // table, its configuration's name looked up in another case), for the checks that precede
+    // a change of the source list or a restore.
+    std::optional<std::string> validateAsSeen() const;
 
     // Source item to destination.
     std::string mirrorRelativePath(const std::string& source) const;

@@ -4,6 +4,8 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVLog.h"
 #include "engine/FVTrash.h"
+#include "fs/FVDestinationProbe.h"
+#include "fs/FVMountTable.h"
 
 #include <sys/stat.h>
 
@@ -85,6 +87,10 @@ bool FVRestoreRun::runPlan(const FVRestorePlan& plan, uint64_t doneBefore, uint6
     worker.setDelegate(this);
     worker.setDestinationRoot(plan.confinementRoot());
     worker.setSourceRoot(plan.from());
+    // Only the mount table's word: a restore writes nothing but what it restores. What the file
+    // system there cannot hold (owners and modes on exFAT) is then not tried per item.
+    worker.setDestinationProfile(
+        FVDestinationProbe::defaultsForType(FVMountTable::fileSystemTypeAtPath(plan.confinementRoot())));
     if (workerSetup_) workerSetup_(worker);
     worker.startCopySession();
     for (const auto& [from, to] : plan.pairs()) {

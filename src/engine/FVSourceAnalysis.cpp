@@ -2,6 +2,7 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVChangeDecision.h"
+#include "engine/FVDestinationNames.h"
 #include "engine/FVMirrorFolders.h"
 #include "engine/FVSourceListing.h"
 #include "engine/FVExclusionRules.h"
@@ -120,6 +121,8 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
     rules.isExcluded = [this, &sourceRoot](const std::string& path) { return isExcluded(path, sourceRoot); };
     rules.destinationDevice = settings_.destinationDevice;
     rules.destinationInode = settings_.destinationInode;
+    FVDestinationNames names(settings_.destinationProfile);
+    rules.refusedName = [&names](uint32_t level, std::string_view name) { return names.refusal(level, name); };
     const bool includeACL = !settings_.options.disableACLClone;
     const bool compareAttributes = !settings_.options.ignoreFileFlagChanges;
     if (compareAttributes)
@@ -160,6 +163,14 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 ++status_.totalFilesCount;
                 reportUnreadableSource(path, entry.error);
                 continue;
+            case Kind::Unmirrorable: {
+                // Not copied, and no match of its folder's mirror names: whatever the mirror holds
+                // under a name like it belongs to the entry that is backed up.
+                std::string message = fmt::format("Cannot back up {}: {}.", path, entry.reason);
+                status_.log("ERROR: " + message);
+                status_.addError(std::move(message));
+                continue;
+            }
             case Kind::Item: break;
             }
             const mode_t type = entry.st.st_mode & S_IFMT;
@@ -171,6 +182,13 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
             if (excludeSymlinks && type == S_IFLNK) {
                 status_.verboseLog("Skipping symbolic link:" + path);
                 --status_.totalFilesCount;
+                continue;
+            }
+            if (type == S_IFLNK && !settings_.destinationProfile.symbolicLinks) {
+                std::string message = fmt::format("Cannot back up {}: the destination ({}) cannot hold symbolic links.",
+                                                  path, settings_.destinationProfile.fileSystemType);
+                status_.log("ERROR: " + message);
+                status_.addError(std::move(message));
                 continue;
             }
             std::string destinationPath = targetRoot + std::string(entry.relativePath());

@@ -8,6 +8,7 @@
 #include "engine/FVMirrorCleanup.h"
 #include "engine/FVSourceAnalysis.h"
 #include "engine/FVStrings.h"
+#include "fs/FVDestinationProbe.h"
 #include "fs/FVText.h"
 #include "platform/FVMountWatcher.h"
 
@@ -54,6 +55,18 @@ FVSyncingBackup::FVSyncingBackup(FVRunSettings settings, std::vector<std::string
     findings_.excludedFiles.insert(findings_.excludedFiles.end(), excludedFiles.begin(), excludedFiles.end());
     status_.log(fmt::format("Ferrovane {}({}) starting sync to: {} ({})", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER,
                             settings_.targetPath, fstype));
+    const FVDestinationProfile& profile = settings_.destinationProfile;
+    status_.log("Destination file system: " + FVDestinationProbe::describe(profile));
+    // Said once here rather than as a warning on every file it applies to.
+    if (!profile.keepsOwners || !profile.keepsModes) {
+        notes_.push_back(fmt::format(
+            "The destination ({}) cannot keep {}: its copies have the file system's own, and a restore from it "
+            "gives the restoring user's.",
+            profile.fileSystemType, !profile.keepsOwners && !profile.keepsModes ? "owners and modes"
+                                    : !profile.keepsOwners                       ? "owners"
+                                                                                 : "modes"));
+        status_.log("NOTE: " + notes_.back());
+    }
     initTimeStamp_ = FVDate::now();
 
     const FVOptions& options = settings_.options;
@@ -79,6 +92,7 @@ std::shared_ptr<FVFileCopyWorker> FVSyncingBackup::makeWorker(const std::string&
     worker->setMaxThreads(settings_.options.maxThreads);
     worker->setDisableACLClone(settings_.options.disableACLClone);
     worker->setPreallocate(settings_.options.preallocate);
+    worker->setDestinationProfile(settings_.destinationProfile);
     worker->setDestinationRoot(settings_.targetPath);
     worker->setSourceRoot(sourcePath);
     return worker;

@@ -21,6 +21,7 @@ import archives  # noqa: E402
 import crash  # noqa: E402
 import durability  # noqa: E402
 import escapes  # noqa: E402
+import filesystems  # noqa: E402
 import hostile  # noqa: E402
 import inject  # noqa: E402
 import layout  # noqa: E402
@@ -81,6 +82,7 @@ def main():
             "archives": lambda w: archives.run(ferrovane, w, args.tier),
             "options": lambda w: options.run(ferrovane, w, args.tier),
             "access": lambda w: access.run(ferrovane, w),
+            "filesystems": lambda w: filesystems.run(ferrovane, w),
             "layout": lambda w: layout.run(ferrovane, w, args.tier, args.seed),
             "fuzz": lambda w: fuzz(args, w),
         }

@@ -12,10 +12,11 @@ import plistlib
 import random
 import shutil
 import subprocess
-from contextlib import nullcontext
+from contextlib import contextmanager, nullcontext
 
-from faultkit import (run_cases, CONF, Failure, build, content, expect, expect_kept, expect_mirror, log_since, log_size, tail,
-                      tmpfs, versions)
+from faultkit import (run_cases, CONF, Failure, build, content, digest, expect, expect_kept, expect_mirror, is_root,
+                      log_since, log_size, tail, tmpfs, unmount, versions)
+from filesystems import FILESYSTEMS
 from options import tree_state
 
 RESERVED = ("__changed", "__removed", "__runs", ".ferrovane.conf")
@@ -27,7 +28,7 @@ PLACEMENTS = {1: "a folder per source", 0: "full source paths"}
 # as written, not below the source folder). Folders unless named in FILES.
 POOL = ["a/Docs", "b/Docs", "c/docs", "x/Photos", "y/photos", "n", "n/inner", "p/__changed", "p/__removed",
         "p/__runs", "q/.ferrovane.conf", "p/.ferrovane-tmp-7", "u/Music", "v/Notes", "a/../b/Docs", "a//Docs",
-        "a/Docs/", "!relative/Docs", "/", "/__removed/elsewhere", "@inner"]
+        "a/Docs/", "!relative/Docs", "/", "/__removed/elsewhere", "@inner", "A/Docs", "p/__CHANGED"]
 FILES = {"q/.ferrovane.conf"}
 KEEPS = {placement: f"base{placement}/Keep" for placement in PLACEMENTS}  # backed up before every case
 
@@ -38,6 +39,10 @@ def normalized(path):
     if not path.startswith("/") or path.endswith("/"):
         return False
     return all(part not in ("", ".", "..") for part in path[1:].split("/"))
+
+
+def fold(text):
+    return "".join(c.lower() if "A" <= c <= "Z" else c for c in text)
 
 
 def mirror(placement, path):
@@ -51,8 +56,9 @@ def within(path, folder):
     return folder == "" or path == folder or path.startswith(folder + "/")
 
 
-def collision(placement, destination, items):
+def collision(placement, destination, items, case_insensitive=False):
     """The items a refusal must name, or None for a list that is fine."""
+    key = fold if case_insensitive else (lambda text: text)
     sources = [path for path, mode in items if mode == BACKUP]
     for path, mode in items:
         if mode in (BACKUP, EXCLUDE) and not normalized(path):
@@ -60,12 +66,13 @@ def collision(placement, destination, items):
     for path in sources:
         if path != "/" and within(path, destination):
             return [path]
-        first = mirror(placement, path)[1:].split("/", 1)[0]
+        first = key(mirror(placement, path)[1:].split("/", 1)[0])
         if mirror(placement, path) and (first in RESERVED or first.startswith(TEMPORARY_PREFIX)):
             return [path]
     for i, a in enumerate(sources):
         for b in sources[i + 1:]:
-            if within(mirror(placement, a), mirror(placement, b)) or within(mirror(placement, b), mirror(placement, a)):
+            ma, mb = key(mirror(placement, a)), key(mirror(placement, b))
+            if within(ma, mb) or within(mb, ma):
                 return [a, b]
     return None
 
@@ -96,17 +103,17 @@ class Sources:
         return candidate if candidate.startswith("/") else self.root + "/" + candidate
 
 
-def prepared(ferrovane, sources, placement, template):
-    """A destination of the source KEEP alone, with a changed and a removed version archived."""
-    destination = os.path.join(template, "dest")
+def prepared(ferrovane, sources, placement, destination):
+    """A destination of the source KEEPS alone, with a changed and a removed version archived."""
     os.makedirs(destination)
     keep = sources.path(KEEPS[placement])
+    shutil.rmtree(keep)
+    build(os.fsencode(keep), {b"f": ("file", 300, 1), b"sub": ("dir",), b"sub/g": ("file", 60, 2)})
     ferrovane.configure(destination, [keep], (("syncMode", placement), ("moveChangedFiles", "yes")))
     ferrovane.complete(destination)
-    name = [n for n in os.listdir(keep) if n.startswith("f")][0]
-    with open(os.path.join(keep, name), "wb") as f:
+    with open(os.path.join(keep, "f"), "wb") as f:
         f.write(content(999, placement + 7))
-    os.utime(os.path.join(keep, name), (2_000_000_000 + placement, 2_000_000_000 + placement))
+    os.utime(os.path.join(keep, "f"), (2_000_000_000 + placement, 2_000_000_000 + placement))
     os.unlink(os.path.join(keep, "sub", "g"))
     ferrovane.complete(destination)
     for archive in ("__changed", "__removed"):
@@ -134,12 +141,12 @@ def check(ferrovane, sources, placement, template, items, folder):
     # Should the refusal ever fail, a backup of the whole system fills a small tmpfs, not the disk.
     with tmpfs(destination, "size=64m") if whole_system(items) else nullcontext():
         shutil.copytree(template, destination, symlinks=True, dirs_exist_ok=True)
-        checked(ferrovane, sources, placement, items, destination)
+        checked(ferrovane, placement, items, destination)
 
 
-def checked(ferrovane, sources, placement, items, destination):
+def checked(ferrovane, placement, items, destination, case_insensitive=False):
     write_items(destination, placement, items)
-    named = collision(placement, destination, items)
+    named = collision(placement, destination, items, case_insensitive)
     before_tree, before = tree_state(destination), versions(destination)
     offset = log_size(ferrovane)
     try:
@@ -164,12 +171,20 @@ def checked(ferrovane, sources, placement, items, destination):
         if mode != BACKUP or not os.path.lexists(path):
             continue
         target = destination + mirror(placement, path)
-        if os.path.isdir(path):
+        if os.path.isdir(path) and not case_insensitive:
             excluded = [e[len(path) + 1:].encode() for e, m in items if m == EXCLUDE and e.startswith(path + "/")]
             expect_mirror(path, target, excluded)
         else:
-            with open(path, "rb") as a, open(target, "rb") as b:
-                expect(a.read() == b.read(), f"the mirror of {path} differs")
+            expect(same_files(path) == same_files(target), f"the mirror of {path} differs")
+
+
+def same_files(root):
+    """Names and contents below root (or of root, a file): what a destination without owners,
+    modes or links must still hold."""
+    if not os.path.isdir(root):
+        return {"": digest(root)}
+    return {os.path.relpath(os.path.join(folder, name), root): digest(os.path.join(folder, name))
+            for folder, _, names in os.walk(root) for name in names}
 
 
 def generated(rng, sources, placement, count):
@@ -213,12 +228,54 @@ def handpicked(sources, placement):
     ]
 
 
+@contextmanager
+def exfat(work):
+    """An exFAT image mounted through its FUSE driver; None when the tools are missing."""
+    fs = next(f for f in FILESYSTEMS if f.name == "exfat")
+    if any(shutil.which(tool) is None for tool in fs.tools):
+        yield None
+        return
+    image, mnt = os.path.join(work, "exfat.img"), os.path.join(work, "exfat")
+    os.makedirs(mnt)
+    with open(image, "wb") as f:
+        f.truncate(fs.size_mb << 20)
+    made = subprocess.run([*fs.mkfs, image], capture_output=True)
+    mounted, device = fs.mount(image, mnt) if made.returncode == 0 else (made, None)
+    try:
+        yield mnt if mounted.returncode == 0 else None
+    finally:
+        if mounted.returncode == 0:
+            unmount(mnt)
+        if device:
+            subprocess.run(["losetup", "-d", device], capture_output=True)
+
+
+class Skipped(Exception):
+    pass
+
+
+def case_insensitive(ferrovane, sources, work):
+    """On exFAT, names that differ only in case are one name: such sources are refused too."""
+    p = sources.path
+    with exfat(work) as mnt:
+        if mnt is None:
+            raise Skipped("no exFAT driver or tools")
+        for placement in PLACEMENTS:
+            keep = (p(KEEPS[placement]), BACKUP)
+            for i, items in enumerate([[keep, (p("x/Photos"), BACKUP), (p("y/photos"), BACKUP)],
+                                       [keep, (p("a/Docs"), BACKUP), (p("A/Docs"), BACKUP)],
+                                       [keep, (p("p/__CHANGED"), BACKUP)],
+                                       [keep, (p("v/Notes"), BACKUP), (p("u/Music"), BACKUP)]]):
+                destination = os.path.join(mnt, f"dest-{placement}-{i}")
+                prepared(ferrovane, sources, placement, destination)
+                checked(ferrovane, placement, items, destination, case_insensitive=True)
+
+
 def run(ferrovane, work, tier, seed):
     rng = random.Random(seed)
     sources = Sources(work)
     for placement, label in PLACEMENTS.items():
-        template = os.path.join(work, f"template-{placement}")
-        prepared_destination = prepared(ferrovane, sources, placement, template)
+        prepared_destination = prepared(ferrovane, sources, placement, os.path.join(work, f"template-{placement}"))
         lists = handpicked(sources, placement) + generated(rng, sources, placement, 6 if tier == "quick" else 40)
         cases, root_only = [], set()
         for items in lists:
@@ -230,3 +287,14 @@ def run(ferrovane, work, tier, seed):
                 root_only.add(cases[-1][0])
         yield from run_cases("layout", cases, os.path.join(work, f"cases-{placement}"), root_only=root_only.__contains__,
                              why="the source / needs a tmpfs destination")
+    case = "exFAT, both placements: sources that differ only in case, a reserved name in another case"
+    if not is_root():
+        yield ("layout", case, "needs the superuser to mount an image", "skipped")
+        return
+    try:
+        case_insensitive(ferrovane, sources, os.path.join(work, "exfat"))
+        yield ("layout", case, "", "ok")
+    except Skipped as e:
+        yield ("layout", case, str(e), "skipped")
+    except Failure as e:
+        yield ("layout", case, "", f"FAILED: {e}")
