@@ -103,6 +103,9 @@ std::optional<std::string> mirrorPathOrComplain(const char* command, const FVVer
 int versionsMain(const std::string& destination, const std::string& path, bool json) {
     auto catalog = openCatalog("versions", destination);
     if (!catalog) return kExitUsage;
+    // Listing changes nothing, so it goes on; but which source a mirror path belongs to is a guess.
+    if (std::optional<std::string> problem = catalog->layout().validateAsSeen())
+        fmt::print(stderr, "ferrovane versions: warning: {}\n", shown(*problem));
     auto mirror = mirrorPathOrComplain("versions", *catalog, path);
     if (!mirror) return kExitUsage;
     std::vector<FVItemVersion> versions = catalog->versions(*mirror);
@@ -151,7 +154,6 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
             *status = kExitFailed;
             return std::nullopt;
         }
-        std::string root = destination == "/" ? "" : destination;
         for (const std::string& source : catalog.sources()) {
             std::string original = FVText::standardizedPath(source);
             // A source inside another comes back with the outer one, never twice.
@@ -164,7 +166,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
                                  : original == "/" ? toFolder
                                                    : (toFolder == "/" ? "" : toFolder) + original;
             std::string anchor = toFolder.empty() ? FVText::deletingLastPathComponent(original) : toFolder;
-            items.push_back(FVRestoreTarget::confined(root + catalog.sourceMirrorPath(original), anchor, target));
+            items.push_back(FVRestoreTarget::confined(catalog.layout().mirrorPath(original), anchor, target));
         }
     } else {
         auto mirror = mirrorPathOrComplain("restore", catalog, a.what);
@@ -240,6 +242,12 @@ private:
 int restoreMain(const RestoreArguments& arguments) {
     auto catalog = openCatalog("restore", arguments.destination);
     if (!catalog) return kExitUsage;
+    // Colliding mirrors hold one source's files under another's name: nothing is restored then.
+    if (std::optional<std::string> problem = catalog->layout().validateAsSeen()) {
+        fmt::print(stderr, "ferrovane restore: cannot use the destination {}: {}\n", shown(arguments.destination),
+                   shown(*problem));
+        return kExitUsage;
+    }
     int status = kExitUsage;
     auto plans = planRestore(arguments, *catalog, &status);
     if (!plans) return status;

@@ -18,12 +18,12 @@ namespace {
 // The stamp of the run's archive folders: now, or the next second that no earlier run has used.
 // Two runs within one second (a scheduled run right after a manual one) must never share a stamp
 // folder, or the second one's archive moves would meet the first one's versions.
-std::string unusedArchiveStamp(const std::string& destination) {
+std::string unusedArchiveStamp(const FVMirrorLayout& layout) {
     std::time_t at = std::time(nullptr);
     for (int tries = 0; tries < 3600; ++tries, ++at) {
         std::string stamp = FVDate::archiveStamp(at);
-        if (FVFileManager::existenceAtPath(destination + "/__changed/" + stamp) == FVExistence::Missing &&
-            FVFileManager::existenceAtPath(destination + "/__removed/" + stamp) == FVExistence::Missing)
+        if (FVFileManager::existenceAtPath(layout.archiveFolder(FVArchiveKind::Changed, stamp)) == FVExistence::Missing &&
+            FVFileManager::existenceAtPath(layout.archiveFolder(FVArchiveKind::Removed, stamp)) == FVExistence::Missing)
             return stamp;
     }
     return FVDate::archiveStamp(at);
@@ -54,6 +54,20 @@ void FVBackupSession::progressStep() {
 }
 
 void FVBackupSession::start() {
+    FVRunSettings settings;
+    settings.targetPath = destinationPath_;
+    settings.options = backupOptions_;
+    // Sources that would share or overlap a mirror, or land on a name the destination keeps, would
+    // make each run remove the other's files: nothing is touched then. What the destination shows
+    // without a write decides first; the trials below can only add that it ignores case.
+    const FVMirrorLayout layout = FVMirrorLayout::fromItems(destinationPath_, settings.syncMode(), backupSet_);
+    FVDestinationProbe probe(destinationPath_, std::string(kTemporaryFilePrefix) + "probe");
+    settings.destinationProfile = probe.probeWithoutWriting(FVConfigurationFile::fileName);
+    if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
+    // Before anything is written. A dry run writes nothing, so it only looks.
+    if (!dryRun_) settings.destinationProfile = probe.probe();
+    if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
+
     if (!sleepInhibitor_.acquire("Ferrovane is syncing files."))
         FVSystemLog::error("FVBackupSession", "Sleep prevention failed...");
     setTaskDescription("");
@@ -63,20 +77,13 @@ void FVBackupSession::start() {
         if (item->mode() == FVSourceMode::Backup) enabledItems_.push_back(item);
     sessionTaskCount_ = enabledItems_.size() + (shouldPerformCleanup_ ? 1 : 0);
 
-    FVRunSettings settings;
-    settings.targetPath = destinationPath_;
-    settings.options = backupOptions_;
-    settings.archiveFolderName = unusedArchiveStamp(destinationPath_);
+    settings.archiveFolderName = unusedArchiveStamp(layout);
     // A clone of "/" (also a disabled one, which may be enabled again) keeps the destination's own files.
     for (const FVSourceItemPtr& item : backupSet_)
         if (item->mode() <= FVSourceMode::Backup && item->sourcePath() == "/")
             settings.protectedPaths = FVExclusionRules::rootCloneProtectedPaths();
     settings.willPerformCleanup = shouldPerformCleanup_;
     settings.dryRun = dryRun_;
-    // Before anything is written. A dry run writes nothing, so it only looks.
-    FVDestinationProbe probe(destinationPath_, std::string(kTemporaryFilePrefix) + "probe");
-    settings.destinationProfile = dryRun_ ? probe.probeWithoutWriting(FVConfigurationFile::fileName)
-                                          : probe.probe();
     if (dryRun_)
         settings.reportPlannedChange = [this](const std::string& line) {
             if (delegate_) delegate_->backupSessionWouldChange(*this, line);
@@ -148,6 +155,18 @@ void FVBackupSession::finish() {
     if (delegate_) delegate_->backupSessionDidFinish(*this);
 }
 
+void FVBackupSession::refuse(const std::string& problem) {
+    refusal_ = problem;
+    FVLog& log = FVLog::currentLog();
+    log.newLog();
+    log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
+    log.addLogLine("ERROR: " + problem);
+    log.addLogLine("Sync cancelled: nothing was changed.\n");
+    log.closeLog();
+    setTaskDescription("Cancelled.");
+    if (delegate_) delegate_->backupSessionDidCancel(*this);
+}
+
 void FVBackupSession::didCancel() {
     syncingBackup_->flushDestination();
     FVLog::currentLog().addLogLine("Sync cancelled.\n");
@@ -160,6 +179,7 @@ void FVBackupSession::didCancel() {
 
 std::vector<std::string> FVBackupSession::errorMessages() const {
     std::vector<std::string> errors = configurationProblems_;
+    if (!refusal_.empty()) errors.push_back(refusal_);
     if (syncingBackup_) {
         std::vector<std::string> job = syncingBackup_->errorMessages();
         errors.insert(errors.end(), job.begin(), job.end());

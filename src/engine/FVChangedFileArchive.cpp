@@ -9,12 +9,11 @@
 
 namespace ferrovane {
 
-std::string FVChangedFileArchive::archivePath(const std::string& destinationPath, const char* archive) const {
-    const std::string& target = settings_.targetPath;
-    std::string relative = destinationPath.substr(target.size());
-    std::string path = fmt::format("{}/{}/{}", target, archive, settings_.archiveFolderName);
-    if (relative.empty() || relative.front() != '/') path += "/";
-    return path + relative;
+std::string FVChangedFileArchive::archivePath(const std::string& destinationPath, FVArchiveKind kind) const {
+    // The copy writes only inside the mirror, so the path always lies in the destination.
+    const FVMirrorLayout layout = settings_.layout();
+    return layout.archivePath(kind, settings_.archiveFolderName,
+                              layout.relativePathOfDestinationPath(destinationPath).value_or(""));
 }
 
 bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination) {
@@ -25,7 +24,7 @@ bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination)
     if (!(folder ? settings_.options.moveDeletedFiles : settings_.options.moveChangedFiles)) return true;
     const char* what = folder ? "replaced folder" : "changed file";
     const std::string& path = destination.path();
-    const std::string archived = archivePath(path, folder ? "__removed" : "__changed");
+    const std::string archived = archivePath(path, folder ? FVArchiveKind::Removed : FVArchiveKind::Changed);
     const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone,
                                 settings_.destinationProfile);
     destination_.unlock(path);

@@ -5,6 +5,7 @@
 
 #include "engine/FVDestinationTree.h"
 #include "engine/FVFileSystemItem.h"
+#include "engine/FVMirrorLayout.h"
 #include "engine/FVRunSettings.h"
 #include "engine/FVRunStatus.h"
 
@@ -17,8 +18,8 @@ public:
     FVChangedFileArchive(const FVRunSettings& settings, const FVDestinationTree& destination, FVRunStatus& status)
         : settings_(settings), destination_(destination), status_(status) {}
 
-    // Where the old version of a destination item goes: into archive ("__changed" or "__removed").
-    std::string archivePath(const std::string& destinationPath, const char* archive = "__changed") const;
+    // Where the old version of a destination item goes in this run's archive of that kind.
+    std::string archivePath(const std::string& destinationPath, FVArchiveKind kind = FVArchiveKind::Changed) const;
     // False keeps the destination as it is, and the file is then not copied in this run.
     bool archiveBeforeOverwrite(FVFileSystemItem& destination);
 

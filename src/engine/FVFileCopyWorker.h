@@ -4,6 +4,7 @@
 // item with its metadata, and applies directory metadata once all copies are done.
 
 #include "engine/FVFileSystemItem.h"
+#include "engine/FVMirrorLayout.h"
 #include "fs/FVDestinationProfile.h"
 
 #include <cstdint>
@@ -20,7 +21,7 @@ enum class FVMessageLevel { Info, Warning, Error };
 // Files are written under a hidden name beginning so in their destination folder and renamed
 // over the destination last. A crashed run leaves such names behind; the next run removes them
 // and never archives or reports them.
-inline constexpr const char* kTemporaryFilePrefix = ".ferrovane-tmp-";
+inline constexpr const char* kTemporaryFilePrefix = FVMirrorLayout::kTemporaryPrefix;
 
 struct FVFileCopyWorkerImpl;
 

@@ -163,14 +163,12 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
     destination_.unlock(itemPath);
     status_.verboseLog("Removing: " + itemPath);
     if (archives()) {
-        const std::string archiveRoot =
-            fmt::format("{}/__removed/{}/", settings_.targetPath, settings_.archiveFolderName);
-        std::string archivePath =
-            settings_.syncMode()
-                ? fmt::format("{}{}/{}", archiveRoot, FVText::lastPathComponent(sourceRoot), relative)
-                : FVText::appendingPathComponent(archiveRoot, FVText::appendingPathComponent(sourceRoot, relative).substr(1));
+        const FVMirrorLayout layout = settings_.layout();
+        const std::string archivePath = layout.archivePath(
+            FVArchiveKind::Removed, settings_.archiveFolderName,
+            layout.mirrorRelativePath(sourceRoot) + (relative.empty() || relative.front() == '/' ? "" : "/") + relative);
         const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone,
-                                settings_.destinationProfile);
+                                    settings_.destinationProfile);
         if (archive.move(itemPath, archivePath) == 0) return;
         destination_.unlock(FVText::deletingLastPathComponent(itemPath));
         int error = archive.move(itemPath, archivePath);

@@ -51,8 +51,7 @@ FVRestorePlan::FVRestorePlan(std::string destination, std::string from, std::str
 bool FVRestorePlan::isHousekeeping(std::string_view relative, std::string_view name) const {
     if (name.starts_with(kTemporaryFilePrefix)) return true;
     if (from_ != destination_ || relative.find('/', 1) != std::string_view::npos) return false;
-    return name == FVVersionCatalog::kChangedFolder || name == FVVersionCatalog::kRemovedFolder ||
-           name == FVConfigurationFile::fileName || name == FVConfigurationFile::legacyFileName;
+    return FVMirrorLayout::isReservedName(name) || name == FVConfigurationFile::legacyFileName;
 }
 
 void FVRestorePlan::add(const std::string& fromPath, const struct stat& st, const std::string& toPath) {

@@ -25,6 +25,7 @@ import escapes  # noqa: E402
 import filesystems  # noqa: E402
 import hostile  # noqa: E402
 import inject  # noqa: E402
+import layout  # noqa: E402
 import options  # noqa: E402
 import storage  # noqa: E402
 from faultkit import Ferrovane, workspace  # noqa: E402
@@ -84,6 +85,7 @@ def main():
             "access": lambda w: access.run(ferrovane, w),
             "filesystems": lambda w: filesystems.run(ferrovane, w),
             "changes": lambda w: changes.run(ferrovane, w, args.tier),
+            "layout": lambda w: layout.run(ferrovane, w, args.tier, args.seed),
             "fuzz": lambda w: fuzz(args, w),
         }
         for name, suite in suites.items():
