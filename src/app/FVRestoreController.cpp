@@ -126,7 +126,7 @@ void FVRestoreController::start(const Request& request, const std::string& toFol
         box->setInformativeText(QString::fromStdString(problem));
         return;
     }
-    if (lock_.acquire(destination) != FVDestinationLock::Status::Acquired) {
+    if (lock_.acquire(destination, FVDestinationLock::Mode::Shared) != FVDestinationLock::Status::Acquired) {
         QMessageBox* box = FVAlert::show(window_, "destinationbusy", "destinationbusylong");
         box->setInformativeText(QString::fromStdString(
             lock_.reason().empty() ? FVDestinationLock::busyMessage(destination) : lock_.reason()));
