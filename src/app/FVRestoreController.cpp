@@ -151,10 +151,10 @@ void FVRestoreController::start(const Request& request, const std::string& toFol
     // Planning walks the whole item and reads every existing target: not on the window's thread.
     worker_ = std::thread([this, target = *target] {
         struct stat st {};
-        if (lstat(target.from.c_str(), &st) != 0)
-            planProblem_ = FVStrings::format("restorenocopy", target.to, std::strerror(errno));
+        if (int error = FVRestorePlan::examine(destination_, target.from, &st))
+            planProblem_ = FVStrings::format("restorenocopy", target.to, std::strerror(error));
         else
-            plans_.emplace_back(destination_, target.from, target.to, target.root);
+            plans_.emplace_back(destination_, target.from, target.to, target.root, target.parentMirrors);
         QMetaObject::invokeMethod(this, &FVRestoreController::planned, Qt::QueuedConnection);
     });
 }

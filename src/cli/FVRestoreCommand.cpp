@@ -199,13 +199,13 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
             return std::nullopt;
         }
         struct stat st {};
-        if (lstat(item.from.c_str(), &st) != 0) {
+        if (int error = FVRestorePlan::examine(destination, item.from, &st)) {
             FVOutput::print(stderr, "ferrovane restore: the destination holds no copy of {} ({}).\n", shown(item.to),
-                       std::strerror(errno));
+                            std::strerror(error));
             *status = kExitFailed;
             return std::nullopt;
         }
-        plans.emplace_back(destination, item.from, item.to, item.root);
+        plans.emplace_back(destination, item.from, item.to, item.root, item.parentMirrors);
     }
     return plans;
 }

@@ -4,6 +4,7 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVLog.h"
 #include "engine/FVTrash.h"
+#include "fs/FVFileDescriptor.h"
 
 #include <sys/stat.h>
 
@@ -25,7 +26,7 @@ uint64_t landedFiles(const FVRestorePlan& plan) {
         const struct stat& version = from->statBuffer();
         if (S_ISDIR(version.st_mode)) continue;
         struct stat target {};
-        if (lstat(to->path().c_str(), &target) != 0 || (target.st_mode & S_IFMT) != (version.st_mode & S_IFMT)) continue;
+        if (FVLongPath::lstat(to->path(), &target) != 0 || (target.st_mode & S_IFMT) != (version.st_mode & S_IFMT)) continue;
         if (S_ISREG(version.st_mode) &&
             (target.st_size != version.st_size || target.st_mtim.tv_sec != version.st_mtim.tv_sec))
             continue;
@@ -57,7 +58,7 @@ FVRestoreRun::Summary FVRestoreRun::run(const std::string& destination, const Pr
     for (const FVRestorePlan& plan : plans_) {
         log.addLogLine(fmt::format("Restoring {} to {}", plan.from(), plan.to()));
         for (const std::string& problem : plan.problems()) tell("ERROR: " + problem, true);
-        summary.cancelled = !runPlan(plan, done, total, progress, interrupt);
+        summary.cancelled = !runPlan(plan, destination, done, total, progress, interrupt);
         done += plan.pairs().size();
         summary.files += landedFiles(plan);
         if (summary.cancelled) break;
@@ -73,8 +74,8 @@ FVRestoreRun::Summary FVRestoreRun::run(const std::string& destination, const Pr
     return summary;
 }
 
-bool FVRestoreRun::runPlan(const FVRestorePlan& plan, uint64_t doneBefore, uint64_t total, const Progress& progress,
-                           const std::atomic<bool>& interrupt) {
+bool FVRestoreRun::runPlan(const FVRestorePlan& plan, const std::string& destination, uint64_t doneBefore,
+                           uint64_t total, const Progress& progress, const std::atomic<bool>& interrupt) {
     conflicts_.clear();
     for (const FVRestorePlan::Conflict& conflict : plan.conflicts()) conflicts_.insert(conflict.target);
     {
@@ -84,7 +85,9 @@ bool FVRestoreRun::runPlan(const FVRestorePlan& plan, uint64_t doneBefore, uint6
     FVFileCopyWorker worker;
     worker.setDelegate(this);
     worker.setDestinationRoot(plan.confinementRoot());
-    worker.setSourceRoot(plan.from());
+    // Every version is read from the destination's root down without following a link, so a
+    // link planted in an archive path never makes the restore read what lies outside.
+    worker.setSourceRoot(destination);
     if (workerSetup_) workerSetup_(worker);
     worker.startCopySession();
     for (const auto& [from, to] : plan.pairs()) {
@@ -110,7 +113,7 @@ bool FVRestoreRun::runPlan(const FVRestorePlan& plan, uint64_t doneBefore, uint6
 bool FVRestoreRun::copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) {
     const std::string& path = destination.path();
     struct stat st {};
-    if (lstat(path.c_str(), &st) != 0) return true;
+    if (FVLongPath::lstat(path, &st) != 0) return true;
     if (!conflicts_.contains(path) || !replace_) {
         tell(fmt::format("ERROR: Not replaced, it appeared during the restore: {}", path), true);
         return false;

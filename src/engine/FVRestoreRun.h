@@ -48,8 +48,8 @@ public:
     void copyWorkerDidCancel() override;
 
 private:
-    bool runPlan(const FVRestorePlan& plan, uint64_t doneBefore, uint64_t total, const Progress& progress,
-                 const std::atomic<bool>& interrupt);
+    bool runPlan(const FVRestorePlan& plan, const std::string& destination, uint64_t doneBefore, uint64_t total,
+                 const Progress& progress, const std::atomic<bool>& interrupt);
     void tell(const std::string& line, bool isError);
 
     const std::vector<FVRestorePlan>& plans_;

@@ -1,6 +1,7 @@
 #include "engine/FVVersionCatalog.h"
 
 #include "engine/FVConfigurationFile.h"
+#include "fs/FVConfinedDirectory.h"
 #include "fs/FVText.h"
 
 #include <dirent.h>
@@ -27,9 +28,13 @@ std::vector<std::string> folderNames(const std::string& path) {
     return names;
 }
 
-std::optional<FVItemVersion> versionAt(const std::string& path) {
-    FVFileSystemItem item(path);
-    if (!item.fileExists()) return std::nullopt;
+// The version at path, reached from the destination's root without following a link: a link
+// planted in an archive path never lists (nor lets a restore read) what lies outside.
+std::optional<FVItemVersion> versionAt(const FVConfinedDirectory& destination, const std::string& path) {
+    std::optional<std::string> relative = destination.relativePath(path);
+    struct stat st {};
+    if (!relative || destination.statItem(*relative, &st) != 0) return std::nullopt;
+    FVFileSystemItem item(path, st);
     FVItemVersion version;
     version.path = path;
     version.type = item.fileType();
@@ -131,11 +136,9 @@ std::optional<std::time_t> FVVersionCatalog::stampTime(const std::string& stamp)
 std::vector<FVItemVersion> FVVersionCatalog::versions(const std::string& mirrorPath) const {
     std::vector<FVItemVersion> found;
     std::string root = destination_ == "/" ? "" : destination_;
-    if (!mirrorPath.empty()) {
-        if (auto current = versionAt(root + mirrorPath)) found.push_back(std::move(*current));
-    } else if (auto current = versionAt(destination_)) {
+    const FVConfinedDirectory confined(destination_);
+    if (auto current = versionAt(confined, mirrorPath.empty() ? destination_ : root + mirrorPath))
         found.push_back(std::move(*current));
-    }
     std::vector<FVItemVersion> archived;
     for (auto [folder, kind] : {std::pair{kChangedFolder, FVVersionKind::Changed},
                                 std::pair{kRemovedFolder, FVVersionKind::Removed}}) {
@@ -143,7 +146,7 @@ std::vector<FVItemVersion> FVVersionCatalog::versions(const std::string& mirrorP
         for (const std::string& stamp : folderNames(archive)) {
             std::optional<std::time_t> time = stampTime(stamp);
             if (!time) continue;
-            auto version = versionAt(archive + "/" + stamp + mirrorPath);
+            auto version = versionAt(confined, archive + "/" + stamp + mirrorPath);
             if (!version) continue;
             version->stamp = stamp;
             version->kind = kind;

@@ -14,6 +14,8 @@
 
 #include "fs/FVFileDescriptor.h"
 
+#include <sys/stat.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -36,6 +38,10 @@ public:
     // missing folders below the root are made, one by one, with mode 0777 minus the umask;
     // *created tells whether any was. Nothing at or above the root is ever created.
     FVFd openFolder(std::string_view relative, bool createMissing, int* error, bool* created = nullptr) const;
+
+    // The status of the item at a relative path, a symbolic link itself rather than what it
+    // points to; 0, or the errno why it cannot be examined.
+    int statItem(std::string_view relative, struct stat* st) const;
 
     // Moves one relative location to another; with createMissing, the target's missing folders
     // are made first. Replaces an existing target the way rename(2) does, unless noReplace is
