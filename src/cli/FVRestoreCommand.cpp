@@ -24,6 +24,7 @@
 #include <atomic>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -41,6 +42,18 @@ constexpr uint64_t kProgressLineEvery = 1000;
 std::atomic<bool> interrupted{false};
 // The first signal that cancelled the restore; 0 while none has.
 std::atomic<int> cancellingSignal{0};
+// Until the copy starts nothing has been written: a signal then ends the process at once. The
+// mutex keeps a signal's exit and the start of the copy apart.
+std::mutex copyStart;
+bool copying = false;
+
+void onSignal(int signal) {
+    std::lock_guard lock(copyStart);
+    if (!copying) std::_Exit(FVRunSignals::exitStatus(signal));
+    int none = 0;
+    cancellingSignal.compare_exchange_strong(none, signal);
+    interrupted.store(true, std::memory_order_relaxed);
+}
 
 std::string shown(std::string_view text) { return FVSearchText::printable(text); }
 
@@ -241,11 +254,7 @@ private:
 int restoreMain(const RestoreArguments& arguments) {
     // Before the copy's threads start, so that none of them takes a signal.
     FVRunSignals::block();
-    FVRunSignals::listen([](int signal) {
-        int none = 0;
-        cancellingSignal.compare_exchange_strong(none, signal);
-        interrupted.store(true, std::memory_order_relaxed);
-    });
+    FVRunSignals::listen(onSignal);
     // Shared: restores may run side by side, never beside a backup or a configuration change,
     // so the versions cannot move while they are planned and copied.
     FVDestinationLock lock;
@@ -296,6 +305,10 @@ int restoreMain(const RestoreArguments& arguments) {
         return kExitFailed;
     }
 
+    {
+        std::lock_guard lock(copyStart);
+        copying = true;
+    }
     FVRestoreRun run(*plans, arguments.replace);
     FVRestoreRun::Summary summary;
     {

@@ -195,7 +195,7 @@ def random_moments(ferrovane, work, seed, moments):
                 if kind == "backup":
                     d = Destination(ferrovane, os.path.join(folder, "again"), seed + i)
                     before = d.before
-                at = rng.random() * duration
+                at = rng.uniform(0.1, 1.0) * duration
                 process = start() if kind == "restore" else d.start_backup()
                 time.sleep(at)
                 process.send_signal(number)
