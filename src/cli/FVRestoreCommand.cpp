@@ -46,6 +46,7 @@ std::atomic<int> cancellingSignal{0};
 // mutex keeps a signal's exit and the start of the copy apart.
 std::mutex copyStart;
 bool copying = false;
+FVRestoreRun* activeRun = nullptr;
 
 void onSignal(int signal) {
     std::lock_guard lock(copyStart);
@@ -53,6 +54,7 @@ void onSignal(int signal) {
     int none = 0;
     cancellingSignal.compare_exchange_strong(none, signal);
     interrupted.store(true, std::memory_order_relaxed);
+    if (activeRun) activeRun->cancel();
 }
 
 std::string shown(std::string_view text) { return FVSearchText::printable(text); }
@@ -305,11 +307,12 @@ int restoreMain(const RestoreArguments& arguments) {
         return kExitFailed;
     }
 
+    FVRestoreRun run(*plans, arguments.replace);
     {
         std::lock_guard lock(copyStart);
         copying = true;
+        activeRun = &run;
     }
-    FVRestoreRun run(*plans, arguments.replace);
     FVRestoreRun::Summary summary;
     {
         ProgressLine progress;
@@ -319,6 +322,10 @@ int restoreMain(const RestoreArguments& arguments) {
                 FVOutput::print(isError ? stderr : stdout, "{}\n", shown(line));
             },
             interrupted);
+    }
+    {
+        std::lock_guard lock(copyStart);
+        activeRun = nullptr;
     }
     FVOutput::print(stdout, "Restore {}: {} files ({}), {} already identical, {} conflicts moved aside, {} errors.\n",
                summary.cancelled ? "cancelled" : "finished", summary.files,

@@ -89,9 +89,16 @@ bool FVRestoreRun::runPlan(const FVRestorePlan& plan, const std::string& destina
     // link planted in an archive path never makes the restore read what lies outside.
     worker.setSourceRoot(destination);
     if (workerSetup_) workerSetup_(worker);
+    {
+        std::lock_guard lock(workerMutex_);
+        worker_ = &worker;
+    }
+    auto interrupted = [&] {
+        return interrupt.load(std::memory_order_relaxed) || cancelRequested_.load(std::memory_order_relaxed);
+    };
     worker.startCopySession();
     for (const auto& [from, to] : plan.pairs()) {
-        if (interrupt.load(std::memory_order_relaxed)) worker.cancel();
+        if (interrupted()) worker.cancel();
         if (worker.isCancelled()) break;
         worker.addCopyItemFromSource(from, to);
     }
@@ -99,15 +106,25 @@ bool FVRestoreRun::runPlan(const FVRestorePlan& plan, const std::string& destina
     std::unique_lock lock(mutex_);
     while (!ended_.wait_for(lock, kProgressInterval, [this] { return finished_ || cancelled_; })) {
         lock.unlock();
-        if (interrupt.load(std::memory_order_relaxed)) worker.cancel();
+        if (interrupted()) worker.cancel();
         if (progress) progress(doneBefore + worker.copiedFiles(), total);
         lock.lock();
     }
     bool completed = finished_ && !worker.isCancelled();
     lock.unlock();
+    {
+        std::lock_guard workerLock(workerMutex_);
+        worker_ = nullptr;
+    }
     bytes_ += worker.totalBytesCopied();
     if (progress) progress(doneBefore + worker.copiedFiles(), total);
     return completed;
+}
+
+void FVRestoreRun::cancel() {
+    std::lock_guard lock(workerMutex_);
+    cancelRequested_.store(true, std::memory_order_relaxed);
+    if (worker_) worker_->cancel();
 }
 
 bool FVRestoreRun::copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) {

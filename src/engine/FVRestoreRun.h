@@ -38,6 +38,9 @@ public:
     // section in the run log.
     Summary run(const std::string& destination, const Progress& progress, const Report& report,
                 const std::atomic<bool>& interrupt);
+    // Cancels at once, from any thread (a signal's): the copy under way stops between chunks and
+    // the run ends as cancelled, as it does when interrupt becomes true.
+    void cancel();
     // Test hook: reaches the worker of each item before its copy starts.
     void setWorkerSetup(std::function<void(FVFileCopyWorker&)> setup) { workerSetup_ = std::move(setup); }
 
@@ -63,6 +66,10 @@ private:
     std::mutex mutex_;
     std::condition_variable ended_;
     bool finished_ = false, cancelled_ = false;
+    std::atomic<bool> cancelRequested_{false};
+    // The worker of the item being copied, for cancel().
+    std::mutex workerMutex_;
+    FVFileCopyWorker* worker_ = nullptr;
 };
 
 }  // namespace ferrovane
