@@ -137,7 +137,7 @@ void FVRestoreController::start(const Request& request, const std::string& toFol
         box->setInformativeText(QString::fromStdString(problem));
         return;
     }
-    if (lock_.acquire(destination) != FVDestinationLock::Status::Acquired) {
+    if (lock_.acquire(destination, FVDestinationLock::Mode::Shared) != FVDestinationLock::Status::Acquired) {
         QMessageBox* box = FVAlert::show(window_, "destinationbusy", "destinationbusylong");
         box->setInformativeText(QString::fromStdString(
             lock_.reason().empty() ? FVDestinationLock::busyMessage(destination) : lock_.reason()));
@@ -162,10 +162,10 @@ void FVRestoreController::start(const Request& request, const std::string& toFol
     // Planning walks the whole item and reads every existing target: not on the window's thread.
     worker_ = std::thread([this, target = *target] {
         struct stat st {};
-        if (lstat(target.from.c_str(), &st) != 0)
-            planProblem_ = FVStrings::format("restorenocopy", target.to, std::strerror(errno));
+        if (int error = FVRestorePlan::examine(destination_, target.from, &st))
+            planProblem_ = FVStrings::format("restorenocopy", target.to, std::strerror(error));
         else
-            plans_.emplace_back(destination_, target.from, target.to, target.root);
+            plans_.emplace_back(destination_, target.from, target.to, target.root, target.parentMirrors);
         QMetaObject::invokeMethod(this, &FVRestoreController::planned, Qt::QueuedConnection);
     });
 }

@@ -3,8 +3,11 @@
 
 #include "cli/FVCommanlineMode.h"
 
+#include "cli/FVRunSignals.h"
 #include "fs/FVText.h"
 #include "search/FVSearchText.h"
+
+#include <signal.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -29,15 +32,27 @@ int FVCommanlineMode::runBackup() {
     backupSession_->setDryRun(dryRun_);
 
     notify({"Starting sync to: " + FVText::lastPathComponent(destinationPath_), "", ""}, false);
-    runLoop_.post([this] { backupSession_->start(); });
+    // A signal that came before the start (the cancel it posted found nothing to cancel) keeps
+    // the run from starting at all.
+    runLoop_.post([this] {
+        if (int signal = cancellingSignal_.load()) {
+            std::printf("Sync canceled.\n");
+            std::fflush(stdout);
+            runLoop_.stop(FVRunSignals::exitStatus(signal));
+            return;
+        }
+        backupSession_->start();
+    });
     return runLoop_.run();
 }
 
-void FVCommanlineMode::interrupt() {
-    if (interrupts_.fetch_add(1) > 0) {
+void FVCommanlineMode::interrupt(int signal) {
+    int first = 0;
+    if (!cancellingSignal_.compare_exchange_strong(first, signal)) {
+        if (signal != SIGINT) return;
         std::fputs("\nSync canceled.\n", stdout);
         std::fflush(stdout);
-        std::_Exit(255);
+        std::_Exit(FVRunSignals::exitStatus(first));
     }
     runLoop_.post([this] {
         if (backupSession_) backupSession_->cancel();
@@ -119,7 +134,8 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
     std::printf("Sync canceled.\n");
     std::fflush(stdout);
     notify({"Sync canceled: " + FVText::lastPathComponent(destinationPath_), "", "", true}, false);
-    runLoop_.stop(255);
+    const int signal = cancellingSignal_.load();
+    runLoop_.stop(signal ? FVRunSignals::exitStatus(signal) : 255);
 }
 
 }  // namespace ferrovane

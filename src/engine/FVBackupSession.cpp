@@ -6,20 +6,44 @@
 #include "engine/FVLog.h"
 #include "engine/FVStrings.h"
 #include "fs/FVDestinationProbe.h"
+#include "engine/FVVersionCatalog.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
 #include <fmt/format.h>
 
+#include <dirent.h>
+
+#include <algorithm>
+#include <ctime>
+#include <optional>
+
 namespace ferrovane {
 
 namespace {
 
-// The stamp of the run's archive folders: now, or the next second that no earlier run has used.
-// Two runs within one second (a scheduled run right after a manual one) must never share a stamp
-// folder, or the second one's archive moves would meet the first one's versions.
+// The newest time that a stamp folder in the destination's archives stands for; 0 for none.
+std::time_t newestArchiveStamp(const FVMirrorLayout& layout) {
+    std::time_t newest = 0;
+    for (FVArchiveKind kind : {FVArchiveKind::Changed, FVArchiveKind::Removed}) {
+        DIR* folder = opendir(layout.archiveRoot(kind).c_str());
+        if (!folder) continue;
+        while (const dirent* entry = readdir(folder))
+            if (std::optional<std::time_t> time = FVVersionCatalog::stampTime(entry->d_name))
+                newest = std::max(newest, *time);
+        closedir(folder);
+    }
+    return newest;
+}
+
+// The stamp of the run's archive folders: now, or, when an earlier run's stamp is at or after
+// now, the second after the newest stamp. So stamp order is run order, whatever the clock did
+// (set back, a wrong time zone, another machine writing to the same disk), and the versions of
+// a path sort by the run that archived them. Two runs within one second (a scheduled run right
+// after a manual one) never share a stamp folder, or the second one's archive moves would meet
+// the first one's versions.
 std::string unusedArchiveStamp(const FVMirrorLayout& layout) {
-    std::time_t at = std::time(nullptr);
+    std::time_t at = std::max(std::time(nullptr), newestArchiveStamp(layout) + 1);
     for (int tries = 0; tries < 3600; ++tries, ++at) {
         std::string stamp = FVDate::archiveStamp(at);
         if (FVFileManager::existenceAtPath(layout.archiveFolder(FVArchiveKind::Changed, stamp)) == FVExistence::Missing &&

@@ -3,6 +3,7 @@
 #include "engine/FVFileCopyWorkerImpl.h"
 #include "engine/FVItemCloner.h"
 #include "fs/FVDataCopier.h"
+#include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
@@ -141,9 +142,12 @@ void FVFileCopyWorker::endCopySession() {
 }
 
 void FVFileCopyWorker::cancel() {
-    std::lock_guard lock(impl_->filesMutex);
-    impl_->cancelled.store(true, std::memory_order_relaxed);
-    impl_->roomInQueue.notify_all();
+    {
+        std::lock_guard lock(impl_->filesMutex);
+        impl_->cancelled.store(true, std::memory_order_relaxed);
+        impl_->roomInQueue.notify_all();
+    }
+    FVTestHook::reach("copy-cancelled");
 }
 bool FVFileCopyWorker::stopOnDestinationError(int error) { return impl_->stopOnDestinationError(error); }
 

@@ -1,6 +1,7 @@
 #include "engine/FVVersionCatalog.h"
 
 #include "engine/FVConfigurationFile.h"
+#include "fs/FVConfinedDirectory.h"
 #include "fs/FVText.h"
 
 #include <dirent.h>
@@ -24,9 +25,13 @@ std::vector<std::string> folderNames(const std::string& path) {
     return names;
 }
 
-std::optional<FVItemVersion> versionAt(const std::string& path) {
-    FVFileSystemItem item(path);
-    if (!item.fileExists()) return std::nullopt;
+// The version at path, reached from the destination's root without following a link: a link
+// planted in an archive path never lists (nor lets a restore read) what lies outside.
+std::optional<FVItemVersion> versionAt(const FVConfinedDirectory& destination, const std::string& path) {
+    std::optional<std::string> relative = destination.relativePath(path);
+    struct stat st {};
+    if (!relative || destination.statItem(*relative, &st) != 0) return std::nullopt;
+    FVFileSystemItem item(path, st);
     FVItemVersion version;
     version.path = path;
     version.type = item.fileType();
@@ -86,14 +91,15 @@ std::optional<std::time_t> FVVersionCatalog::stampTime(const std::string& stamp)
 
 std::vector<FVItemVersion> FVVersionCatalog::versions(const std::string& mirrorPath) const {
     std::vector<FVItemVersion> found;
-    if (auto current = versionAt(layout_.destinationPath(mirrorPath))) found.push_back(std::move(*current));
+    const FVConfinedDirectory confined(layout_.destination());
+    if (auto current = versionAt(confined, layout_.destinationPath(mirrorPath))) found.push_back(std::move(*current));
     std::vector<FVItemVersion> archived;
     for (auto [archiveKind, kind] : {std::pair{FVArchiveKind::Changed, FVVersionKind::Changed},
                                      std::pair{FVArchiveKind::Removed, FVVersionKind::Removed}}) {
         for (const std::string& stamp : folderNames(layout_.archiveRoot(archiveKind))) {
             std::optional<std::time_t> time = stampTime(stamp);
             if (!time) continue;
-            auto version = versionAt(layout_.archivePath(archiveKind, stamp, mirrorPath));
+            auto version = versionAt(confined, layout_.archivePath(archiveKind, stamp, mirrorPath));
             if (!version) continue;
             version->stamp = stamp;
             version->kind = kind;

@@ -51,7 +51,9 @@ public:
     // The configured source whose mirror holds a mirror path, and the original path there.
     std::optional<std::string> sourceHolding(const std::string& mirrorPath) const;
     std::optional<std::string> originalPath(const std::string& mirrorPath) const;
-    // Newest first: the current copy, then the archived ones by the time in their stamp.
+    // Newest first: the current copy, then the archived ones by the time in their stamp, which is
+    // the order of the runs that archived them (a run never takes a stamp at or before one that
+    // is already in the archives).
     std::vector<FVItemVersion> versions(const std::string& mirrorPath) const;
 
     // The time an archive folder name stands for; nothing for a name that is not a stamp.

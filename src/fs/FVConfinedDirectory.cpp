@@ -194,6 +194,20 @@ int FVConfinedDirectory::renameWithoutReplacing(int fromDirFd, const char* fromN
     return renameat(fromDirFd, fromName, toDirFd, toName) == 0 ? 0 : errno;
 }
 
+int FVConfinedDirectory::statItem(std::string_view relative, struct stat* st) const {
+    if (relative.empty()) {
+        if (!root_.valid()) return openError_;
+        return fstat(root_.get(), st) == 0 ? 0 : errno;
+    }
+    std::string_view folder;
+    std::string name;
+    if (!splitLast(relative, folder, name)) return EINVAL;
+    int error = 0;
+    FVFd parent = openFolder(folder, false, &error);
+    if (!parent.valid()) return error;
+    return fstatat(parent.get(), name.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+}
+
 int FVConfinedDirectory::removeItem(std::string_view relative) const {
     std::string_view folder;
     std::string name;

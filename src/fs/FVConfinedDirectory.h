@@ -14,6 +14,8 @@
 
 #include "fs/FVFileDescriptor.h"
 
+#include <sys/stat.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -38,6 +40,10 @@ public:
     // createdFrom, where given, is the offset in relative of the first folder made (npos: none).
     FVFd openFolder(std::string_view relative, bool createMissing, int* error, bool* created = nullptr,
                     size_t* createdFrom = nullptr) const;
+
+    // The status of the item at a relative path, a symbolic link itself rather than what it
+    // points to; 0, or the errno why it cannot be examined.
+    int statItem(std::string_view relative, struct stat* st) const;
 
     // Moves one relative location to another; with createMissing, the target's missing folders
     // are made first (and removed again when the move fails). Replaces an existing target the way

@@ -1,5 +1,7 @@
 #include "fs/FVDataCopier.h"
 
+#include "fs/FVTestHook.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -63,6 +65,7 @@ ssize_t FVDataCopier::chunk(off_t* inOffset, off_t* outOffset, size_t len) {
 bool FVDataCopier::afterChunk(ssize_t n) {
     copied_ += static_cast<uint64_t>(n);
     if (hook_) hook_(sourcePath_, copied_);
+    FVTestHook::reach("during-data-copy", sourcePath_);
     return !cancelled_.load(std::memory_order_relaxed);
 }
 

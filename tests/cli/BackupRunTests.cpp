@@ -268,7 +268,7 @@ TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
     int status = 0;
     waitpid(pid, &status, 0);
     ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 255);
+    EXPECT_EQ(WEXITSTATUS(status), 128 + SIGINT);
     std::string out = readFile(dir / "out.txt");
     EXPECT_EQ(out.substr(out.size() - 15), "Sync canceled.\n");
     EXPECT_EQ(readFile(FVConfigurationFile::formattedPath(destination)), before);

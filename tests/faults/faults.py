@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""The fault suite: crash anywhere, storage faults, escapes, hostile names and durability.
+"""The fault suite: crash anywhere, storage faults, escapes, hostile names, durability, signals
+and restores racing backups.
 
   faults.py --executable build/release/ferrovane --tier quick|full [--seed N] [--only crash,...]
            [--results tests/faults/RESULTS.md]
@@ -27,6 +28,8 @@ import hostile  # noqa: E402
 import inject  # noqa: E402
 import layout  # noqa: E402
 import options  # noqa: E402
+import restores  # noqa: E402
+import signals  # noqa: E402
 import storage  # noqa: E402
 from faultkit import Ferrovane, workspace  # noqa: E402
 
@@ -86,6 +89,8 @@ def main():
             "filesystems": lambda w: filesystems.run(ferrovane, w),
             "changes": lambda w: changes.run(ferrovane, w, args.tier),
             "layout": lambda w: layout.run(ferrovane, w, args.tier, args.seed),
+            "signals": lambda w: signals.run(ferrovane, w, args.tier, args.seed, MOMENTS[args.tier]),
+            "restores": lambda w: restores.run(ferrovane, w),
             "fuzz": lambda w: fuzz(args, w),
         }
         for name, suite in suites.items():
