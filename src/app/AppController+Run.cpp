@@ -12,6 +12,7 @@
 #include "app/FVThinProgressBar.h"
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
+#include "engine/FVMirrorLayout.h"
 #include "fs/FVText.h"
 
 #include <QApplication>
@@ -105,16 +106,7 @@ bool AppController::passesStartChecks() {
             return false;
         }
     }
-    const PlistValue* syncMode = optionsPanelController_.optionValueForKey(FVOptionKey::syncMode);
-    if (syncMode && syncMode->integerValue() == 1) {
-        std::set<std::string> names;
-        for (const std::string& path : paths) {
-            if (!names.insert(FVText::lastPathComponent(path)).second) {
-                FVAlert::show(window_.get(), "syncmodeNotUniqueItems", "syncmodeNotUniqueItemsLong");
-                return false;
-            }
-        }
-    }
+    if (!acceptsLayout(backupSetController_.arrangedObjects())) return false;
     std::vector<std::string> problems = FVOptionTable::read(*optionsPanelController_.allOptions()).problems;
     if (!problems.empty()) {
         QMessageBox* box = FVAlert::show(window_.get(), "optionsinvalid", "optionsinvalidlong");
@@ -129,6 +121,17 @@ bool AppController::passesStartChecks() {
         return false;
     }
     return true;
+}
+
+// The same check as the run's: sources whose mirrors would collide are refused with the reason.
+bool AppController::acceptsLayout(const std::vector<FVSourceItemPtr>& items) {
+    const FVMirrorLayout layout = FVMirrorLayout::fromItems(
+        currentTargetPath_, FVOptionTable::read(*optionsPanelController_.allOptions()).options.syncMode != 0, items);
+    std::optional<std::string> problem = layout.validateAsSeen();
+    if (!problem) return true;
+    QMessageBox* box = FVAlert::show(window_.get(), "layoutinvalid", "layoutinvalid");
+    box->setInformativeText(qPath(*problem));
+    return false;
 }
 
 void AppController::abortStart() {

@@ -488,6 +488,9 @@ void AppController::addSourceFiles() {
 void AppController::addSourcePaths(const QStringList& paths, int index) {
     std::vector<std::string> items;
     for (const QString& path : paths) items.push_back(FVText::standardizedPath(stdPath(QFileInfo(path).absoluteFilePath())));
+    std::vector<FVSourceItemPtr> wouldBe = backupSetController_.arrangedObjects();
+    for (const std::string& item : items) wouldBe.push_back(FVSourceItem::make(item, FVSourceMode::Backup));
+    if (!acceptsLayout(wouldBe)) return;
     if (backupSetController_.addBackupPaths(items, size_t(std::max(index, 0))) < items.size()) QApplication::beep();
     // Added all the same: the run leaves the destination out of that source's walk.
     for (const std::string& item : items) {

@@ -114,6 +114,8 @@ private:
     void checkForUpdates();
 
     bool passesStartChecks();
+    // Whether the destination can hold these items' mirrors side by side; else says why.
+    bool acceptsLayout(const std::vector<FVSourceItemPtr>& items);
     void startSync();
     void abortStart();
     void handleProgress();

@@ -34,6 +34,18 @@ QString plural(const char* key, long long count, Args&&... args) {
     return QString::fromStdString(FVStrings::formatPlural(key, count, std::forward<Args>(args)...));
 }
 
+// The destination's catalog, when its layout can be trusted: colliding mirrors hold one source's
+// files under another's name, and a restore from them would put back the wrong bytes.
+std::optional<FVVersionCatalog> openValidCatalog(const std::string& destination, std::string* problem) {
+    auto catalog = FVVersionCatalog::open(destination, problem);
+    if (!catalog) return std::nullopt;
+    if (auto invalid = catalog->layout().validateAsSeen()) {
+        *problem = *invalid;
+        return std::nullopt;
+    }
+    return catalog;
+}
+
 }  // namespace
 
 FVRestoreController::FVRestoreController(FVMainWindow* window, std::function<bool()> windowIsBusy, QObject* parent)
@@ -50,7 +62,7 @@ void FVRestoreController::joinWorker() {
 
 void FVRestoreController::restoreVersion(const QString& destination, const QString& versionPath, QWidget* dialogParent) {
     std::string problem;
-    auto catalog = FVVersionCatalog::open(stdPath(destination), &problem);
+    auto catalog = openValidCatalog(stdPath(destination), &problem);
     auto mirror = catalog ? catalog->mirrorPath(stdPath(versionPath)) : std::nullopt;
     if (!mirror) {
         QMessageBox* box = FVAlert::show(dialogParent, "restorefailed", "restorefailed");
@@ -63,15 +75,14 @@ void FVRestoreController::restoreVersion(const QString& destination, const QStri
 
 void FVRestoreController::restoreSourceItem(const QString& destination, const QString& sourcePath) {
     std::string problem;
-    auto catalog = FVVersionCatalog::open(stdPath(destination), &problem);
+    auto catalog = openValidCatalog(stdPath(destination), &problem);
     if (!catalog) {
         QMessageBox* box = FVAlert::show(window_, "restorefailed", "restorefailed");
         box->setInformativeText(QString::fromStdString(problem));
         return;
     }
     std::string mirror = catalog->sourceMirrorPath(stdPath(sourcePath));
-    const std::string& root = catalog->destination();
-    askTarget({*catalog, mirror, root == "/" ? (mirror.empty() ? root : mirror) : root + mirror,
+    askTarget({*catalog, mirror, catalog->layout().destinationPath(mirror),
                FVText::lastPathComponent(stdPath(sourcePath))},
               window_);
 }
@@ -126,7 +137,7 @@ void FVRestoreController::start(const Request& request, const std::string& toFol
         box->setInformativeText(QString::fromStdString(problem));
         return;
     }
-    if (lock_.acquire(destination) != FVDestinationLock::Status::Acquired) {
+    if (lock_.acquire(destination, FVDestinationLock::Mode::Shared) != FVDestinationLock::Status::Acquired) {
         QMessageBox* box = FVAlert::show(window_, "destinationbusy", "destinationbusylong");
         box->setInformativeText(QString::fromStdString(
             lock_.reason().empty() ? FVDestinationLock::busyMessage(destination) : lock_.reason()));
@@ -151,10 +162,10 @@ void FVRestoreController::start(const Request& request, const std::string& toFol
     // Planning walks the whole item and reads every existing target: not on the window's thread.
     worker_ = std::thread([this, target = *target] {
         struct stat st {};
-        if (lstat(target.from.c_str(), &st) != 0)
-            planProblem_ = FVStrings::format("restorenocopy", target.to, std::strerror(errno));
+        if (int error = FVRestorePlan::examine(destination_, target.from, &st))
+            planProblem_ = FVStrings::format("restorenocopy", target.to, std::strerror(error));
         else
-            plans_.emplace_back(destination_, target.from, target.to, target.root);
+            plans_.emplace_back(destination_, target.from, target.to, target.root, target.parentMirrors);
         QMetaObject::invokeMethod(this, &FVRestoreController::planned, Qt::QueuedConnection);
     });
 }

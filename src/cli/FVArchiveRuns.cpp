@@ -1,6 +1,7 @@
 #include "cli/FVArchiveRuns.h"
 
 #include "fs/FVDirectoryWalker.h"
+#include "engine/FVMirrorLayout.h"
 #include "engine/FVVersionCatalog.h"
 
 #include <algorithm>
@@ -11,9 +12,10 @@ namespace ferrovane {
 
 FVArchiveRuns FVArchiveRuns::read(const std::string& destination) {
     FVArchiveRuns archives;
-    std::string root = destination == "/" ? "" : destination;
-    archives.add(root + "/" + FVVersionCatalog::kChangedFolder, &FVArchiveRun::changed);
-    archives.add(root + "/" + FVVersionCatalog::kRemovedFolder, &FVArchiveRun::removed);
+    // Only the archive folders are read: the sources do not matter.
+    const FVMirrorLayout layout(destination, true, {});
+    archives.add(layout.archiveRoot(FVArchiveKind::Changed), &FVArchiveRun::changed);
+    archives.add(layout.archiveRoot(FVArchiveKind::Removed), &FVArchiveRun::removed);
     std::stable_sort(archives.runs_.begin(), archives.runs_.end(), [](const FVArchiveRun& a, const FVArchiveRun& b) {
         return a.time != b.time ? a.time > b.time : a.stamp > b.stamp;
     });

@@ -43,7 +43,8 @@ const char* const kCommands =
     "\n"
     "The destination keeps its sources and options in .ferrovane.conf in its root. One run at a\n"
     "time per destination. Exit status of a backup: 0 without errors, 2 bad usage (nothing is\n"
-    "done), 75 another run is using the destination, 255 errors or an unusable configuration.\n"
+    "done), 75 another run or a restore is using the destination, 128 + N cancelled by signal N\n"
+    "(Ctrl-C 130, SIGTERM 143, SIGHUP 129), 255 errors or an unusable configuration.\n"
     "See ferrovane(1).";
 
 const char* const kRootDescription =

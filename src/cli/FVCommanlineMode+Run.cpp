@@ -3,8 +3,11 @@
 
 #include "cli/FVCommanlineMode.h"
 
+#include "cli/FVRunSignals.h"
 #include "fs/FVText.h"
 #include "search/FVSearchText.h"
+
+#include <signal.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -29,15 +32,27 @@ int FVCommanlineMode::runBackup() {
     backupSession_->setDryRun(dryRun_);
 
     notify({"Starting sync to: " + FVText::lastPathComponent(destinationPath_), "", ""}, false);
-    runLoop_.post([this] { backupSession_->start(); });
+    // A signal that came before the start (the cancel it posted found nothing to cancel) keeps
+    // the run from starting at all.
+    runLoop_.post([this] {
+        if (int signal = cancellingSignal_.load()) {
+            std::printf("Sync canceled.\n");
+            std::fflush(stdout);
+            runLoop_.stop(FVRunSignals::exitStatus(signal));
+            return;
+        }
+        backupSession_->start();
+    });
     return runLoop_.run();
 }
 
-void FVCommanlineMode::interrupt() {
-    if (interrupts_.fetch_add(1) > 0) {
+void FVCommanlineMode::interrupt(int signal) {
+    int first = 0;
+    if (!cancellingSignal_.compare_exchange_strong(first, signal)) {
+        if (signal != SIGINT) return;
         std::fputs("\nSync canceled.\n", stdout);
         std::fflush(stdout);
-        std::_Exit(255);
+        std::_Exit(FVRunSignals::exitStatus(first));
     }
     runLoop_.post([this] {
         if (backupSession_) backupSession_->cancel();
@@ -73,6 +88,7 @@ void FVCommanlineMode::finishOnMainThread() {
 
     FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(destinationPath_),
                                     backupSession_->finishedSummary(), ""};
+    printNotes();
     std::vector<std::string> errors = backupSession_->errorMessages();
     notification.replacesPrevious = true;
     notification.critical = !errors.empty();
@@ -100,7 +116,17 @@ void FVCommanlineMode::printErrors(const std::vector<std::string>& errors) {
     std::fflush(stderr);
 }
 
+// Once per run, on standard error beside the errors.
+void FVCommanlineMode::printNotes() {
+    progress_.finish();
+    std::fflush(stdout);
+    for (const std::string& note : backupSession_->notes())
+        std::fprintf(stderr, "Note: %s\n", FVSearchText::printable(note).c_str());
+    std::fflush(stderr);
+}
+
 void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
+    printNotes();
     // A run that a full or read-only destination stopped says why.
     std::vector<std::string> errors = session.errorMessages();
     if (!errors.empty()) printErrors(errors);
@@ -108,7 +134,8 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
     std::printf("Sync canceled.\n");
     std::fflush(stdout);
     notify({"Sync canceled: " + FVText::lastPathComponent(destinationPath_), "", "", true}, false);
-    runLoop_.stop(255);
+    const int signal = cancellingSignal_.load();
+    runLoop_.stop(signal ? FVRunSignals::exitStatus(signal) : 255);
 }
 
 }  // namespace ferrovane

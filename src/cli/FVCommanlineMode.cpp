@@ -1,10 +1,9 @@
 #include "cli/FVCommanlineMode.h"
 
 #include "FVVersion.h"
+#include "cli/FVRunSignals.h"
 #include "fs/FVText.h"
 
-#include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -26,12 +25,7 @@ FVCommanlineMode::FVCommanlineMode(std::unique_ptr<FVUserNotifier> notifier)
     : notifier_(std::move(notifier)) {}
 
 int FVCommanlineMode::main(const std::string& destinationPath, bool noNotifications, bool dryRun) {
-    // Interrupts are taken by a thread of their own; they must be blocked before any thread starts.
-    sigset_t interrupts;
-    sigemptyset(&interrupts);
-    sigaddset(&interrupts, SIGINT);
-    sigaddset(&interrupts, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &interrupts, nullptr);
+    FVRunSignals::block();
 
     std::printf("Ferrovane v%s (%s) launched.\n", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER);
     std::fflush(stdout);
@@ -42,12 +36,7 @@ int FVCommanlineMode::main(const std::string& destinationPath, bool noNotificati
     FVCommanlineMode runner(makeDesktopNotifier());
     runner.setDisableUserNotifications(noNotifications || dryRun);
     runner.setDryRun(dryRun);
-    std::thread([&runner, interrupts] {
-        for (;;) {
-            int signal = 0;
-            if (sigwait(&interrupts, &signal) == 0) runner.interrupt();
-        }
-    }).detach();
+    FVRunSignals::listen([&runner](int signal) { runner.interrupt(signal); });
     int status = runner.startBackupWithDestinationPath(destination);
     std::fflush(stdout);
     std::fflush(stderr);

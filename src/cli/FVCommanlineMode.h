@@ -25,7 +25,7 @@ public:
 
     // One backup of the destination, an absolute path. Returns the exit status: 0 after a run
     // without errors, FVDestinationLock::busyExitStatus when another run holds the destination,
-    // 255 for every other failure.
+    // 128 + the signal's number for a run that a signal cancelled, 255 for every other failure.
     // A dry run prints what the run would change and changes nothing, not even the configuration.
     static int main(const std::string& destinationPath, bool noNotifications, bool dryRun);
 
@@ -38,13 +38,15 @@ public:
     void backupSessionDidCancel(FVBackupSession& session) override;
     void backupSessionWouldChange(FVBackupSession& session, const std::string& line) override;
 
-    // Called from the signal thread: the first interrupt cancels the run like a cancel in the
-    // window; a second one during the cancel ends the process at once.
-    void interrupt();
+    // Called from the signal thread: the first signal cancels the run like a cancel in the
+    // window, and the run then exits with 128 + its number. A second Ctrl-C during the cancel
+    // ends the process at once; a repeated SIGTERM or SIGHUP only cancels.
+    void interrupt(int signal);
 
 private:
     void finishOnMainThread();
     void printErrors(const std::vector<std::string>& errors);
+    void printNotes();
     void notify(const FVUserNotification& notification, bool wait);
     // Runs the loaded configuration; returns the exit status.
     int runBackup();
@@ -63,7 +65,8 @@ private:
     FVRunLoop runLoop_;
     std::unique_ptr<BackupSetController> backupSetController_;
     std::unique_ptr<FVBackupSession> backupSession_;
-    std::atomic<int> interrupts_{0};
+    // The first signal that cancelled the run; 0 while none has.
+    std::atomic<int> cancellingSignal_{0};
 };
 
 }  // namespace ferrovane

@@ -7,6 +7,7 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVDestinationLock.h"
+#include "engine/FVMirrorLayout.h"
 #include "engine/FVOptions.h"
 #include "engine/FVStrings.h"
 #include "fs/FVTestHook.h"
@@ -465,6 +466,14 @@ int main(const Arguments& a) {
     std::string message;
     if (!change(list, options, message))
         return unknownSourceIsBadInput ? refuse(message + "; nothing was changed") : fail(message + "; nothing was changed");
+    // A source list whose mirrors would collide is never written: each run would remove the
+    // other source's files.
+    if (command == "add" || (command == "set" && a.option == FVOptionKey::syncMode)) {
+        const FVMirrorLayout layout = FVMirrorLayout::fromItems(
+            config.destination, FVOptionTable::read(*options.allOptions()).options.syncMode != 0, list.arrangedObjects());
+        if (std::optional<std::string> problem = layout.validateAsSeen())
+            return refuse(printable(*problem) + " Nothing was changed.");
+    }
     // The identity names the job, so it is saved before the job is written.
     if (scheduleChange && options.uuid().empty())
         options.allOptions()->set(FVOptionKey::UUID, FVOptionsPanelController::makeUUID());

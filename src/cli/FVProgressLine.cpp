@@ -20,13 +20,17 @@ std::string timeLeft(double seconds) {
 
 FVProgressLine::FVProgressLine(std::FILE* out, bool terminal) : out_(out), terminal_(terminal) {}
 
+void FVProgressLine::write(const std::string& text) {
+    if (std::fputs(text.c_str(), out_) < 0 || std::fflush(out_) != 0) broken_ = true;
+}
+
 void FVProgressLine::update(const std::string& task, float percent, uint64_t items, uint64_t bytes) {
     std::lock_guard lock(mutex_);
+    if (broken_) return;
     if (!terminal_) {
         if (task.empty() || task == lastTask_) return;
         lastTask_ = task;
-        fmt::print(out_, "{}\n", task);
-        std::fflush(out_);
+        write(task + "\n");
         return;
     }
     const auto now = std::chrono::steady_clock::now();
@@ -38,16 +42,14 @@ void FVProgressLine::update(const std::string& task, float percent, uint64_t ite
     if (elapsed > 1) line += fmt::format("  {}/s", FVNumber::formattedDiskSizeString(bytes / elapsed));
     if (elapsed > 1 && percent > 1 && percent < 100) line += "  " + timeLeft(elapsed * (100 - percent) / percent);
     // Back to the start of the line, then clear what a longer line before left behind.
-    fmt::print(out_, "\r{}\033[K", line);
-    std::fflush(out_);
+    write("\r" + line + "\033[K");
     linePending_ = true;
 }
 
 void FVProgressLine::finish() {
     std::lock_guard lock(mutex_);
-    if (!linePending_) return;
-    std::fputc('\n', out_);
-    std::fflush(out_);
+    if (!linePending_ || broken_) return;
+    write("\n");
     linePending_ = false;
 }
 

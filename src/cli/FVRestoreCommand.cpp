@@ -1,8 +1,11 @@
 #include "cli/FVRestoreCommand.h"
 
 #include "cli/FVJsonText.h"
+#include "cli/FVOutput.h"
+#include "cli/FVRunSignals.h"
 
 #include "engine/FVAdditions.h"
+#include "engine/FVDestinationLock.h"
 #include "engine/FVRestorePlan.h"
 #include "engine/FVRestoreRun.h"
 #include "engine/FVRestoreTarget.h"
@@ -14,7 +17,6 @@
 
 #include <limits.h>
 #include <sys/stat.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -22,6 +24,7 @@
 #include <atomic>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -37,9 +40,22 @@ constexpr int kExitUsage = 2;
 constexpr uint64_t kProgressLineEvery = 1000;
 
 std::atomic<bool> interrupted{false};
-static_assert(std::atomic<bool>::is_always_lock_free);
+// The first signal that cancelled the restore; 0 while none has.
+std::atomic<int> cancellingSignal{0};
+// Until the copy starts nothing has been written: a signal then ends the process at once. The
+// mutex keeps a signal's exit and the start of the copy apart.
+std::mutex copyStart;
+bool copying = false;
+FVRestoreRun* activeRun = nullptr;
 
-void onInterrupt(int) { interrupted.store(true, std::memory_order_relaxed); }
+void onSignal(int signal) {
+    std::lock_guard lock(copyStart);
+    if (!copying) std::_Exit(FVRunSignals::exitStatus(signal));
+    int none = 0;
+    cancellingSignal.compare_exchange_strong(none, signal);
+    interrupted.store(true, std::memory_order_relaxed);
+    if (activeRun) activeRun->cancel();
+}
 
 std::string shown(std::string_view text) { return FVSearchText::printable(text); }
 
@@ -82,7 +98,7 @@ std::optional<FVVersionCatalog> openCatalog(const char* command, const std::stri
     std::string problem;
     auto catalog = FVVersionCatalog::open(resolved(absolute(destination)), &problem);
     if (!catalog)
-        fmt::print(stderr, "ferrovane {}: cannot use the destination {}: {}\n", command, shown(destination),
+        FVOutput::print(stderr, "ferrovane {}: cannot use the destination {}: {}\n", command, shown(destination),
                    shown(problem));
     return catalog;
 }
@@ -93,7 +109,7 @@ std::optional<std::string> mirrorPathOrComplain(const char* command, const FVVer
     auto mirror = catalog.mirrorPath(path);
     if (!mirror) mirror = catalog.mirrorPath(resolved(path));
     if (!mirror)
-        fmt::print(stderr, "ferrovane {}: {} is neither inside the destination nor below one of its sources.\n",
+        FVOutput::print(stderr, "ferrovane {}: {} is neither inside the destination nor below one of its sources.\n",
                    command, shown(named));
     return mirror;
 }
@@ -103,29 +119,32 @@ std::optional<std::string> mirrorPathOrComplain(const char* command, const FVVer
 int versionsMain(const std::string& destination, const std::string& path, bool json) {
     auto catalog = openCatalog("versions", destination);
     if (!catalog) return kExitUsage;
+    // Listing changes nothing, so it goes on; but which source a mirror path belongs to is a guess.
+    if (std::optional<std::string> problem = catalog->layout().validateAsSeen())
+        fmt::print(stderr, "ferrovane versions: warning: {}\n", shown(*problem));
     auto mirror = mirrorPathOrComplain("versions", *catalog, path);
     if (!mirror) return kExitUsage;
     std::vector<FVItemVersion> versions = catalog->versions(*mirror);
     auto original = catalog->originalPath(*mirror);
     if (json) {
-        fmt::print("{{{}, \"versions\": [", FVJsonText::pathFields("path", original.value_or(*mirror)));
+        FVOutput::print(stdout, "{{{}, \"versions\": [", FVJsonText::pathFields("path", original.value_or(*mirror)));
         for (size_t k = 0; k < versions.size(); ++k) {
             const FVItemVersion& v = versions[k];
-            fmt::print("{}\n  {{\"version\": {}, \"kind\": \"{}\", \"type\": \"{}\", \"size\": {}, "
+            FVOutput::print(stdout, "{}\n  {{\"version\": {}, \"kind\": \"{}\", \"type\": \"{}\", \"size\": {}, "
                        "\"modified\": \"{}\", {}}}",
                        k ? "," : "", FVJsonText::quoted(v.label()), versionKindName(v.kind), fileTypeName(v.type), v.size,
                        utcTime(v.modificationTime, "%Y-%m-%dT%H:%M:%SZ"), FVJsonText::pathFields("location", v.path));
         }
-        fmt::print("{}]}}\n", versions.empty() ? "" : "\n");
+        FVOutput::print(stdout, "{}]}}\n", versions.empty() ? "" : "\n");
     } else {
-        fmt::print("{}\n", shown(original.value_or(*mirror)));
+        FVOutput::print(stdout, "{}\n", shown(original.value_or(*mirror)));
         for (const FVItemVersion& v : versions)
-            fmt::print("  {:<26} {:<8} {:>14}  {}  {}\n", v.label(), versionKindName(v.kind),
+            FVOutput::print(stdout, "  {:<26} {:<8} {:>14}  {}  {}\n", v.label(), versionKindName(v.kind),
                        v.type == FVFileType::Directory ? std::string("folder") : fmt::format("{} bytes", v.size),
                        localTime(v.modificationTime), shown(v.path));
     }
     if (versions.empty()) {
-        fmt::print(stderr, "ferrovane versions: the destination holds no version of {}.\n", shown(path));
+        FVOutput::print(stderr, "ferrovane versions: the destination holds no version of {}.\n", shown(path));
         return kExitFailed;
     }
     return kExitDone;
@@ -140,18 +159,17 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
     const std::string& destination = catalog.destination();
     std::string toFolder = a.to.empty() ? "" : resolved(absolute(a.to));
     if (!toFolder.empty() && FVText::isPathWithin(toFolder, destination)) {
-        fmt::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
+        FVOutput::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
                    shown(a.to));
         return std::nullopt;
     }
     std::vector<FVRestoreTarget> items;
     if (a.all) {
         if (catalog.sources().empty()) {
-            fmt::print(stderr, "ferrovane restore: the destination has no source to restore.\n");
+            FVOutput::print(stderr, "ferrovane restore: the destination has no source to restore.\n");
             *status = kExitFailed;
             return std::nullopt;
         }
-        std::string root = destination == "/" ? "" : destination;
         for (const std::string& source : catalog.sources()) {
             std::string original = FVText::standardizedPath(source);
             // A source inside another comes back with the outer one, never twice.
@@ -164,7 +182,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
                                  : original == "/" ? toFolder
                                                    : (toFolder == "/" ? "" : toFolder) + original;
             std::string anchor = toFolder.empty() ? FVText::deletingLastPathComponent(original) : toFolder;
-            items.push_back(FVRestoreTarget::confined(root + catalog.sourceMirrorPath(original), anchor, target));
+            items.push_back(FVRestoreTarget::confined(catalog.layout().mirrorPath(original), anchor, target));
         }
     } else {
         auto mirror = mirrorPathOrComplain("restore", catalog, a.what);
@@ -177,7 +195,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
                 break;
             }
         if (!chosen) {
-            fmt::print(stderr, "ferrovane restore: the destination holds no {} of {}.\n",
+            FVOutput::print(stderr, "ferrovane restore: the destination holds no {} of {}.\n",
                        a.version.empty() ? "version" : "version " + shown(a.version), shown(a.what));
             *status = kExitFailed;
             return std::nullopt;
@@ -185,7 +203,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
         std::string problem;
         auto item = FVRestoreTarget::forVersion(catalog, *mirror, chosen->path, toFolder, &problem);
         if (!item) {
-            fmt::print(stderr, "ferrovane restore: {}: {}; name a folder with --to.\n", shown(a.what), problem);
+            FVOutput::print(stderr, "ferrovane restore: {}: {}; name a folder with --to.\n", shown(a.what), problem);
             return std::nullopt;
         }
         items.push_back(std::move(*item));
@@ -193,18 +211,18 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
     std::vector<FVRestorePlan> plans;
     for (const FVRestoreTarget& item : items) {
         if (FVText::isPathWithin(item.to, destination)) {
-            fmt::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
+            FVOutput::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
                        shown(item.to));
             return std::nullopt;
         }
         struct stat st {};
-        if (lstat(item.from.c_str(), &st) != 0) {
-            fmt::print(stderr, "ferrovane restore: the destination holds no copy of {} ({}).\n", shown(item.to),
-                       std::strerror(errno));
+        if (int error = FVRestorePlan::examine(destination, item.from, &st)) {
+            FVOutput::print(stderr, "ferrovane restore: the destination holds no copy of {} ({}).\n", shown(item.to),
+                            std::strerror(error));
             *status = kExitFailed;
             return std::nullopt;
         }
-        plans.emplace_back(destination, item.from, item.to, item.root);
+        plans.emplace_back(destination, item.from, item.to, item.root, item.parentMirrors);
     }
     return plans;
 }
@@ -213,7 +231,7 @@ class ProgressLine {
 public:
     ProgressLine() : terminal_(isatty(STDERR_FILENO)) {}
     ~ProgressLine() {
-        if (terminal_ && shownPercent_ >= 0) fmt::print(stderr, "\n");
+        if (terminal_ && shownPercent_ >= 0) FVOutput::print(stderr, "\n");
     }
     void update(uint64_t done, uint64_t total) {
         if (total == 0) return;
@@ -221,11 +239,11 @@ public:
             int percent = static_cast<int>(done * 100 / total);
             if (percent == shownPercent_) return;
             shownPercent_ = percent;
-            fmt::print(stderr, "\rRestoring: {}%", percent);
+            FVOutput::print(stderr, "\rRestoring: {}%", percent);
             std::fflush(stderr);
         } else {
             for (; nextLine_ <= done; nextLine_ += kProgressLineEvery)
-                if (nextLine_ > 0) fmt::print(stderr, "Restored {} of {} items\n", nextLine_, total);
+                if (nextLine_ > 0) FVOutput::print(stderr, "Restored {} of {} items\n", nextLine_, total);
         }
     }
 
@@ -238,8 +256,33 @@ private:
 }  // namespace
 
 int restoreMain(const RestoreArguments& arguments) {
+    // Before the copy's threads start, so that none of them takes a signal.
+    FVRunSignals::block();
+    FVRunSignals::listen(onSignal);
+    // Shared: restores may run side by side, never beside a backup or a configuration change,
+    // so the versions cannot move while they are planned and copied.
+    FVDestinationLock lock;
+    const std::string lockedPath = resolved(absolute(arguments.destination));
+    switch (lock.acquire(lockedPath, FVDestinationLock::Mode::Shared)) {
+    case FVDestinationLock::Status::Busy:
+        FVOutput::print(stderr, "{}\n", shown(FVDestinationLock::busyMessage(lockedPath)));
+        return FVDestinationLock::busyExitStatus;
+    case FVDestinationLock::Status::Failed:
+        FVOutput::print(stderr, "ferrovane restore: cannot make sure that no run uses the destination ({}).\n",
+                        shown(lock.reason()));
+        return kExitFailed;
+    case FVDestinationLock::Status::Acquired:
+    case FVDestinationLock::Status::Missing:
+        break;
+    }
     auto catalog = openCatalog("restore", arguments.destination);
     if (!catalog) return kExitUsage;
+    // Colliding mirrors hold one source's files under another's name: nothing is restored then.
+    if (std::optional<std::string> problem = catalog->layout().validateAsSeen()) {
+        fmt::print(stderr, "ferrovane restore: cannot use the destination {}: {}\n", shown(arguments.destination),
+                   shown(*problem));
+        return kExitUsage;
+    }
     int status = kExitUsage;
     auto plans = planRestore(arguments, *catalog, &status);
     if (!plans) return status;
@@ -252,46 +295,51 @@ int restoreMain(const RestoreArguments& arguments) {
         conflicts += plan.conflicts().size();
         problems += plan.problems().size();
         for (const FVRestorePlan::Conflict& conflict : plan.conflicts())
-            fmt::print("Conflict: {} ({})\n", shown(conflict.target), conflict.reason);
+            FVOutput::print(stdout, "Conflict: {} ({})\n", shown(conflict.target), conflict.reason);
     }
     if (arguments.dryRun) {
         for (const FVRestorePlan& plan : *plans) {
-            fmt::print("Would restore {} to {}\n", shown(plan.from()), shown(plan.to()));
-            for (const auto& [from, to] : plan.pairs()) fmt::print("  {}\n", shown(to->path()));
-            for (const std::string& problem : plan.problems()) fmt::print(stderr, "ERROR: {}\n", shown(problem));
+            FVOutput::print(stdout, "Would restore {} to {}\n", shown(plan.from()), shown(plan.to()));
+            for (const auto& [from, to] : plan.pairs()) FVOutput::print(stdout, "  {}\n", shown(to->path()));
+            for (const std::string& problem : plan.problems()) FVOutput::print(stderr, "ERROR: {}\n", shown(problem));
         }
-        fmt::print("Dry run: {} files ({}) would be restored, {} already identical, {} conflicts, {} errors.\n", files,
+        FVOutput::print(stdout, "Dry run: {} files ({}) would be restored, {} already identical, {} conflicts, {} errors.\n", files,
                    FVNumber::formattedDiskSizeString(static_cast<double>(bytes)), identical, conflicts, problems);
         return (conflicts && !arguments.replace) || problems ? kExitFailed : kExitDone;
     }
     if (conflicts && !arguments.replace) {
-        fmt::print(stderr,
+        FVOutput::print(stderr,
                    "ferrovane restore: nothing was restored: {} existing items differ from the backup. "
                    "Restore --to another folder, or add --replace to move them to the trash first.\n",
                    conflicts);
         return kExitFailed;
     }
 
-    struct sigaction action {}, previous {};
-    action.sa_handler = onInterrupt;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, &previous);
     FVRestoreRun run(*plans, arguments.replace);
+    {
+        std::lock_guard lock(copyStart);
+        copying = true;
+        activeRun = &run;
+    }
     FVRestoreRun::Summary summary;
     {
         ProgressLine progress;
         summary = run.run(
             catalog->destination(), [&](uint64_t done, uint64_t total) { progress.update(done, total); },
             [](const std::string& line, bool isError) {
-                fmt::print(isError ? stderr : stdout, "{}\n", shown(line));
+                FVOutput::print(isError ? stderr : stdout, "{}\n", shown(line));
             },
             interrupted);
     }
-    sigaction(SIGINT, &previous, nullptr);
-    fmt::print("Restore {}: {} files ({}), {} already identical, {} conflicts moved aside, {} errors.\n",
+    {
+        std::lock_guard lock(copyStart);
+        activeRun = nullptr;
+    }
+    FVOutput::print(stdout, "Restore {}: {} files ({}), {} already identical, {} conflicts moved aside, {} errors.\n",
                summary.cancelled ? "cancelled" : "finished", summary.files,
                FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), identical, summary.replaced,
                summary.errors);
+    if (summary.cancelled && cancellingSignal.load()) return FVRunSignals::exitStatus(cancellingSignal.load());
     return summary.cancelled || summary.errors ? kExitFailed : kExitDone;
 }
 

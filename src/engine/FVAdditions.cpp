@@ -3,11 +3,11 @@
 #include "fs/FVExtendedAttributes.h"
 #include "fs/FVFileDescriptor.h"
 #include "fs/FVInodeFlags.h"
+#include "fs/FVMountTable.h"
 #include "platform/FVSystemLog.h"
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <libmount/libmount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -65,19 +65,7 @@ constexpr const char* kClassName = "FVFileManager";
 
 }  // namespace
 
-std::string filesystemTypeAtPath(const std::string& path) {
-    char* mountPoint = mnt_get_mountpoint(path.c_str());
-    if (!mountPoint) return "";
-    std::string type;
-    if (libmnt_table* table = mnt_new_table_from_file("/proc/self/mountinfo")) {
-        if (libmnt_fs* fs = mnt_table_find_target(table, mountPoint, MNT_ITER_BACKWARD)) {
-            if (const char* name = mnt_fs_get_fstype(fs)) type = name;
-        }
-        mnt_unref_table(table);
-    }
-    free(mountPoint);
-    return type;
-}
+std::string filesystemTypeAtPath(const std::string& path) { return FVMountTable::fileSystemTypeAtPath(path); }
 
 namespace {
 
@@ -148,10 +136,11 @@ void unlockRecursivelyAt(int dirFd, const std::string& name) {
     else FVInodeFlags::clearLocking(fd.get());
 }
 
-FVExistence existenceAtPath(const std::string& path, int* error) {
+FVExistence existenceAtPath(const std::string& path, int* error, mode_t* type) {
     struct stat st {};
     int result = FVLongPath::lstat(path, &st) == 0 ? 0 : errno;
     if (error) *error = result;
+    if (type) *type = st.st_mode & S_IFMT;
     if (result == 0) return FVExistence::Exists;
     return result == ENOENT || result == ENOTDIR ? FVExistence::Missing : FVExistence::Unknown;
 }

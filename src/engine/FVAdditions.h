@@ -9,6 +9,8 @@
 
 #include <ctime>
 
+#include <sys/types.h>
+
 namespace ferrovane {
 
 namespace FVDate {
@@ -54,7 +56,8 @@ void unlockRecursivelyAt(int dirFd, const std::string& name);
 // carries keeps an item that cannot carry an attribute from being copied on every run.
 std::string xattrNameAndDataStringForFileAtPath(const std::string& path, bool includeACL = true);
 bool xattrIdentialforFileAtPath(const std::string& path, const std::string& otherPath, bool includeACL = true);
-FVExistence existenceAtPath(const std::string& path, int* error = nullptr);
+// type: the item's S_IFMT bits where it exists.
+FVExistence existenceAtPath(const std::string& path, int* error = nullptr, mode_t* type = nullptr);
 // Whether anything (a dangling link too) is at the path.
 bool pathExists(const std::string& path);
 }  // namespace FVFileManager

@@ -75,7 +75,8 @@ FVFd FVArchiveMove::copyInto(int in, const struct stat& st, FVTemporaryEntry& en
         return FVFd();
     int error = 0;
     if (!FVItemMetadata::cloneTimes(st, {out.get(), false}, &error) ||
-        !FVItemMetadata::cloneStatusAndAttributes({in, false}, st, {out.get(), false}, cloneACL_, &error))
+        !FVItemMetadata::cloneStatusAndAttributes({in, false}, st, {out.get(), false}, cloneACL_, &error, nullptr,
+                                                  &keeps_))
         status_.log(fmt::format("WARNING: Could not preserve metadata on the archived copy of {} ({})", path,
                                 std::strerror(error)));
     if (fsync(out.get()) != 0) return FVFd();

@@ -6,6 +6,7 @@
 
 #include "engine/FVDestinationTree.h"
 #include "engine/FVRunStatus.h"
+#include "fs/FVDestinationProfile.h"
 #include "fs/FVFileDescriptor.h"
 
 #include <sys/stat.h>
@@ -18,8 +19,9 @@ class FVTemporaryEntry;
 
 class FVArchiveMove {
 public:
-    FVArchiveMove(const FVDestinationTree& destination, FVRunStatus& status, bool cloneACL)
-        : destination_(destination), status_(status), cloneACL_(cloneACL) {}
+    FVArchiveMove(const FVDestinationTree& destination, FVRunStatus& status, bool cloneACL,
+                  const FVDestinationProfile& keeps)
+        : destination_(destination), status_(status), cloneACL_(cloneACL), keeps_(keeps) {}
 
     // Like FVDestinationTree::moveItem (0 or the errno; never replaces an archived item). known is
     // the item's lstat where the caller has it.
@@ -36,6 +38,7 @@ private:
     const FVDestinationTree& destination_;
     FVRunStatus& status_;
     bool cloneACL_;
+    const FVDestinationProfile& keeps_;
 };
 
 }  // namespace ferrovane

@@ -14,8 +14,11 @@ namespace ferrovane {
 
 void FVArchivePurge::run() {
     const FVOptions& options = settings_.options;
-    if (options.purgesRemovedArchives()) purgeFolder(settings_.targetPath + "/__removed", options.purgeRemovedArchiveDays);
-    if (options.purgesChangedArchives()) purgeFolder(settings_.targetPath + "/__changed", options.purgeChangedArchiveDays);
+    const FVMirrorLayout layout = settings_.layout();
+    if (options.purgesRemovedArchives())
+        purgeFolder(layout.archiveRoot(FVArchiveKind::Removed), options.purgeRemovedArchiveDays);
+    if (options.purgesChangedArchives())
+        purgeFolder(layout.archiveRoot(FVArchiveKind::Changed), options.purgeChangedArchiveDays);
 }
 
 void FVArchivePurge::purgeFolder(const std::string& folder, int64_t age) {

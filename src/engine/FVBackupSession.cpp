@@ -5,24 +5,49 @@
 #include "engine/FVExclusionRules.h"
 #include "engine/FVLog.h"
 #include "engine/FVStrings.h"
+#include "fs/FVDestinationProbe.h"
+#include "engine/FVVersionCatalog.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
 #include <fmt/format.h>
 
+#include <dirent.h>
+
+#include <algorithm>
+#include <ctime>
+#include <optional>
+
 namespace ferrovane {
 
 namespace {
 
-// The stamp of the run's archive folders: now, or the next second that no earlier run has used.
-// Two runs within one second (a scheduled run right after a manual one) must never share a stamp
-// folder, or the second one's archive moves would meet the first one's versions.
-std::string unusedArchiveStamp(const std::string& destination) {
-    std::time_t at = std::time(nullptr);
+// The newest time that a stamp folder in the destination's archives stands for; 0 for none.
+std::time_t newestArchiveStamp(const FVMirrorLayout& layout) {
+    std::time_t newest = 0;
+    for (FVArchiveKind kind : {FVArchiveKind::Changed, FVArchiveKind::Removed}) {
+        DIR* folder = opendir(layout.archiveRoot(kind).c_str());
+        if (!folder) continue;
+        while (const dirent* entry = readdir(folder))
+            if (std::optional<std::time_t> time = FVVersionCatalog::stampTime(entry->d_name))
+                newest = std::max(newest, *time);
+        closedir(folder);
+    }
+    return newest;
+}
+
+// The stamp of the run's archive folders: now, or, when an earlier run's stamp is at or after
+// now, the second after the newest stamp. So stamp order is run order, whatever the clock did
+// (set back, a wrong time zone, another machine writing to the same disk), and the versions of
+// a path sort by the run that archived them. Two runs within one second (a scheduled run right
+// after a manual one) never share a stamp folder, or the second one's archive moves would meet
+// the first one's versions.
+std::string unusedArchiveStamp(const FVMirrorLayout& layout) {
+    std::time_t at = std::max(std::time(nullptr), newestArchiveStamp(layout) + 1);
     for (int tries = 0; tries < 3600; ++tries, ++at) {
         std::string stamp = FVDate::archiveStamp(at);
-        if (FVFileManager::existenceAtPath(destination + "/__changed/" + stamp) == FVExistence::Missing &&
-            FVFileManager::existenceAtPath(destination + "/__removed/" + stamp) == FVExistence::Missing)
+        if (FVFileManager::existenceAtPath(layout.archiveFolder(FVArchiveKind::Changed, stamp)) == FVExistence::Missing &&
+            FVFileManager::existenceAtPath(layout.archiveFolder(FVArchiveKind::Removed, stamp)) == FVExistence::Missing)
             return stamp;
     }
     return FVDate::archiveStamp(at);
@@ -53,6 +78,20 @@ void FVBackupSession::progressStep() {
 }
 
 void FVBackupSession::start() {
+    FVRunSettings settings;
+    settings.targetPath = destinationPath_;
+    settings.options = backupOptions_;
+    // Sources that would share or overlap a mirror, or land on a name the destination keeps, would
+    // make each run remove the other's files: nothing is touched then. What the destination shows
+    // without a write decides first; the trials below can only add that it ignores case.
+    const FVMirrorLayout layout = FVMirrorLayout::fromItems(destinationPath_, settings.syncMode(), backupSet_);
+    FVDestinationProbe probe(destinationPath_, std::string(kTemporaryFilePrefix) + "probe");
+    settings.destinationProfile = probe.probeWithoutWriting(FVConfigurationFile::fileName);
+    if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
+    // Before anything is written. A dry run writes nothing, so it only looks.
+    if (!dryRun_) settings.destinationProfile = probe.probe();
+    if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
+
     if (!sleepInhibitor_.acquire("Ferrovane is syncing files."))
         FVSystemLog::error("FVBackupSession", "Sleep prevention failed...");
     setTaskDescription("");
@@ -62,10 +101,7 @@ void FVBackupSession::start() {
         if (item->mode() == FVSourceMode::Backup) enabledItems_.push_back(item);
     sessionTaskCount_ = enabledItems_.size() + (shouldPerformCleanup_ ? 1 : 0);
 
-    FVRunSettings settings;
-    settings.targetPath = destinationPath_;
-    settings.options = backupOptions_;
-    settings.archiveFolderName = unusedArchiveStamp(destinationPath_);
+    settings.archiveFolderName = unusedArchiveStamp(layout);
     // A clone of "/" (also a disabled one, which may be enabled again) keeps the destination's own files.
     for (const FVSourceItemPtr& item : backupSet_)
         if (item->mode() <= FVSourceMode::Backup && item->sourcePath() == "/")
@@ -77,6 +113,9 @@ void FVBackupSession::start() {
             if (delegate_) delegate_->backupSessionWouldChange(*this, line);
         };
     syncingBackup_ = std::make_unique<FVSyncingBackup>(std::move(settings), excludePaths_, [this] { progressStep(); });
+    if (!probe.problem().empty())
+        FVLog::currentLog().addLogLine(fmt::format(
+            "NOTE: The destination could not be probed ({}); assuming what its type can hold.", probe.problem()));
     currentItemIndex_ = 0;
     driver_ = std::thread([this] { run(); });
 }
@@ -140,6 +179,18 @@ void FVBackupSession::finish() {
     if (delegate_) delegate_->backupSessionDidFinish(*this);
 }
 
+void FVBackupSession::refuse(const std::string& problem) {
+    refusal_ = problem;
+    FVLog& log = FVLog::currentLog();
+    log.newLog();
+    log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
+    log.addLogLine("ERROR: " + problem);
+    log.addLogLine("Sync cancelled: nothing was changed.\n");
+    log.closeLog();
+    setTaskDescription("Cancelled.");
+    if (delegate_) delegate_->backupSessionDidCancel(*this);
+}
+
 void FVBackupSession::didCancel() {
     syncingBackup_->flushDestination();
     FVLog::currentLog().addLogLine("Sync cancelled.\n");
@@ -152,11 +203,16 @@ void FVBackupSession::didCancel() {
 
 std::vector<std::string> FVBackupSession::errorMessages() const {
     std::vector<std::string> errors = configurationProblems_;
+    if (!refusal_.empty()) errors.push_back(refusal_);
     if (syncingBackup_) {
         std::vector<std::string> job = syncingBackup_->errorMessages();
         errors.insert(errors.end(), job.begin(), job.end());
     }
     return errors;
+}
+
+std::vector<std::string> FVBackupSession::notes() const {
+    return syncingBackup_ ? syncingBackup_->notes() : std::vector<std::string>();
 }
 
 uint64_t FVBackupSession::sessionTotalBytesCopied() const {

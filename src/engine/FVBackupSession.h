@@ -56,6 +56,8 @@ public:
 
     float progressPercent() const;
     std::vector<std::string> errorMessages() const;
+    // What the run says once that is no error (see FVSyncingBackup::notes).
+    std::vector<std::string> notes() const;
     uint64_t sessionTotalBytesCopied() const;
     std::string currentTaskDescription() const;
     bool shouldPerformCleanup() const { return shouldPerformCleanup_; }
@@ -73,6 +75,8 @@ private:
     void recordResults(FVSourceItem& item) const;
     void finish();
     void didCancel();
+    // Ends the run before it touches anything: the problem goes to the log and the errors.
+    void refuse(const std::string& problem);
     void setTaskDescription(std::string text);
     void progressStep();
 
@@ -80,6 +84,7 @@ private:
     std::string destinationPath_;
     FVOptions backupOptions_;
     std::vector<std::string> configurationProblems_;
+    std::string refusal_;
     std::vector<FVSourceItemPtr> backupSet_;
     std::vector<std::string> excludePaths_;
     std::vector<FVSourceItemPtr> enabledItems_;

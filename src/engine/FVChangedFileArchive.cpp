@@ -9,34 +9,40 @@
 
 namespace ferrovane {
 
-std::string FVChangedFileArchive::archivePath(const std::string& destinationPath) const {
-    const std::string& target = settings_.targetPath;
-    std::string relative = destinationPath.substr(target.size());
-    std::string path = target + "/__changed/" + settings_.archiveFolderName;
-    if (relative.empty() || relative.front() != '/') path += "/";
-    return path + relative;
+std::string FVChangedFileArchive::archivePath(const std::string& destinationPath, FVArchiveKind kind) const {
+    // The copy writes only inside the mirror, so the path always lies in the destination.
+    const FVMirrorLayout layout = settings_.layout();
+    return layout.archivePath(kind, settings_.archiveFolderName,
+                              layout.relativePathOfDestinationPath(destinationPath).value_or(""));
 }
 
 bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination) {
-    if (!settings_.options.moveChangedFiles || !destination.fileExists()) return true;
+    if (!destination.fileExists()) return true;
+    // Only a folder whose source is something else now is replaced: its contents were removed
+    // from the source, as if the folder had been deleted.
+    const bool folder = destination.fileType() == FVFileType::Directory;
+    if (!(folder ? settings_.options.moveDeletedFiles : settings_.options.moveChangedFiles)) return true;
+    const char* what = folder ? "replaced folder" : "changed file";
     const std::string& path = destination.path();
-    const std::string archived = archivePath(path);
-    const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone);
+    const std::string archived = archivePath(path, folder ? FVArchiveKind::Removed : FVArchiveKind::Changed);
+    const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone,
+                                settings_.destinationProfile);
     destination_.unlock(path);
     if (archive.move(path, archived, &destination.statBuffer()) == 0) return true;
     destination_.unlock(FVText::deletingLastPathComponent(path));
     int error = archive.move(path, archived, &destination.statBuffer());
     if (error == 0) {
-        status_.verboseLog("Archived changed file: " + path);
+        status_.verboseLog(fmt::format("Archived {}: {}", what, path));
         return true;
     }
-    // The old version stays where it is and the file is not copied this time: overwriting it
+    // The old version stays where it is and the item is not copied this time: overwriting it
     // now would lose the only copy of that version. The next run tries again.
     if (status_.stopOnFatalDestinationError(error, "archiving", path)) return false;
     const char* reason = std::strerror(error);
-    status_.log(fmt::format("ERROR: Archiving of changed file failed: {} ({})", path, reason));
-    status_.addError(fmt::format("Archiving changed file failed: {} ({})", path, reason));
-    FVSystemLog::error("FVSyncingBackup", fmt::format("Archiving changed file failed: {} -> {} ({})", path, archived, reason));
+    status_.log(fmt::format("ERROR: Archiving of {} failed: {} ({})", what, path, reason));
+    status_.addError(fmt::format("Archiving {} failed: {} ({})", what, path, reason));
+    FVSystemLog::error("FVSyncingBackup",
+                       fmt::format("Archiving {} failed: {} -> {} ({})", what, path, archived, reason));
     return false;
 }
 

@@ -1,9 +1,11 @@
 #pragma once
 // Before the copy overwrites a destination file, its old version moves to
-// __changed/<stamp>/ at the same relative path. Called on the copy worker's threads.
+// __changed/<stamp>/ at the same relative path; a folder that something else replaces goes the
+// way of a removed folder, to __removed/<stamp>/. Called on the copy worker's threads.
 
 #include "engine/FVDestinationTree.h"
 #include "engine/FVFileSystemItem.h"
+#include "engine/FVMirrorLayout.h"
 #include "engine/FVRunSettings.h"
 #include "engine/FVRunStatus.h"
 
@@ -16,8 +18,8 @@ public:
     FVChangedFileArchive(const FVRunSettings& settings, const FVDestinationTree& destination, FVRunStatus& status)
         : settings_(settings), destination_(destination), status_(status) {}
 
-    // Where the old version of a destination item goes.
-    std::string archivePath(const std::string& destinationPath) const;
+    // Where the old version of a destination item goes in this run's archive of that kind.
+    std::string archivePath(const std::string& destinationPath, FVArchiveKind kind = FVArchiveKind::Changed) const;
     // False keeps the destination as it is, and the file is then not copied in this run.
     bool archiveBeforeOverwrite(FVFileSystemItem& destination);
 

@@ -2,6 +2,7 @@
 // The destination's own configuration: ".ferrovane.conf" in its root, a property list
 // {"settings": options, "sources": [items]}.
 
+#include "engine/FVMirrorLayout.h"
 #include "engine/FVOptions.h"
 #include "engine/FVPlist.h"
 #include "engine/FVSourceItem.h"
@@ -35,7 +36,7 @@ struct FVConfigurationReadResult {
 
 namespace FVConfigurationFile {
 
-inline constexpr const char* fileName = ".ferrovane.conf";
+inline constexpr const char* fileName = FVMirrorLayout::kConfigurationName;
 inline constexpr const char* legacyFileName = "ferrovane.settings";
 // Larger files are refused rather than parsed: no real configuration comes near this.
 inline constexpr size_t maximumFileSize = 32 * 1024 * 1024;

@@ -17,12 +17,12 @@ std::string FVDestinationLock::busyMessage(const std::string& destination) {
     return "Another Ferrovane run is using this destination: " + destination + ". Try again when it has finished.";
 }
 
-FVDestinationLock::Status FVDestinationLock::acquire(const std::string& destination) {
-    return acquire(destination, std::chrono::milliseconds(0));
+FVDestinationLock::Status FVDestinationLock::acquire(const std::string& destination, Mode mode) {
+    return acquire(destination, std::chrono::milliseconds(0), mode);
 }
 
 FVDestinationLock::Status FVDestinationLock::acquire(const std::string& destination,
-                                                     std::chrono::milliseconds wait) {
+                                                     std::chrono::milliseconds wait, Mode mode) {
     release();
     reason_.clear();
     FVFd fd(open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -32,7 +32,7 @@ FVDestinationLock::Status FVDestinationLock::acquire(const std::string& destinat
     }
     const auto deadline = std::chrono::steady_clock::now() + wait;
     for (;;) {
-        if (flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {
+        if (flock(fd.get(), (mode == Mode::Shared ? LOCK_SH : LOCK_EX) | LOCK_NB) == 0) {
             fd_ = std::move(fd);
             return Status::Acquired;
         }

@@ -40,7 +40,8 @@ void FVDirectoryMetadataFinisher::finish() {
         FVFd target = relative ? worker_.destination->openFolder(*relative, false, &error) : FVFd();
         bool ok = source.valid() && fstat(source.get(), &st) == 0 && target.valid() &&
                   FVItemMetadata::cloneStatusAndAttributes({source.get(), false}, st, {target.get(), false},
-                                                           !worker_.disableACLClone, &error) &&
+                                                           !worker_.disableACLClone, &error, nullptr,
+                                                           &worker_.destinationProfile) &&
                   FVItemMetadata::cloneTimes(st, {target.get(), false}, &error);
         if (!ok && FVDestinationFailure::isFatal(error)) {
             worker_.stopOnDestinationFailure(FVDestinationFailure(error, "setting the metadata of", store_.destination(i)));

@@ -1,23 +1,20 @@
 #include "engine/FVExclusionRules.h"
 
+#include "engine/FVMirrorLayout.h"
+
 namespace ferrovane {
 
 namespace {
 
-std::string_view lastComponent(std::string_view path) {
-    auto slash = path.find_last_of('/');
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
+// "/a/b/" holds what lies below /a/b; "/a/b" holds /a/b itself and what lies below it.
+bool absolutePatternHolds(std::string_view pattern, std::string_view path) {
+    if (pattern.ends_with('/')) return path.starts_with(pattern);
+    return path.starts_with(pattern) && (path.size() == pattern.size() || path[pattern.size()] == '/');
 }
 
-bool hasComponent(std::string_view path, std::string_view component) {
-    size_t pos = 0;
-    while (pos <= path.size()) {
-        size_t end = path.find('/', pos);
-        if (end == std::string_view::npos) end = path.size();
-        if (path.substr(pos, end - pos) == component) return true;
-        pos = end + 1;
-    }
-    return false;
+// "name" and "a/name" match whole trailing components: "log" leaves out ".../log", not "catalog".
+bool namePatternMatches(std::string_view pattern, std::string_view path) {
+    return path.ends_with(pattern) && (path.size() == pattern.size() || path[path.size() - pattern.size() - 1] == '/');
 }
 
 }  // namespace
@@ -26,13 +23,9 @@ bool FVExclusionRules::fileShouldBeExcluded(const std::string& path, const std::
                                             const std::string* currentSourceItemPath) {
     for (const std::string& pattern : patterns) {
         if (pattern.starts_with('/')) {
-            if (currentSourceItemPath && currentSourceItemPath->starts_with(pattern)) continue;
-            if (pattern.ends_with('/')) {
-                if (path.starts_with(pattern)) return true;
-            } else if (path.starts_with(pattern) && hasComponent(path, lastComponent(pattern))) {
-                return true;
-            }
-        } else if (path.ends_with(pattern)) {
+            if (currentSourceItemPath && absolutePatternHolds(pattern, *currentSourceItemPath)) continue;
+            if (absolutePatternHolds(pattern, path)) return true;
+        } else if (namePatternMatches(pattern, path)) {
             return true;
         }
     }
@@ -72,7 +65,9 @@ const std::vector<std::string>& FVExclusionRules::rootClonePatterns() {
 const std::vector<std::string>& FVExclusionRules::rootCloneProtectedPaths() {
     static const std::vector<std::string> paths = {
         "/.com.apple.timemachine.supported", "/.VolumeIcon.icns", "/.hotfiles.btree", "/.fseventsd",
-        "/.Spotlight-V100", "/.Trashes", "/__removed", "/__changed", "/.ferrovane.conf", "/.DocumentRevisions-V100"};
+        "/.Spotlight-V100", "/.Trashes", std::string("/") + FVMirrorLayout::kRemovedFolder,
+        std::string("/") + FVMirrorLayout::kChangedFolder, std::string("/") + FVMirrorLayout::kRunsFolder,
+        std::string("/") + FVMirrorLayout::kConfigurationName, "/.DocumentRevisions-V100"};
     return paths;
 }
 

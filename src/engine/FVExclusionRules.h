@@ -1,8 +1,8 @@
 #pragma once
 // Which paths of a source tree are left out of the mirror. A pattern is one of three kinds, told
 // apart by its text: "/a/b/" (everything below that folder, not the folder itself), "/a/b" (the
-// item and everything below it, whole components only) and "name" (any path ending so, as a
-// plain suffix).
+// item and everything below it, never "/a/bc") and "name" or "a/name" (any path whose trailing
+// components are exactly these: "log" leaves out ".../log", not ".../catalog").
 
 #include <string>
 #include <string_view>

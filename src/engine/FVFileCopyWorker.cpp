@@ -78,6 +78,9 @@ FVFileCopyWorker::~FVFileCopyWorker() {
 void FVFileCopyWorker::setDelegate(FVFileCopyWorkerDelegate* delegate) { impl_->delegate = delegate; }
 void FVFileCopyWorker::setVerboseLogging(bool verbose) { impl_->verboseLogging = verbose; }
 void FVFileCopyWorker::setDisableACLClone(bool disable) { impl_->disableACLClone = disable; }
+void FVFileCopyWorker::setDestinationProfile(const FVDestinationProfile& profile) {
+    impl_->destinationProfile = profile;
+}
 void FVFileCopyWorker::setPreallocate(bool preallocate) { impl_->preallocate = preallocate; }
 void FVFileCopyWorker::setDestinationRoot(const std::string& root) { impl_->destinationRoot = root; }
 void FVFileCopyWorker::setSourceRoot(const std::string& root) { impl_->sourceRoot = root; }
@@ -106,7 +109,8 @@ void FVFileCopyWorker::startCopySession() {
     impl_->delegateSupportsProgressDidChange = delegate && delegate->respondsToProgressDidChange();
 }
 
-void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination) {
+void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
+                                             bool modeAndOwnerOnly) {
     if (!source || !destination) {
         FVSystemLog::error(kClassName, fmt::format("AddCopy encountered NIL objects: {} {}",
                                                    source ? source->description() : "(null)",
@@ -119,7 +123,7 @@ void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileS
             return impl_->filesToCopy.size() < kMaximumPendingPairs || impl_->cancelled || impl_->destroying;
         });
         impl_->requestedFiles.fetch_add(1, std::memory_order_relaxed);
-        impl_->filesToCopy.push({std::move(source), std::move(destination)});
+        impl_->filesToCopy.push({std::move(source), std::move(destination), modeAndOwnerOnly});
         impl_->pairsOrEnd.notify_one();
     }
     impl_->startCopies();
@@ -138,9 +142,12 @@ void FVFileCopyWorker::endCopySession() {
 }
 
 void FVFileCopyWorker::cancel() {
-    std::lock_guard lock(impl_->filesMutex);
-    impl_->cancelled.store(true, std::memory_order_relaxed);
-    impl_->roomInQueue.notify_all();
+    {
+        std::lock_guard lock(impl_->filesMutex);
+        impl_->cancelled.store(true, std::memory_order_relaxed);
+        impl_->roomInQueue.notify_all();
+    }
+    FVTestHook::reach("copy-cancelled");
 }
 
 bool FVFileCopyWorker::isCancelled() const { return impl_->cancelled.load(std::memory_order_relaxed); }
@@ -275,7 +282,10 @@ bool FVFileCopyWorkerImpl::mayOverwrite(FVFileSystemItem& destination) {
 void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
     FVFileSystemItem& source = *pair.source;
     FVFileSystemItem& destination = *pair.destination;
-    if (source.isFile()) {
+    if (source.isFile() && pair.modeAndOwnerOnly) {
+        // Nothing is overwritten: the data stays, so there is no old version to archive.
+        FVItemCloner(*this, state).updateModeAndOwner(source, destination.path());
+    } else if (source.isFile()) {
         if (!mayOverwrite(destination)) return;
         folders.ensureFolder(state, FVText::deletingLastPathComponent(destination.path()));
         FVItemCloner(*this, state).clone(source, destination.path());

@@ -5,6 +5,8 @@
 
 #include "engine/FVDestinationFailure.h"
 #include "engine/FVFileSystemItem.h"
+#include "engine/FVMirrorLayout.h"
+#include "fs/FVDestinationProfile.h"
 
 #include <cstdint>
 #include <functional>
@@ -20,7 +22,7 @@ enum class FVMessageLevel { Info, Warning, Error };
 // Files are written under a hidden name beginning so in their destination folder and renamed
 // over the destination last. A crashed run leaves such names behind; the next run removes them
 // and never archives or reports them.
-inline constexpr const char* kTemporaryFilePrefix = ".ferrovane-tmp-";
+inline constexpr const char* kTemporaryFilePrefix = FVMirrorLayout::kTemporaryPrefix;
 
 struct FVFileCopyWorkerImpl;
 
@@ -61,6 +63,8 @@ public:
     void setMaxThreads(int64_t n);
     void setDisableACLClone(bool disable);
     void setPreallocate(bool preallocate);
+    // What the destination can hold: what it cannot is not tried per item.
+    void setDestinationProfile(const FVDestinationProfile& profile);
     // Every change below this folder is made relative to descriptors reached from it without
     // following symbolic links; destination paths outside it are refused. "/" when not set.
     // Set before startCopySession, like the other settings.
@@ -73,7 +77,10 @@ public:
     void setChunkHook(std::function<void(const std::string& sourcePath, uint64_t bytesCopied)> hook);
 
     void startCopySession();
-    void addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
+    // modeAndOwnerOnly: the destination item's data is current; only its mode, owner and group
+    // are brought in line with the source, in place (never for a folder, whose pair does that).
+    void addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
+                               bool modeAndOwnerOnly = false);
     void endCopySession();
     void cancel();
 

@@ -23,6 +23,7 @@ namespace ferrovane {
 struct CopyPair {
     FVFileSystemItemPtr source;
     FVFileSystemItemPtr destination;
+    bool modeAndOwnerOnly = false;
 };
 
 // First in, first out, in a ring that only grows (by doubling) when the analysis runs ahead of
@@ -59,6 +60,7 @@ struct FVFileCopyWorkerImpl {
     bool verboseLogging = false;
     bool disableACLClone = false;
     bool preallocate = false;
+    FVDestinationProfile destinationProfile;
     std::string destinationRoot = "/";
     std::unique_ptr<FVConfinedDirectory> destination;
     std::string sourceRoot;

@@ -99,6 +99,11 @@ int64_t FVFileSystemItem::fileModificationDate() {
     return st_.st_mtim.tv_sec;
 }
 
+int64_t FVFileSystemItem::fileModificationTimeNs() {
+    loadStatAttributes();
+    return static_cast<int64_t>(st_.st_mtim.tv_sec) * 1'000'000'000 + st_.st_mtim.tv_nsec;
+}
+
 uint64_t FVFileSystemItem::fileSize() {
     loadStatAttributes();
     return exists_ ? static_cast<uint64_t>(st_.st_size) : 0;

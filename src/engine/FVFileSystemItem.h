@@ -33,8 +33,10 @@ public:
     bool isFile();
     FVFileType fileType();
     int posixPermissions();
-    // Whole seconds since 1970; the nanoseconds are dropped on purpose.
+    // Whole seconds since 1970.
     int64_t fileModificationDate();
+    // Nanoseconds since 1970: what the change decision compares.
+    int64_t fileModificationTimeNs();
     uint64_t fileSize();
     // Birth time where the file system records it (statx), queried anew on every call.
     std::optional<struct timespec> fileCreationDate();

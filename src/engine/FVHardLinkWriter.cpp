@@ -64,8 +64,9 @@ FVHardLinkWriter::Outcome FVHardLinkWriter::link(const FVHardLinkGroups::Request
     // The first name's copy failed (and said so): this name waits for it, as it is, until a later run.
     FVFileSystemItem firstItem(firstPath, first);
     if (error != 0 || FVChangeDecision::decide(FVChangeDecision::sideOf(*request.source),
-                                               FVChangeDecision::sideOf(firstItem),
-                                               nullptr) != FVChangeDecision::Reason::Unchanged) {
+                                               FVChangeDecision::sideOf(firstItem), nullptr,
+                                               FVChangeDecision::Tolerance::of(settings_.destinationProfile)) !=
+                             FVChangeDecision::Reason::Unchanged) {
         status_.log(fmt::format("NOTE: Not linking {} to {}, which holds no copy of it yet.", path, firstPath));
         return Outcome::Done;
     }

@@ -6,6 +6,7 @@
 #include "fs/FVDataCopier.h"
 #include "fs/FVInodeFlags.h"
 #include "fs/FVItemMetadata.h"
+#include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 
 #include <fcntl.h>
@@ -14,6 +15,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -21,6 +23,25 @@ namespace ferrovane {
 
 namespace {
 constexpr int kAttempts = 2;
+// Copies of a source that changed while it was copied, after the first.
+constexpr int kRecopies = 2;
+
+// Size, modification and change times: a write to the source between two fstat calls changes
+// at least one of them.
+bool sameState(const struct stat& a, const struct stat& b) {
+    return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
+           a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
+// A time earlier than before by at least one granule of the destination, which then never counts
+// as the source's time however the destination rounds it.
+struct timespec earlierBy(const struct timespec& time, int64_t nanoseconds) {
+    constexpr int64_t kSecond = 1'000'000'000;
+    const int64_t total =
+        static_cast<int64_t>(time.tv_sec) * kSecond + time.tv_nsec - std::max<int64_t>(nanoseconds, 1);
+    const int64_t seconds = total >= 0 ? total / kSecond : (total - kSecond + 1) / kSecond;
+    return {static_cast<time_t>(seconds), static_cast<long>(total - seconds * kSecond)};
+}
 }  // namespace
 
 void FVItemCloner::clone(FVFileSystemItem& source, const std::string& destinationPath) {
@@ -68,21 +89,22 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     if (!out.valid()) return destinationFailure(Step::CreateFile, errno);
     const FVStartingState* start = state_.newFiles.startOf(out.get());
 
-    bool sparse = static_cast<uint64_t>(st.st_blocks) * 512 < static_cast<uint64_t>(st.st_size);
-    if (worker_.preallocate && !sparse && st.st_size > 0)
-        fallocate(out.get(), FALLOC_FL_KEEP_SIZE, 0, st.st_size);  // only a hint against fragmentation
-    FVDataCopier copier(in.get(), out.get(), state_.buffer.get(), worker_.cancelled, worker_.chunkHook, item.sourcePath);
-    switch (copier.run(st)) {
-    case FVDataCopier::Outcome::Cancelled: return {Result::Kind::Cancelled};
-    case FVDataCopier::Outcome::Failed: return destinationFailure(Step::CopyData, errno);
-    case FVDataCopier::Outcome::Done: break;
-    }
+    bool settled = true;
+    Result copied = copyData(item, in.get(), out.get(), st, &settled);
+    if (copied.kind != Result::Kind::Done) return copied;
 
     const bool verbose = worker_.verboseLogging;
     auto send = [this](const std::string& message, FVMessageLevel level) { worker_.sendMessage(message, level); };
-    if (verbose)
+    if (!settled) {
+        // The copy may mix versions: it gets a time before the source's, so that the next run
+        // finds the two different and copies the file again.
+        send(fmt::format("WARNING: {} changed while it was copied; its backup is the last copy made, and the next "
+                         "run copies it again.", item.sourcePath), FVMessageLevel::Warning);
+        st.st_mtim = earlierBy(st.st_mtim, worker_.destinationProfile.timeGranularityNs);
+    } else if (verbose) {
         send(fmt::format("Copying file data {} to {} ({}) was successful.", item.sourcePath, item.destinationPath,
                          item.typeName), FVMessageLevel::Info);
+    }
     int error = 0;
     if (!FVItemMetadata::cloneTimes(st, {out.get(), false}, &error)) {
         if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
@@ -93,7 +115,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
                          item.destinationPath, item.typeName), FVMessageLevel::Info);
     }
     if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !worker_.disableACLClone,
-                                                  &error, start)) {
+                                                  &error, start, &worker_.destinationProfile)) {
         if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
         send(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}. (Reason: {})",
                          item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
@@ -103,6 +125,13 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     }
     Result published = publish(entry, item, out.get(), st.st_size);
     if (published.kind != Result::Kind::Done) return published;
+    // Where a rename stamps the file with the time of the rename (fusefat), its times go on again.
+    if (!worker_.destinationProfile.renameKeepsTimes) {
+        const timespec times[2] = {st.st_atim, st.st_mtim};
+        if (utimensat(item.dirFd, item.name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
+            send(fmt::format("WARNING: Could not preserve the modification date of {} ({})", item.destinationPath,
+                             strerror(errno)), FVMessageLevel::Warning);
+    }
     // Flags last: an immutable or append-only file refuses every other change.
     FVInodeFlags::CloneResult flags = FVInodeFlags::clone(in.get(), out.get(), state_.newFiles.mayHaveCopiedFlags());
     if (!flags.readOK && verbose)
@@ -111,6 +140,74 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
         send(fmt::format("WARNING: Flags metadata could not be written: {}", item.destinationPath),
              FVMessageLevel::Warning);
     return published;
+}
+
+FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, struct stat& st, bool* settled) {
+    for (int copy = 0;; ++copy) {
+        bool sparse = static_cast<uint64_t>(st.st_blocks) * 512 < static_cast<uint64_t>(st.st_size);
+        if (worker_.preallocate && !sparse && st.st_size > 0)
+            fallocate(out, FALLOC_FL_KEEP_SIZE, 0, st.st_size);  // only a hint against fragmentation
+        FVDataCopier copier(in, out, state_.buffer.get(), worker_.cancelled, worker_.chunkHook, item.sourcePath);
+        switch (copier.run(st)) {
+        case FVDataCopier::Outcome::Cancelled: return {Result::Kind::Cancelled};
+        case FVDataCopier::Outcome::Failed: return destinationFailure(Step::CopyData, errno);
+        case FVDataCopier::Outcome::Done: break;
+        }
+        FVTestHook::reach("after-data-copy", item.sourcePath);
+        struct stat now {};
+        if (fstat(in, &now) != 0) return itemError(Step::OpenSource, errno);
+        *settled = sameState(st, now);
+        if (*settled || copy == kRecopies) return done();
+        worker_.sendMessage(fmt::format("NOTE: {} changed while it was copied; copying it again.", item.sourcePath),
+                            FVMessageLevel::Info);
+        st = now;
+        if (ftruncate(out, 0) != 0 || lseek(out, 0, SEEK_SET) != 0) return destinationFailure(Step::CopyData, errno);
+        if (lseek(in, 0, SEEK_SET) != 0) return itemError(Step::OpenSource, errno);
+    }
+}
+
+void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::string& destinationPath) {
+    worker_.folders.ensureFolder(state_, FVText::deletingLastPathComponent(destinationPath));
+    const int dirFd = state_.lastDirectoryFd.get();
+    const std::string name = FVText::lastPathComponent(destinationPath);
+    auto failed = [&](int error) {
+        worker_.sendMessage(fmt::format("ERROR: Could not update the mode and owner of {} ({})", destinationPath,
+                                        strerror(error)), FVMessageLevel::Error);
+    };
+    if (dirFd < 0) return failed(state_.lastDirectoryError);
+    struct stat st {}, current {};
+    FVFd from(worker_.openSource(source.path(), O_PATH | O_NOFOLLOW, &state_));
+    if (!from.valid() || fstat(from.get(), &st) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR)
+            worker_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", source.path()),
+                                FVMessageLevel::Info);
+        else
+            worker_.sendMessage(fmt::format("ERROR: Cannot read file: {} ({})", source.path(), strerror(errno)),
+                                FVMessageLevel::Error);
+        return;
+    }
+    FVFd to(openat(dirFd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!to.valid() || fstat(to.get(), &current) != 0) return failed(errno);
+    // Either side replaced since the analysis: the next run compares them afresh.
+    if ((st.st_mode & S_IFMT) != (current.st_mode & S_IFMT)) {
+        worker_.sendMessage(fmt::format("NOTE: {} changed since analysing; it is compared again on the next run.",
+                                        source.path()), FVMessageLevel::Info);
+        return;
+    }
+    if (worker_.verboseLogging)
+        worker_.sendMessage(fmt::format("Updating mode and owner of {}", destinationPath), FVMessageLevel::Info);
+    const bool cloneACL = !worker_.disableACLClone && !S_ISLNK(st.st_mode);
+    int error = 0;
+    if (FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error)) return;
+    if (error != EPERM || !S_ISREG(st.st_mode)) return failed(error);
+    // A locked (immutable or append-only) copy refuses every change: it is unlocked, changed, and
+    // given the source's flags again.
+    FVFileManager::unlockFileAt(dirFd, name);
+    if (!FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error))
+        failed(error);
+    FVFd in(worker_.openSource(source.path(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY, &state_));
+    FVFd out(FVInodeFlags::openForFlags(dirFd, name));
+    if (in.valid() && out.valid()) FVInodeFlags::clone(in.get(), out.get());
 }
 
 FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
@@ -176,7 +273,8 @@ bool FVItemCloner::clonePathOnlyMetadata(int sourceFd, const struct stat& st, co
         *error = errno;
         return false;
     }
-    return FVItemMetadata::cloneStatusAndAttributes({sourceFd, true}, st, {created.get(), true}, cloneACL, error) &&
+    return FVItemMetadata::cloneStatusAndAttributes({sourceFd, true}, st, {created.get(), true}, cloneACL, error,
+                                                    nullptr, &worker_.destinationProfile) &&
            FVItemMetadata::cloneTimes(st, {created.get(), true}, error);
 }
 

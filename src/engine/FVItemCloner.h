@@ -23,6 +23,9 @@ public:
 
     // Clones source to destinationPath and reports the outcome to the worker's delegate.
     void clone(FVFileSystemItem& source, const std::string& destinationPath);
+    // Gives the item at destinationPath the source's mode, owner and group (and attributes) where
+    // it is, without touching its data.
+    void updateModeAndOwner(FVFileSystemItem& source, const std::string& destinationPath);
 
 private:
     enum class Step { OpenSource, ReadLink, CreateLink, CreateFile, CreateNode, CopyData, Metadata, Replace };
@@ -47,6 +50,10 @@ private:
     static Result destinationFailure(Step step, int error);
 
     Result cloneRegular(const Item& item);
+    // Copies the data of in, whose fstat is st, again and again while the source changes during
+    // its copy (at most twice more). st ends as the fstat the last copy began with; false in
+    // *settled when the source changed during that copy as well.
+    Result copyData(const Item& item, int in, int out, struct stat& st, bool* settled);
     Result cloneLink(const Item& item);
     Result cloneNode(const Item& item, mode_t kind);
     // The shared last step: the entry, complete under its temporary name, replaces the destination.

@@ -2,6 +2,7 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVArchiveMove.h"
+#include "engine/FVDestinationNames.h"
 #include "engine/FVExclusionRules.h"
 #include "engine/FVFileCopyWorker.h"
 #include "fs/FVText.h"
@@ -134,10 +135,17 @@ FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot,
         FVExclusionRules::fileShouldBeExcluded(sourcePath, findings_.excludedFiles, nullptr))
         return Decision::ArchiveOrRemove;
     int error = 0;
-    switch (FVFileManager::existenceAtPath(sourcePath, &error)) {
+    mode_t type = 0;
+    switch (FVFileManager::existenceAtPath(sourcePath, &error, &type)) {
     case FVExistence::Exists:
-        return Decision::Keep;
+        // A source that became a FIFO, socket or device is passed over by the walk: what its
+        // name held before is gone from the source.
+        return S_ISDIR(type) || S_ISREG(type) || S_ISLNK(type) ? Decision::Keep : Decision::ArchiveOrRemove;
     case FVExistence::Missing:
+        // Where the destination does not tell cases apart, a source renamed only in case still
+        // has this mirror (under its old name).
+        if (settings_.destinationProfile.caseInsensitive && FVDestinationNames::folderHoldsOtherCase(sourcePath))
+            return Decision::Keep;
         return Decision::ArchiveOrRemove;
     case FVExistence::Unknown:
         break;
@@ -155,13 +163,12 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
     destination_.unlock(itemPath);
     status_.verboseLog("Removing: " + itemPath);
     if (archives()) {
-        const std::string archiveRoot =
-            fmt::format("{}/__removed/{}/", settings_.targetPath, settings_.archiveFolderName);
-        std::string archivePath =
-            settings_.syncMode()
-                ? fmt::format("{}{}/{}", archiveRoot, FVText::lastPathComponent(sourceRoot), relative)
-                : FVText::appendingPathComponent(archiveRoot, FVText::appendingPathComponent(sourceRoot, relative).substr(1));
-        const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone);
+        const FVMirrorLayout layout = settings_.layout();
+        const std::string archivePath = layout.archivePath(
+            FVArchiveKind::Removed, settings_.archiveFolderName,
+            layout.mirrorRelativePath(sourceRoot) + (relative.empty() || relative.front() == '/' ? "" : "/") + relative);
+        const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone,
+                                    settings_.destinationProfile);
         if (archive.move(itemPath, archivePath) == 0) return;
         destination_.unlock(FVText::deletingLastPathComponent(itemPath));
         int error = archive.move(itemPath, archivePath);

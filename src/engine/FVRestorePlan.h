@@ -4,6 +4,7 @@
 // is confined to. Planning only reads; nothing is written.
 
 #include "engine/FVFileSystemItem.h"
+#include "fs/FVConfinedDirectory.h"
 
 #include <cstdint>
 #include <string>
@@ -21,8 +22,17 @@ public:
     // from: a version inside the destination (a file or a folder); to: where it goes, at or
     // below root, an existing folder that the copy never leaves and below which it follows no
     // symbolic link. Items inside the destination are neither read from its archives and
-    // configuration nor written.
-    FVRestorePlan(std::string destination, std::string from, std::string to, std::string root);
+    // configuration nor written. The version is reached from the destination's root without
+    // following any symbolic link, so nothing outside the destination is ever read.
+    // parentMirrors: the mirror folders (inside the destination) that the folders above to
+    // stand for, nearest first; those of them that are missing are made again with the
+    // metadata of their backed-up folder (the mirror's, else the one in the version's archive).
+    FVRestorePlan(std::string destination, std::string from, std::string to, std::string root,
+                  const std::vector<std::string>& parentMirrors = {});
+
+    // What is at path inside the destination, reached from its root without following links:
+    // 0 and its status, or the errno why it cannot be examined.
+    static int examine(const std::string& destination, const std::string& path, struct stat* st);
 
     const std::string& from() const { return from_; }
     const std::string& to() const { return to_; }
@@ -36,7 +46,10 @@ public:
     uint64_t identicalCount() const { return identical_; }
 
 private:
-    void add(const std::string& fromPath, const struct stat& st, const std::string& toPath);
+    void addMissingParents(const FVConfinedDirectory& versions, const std::vector<std::string>& parentMirrors);
+    // versionLink: the text of the version when it is a symbolic link.
+    void add(const std::string& fromPath, const struct stat& st, const std::string& toPath,
+             const std::string& versionLink);
     bool isHousekeeping(std::string_view relative, std::string_view name) const;
 
     std::string destination_, from_, to_, root_;

@@ -4,6 +4,9 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVLog.h"
 #include "engine/FVTrash.h"
+#include "fs/FVDestinationProbe.h"
+#include "fs/FVMountTable.h"
+#include "fs/FVFileDescriptor.h"
 
 #include <sys/stat.h>
 
@@ -25,7 +28,7 @@ uint64_t landedFiles(const FVRestorePlan& plan) {
         const struct stat& version = from->statBuffer();
         if (S_ISDIR(version.st_mode)) continue;
         struct stat target {};
-        if (lstat(to->path().c_str(), &target) != 0 || (target.st_mode & S_IFMT) != (version.st_mode & S_IFMT)) continue;
+        if (FVLongPath::lstat(to->path(), &target) != 0 || (target.st_mode & S_IFMT) != (version.st_mode & S_IFMT)) continue;
         if (S_ISREG(version.st_mode) &&
             (target.st_size != version.st_size || target.st_mtim.tv_sec != version.st_mtim.tv_sec))
             continue;
@@ -57,7 +60,7 @@ FVRestoreRun::Summary FVRestoreRun::run(const std::string& destination, const Pr
     for (const FVRestorePlan& plan : plans_) {
         log.addLogLine(fmt::format("Restoring {} to {}", plan.from(), plan.to()));
         for (const std::string& problem : plan.problems()) tell("ERROR: " + problem, true);
-        summary.cancelled = !runPlan(plan, done, total, progress, interrupt);
+        summary.cancelled = !runPlan(plan, destination, done, total, progress, interrupt);
         done += plan.pairs().size();
         summary.files += landedFiles(plan);
         if (summary.cancelled) break;
@@ -73,8 +76,8 @@ FVRestoreRun::Summary FVRestoreRun::run(const std::string& destination, const Pr
     return summary;
 }
 
-bool FVRestoreRun::runPlan(const FVRestorePlan& plan, uint64_t doneBefore, uint64_t total, const Progress& progress,
-                           const std::atomic<bool>& interrupt) {
+bool FVRestoreRun::runPlan(const FVRestorePlan& plan, const std::string& destination, uint64_t doneBefore,
+                           uint64_t total, const Progress& progress, const std::atomic<bool>& interrupt) {
     conflicts_.clear();
     for (const FVRestorePlan::Conflict& conflict : plan.conflicts()) conflicts_.insert(conflict.target);
     {
@@ -84,11 +87,24 @@ bool FVRestoreRun::runPlan(const FVRestorePlan& plan, uint64_t doneBefore, uint6
     FVFileCopyWorker worker;
     worker.setDelegate(this);
     worker.setDestinationRoot(plan.confinementRoot());
-    worker.setSourceRoot(plan.from());
+    // Every version is read from the destination's root down without following a link, so a
+    // link planted in an archive path never makes the restore read what lies outside.
+    worker.setSourceRoot(destination);
+    // Only the mount table's word: a restore writes nothing but what it restores. What the file
+    // system there cannot hold (owners and modes on exFAT) is then not tried per item.
+    worker.setDestinationProfile(
+        FVDestinationProbe::defaultsForType(FVMountTable::fileSystemTypeAtPath(plan.confinementRoot())));
     if (workerSetup_) workerSetup_(worker);
+    {
+        std::lock_guard lock(workerMutex_);
+        worker_ = &worker;
+    }
+    auto interrupted = [&] {
+        return interrupt.load(std::memory_order_relaxed) || cancelRequested_.load(std::memory_order_relaxed);
+    };
     worker.startCopySession();
     for (const auto& [from, to] : plan.pairs()) {
-        if (interrupt.load(std::memory_order_relaxed)) worker.cancel();
+        if (interrupted()) worker.cancel();
         if (worker.isCancelled()) break;
         worker.addCopyItemFromSource(from, to);
     }
@@ -96,21 +112,31 @@ bool FVRestoreRun::runPlan(const FVRestorePlan& plan, uint64_t doneBefore, uint6
     std::unique_lock lock(mutex_);
     while (!ended_.wait_for(lock, kProgressInterval, [this] { return finished_ || cancelled_; })) {
         lock.unlock();
-        if (interrupt.load(std::memory_order_relaxed)) worker.cancel();
+        if (interrupted()) worker.cancel();
         if (progress) progress(doneBefore + worker.copiedFiles(), total);
         lock.lock();
     }
     bool completed = finished_ && !worker.isCancelled();
     lock.unlock();
+    {
+        std::lock_guard workerLock(workerMutex_);
+        worker_ = nullptr;
+    }
     bytes_ += worker.totalBytesCopied();
     if (progress) progress(doneBefore + worker.copiedFiles(), total);
     return completed;
 }
 
+void FVRestoreRun::cancel() {
+    std::lock_guard lock(workerMutex_);
+    cancelRequested_.store(true, std::memory_order_relaxed);
+    if (worker_) worker_->cancel();
+}
+
 bool FVRestoreRun::copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) {
     const std::string& path = destination.path();
     struct stat st {};
-    if (lstat(path.c_str(), &st) != 0) return true;
+    if (FVLongPath::lstat(path, &st) != 0) return true;
     if (!conflicts_.contains(path) || !replace_) {
         tell(fmt::format("ERROR: Not replaced, it appeared during the restore: {}", path), true);
         return false;

@@ -38,6 +38,9 @@ public:
     // section in the run log.
     Summary run(const std::string& destination, const Progress& progress, const Report& report,
                 const std::atomic<bool>& interrupt);
+    // Cancels at once, from any thread (a signal's): the copy under way stops between chunks and
+    // the run ends as cancelled, as it does when interrupt becomes true.
+    void cancel();
     // Test hook: reaches the worker of each item before its copy starts.
     void setWorkerSetup(std::function<void(FVFileCopyWorker&)> setup) { workerSetup_ = std::move(setup); }
 
@@ -48,8 +51,8 @@ public:
     void copyWorkerDidCancel() override;
 
 private:
-    bool runPlan(const FVRestorePlan& plan, uint64_t doneBefore, uint64_t total, const Progress& progress,
-                 const std::atomic<bool>& interrupt);
+    bool runPlan(const FVRestorePlan& plan, const std::string& destination, uint64_t doneBefore, uint64_t total,
+                 const Progress& progress, const std::atomic<bool>& interrupt);
     void tell(const std::string& line, bool isError);
 
     const std::vector<FVRestorePlan>& plans_;
@@ -63,6 +66,10 @@ private:
     std::mutex mutex_;
     std::condition_variable ended_;
     bool finished_ = false, cancelled_ = false;
+    std::atomic<bool> cancelRequested_{false};
+    // The worker of the item being copied, for cancel().
+    std::mutex workerMutex_;
+    FVFileCopyWorker* worker_ = nullptr;
 };
 
 }  // namespace ferrovane

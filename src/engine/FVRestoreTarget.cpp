@@ -17,7 +17,7 @@ FVRestoreTarget FVRestoreTarget::confined(std::string from, const std::string& a
     std::string root = realpath(existing.c_str(), buffer) ? std::string(buffer) : existing;
     std::string rest = existing == "/" ? to : to.substr(existing.size());
     std::string target = root == "/" ? (rest.empty() ? "/" : rest) : root + rest;
-    return {std::move(from), std::move(target), std::move(root)};
+    return {std::move(from), std::move(target), std::move(root), {}};
 }
 
 std::optional<FVRestoreTarget> FVRestoreTarget::forVersion(const FVVersionCatalog& catalog, const std::string& mirrorPath,
@@ -28,8 +28,18 @@ std::optional<FVRestoreTarget> FVRestoreTarget::forVersion(const FVVersionCatalo
         *problem = "no source of the destination holds it";
         return std::nullopt;
     }
-    if (toFolder.empty())
-        return confined(versionPath, FVText::deletingLastPathComponent(*catalog.sourceHolding(mirrorPath)), *original);
+    if (toFolder.empty()) {
+        const std::string source = *catalog.sourceHolding(mirrorPath);
+        FVRestoreTarget target = confined(versionPath, FVText::deletingLastPathComponent(source), *original);
+        // Every folder from the item's own up to its source's mirror was backed up.
+        const std::string root = catalog.destination() == "/" ? "" : catalog.destination();
+        const std::string sourceMirror = catalog.sourceMirrorPath(source);
+        for (std::string parent = mirrorPath; parent.size() > sourceMirror.size();) {
+            parent = parent.substr(0, parent.rfind('/'));
+            target.parentMirrors.push_back(parent.empty() ? catalog.destination() : root + parent);
+        }
+        return target;
+    }
     std::string name = FVText::lastPathComponent(original.value_or(mirrorPath));
     std::string target = name.empty() || name == "/" ? toFolder : (toFolder == "/" ? "" : toFolder) + "/" + name;
     return confined(versionPath, toFolder, target);

@@ -6,11 +6,15 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace ferrovane {
 
 struct FVRestoreTarget {
     std::string from, to, root;
+    // The mirror folders that the folders above to stand for, nearest first: a version going
+    // back to its original place, whose folders the restore may have to make again.
+    std::vector<std::string> parentMirrors;
 
     // A target below anchor, a folder the user chose (a chosen folder, or the folder of a
     // source). The copy is confined to the deepest existing folder at or above anchor, taken

@@ -2,6 +2,7 @@
 // What one run towards one destination is told before it starts and never changes afterwards:
 // the parts of the run read it from any thread without a lock.
 
+#include "engine/FVMirrorLayout.h"
 #include "engine/FVOptions.h"
 #include "fs/FVDestinationProfile.h"
 
@@ -32,8 +33,10 @@ struct FVRunSettings {
     FVDestinationProfile destinationProfile;
 
     bool syncMode() const { return options.syncMode != 0; }
+    // Where the mirror and the archives lie (the sources are not needed for the mapping one way).
+    FVMirrorLayout layout() const { return FVMirrorLayout(targetPath, syncMode(), {}); }
     // The destination folder of a source item.
-    std::string itemTargetPath(const std::string& sourcePath) const;
+    std::string itemTargetPath(const std::string& sourcePath) const { return layout().mirrorPath(sourcePath); }
 };
 
 }  // namespace ferrovane

@@ -2,6 +2,7 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVChangeDecision.h"
+#include "engine/FVDestinationNames.h"
 #include "engine/FVMirrorFolders.h"
 #include "engine/FVSourceListing.h"
 #include "engine/FVExclusionRules.h"
@@ -25,6 +26,7 @@ const char* reasonText(FVChangeDecision::Reason reason) {
     case R::SizeMismatch: return "filesize mismatch";
     case R::DateMismatch: return "mod date mismatch";
     case R::XattrMismatch: return "xattr mismatch";
+    case R::ModeOrOwnerMismatch: return "mode or owner mismatch";
     case R::Unchanged: break;
     }
     return "";
@@ -34,7 +36,11 @@ const char* reasonText(FVChangeDecision::Reason reason) {
 
 FVSourceAnalysis::FVSourceAnalysis(const FVRunSettings& settings, FVRunFindings& findings, FVRunStatus& status,
                                    HandOver handOver)
-    : settings_(settings), findings_(findings), status_(status), handOver_(std::move(handOver)) {}
+    : settings_(settings),
+      findings_(findings),
+      status_(status),
+      handOver_(std::move(handOver)),
+      tolerance_(FVChangeDecision::Tolerance::of(settings.destinationProfile)) {}
 
 void FVSourceAnalysis::analyse(const std::string& sourcePath, int64_t estimatedFileCount) {
     estimatedFileCount_ = estimatedFileCount;
@@ -68,8 +74,8 @@ void FVSourceAnalysis::addFixedPatterns(const std::string& sourcePath) {
     for (const std::string& pattern : FVExclusionRules::rootClonePatterns()) excluded.push_back(pattern);
 }
 
-void FVSourceAnalysis::handOver(FVFileSystemItemPtr source, FVFileSystemItemPtr destination) {
-    handOver_(std::move(source), std::move(destination), false);
+void FVSourceAnalysis::handOver(FVFileSystemItemPtr source, FVFileSystemItemPtr destination, Work work) {
+    handOver_(std::move(source), std::move(destination), work);
     ++status_.updateCount;
 }
 
@@ -97,8 +103,10 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
             xattrsIdentical = [&] {
                 return FVFileManager::xattrIdentialforFileAtPath(sourceRoot, targetRoot, !settings_.options.disableACLClone);
             };
-        if (needsBackup(*root, *target, xattrsIdentical)) {
-            handOver(root, target);
+        FVChangeDecision::Reason reason = decide(*root, *target, xattrsIdentical);
+        if (reason != FVChangeDecision::Reason::Unchanged) {
+            const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch;
+            handOver(root, target, inPlace ? Work::ModeAndOwner : Work::Copy);
             ++status_.totalFilesCount;
         }
         return;
@@ -120,6 +128,8 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
     rules.isExcluded = [this, &sourceRoot](const std::string& path) { return isExcluded(path, sourceRoot); };
     rules.destinationDevice = settings_.destinationDevice;
     rules.destinationInode = settings_.destinationInode;
+    FVDestinationNames names(settings_.destinationProfile);
+    rules.refusedName = [&names](uint32_t level, std::string_view name) { return names.refusal(level, name); };
     const bool includeACL = !settings_.options.disableACLClone;
     const bool compareAttributes = !settings_.options.ignoreFileFlagChanges;
     if (compareAttributes)
@@ -160,6 +170,14 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 ++status_.totalFilesCount;
                 reportUnreadableSource(path, entry.error);
                 continue;
+            case Kind::Unmirrorable: {
+                // Not copied, and no match of its folder's mirror names: whatever the mirror holds
+                // under a name like it belongs to the entry that is backed up.
+                std::string message = fmt::format("Cannot back up {}: {}.", path, entry.reason);
+                status_.log("ERROR: " + message);
+                status_.addError(std::move(message));
+                continue;
+            }
             case Kind::Item: break;
             }
             const mode_t type = entry.st.st_mode & S_IFMT;
@@ -173,6 +191,13 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 --status_.totalFilesCount;
                 continue;
             }
+            if (type == S_IFLNK && !settings_.destinationProfile.symbolicLinks) {
+                std::string message = fmt::format("Cannot back up {}: the destination ({}) cannot hold symbolic links.",
+                                                  path, settings_.destinationProfile.fileSystemType);
+                status_.log("ERROR: " + message);
+                status_.addError(std::move(message));
+                continue;
+            }
             std::string destinationPath = targetRoot + std::string(entry.relativePath());
             auto source = std::make_shared<FVFileSystemItem>(path, entry.st);
             // Everything below a folder the destination lacks is new as well.
@@ -183,14 +208,18 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
             }
             auto destination = mirrorFolders.item(level, entry.nameCString(), destinationPath);
             if (destination->fileExists()) mirrorFolders.countMatch(level);
-            bool newFolder = !destination->fileExists() && type == S_IFDIR;
+            // A folder where the mirror has anything else is new with all it holds: nothing below
+            // it is compared through a mirror link.
+            bool newFolder = type == S_IFDIR && destination->fileType() != FVFileType::Directory;
             std::function<bool()> xattrsIdentical;
             if (compareAttributes)
                 xattrsIdentical = [&] {
                     if (!entry.signature) return FVFileManager::xattrIdentialforFileAtPath(path, destinationPath, includeACL);
                     return *entry.signature == mirrorFolders.signature(level, entry.nameCString(), destinationPath, includeACL);
                 };
-            bool needed = newFolder || needsBackup(*source, *destination, xattrsIdentical);
+            const FVChangeDecision::Reason reason =
+                newFolder ? FVChangeDecision::Reason::TypeMismatch : decide(*source, *destination, xattrsIdentical);
+            bool needed = reason != FVChangeDecision::Reason::Unchanged;
             if (type == S_IFDIR) {
                 mirrorFolders.enter(level, entry.nameCString(), std::string(entry.relativePath()), *destination);
                 unchangedAncestors.resize(level);
@@ -204,10 +233,13 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 unchangedAncestors[level - 1].second) {
                 unchangedAncestors[level - 1].second = false;
                 handOver_(unchangedAncestors[level - 1].first,
-                          std::make_shared<FVFileSystemItem>(FVText::deletingLastPathComponent(destinationPath)), true);
+                          std::make_shared<FVFileSystemItem>(FVText::deletingLastPathComponent(destinationPath)),
+                          Work::FolderDates);
             }
             if (newFolder) newDirectoryPrefix = path;
-            handOver(source, destination);
+            // A folder's pair applies its mode and owner anyway.
+            const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch && type != S_IFDIR;
+            handOver(source, destination, inPlace ? Work::ModeAndOwner : Work::Copy);
         }
     }
     if (status_.isCancelled()) return;
@@ -219,14 +251,14 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
     }
 }
 
-bool FVSourceAnalysis::needsBackup(FVFileSystemItem& source, FVFileSystemItem& target,
-                                   const std::function<bool()>& xattrsIdentical) const {
+FVChangeDecision::Reason FVSourceAnalysis::decide(FVFileSystemItem& source, FVFileSystemItem& target,
+                                                  const std::function<bool()>& xattrsIdentical) const {
     auto reason = FVChangeDecision::decide(FVChangeDecision::sideOf(source), FVChangeDecision::sideOf(target),
-                                           xattrsIdentical);
-    if (reason == FVChangeDecision::Reason::Unchanged) return false;
-    status_.verboseLog(fmt::format("Item needs backup, {}. Source: {}  Destination: {}", reasonText(reason),
-                                   source.path(), target.path()));
-    return true;
+                                           xattrsIdentical, tolerance_);
+    if (reason != FVChangeDecision::Reason::Unchanged)
+        status_.verboseLog(fmt::format("Item needs backup, {}. Source: {}  Destination: {}", reasonText(reason),
+                                       source.path(), target.path()));
+    return reason;
 }
 
 }  // namespace ferrovane

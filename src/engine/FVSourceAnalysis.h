@@ -2,6 +2,7 @@
 // The walk of one source item: decides entry by entry what the destination lacks and hands each
 // such pair on (to the copy worker, which copies while the walk goes on) at once.
 
+#include "engine/FVChangeDecision.h"
 #include "engine/FVFileSystemItem.h"
 #include "engine/FVHardLinkGroups.h"
 #include "engine/FVRunFindings.h"
@@ -16,9 +17,11 @@ namespace ferrovane {
 
 class FVSourceAnalysis {
 public:
-    // A pair to copy. folderDatesOnly: an unchanged folder queued again so that its dates are
-    // applied after a write into it changed them.
-    using HandOver = std::function<void(FVFileSystemItemPtr source, FVFileSystemItemPtr destination, bool folderDatesOnly)>;
+    // What a pair handed on needs: a copy; only its folder dates (an unchanged folder queued again
+    // so that its dates are applied after a write into it changed them); or only its mode and
+    // owner, applied to the destination item in place.
+    enum class Work { Copy, FolderDates, ModeAndOwner };
+    using HandOver = std::function<void(FVFileSystemItemPtr source, FVFileSystemItemPtr destination, Work work)>;
 
     FVSourceAnalysis(const FVRunSettings& settings, FVRunFindings& findings, FVRunStatus& status, HandOver handOver);
 
@@ -31,16 +34,19 @@ private:
     void addFixedPatterns(const std::string& sourcePath);
     void walk(const std::string& sourceRoot, const std::string& targetRoot);
     bool isExcluded(const std::string& path, const std::string& sourceRoot) const;
-    // xattrsIdentical: compares the attributes, or is empty when they are not compared.
-    bool needsBackup(FVFileSystemItem& source, FVFileSystemItem& target, const std::function<bool()>& xattrsIdentical) const;
+    // xattrsIdentical: compares the attributes, or is empty when they are not compared. Logs why
+    // a backup is needed.
+    FVChangeDecision::Reason decide(FVFileSystemItem& source, FVFileSystemItem& target,
+                                    const std::function<bool()>& xattrsIdentical) const;
     // Logs and keeps a source item that could not be read: its mirror is left as it is.
     void reportUnreadableSource(const std::string& path, int error);
-    void handOver(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
+    void handOver(FVFileSystemItemPtr source, FVFileSystemItemPtr destination, Work work = Work::Copy);
 
     const FVRunSettings& settings_;
     FVRunFindings& findings_;
     FVRunStatus& status_;
     HandOver handOver_;
+    const FVChangeDecision::Tolerance tolerance_;
     int64_t estimatedFileCount_ = 1;
     FVHardLinkGroups hardLinks_;
 };

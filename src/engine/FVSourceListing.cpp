@@ -85,6 +85,12 @@ void FVSourceListing::walk() {
             entry.kind = Entry::Kind::UnreadableFolder;
             entry.error = errno;
             walker.skipChildren();
+        } else if (std::string why = entry.level > 0 && rules_.refusedName ? rules_.refusedName(entry.level, entry.name())
+                                                                          : std::string();
+                   !why.empty()) {
+            entry.kind = Entry::Kind::Unmirrorable;
+            entry.reason = std::move(why);
+            if (type == S_IFDIR) walker.skipChildren();
         } else {
             const bool inMirroredFolder = entry.level == 0 || mirrorHoldsFolder[entry.level - 1];
             if (rules_.signature && inMirroredFolder && entry.level > 0) {

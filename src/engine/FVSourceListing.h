@@ -30,6 +30,7 @@ public:
             Excluded,           // matches an exclusion; a folder is not entered
             DestinationInside,  // the destination folder itself, inside the source
             UnreadableFolder,   // a folder that cannot be listed (error); not entered
+            Unmirrorable,       // a name the destination cannot hold as its own (reason); not entered
         };
         Kind kind = Kind::Item;
         std::string path;
@@ -40,6 +41,7 @@ public:
         int error = 0;
         // The source's attribute signature, read ahead where the mirror holds the entry's folder.
         std::optional<std::string> signature;
+        std::string reason;  // why an Unmirrorable entry is
 
         std::string_view name() const { return std::string_view(path).substr(nameOffset); }
         const char* nameCString() const { return path.c_str() + nameOffset; }
@@ -53,6 +55,8 @@ public:
         // The signature of a source path (relative to the thread's working folder, or whole), or
         // nothing when attributes are not compared.
         std::function<std::string(const std::string& path)> signature;
+        // Why the destination cannot hold an entry's name (see FVDestinationNames), or "".
+        std::function<std::string(uint32_t level, std::string_view name)> refusedName;
     };
 
     // Starts the walk of sourceRoot, whose mirror is targetRoot.

@@ -8,6 +8,7 @@
 #include "engine/FVMirrorCleanup.h"
 #include "engine/FVSourceAnalysis.h"
 #include "engine/FVStrings.h"
+#include "fs/FVDestinationProbe.h"
 #include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 #include "platform/FVMountWatcher.h"
@@ -55,6 +56,18 @@ FVSyncingBackup::FVSyncingBackup(FVRunSettings settings, std::vector<std::string
     findings_.excludedFiles.insert(findings_.excludedFiles.end(), excludedFiles.begin(), excludedFiles.end());
     status_.log(fmt::format("Ferrovane {}({}) starting sync to: {} ({})", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER,
                             settings_.targetPath, fstype));
+    const FVDestinationProfile& profile = settings_.destinationProfile;
+    status_.log("Destination file system: " + FVDestinationProbe::describe(profile));
+    // Said once here rather than as a warning on every file it applies to.
+    if (!profile.keepsOwners || !profile.keepsModes) {
+        notes_.push_back(fmt::format(
+            "The destination ({}) cannot keep {}: its copies have the file system's own, and a restore from it "
+            "gives the restoring user's.",
+            profile.fileSystemType, !profile.keepsOwners && !profile.keepsModes ? "owners and modes"
+                                    : !profile.keepsOwners                       ? "owners"
+                                                                                 : "modes"));
+        status_.log("NOTE: " + notes_.back());
+    }
     initTimeStamp_ = FVDate::now();
 
     const FVOptions& options = settings_.options;
@@ -80,6 +93,7 @@ std::shared_ptr<FVFileCopyWorker> FVSyncingBackup::makeWorker(const std::string&
     worker->setMaxThreads(settings_.options.maxThreads);
     worker->setDisableACLClone(settings_.options.disableACLClone);
     worker->setPreallocate(settings_.options.preallocate);
+    worker->setDestinationProfile(settings_.destinationProfile);
     worker->setDestinationRoot(settings_.targetPath);
     worker->setSourceRoot(sourcePath);
     return worker;
@@ -96,9 +110,16 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
     }
     status_.log(fmt::format("Source started analysing: {}", sourcePath));
     FVSourceAnalysis analysis(settings_, findings_, status_,
-                              [this, &worker](FVFileSystemItemPtr source, FVFileSystemItemPtr destination, bool folderDatesOnly) {
-                                  if (worker) worker->addCopyItemFromSource(std::move(source), std::move(destination));
-                                  else if (!folderDatesOnly) reportWouldCopy(*source, *destination);
+                              [this, &worker](FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
+                                              FVSourceAnalysis::Work work) {
+                                  using Work = FVSourceAnalysis::Work;
+                                  if (worker)
+                                      worker->addCopyItemFromSource(std::move(source), std::move(destination),
+                                                                    work == Work::ModeAndOwner);
+                                  else if (work == Work::ModeAndOwner)
+                                      status_.planned("Would update mode and owner: " + destination->path());
+                                  else if (work == Work::Copy)
+                                      reportWouldCopy(*source, *destination);
                               });
     if (worker) worker->startCopySession();
     analysis.analyse(sourcePath, fileCountEstimation && *fileCountEstimation > 0 ? *fileCountEstimation : kUnknownFileCount);
@@ -139,10 +160,14 @@ bool FVSyncingBackup::linkLaterNames(const std::string& sourcePath, const FVHard
 
 void FVSyncingBackup::reportWouldCopy(FVFileSystemItem& source, FVFileSystemItem& destination) {
     status_.planned("Would copy: " + source.path());
-    // The copy archives whatever it replaces, except a folder's metadata applied to a folder.
-    if (settings_.options.moveChangedFiles && destination.fileExists() &&
-        (source.isFile() || destination.fileType() != FVFileType::Directory))
+    // The copy archives whatever it replaces, except a folder's metadata applied to a folder; a
+    // folder replaced by anything else goes the way of a removed folder.
+    if (!destination.fileExists() || (!source.isFile() && destination.fileType() == FVFileType::Directory)) return;
+    const bool replacedFolder = destination.fileType() == FVFileType::Directory;
+    if (replacedFolder ? settings_.options.moveDeletedFiles : settings_.options.moveChangedFiles)
         status_.planned("Would archive: " + destination.path());
+    else if (replacedFolder)
+        status_.planned("Would remove: " + destination.path());
 }
 
 bool FVSyncingBackup::waitForCopies(FVFileCopyWorker& worker) {

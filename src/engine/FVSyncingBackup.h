@@ -52,6 +52,9 @@ public:
     uint64_t currentUpdateCount() const { return status_.updateCount.load(std::memory_order_relaxed); }
     uint64_t currentTotalFilesCount() const { return status_.totalFilesCount.load(std::memory_order_relaxed); }
     std::vector<std::string> errorMessages() const { return status_.errorMessages(); }
+    // What the user should know of this run that is no error of an item (what the destination
+    // cannot keep), said once per run.
+    const std::vector<std::string>& notes() const { return notes_; }
     std::shared_ptr<FVFileCopyWorker> backupCopyWorker() const { return status_.currentWorker(); }
 
     // The copy worker's delegate.
@@ -80,6 +83,7 @@ private:
     FVDestinationTree destination_;
     FVChangedFileArchive changedFileArchive_;
     double initTimeStamp_ = 0;
+    std::vector<std::string> notes_;
 
     std::mutex copiesMutex_;
     std::condition_variable copiesEndedCondition_;

@@ -28,7 +28,9 @@ std::string FVTemporaryEntry::randomName() {
 }
 
 bool FVTemporaryEntry::publishAsNew(int toDirFd, const std::string& name) {
-    published_ = renameat2(dirFd_, name_.c_str(), toDirFd, name.c_str(), RENAME_NOREPLACE) == 0;
+    const int error = FVConfinedDirectory::renameWithoutReplacing(dirFd_, name_.c_str(), toDirFd, name.c_str());
+    published_ = error == 0;
+    errno = error;
     return published_;
 }
 

@@ -1,5 +1,6 @@
 #include "engine/FVTrash.h"
 
+#include "fs/FVConfinedDirectory.h"
 #include "fs/FVText.h"
 
 #include <fcntl.h>
@@ -125,11 +126,13 @@ bool moveIntoTrash(const TrashFolder& trash, const std::string& path, std::time_
             writeError = errno;
         }
         std::string target = trash.root + "/files/" + candidate;
-        if (written && renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) {
+        const int moveError =
+            written ? FVConfinedDirectory::renameWithoutReplacing(AT_FDCWD, path.c_str(), AT_FDCWD, target.c_str())
+                    : writeError;
+        if (moveError == 0) {
             *placedAt = target;
             return true;
         }
-        int moveError = written ? errno : writeError;
         unlink(infoPath.c_str());
         if (moveError == EEXIST) continue;
         *error = moveError;
@@ -143,12 +146,13 @@ bool moveBeside(const std::string& path, std::time_t now, std::string* placedAt,
     std::string base = fmt::format("{}.replaced-by-ferrovane-{}", path, formatTime("%Y%m%d-%H%M%S", now));
     for (int k = 1; k <= kMaximumNameTries; ++k) {
         std::string candidate = k == 1 ? base : fmt::format("{}-{}", base, k);
-        if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, candidate.c_str(), RENAME_NOREPLACE) == 0) {
+        const int moveError = FVConfinedDirectory::renameWithoutReplacing(AT_FDCWD, path.c_str(), AT_FDCWD, candidate.c_str());
+        if (moveError == 0) {
             *placedAt = candidate;
             return true;
         }
-        if (errno != EEXIST) {
-            *error = errno;
+        if (moveError != EEXIST) {
+            *error = moveError;
             return false;
         }
     }

@@ -1,6 +1,7 @@
 #include "engine/FVVersionCatalog.h"
 
 #include "engine/FVConfigurationFile.h"
+#include "fs/FVConfinedDirectory.h"
 #include "fs/FVText.h"
 
 #include <dirent.h>
@@ -13,9 +14,6 @@ namespace ferrovane {
 
 namespace {
 
-// The placement of the mirror; the one option a restore needs.
-bool mirrorsByLastComponent(const PlistDict& settings) { return FVOptionTable::read(settings).options.syncMode != 0; }
-
 std::vector<std::string> folderNames(const std::string& path) {
     std::vector<std::string> names;
     DIR* folder = opendir(path.c_str());
@@ -27,9 +25,13 @@ std::vector<std::string> folderNames(const std::string& path) {
     return names;
 }
 
-std::optional<FVItemVersion> versionAt(const std::string& path) {
-    FVFileSystemItem item(path);
-    if (!item.fileExists()) return std::nullopt;
+// The version at path, reached from the destination's root without following a link: a link
+// planted in an archive path never lists (nor lets a restore read) what lies outside.
+std::optional<FVItemVersion> versionAt(const FVConfinedDirectory& destination, const std::string& path) {
+    std::optional<std::string> relative = destination.relativePath(path);
+    struct stat st {};
+    if (!relative || destination.statItem(*relative, &st) != 0) return std::nullopt;
+    FVFileSystemItem item(path, st);
     FVItemVersion version;
     version.path = path;
     version.type = item.fileType();
@@ -55,69 +57,28 @@ std::optional<FVVersionCatalog> FVVersionCatalog::open(const std::string& destin
         *problem = read.problem.empty() ? "the destination has no readable configuration" : read.problem;
         return std::nullopt;
     }
-    std::vector<std::string> sources;
-    for (const FVSourceItemPtr& item : read.configuration.sources)
-        if (item->mode() == FVSourceMode::Backup) sources.push_back(item->sourcePath());
-    return FVVersionCatalog(FVText::standardizedPath(destination), std::move(sources),
-                            mirrorsByLastComponent(*read.configuration.settings));
+    // The placement of the mirror is the one option a restore needs.
+    return FVVersionCatalog(FVMirrorLayout::fromItems(FVText::standardizedPath(destination),
+                                                      FVOptionTable::read(*read.configuration.settings).options.syncMode != 0,
+                                                      read.configuration.sources));
 }
 
-FVVersionCatalog::FVVersionCatalog(std::string destination, std::vector<std::string> sources, bool syncMode)
-    : destination_(std::move(destination)), sources_(std::move(sources)), syncMode_(syncMode) {}
-
 std::string FVVersionCatalog::sourceMirrorPath(const std::string& source) const {
-    std::string path = FVText::standardizedPath(source);
-    if (path == "/") return "";
-    return syncMode_ ? "/" + FVText::lastPathComponent(path) : path;
+    return layout_.mirrorRelativePath(FVText::standardizedPath(source));
 }
 
 std::optional<std::string> FVVersionCatalog::mirrorPath(const std::string& named) const {
     std::string path = FVText::standardizedPath(named);
-    if (FVText::isPathWithin(path, destination_)) {
-        std::string relative = destination_ == "/" ? path : path.substr(destination_.size());
-        if (relative == "/") relative.clear();
-        for (const char* archive : {kChangedFolder, kRemovedFolder}) {
-            std::string prefix = std::string("/") + archive + "/";
-            if (!relative.starts_with(prefix)) continue;
-            size_t stampEnd = relative.find('/', prefix.size());
-            return stampEnd == std::string::npos ? "" : relative.substr(stampEnd);
-        }
-        return relative;
-    }
-    // The longest configured source that holds the path places it.
-    const std::string* best = nullptr;
-    for (const std::string& source : sources_)
-        if (FVText::isPathWithin(path, FVText::standardizedPath(source)) && (!best || source.size() > best->size()))
-            best = &source;
-    if (!best) return std::nullopt;
-    std::string source = FVText::standardizedPath(*best);
-    std::string below = source == "/" ? path : path.substr(source.size());
-    if (below == "/") below.clear();
-    return sourceMirrorPath(source) + below;
+    if (auto inside = layout_.relativePathOfDestinationPath(path)) return inside;
+    return layout_.relativePathOfOriginal(path);
 }
 
 std::optional<std::string> FVVersionCatalog::sourceHolding(const std::string& mirrorPath) const {
-    const std::string* best = nullptr;
-    std::string bestMirror;
-    for (const std::string& source : sources_) {
-        std::string mirror = sourceMirrorPath(source);
-        bool holds = mirror.empty() || mirrorPath == mirror || mirrorPath.starts_with(mirror + "/");
-        if (holds && (!best || mirror.size() > bestMirror.size())) {
-            best = &source;
-            bestMirror = mirror;
-        }
-    }
-    if (!best) return std::nullopt;
-    return FVText::standardizedPath(*best);
+    return layout_.sourceHolding(mirrorPath);
 }
 
 std::optional<std::string> FVVersionCatalog::originalPath(const std::string& mirrorPath) const {
-    std::optional<std::string> holder = sourceHolding(mirrorPath);
-    if (!holder) return std::nullopt;
-    const std::string& source = *holder;
-    std::string below = mirrorPath.substr(sourceMirrorPath(source).size());
-    if (source == "/") return below.empty() ? "/" : below;
-    return source + below;
+    return layout_.originalPath(mirrorPath);
 }
 
 std::optional<std::time_t> FVVersionCatalog::stampTime(const std::string& stamp) {
@@ -130,20 +91,15 @@ std::optional<std::time_t> FVVersionCatalog::stampTime(const std::string& stamp)
 
 std::vector<FVItemVersion> FVVersionCatalog::versions(const std::string& mirrorPath) const {
     std::vector<FVItemVersion> found;
-    std::string root = destination_ == "/" ? "" : destination_;
-    if (!mirrorPath.empty()) {
-        if (auto current = versionAt(root + mirrorPath)) found.push_back(std::move(*current));
-    } else if (auto current = versionAt(destination_)) {
-        found.push_back(std::move(*current));
-    }
+    const FVConfinedDirectory confined(layout_.destination());
+    if (auto current = versionAt(confined, layout_.destinationPath(mirrorPath))) found.push_back(std::move(*current));
     std::vector<FVItemVersion> archived;
-    for (auto [folder, kind] : {std::pair{kChangedFolder, FVVersionKind::Changed},
-                                std::pair{kRemovedFolder, FVVersionKind::Removed}}) {
-        std::string archive = root + "/" + folder;
-        for (const std::string& stamp : folderNames(archive)) {
+    for (auto [archiveKind, kind] : {std::pair{FVArchiveKind::Changed, FVVersionKind::Changed},
+                                     std::pair{FVArchiveKind::Removed, FVVersionKind::Removed}}) {
+        for (const std::string& stamp : folderNames(layout_.archiveRoot(archiveKind))) {
             std::optional<std::time_t> time = stampTime(stamp);
             if (!time) continue;
-            auto version = versionAt(archive + "/" + stamp + mirrorPath);
+            auto version = versionAt(confined, layout_.archivePath(archiveKind, stamp, mirrorPath));
             if (!version) continue;
             version->stamp = stamp;
             version->kind = kind;

@@ -5,6 +5,7 @@
 // relative to the mirror (the "mirror path", beginning with "/").
 
 #include "engine/FVFileSystemItem.h"
+#include "engine/FVMirrorLayout.h"
 #include "engine/FVPlist.h"
 
 #include <cstdint>
@@ -33,16 +34,14 @@ const char* versionKindName(FVVersionKind kind);
 
 class FVVersionCatalog {
 public:
-    static constexpr const char* kChangedFolder = "__changed";
-    static constexpr const char* kRemovedFolder = "__removed";
-
     // Reads the destination's configuration; nothing, with the reason, when it cannot be used.
     static std::optional<FVVersionCatalog> open(const std::string& destination, std::string* problem);
-    FVVersionCatalog(std::string destination, std::vector<std::string> sources, bool syncMode);
+    explicit FVVersionCatalog(FVMirrorLayout layout) : layout_(std::move(layout)) {}
 
-    const std::string& destination() const { return destination_; }
+    const std::string& destination() const { return layout_.destination(); }
     // The source items that are backed up, as configured.
-    const std::vector<std::string>& sources() const { return sources_; }
+    const std::vector<std::string>& sources() const { return layout_.sources(); }
+    const FVMirrorLayout& layout() const { return layout_; }
 
     // The mirror path of a source item ("" for the source "/", mirrored at the destination).
     std::string sourceMirrorPath(const std::string& source) const;
@@ -52,16 +51,16 @@ public:
     // The configured source whose mirror holds a mirror path, and the original path there.
     std::optional<std::string> sourceHolding(const std::string& mirrorPath) const;
     std::optional<std::string> originalPath(const std::string& mirrorPath) const;
-    // Newest first: the current copy, then the archived ones by the time in their stamp.
+    // Newest first: the current copy, then the archived ones by the time in their stamp, which is
+    // the order of the runs that archived them (a run never takes a stamp at or before one that
+    // is already in the archives).
     std::vector<FVItemVersion> versions(const std::string& mirrorPath) const;
 
     // The time an archive folder name stands for; nothing for a name that is not a stamp.
     static std::optional<std::time_t> stampTime(const std::string& stamp);
 
 private:
-    std::string destination_;
-    std::vector<std::string> sources_;
-    bool syncMode_;
+    FVMirrorLayout layout_;
 };
 
 }  // namespace ferrovane

@@ -77,7 +77,10 @@ bool write(const std::string& path, std::string_view bytes, std::string* error) 
         umask(mask);
         mode = 0666 & ~mask;
     }
-    if (fchmod(fd, mode) != 0) return abandon("cannot set the mode of " + tmp);
+    // A file system without modes refuses the call (FAT through FUSE; exFAT mounted for another
+    // owner refuses even a file just made): the file keeps the mode the file system gives it.
+    if (fchmod(fd, mode) != 0 && errno != ENOSYS && errno != EOPNOTSUPP && errno != EPERM)
+        return abandon("cannot set the mode of " + tmp);
 
     const char* p = bytes.data();
     size_t left = bytes.size();

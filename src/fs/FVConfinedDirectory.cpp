@@ -96,8 +96,9 @@ std::optional<std::string> FVConfinedDirectory::relativePath(std::string_view ab
 }
 
 FVFd FVConfinedDirectory::openFolder(std::string_view relative, bool createMissing, int* error,
-                                        bool* created) const {
+                                        bool* created, size_t* createdFrom) const {
     if (created) *created = false;
+    if (createdFrom) *createdFrom = std::string_view::npos;
     auto fail = [&](int e) {
         if (error) *error = e;
         return FVFd();
@@ -136,12 +137,14 @@ FVFd FVConfinedDirectory::openFolder(std::string_view relative, bool createMissi
         size_t end = relative.find('/', pos);
         if (end == std::string_view::npos) end = relative.size();
         std::string name(relative.substr(pos, end - pos));
+        const size_t start = pos;
         pos = end + 1;
         if (!validComponent(name)) return fail(EINVAL);
         int fd = openat(current.get(), name.c_str(), kFolderFlags);
         if (fd < 0 && errno == ENOENT && createMissing) {
             if (mkdirat(current.get(), name.c_str(), 0777) == 0) {
                 if (created) *created = true;
+                if (createdFrom && *createdFrom == std::string_view::npos) *createdFrom = start;
             } else if (errno != EEXIST) {
                 return fail(errno);
             }
@@ -161,11 +164,48 @@ int FVConfinedDirectory::moveItem(std::string_view fromRelative, std::string_vie
     int error = 0;
     FVFd from = openFolder(fromFolder, false, &error);
     if (!from.valid()) return error;
-    FVFd to = openFolder(toFolder, createMissing, &error);
+    size_t createdFrom = std::string_view::npos;
+    FVFd to = openFolder(toFolder, createMissing, &error, nullptr, &createdFrom);
     if (!to.valid()) return error;
-    return renameat2(from.get(), fromName.c_str(), to.get(), toName.c_str(), noReplace ? RENAME_NOREPLACE : 0) == 0
-               ? 0
-               : errno;
+    error = noReplace ? renameWithoutReplacing(from.get(), fromName.c_str(), to.get(), toName.c_str())
+                      : renameat(from.get(), fromName.c_str(), to.get(), toName.c_str()) == 0 ? 0 : errno;
+    if (error == 0 || createdFrom == std::string_view::npos) return error;
+    // No empty folders left behind by a move that did not happen: the deepest first, up to the
+    // first one this move made.
+    to.reset();
+    for (std::string_view folder = toFolder; folder.size() > createdFrom;) {
+        std::string_view parent;
+        std::string name;
+        if (!splitLast(folder, parent, name)) break;
+        FVFd parentFd = openFolder(parent, false, nullptr);
+        if (!parentFd.valid() || unlinkat(parentFd.get(), name.c_str(), AT_REMOVEDIR) != 0) break;
+        folder = parent;
+    }
+    return error;
+}
+
+int FVConfinedDirectory::renameWithoutReplacing(int fromDirFd, const char* fromName, int toDirFd, const char* toName) {
+    if (renameat2(fromDirFd, fromName, toDirFd, toName, RENAME_NOREPLACE) == 0) return 0;
+    if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP) return errno;
+    struct stat st {};
+    if (fstatat(toDirFd, toName, &st, AT_SYMLINK_NOFOLLOW) == 0) return EEXIST;
+    if (errno != ENOENT) return errno;
+    // Where EINVAL had another cause (a folder moved into itself), the plain rename says so too.
+    return renameat(fromDirFd, fromName, toDirFd, toName) == 0 ? 0 : errno;
+}
+
+int FVConfinedDirectory::statItem(std::string_view relative, struct stat* st) const {
+    if (relative.empty()) {
+        if (!root_.valid()) return openError_;
+        return fstat(root_.get(), st) == 0 ? 0 : errno;
+    }
+    std::string_view folder;
+    std::string name;
+    if (!splitLast(relative, folder, name)) return EINVAL;
+    int error = 0;
+    FVFd parent = openFolder(folder, false, &error);
+    if (!parent.valid()) return error;
+    return fstatat(parent.get(), name.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
 }
 
 int FVConfinedDirectory::removeItem(std::string_view relative) const {

@@ -14,6 +14,8 @@
 
 #include "fs/FVFileDescriptor.h"
 
+#include <sys/stat.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,11 +37,18 @@ public:
     // A descriptor (O_RDONLY | O_DIRECTORY) of the folder at a relative path. With createMissing,
     // missing folders below the root are made, one by one, with mode 0777 minus the umask;
     // *created tells whether any was. Nothing at or above the root is ever created.
-    FVFd openFolder(std::string_view relative, bool createMissing, int* error, bool* created = nullptr) const;
+    // createdFrom, where given, is the offset in relative of the first folder made (npos: none).
+    FVFd openFolder(std::string_view relative, bool createMissing, int* error, bool* created = nullptr,
+                    size_t* createdFrom = nullptr) const;
+
+    // The status of the item at a relative path, a symbolic link itself rather than what it
+    // points to; 0, or the errno why it cannot be examined.
+    int statItem(std::string_view relative, struct stat* st) const;
 
     // Moves one relative location to another; with createMissing, the target's missing folders
-    // are made first. Replaces an existing target the way rename(2) does, unless noReplace is
-    // set: then an existing target makes the move fail with EEXIST.
+    // are made first (and removed again when the move fails). Replaces an existing target the way
+    // rename(2) does, unless noReplace is set: then an existing target makes the move fail with
+    // EEXIST.
     int moveItem(std::string_view fromRelative, std::string_view toRelative, bool createMissing,
                  bool noReplace = false) const;
     // Removes the item at a relative path, a folder with everything in it.
@@ -48,6 +57,11 @@ public:
     // Helpers for callers that already hold a folder descriptor; name is a single component.
     // Removes a file, a link (not its target) or a folder with everything in it.
     static int removeRecursivelyAt(int dirFd, const std::string& name);
+    // Renames only where the target name is free (EEXIST otherwise); 0 or the errno. Where the
+    // file system has no RENAME_NOREPLACE (ntfs-3g, exfat-fuse answer EINVAL), the target is
+    // looked up first and then renamed: safe only while nothing else writes to the folder, as
+    // under the destination lock.
+    static int renameWithoutReplacing(int fromDirFd, const char* fromName, int toDirFd, const char* toName);
 
 private:
     std::string rootPath_;

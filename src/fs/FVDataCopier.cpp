@@ -66,6 +66,7 @@ bool FVDataCopier::afterChunk(ssize_t n) {
     copied_ += static_cast<uint64_t>(n);
     if (copied_ == static_cast<uint64_t>(n)) FVTestHook::reach("data-copy-under-way", sourcePath_);
     if (hook_) hook_(sourcePath_, copied_);
+    FVTestHook::reach("during-data-copy", sourcePath_);
     return !cancelled_.load(std::memory_order_relaxed);
 }
 

@@ -20,6 +20,8 @@ struct FVDestinationProfile {
     // renameat2(RENAME_NOREPLACE) works; where it does not, a move checks the target first under
     // the destination lock.
     bool renameNoReplace = true;
+    // A renamed file keeps its modification time (fusefat sets it to the time of the rename).
+    bool renameKeepsTimes = true;
     bool keepsOwners = true;
     bool keepsModes = true;
     bool symbolicLinks = true;
@@ -27,6 +29,8 @@ struct FVDestinationProfile {
     size_t maxNameLength = 255;
     // Bytes the file system refuses in a name (FAT and exFAT refuse "\\:*?\"<>|" and controls).
     std::string refusedNameBytes;
+    // Names must be valid UTF-8 (exFAT, NTFS and FAT store them as UTF-16).
+    bool utf8NamesOnly = false;
 };
 
 }  // namespace ferrovane

@@ -38,6 +38,13 @@ FVDirectoryWalker::FVDirectoryWalker(std::string root) : root_(std::move(root)) 
     baseLength_ = base;
 }
 
+FVDirectoryWalker::FVDirectoryWalker(std::string root, FVFd rootParent) : FVDirectoryWalker(std::move(root)) {
+    rootParent_ = std::move(rootParent);
+    const size_t slash = root_.find_last_of('/', baseLength_ > 0 ? baseLength_ - 1 : 0);
+    const size_t start = slash == std::string::npos ? 0 : slash + 1;
+    rootName_ = root_.substr(start, baseLength_ - start);
+}
+
 FVDirectoryWalker::~FVDirectoryWalker() = default;
 
 const FVDirectoryWalker::Entry* FVDirectoryWalker::next() {
@@ -48,7 +55,10 @@ const FVDirectoryWalker::Entry* FVDirectoryWalker::next() {
         size_t slash = root_.find_last_of('/', baseLength_ > 0 ? baseLength_ - 1 : 0);
         entry_.nameOffset = slash == std::string::npos ? 0 : slash + 1;
         entry_.relativeOffset = root_.size();
-        if (FVLongPath::lstat(root_, &entry_.st) != 0) {
+        const int found = rootParent_.valid()
+                              ? fstatat(rootParent_.get(), rootName_.c_str(), &entry_.st, AT_SYMLINK_NOFOLLOW)
+                              : FVLongPath::lstat(root_, &entry_.st);
+        if (found != 0) {
             entry_.error = errno;
             return &entry_;
         }
@@ -98,8 +108,9 @@ const FVDirectoryWalker::Entry* FVDirectoryWalker::next() {
 
 // Enters the folder in entry_. False when it could not be entered: entry_ then reports why.
 bool FVDirectoryWalker::enterPendingFolder() {
-    int fd = stack_.empty() ? FVLongPath::open(root_, kFolderFlags)
-                            : openat(stack_.back().fd.get(), entry_.nameCString(), kFolderFlags);
+    int fd = !stack_.empty()       ? openat(stack_.back().fd.get(), entry_.nameCString(), kFolderFlags)
+             : rootParent_.valid() ? openat(rootParent_.get(), rootName_.c_str(), kFolderFlags)
+                                   : FVLongPath::open(root_, kFolderFlags);
     if (fd < 0) {
         entry_.error = errno;
         return false;

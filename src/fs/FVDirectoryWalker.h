@@ -42,6 +42,10 @@ public:
     };
 
     explicit FVDirectoryWalker(std::string root);
+    // The root's last component is looked up in rootParent, an open folder, and never followed
+    // if it is a symbolic link: a walk of a tree reached without following links (a confined
+    // folder) stays inside it.
+    FVDirectoryWalker(std::string root, FVFd rootParent);
     ~FVDirectoryWalker();
     FVDirectoryWalker(const FVDirectoryWalker&) = delete;
     FVDirectoryWalker& operator=(const FVDirectoryWalker&) = delete;
@@ -62,6 +66,8 @@ private:
     static int readNames(Folder& folder);
 
     std::string root_;
+    FVFd rootParent_;
+    std::string rootName_;
     size_t baseLength_;
     dev_t rootDevice_ = 0;
     bool started_ = false;

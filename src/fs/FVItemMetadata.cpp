@@ -36,7 +36,7 @@ void note(int* error, int value) {
 }  // namespace
 
 bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItemHandle destination, bool cloneACL,
-                              int* error, const FVStartingState* start) {
+                              int* error, const FVStartingState* start, const FVDestinationProfile* keeps) {
     // Buffers live as long as the thread: no allocation per item once they have grown.
     thread_local std::vector<char> sourceNames, destinationNames, value;
     if (error) *error = 0;
@@ -47,7 +47,7 @@ bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItem
     // Owner first: a change of owner clears the set-id bits and file capabilities set before it.
     static const uid_t euid = geteuid();
     const bool ownerKept = start && (euid != 0 || start->owner == st.st_uid) && start->group == st.st_gid;
-    if ((euid == 0 || st.st_uid == euid) && !ownerKept) {
+    if ((euid == 0 || st.st_uid == euid) && !ownerKept && (!keeps || keeps->keepsOwners)) {
         uid_t owner = euid == 0 ? st.st_uid : static_cast<uid_t>(-1);
         int result = destination.pathOnly ? fchownat(destination.fd, "", owner, st.st_gid, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW)
                                           : fchown(destination.fd, owner, st.st_gid);
@@ -56,7 +56,8 @@ bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItem
     }
 
     const FVExtendedAttributes from(source.fd, source.pathOnly), to(destination.fd, destination.pathOnly);
-    ssize_t sourceSize = from.listNames(sourceNames);
+    const bool attributes = !keeps || keeps->extendedAttributes;
+    ssize_t sourceSize = attributes ? from.listNames(sourceNames) : 0;
     if (sourceSize < 0 && errno != ENOTSUP) ok = false, note(error, errno);
     for (ssize_t pos = 0; pos < sourceSize;) {
         const char* name = sourceNames.data() + pos;
@@ -69,7 +70,7 @@ bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItem
         }
         if (to.writeValue(name, value, static_cast<size_t>(size)) != 0) ok = false, note(error, errno);
     }
-    ssize_t destinationSize = start && !start->hasAttributes ? 0 : to.listNames(destinationNames);
+    ssize_t destinationSize = !attributes || (start && !start->hasAttributes) ? 0 : to.listNames(destinationNames);
     for (ssize_t pos = 0; pos < destinationSize;) {
         const char* name = destinationNames.data() + pos;
         pos += static_cast<ssize_t>(strlen(name)) + 1;
@@ -79,7 +80,7 @@ bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItem
     }
 
     // The mode last: it also sets the ACL mask to the source's group bits.
-    if (!isLink) {
+    if (!isLink && (!keeps || keeps->keepsModes)) {
         mode_t mode = st.st_mode & 07777;
         int result = destination.pathOnly ? chmod(ProcPath(destination.fd).text, mode) : fchmod(destination.fd, mode);
         if (result != 0) ok = false, note(error, errno);

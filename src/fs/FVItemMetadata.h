@@ -3,6 +3,8 @@
 // attributes and access-control lists (inode flags: FVInodeFlags::clone). Working on descriptors
 // keeps every change on the item that was opened, whatever happens to its name meanwhile.
 
+#include "fs/FVDestinationProfile.h"
+
 #include <sys/stat.h>
 
 namespace ferrovane {
@@ -30,9 +32,11 @@ namespace FVItemMetadata {
 // bits (not for links, which have none). Attributes that the destination has and the source lacks
 // are removed. Every step is tried; false with the first errno when any failed. With start, the
 // owner is left as it is where it is the source's already, and a destination without attributes
-// is not searched for ones to remove.
+// is not searched for ones to remove. With keeps, what the destination file system cannot hold
+// (owners, modes, attributes) is not tried at all: the run says so once, not per item.
 bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItemHandle destination, bool cloneACL,
-                              int* error, const FVStartingState* start = nullptr);
+                              int* error, const FVStartingState* start = nullptr,
+                              const FVDestinationProfile* keeps = nullptr);
 
 // Access and modification times to the nanosecond.
 bool cloneTimes(const struct stat& st, FVItemHandle destination, int* error);

@@ -36,7 +36,7 @@ void FVDestinationSearch::didFindMatch(const std::string& path) {
         return;
     }
     matchPaths_.push_back(path);
-    searchResults_ = FVSearchResultParser::parsedResults(matchPaths_);
+    searchResults_ = FVSearchResultParser::parsedResults(matchPaths_, searchFolderPath_);
     if (observer_) observer_->searchResultsDidChange();
 }
 

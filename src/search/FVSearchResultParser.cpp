@@ -1,5 +1,8 @@
 #include "search/FVSearchResultParser.h"
 
+#include "engine/FVMirrorLayout.h"
+#include "fs/FVText.h"
+
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -11,38 +14,17 @@ namespace ferrovane {
 
 namespace {
 
-std::vector<std::string_view> pathComponents(std::string_view path) {
-    std::vector<std::string_view> parts;
-    size_t i = 0;
-    while (i < path.size()) {
-        size_t end = path.find('/', i);
-        if (end == std::string_view::npos) end = path.size();
-        if (end > i) parts.push_back(path.substr(i, end - i));
-        i = end + 1;
-    }
-    return parts;
-}
-
-// Removes the component equal to name (first occurrence) and the one after it, if present.
-bool removeArchivePart(std::vector<std::string_view>& parts, std::string_view name) {
-    auto it = std::find(parts.begin(), parts.end(), name);
-    if (it == parts.end()) return false;
-    parts.erase(it, it + std::min<std::ptrdiff_t>(2, parts.end() - it));
-    return true;
+// Where the layout places the hit's current copy; the hit itself when it is not in the destination.
+std::string pathInMirror(const FVMirrorLayout& layout, const std::string& hit) {
+    std::string path = FVText::standardizedPath(hit);
+    std::optional<std::string> relative = layout.relativePathOfDestinationPath(path);
+    return relative ? layout.destinationPath(*relative) : path;
 }
 
 }  // namespace
 
-std::string FVSearchResultParser::pathWithoutArchivePart(const std::string& hit) {
-    auto parts = pathComponents(hit);
-    if (!removeArchivePart(parts, "__removed")) removeArchivePart(parts, "__changed");
-    bool absolute = !hit.empty() && hit.front() == '/';
-    std::string out = absolute ? "/" : "";
-    for (size_t k = 0; k < parts.size(); ++k) {
-        if (k) out += '/';
-        out += parts[k];
-    }
-    return out;
+std::string FVSearchResultParser::pathWithoutArchivePart(const std::string& hit, const std::string& destination) {
+    return pathInMirror(FVMirrorLayout(destination, true, {}), hit);
 }
 
 std::string FVSearchResultParser::timestamp(const std::string& hit) {
@@ -55,13 +37,15 @@ std::string FVSearchResultParser::timestamp(const std::string& hit) {
     return std::string(buffer, n);
 }
 
-std::vector<FVSearchResult> FVSearchResultParser::parsedResults(const std::vector<std::string>& hits) {
+std::vector<FVSearchResult> FVSearchResultParser::parsedResults(const std::vector<std::string>& hits,
+                                                                const std::string& destination) {
+    const FVMirrorLayout layout(destination, true, {});
     struct Version {
         std::string timestamp;
         const std::string* fullpath;
     };
     std::map<std::string, std::vector<Version>> byPath;
-    for (const auto& hit : hits) byPath[pathWithoutArchivePart(hit)].push_back({timestamp(hit), &hit});
+    for (const auto& hit : hits) byPath[pathInMirror(layout, hit)].push_back({timestamp(hit), &hit});
 
     std::vector<FVSearchResult> results;
     results.reserve(byPath.size());

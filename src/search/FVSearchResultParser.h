@@ -21,11 +21,13 @@ class FVSearchResultParser {
 public:
     // Entries ordered by logical path (bytes), so that a list that grows by one hit keeps its
     // rows in place; versions with equal time stamps keep hit order.
-    static std::vector<FVSearchResult> parsedResults(const std::vector<std::string>& hits);
+    static std::vector<FVSearchResult> parsedResults(const std::vector<std::string>& hits,
+                                                     const std::string& destination);
 
-    // The hit without its archive part: the first "__removed" component and the stamp folder
-    // after it, else the first "__changed" one and its stamp folder.
-    static std::string pathWithoutArchivePart(const std::string& hit);
+    // The path in the mirror of a hit inside the destination: an archived version without the
+    // archive folder and its stamp folder below the destination's root. Folders of those names
+    // deeper down are the user's own.
+    static std::string pathWithoutArchivePart(const std::string& hit, const std::string& destination);
     // The modification time of the item itself (links are not followed), or "" when unreadable.
     static std::string timestamp(const std::string& hit);
 };

@@ -35,7 +35,7 @@ protected:
             makeDirs(folder);
             for (int f = 0; f < 250; ++f) writeFile(folder + "/f" + std::to_string(f), std::string(4096, 'x'));
             // Dated well before the runs, as real folders are: a folder that an interrupted run
-            // made but could not date is then outside the 10-second window and dated next time.
+            // made but could not date then differs from its source and is dated next time.
             setMtime(folder, 1'000'000'000);
         }
     }
@@ -186,20 +186,39 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
     EXPECT_NE(log.find("Archiving deleted items finished: archived 2 items."), std::string::npos);
 }
 
-TEST_F(BackupRun, AFolderReplacedByALinkBecomesALinkAndTheFolderIsArchived) {
-    buildTree(dir.path(), {{"src/Docs/sub/a.txt", "a"}, {"elsewhere/", ""}});
+TEST_F(BackupRun, AFolderReplacedByAnythingElseIsArchivedAsRemovedAndAnItemReplacedByAFolderAsChanged) {
+    buildTree(dir.path(), {{"src/Docs/sub/a.txt", "a"}, {"src/Docs/note", "a note"}, {"elsewhere/", ""}});
+    symlink("note", (source + "/Docs/link").c_str());
     PlistDict options = defaults();
     options.set("moveChangedFiles", int64_t{1});
     configure({{source + "/Docs", FVSourceMode::Backup}}, options);
     ASSERT_EQ(run().exitStatus, 0);
 
+    // The folder moved to another disk and a link left in its place.
     fs::rename(source + "/Docs/sub", dir / "sub.old");
     fs::create_directory_symlink(dir / "elsewhere", source + "/Docs/sub");
+    // While its archive cannot be made, the folder stays and the link waits.
+    writeFile(destination + "/__removed", "in the way");
+    auto blocked = run();
+    EXPECT_EQ(blocked.exitStatus, 255);
+    EXPECT_NE(blocked.err.find("Archiving replaced folder failed: " + destination + "/Docs/sub"), std::string::npos)
+        << blocked.err;
+    EXPECT_EQ(readFile(destination + "/Docs/sub/a.txt"), "a");
+    fs::remove(destination + "/__removed");
+
+    // A file and a link that became folders within seconds: no date tells them apart.
+    for (const char* name : {"note", "link"}) {
+        fs::remove(source + "/Docs/" + name);
+        buildTree(source + "/Docs", {{std::string(name) + "/inner.txt", name}});
+    }
     ASSERT_EQ(run().exitStatus, 0);
     EXPECT_EQ(differences(source + "/Docs/", destination + "/Docs/"), "");
-    auto stamps = listFolder(destination + "/__changed");
-    ASSERT_EQ(stamps.size(), 1u);
-    EXPECT_EQ(readFile(destination + "/__changed/" + stamps[0] + "/Docs/sub/a.txt"), "a");
+    auto removed = listFolder(destination + "/__removed"), changed = listFolder(destination + "/__changed");
+    ASSERT_EQ(removed.size(), 1u);
+    ASSERT_EQ(changed.size(), 1u);
+    EXPECT_EQ(readFile(destination + "/__removed/" + removed[0] + "/Docs/sub/a.txt"), "a");
+    EXPECT_EQ(readFile(destination + "/__changed/" + changed[0] + "/Docs/note"), "a note");
+    EXPECT_EQ(fs::read_symlink(destination + "/__changed/" + changed[0] + "/Docs/link"), "note");
 }
 
 TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButNeverEmptiesAnUnmountedVolume) {
@@ -255,7 +274,7 @@ TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
     int status = 0;
     waitpid(pid, &status, 0);
     ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 255);
+    EXPECT_EQ(WEXITSTATUS(status), 128 + SIGINT);
     std::string out = readFile(dir / "out.txt");
     EXPECT_EQ(out.substr(out.size() - 15), "Sync canceled.\n");
     EXPECT_EQ(readFile(FVConfigurationFile::formattedPath(destination)), before);
@@ -267,16 +286,27 @@ TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
     EXPECT_EQ(differences(source + "/Many/", destination + "/Many/"), "");
 }
 
-TEST_F(BackupRun, TwoSourcesWithOneNameShareTheirMirrorWithoutHarm) {
+TEST_F(BackupRun, SourcesWhoseMirrorsCollideStopTheRunBeforeItTouchesTheDestination) {
     buildTree(source, {{"a/Docs/from-a.txt", "a"}, {"b/Docs/from-b.txt", "b"}});
+    configure({{source + "/a/Docs", FVSourceMode::Backup}}, defaults());
+    ASSERT_EQ(run().exitStatus, 0);
+    // A list written by hand: the second source would share the first one's mirror folder.
     configure({{source + "/a/Docs", FVSourceMode::Backup}, {source + "/b/Docs", FVSourceMode::Backup}}, defaults());
-    auto first = run();
-    EXPECT_EQ(first.exitStatus, 0) << first.out << first.err;
-    EXPECT_EQ(readFile(destination + "/Docs/from-a.txt"), "a");
-    EXPECT_EQ(readFile(destination + "/Docs/from-b.txt"), "b");
-    auto second = run();
-    EXPECT_NE(second.signal, SIGSEGV);
-    EXPECT_NE(second.signal, SIGABRT);
+    const std::string before = treeDigest(destination);
+    auto refused = run();
+    EXPECT_EQ(refused.exitStatus, 255);
+    EXPECT_NE(refused.err.find(source + "/a/Docs and " + source + "/b/Docs would both be mirrored at " + destination +
+                               "/Docs"),
+              std::string::npos)
+        << refused.err;
+    EXPECT_EQ(treeDigest(destination), before);
+
+    PlistDict byPath = defaults();
+    byPath.set("syncMode", int64_t{0});
+    configure({{source + "/a/Docs", FVSourceMode::Backup}, {source + "/b/Docs", FVSourceMode::Backup}}, byPath);
+    auto apart = run();
+    EXPECT_EQ(apart.exitStatus, 0) << apart.err;
+    EXPECT_EQ(readFile(destination + source + "/b/Docs/from-b.txt"), "b");
 }
 
 TEST_F(BackupRun, AnOptionThatCannotBeUsedStopsTheRunBeforeItTouchesTheDestination) {

@@ -111,6 +111,8 @@ TEST_F(ConfigCommand, BadInputIsRefusedAndNothingIsWritten) {
         {"schedule", "weekly", "8", "10:00"}, {"schedule", "hourly"},      {"frobnicate"},
         {"set", "purgeChangedArchiveDays", "0"}, {"set", "purgeRemovedArchiveDays", "thirty"},
         {"confirm-empty", "/elsewhere"},  {"confirm-empty"},
+        // Sources whose mirrors would collide: one name, a reserved name, a path that is not plain.
+        {"add", "/other/data"},           {"add", "/x/__removed"},         {"add", "/x/../data2"},
     };
     for (const auto& args : refused) {
         ProcessResult result = config(args);
@@ -120,6 +122,7 @@ TEST_F(ConfigCommand, BadInputIsRefusedAndNothingIsWritten) {
         EXPECT_NE(result.err.find("ferrovane config: "), std::string::npos) << shown << result.err;
     }
     EXPECT_EQ(settingsBytes(), before);
+    EXPECT_NE(config({"add", "/other/data"}).err.find("/data and /other/data would both be mirrored"), std::string::npos);
     EXPECT_FALSE(exists(calls));
     EXPECT_FALSE(exists(jobs));
 

@@ -1,9 +1,12 @@
 // Restores through the built executable after real backup runs: every version of a file, a
 // removed folder and whole sources come back exactly; existing items are never overwritten
-// unless replaced into the trash; the copy never follows a link planted in the target tree.
+// unless replaced into the trash; no link planted in the target tree or in the destination is
+// ever followed; folders made again keep their backed-up metadata.
 
 #include "cli/DestinationFixture.h"
+#include "engine/FVAdditions.h"
 #include "engine/FVTrash.h"
+#include "fs/FVFileDescriptor.h"
 #include "support/JsonQuery.h"
 #include "support/TreeLiteral.h"
 
@@ -11,6 +14,7 @@
 
 #include <sys/stat.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -173,17 +177,108 @@ TEST_F(RestoreCommand, ConflictsStopEverythingUnlessReplacedIntoTheTrash) {
     EXPECT_EQ(std::distance(fs::directory_iterator(trash + "/files"), fs::directory_iterator()), 1);
 }
 
-TEST_F(RestoreCommand, LinkPlantedInTheTargetTreeIsNotFollowed) {
+namespace {
+
+// A folder chain below base whose path is longer than PATH_MAX, made one component at a time,
+// with a file at its bottom; returns the file's path.
+std::string makeDeepFile(const std::string& base, std::string_view content) {
+    std::string path = base;
+    FVFd folder(open(base.c_str(), O_RDONLY | O_DIRECTORY));
+    for (int level = 0; path.size() <= PATH_MAX; ++level) {
+        std::string name = std::string(200, 'd') + std::to_string(level);
+        mkdirat(folder.get(), name.c_str(), 0755);
+        folder.reset(openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY));
+        path += "/" + name;
+    }
+    FVFd file(openat(folder.get(), "deep.txt", O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    EXPECT_EQ(write(file.get(), content.data(), content.size()), ssize_t(content.size()));
+    return path + "/deep.txt";
+}
+
+std::string readLong(const std::string& path) {
+    FVFd file(FVLongPath::open(path, O_RDONLY));
+    std::string content(256, '\0');
+    ssize_t n = file.valid() ? read(file.get(), content.data(), content.size()) : -1;
+    content.resize(n < 0 ? 0 : size_t(n));
+    return content;
+}
+
+}  // namespace
+
+TEST_F(RestoreCommand, FollowsNoLinkOnEitherSideAndReachesPathsLongerThanPathMax) {
     writeFile(source + "/a.txt", "secret");
+    const std::string deep = makeDeepFile(source, "deep down");
     backup();
+
+    // Target side: the first component of the original path below the new root leads elsewhere.
     std::string root = dir / "restored", outside = dir / "outside";
     makeDirs(root);
     makeDirs(outside);
-    // The first component of the original path below the new root leads elsewhere.
     std::string first = source.substr(1, source.find('/', 1) - 1);
     ASSERT_EQ(symlink(outside.c_str(), (root + "/" + first).c_str()), 0);
-
     auto r = ferrovane({"restore", destination, "--all", "--to", root});
     EXPECT_EQ(r.exitStatus, 1) << r.out << r.err;
     EXPECT_TRUE(fs::is_empty(outside)) << "nothing was written through the link";
+
+    // Destination side: an archive path that passes through a planted link is no version, and
+    // nothing behind it is read.
+    std::string elsewhere = dir / "elsewhere";
+    makeDirs(elsewhere);
+    writeFile(elsewhere + "/private.txt", "not in any backup");
+    const std::string stamp = "2026-01-01 10.00.00 +0000";
+    makeDirs(destination + "/__changed/" + stamp);
+    ASSERT_EQ(symlink(elsewhere.c_str(), (destination + "/__changed/" + stamp + "/docs").c_str()), 0);
+    EXPECT_EQ(ferrovane({"versions", destination, source + "/private.txt"}).exitStatus, 1);
+    r = ferrovane({"restore", destination, source + "/private.txt", "--version", stamp, "--to", dir / "got"});
+    EXPECT_EQ(r.exitStatus, 1) << r.out << r.err;
+    EXPECT_FALSE(exists(dir / "got/private.txt"));
+
+    // A file deeper than PATH_MAX comes back to its original place.
+    std::string name;
+    FVFd parent = FVLongPath::openParent(deep, name);
+    ASSERT_EQ(unlinkat(parent.get(), name.c_str(), 0), 0);
+    r = ferrovane({"versions", destination, deep});
+    EXPECT_EQ(r.exitStatus, 0) << r.out << r.err;
+    r = ferrovane({"restore", destination, deep});
+    EXPECT_EQ(r.exitStatus, 0) << r.out << r.err;
+    EXPECT_EQ(readLong(deep), "deep down");
+}
+
+TEST_F(RestoreCommand, ComesBackAsBackedUpNewestByRunOrder) {
+    // Folders the restore makes again get their backed-up mode and times, not those of new ones.
+    makeDirs(source + "/private/inner");
+    writeFile(source + "/private/inner/a.txt", "one");
+    chmod((source + "/private/inner").c_str(), 0750);
+    chmod((source + "/private").c_str(), 0700);
+    timespec old[2] = {{1'000'000, 0}, {1'000'000, 0}};
+    utimensat(AT_FDCWD, (source + "/private").c_str(), old, 0);
+    backup();
+    struct stat backedUp {};
+    ASSERT_EQ(stat((destination + "/docs/private").c_str(), &backedUp), 0);
+
+    // A run whose clock was a day ahead: its stamp sorts after the runs that follow once the
+    // clock is right again, unless those never take a stamp at or before it.
+    writeAt(source + "/private/inner/a.txt", "two", 2'000'000);
+    backup();
+    std::vector<Listed> listed = versions(source + "/private/inner/a.txt");
+    ASSERT_EQ(listed.size(), 2u);
+    const std::string ahead = FVDate::archiveStamp(std::time(nullptr) + 86400);
+    fs::rename(destination + "/__changed/" + listed[1].version, destination + "/__changed/" + ahead);
+    writeAt(source + "/private/inner/a.txt", "three", 3'000'000);
+    backup();
+    listed = versions(source + "/private/inner/a.txt");
+    ASSERT_EQ(listed.size(), 3u);
+    EXPECT_EQ(readFile(listed[1].location), "two") << "the latest run's archive is the newest: " << listed[1].version;
+    EXPECT_EQ(readFile(listed[2].location), "one");
+
+    fs::remove_all(source + "/private");
+    auto r = ferrovane({"restore", destination, source + "/private/inner/a.txt", "--version", listed[1].version});
+    ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
+    EXPECT_EQ(readFile(source + "/private/inner/a.txt"), "two");
+    struct stat made {};
+    ASSERT_EQ(stat((source + "/private").c_str(), &made), 0);
+    EXPECT_EQ(made.st_mode & 07777, 0700u);
+    EXPECT_EQ(made.st_mtim.tv_sec, backedUp.st_mtim.tv_sec);
+    ASSERT_EQ(stat((source + "/private/inner").c_str(), &made), 0);
+    EXPECT_EQ(made.st_mode & 07777, 0750u);
 }

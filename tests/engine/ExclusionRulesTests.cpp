@@ -6,7 +6,7 @@
 
 using ferrovane::FVExclusionRules;
 
-TEST(ExclusionRules, PatternsMatchWholeComponentsFoldersBelowAndNameSuffixes) {
+TEST(ExclusionRules, PatternsMatchWholeComponentsOnly) {
     struct Case {
         const char* path;
         std::vector<std::string> patterns;
@@ -15,18 +15,27 @@ TEST(ExclusionRules, PatternsMatchWholeComponentsFoldersBelowAndNameSuffixes) {
     };
     const Case cases[] = {
         {"/Users/a/MusicOld/x", {"/Users/a/Music"}, false},
+        {"/Users/a/MusicOld/Music/song", {"/Users/a/Music"}, false},
         {"/Users/a/Music/x", {"/Users/a/Music"}, true},
         {"/Users/a/Music", {"/Users/a/Music"}, true},
         {"/Volumes", {"/Volumes/"}, false},  // a folder pattern keeps the folder itself
         {"/Volumes/Disk", {"/Volumes/"}, true},
-        {"/x/foo.DS_Store", {".DS_Store"}, true},  // a name pattern is a plain suffix
+        {"/VolumesOld/Disk", {"/Volumes/"}, false},
+        // A name pattern matches whole trailing components, never a part of a name.
+        {"/x/.DS_Store", {".DS_Store"}, true},
+        {"/x/foo.DS_Store", {".DS_Store"}, false},
+        {"/var/log", {"log"}, true},
+        {"/src/catalog", {"log"}, false},
+        {"/src/changelog", {"log"}, false},
+        {"/var/log/syslog", {"log"}, false},
         {"/home/a/Library/Caches", {"Library/Caches"}, true},
+        {"/home/a/MyLibrary/Caches", {"Library/Caches"}, false},
         {"/x/.DocumentRevisions-V100", {".DocumentRevisions-V100/"}, false},
         {"/a", {}, false},
         // An absolute pattern covering the source item is ignored; name and later patterns still apply.
         {"/Users/a/Documents/x", {"/Users/a/"}, false, "/Users/a/Documents"},
         {"/Users/a/Documents/x", {"/Users/a/Documents"}, false, "/Users/a/Documents"},
-        {"/Users/a/Documents/x.tmp", {"/Users/a/", ".tmp"}, true, "/Users/a/Documents"},
+        {"/Users/a/Documents/x.tmp", {"/Users/a/", "x.tmp"}, true, "/Users/a/Documents"},
         {"/Users/a/Documents/cache/y", {"/Users/a/", "/Users/a/Documents/cache/"}, true, "/Users/a/Documents"},
     };
     for (const Case& c : cases) {

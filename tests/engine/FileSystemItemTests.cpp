@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -148,16 +147,4 @@ TEST(FileManager, LockAndUnlockTheImmutableFlag) {
     for (const char* p : {"tree/sub/f", "tree/sub", "tree"}) FVFileManager::lockFile(dir / p);
     FVFileManager::unlockRecursively(dir / "tree");
     for (const char* p : {"tree/sub/f", "tree/sub", "tree"}) EXPECT_FALSE(isImmutable(dir / p)) << p;
-}
-
-TEST(FileManager, FilesystemTypeComesFromTheMountTable) {
-    TempDir dir;
-    EXPECT_EQ(FVFileManager::filesystemTypeAtPath("/proc/self"), "proc");
-    EXPECT_FALSE(FVFileManager::filesystemTypeAtPath(dir.path()).empty());
-    EXPECT_EQ(FVFileManager::filesystemTypeAtPath(dir / "missing"), "");
-    makeDirs(dir / "mnt");
-    if (mount("tmpfs", (dir / "mnt").c_str(), "tmpfs", 0, "size=1m") != 0) GTEST_SKIP() << "cannot mount tmpfs";
-    makeDirs(dir / "mnt/inner");
-    EXPECT_EQ(FVFileManager::filesystemTypeAtPath(dir / "mnt/inner"), "tmpfs");
-    umount((dir / "mnt").c_str());
 }

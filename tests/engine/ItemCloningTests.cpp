@@ -23,6 +23,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 
 using namespace ferrovane;
 using namespace ferrovane::test;
@@ -253,6 +254,55 @@ TEST(ItemCloning, AKilledCopyLeavesTheOldVersionWhole) {
     EXPECT_TRUE(readFile(dir / "dst/file") == old) << "the old version was damaged";
     // The partial copy sits under a temporary name for the next run to remove.
     EXPECT_EQ(temporaryLeftovers(dir / "dst").size(), 1u);
+}
+
+TEST(ItemCloning, ASourceChangedDuringItsCopyIsCopiedAgainAndOneThatKeepsChangingIsDatedToBeCopiedNextTime) {
+    // What a writer does to the file after the copy of its data, each time with a new date.
+    const std::pair<const char*, std::function<void(const std::string&, int)>> writers[] = {
+        {"rewrite", [](const std::string& path, int n) { writeFile(path, pattern(3000, 100 + n)); }},
+        {"append", [](const std::string& path, int n) {
+             writeFile(path, readFile(path) + pattern(500, 200 + n));
+         }},
+        {"truncate", [](const std::string& path, int n) { writeFile(path, readFile(path).substr(0, 3000 - 700 * n)); }},
+    };
+    constexpr time_t kSaved = 1'600'000'000;
+    for (const auto& [name, change] : writers) {
+        // Changed after the first copy only, then after each of the three copies.
+        for (int changes : {1, 3}) {
+            SCOPED_TRACE(std::string(name) + " " + std::to_string(changes));
+            TempDir dir;
+            makeDirs(dir / "dst");
+            const std::string source = dir / "file", mirror = dir / "dst/file";
+            writeFile(source, pattern(3000, 1));
+            setTimes(source, kSaved, 0);
+            std::string lastCopied;
+            int made = 0;
+            RecordingDelegate delegate;
+            copyPairs(dir / "dst", {{source, mirror}}, delegate, [&](FVFileCopyWorker& worker) {
+                worker.setChunkHook([&](const std::string&, uint64_t) {
+                    lastCopied = readFile(source);
+                    if (made == changes) return;
+                    change(source, ++made);
+                    setTimes(source, kSaved + made, 0);
+                });
+            });
+            struct stat copied {};
+            ASSERT_EQ(lstat(mirror.c_str(), &copied), 0);
+            EXPECT_EQ(readFile(mirror), lastCopied);
+            const std::vector<std::string> warnings = delegate.messagesAt("WARNING");
+            if (changes == 1) {
+                EXPECT_EQ(readFile(mirror), readFile(source));
+                EXPECT_EQ(copied.st_mtim.tv_sec, kSaved + 1);
+                EXPECT_TRUE(warnings.empty()) << warnings[0];
+            } else {
+                ASSERT_EQ(warnings.size(), 1u);
+                EXPECT_NE(warnings[0].find(source + " changed while it was copied"), std::string::npos);
+                // Earlier than the last copy's source, so the next run never takes it for current.
+                EXPECT_EQ(copied.st_mtim.tv_sec, kSaved + 1);
+                EXPECT_EQ(copied.st_mtim.tv_nsec, 999'999'999);
+            }
+        }
+    }
 }
 
 TEST(ItemCloning, ALinkPlantedInTheDestinationLeadsNowhere) {

@@ -1,5 +1,5 @@
-// Where a destination keeps the versions of a path under both placements of the mirror, and
-// the order in which they are listed.
+// The versions a destination keeps of a path, and the order in which they are listed (the mapping
+// of paths is the layout's, tested with it).
 
 #include "engine/FVVersionCatalog.h"
 #include "support/TempDir.h"
@@ -8,28 +8,6 @@
 
 using namespace ferrovane;
 using namespace ferrovane::test;
-
-TEST(VersionCatalog, MapsOriginalAndDestinationPathsUnderBothPlacements) {
-    FVVersionCatalog byName("/backup", {"/home/me/Documents", "/etc"}, true);
-    EXPECT_EQ(byName.mirrorPath("/home/me/Documents/a/b.txt"), "/Documents/a/b.txt");
-    EXPECT_EQ(byName.mirrorPath("/home/me/Documents"), "/Documents");
-    EXPECT_EQ(byName.mirrorPath("/backup/__removed/2026-01-01 10.00.00 +0000/Documents/x"), "/Documents/x");
-    EXPECT_EQ(byName.mirrorPath("/backup/Documents/x"), "/Documents/x");
-    EXPECT_EQ(byName.mirrorPath("/home/me/Music/x"), std::nullopt);
-    EXPECT_EQ(byName.originalPath("/Documents/x"), "/home/me/Documents/x");
-    EXPECT_EQ(byName.originalPath("/etc/hosts"), "/etc/hosts");
-    EXPECT_EQ(byName.originalPath("/Other/x"), std::nullopt);
-
-    FVVersionCatalog byPath("/backup", {"/home/me/Documents", "/home/me/Documents/inner"}, false);
-    EXPECT_EQ(byPath.mirrorPath("/home/me/Documents/inner/x"), "/home/me/Documents/inner/x");
-    EXPECT_EQ(byPath.originalPath("/home/me/Documents/x"), "/home/me/Documents/x");
-    EXPECT_EQ(byPath.sourceHolding("/home/me/Documents/inner/x"), "/home/me/Documents/inner");
-
-    FVVersionCatalog whole("/mnt/backup", {"/"}, true);
-    EXPECT_EQ(whole.mirrorPath("/etc/hosts"), "/etc/hosts");
-    EXPECT_EQ(whole.originalPath("/etc/hosts"), "/etc/hosts");
-    EXPECT_EQ(whole.sourceMirrorPath("/"), "");
-}
 
 TEST(VersionCatalog, ListsTheCurrentCopyThenArchivesByTheirTime) {
     TempDir dir;
@@ -44,7 +22,7 @@ TEST(VersionCatalog, ListsTheCurrentCopyThenArchivesByTheirTime) {
     writeFile(d + "/__removed/2026-01-01 09.30.00 +0000/docs/a.txt", "third");
     writeFile(d + "/__changed/2026-01-01 08.00.00 +0000/docs/a.txt", "first");
     writeFile(d + "/__changed/not a stamp/docs/a.txt", "ignored");
-    FVVersionCatalog catalog(d, {"/home/docs"}, true);
+    FVVersionCatalog catalog(FVMirrorLayout(d, true, {"/home/docs"}));
 
     std::vector<FVItemVersion> versions = catalog.versions("/docs/a.txt");
     ASSERT_EQ(versions.size(), 4u);

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""The fault suite: crash anywhere, storage faults, escapes, hostile names and durability.
+"""The fault suite: crash anywhere, storage faults, escapes, hostile names, durability, signals
+and restores racing backups.
 
   faults.py --executable build/release/ferrovane --tier quick|full [--seed N] [--only crash,...]
            [--results tests/faults/RESULTS.md]
@@ -18,12 +19,17 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 import access  # noqa: E402
 import archives  # noqa: E402
+import changes  # noqa: E402
 import crash  # noqa: E402
 import durability  # noqa: E402
 import escapes  # noqa: E402
+import filesystems  # noqa: E402
 import hostile  # noqa: E402
 import inject  # noqa: E402
+import layout  # noqa: E402
 import options  # noqa: E402
+import restores  # noqa: E402
+import signals  # noqa: E402
 import storage  # noqa: E402
 from faultkit import Ferrovane, workspace  # noqa: E402
 
@@ -80,6 +86,11 @@ def main():
             "archives": lambda w: archives.run(ferrovane, w, args.tier),
             "options": lambda w: options.run(ferrovane, w, args.tier),
             "access": lambda w: access.run(ferrovane, w),
+            "filesystems": lambda w: filesystems.run(ferrovane, w),
+            "changes": lambda w: changes.run(ferrovane, w, args.tier),
+            "layout": lambda w: layout.run(ferrovane, w, args.tier, args.seed),
+            "signals": lambda w: signals.run(ferrovane, w, args.tier, args.seed, MOMENTS[args.tier]),
+            "restores": lambda w: restores.run(ferrovane, w),
             "fuzz": lambda w: fuzz(args, w),
         }
         for name, suite in suites.items():

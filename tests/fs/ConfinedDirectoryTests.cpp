@@ -60,6 +60,12 @@ TEST(ConfinedDirectory, MovesAndRemovesWithoutFollowingLinks) {
 
     EXPECT_EQ(root.moveItem("tree/deep/er/f", "archive/2026/tree/f", true), 0);
     EXPECT_EQ(readFile(dir / "dest/archive/2026/tree/f"), "x");
+    // A move that fails takes back the folders it made, and only those.
+    EXPECT_EQ(root.moveItem("tree/missing", "archive/2027/tree/f", true, true), ENOENT);
+    EXPECT_EQ(root.moveItem("tree/missing", "archive/2026/other/f", true, true), ENOENT);
+    EXPECT_FALSE(exists(dir / "dest/archive/2027"));
+    EXPECT_FALSE(exists(dir / "dest/archive/2026/other"));
+    EXPECT_TRUE(exists(dir / "dest/archive/2026/tree"));
     int error = root.moveItem("tree/deep/link/keep", "stolen", false);
     EXPECT_TRUE(error == ELOOP || error == ENOTDIR) << strerror(error);
     EXPECT_EQ(root.removeItem("tree"), 0);

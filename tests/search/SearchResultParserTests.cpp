@@ -38,7 +38,7 @@ private:
 
 }  // namespace
 
-TEST_F(SearchResultParserTest, RemovesOnlyTheFirstArchivePartPreferringRemoved) {
+TEST_F(SearchResultParserTest, RemovesTheArchivePartBelowTheDestinationOnly) {
     struct Case {
         const char* hit;
         const char* logical;
@@ -47,13 +47,14 @@ TEST_F(SearchResultParserTest, RemovesOnlyTheFirstArchivePartPreferringRemoved) 
              {"/T/src/a.txt", "/T/src/a.txt"},
              {"/T/__removed/S/src/a.txt", "/T/src/a.txt"},
              {"/T/__changed/S/src/__changed/old/a.txt", "/T/src/__changed/old/a.txt"},
-             {"/T/__changed/S/src/__removed/x/a.txt", "/T/__changed/S/src/a.txt"},
-             // A user folder that happens to carry the name loses the folder after it too.
-             {"/T/src/__changed/old/a.txt", "/T/src/a.txt"},
-             {"/T/__removed", "/T"},
-             {"rel/__changed/S/a.txt", "rel/a.txt"},
+             {"/T/__changed/S/src/__removed/x/a.txt", "/T/src/__removed/x/a.txt"},
+             // A user folder that happens to carry the name is the user's.
+             {"/T/src/__changed/old/a.txt", "/T/src/__changed/old/a.txt"},
+             {"/T/__removed/S", "/T"},
+             {"/T/__removed/S/src//a.txt", "/T/src/a.txt"},
+             {"/Other/__changed/S/a.txt", "/Other/__changed/S/a.txt"},
          })
-        EXPECT_EQ(FVSearchResultParser::pathWithoutArchivePart(c.hit), c.logical) << c.hit;
+        EXPECT_EQ(FVSearchResultParser::pathWithoutArchivePart(c.hit, "/T"), c.logical) << c.hit;
 }
 
 // The order by modification time, whatever the archive folders' stamps say, is checked through
@@ -65,7 +66,7 @@ TEST_F(SearchResultParserTest, EqualStampsKeepHitOrderAndVanishedVersionsComeLas
     std::string gone = dir / "__removed/S2/src//a.txt";
     std::string other = file("src/b.txt", "2021-07-01 00:00");
 
-    auto results = FVSearchResultParser::parsedResults({early, gone, other, late});
+    auto results = FVSearchResultParser::parsedResults({early, gone, other, late}, dir.path());
 
     ASSERT_EQ(results.size(), 2u);
     EXPECT_EQ(results[0].path, dir / "src/a.txt");
@@ -74,5 +75,5 @@ TEST_F(SearchResultParserTest, EqualStampsKeepHitOrderAndVanishedVersionsComeLas
     EXPECT_TRUE(results[0].hasMultipleVersions);
     EXPECT_EQ(results[1].fullpaths, std::vector<std::string> {other});
     EXPECT_FALSE(results[1].hasMultipleVersions);
-    EXPECT_TRUE(FVSearchResultParser::parsedResults({}).empty());
+    EXPECT_TRUE(FVSearchResultParser::parsedResults({}, dir.path()).empty());
 }

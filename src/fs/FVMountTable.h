@@ -1,0 +1,12 @@
+#pragma once
+// Look-ups in the mount table (libmount).
+
+#include <string>
+
+namespace ferrovane::FVMountTable {
+
+// The type of the mounted file system that holds the path: "ext4", "tmpfs", "fuseblk",
+// "fuse.davfs" ...; "" when the path cannot be found.
+std::string fileSystemTypeAtPath(const std::string& path);
+
+}  // namespace ferrovane::FVMountTable

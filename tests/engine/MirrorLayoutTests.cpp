@@ -1,0 +1,139 @@
+// Where a destination keeps each source's mirror and archives under both placements, the way
+// back to the original paths, and the source lists whose mirrors would collide.
+
+#include "engine/FVMirrorLayout.h"
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+using namespace ferrovane;
+
+namespace {
+
+constexpr const char* kStamp = "2026-01-01 10.00.00 +0000";
+
+}  // namespace
+
+TEST(MirrorLayout, MapsSourcesToMirrorAndArchivesAndBackUnderBothPlacements) {
+    const FVMirrorLayout byName("/backup", true, {"/home/me/Documents", "/etc"});
+    const FVMirrorLayout byPath("/backup/", false, {"/home/me/Documents", "/etc"});
+    const FVMirrorLayout whole("/mnt/backup", false, {"/"});
+    const FVMirrorLayout rootDestination("/", true, {"/home/me/Documents"});
+    struct Case {
+        const FVMirrorLayout& layout;
+        const char* original;
+        const char* mirror;
+        const char* removed;  // the archived version of a removed item
+    };
+    const Case cases[] = {
+        {byName, "/home/me/Documents", "/backup/Documents", "/backup/__removed/2026-01-01 10.00.00 +0000/Documents"},
+        {byName, "/home/me/Documents/a/b.txt", "/backup/Documents/a/b.txt",
+         "/backup/__removed/2026-01-01 10.00.00 +0000/Documents/a/b.txt"},
+        {byName, "/etc/hosts", "/backup/etc/hosts", "/backup/__removed/2026-01-01 10.00.00 +0000/etc/hosts"},
+        {byPath, "/home/me/Documents/a/b.txt", "/backup/home/me/Documents/a/b.txt",
+         "/backup/__removed/2026-01-01 10.00.00 +0000/home/me/Documents/a/b.txt"},
+        {byPath, "/etc", "/backup/etc", "/backup/__removed/2026-01-01 10.00.00 +0000/etc"},
+        {whole, "/etc/hosts", "/mnt/backup/etc/hosts", "/mnt/backup/__removed/2026-01-01 10.00.00 +0000/etc/hosts"},
+        {whole, "/", "/mnt/backup", "/mnt/backup/__removed/2026-01-01 10.00.00 +0000"},
+        {rootDestination, "/home/me/Documents/x", "/Documents/x", "/__removed/2026-01-01 10.00.00 +0000/Documents/x"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.original);
+        std::optional<std::string> relative = c.layout.relativePathOfOriginal(c.original);
+        ASSERT_TRUE(relative);
+        EXPECT_EQ(c.layout.destinationPath(*relative), c.mirror);
+        EXPECT_EQ(c.layout.archivePath(FVArchiveKind::Removed, kStamp, *relative), c.removed);
+        for (const char* inside : {c.mirror, c.removed}) {
+            EXPECT_EQ(c.layout.relativePathOfDestinationPath(inside), relative) << inside;
+            EXPECT_EQ(c.layout.originalPath(*relative), c.original);
+        }
+        std::string changed = c.layout.archivePath(FVArchiveKind::Changed, kStamp, *relative);
+        EXPECT_EQ(c.layout.relativePathOfDestinationPath(changed), relative) << changed;
+    }
+    for (const std::string& source : byName.sources())
+        EXPECT_EQ(byName.mirrorPath(source), byName.destinationPath(*byName.relativePathOfOriginal(source)));
+    EXPECT_EQ(whole.mirrorPath("/"), "/mnt/backup");
+    // The deepest source places a path (nested sources are fine where their mirrors are apart).
+    const FVMirrorLayout nested("/backup", true, {"/a", "/a/b"});
+    EXPECT_EQ(nested.relativePathOfOriginal("/a/b/x"), "/b/x");
+    EXPECT_EQ(nested.sourceHolding("/b/x"), "/a/b");
+
+    EXPECT_EQ(byName.relativePathOfOriginal("/home/me/Music/x"), std::nullopt);
+    EXPECT_EQ(byName.relativePathOfOriginal("/home/me/DocumentsOld/x"), std::nullopt);
+    EXPECT_EQ(byName.originalPath("/Other/x"), std::nullopt);
+    EXPECT_EQ(byName.relativePathOfDestinationPath("/backupOld/Documents"), std::nullopt);
+    EXPECT_EQ(byName.relativePathOfDestinationPath(std::string("/backup/__changed/") + kStamp), "");
+}
+
+TEST(MirrorLayout, RefusesSourceListsWhoseMirrorsCollideOrLandOnReservedNames) {
+    using Mode = FVSourceMode;
+    struct Case {
+        bool folderPerSource;
+        std::vector<std::pair<const char*, Mode>> items;
+        bool caseInsensitive;
+        // The names the message must hold; none when the list is fine.
+        std::vector<const char*> named;
+    };
+    const Mode B = Mode::Backup;
+    const Case cases[] = {
+        // Same last name: one folder for both in the default placement, apart at full paths.
+        {true, {{"/a/Docs", B}, {"/b/Docs", B}}, false, {"/a/Docs", "/b/Docs", "/backup/Docs", "syncMode 0"}},
+        {false, {{"/a/Docs", B}, {"/b/Docs", B}}, false, {}},
+        {true, {{"/a/Docs", B}, {"/b/Docs", Mode::Disabled}}, false, {}},
+        {true, {{"/a/Docs", B}, {"/b/Docs", Mode::ExcludePath}, {"Docs", Mode::ExcludeName}}, false, {}},
+        {true, {{"/a/Docs", B}, {"/a/Docs", B}}, false, {"/a/Docs"}},
+        // One mirror inside another.
+        {false, {{"/a", B}, {"/a/b", B}}, false, {"/a", "/a/b", "inside"}},
+        {true, {{"/a", B}, {"/a/b", B}}, false, {}},
+        {false, {{"/ab", B}, {"/a", B}}, false, {}},
+        {true, {{"/", B}, {"/home/x", B}}, false, {"/home/x", "inside the mirror of the source /"}},
+        {false, {{"/home/x", B}, {"/", B}}, false, {"/home/x", "/"}},
+        {true, {{"/", B}}, false, {}},
+        // Case that the destination does not tell apart.
+        {true, {{"/x/Docs", B}, {"/y/docs", B}}, false, {}},
+        {true, {{"/x/Docs", B}, {"/y/docs", B}}, true, {"/x/Docs", "/y/docs", "case"}},
+        {false, {{"/x/A", B}, {"/x/a", B}}, true, {"/x/A", "/x/a"}},
+        {false, {{"/Data", B}, {"/data/b", B}}, true, {"/Data", "/data/b", "case"}},
+        {false, {{"/Data/a", B}, {"/data/b", B}}, true, {}},
+        {true, {{"/x/Report", B}, {"/y/Reports", B}}, true, {}},
+        // Names the destination keeps for itself, at the top of the destination only.
+        {true, {{"/x/__changed", B}}, false, {"/x/__changed", "\"__changed\""}},
+        {true, {{"/x/__removed", B}}, false, {"\"__removed\""}},
+        {true, {{"/x/__runs", B}}, false, {"\"__runs\""}},
+        {true, {{"/x/.ferrovane.conf", B}}, false, {"\".ferrovane.conf\""}},
+        {true, {{"/x/.ferrovane-tmp-0123", B}}, false, {"\".ferrovane-tmp-\""}},
+        {false, {{"/__removed/x", B}}, false, {"\"__removed\""}},
+        {false, {{"/home/__changed", B}}, false, {}},
+        {true, {{"/x/__changed2", B}}, false, {}},
+        {true, {{"/x/__CHANGED", B}}, false, {}},
+        {true, {{"/x/__CHANGED", B}}, true, {"/x/__CHANGED", "\"__changed\""}},
+        // Paths in their plain absolute form only; exclusion paths too, name patterns not.
+        {true, {{"", B}}, false, {"\"\""}},
+        {true, {{"relative/Docs", B}}, false, {"relative/Docs"}},
+        {true, {{"/a/../Docs", B}}, false, {"/a/../Docs"}},
+        {true, {{"/a/./Docs", B}}, false, {"/a/./Docs"}},
+        {true, {{"/a//Docs", B}}, false, {"/a//Docs"}},
+        {true, {{"/a/Docs/", B}}, false, {"/a/Docs/"}},
+        {true, {{"/a/Docs", B}, {"/a/Docs/../tmp", Mode::ExcludePath}}, false, {"/a/Docs/../tmp"}},
+        {true, {{"/a/Docs", B}, {"/a/x/../Docs", Mode::Disabled}}, false, {}},
+        // The destination's own folder is no source.
+        {true, {{"/backup/inner", B}}, false, {"/backup/inner", "inside the destination"}},
+        {true, {{"/backup", B}}, false, {"/backup"}},
+        {true, {{"/backupOld", B}}, false, {}},
+    };
+    for (const Case& c : cases) {
+        std::vector<FVSourceItemPtr> items;
+        std::string list;
+        for (const auto& [path, mode] : c.items) {
+            items.push_back(FVSourceItem::make(path, mode));
+            list += std::string(" ") + path;
+        }
+        SCOPED_TRACE(fmt::format("{}{}{}", c.folderPerSource ? "by name:" : "by path:", list,
+                                 c.caseInsensitive ? " (case-insensitive)" : ""));
+        FVDestinationProfile profile;
+        profile.caseInsensitive = c.caseInsensitive;
+        std::optional<std::string> problem = FVMirrorLayout::fromItems("/backup", c.folderPerSource, items).validate(profile);
+        ASSERT_EQ(problem.has_value(), !c.named.empty()) << problem.value_or("");
+        for (const char* name : c.named) EXPECT_NE(problem->find(name), std::string::npos) << *problem << " lacks " << name;
+    }
+}

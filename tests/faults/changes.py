@@ -1,0 +1,312 @@
+"""Change detection: a same-size save a moment after a backup, a change of mode or owner alone, an
+item that became another kind of item (both ways), and a source rewritten, appended to or
+truncated while it is copied. After each, every earlier version is in the mirror or an archive,
+and a clean run leaves the mirror equal to the source, modes and owners included."""
+
+import os
+import pwd
+import shutil
+import subprocess
+
+from faultkit import (FIXED_MTIME, run_cases, Ferrovane, Hooks, build, content, expect, expect_clean_rerun,
+                      expect_kept, log_since, log_size, mirror_of, tail, versions)
+
+NAME = "data"
+SECOND = 1_000_000_000
+SAVED = 1_500_000_000 * SECOND  # when the backed-up versions were saved
+BOTH_ARCHIVES = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"))
+MOMENT = "after-data-copy"
+
+
+class Destination:
+    """One source folder built from tree, mirrored once."""
+
+    def __init__(self, ferrovane, work, tree, options=BOTH_ARCHIVES):
+        self.ferrovane = ferrovane
+        self.source = os.path.join(os.fsencode(work), b"src", NAME.encode())
+        self.destination = os.path.join(os.fsencode(work), b"dest")
+        self.mirror = mirror_of(self.destination, self.source)
+        build(self.source, tree)
+        os.makedirs(self.destination)
+        ferrovane.configure(os.fsdecode(self.destination), [os.fsdecode(self.source)], options)
+        ferrovane.complete(self.destination)
+        self.before = versions(self.destination)
+
+    def path(self, rel):
+        return os.path.join(self.source, rel)
+
+    def run(self):
+        r = self.ferrovane.run(self.destination)
+        expect(r.returncode == 0, f"the run failed ({r.returncode}): {tail(r)}")
+        return r
+
+    def expect_equal(self, what):
+        """The mirror equals the source after one run, every earlier version kept."""
+        expect_kept(self.destination, self.before)
+        diff = exact_differences(self.source, self.mirror)
+        expect(diff == "", f"{what}: the mirror differs after one run:\n{diff[:1500]}")
+
+    def clean_rerun(self):
+        """A clean run completes the mirror, and the one after it finds nothing left to do."""
+        expect_clean_rerun(self.ferrovane, self.destination, [self.source], self.before)
+        diff = exact_differences(self.source, self.mirror)
+        expect(diff == "", f"after a clean run the mirror still differs:\n{diff[:1500]}")
+        offset = log_size(self.ferrovane)
+        self.run()
+        expect(b"(0 items changed)" in log_since(self.ferrovane, offset), "a run after a clean run changed items again")
+
+
+def exact_differences(source, mirror):
+    """What rsync would still change, folder dates included: a run without faults leaves none."""
+    r = subprocess.run(["rsync", "-aHAXnc", "--delete", "--itemize-changes", source + b"/", mirror + b"/"],
+                       capture_output=True)
+    return (r.stdout + r.stderr).decode(errors="replace")
+
+
+def save(path, data, mtime_ns):
+    with open(path, "r+b") as f:
+        f.write(data)
+        f.truncate(len(data))
+    os.utime(path, ns=(mtime_ns, mtime_ns))
+
+
+# ---- same-size saves
+
+OFFSETS_NS = (1, 1_000_000, 400_000_000, 999_999_999, SECOND, 2 * SECOND, 3 * SECOND, 9 * SECOND)
+
+
+def same_size_saves(ferrovane, work):
+    """A file saved as "teh" and backed up, then saved as "the" 1 ns to 9 s later: each save is
+    backed up by the next run."""
+    tree = {b"f%d" % i: ("file", 4000, i) for i in range(len(OFFSETS_NS))}
+    d = Destination(ferrovane, work, tree)
+    for i in range(len(OFFSETS_NS)):
+        os.utime(d.path(b"f%d" % i), ns=(SAVED, SAVED))
+    d.run()
+    d.before = versions(d.destination)
+    for i, offset in enumerate(OFFSETS_NS):
+        save(d.path(b"f%d" % i), content(4000, 100 + i), SAVED + offset)
+    d.run()
+    d.expect_equal("same-size saves")
+    d.clean_rerun()
+
+
+# ---- mode and owner alone
+
+def metadata_only(ferrovane, work):
+    """A chmod of a file and of a folder (and as root a chown, a chgrp, a link's owner and a chmod
+    of a file whose copy is immutable) reach the mirror in place: the mirror file is the same
+    file, and nothing is archived."""
+    tree = {b"private": ("file", 3000, 1), b"folder": ("dir",), b"folder/g": ("file", 100, 2),
+            b"owned": ("file", 50, 3), b"grouped": ("file", 60, 4), b"link": ("link", b"private"),
+            b"unlocked": ("file", 70, 5)}
+    d = Destination(ferrovane, work, tree)
+    inodes = {rel: os.lstat(os.path.join(d.mirror, rel)).st_ino for rel in tree}
+    os.chmod(d.path(b"private"), 0o600)
+    os.chmod(d.path(b"folder"), 0o700)
+    locked = os.path.join(d.mirror, b"unlocked")
+    if os.geteuid() == 0:
+        nobody = pwd.getpwnam("nobody")
+        os.chown(d.path(b"owned"), nobody.pw_uid, -1)
+        os.chown(d.path(b"grouped"), -1, nobody.pw_gid)
+        os.lchown(d.path(b"link"), nobody.pw_uid, nobody.pw_gid)
+        # The copy of a file that was immutable when it was backed up, and is no longer.
+        if subprocess.run(["chattr", "+i", locked], capture_output=True).returncode == 0:
+            os.chmod(d.path(b"unlocked"), 0o640)
+    r = ferrovane.run(d.destination)
+    flags = subprocess.run(["lsattr", "-d", locked], capture_output=True).stdout.split(b" ")[0]
+    subprocess.run(["chattr", "-i", locked], capture_output=True)  # whatever happened, the folder can go
+    expect(r.returncode == 0, f"the run failed ({r.returncode}): {tail(r)}")
+    expect(b"i" not in flags, "the copy is still immutable")
+    d.expect_equal("mode and owner")
+    for rel, inode in inodes.items():
+        expect(os.lstat(os.path.join(d.mirror, rel)).st_ino == inode, f"{rel!r} was copied, not updated in place")
+    expect(not os.path.exists(os.path.join(d.destination, b"__changed")), "identical bytes were archived")
+    d.clean_rerun()
+
+
+# ---- one kind of item replaced by another
+
+def make_folder(path):
+    os.makedirs(os.path.join(path, b"inner"))
+    with open(os.path.join(path, b"inner", b"x"), "wb") as f:
+        f.write(b"new folder content")
+
+
+def make_file(path):
+    with open(path, "wb") as f:
+        f.write(b"new file")
+
+
+def make_link(path):
+    os.symlink(b"elsewhere", path)
+
+
+def make_fifo(path):
+    os.mkfifo(path)
+
+
+KINDS = {
+    "folder": (("dir",), make_folder),
+    "file": (("file", 2000, 7), make_file),
+    "link": (("link", b"somewhere"), make_link),
+}
+REPLACEMENTS = {"folder": make_folder, "file": make_file, "link": make_link, "fifo": make_fifo}
+
+
+def replaced(ferrovane, work, replacements):
+    """Every kind replaced by each of replacements, the new item dated as the one it replaced, so
+    that only its kind tells them apart; returns the destination after one run."""
+    tree = {}
+    pairs = [(old, new) for old in KINDS for new in replacements if new != old]
+    for old, new in pairs:
+        rel = f"{old}-to-{new}".encode()
+        tree[rel] = KINDS[old][0]
+        if old == "folder":
+            tree[rel + b"/kept"] = ("file", 500, len(tree))
+            tree[rel + b"/sub"] = ("dir",)
+            tree[rel + b"/sub/deeper"] = ("file", 70, len(tree))
+    d = Destination(ferrovane, work, tree)
+    for old, new in pairs:
+        path = d.path(f"{old}-to-{new}".encode())
+        if old == "folder":
+            shutil.rmtree(path)
+        else:
+            os.unlink(path)
+        REPLACEMENTS[new](path)
+        if new != "fifo":
+            os.utime(path, ns=(FIXED_MTIME * SECOND,) * 2, follow_symlinks=False)
+    d.run()
+    return d
+
+
+def type_changes(ferrovane, work):
+    """A folder, a file or a link replaced by another of them: the old item is archived (a folder
+    as removed, anything else as changed) and the new one mirrored."""
+    d = replaced(ferrovane, work, ("folder", "file", "link"))
+    d.expect_equal("kinds replaced")
+    removed = os.path.join(d.destination, b"__removed")
+    stamps = os.listdir(removed) if os.path.isdir(removed) else []
+    for new in ("file", "link"):
+        rel = os.path.join(NAME.encode(), f"folder-to-{new}".encode(), b"sub/deeper")
+        expect(any(os.path.isfile(os.path.join(removed, s, rel)) for s in stamps),
+               f"{rel!r} did not go to __removed with its folder")
+    d.clean_rerun()
+
+
+def replaced_by_fifos(ferrovane, work):
+    """A FIFO is never backed up: a folder, file or link replaced by one is archived as removed."""
+    d = replaced(ferrovane, work, ("fifo",))
+    expect_kept(d.destination, d.before)
+    fifos = [name for name in os.listdir(d.source) if name.endswith(b"-to-fifo")]
+    left = [name for name in fifos if os.path.lexists(os.path.join(d.mirror, name))]
+    expect(not left, f"the mirror still holds {left}")
+    r = subprocess.run(["rsync", "-aHAXnc", "--delete", "--itemize-changes", *[b"--exclude=/" + n for n in fifos],
+                        d.source + b"/", d.mirror + b"/"], capture_output=True)
+    expect(r.stdout + r.stderr == b"", f"the mirror differs:\n{(r.stdout + r.stderr)[:1500]}")
+
+
+def links_pointed_elsewhere(ferrovane, work):
+    """Links made anew a moment after the backup, to a target of another length or of the same:
+    the mirror's links follow, and the old ones are archived."""
+    tree = {b"longer": ("link", b"target-a"), b"same-length": ("link", b"target-a")}
+    d = Destination(ferrovane, work, tree)
+    for rel, target in ((b"longer", b"target-abc"), (b"same-length", b"target-b")):
+        os.unlink(d.path(rel))
+        os.symlink(target, d.path(rel))
+        os.utime(d.path(rel), ns=((FIXED_MTIME + 1) * SECOND,) * 2, follow_symlinks=False)
+    d.run()
+    d.expect_equal("links pointed elsewhere")
+    d.clean_rerun()
+
+
+def folder_moved_away_for_a_link(ferrovane, work):
+    """With the default options: mv Photos /other; ln -s /other/Photos Photos. The mirrored folder
+    goes to __removed, and the link takes its place."""
+    tree = {b"Photos": ("dir",), b"Photos/a.jpg": ("file", 9000, 1), b"Photos/trip": ("dir",),
+            b"Photos/trip/b.jpg": ("file", 7000, 2), b"notes": ("file", 10, 3)}
+    d = Destination(ferrovane, work, tree, options=())
+    other = os.path.join(os.fsencode(work), b"other")
+    os.makedirs(other)
+    os.rename(d.path(b"Photos"), os.path.join(other, b"Photos"))
+    os.symlink(os.path.join(other, b"Photos"), d.path(b"Photos"))
+    d.run()
+    d.expect_equal("folder replaced by a link")
+    removed = os.path.join(d.destination, b"__removed")
+    expect(os.path.isdir(removed) and len(os.listdir(removed)) == 1, "the folder did not go to __removed")
+    d.clean_rerun()
+
+
+# ---- a source written while it is copied
+
+def rewrite(path, n):
+    with open(path, "r+b") as f:
+        f.write(content(os.path.getsize(path), 50 + n))
+
+
+def append(path, n):
+    with open(path, "ab") as f:
+        f.write(content(3000, 60 + n))
+
+
+def truncate(path, n):
+    os.truncate(path, os.path.getsize(path) // 2)
+
+
+WRITERS = {"rewrite": rewrite, "append": append, "truncate": truncate}
+
+
+def hold_again(hooks, pattern):
+    """Arms the moment anew while the run is held at it, so that the next copy is held too; the
+    release FIFO stays for it."""
+    os.unlink(os.path.join(hooks.folder, MOMENT + ".reached"))
+    with open(os.path.join(hooks.folder, MOMENT), "wb") as f:
+        f.write(pattern)
+
+
+def written_during_copy(ferrovane, work, writer, changes):
+    """The writer changes big.bin right after its data was copied, once or after every copy."""
+    tree = {b"big.bin": ("file", 3 << 20, 1), b"small": ("file", 100, 2)}
+    d = Destination(ferrovane, work, tree)
+    path = d.path(b"big.bin")
+    save(path, content(3 << 20, 3), SAVED)
+    hooks = Hooks(os.path.join(work, "hooks"))
+    held = Ferrovane(ferrovane.executable, ferrovane.env["FERROVANE_LOG_FILE"], ferrovane.prefix, **hooks.env)
+    pattern = b"/" + NAME.encode() + b"/big.bin"
+    hooks.arm(MOMENT, pattern)
+    offset = log_size(ferrovane)
+    process = held.start(d.destination)
+    for n in range(1, changes + 1):
+        hooks.wait(MOMENT, process)
+        WRITERS[writer](path, n)
+        os.utime(path, ns=(SAVED + n * SECOND,) * 2)
+        if n < changes:
+            hold_again(hooks, pattern)
+        hooks.release(MOMENT)
+    out, err = process.communicate(timeout=300)
+    expect(process.returncode == 0, f"the run failed ({process.returncode}): {(out + err)[-600:]}")
+    log = log_since(ferrovane, offset)
+    warned = b"changed while it was copied; its backup" in log
+    if changes < 3:
+        expect(not warned, "warned although the last copy was whole")
+        d.expect_equal(f"{writer} once during the copy")
+    else:
+        expect(warned, "no warning for a file that kept changing during its copies")
+        copied = os.stat(os.path.join(d.mirror, b"big.bin")).st_mtime_ns
+        expect(copied < os.stat(path).st_mtime_ns, "the torn copy is dated as if it were current")
+        expect_kept(d.destination, d.before)
+    d.clean_rerun()
+
+
+def run(ferrovane, work, tier):
+    cases = [("same-size saves 1 ns to 9 s after the backup", lambda w: same_size_saves(ferrovane, w)),
+             ("mode, owner and group changed alone", lambda w: metadata_only(ferrovane, w)),
+             ("folder, file and link each replaced by the others", lambda w: type_changes(ferrovane, w)),
+             ("folder, file and link each replaced by a FIFO", lambda w: replaced_by_fifos(ferrovane, w)),
+             ("links pointed elsewhere", lambda w: links_pointed_elsewhere(ferrovane, w)),
+             ("a folder moved away and replaced by a link to it", lambda w: folder_moved_away_for_a_link(ferrovane, w))]
+    for writer in WRITERS:
+        for changes in (1, 3):
+            cases.append((f"{writer} during the copy, {'once' if changes == 1 else 'after every copy'}",
+                          lambda w, wr=writer, c=changes: written_during_copy(ferrovane, w, wr, c)))
+    yield from run_cases("changes", cases, work)

@@ -1,0 +1,260 @@
+"""Destination file systems made in loop images: ext4, btrfs and xfs in the kernel, exFAT, NTFS and
+FAT through their FUSE drivers. On each, a backup with both archives on: the probe reports what
+the file system holds, a changed and a removed file reach the archives, names that differ only in
+case or that the file system refuses are errors that overwrite nothing, owners and modes it cannot
+keep are said once, a dry run leaves the destination as it was, and the next clean run changes
+nothing."""
+
+import os
+import re
+import shutil
+import subprocess
+
+from faultkit import (Failure, build, content, digest, expect, expect_kept, is_root, log_since, log_size,
+                      mirror_differences, tail, unmount, versions)
+
+NAME = "data"
+OPTIONS = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"))
+TREE = {b"Report.txt": ("file", 3000, 1), b"report.txt": ("file", 4000, 2),
+        b"Docs": ("dir",), b"Docs/a": ("file", 100, 3), b"docs": ("dir",), b"docs/b": ("file", 200, 4),
+        b"plain": ("dir",), b"plain/changing.txt": ("file", 5000, 5), b"plain/gone.txt": ("file", 600, 6),
+        b"odd:name": ("file", 10, 7), b"private": ("dir",), b"private/key": ("file", 70, 8),
+        b"plain/link": ("link", b"changing.txt"), b"Case.txt": ("file", 30, 9), b"gone-at-root": ("file", 40, 10)}
+PRIVATE = {b"private": 0o700, b"private/key": 0o600}
+CASE_PAIRS = ((b"Report.txt", b"report.txt"), (b"Docs", b"docs"))
+CANNOT_KEEP = b"cannot keep owners and modes"
+
+
+class FileSystem:
+    """How to make and mount one kind, and what its probe must find."""
+
+    def __init__(self, name, tools, size_mb, mkfs, mount, probe, keeps_metadata, case_insensitive, refuses_colon,
+                 links=True):
+        self.name, self.tools, self.size_mb, self.mkfs, self.mount = name, tools, size_mb, mkfs, mount
+        self.probe, self.keeps_metadata = probe, keeps_metadata
+        self.case_insensitive, self.refuses_colon, self.links = case_insensitive, refuses_colon, links
+
+
+def kernel_mount(image, mnt):
+    return subprocess.run(["mount", "-o", "loop", image, mnt], capture_output=True), None
+
+
+def block_fuse(driver):
+    """exfat-fuse and ntfs-3g want a block device: a loop device over the image."""
+    def mount(image, mnt):
+        loop = subprocess.run(["losetup", "-f", "--show", image], capture_output=True)
+        if loop.returncode != 0:
+            return loop, None
+        device = loop.stdout.decode().strip()
+        r = subprocess.run([driver, device, mnt], capture_output=True)
+        if r.returncode != 0:
+            subprocess.run(["losetup", "-d", device], capture_output=True)
+        return r, device
+    return mount
+
+
+def fusefat_mount(image, mnt):
+    # fusefat mounts read-only unless told "rw+".
+    return subprocess.run(["fusefat", "-o", "rw+", image, mnt], capture_output=True), None
+
+
+EXACT = ("exact times", "case-sensitive")
+FILESYSTEMS = (
+    FileSystem("ext4", ("mkfs.ext4",), 32, ["mkfs.ext4", "-q", "-F"], kernel_mount, EXACT, True, False, False),
+    FileSystem("btrfs", ("mkfs.btrfs",), 128, ["mkfs.btrfs", "-q", "-f"], kernel_mount, EXACT, True, False, False),
+    FileSystem("xfs", ("mkfs.xfs",), 320, ["mkfs.xfs", "-q", "-f"], kernel_mount, EXACT, True, False, False),
+    FileSystem("exfat", ("mkfs.exfat", "mount.exfat-fuse", "losetup"), 32, ["mkfs.exfat"],
+               block_fuse("mount.exfat-fuse"),
+               ("times to 1 s", "case-insensitive", "no rename that refuses to replace", "no owners, no modes"),
+               False, True, True, links=False),
+    FileSystem("ntfs", ("mkntfs", "ntfs-3g", "losetup"), 32, ["mkntfs", "-F", "-Q"], block_fuse("ntfs-3g"),
+               ("times to 100 ns", "case-sensitive", "no rename that refuses to replace", "no owners, no modes"),
+               False, False, False),
+    FileSystem("fat", ("mkfs.vfat", "fusefat"), 32, ["mkfs.vfat"], fusefat_mount,
+               ("times to 2 s", "case-insensitive", "no rename that refuses to replace", "renames reset times",
+                "no owners, no modes"),
+               False, True, True, links=False),
+)
+
+
+def refused(fs):
+    """The source entries the destination refuses outright."""
+    return ([b"odd:name"] if fs.refuses_colon else []) + ([] if fs.links else [b"plain/link"])
+
+
+def later_names(fs, mirror):
+    """Of each pair that differs only in case, the one the mirror does not hold."""
+    if not fs.case_insensitive:
+        return []
+    held = set(os.listdir(os.fsencode(mirror)))
+    out = []
+    for a, b in CASE_PAIRS:
+        expect((a in held) != (b in held), f"the mirror holds {sorted(held)}: not exactly one of {a!r} and {b!r}")
+        out.append(b if a in held else a)
+    return out
+
+
+def same_contents(source, mirror, skipped):
+    """Every source file but the skipped names is in the mirror with its bytes, and the mirror holds
+    nothing else (for file systems that cannot hold the metadata rsync compares)."""
+    problems = []
+    src = os.fsencode(source)
+    mir = os.fsencode(mirror)
+    for folder, dirs, names in os.walk(src):
+        rel_folder = os.path.relpath(folder, src)
+        dirs[:] = [d for d in dirs if os.path.normpath(os.path.join(rel_folder, d)) not in skipped]
+        for name in names:
+            rel = os.path.normpath(os.path.join(rel_folder, name))
+            if rel in skipped:
+                continue
+            try:
+                if digest(os.path.join(mir, rel)) == digest(os.path.join(src, rel)):
+                    continue
+            except OSError:
+                pass
+            problems.append(rel)
+        mirror_folder = os.path.join(mir, rel_folder)
+        wanted = {n.lower() for n in dirs + names if os.path.normpath(os.path.join(rel_folder, n)) not in skipped}
+        problems += [os.path.join(rel_folder, n) for n in os.listdir(mirror_folder) if n.lower() not in wanted]
+    expect(not problems, f"the mirror's contents differ from the source: {problems[:6]}")
+
+
+def stamp_folders(destination):
+    out = []
+    for archive in ("__changed", "__removed"):
+        base = os.path.join(destination, archive)
+        if os.path.isdir(base):
+            out += [os.path.join(base, s) for s in os.listdir(base)]
+    return sorted(out)
+
+
+def expect_no_empty_stamps(destination):
+    empty = [s for s in stamp_folders(destination) if not any(names for _, _, names in os.walk(s))]
+    expect(not empty, f"archive folders without a file: {empty}")
+
+
+def root_state(path):
+    st = os.stat(path)
+    return st.st_mtime_ns, st.st_ctime_ns, sorted(os.listdir(path))
+
+
+def backups(ferrovane, fs, mnt, work):
+    source = os.path.join(work, "src", NAME)
+    build(os.fsencode(source), TREE)
+    for rel, mode in PRIVATE.items():
+        os.chmod(os.path.join(os.fsencode(source), rel), mode)
+    # An attribute the destination may not hold must not make every run copy the file again.
+    os.setxattr(os.path.join(source, "private", "key"), "user.note", b"kept where it can be")
+    destination = os.path.join(mnt, "dest")
+    os.makedirs(destination)
+    ferrovane.configure(destination, [source], OPTIONS)
+    mirror = os.path.join(destination, NAME)
+    failing = fs.case_insensitive or fs.refuses_colon
+
+    # The first run: what the probe found, the names the destination cannot hold, one note.
+    offset = log_size(ferrovane)
+    r = ferrovane.run(destination)
+    out, log = r.stdout + r.stderr, log_since(ferrovane, offset)
+    expect(r.returncode == (255 if failing else 0), f"first run exit {r.returncode}: {tail(r)}")
+    unholdable = refused(fs) + later_names(fs, mirror)
+    for name in unholdable:
+        said = out.count(b"Cannot back up " + os.path.join(os.fsencode(source), name) + b":")
+        expect(said == 1, f"{name!r} named {said} times in the run's errors: {tail(r)}")
+    for a, b in CASE_PAIRS:
+        kept = a if b in unholdable else b
+        path = os.path.join(os.fsencode(mirror), kept)
+        if os.path.isfile(path):
+            expect(digest(path) == digest(os.path.join(os.fsencode(source), kept)), f"{kept!r} holds other bytes")
+    notes = out.count(CANNOT_KEEP), log.count(CANNOT_KEEP)
+    expect(notes == ((0, 0) if fs.keeps_metadata else (1, 1)), f"the note on owners and modes came {notes} times")
+    expect(b"Could not preserve" not in log, "metadata warnings per file")
+
+    # A changed and a removed file reach the archives.
+    before = versions(destination)
+    changed = os.path.join(source, "plain", "changing.txt")
+    with open(changed, "wb") as f:
+        f.write(content(5100, 50))
+    os.utime(changed, (2_000_000_000, 2_000_000_000))
+    os.unlink(os.path.join(source, "plain", "gone.txt"))
+    # The cleanup looks at the root's mirror too: the twins' mirror stays, and so does the mirror
+    # of a file renamed only in case where the destination does not tell cases apart.
+    os.unlink(os.path.join(source, "gone-at-root"))
+    os.rename(os.path.join(source, "Case.txt"), os.path.join(source, "CASE.txt"))
+    r = ferrovane.run(destination)
+    expect(r.returncode == (255 if failing else 0), f"second run exit {r.returncode}: {tail(r)}")
+    expect(b"Archiving" not in r.stderr, f"an archive move failed: {tail(r)}")
+    expect_kept(destination, before)
+    for archive, rel in (("__changed", b"plain/changing.txt"), ("__removed", b"plain/gone.txt")):
+        expect(any(os.path.isfile(os.path.join(os.fsencode(s), NAME.encode(), rel))
+                   for s in stamp_folders(destination) if f"/{archive}/" in s), f"{rel!r} is not in {archive}")
+    expect_no_empty_stamps(destination)
+
+    # A dry run changes nothing, not even the root's dates.
+    state = root_state(destination)
+    r = subprocess.run([*ferrovane.args(destination), "--dry-run"], env=ferrovane.env, capture_output=True, timeout=300)
+    expect(r.returncode in (0, 255), f"dry run exit {r.returncode}: {tail(r)}")
+    expect(root_state(destination) == state, "the dry run changed the destination's root")
+
+    # The next clean run changes nothing, and the mirror equals the source where it can.
+    before, stamps = versions(destination), stamp_folders(destination)
+    r = ferrovane.run(destination)
+    expect(r.returncode == (255 if failing else 0), f"clean run exit {r.returncode}: {tail(r)}")
+    expect(versions(destination) == before and stamp_folders(destination) == stamps, "the clean run changed something")
+    if fs.keeps_metadata:
+        diff = mirror_differences(source, mirror)
+        expect(diff == "", f"mirror differs from source:\n{diff[:2000]}")
+    else:
+        same_contents(source, mirror, set(unholdable))
+
+    # A restore that moves a different file aside, on the same file system.
+    target = os.path.join(mnt, "restored")
+    os.makedirs(target)
+    with open(os.path.join(target, "changing.txt"), "wb") as f:
+        f.write(b"another version")
+    r = subprocess.run([*ferrovane.prefix, ferrovane.executable, "restore", destination, changed, "--to", target,
+                        "--replace"], env=ferrovane.env, capture_output=True, timeout=60)
+    expect(r.returncode == 0, f"restore with --replace exit {r.returncode}: {tail(r)}")
+    expect(digest(os.path.join(target, "changing.txt")) == digest(changed), "the restore did not bring the version back")
+
+    line = re.search(rb"Destination file system: (.*)", log)
+    expect(line is not None, "no line with what the probe found")
+    missing = [p for p in fs.probe if p.encode() not in line.group(1)]
+    expect(not missing, f"the probe said {line.group(1)!r}, lacking {missing}")
+
+
+def one(ferrovane, fs, work):
+    """(where, outcome) of one file system."""
+    lacking = [t for t in fs.tools if shutil.which(t) is None]
+    if lacking:
+        return f"no {', '.join(lacking)}", "skipped"
+    image, mnt = os.path.join(work, "image"), os.path.join(work, "mnt")
+    os.makedirs(mnt)
+    with open(image, "wb") as f:
+        f.truncate(fs.size_mb << 20)
+    made = subprocess.run([*fs.mkfs, image], capture_output=True)
+    if made.returncode != 0:
+        return f"{fs.mkfs[0]} failed: {made.stderr.decode(errors='replace')[-200:]}", "skipped"
+    mounted, device = fs.mount(image, mnt)
+    if mounted.returncode != 0:
+        return f"cannot mount (driver missing?): {mounted.stderr.decode(errors='replace')[-200:]}", "skipped"
+    try:
+        backups(ferrovane, fs, mnt, work)
+        return "", "ok"
+    except Failure as e:
+        return "", f"FAILED: {e}"
+    finally:
+        unmount(mnt)
+        if device:
+            subprocess.run(["losetup", "-d", device], capture_output=True)
+
+
+def run(ferrovane, work):
+    for i, fs in enumerate(FILESYSTEMS):
+        case = f"{fs.name}: probe, archives, case twins and refused names, owners and modes, dry run, rerun, restore"
+        if not is_root():
+            yield ("filesystems", case, "needs the superuser to mount images", "skipped")
+            continue
+        folder = os.path.join(work, str(i))
+        os.makedirs(folder)
+        where, outcome = one(ferrovane, fs, folder)
+        yield ("filesystems", case, where, outcome)

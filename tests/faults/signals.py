@@ -1,0 +1,229 @@
+"""Signals: a reader of the output that goes away never ends a run; SIGHUP, SIGTERM and SIGINT
+cancel a backup or a restore, held at a known moment or sent at seeded random moments, with
+nothing half-written left and the exit status 128 + the signal. Afterwards every earlier version
+is kept and the next clean run (or restore) completes."""
+
+import os
+import random
+import shutil
+import signal
+import subprocess
+import time
+
+from faultkit import (TEMPORARY_PREFIX, Failure, Hooks, build, content, digest, expect, expect_clean_rerun,
+                      expect_kept, expect_no_temporaries, generate_tree, log_since, log_size,
+                      mirror_differences, mirror_of, run_cases, tail, versions)
+
+MOMENT = "during-data-copy"
+CANCELLED = "copy-cancelled"
+SIGNALS = (signal.SIGHUP, signal.SIGTERM, signal.SIGINT)
+
+
+class Destination:
+    """A source backed up once, then changed (big0.bin among the changes), so that the next run
+    copies, archives and removes; restores go into a folder of their own."""
+
+    def __init__(self, ferrovane, work, seed=0):
+        self.ferrovane, self.work = ferrovane, work
+        self.source = os.path.join(work, "src", "data")
+        self.destination = os.path.join(work, "dest")
+        self.restored = os.path.join(work, "restored")
+        self.hooks = Hooks(os.path.join(work, "hooks"))
+        rng = random.Random(f"{seed}/signals")
+        tree = generate_tree(rng, folders=12, files=150, big_sizes=(8 << 20,))
+        build(os.fsencode(self.source), tree)
+        os.makedirs(self.destination)
+        ferrovane.configure(self.destination, [self.source], (("moveChangedFiles", 1),))
+        ferrovane.complete(self.destination)
+        files = sorted(r for r, k in tree.items() if k[0] == "file")
+        for rel in rng.sample(files, 30) + [r for r in files if r.startswith(b"big0") or b"/big0" in r]:
+            path = os.path.join(os.fsencode(self.source), rel)
+            with open(path, "wb") as f:
+                f.write(content(tree[rel][1] + 1, tree[rel][2] + 1))
+            os.utime(path, (2_000_000_000, 2_000_000_000))
+        for rel in rng.sample(files, 10):
+            path = os.path.join(os.fsencode(self.source), rel)
+            if os.path.exists(path):
+                os.unlink(path)
+        self.before = versions(self.destination)
+
+    def env(self):
+        return dict(self.ferrovane.env, **self.hooks.env)
+
+    def start_backup(self, **kwargs):
+        return subprocess.Popen(self.ferrovane.args(self.destination), env=self.env(), stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, **kwargs)
+
+    def restore_args(self, what=None, to=None):
+        return [*self.ferrovane.prefix, self.ferrovane.executable, "restore", self.destination,
+                what or self.source, "--to", to or self.restored]
+
+    def start_restore(self, what=None, to=None):
+        os.makedirs(to or self.restored, exist_ok=True)
+        return subprocess.Popen(self.restore_args(what, to), env=self.env(), stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE)
+
+    def held(self, start, pattern=b"big0"):
+        """Starts a run held in the middle of copying big0.bin's data: its temporary copy exists."""
+        self.hooks.arm(MOMENT, pattern)
+        self.hooks.arm(CANCELLED, hold=False)
+        process = start()
+        self.hooks.wait(MOMENT, process)
+        return process
+
+    def cancel_held(self, process, number):
+        """Signals a held run and lets it go on once its copy is cancelled."""
+        process.send_signal(number)
+        self.hooks.wait(CANCELLED, process)
+        self.hooks.release(MOMENT)
+
+    def mirror(self):
+        return mirror_of(self.destination, self.source)
+
+
+def finish(process, timeout=120):
+    out, err = process.communicate(timeout=timeout)
+    return subprocess.CompletedProcess(process.args, process.returncode, out, err)
+
+
+def expect_status(result, status, what):
+    expect(result.returncode == status, f"{what} exited {result.returncode}, expected {status}: {tail(result)}")
+
+
+def temporaries_below(folder):
+    found = []
+    for parent, dirs, names in os.walk(os.fsencode(folder)):
+        found += [os.path.join(parent, n) for n in names + dirs if n.startswith(TEMPORARY_PREFIX)]
+    return found
+
+
+def expect_restored_exactly(mirror, restored):
+    """Nothing half-written: no temporary copy, and each file there equals its version."""
+    left = temporaries_below(restored)
+    expect(not left, f"temporary files remain in the restored folder: {left[:3]}")
+    torn = []
+    for parent, _, names in os.walk(os.fsencode(restored)):
+        for name in names:
+            path = os.path.join(parent, name)
+            version = os.path.join(os.fsencode(mirror), os.path.relpath(path, os.fsencode(restored)))
+            if not os.path.islink(path) and digest(path) != digest(version):
+                torn.append(path)
+    expect(not torn, f"restored files differ from their version: {torn[:3]}")
+
+
+def closed_reader_backup(ferrovane, work):
+    d = Destination(ferrovane, work)
+    offset = log_size(ferrovane)
+    process = d.held(d.start_backup)
+    # The reader goes away (as `| head -1` does) while the run still has its outcome to print.
+    process.stdout.close()
+    d.hooks.release(MOMENT)
+    err = process.stderr.read()
+    process.wait(timeout=120)
+    expect(process.returncode == 0, f"the run ended with {process.returncode}: {err[-600:]!r}")
+    expect(b"Sync finished" in log_since(ferrovane, offset), "the run log has no end line")
+    expect(mirror_differences(d.source, d.mirror()) == "", "the mirror is not complete")
+    expect_kept(d.destination, d.before)
+    expect_no_temporaries(d.destination)
+
+
+def closed_reader_restore(ferrovane, work):
+    d = Destination(ferrovane, work)
+    ferrovane.complete(d.destination)
+    process = d.held(d.start_restore)
+    process.stdout.close()
+    d.hooks.release(MOMENT)
+    err = process.stderr.read()
+    process.wait(timeout=120)
+    expect(process.returncode == 0, f"the restore ended with {process.returncode}: {err[-600:]!r}")
+    expect(mirror_differences(d.mirror(), os.path.join(d.restored, "data")) == "", "the restore is not complete")
+
+
+def signalled_backup(number):
+    def body(ferrovane, work):
+        d = Destination(ferrovane, work)
+        process = d.held(d.start_backup)
+        # The copy goes on from the moment only once cancelled: it then removes its temporary copy.
+        d.cancel_held(process, number)
+        expect_status(finish(process), 128 + number, "the signalled run")
+        expect_kept(d.destination, d.before)
+        expect_no_temporaries(d.destination)
+        expect_clean_rerun(ferrovane, d.destination, [d.source], d.before)
+    return body
+
+
+def signalled_restore(number):
+    def body(ferrovane, work):
+        d = Destination(ferrovane, work)
+        ferrovane.complete(d.destination)
+        before = versions(d.destination)
+        process = d.held(d.start_restore)
+        d.cancel_held(process, number)
+        expect_status(finish(process), 128 + number, "the signalled restore")
+        expect(any(True for _ in os.scandir(d.restored)), "the restore wrote nothing before the signal")
+        expect_restored_exactly(d.mirror(), os.path.join(d.restored, "data"))
+        expect_kept(d.destination, before)
+        again = subprocess.run(d.restore_args(), env=ferrovane.env, capture_output=True, timeout=120)
+        expect_status(again, 0, "the restore after the cancelled one")
+        expect(mirror_differences(d.mirror(), os.path.join(d.restored, "data")) == "", "the restore is not complete")
+    return body
+
+
+def random_moments(ferrovane, work, seed, moments):
+    """Signals at seeded random moments of whole backups and restores. A signal that lands before
+    the program could take it ends the process (nothing was touched yet); one after its end
+    changes nothing."""
+    rng = random.Random(f"{seed}/signals/moments")
+    rows = []
+    for i in range(moments):
+        for kind in ("backup", "restore"):
+            number = rng.choice(SIGNALS)
+            folder = os.path.join(work, f"{kind}-{i}")
+            os.makedirs(folder)
+            case = f"{kind} #{i}: {signal.Signals(number).name}"
+            try:
+                d = Destination(ferrovane, folder, seed + i)
+                if kind == "restore":
+                    ferrovane.complete(d.destination)
+                before = versions(d.destination)
+                start = d.start_backup if kind == "backup" else d.start_restore
+                begin = time.monotonic()
+                finish(start())
+                duration = time.monotonic() - begin
+                # Again from the start: the same run, with the signal somewhere in it.
+                shutil.rmtree(d.restored, ignore_errors=True)
+                if kind == "backup":
+                    d = Destination(ferrovane, os.path.join(folder, "again"), seed + i)
+                    before = d.before
+                at = rng.uniform(0.1, 1.0) * duration
+                process = start() if kind == "restore" else d.start_backup()
+                time.sleep(at)
+                process.send_signal(number)
+                result = finish(process)
+                landed = {0: "after the end", 128 + number: "cancelled", -number: "before the start"}
+                expect(result.returncode in landed, f"exit status {result.returncode}: {tail(result)}")
+                expect(result.returncode != -number or result.stdout == b"", "ended by the signal mid-run")
+                expect_kept(d.destination, before)
+                if kind == "backup":
+                    expect_no_temporaries(d.destination)
+                    expect_clean_rerun(ferrovane, d.destination, [d.source], before)
+                elif os.path.isdir(os.path.join(d.restored, "data")):
+                    expect_restored_exactly(d.mirror(), os.path.join(d.restored, "data"))
+                rows.append(("signals", f"{case} at {at * 1000:.0f} ms", landed[result.returncode], "ok"))
+            except Failure as e:
+                rows.append(("signals", case, "", f"FAILED: {e}"))
+            shutil.rmtree(folder, ignore_errors=True)
+    return rows
+
+
+def run(ferrovane, work, tier, seed, moments):
+    cases = [("closed reader of a backup's output", lambda w: closed_reader_backup(ferrovane, w)),
+             ("closed reader of a restore's output", lambda w: closed_reader_restore(ferrovane, w))]
+    for number in SIGNALS:
+        name = signal.Signals(number).name
+        cases.append((f"{name} mid-copy of a backup", lambda w, n=number: signalled_backup(n)(ferrovane, w)))
+        cases.append((f"{name} mid-copy of a restore", lambda w, n=number: signalled_restore(n)(ferrovane, w)))
+    yield from run_cases("signals", cases, work, after=lambda folder: shutil.rmtree(folder, ignore_errors=True))
+    moments_folder = os.path.join(work, "moments")
+    os.makedirs(moments_folder)
+    yield from random_moments(ferrovane, moments_folder, seed, moments)
