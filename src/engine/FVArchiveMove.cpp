@@ -99,7 +99,8 @@ void FVArchiveMove::unshareBelow(const std::string& folder) const {
             timespec times[2] = {folderSt.st_atim, folderSt.st_mtim};
             futimens(dirFd, times);
         }
-        if (done || status_.stopOnFatalDestinationError(error, "archiving", entry->path)) continue;
+        if (done) continue;
+        if (status_.stopOnFatalDestinationError(error, "archiving", entry->path)) return;
         std::string message = fmt::format("Archived file {} still shares its data with the mirror ({})", entry->path,
                                           std::strerror(error));
         status_.log("ERROR: " + message);
