@@ -2,6 +2,7 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
+#include "engine/FVDestinationFailure.h"
 #include "engine/FVExclusionRules.h"
 #include "engine/FVLog.h"
 #include "engine/FVStrings.h"
@@ -90,6 +91,8 @@ void FVBackupSession::start() {
     if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
     // Before anything is written. A dry run writes nothing, so it only looks.
     if (!dryRun_) settings.destinationProfile = probe.probe();
+    if (FVDestinationFailure::isFatal(probe.problemError()))
+        return refuse(FVDestinationFailure(probe.problemError(), "probing", destinationPath_).message().substr(7));
     if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
 
     if (!sleepInhibitor_.acquire("Ferrovane is syncing files."))

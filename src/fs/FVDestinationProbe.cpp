@@ -109,16 +109,19 @@ FVDestinationProfile FVDestinationProbe::probeWithoutWriting(const std::string& 
 
 FVDestinationProfile FVDestinationProbe::probe() {
     problem_.clear();
+    problemError_ = 0;
     const std::string type = FVMountTable::fileSystemTypeAtPath(rootPath_);
     FVFd root(FVLongPath::open(rootPath_, O_RDONLY | O_DIRECTORY));
     struct stat rootSt {};
     if (!root.valid() || fstat(root.get(), &rootSt) != 0) {
+        problemError_ = errno;
         problem_ = fmt::format("cannot open {}: {}", rootPath_, std::strerror(errno));
         return defaultsForType(type);
     }
     const char* folderName = temporaryName_.c_str();
     FVConfinedDirectory::removeRecursivelyAt(root.get(), temporaryName_);
     if (mkdirat(root.get(), folderName, 0700) != 0) {
+        problemError_ = errno;
         problem_ = fmt::format("cannot make a folder in {}: {}", rootPath_, std::strerror(errno));
         return defaultsForType(type);
     }
@@ -128,6 +131,7 @@ FVDestinationProfile FVDestinationProbe::probe() {
     FVFd file(folder.valid() ? openat(folder.get(), "Probe", O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644)
                              : -1);
     if (!file.valid()) {
+        problemError_ = errno;
         problem_ = fmt::format("cannot make a file in {}: {}", rootPath_, std::strerror(errno));
         profile = defaultsForType(type);
     } else {
@@ -154,8 +158,10 @@ FVDestinationProfile FVDestinationProbe::probe() {
         profile.renameNoReplace = renamed == 0;
         if (renamed != 0 && (errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP))
             renamed = renameat(folder.get(), "Probe", folder.get(), "Renamed");
-        if (renamed != 0)
+        if (renamed != 0) {
+            problemError_ = errno;
             problem_ = fmt::format("a rename in {} failed: {}", rootPath_, std::strerror(errno));
+        }
         struct stat after {};
         if (renamed == 0 && fstatat(folder.get(), "Renamed", &after, AT_SYMLINK_NOFOLLOW) == 0)
             profile.renameKeepsTimes = nanoseconds(after.st_mtim) == nanoseconds(st.st_mtim);
@@ -169,11 +175,15 @@ FVDestinationProfile FVDestinationProbe::probe() {
         profile.utf8NamesOnly = refusesName(folder.get(), "a\xff");
     }
     folder.reset();
-    if (int error = FVConfinedDirectory::removeRecursivelyAt(root.get(), temporaryName_); error != 0 && problem_.empty())
+    if (int error = FVConfinedDirectory::removeRecursivelyAt(root.get(), temporaryName_); error != 0 && problem_.empty()) {
+        problemError_ = error;
         problem_ = fmt::format("cannot remove {}/{}: {}", rootPath_, temporaryName_, std::strerror(error));
+    }
     const timespec rootTimes[2] = {rootSt.st_atim, rootSt.st_mtim};
-    if (futimens(root.get(), rootTimes) != 0 && problem_.empty())
+    if (futimens(root.get(), rootTimes) != 0 && problem_.empty()) {
+        problemError_ = errno;
         problem_ = fmt::format("cannot give {} its dates back: {}", rootPath_, std::strerror(errno));
+    }
     return profile;
 }
 

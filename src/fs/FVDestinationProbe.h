@@ -26,6 +26,8 @@ public:
     // What could not be tried, and why ("" when everything was); the profile then holds what
     // the mount table's type tells.
     const std::string& problem() const { return problem_; }
+    // The errno behind problem(), 0 without one: a failing disk ends the run.
+    int problemError() const { return problemError_; }
 
     // One line for the log: "exact times, case-sensitive, ..." or what the destination lacks.
     static std::string describe(const FVDestinationProfile& profile);
@@ -36,6 +38,7 @@ private:
     std::string rootPath_;
     std::string temporaryName_;
     std::string problem_;
+    int problemError_ = 0;
 };
 
 }  // namespace ferrovane
