@@ -11,7 +11,8 @@ import threading
 import time
 
 from faultkit import (run_cases, Ferrovane, Hooks, build, content, expect, expect_clean_rerun, expect_kept,
-                      expect_mirror, expect_no_temporaries, next_second, read_configuration, tail, version, versions, wait_for_copy)
+                      expect_mirror, expect_no_temporaries, next_second, read_configuration, tail, version, versions,
+                      wait_for_copy)
 
 NAME = "data"
 BUSY = 75  # another run holds the destination's lock

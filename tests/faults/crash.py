@@ -75,8 +75,9 @@ class Scenario:
             ferrovane.complete(self.destination)
             changed = mutate(rng, os.fsencode(self.source), tree, *mutation)
             if ("moveChangedFiles", 1) not in options:
-                self.replaceable = {os.path.join(NAME.encode(), rel): digest(os.path.join(os.fsencode(self.source), rel)).encode()
-                                    for rel in changed if os.path.exists(os.path.join(os.fsencode(self.source), rel))}
+                paths = {rel: os.path.join(os.fsencode(self.source), rel) for rel in changed}
+                self.replaceable = {os.path.join(NAME.encode(), rel): digest(path).encode()
+                                    for rel, path in paths.items() if os.path.exists(path)}
         self.before = versions(self.destination)
         self.configuration = read_configuration(self.destination)
         subprocess.run(["cp", "-a", self.live, self.template], check=True)
