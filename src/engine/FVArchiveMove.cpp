@@ -99,17 +99,20 @@ void FVArchiveMove::unshareBelow(const std::string& folder) const {
         FVFd in(openat(dirFd, entry->nameCString(), kReadFlags));
         FVTemporaryEntry copy(besideFd.get());
         bool done = besideFd.valid() && in.valid() &&
-                    copyInto(in.get(), entry->st, copy, besideFd.get(), entry->path).valid() &&
-                    (FVTestHook::reach("after-unshare-copy", entry->path), copy.replaceIn(dirFd, entry->nameCString()));
-        if (!besideFd.valid()) errno = error;
-        const int failure = errno;
+                    copyInto(in.get(), entry->st, copy, besideFd.get(), entry->path).valid();
+        if (done) {
+            FVTestHook::reach("after-unshare-copy", entry->path);
+            done = copy.replaceIn(dirFd, entry->nameCString());
+        }
+        const int failure = besideFd.valid() ? errno : error;
         if (folderKnown) {
             timespec times[2] = {folderSt.st_atim, folderSt.st_mtim};
             futimens(dirFd, times);
         }
         if (done) continue;
-        std::string message = fmt::format("Archived file {} still shares its data with the mirror ({})", entry->path,
-                                          std::strerror(failure));
+        std::string message = fmt::format(
+            "Could not give {} a copy of its own before it is archived: it shares its data with the mirror ({})",
+            entry->path, std::strerror(failure));
         status_.log("ERROR: " + message);
         status_.addError(message);
     }
