@@ -4,6 +4,7 @@
 #include "fs/FVDataCopier.h"
 #include "fs/FVDirectoryWalker.h"
 #include "fs/FVItemMetadata.h"
+#include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 
 #include <fcntl.h>
@@ -29,9 +30,10 @@ int FVArchiveMove::move(const std::string& from, const std::string& to, const st
     struct stat st {};
     if (!known && FVLongPath::lstat(from, &st) == 0) known = &st;
     if (known && isShared(*known)) return copyThenRemove(from, to);
-    int error = destination_.moveItem(from, to);
-    if (error == 0 && known && S_ISDIR(known->st_mode)) unshareBelow(to);
-    return error;
+    // Unshared while still in the mirror: a run cut short then leaves the folder there, to be
+    // archived again by the next run, and never an archived file that shares its data.
+    if (known && S_ISDIR(known->st_mode)) unshareBelow(from);
+    return destination_.moveItem(from, to);
 }
 
 // The copy is complete and on its disk under its archive name before the mirror name goes.
@@ -83,7 +85,11 @@ FVFd FVArchiveMove::copyInto(int in, const struct stat& st, FVTemporaryEntry& en
     return out;
 }
 
+// The copies are made beside the folder, where the next run removes one left by a run cut short,
+// and renamed over the shared names: the mirror's other names keep the old file.
 void FVArchiveMove::unshareBelow(const std::string& folder) const {
+    int error = 0;
+    FVFd besideFd = destination_.openFolder(FVText::deletingLastPathComponent(folder), false, &error);
     FVDirectoryWalker walker(folder);
     while (const FVDirectoryWalker::Entry* entry = walker.next()) {
         if (entry->error != 0 || entry->level == 0 || !isShared(entry->st)) continue;
@@ -91,18 +97,23 @@ void FVArchiveMove::unshareBelow(const std::string& folder) const {
         struct stat folderSt {};
         bool folderKnown = fstat(dirFd, &folderSt) == 0;
         FVFd in(openat(dirFd, entry->nameCString(), kReadFlags));
-        FVTemporaryEntry copy(dirFd);
-        bool done = in.valid() && copyInto(in.get(), entry->st, copy, dirFd, entry->path).valid() &&
-                    copy.publish(std::string(entry->name()), -1) == FVTemporaryEntry::Published::Done;
-        const int error = errno;
+        FVTemporaryEntry copy(besideFd.get());
+        bool done = besideFd.valid() && in.valid() &&
+                    copyInto(in.get(), entry->st, copy, besideFd.get(), entry->path).valid();
+        if (done) {
+            FVTestHook::reach("after-unshare-copy", entry->path);
+            done = copy.replaceIn(dirFd, entry->nameCString());
+        }
+        const int failure = besideFd.valid() ? errno : error;
         if (folderKnown) {
             timespec times[2] = {folderSt.st_atim, folderSt.st_mtim};
             futimens(dirFd, times);
         }
         if (done) continue;
-        if (status_.stopOnFatalDestinationError(error, "archiving", entry->path)) return;
-        std::string message = fmt::format("Archived file {} still shares its data with the mirror ({})", entry->path,
-                                          std::strerror(error));
+        if (status_.stopOnFatalDestinationError(failure, "archiving", entry->path)) return;
+        std::string message = fmt::format(
+            "Could not give {} a copy of its own before it is archived: it shares its data with the mirror ({})",
+            entry->path, std::strerror(failure));
         status_.log("ERROR: " + message);
         status_.addError(message);
     }

@@ -29,7 +29,8 @@ public:
 
 private:
     int copyThenRemove(const std::string& from, const std::string& to) const;
-    // Replaces every file with more than one name below an archived folder by a copy of its own.
+    // Replaces every file with more than one name below a folder about to be archived by a copy of
+    // its own.
     void unshareBelow(const std::string& folder) const;
     // A copy of in (data, then metadata) made as entry in dirFd, on its disk; invalid with errno
     // on failure.

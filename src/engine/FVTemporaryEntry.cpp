@@ -34,6 +34,11 @@ bool FVTemporaryEntry::publishAsNew(int toDirFd, const std::string& name) {
     return published_;
 }
 
+bool FVTemporaryEntry::replaceIn(int toDirFd, const char* name) {
+    published_ = renameat(dirFd_, name_.c_str(), toDirFd, name) == 0;
+    return published_;
+}
+
 FVTemporaryEntry::Published FVTemporaryEntry::publish(const std::string& name, int dataFd) {
     if (renameat2(dirFd_, name_.c_str(), dirFd_, name.c_str(), RENAME_NOREPLACE) == 0) {
         published_ = true;

@@ -40,6 +40,9 @@ public:
     // Gives the entry a name in toDirFd (a folder on the same file system) only where that name is
     // free; false leaves errno (EEXIST when taken).
     bool publishAsNew(int toDirFd, const std::string& name);
+    // Renames the entry over name in toDirFd (a folder on the same file system), replacing what is
+    // there; false leaves errno.
+    bool replaceIn(int toDirFd, const char* name);
 
 private:
     static std::string randomName();

@@ -10,7 +10,8 @@ import subprocess
 import time
 
 from faultkit import (run_cases, Ferrovane, Hooks, build, content, expect, expect_clean_rerun, expect_kept,
-                      expect_mirror, log_since, next_second, read_configuration, tail, version, versions)
+                      expect_mirror, expect_no_temporaries, log_since, next_second, read_configuration, tail,
+                      version, versions)
 
 NAME = "data"
 BUSY = 75  # another run holds the destination's lock
@@ -208,10 +209,24 @@ def inodes(root):
     return {st.st_ino for st in found if stat.S_ISREG(st.st_mode)}
 
 
+def kill_at(ferrovane, work, destination, moment):
+    """Kills (SIGKILL) a run of destination when it reaches moment."""
+    hooks = Hooks(os.path.join(work, "hooks"))
+    held = Ferrovane(ferrovane.executable, ferrovane.env["FERROVANE_LOG_FILE"], ferrovane.prefix, **hooks.env)
+    hooks.arm(moment)
+    process = held.start(destination)
+    try:
+        hooks.wait(moment, process)
+    finally:
+        process.kill()
+        process.communicate()
+
+
 def hard_link_groups(ferrovane, work):
     """Names of one file (or link) in several folders stay names of one file in the mirror while the file
     changes, loses a name, and a name leaves it; every run keeps every version, no archived file
-    shares its inode with the mirror, and a clean rerun changes nothing."""
+    shares its inode with the mirror, not even after a run killed while a removed folder's names
+    got copies of their own, and a clean rerun changes nothing."""
     d = Destination(ferrovane, work)
     source, mirror = os.fsencode(d.source), d.mirror("")
     os.makedirs(os.path.join(source, b"other"))
@@ -226,11 +241,18 @@ def hard_link_groups(ferrovane, work):
         d.change("g2", 200)
         shutil.rmtree(os.path.join(source, b"other"))
 
-    for step in (lambda: None, lambda: (d.change("f"), os.unlink(os.path.join(source, b"other/f3"))), leave):
+    for step, killed in ((lambda: None, False),
+                         (lambda: (d.change("f"), os.unlink(os.path.join(source, b"other/f3"))), False),
+                         (leave, True)):
         next_second()
         step()
         before = versions(d.destination)
+        if killed:
+            kill_at(ferrovane, work, d.destination, "after-unshare-copy")
+            expect_kept(d.destination, before)
+            next_second()
         ferrovane.complete(d.destination)
+        expect_no_temporaries(d.destination)
         expect_kept(d.destination, before)
         expect_mirror(d.source, mirror)
         archived = set().union(*(inodes(os.path.join(d.destination, a)) for a in ("__changed", "__removed")))

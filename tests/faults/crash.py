@@ -6,7 +6,7 @@ import random
 import subprocess
 import time
 
-from faultkit import (Failure, build, expect_configuration, expect_kept, expect_mirror,
+from faultkit import (Failure, build, digest, expect_configuration, expect_kept, expect_mirror,
                       expect_no_temporaries, generate_tree, content, read_configuration, versions)
 
 NAME = "data"
@@ -19,9 +19,11 @@ def tree_size(tier):
 
 
 def mutate(rng, source, tree, share_changed, share_removed, folders_removed):
-    """Changes, removes and adds files and removes whole folders of the source."""
+    """Changes, removes and adds files and removes whole folders of the source; returns the files
+    it changed."""
     files = sorted(r for r, k in tree.items() if k[0] == "file")
-    for rel in rng.sample(files, int(len(files) * share_changed)) + [r for r in files if r.startswith(b"big0")]:
+    changed = rng.sample(files, int(len(files) * share_changed)) + [r for r in files if r.startswith(b"big0")]
+    for rel in changed:
         size, seed = tree[rel][1], tree[rel][2]
         path = os.path.join(source, rel)
         with open(path, "wb") as f:
@@ -43,6 +45,7 @@ def mutate(rng, source, tree, share_changed, share_removed, folders_removed):
     # more than the 10 s tolerance and are set right by the next run.
     for folder, _, _ in sorted(os.walk(source), reverse=True):
         os.utime(folder, (1_500_000_000, 1_500_000_000))
+    return changed
 
 
 SCENARIOS = {
@@ -65,9 +68,16 @@ class Scenario:
         build(os.fsencode(self.source), tree)
         os.makedirs(self.destination)
         ferrovane.configure(self.destination, [self.source], options)
+        # With changed files not archived, a run overwrites them: their new version in the mirror
+        # keeps them too.
+        self.replaceable = {}
         if mutation:
             ferrovane.complete(self.destination)
-            mutate(rng, os.fsencode(self.source), tree, *mutation)
+            changed = mutate(rng, os.fsencode(self.source), tree, *mutation)
+            if ("moveChangedFiles", 1) not in options:
+                paths = {rel: os.path.join(os.fsencode(self.source), rel) for rel in changed}
+                self.replaceable = {os.path.join(NAME.encode(), rel): digest(path).encode()
+                                    for rel, path in paths.items() if os.path.exists(path)}
         self.before = versions(self.destination)
         self.configuration = read_configuration(self.destination)
         subprocess.run(["cp", "-a", self.live, self.template], check=True)
@@ -104,11 +114,11 @@ class Scenario:
         process.communicate()
         where = self.phase() if killed else "finished before the kill"
         # Straight after the kill: nothing the run was about to replace or remove is gone.
-        expect_kept(self.destination, self.before)
+        expect_kept(self.destination, self.before, self.replaceable)
         expect_configuration(self.destination, self.configuration)
         self.ferrovane.complete(self.destination)
         expect_mirror(self.source, os.path.join(self.destination, NAME))
-        expect_kept(self.destination, self.before)
+        expect_kept(self.destination, self.before, self.replaceable)
         expect_no_temporaries(self.destination)
         expect_configuration(self.destination, self.configuration)
         return where

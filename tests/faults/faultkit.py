@@ -243,10 +243,13 @@ def versions(destination):
     return out
 
 
-def expect_kept(destination, before):
+def expect_kept(destination, before, replaceable=None):
     """Each version of the snapshot before is, byte for byte, still at its place in the mirror or
     at its archived path in some stamp folder of __changed or __removed; an archived version
-    stays where it is."""
+    stays where it is. replaceable ({path: version}) names the mirror files a run may overwrite
+    without archiving them (changed files with that archive off): the new version, whole, in
+    their place keeps them too."""
+    replaceable = replaceable or {}
     root = os.path.realpath(os.fsencode(destination))
     stamps = []
     for archive in ARCHIVES:
@@ -255,7 +258,7 @@ def expect_kept(destination, before):
             stamps += [os.path.join(archive.encode(), s) for s in os.listdir(base)]
     lost = []
     for rel, old in before.items():
-        if version(root, rel) == old:
+        if version(root, rel) in (old, replaceable.get(rel, old)):
             continue
         if rel.split(b"/", 1)[0].decode(errors="replace") in ARCHIVES \
                 or not any(version(root, os.path.join(s, rel)) == old for s in stamps):
