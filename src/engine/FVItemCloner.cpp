@@ -197,13 +197,17 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
     if (worker_.verboseLogging)
         worker_.sendMessage(fmt::format("Updating mode and owner of {}", destinationPath), FVMessageLevel::Info);
     const bool cloneACL = !worker_.disableACLClone && !S_ISLNK(st.st_mode);
+    const FVDestinationProfile* keeps = &worker_.destinationProfile;
     int error = 0;
-    if (FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error)) return;
+    if (FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error, nullptr,
+                                                 keeps))
+        return;
     if (error != EPERM || !S_ISREG(st.st_mode)) return failed(error);
     // A locked (immutable or append-only) copy refuses every change: it is unlocked, changed, and
     // given the source's flags again.
     FVFileManager::unlockFileAt(dirFd, name);
-    if (!FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error))
+    if (!FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error, nullptr,
+                                                  keeps))
         failed(error);
     FVFd in(worker_.openSource(source.path(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY, &state_));
     FVFd out(FVInodeFlags::openForFlags(dirFd, name));
