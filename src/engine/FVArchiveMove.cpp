@@ -31,8 +31,11 @@ int FVArchiveMove::move(const std::string& from, const std::string& to, const st
     if (!known && FVLongPath::lstat(from, &st) == 0) known = &st;
     if (known && isShared(*known)) return copyThenRemove(from, to);
     // Unshared while still in the mirror: a run cut short then leaves the folder there, to be
-    // archived again by the next run, and never an archived file that shares its data.
-    if (known && S_ISDIR(known->st_mode)) unshareBelow(from);
+    // archived again by the next run, and never an archived file that shares its data. A folder
+    // with a file that could not get a copy of its own stays in the mirror.
+    if (known && S_ISDIR(known->st_mode)) {
+        if (int error = unshareBelow(from); error != 0) return error;
+    }
     return destination_.moveItem(from, to);
 }
 
@@ -86,37 +89,42 @@ FVFd FVArchiveMove::copyInto(int in, const struct stat& st, FVTemporaryEntry& en
 }
 
 // The copies are made beside the folder, where the next run removes one left by a run cut short,
-// and renamed over the shared names: the mirror's other names keep the old file.
-void FVArchiveMove::unshareBelow(const std::string& folder) const {
+// and renamed over the shared names: the mirror's other names keep the old file. The walk starts
+// from the open parent, so it never follows a link put in the folder's place.
+int FVArchiveMove::unshareBelow(const std::string& folder) const {
     int error = 0;
     FVFd besideFd = destination_.openFolder(FVText::deletingLastPathComponent(folder), false, &error);
-    FVDirectoryWalker walker(folder);
+    if (!besideFd.valid()) return error;
+    FVFd walkFrom(fcntl(besideFd.get(), F_DUPFD_CLOEXEC, 0));
+    if (!walkFrom.valid()) return errno;
+    FVDirectoryWalker walker(folder, std::move(walkFrom));
+    int firstFailure = 0;
     while (const FVDirectoryWalker::Entry* entry = walker.next()) {
         if (entry->error != 0 || entry->level == 0 || !isShared(entry->st)) continue;
         const int dirFd = entry->parentFd;
         struct stat folderSt {};
         bool folderKnown = fstat(dirFd, &folderSt) == 0;
+        errno = 0;
         FVFd in(openat(dirFd, entry->nameCString(), kReadFlags));
         FVTemporaryEntry copy(besideFd.get());
-        bool done = besideFd.valid() && in.valid() &&
-                    copyInto(in.get(), entry->st, copy, besideFd.get(), entry->path).valid();
+        bool done = in.valid() && copyInto(in.get(), entry->st, copy, besideFd.get(), entry->path).valid();
         if (done) {
             FVTestHook::reach("after-unshare-copy", entry->path);
             done = copy.replaceIn(dirFd, entry->nameCString());
         }
-        const int failure = besideFd.valid() ? errno : error;
+        const int failure = errno != 0 ? errno : EIO;
         if (folderKnown) {
             timespec times[2] = {folderSt.st_atim, folderSt.st_mtim};
             futimens(dirFd, times);
         }
         if (done) continue;
-        if (status_.stopOnFatalDestinationError(failure, "archiving", entry->path)) return;
-        std::string message = fmt::format(
-            "Could not give {} a copy of its own before it is archived: it shares its data with the mirror ({})",
-            entry->path, std::strerror(failure));
-        status_.log("ERROR: " + message);
-        status_.addError(message);
+        if (status_.stopOnFatalDestinationError(failure, "archiving", entry->path)) return failure;
+        if (firstFailure == 0) firstFailure = failure;
+        status_.log(fmt::format("ERROR: Could not give {} a copy of its own before it is archived: it shares its data "
+                                "with the mirror ({})",
+                                entry->path, std::strerror(failure)));
     }
+    return firstFailure;
 }
 
 }  // namespace ferrovane

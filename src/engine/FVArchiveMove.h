@@ -30,8 +30,8 @@ public:
 private:
     int copyThenRemove(const std::string& from, const std::string& to) const;
     // Replaces every file with more than one name below a folder about to be archived by a copy of
-    // its own.
-    void unshareBelow(const std::string& folder) const;
+    // its own; 0, or the errno of the first file that keeps sharing its data.
+    int unshareBelow(const std::string& folder) const;
     // A copy of in (data, then metadata) made as entry in dirFd, on its disk; invalid with errno
     // on failure.
     FVFd copyInto(int in, const struct stat& st, FVTemporaryEntry& entry, int dirFd, const std::string& path) const;

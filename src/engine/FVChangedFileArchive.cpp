@@ -9,11 +9,12 @@
 
 namespace ferrovane {
 
-std::string FVChangedFileArchive::archivePath(const std::string& destinationPath, FVArchiveKind kind) const {
-    // The copy writes only inside the mirror, so the path always lies in the destination.
+std::optional<std::string> FVChangedFileArchive::archivePath(const std::string& destinationPath,
+                                                             FVArchiveKind kind) const {
     const FVMirrorLayout layout = settings_.layout();
-    return layout.archivePath(kind, settings_.archiveFolderName,
-                              layout.relativePathOfDestinationPath(destinationPath).value_or(""));
+    const std::optional<std::string> relative = layout.relativePathOfDestinationPath(destinationPath);
+    if (!relative) return std::nullopt;
+    return layout.archivePath(kind, settings_.archiveFolderName, *relative);
 }
 
 bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination) {
@@ -24,13 +25,22 @@ bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination)
     if (!(folder ? settings_.options.moveDeletedFiles : settings_.options.moveChangedFiles)) return true;
     const char* what = folder ? "replaced folder" : "changed file";
     const std::string& path = destination.path();
-    const std::string archived = archivePath(path, folder ? FVArchiveKind::Removed : FVArchiveKind::Changed);
+    const std::optional<std::string> archived =
+        archivePath(path, folder ? FVArchiveKind::Removed : FVArchiveKind::Changed);
+    // A path outside the destination has no place in an archive: it is kept, never moved into
+    // the stamp folder itself.
+    if (!archived) {
+        const std::string message = fmt::format("Archiving {} failed: {} lies outside the destination", what, path);
+        status_.log("ERROR: " + message);
+        status_.addError(message);
+        return false;
+    }
     const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone,
                                 settings_.destinationProfile);
     destination_.unlock(path);
-    if (archive.move(path, archived, &destination.statBuffer()) == 0) return true;
+    if (archive.move(path, *archived, &destination.statBuffer()) == 0) return true;
     destination_.unlock(FVText::deletingLastPathComponent(path));
-    int error = archive.move(path, archived, &destination.statBuffer());
+    int error = archive.move(path, *archived, &destination.statBuffer());
     if (error == 0) {
         status_.verboseLog(fmt::format("Archived {}: {}", what, path));
         return true;
@@ -42,7 +52,7 @@ bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination)
     status_.log(fmt::format("ERROR: Archiving of {} failed: {} ({})", what, path, reason));
     status_.addError(fmt::format("Archiving {} failed: {} ({})", what, path, reason));
     FVSystemLog::error("FVSyncingBackup",
-                       fmt::format("Archiving {} failed: {} -> {} ({})", what, path, archived, reason));
+                       fmt::format("Archiving {} failed: {} -> {} ({})", what, path, *archived, reason));
     return false;
 }
 

@@ -9,6 +9,7 @@
 #include "engine/FVRunSettings.h"
 #include "engine/FVRunStatus.h"
 
+#include <optional>
 #include <string>
 
 namespace ferrovane {
@@ -18,8 +19,9 @@ public:
     FVChangedFileArchive(const FVRunSettings& settings, const FVDestinationTree& destination, FVRunStatus& status)
         : settings_(settings), destination_(destination), status_(status) {}
 
-    // Where the old version of a destination item goes in this run's archive of that kind.
-    std::string archivePath(const std::string& destinationPath, FVArchiveKind kind = FVArchiveKind::Changed) const;
+    // Where the old version of a destination item goes in this run's archive of that kind;
+    // nothing for a path outside the destination.
+    std::optional<std::string> archivePath(const std::string& destinationPath, FVArchiveKind kind = FVArchiveKind::Changed) const;
     // False keeps the destination as it is, and the file is then not copied in this run.
     bool archiveBeforeOverwrite(FVFileSystemItem& destination);
 

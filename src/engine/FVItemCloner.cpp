@@ -33,12 +33,14 @@ bool sameState(const struct stat& a, const struct stat& b) {
            a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
 }
 
-// A time earlier than before by at least one granule of the destination, which then never counts
-// as the source's time however the destination rounds it.
-struct timespec earlierBy(const struct timespec& time, int64_t nanoseconds) {
+// The whole granule of the destination below the one that holds time: a driver that rounds times
+// up keeps it where it is, so the copy never counts as holding the source's time.
+struct timespec granuleBefore(const struct timespec& time, int64_t granule) {
     constexpr int64_t kSecond = 1'000'000'000;
-    const int64_t total =
-        static_cast<int64_t>(time.tv_sec) * kSecond + time.tv_nsec - std::max<int64_t>(nanoseconds, 1);
+    const int64_t step = std::max<int64_t>(granule, 1);
+    const int64_t at = static_cast<int64_t>(time.tv_sec) * kSecond + time.tv_nsec;
+    const int64_t down = at >= 0 ? at - at % step : at - (at % step + step) % step;
+    const int64_t total = down - step;
     const int64_t seconds = total >= 0 ? total / kSecond : (total - kSecond + 1) / kSecond;
     return {static_cast<time_t>(seconds), static_cast<long>(total - seconds * kSecond)};
 }
@@ -100,7 +102,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
         // finds the two different and copies the file again.
         send(fmt::format("WARNING: {} changed while it was copied; its backup is the last copy made, and the next "
                          "run copies it again.", item.sourcePath), FVMessageLevel::Warning);
-        st.st_mtim = earlierBy(st.st_mtim, worker_.destinationProfile.timeGranularityNs);
+        st.st_mtim = granuleBefore(st.st_mtim, worker_.destinationProfile.timeGranularityNs);
     } else if (verbose) {
         send(fmt::format("Copying file data {} to {} ({}) was successful.", item.sourcePath, item.destinationPath,
                          item.typeName), FVMessageLevel::Info);
@@ -197,13 +199,17 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
     if (worker_.verboseLogging)
         worker_.sendMessage(fmt::format("Updating mode and owner of {}", destinationPath), FVMessageLevel::Info);
     const bool cloneACL = !worker_.disableACLClone && !S_ISLNK(st.st_mode);
+    const FVDestinationProfile* keeps = &worker_.destinationProfile;
     int error = 0;
-    if (FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error)) return;
+    if (FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error, nullptr,
+                                                 keeps))
+        return;
     if (error != EPERM || !S_ISREG(st.st_mode)) return failed(error);
     // A locked (immutable or append-only) copy refuses every change: it is unlocked, changed, and
     // given the source's flags again.
     FVFileManager::unlockFileAt(dirFd, name);
-    if (!FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error))
+    if (!FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error, nullptr,
+                                                  keeps))
         failed(error);
     FVFd in(worker_.openSource(source.path(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY, &state_));
     FVFd out(FVInodeFlags::openForFlags(dirFd, name));

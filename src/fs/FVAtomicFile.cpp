@@ -44,6 +44,15 @@ void removeAbandonedTemporaryFiles(const std::string& path) {
     closedir(dir);
 }
 
+// Keeps errno.
+bool ownedByUs(int fd) {
+    const int saved = errno;
+    struct stat st {};
+    const bool ours = fstat(fd, &st) == 0 && st.st_uid == geteuid();
+    errno = saved;
+    return ours;
+}
+
 bool fail(std::string* error, const std::string& what) {
     if (error) *error = what + ": " + std::strerror(errno);
     return false;
@@ -78,8 +87,10 @@ bool write(const std::string& path, std::string_view bytes, std::string* error) 
         mode = 0666 & ~mask;
     }
     // A file system without modes refuses the call (FAT through FUSE; exFAT mounted for another
-    // owner refuses even a file just made): the file keeps the mode the file system gives it.
-    if (fchmod(fd, mode) != 0 && errno != ENOSYS && errno != EOPNOTSUPP && errno != EPERM)
+    // owner refuses even a file just made, which it shows as that owner's): the file keeps the
+    // mode the file system gives it. A file of our own refused a mode is a real failure.
+    if (fchmod(fd, mode) != 0 && errno != ENOSYS && errno != EOPNOTSUPP &&
+        (errno != EPERM || ownedByUs(fd)))
         return abandon("cannot set the mode of " + tmp);
 
     const char* p = bytes.data();

@@ -190,6 +190,13 @@ TEST_F(ConfigCommand, JobFailuresAreReportedAndTheSettingIsKept) {
 }
 
 TEST_F(ConfigCommand, UnwritableDestinationIsRefused) {
+    // A mode refused on a file the writer owns is a failure, not a file system without modes.
+    ProcessResult modeRefused =
+        runProcess({"/usr/bin/strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=fchmod:error=EPERM", FERROVANE_EXECUTABLE,
+                    "config", destination, "add", "/data"},
+                   {{"HOME", dir.path()}, {"FERROVANE_JOB_DIRECTORY", jobs}}, 30);
+    EXPECT_EQ(modeRefused.exitStatus, 1) << modeRefused.err;
+    EXPECT_FALSE(exists(settingsPath()));
     if (mount("fvtest", destination.c_str(), "tmpfs", MS_RDONLY, "size=1m") != 0)
         GTEST_SKIP() << "cannot mount a read-only tmpfs here: " << std::strerror(errno);
     ProcessResult result = config({"add", "/data"});

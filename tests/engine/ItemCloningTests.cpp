@@ -266,40 +266,50 @@ TEST(ItemCloning, ASourceChangedDuringItsCopyIsCopiedAgainAndOneThatKeepsChangin
         {"truncate", [](const std::string& path, int n) { writeFile(path, readFile(path).substr(0, 3000 - 700 * n)); }},
     };
     constexpr time_t kSaved = 1'600'000'000;
-    for (const auto& [name, change] : writers) {
-        // Changed after the first copy only, then after each of the three copies.
-        for (int changes : {1, 3}) {
-            SCOPED_TRACE(std::string(name) + " " + std::to_string(changes));
-            TempDir dir;
-            makeDirs(dir / "dst");
-            const std::string source = dir / "file", mirror = dir / "dst/file";
-            writeFile(source, pattern(3000, 1));
-            setTimes(source, kSaved, 0);
-            std::string lastCopied;
-            int made = 0;
-            RecordingDelegate delegate;
-            copyPairs(dir / "dst", {{source, mirror}}, delegate, [&](FVFileCopyWorker& worker) {
-                worker.setChunkHook([&](const std::string&, uint64_t) {
-                    lastCopied = readFile(source);
-                    if (made == changes) return;
-                    change(source, ++made);
-                    setTimes(source, kSaved + made, 0);
+    constexpr int64_t kSecond = 1'000'000'000, kHalf = 500'000'000;
+    auto nanoseconds = [](const timespec& t) { return static_cast<int64_t>(t.tv_sec) * kSecond + t.tv_nsec; };
+    // Exact times, and FAT's 2 s with times between two granules.
+    for (int64_t granule : {int64_t{1}, 2 * kSecond}) {
+        for (const auto& [name, change] : writers) {
+            // Changed after the first copy only, then after each of the three copies.
+            for (int changes : {1, 3}) {
+                SCOPED_TRACE(std::string(name) + " " + std::to_string(changes) + " " + std::to_string(granule));
+                TempDir dir;
+                makeDirs(dir / "dst");
+                const std::string source = dir / "file", mirror = dir / "dst/file";
+                writeFile(source, pattern(3000, 1));
+                setTimes(source, kSaved, kHalf);
+                std::string lastCopied;
+                int made = 0;
+                RecordingDelegate delegate;
+                copyPairs(dir / "dst", {{source, mirror}}, delegate, [&](FVFileCopyWorker& worker) {
+                    FVDestinationProfile profile;
+                    profile.timeGranularityNs = granule;
+                    worker.setDestinationProfile(profile);
+                    worker.setChunkHook([&](const std::string&, uint64_t) {
+                        lastCopied = readFile(source);
+                        if (made == changes) return;
+                        change(source, ++made);
+                        setTimes(source, kSaved + made, kHalf);
+                    });
                 });
-            });
-            struct stat copied {};
-            ASSERT_EQ(lstat(mirror.c_str(), &copied), 0);
-            EXPECT_EQ(readFile(mirror), lastCopied);
-            const std::vector<std::string> warnings = delegate.messagesAt("WARNING");
-            if (changes == 1) {
-                EXPECT_EQ(readFile(mirror), readFile(source));
-                EXPECT_EQ(copied.st_mtim.tv_sec, kSaved + 1);
-                EXPECT_TRUE(warnings.empty()) << warnings[0];
-            } else {
-                ASSERT_EQ(warnings.size(), 1u);
-                EXPECT_NE(warnings[0].find(source + " changed while it was copied"), std::string::npos);
-                // Earlier than the last copy's source, so the next run never takes it for current.
-                EXPECT_EQ(copied.st_mtim.tv_sec, kSaved + 1);
-                EXPECT_EQ(copied.st_mtim.tv_nsec, 999'999'999);
+                struct stat copied {};
+                ASSERT_EQ(lstat(mirror.c_str(), &copied), 0);
+                EXPECT_EQ(readFile(mirror), lastCopied);
+                const std::vector<std::string> warnings = delegate.messagesAt("WARNING");
+                if (changes == 1) {
+                    EXPECT_EQ(readFile(mirror), readFile(source));
+                    EXPECT_EQ(copied.st_mtim.tv_sec, kSaved + 1);
+                    EXPECT_TRUE(warnings.empty()) << warnings[0];
+                } else {
+                    ASSERT_EQ(warnings.size(), 1u);
+                    EXPECT_NE(warnings[0].find(source + " changed while it was copied"), std::string::npos);
+                    // A granule earlier than the last copy's source even where the destination rounds
+                    // the time up, so the next run never takes it for current.
+                    const int64_t copiedAt = nanoseconds(copied.st_mtim);
+                    const int64_t roundedUp = (copiedAt + granule - 1) / granule * granule;
+                    EXPECT_GE(nanoseconds({kSaved + 2, kHalf}) - roundedUp, granule);
+                }
             }
         }
     }

@@ -9,7 +9,7 @@ import stat
 import subprocess
 import time
 
-from faultkit import (run_cases, Ferrovane, Hooks, build, content, expect, expect_clean_rerun, expect_kept,
+from faultkit import (run_cases, Ferrovane, Hooks, TEMPORARY_PREFIX, build, content, expect, expect_clean_rerun, expect_kept,
                       expect_mirror, expect_no_temporaries, log_since, next_second, read_configuration, tail,
                       version, versions)
 
@@ -222,11 +222,31 @@ def kill_at(ferrovane, work, destination, moment):
         process.communicate()
 
 
-def hard_link_groups(ferrovane, work):
+def refuse_unshare(ferrovane, work, destination, beside):
+    """Runs destination and takes away, once, the copy made beside a folder about to be archived
+    to give a file in it data of its own."""
+    hooks = Hooks(os.path.join(work, "hooks"))
+    held = Ferrovane(ferrovane.executable, ferrovane.env["FERROVANE_LOG_FILE"], ferrovane.prefix, **hooks.env)
+    hooks.arm("after-unshare-copy")
+    process = held.start(destination)
+    try:
+        hooks.wait("after-unshare-copy", process)
+        for name in os.listdir(beside):
+            if name.startswith(TEMPORARY_PREFIX):
+                os.unlink(os.path.join(beside, name))
+        hooks.release("after-unshare-copy")
+        process.communicate(timeout=120)
+    finally:
+        if process.poll() is None:
+            process.kill()
+            process.communicate()
+
+
+def hard_link_groups(ferrovane, work, refused=False):
     """Names of one file (or link) in several folders stay names of one file in the mirror while the file
     changes, loses a name, and a name leaves it; every run keeps every version, no archived file
-    shares its inode with the mirror, not even after a run killed while a removed folder's names
-    got copies of their own, and a clean rerun changes nothing."""
+    shares its inode with the mirror, not even after a run killed (or refused a copy) while a removed
+    folder's names got copies of their own, and a clean rerun changes nothing."""
     d = Destination(ferrovane, work)
     source, mirror = os.fsencode(d.source), d.mirror("")
     os.makedirs(os.path.join(source, b"other"))
@@ -247,7 +267,11 @@ def hard_link_groups(ferrovane, work):
         next_second()
         step()
         before = versions(d.destination)
-        if killed:
+        if killed and refused:
+            refuse_unshare(ferrovane, work, d.destination, mirror)
+            expect_kept(d.destination, before)
+            next_second()
+        elif killed:
             kill_at(ferrovane, work, d.destination, "after-unshare-copy")
             expect_kept(d.destination, before)
             next_second()
@@ -267,7 +291,7 @@ def hard_link_groups(ferrovane, work):
 
 QUICK = ("archive move fails: stamp folder already holds the path", "archive move fails: link planted at __changed",
          "second run while the first holds the lock", "two runs in one second", "config add and set during a run",
-         "hard links across folders")
+         "hard links across folders", "hard links across folders, a copy of its own refused")
 
 
 def run(ferrovane, work, tier):
@@ -278,7 +302,9 @@ def run(ferrovane, work, tier):
     cases += [("two runs in one second", lambda w: runs_in_one_second(ferrovane, w)),
               ("five runs a second apart, a file changed before each", lambda w: runs_a_second_apart(ferrovane, w)),
               ("config add and set during a run", lambda w: config_during_a_run(ferrovane, w)),
-              ("hard links across folders", lambda w: hard_link_groups(ferrovane, w))]
+              ("hard links across folders", lambda w: hard_link_groups(ferrovane, w)),
+              ("hard links across folders, a copy of its own refused",
+               lambda w: hard_link_groups(ferrovane, w, refused=True))]
     if tier == "quick":
         cases = [c for c in cases if c[0] in QUICK]
     def tidy(folder):
