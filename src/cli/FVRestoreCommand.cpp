@@ -121,7 +121,7 @@ int versionsMain(const std::string& destination, const std::string& path, bool j
     if (!catalog) return kExitUsage;
     // Listing changes nothing, so it goes on; but which source a mirror path belongs to is a guess.
     if (std::optional<std::string> problem = catalog->layout().validateAsSeen())
-        fmt::print(stderr, "ferrovane versions: warning: {}\n", shown(*problem));
+        FVOutput::print(stderr, "ferrovane versions: warning: {}\n", shown(*problem));
     auto mirror = mirrorPathOrComplain("versions", *catalog, path);
     if (!mirror) return kExitUsage;
     std::vector<FVItemVersion> versions = catalog->versions(*mirror);
@@ -279,8 +279,8 @@ int restoreMain(const RestoreArguments& arguments) {
     if (!catalog) return kExitUsage;
     // Colliding mirrors hold one source's files under another's name: nothing is restored then.
     if (std::optional<std::string> problem = catalog->layout().validateAsSeen()) {
-        fmt::print(stderr, "ferrovane restore: cannot use the destination {}: {}\n", shown(arguments.destination),
-                   shown(*problem));
+        FVOutput::print(stderr, "ferrovane restore: cannot use the destination {}: {}\n", shown(arguments.destination),
+                        shown(*problem));
         return kExitUsage;
     }
     int status = kExitUsage;
