@@ -39,7 +39,6 @@ constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr uint64_t kProgressLineEvery = 1000;
 
-std::atomic<bool> interrupted{false};
 // The first signal that cancelled the restore; 0 while none has.
 std::atomic<int> cancellingSignal{0};
 // Until the copy starts nothing has been written: a signal then ends the process at once. The
@@ -53,7 +52,6 @@ void onSignal(int signal) {
     if (!copying) std::_Exit(FVRunSignals::exitStatus(signal));
     int none = 0;
     cancellingSignal.compare_exchange_strong(none, signal);
-    interrupted.store(true, std::memory_order_relaxed);
     if (activeRun) activeRun->cancel();
 }
 
@@ -328,8 +326,7 @@ int restoreMain(const RestoreArguments& arguments) {
             catalog->destination(), [&](uint64_t done, uint64_t total) { progress.update(done, total); },
             [](const std::string& line, bool isError) {
                 FVOutput::print(isError ? stderr : stdout, "{}\n", shown(line));
-            },
-            interrupted);
+            });
     }
     {
         std::lock_guard lock(copyStart);

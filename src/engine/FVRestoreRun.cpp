@@ -72,6 +72,12 @@ FVRestoreRun::Summary FVRestoreRun::run(const std::string& destination, const Pr
     return summary;
 }
 
+FVRestoreRun::Summary FVRestoreRun::run(const std::string& destination, const Progress& progress,
+                                        const Report& report) {
+    static const std::atomic<bool> never{false};
+    return run(destination, progress, report, never);
+}
+
 bool FVRestoreRun::runPlan(const FVRestorePlan& plan, const std::string& destination, uint64_t doneBefore,
                            uint64_t total, const Progress& progress, const std::atomic<bool>& interrupt) {
     conflicts_.clear();
