@@ -39,7 +39,6 @@ constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr uint64_t kProgressLineEvery = 1000;
 
-std::atomic<bool> interrupted{false};
 // The first signal that cancelled the restore; 0 while none has.
 std::atomic<int> cancellingSignal{0};
 // Until the copy starts nothing has been written: a signal then ends the process at once. The
@@ -53,7 +52,6 @@ void onSignal(int signal) {
     if (!copying) std::_Exit(FVRunSignals::exitStatus(signal));
     int none = 0;
     cancellingSignal.compare_exchange_strong(none, signal);
-    interrupted.store(true, std::memory_order_relaxed);
     if (activeRun) activeRun->cancel();
 }
 
@@ -121,7 +119,7 @@ int versionsMain(const std::string& destination, const std::string& path, bool j
     if (!catalog) return kExitUsage;
     // Listing changes nothing, so it goes on; but which source a mirror path belongs to is a guess.
     if (std::optional<std::string> problem = catalog->layout().validateAsSeen())
-        fmt::print(stderr, "ferrovane versions: warning: {}\n", shown(*problem));
+        FVOutput::print(stderr, "ferrovane versions: warning: {}\n", shown(*problem));
     auto mirror = mirrorPathOrComplain("versions", *catalog, path);
     if (!mirror) return kExitUsage;
     std::vector<FVItemVersion> versions = catalog->versions(*mirror);
@@ -253,37 +251,48 @@ private:
     uint64_t nextLine_ = 0;
 };
 
+// Takes the destination's lock and opens its catalog. Shared: restores may run side by side,
+// never beside a backup or a configuration change, so the versions cannot move while they are
+// planned and copied. Nothing, with the exit status in *status, when the destination cannot be
+// used.
+std::optional<FVVersionCatalog> lockedCatalog(const std::string& destination, FVDestinationLock& lock, int* status) {
+    const std::string lockedPath = resolved(absolute(destination));
+    switch (lock.acquire(lockedPath, FVDestinationLock::Mode::Shared)) {
+    case FVDestinationLock::Status::Busy:
+        FVOutput::print(stderr, "{}\n", shown(FVDestinationLock::busyMessage(lockedPath)));
+        *status = FVDestinationLock::busyExitStatus;
+        return std::nullopt;
+    case FVDestinationLock::Status::Failed:
+        FVOutput::print(stderr, "ferrovane restore: cannot make sure that no run uses the destination ({}).\n",
+                        shown(lock.reason()));
+        *status = kExitFailed;
+        return std::nullopt;
+    case FVDestinationLock::Status::Acquired:
+    case FVDestinationLock::Status::Missing:
+        break;
+    }
+    *status = kExitUsage;
+    auto catalog = openCatalog("restore", destination);
+    if (!catalog) return std::nullopt;
+    // Colliding mirrors hold one source's files under another's name: nothing is restored then.
+    if (std::optional<std::string> problem = catalog->layout().validateAsSeen()) {
+        FVOutput::print(stderr, "ferrovane restore: cannot use the destination {}: {}\n", shown(destination),
+                        shown(*problem));
+        return std::nullopt;
+    }
+    return catalog;
+}
+
 }  // namespace
 
 int restoreMain(const RestoreArguments& arguments) {
     // Before the copy's threads start, so that none of them takes a signal.
     FVRunSignals::block();
     FVRunSignals::listen(onSignal);
-    // Shared: restores may run side by side, never beside a backup or a configuration change,
-    // so the versions cannot move while they are planned and copied.
     FVDestinationLock lock;
-    const std::string lockedPath = resolved(absolute(arguments.destination));
-    switch (lock.acquire(lockedPath, FVDestinationLock::Mode::Shared)) {
-    case FVDestinationLock::Status::Busy:
-        FVOutput::print(stderr, "{}\n", shown(FVDestinationLock::busyMessage(lockedPath)));
-        return FVDestinationLock::busyExitStatus;
-    case FVDestinationLock::Status::Failed:
-        FVOutput::print(stderr, "ferrovane restore: cannot make sure that no run uses the destination ({}).\n",
-                        shown(lock.reason()));
-        return kExitFailed;
-    case FVDestinationLock::Status::Acquired:
-    case FVDestinationLock::Status::Missing:
-        break;
-    }
-    auto catalog = openCatalog("restore", arguments.destination);
-    if (!catalog) return kExitUsage;
-    // Colliding mirrors hold one source's files under another's name: nothing is restored then.
-    if (std::optional<std::string> problem = catalog->layout().validateAsSeen()) {
-        fmt::print(stderr, "ferrovane restore: cannot use the destination {}: {}\n", shown(arguments.destination),
-                   shown(*problem));
-        return kExitUsage;
-    }
     int status = kExitUsage;
+    auto catalog = lockedCatalog(arguments.destination, lock, &status);
+    if (!catalog) return status;
     auto plans = planRestore(arguments, *catalog, &status);
     if (!plans) return status;
 
@@ -328,8 +337,7 @@ int restoreMain(const RestoreArguments& arguments) {
             catalog->destination(), [&](uint64_t done, uint64_t total) { progress.update(done, total); },
             [](const std::string& line, bool isError) {
                 FVOutput::print(isError ? stderr : stdout, "{}\n", shown(line));
-            },
-            interrupted);
+            });
     }
     {
         std::lock_guard lock(copyStart);

@@ -1,5 +1,7 @@
 #include "cli/FVRunSignals.h"
 
+#include "platform/FVCancellingSignals.h"
+
 #include <pthread.h>
 #include <signal.h>
 
@@ -7,27 +9,16 @@
 
 namespace ferrovane::FVRunSignals {
 
-namespace {
-
-sigset_t cancellingSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, signal);
-    return set;
-}
-
-}  // namespace
-
 void block() {
     signal(SIGPIPE, SIG_IGN);
-    sigset_t set = cancellingSignals();
+    sigset_t set = FVCancellingSignals::set();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
 void listen(std::function<void(int signal)> onSignal) {
     // Detached: it waits for as long as the process lives, and the process ends without it.
     std::thread([onSignal = std::move(onSignal)] {
-        const sigset_t set = cancellingSignals();
+        const sigset_t set = FVCancellingSignals::set();
         for (;;) {
             int signal = 0;
             if (sigwait(&set, &signal) == 0) onSignal(signal);

@@ -13,8 +13,6 @@
 
 #include <fmt/format.h>
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <ctime>
 #include <optional>
@@ -26,14 +24,9 @@ namespace {
 // The newest time that a stamp folder in the destination's archives stands for; 0 for none.
 std::time_t newestArchiveStamp(const FVMirrorLayout& layout) {
     std::time_t newest = 0;
-    for (FVArchiveKind kind : {FVArchiveKind::Changed, FVArchiveKind::Removed}) {
-        DIR* folder = opendir(layout.archiveRoot(kind).c_str());
-        if (!folder) continue;
-        while (const dirent* entry = readdir(folder))
-            if (std::optional<std::time_t> time = FVVersionCatalog::stampTime(entry->d_name))
-                newest = std::max(newest, *time);
-        closedir(folder);
-    }
+    const FVVersionCatalog catalog(layout);
+    for (FVArchiveKind kind : {FVArchiveKind::Changed, FVArchiveKind::Removed})
+        for (const FVVersionCatalog::ArchiveStamp& stamp : catalog.stamps(kind)) newest = std::max(newest, stamp.time);
     return newest;
 }
 

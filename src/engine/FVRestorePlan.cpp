@@ -1,7 +1,10 @@
 #include "engine/FVRestorePlan.h"
 
+#include "engine/FVChangeDecision.h"
 #include "engine/FVConfigurationFile.h"
+#include "fs/FVDestinationProbe.h"
 #include "fs/FVDirectoryWalker.h"
+#include "fs/FVMountTable.h"
 #include "engine/FVFileCopyWorker.h"
 #include "fs/FVText.h"
 #include "engine/FVVersionCatalog.h"
@@ -62,7 +65,8 @@ int FVRestorePlan::examine(const std::string& destination, const std::string& pa
 
 FVRestorePlan::FVRestorePlan(std::string destination, std::string from, std::string to, std::string root,
                              const std::vector<std::string>& parentMirrors)
-    : destination_(std::move(destination)), from_(std::move(from)), to_(std::move(to)), root_(std::move(root)) {
+    : destination_(std::move(destination)), from_(std::move(from)), to_(std::move(to)), root_(std::move(root)),
+      profile_(FVDestinationProbe::defaultsForType(FVMountTable::fileSystemTypeAtPath(root_))) {
     const FVConfinedDirectory versions(destination_);
     std::string name;
     int error = 0;
@@ -144,8 +148,7 @@ void FVRestorePlan::add(const std::string& fromPath, const struct stat& st, cons
         // An existing folder takes the version's contents and metadata; nothing in it is removed.
     } else if ((existing.st_mode & S_IFMT) != (st.st_mode & S_IFMT)) {
         conflicts_.push_back({toPath, S_ISDIR(existing.st_mode) ? "a folder is in the way" : "another kind of item is in the way"});
-    } else if (S_ISLNK(st.st_mode) ? versionLink == linkText(toPath)
-                                   : existing.st_size == st.st_size && existing.st_mtim.tv_sec == st.st_mtim.tv_sec) {
+    } else if (S_ISLNK(st.st_mode) ? versionLink == linkText(toPath) : holdsVersion(*pair.first, toPath, existing)) {
         ++identical_;
         return;
     } else {
@@ -156,6 +159,17 @@ void FVRestorePlan::add(const std::string& fromPath, const struct stat& st, cons
         if (S_ISREG(st.st_mode)) bytes_ += static_cast<uint64_t>(st.st_size);
     }
     pairs_.push_back(std::move(pair));
+}
+
+bool FVRestorePlan::holdsVersion(FVFileSystemItem& version, const std::string& path, const struct stat& target) const {
+    FVFileSystemItem existing(path, target);
+    // Mode and owner alone are no other version: the contents are the same.
+    switch (FVChangeDecision::decide(FVChangeDecision::sideOf(version), FVChangeDecision::sideOf(existing), nullptr,
+                                     FVChangeDecision::Tolerance::of(profile_))) {
+    case FVChangeDecision::Reason::Unchanged:
+    case FVChangeDecision::Reason::ModeOrOwnerMismatch: return true;
+    default: return false;
+    }
 }
 
 }  // namespace ferrovane

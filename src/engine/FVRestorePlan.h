@@ -5,6 +5,7 @@
 
 #include "engine/FVFileSystemItem.h"
 #include "fs/FVConfinedDirectory.h"
+#include "fs/FVDestinationProfile.h"
 
 #include <cstdint>
 #include <string>
@@ -44,6 +45,12 @@ public:
     uint64_t fileCount() const { return files_; }
     uint64_t byteCount() const { return bytes_; }
     uint64_t identicalCount() const { return identical_; }
+    // What the target's file system keeps, by the mount table's word alone: a restore writes
+    // nothing but what it restores.
+    const FVDestinationProfile& targetProfile() const { return profile_; }
+    // Whether the item at a target path already is the version: the same type, size and
+    // modification time, to the precision the target keeps.
+    bool holdsVersion(FVFileSystemItem& version, const std::string& path, const struct stat& target) const;
 
 private:
     void addMissingParents(const FVConfinedDirectory& versions, const std::vector<std::string>& parentMirrors);
@@ -53,6 +60,7 @@ private:
     bool isHousekeeping(std::string_view relative, std::string_view name) const;
 
     std::string destination_, from_, to_, root_;
+    FVDestinationProfile profile_;
     std::vector<std::pair<FVFileSystemItemPtr, FVFileSystemItemPtr>> pairs_;
     std::vector<Conflict> conflicts_;
     std::vector<std::string> problems_;

@@ -4,8 +4,6 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVLog.h"
 #include "engine/FVTrash.h"
-#include "fs/FVDestinationProbe.h"
-#include "fs/FVMountTable.h"
 #include "fs/FVFileDescriptor.h"
 
 #include <sys/stat.h>
@@ -29,9 +27,7 @@ uint64_t landedFiles(const FVRestorePlan& plan) {
         if (S_ISDIR(version.st_mode)) continue;
         struct stat target {};
         if (FVLongPath::lstat(to->path(), &target) != 0 || (target.st_mode & S_IFMT) != (version.st_mode & S_IFMT)) continue;
-        if (S_ISREG(version.st_mode) &&
-            (target.st_size != version.st_size || target.st_mtim.tv_sec != version.st_mtim.tv_sec))
-            continue;
+        if (S_ISREG(version.st_mode) && !plan.holdsVersion(*from, to->path(), target)) continue;
         ++landed;
     }
     return landed;
@@ -76,6 +72,12 @@ FVRestoreRun::Summary FVRestoreRun::run(const std::string& destination, const Pr
     return summary;
 }
 
+FVRestoreRun::Summary FVRestoreRun::run(const std::string& destination, const Progress& progress,
+                                        const Report& report) {
+    static const std::atomic<bool> never{false};
+    return run(destination, progress, report, never);
+}
+
 bool FVRestoreRun::runPlan(const FVRestorePlan& plan, const std::string& destination, uint64_t doneBefore,
                            uint64_t total, const Progress& progress, const std::atomic<bool>& interrupt) {
     conflicts_.clear();
@@ -90,10 +92,8 @@ bool FVRestoreRun::runPlan(const FVRestorePlan& plan, const std::string& destina
     // Every version is read from the destination's root down without following a link, so a
     // link planted in an archive path never makes the restore read what lies outside.
     worker.setSourceRoot(destination);
-    // Only the mount table's word: a restore writes nothing but what it restores. What the file
-    // system there cannot hold (owners and modes on exFAT) is then not tried per item.
-    worker.setDestinationProfile(
-        FVDestinationProbe::defaultsForType(FVMountTable::fileSystemTypeAtPath(plan.confinementRoot())));
+    // What the file system there cannot hold (owners and modes on exFAT) is then not tried per item.
+    worker.setDestinationProfile(plan.targetProfile());
     if (workerSetup_) workerSetup_(worker);
     {
         std::lock_guard lock(workerMutex_);

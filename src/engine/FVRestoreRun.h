@@ -38,6 +38,8 @@ public:
     // section in the run log.
     Summary run(const std::string& destination, const Progress& progress, const Report& report,
                 const std::atomic<bool>& interrupt);
+    // Runs every plan, cancelled only by cancel().
+    Summary run(const std::string& destination, const Progress& progress, const Report& report);
     // Cancels at once, from any thread (a signal's): the copy under way stops between chunks and
     // the run ends as cancelled, as it does when interrupt becomes true.
     void cancel();

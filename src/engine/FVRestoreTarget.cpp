@@ -32,11 +32,10 @@ std::optional<FVRestoreTarget> FVRestoreTarget::forVersion(const FVVersionCatalo
         const std::string source = *catalog.sourceHolding(mirrorPath);
         FVRestoreTarget target = confined(versionPath, FVText::deletingLastPathComponent(source), *original);
         // Every folder from the item's own up to its source's mirror was backed up.
-        const std::string root = catalog.destination() == "/" ? "" : catalog.destination();
         const std::string sourceMirror = catalog.sourceMirrorPath(source);
         for (std::string parent = mirrorPath; parent.size() > sourceMirror.size();) {
             parent = parent.substr(0, parent.rfind('/'));
-            target.parentMirrors.push_back(parent.empty() ? catalog.destination() : root + parent);
+            target.parentMirrors.push_back(catalog.layout().destinationPath(parent));
         }
         return target;
     }

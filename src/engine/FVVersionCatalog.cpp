@@ -14,14 +14,20 @@ namespace ferrovane {
 
 namespace {
 
-std::vector<std::string> folderNames(const std::string& path) {
+// The names in a folder inside the destination, reached from its root without following a link.
+std::vector<std::string> folderNames(const FVConfinedDirectory& destination, const std::string& path) {
     std::vector<std::string> names;
-    DIR* folder = opendir(path.c_str());
-    if (!folder) return names;
-    while (const dirent* entry = readdir(folder))
+    std::optional<std::string> relative = destination.relativePath(path);
+    int error = 0;
+    FVFd folder = relative ? destination.openFolder(*relative, false, &error) : FVFd();
+    if (!folder.valid()) return names;
+    DIR* listing = fdopendir(folder.get());
+    if (!listing) return names;
+    folder.release();
+    while (const dirent* entry = readdir(listing))
         if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
             names.emplace_back(entry->d_name);
-    closedir(folder);
+    closedir(listing);
     return names;
 }
 
@@ -89,6 +95,13 @@ std::optional<std::time_t> FVVersionCatalog::stampTime(const std::string& stamp)
     return timegm(&parts) - offset;
 }
 
+std::vector<FVVersionCatalog::ArchiveStamp> FVVersionCatalog::stamps(FVArchiveKind kind) const {
+    std::vector<ArchiveStamp> found;
+    for (std::string& name : folderNames(FVConfinedDirectory(layout_.destination()), layout_.archiveRoot(kind)))
+        if (std::optional<std::time_t> time = stampTime(name)) found.push_back({std::move(name), *time});
+    return found;
+}
+
 std::vector<FVItemVersion> FVVersionCatalog::versions(const std::string& mirrorPath) const {
     std::vector<FVItemVersion> found;
     const FVConfinedDirectory confined(layout_.destination());
@@ -96,14 +109,12 @@ std::vector<FVItemVersion> FVVersionCatalog::versions(const std::string& mirrorP
     std::vector<FVItemVersion> archived;
     for (auto [archiveKind, kind] : {std::pair{FVArchiveKind::Changed, FVVersionKind::Changed},
                                      std::pair{FVArchiveKind::Removed, FVVersionKind::Removed}}) {
-        for (const std::string& stamp : folderNames(layout_.archiveRoot(archiveKind))) {
-            std::optional<std::time_t> time = stampTime(stamp);
-            if (!time) continue;
-            auto version = versionAt(confined, layout_.archivePath(archiveKind, stamp, mirrorPath));
+        for (ArchiveStamp& stamp : stamps(archiveKind)) {
+            auto version = versionAt(confined, layout_.archivePath(archiveKind, stamp.name, mirrorPath));
             if (!version) continue;
-            version->stamp = stamp;
+            version->stamp = std::move(stamp.name);
             version->kind = kind;
-            version->stampTime = *time;
+            version->stampTime = stamp.time;
             archived.push_back(std::move(*version));
         }
     }

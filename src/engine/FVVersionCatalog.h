@@ -56,6 +56,14 @@ public:
     // is already in the archives).
     std::vector<FVItemVersion> versions(const std::string& mirrorPath) const;
 
+    struct ArchiveStamp {
+        std::string name;
+        std::time_t time = 0;
+    };
+    // The run folders of one archive, in no order, listed from the destination's root without
+    // following a link; names that are no stamp are left out.
+    std::vector<ArchiveStamp> stamps(FVArchiveKind kind) const;
+
     // The time an archive folder name stands for; nothing for a name that is not a stamp.
     static std::optional<std::time_t> stampTime(const std::string& stamp);
 

@@ -1,5 +1,7 @@
 #include "platform/FVCommandRunner.h"
 
+#include "platform/FVCancellingSignals.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -35,10 +37,9 @@ FVCommandResult FVProcessCommandRunner::run(const std::vector<std::string>& argv
     // The command starts with the signals a run blocks or ignores back at their defaults.
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
-    sigset_t none, defaults;
+    sigset_t none, defaults = FVCancellingSignals::set();
     sigemptyset(&none);
-    sigemptyset(&defaults);
-    for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) sigaddset(&defaults, signal);
+    sigaddset(&defaults, SIGPIPE);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &defaults);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);

@@ -286,29 +286,6 @@ TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
     EXPECT_EQ(differences(source + "/Many/", destination + "/Many/"), "");
 }
 
-TEST_F(BackupRun, SourcesWhoseMirrorsCollideStopTheRunBeforeItTouchesTheDestination) {
-    buildTree(source, {{"a/Docs/from-a.txt", "a"}, {"b/Docs/from-b.txt", "b"}});
-    configure({{source + "/a/Docs", FVSourceMode::Backup}}, defaults());
-    ASSERT_EQ(run().exitStatus, 0);
-    // A list written by hand: the second source would share the first one's mirror folder.
-    configure({{source + "/a/Docs", FVSourceMode::Backup}, {source + "/b/Docs", FVSourceMode::Backup}}, defaults());
-    const std::string before = treeDigest(destination);
-    auto refused = run();
-    EXPECT_EQ(refused.exitStatus, 255);
-    EXPECT_NE(refused.err.find(source + "/a/Docs and " + source + "/b/Docs would both be mirrored at " + destination +
-                               "/Docs"),
-              std::string::npos)
-        << refused.err;
-    EXPECT_EQ(treeDigest(destination), before);
-
-    PlistDict byPath = defaults();
-    byPath.set("syncMode", int64_t{0});
-    configure({{source + "/a/Docs", FVSourceMode::Backup}, {source + "/b/Docs", FVSourceMode::Backup}}, byPath);
-    auto apart = run();
-    EXPECT_EQ(apart.exitStatus, 0) << apart.err;
-    EXPECT_EQ(readFile(destination + source + "/b/Docs/from-b.txt"), "b");
-}
-
 TEST_F(BackupRun, AnOptionThatCannotBeUsedStopsTheRunBeforeItTouchesTheDestination) {
     writeFile(source + "/a.txt", "new version");
     const std::vector<std::pair<const char*, PlistValue>> bad = {

@@ -146,9 +146,15 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
 }
 
 TEST_F(RestoreCommand, ConflictsStopEverythingUnlessReplacedIntoTheTrash) {
-    buildTree(source, {{"a.txt", "backed up"}, {"keep/b.txt", "b"}});
+    buildTree(source, {{"a.txt", "backed up"}, {"keep/b.txt", "b"}, {"same.txt", "backed up"}});
+    // An edit of the same size within the same second is another version all the same.
+    timespec saved[2] = {{1'000'000, 100}, {1'000'000, 100}};
+    utimensat(AT_FDCWD, (source + "/same.txt").c_str(), saved, 0);
     backup();
     writeFile(source + "/a.txt", "edited since, and longer");
+    writeFile(source + "/same.txt", "edited up");
+    timespec edited[2] = {{1'000'000, 200}, {1'000'000, 200}};
+    utimensat(AT_FDCWD, (source + "/same.txt").c_str(), edited, 0);
     fs::remove(source + "/keep/b.txt");
 
     for (const char* dryRun : {"--dry-run", ""}) {
@@ -157,6 +163,7 @@ TEST_F(RestoreCommand, ConflictsStopEverythingUnlessReplacedIntoTheTrash) {
         auto r = ferrovane(args);
         EXPECT_EQ(r.exitStatus, 1) << r.out << r.err;
         EXPECT_NE(r.out.find("Conflict: " + source + "/a.txt"), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find("Conflict: " + source + "/same.txt"), std::string::npos) << r.out;
         EXPECT_FALSE(exists(source + "/keep/b.txt")) << "nothing is written while a conflict stands";
         EXPECT_EQ(readFile(source + "/a.txt"), "edited since, and longer");
     }
@@ -165,6 +172,7 @@ TEST_F(RestoreCommand, ConflictsStopEverythingUnlessReplacedIntoTheTrash) {
     ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
     EXPECT_EQ(readFile(source + "/a.txt"), "backed up");
     EXPECT_EQ(readFile(source + "/keep/b.txt"), "b");
+    EXPECT_EQ(readFile(source + "/same.txt"), "backed up");
     std::string trash = dir / "data/Trash";
     EXPECT_EQ(readFile(trash + "/files/a.txt"), "edited since, and longer");
     std::string info = readFile(trash + "/info/a.txt.trashinfo");
@@ -174,7 +182,7 @@ TEST_F(RestoreCommand, ConflictsStopEverythingUnlessReplacedIntoTheTrash) {
     // Now identical: nothing moves, nothing is copied.
     r = ferrovane({"restore", destination, source, "--replace"});
     ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
-    EXPECT_EQ(std::distance(fs::directory_iterator(trash + "/files"), fs::directory_iterator()), 1);
+    EXPECT_EQ(std::distance(fs::directory_iterator(trash + "/files"), fs::directory_iterator()), 2);
 }
 
 namespace {

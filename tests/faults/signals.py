@@ -111,58 +111,46 @@ def expect_restored_exactly(mirror, restored):
     expect(not torn, f"restored files differ from their version: {torn[:3]}")
 
 
-def closed_reader_backup(ferrovane, work):
-    d = Destination(ferrovane, work)
-    offset = log_size(ferrovane)
-    process = d.held(d.start_backup)
-    # The reader goes away (as `| head -1` does) while the run still has its outcome to print.
-    process.stdout.close()
-    d.hooks.release(MOMENT)
-    err = process.stderr.read()
-    process.wait(timeout=120)
-    expect(process.returncode == 0, f"the run ended with {process.returncode}: {err[-600:]!r}")
-    expect(b"Sync finished" in log_since(ferrovane, offset), "the run log has no end line")
-    expect(mirror_differences(d.source, d.mirror()) == "", "the mirror is not complete")
-    expect_kept(d.destination, d.before)
-    expect_no_temporaries(d.destination)
-
-
-def closed_reader_restore(ferrovane, work):
-    d = Destination(ferrovane, work)
-    ferrovane.complete(d.destination)
-    process = d.held(d.start_restore)
-    process.stdout.close()
-    d.hooks.release(MOMENT)
-    err = process.stderr.read()
-    process.wait(timeout=120)
-    expect(process.returncode == 0, f"the restore ended with {process.returncode}: {err[-600:]!r}")
-    expect(mirror_differences(d.mirror(), os.path.join(d.restored, "data")) == "", "the restore is not complete")
-
-
-def signalled_backup(number):
+def closed_reader(kind):
+    """The reader goes away (as `| head -1` does) while the run still has its outcome to print."""
     def body(ferrovane, work):
         d = Destination(ferrovane, work)
-        process = d.held(d.start_backup)
-        # The copy goes on from the moment only once cancelled: it then removes its temporary copy.
-        d.cancel_held(process, number)
-        expect_status(finish(process), 128 + number, "the signalled run")
-        expect_kept(d.destination, d.before)
-        expect_no_temporaries(d.destination)
-        expect_clean_rerun(ferrovane, d.destination, [d.source], d.before)
+        offset = log_size(ferrovane)
+        if kind == "restore":
+            ferrovane.complete(d.destination)
+        process = d.held(d.start_backup if kind == "backup" else d.start_restore)
+        process.stdout.close()
+        d.hooks.release(MOMENT)
+        err = process.stderr.read()
+        process.wait(timeout=120)
+        expect(process.returncode == 0, f"the {kind} ended with {process.returncode}: {err[-600:]!r}")
+        if kind == "backup":
+            expect(b"Sync finished" in log_since(ferrovane, offset), "the run log has no end line")
+            expect(mirror_differences(d.source, d.mirror()) == "", "the mirror is not complete")
+            expect_kept(d.destination, d.before)
+            expect_no_temporaries(d.destination)
+        else:
+            expect(mirror_differences(d.mirror(), os.path.join(d.restored, "data")) == "", "the restore is not complete")
     return body
 
 
-def signalled_restore(number):
+def signalled(kind, number):
     def body(ferrovane, work):
         d = Destination(ferrovane, work)
-        ferrovane.complete(d.destination)
+        if kind == "restore":
+            ferrovane.complete(d.destination)
         before = versions(d.destination)
-        process = d.held(d.start_restore)
+        process = d.held(d.start_backup if kind == "backup" else d.start_restore)
+        # The copy goes on from the moment only once cancelled: it then removes its temporary copy.
         d.cancel_held(process, number)
-        expect_status(finish(process), 128 + number, "the signalled restore")
+        expect_status(finish(process), 128 + number, f"the signalled {kind}")
+        expect_kept(d.destination, before)
+        if kind == "backup":
+            expect_no_temporaries(d.destination)
+            expect_clean_rerun(ferrovane, d.destination, [d.source], before)
+            return
         expect(any(True for _ in os.scandir(d.restored)), "the restore wrote nothing before the signal")
         expect_restored_exactly(d.mirror(), os.path.join(d.restored, "data"))
-        expect_kept(d.destination, before)
         again = subprocess.run(d.restore_args(), env=ferrovane.env, capture_output=True, timeout=120)
         expect_status(again, 0, "the restore after the cancelled one")
         expect(mirror_differences(d.mirror(), os.path.join(d.restored, "data")) == "", "the restore is not complete")
@@ -217,12 +205,12 @@ def random_moments(ferrovane, work, seed, moments):
 
 
 def run(ferrovane, work, tier, seed, moments):
-    cases = [("closed reader of a backup's output", lambda w: closed_reader_backup(ferrovane, w)),
-             ("closed reader of a restore's output", lambda w: closed_reader_restore(ferrovane, w))]
-    for number in SIGNALS:
-        name = signal.Signals(number).name
-        cases.append((f"{name} mid-copy of a backup", lambda w, n=number: signalled_backup(n)(ferrovane, w)))
-        cases.append((f"{name} mid-copy of a restore", lambda w, n=number: signalled_restore(n)(ferrovane, w)))
+    cases = []
+    for kind in ("backup", "restore"):
+        cases.append((f"closed reader of a {kind}'s output", lambda w, k=kind: closed_reader(k)(ferrovane, w)))
+        for number in SIGNALS:
+            cases.append((f"{signal.Signals(number).name} mid-copy of a {kind}",
+                          lambda w, k=kind, n=number: signalled(k, n)(ferrovane, w)))
     yield from run_cases("signals", cases, work, after=lambda folder: shutil.rmtree(folder, ignore_errors=True))
     moments_folder = os.path.join(work, "moments")
     os.makedirs(moments_folder)
