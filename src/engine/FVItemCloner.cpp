@@ -108,21 +108,25 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
                          item.typeName), FVMessageLevel::Info);
     }
     int error = 0;
+    // Owner, mode, attributes and ACLs before the times: none of them moves the modification time.
+    if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !worker_.disableACLClone,
+                                                  &error, start, &worker_.destinationProfile)) {
+        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        // A copy without all of its metadata is not the source: dated before it, it is copied
+        // again by the next run instead of passing for current.
+        send(fmt::format("ERROR: Could not copy the metadata of file {} (Reason: {}); the next run copies it again.",
+                         item.sourcePath, strerror(error)), FVMessageLevel::Error);
+        st.st_mtim = granuleBefore(st.st_mtim, worker_.destinationProfile.timeGranularityNs);
+    } else if (verbose) {
+        send(fmt::format("Clone of additional attributes {} to {} ({}) was successful.", item.sourcePath,
+                         item.destinationPath, item.typeName), FVMessageLevel::Info);
+    }
     if (!FVItemMetadata::cloneTimes(st, {out.get(), false}, &error)) {
         if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
         send(fmt::format("WARNING: Could not preserve creation date on file {}. Type: {} (Reason: {})",
                          item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
     } else if (verbose) {
         send(fmt::format("Clone of creation and modification date {} to {} ({}) was successful.", item.sourcePath,
-                         item.destinationPath, item.typeName), FVMessageLevel::Info);
-    }
-    if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !worker_.disableACLClone,
-                                                  &error, start, &worker_.destinationProfile)) {
-        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
-        send(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}. (Reason: {})",
-                         item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
-    } else if (verbose) {
-        send(fmt::format("Clone of additional attributes {} to {} ({}) was successful.", item.sourcePath,
                          item.destinationPath, item.typeName), FVMessageLevel::Info);
     }
     Result published = publish(entry, item, out.get(), st.st_size);

@@ -29,7 +29,8 @@ FATAL = {"EIO": b"Destination failed: Input/output error (EIO) while ", "ENOSPC"
 POSITIONS = (0.3, 0.6, 0.9, 1.0)
 QUICK = (("renameat2", "EIO", 0.3), ("copy_file_range", "ENOSPC", 0.6), ("openat", "EACCES", 0.6),
          ("mkdirat", "EROFS", 0.6), ("mkdirat", "EIO", 0.3), ("syncfs", "EIO", 1.0),
-         ("fchown", "EIO", 0.6), ("fsetxattr", "EIO", 0.3), ("utimensat", "EIO", 1.0), ("fchmod", "EIO", 1.0),
+         ("fchown", "EIO", 0.6), ("fsetxattr", "EIO", 0.3), ("fsetxattr", "EACCES", 0.3), ("utimensat", "EIO", 1.0),
+         ("fchmod", "EIO", 1.0),
          ("utimensat", "EROFS", 1.0), ("renameat2", "EIO", 1.0),
          ("unlinkat", "EIO", 0.3))
 # strace counts a call's uses per thread: with one copy thread, each thread's calls come in the
