@@ -15,52 +15,9 @@ namespace ferrovane {
 
 namespace {
 
-// The code point at pos and its length in bytes; length 0 for a byte that starts no valid
-// UTF-8 sequence.
-char32_t decode(std::string_view text, size_t pos, size_t& length) {
-    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned char lead = byte(pos);
-    length = 0;
-    if (lead < 0x80) {
-        length = 1;
-        return lead;
-    }
-    size_t size = lead >= 0xf0 && lead < 0xf5 ? 4 : lead >= 0xe0 ? 3 : lead >= 0xc2 && lead < 0xe0 ? 2 : 0;
-    if (size == 0 || lead >= 0xf5 || pos + size > text.size()) return 0;
-    char32_t value = lead & (0x7f >> size);
-    for (size_t i = 1; i < size; ++i) {
-        if ((byte(pos + i) & 0xc0) != 0x80) return 0;
-        value = (value << 6) | (byte(pos + i) & 0x3f);
-    }
-    // Overlong forms and surrogates are not UTF-8.
-    if ((size == 3 && value < 0x800) || (size == 4 && (value < 0x10000 || value > 0x10ffff)) ||
-        (value >= 0xd800 && value <= 0xdfff))
-        return 0;
-    length = size;
-    return value;
-}
-
-void encode(char32_t c, std::string& out) {
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xc0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3f));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xe0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3f));
-        out += static_cast<char>(0x80 | (c & 0x3f));
-    } else {
-        out += static_cast<char>(0xf0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3f));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3f));
-        out += static_cast<char>(0x80 | (c & 0x3f));
-    }
-}
-
 bool validUtf8(std::string_view name) {
     for (size_t pos = 0, length = 0; pos < name.size(); pos += length)
-        if (decode(name, pos, length), length == 0) return false;
+        if (char32_t c; (length = FVText::decodeUTF8(name, pos, c)) == 0) return false;
     return true;
 }
 
@@ -77,15 +34,15 @@ std::string FVDestinationNames::folded(std::string_view name) {
     std::string out;
     out.reserve(name.size());
     for (size_t pos = 0, length = 0; pos < name.size(); pos += length) {
-        char32_t c = decode(name, pos, length);
-        if (length == 0) {
+        char32_t c;
+        if ((length = FVText::decodeUTF8(name, pos, c)) == 0) {
             out += name[pos];
             length = 1;
             continue;
         }
         if (c < 0x80) c = static_cast<char32_t>(c >= 'a' && c <= 'z' ? c - 32 : c);
         else if (unicode) c = static_cast<char32_t>(towupper_l(static_cast<wint_t>(c), unicode));
-        encode(c, out);
+        FVText::appendUTF8(out, c);
     }
     return out;
 }

@@ -1,5 +1,6 @@
 #include "engine/FVMirrorLayout.h"
 
+#include "engine/FVDestinationNames.h"
 #include "fs/FVDestinationProbe.h"
 #include "fs/FVText.h"
 
@@ -11,13 +12,8 @@ namespace ferrovane {
 
 namespace {
 
-// ASCII folding: what every case-insensitive destination file system folds at the least.
-std::string foldedCase(std::string_view text) {
-    std::string out(text);
-    std::transform(out.begin(), out.end(), out.begin(),
-                   [](unsigned char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-    return out;
-}
+// The name as a case-insensitive destination compares it.
+std::string foldedCase(std::string_view text) { return FVDestinationNames::folded(text); }
 
 // The reserved name that name stands for on this destination, if any.
 std::optional<std::string> reservedName(const std::string& name, bool caseInsensitive) {
@@ -25,7 +21,8 @@ std::optional<std::string> reservedName(const std::string& name, bool caseInsens
     for (const char* reserved : {FVMirrorLayout::kChangedFolder, FVMirrorLayout::kRemovedFolder,
                                  FVMirrorLayout::kRunsFolder, FVMirrorLayout::kConfigurationName})
         if (compared == (caseInsensitive ? foldedCase(reserved) : std::string(reserved))) return reserved;
-    if (compared.starts_with(FVMirrorLayout::kTemporaryPrefix)) return FVMirrorLayout::kTemporaryPrefix;
+    if (compared.starts_with(caseInsensitive ? foldedCase(FVMirrorLayout::kTemporaryPrefix)
+                                             : std::string(FVMirrorLayout::kTemporaryPrefix))) return FVMirrorLayout::kTemporaryPrefix;
     return std::nullopt;
 }
 
