@@ -56,7 +56,16 @@ FVMirrorLayout FVMirrorLayout::fromItems(std::string destination, bool folderPer
 }
 
 bool FVMirrorLayout::isReservedName(std::string_view name) {
-    return reservedName(std::string(name), false).has_value();
+    for (const char* reserved : {kChangedFolder, kRemovedFolder, kRunsFolder, kConfigurationName, kProbeFolder})
+        if (name == reserved) return true;
+    return isTemporaryName(name);
+}
+
+bool FVMirrorLayout::isTemporaryName(std::string_view name) {
+    const std::string_view prefix = kTemporaryPrefix;
+    if (name.size() != prefix.size() + 16 || !name.starts_with(prefix)) return false;
+    return std::all_of(name.begin() + static_cast<std::ptrdiff_t>(prefix.size()), name.end(),
+                       [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
 bool FVMirrorLayout::isNormalizedAbsolutePath(std::string_view path) {
@@ -165,7 +174,7 @@ std::optional<std::string> FVMirrorLayout::validate(const FVDestinationProfile& 
 }
 
 std::optional<std::string> FVMirrorLayout::validateAsSeen() const {
-    FVDestinationProbe probe(destination_, std::string(kTemporaryPrefix) + "probe");
+    FVDestinationProbe probe(destination_, kProbeFolder);
     return validate(probe.probeWithoutWriting(kConfigurationName));
 }
 

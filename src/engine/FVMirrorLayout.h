@@ -29,6 +29,8 @@ public:
     static constexpr const char* kConfigurationName = ".ferrovane.conf";
     // Files being written carry this prefix until they are complete.
     static constexpr const char* kTemporaryPrefix = ".ferrovane-tmp-";
+    // The folder where a run tries out what the destination keeps, in its root.
+    static constexpr const char* kProbeFolder = ".ferrovane-tmp-probe";
 
     // folderPerSource is the placement option (syncMode 1): each source in a folder named after
     // its last component; otherwise (0) at its full path below the destination. The source "/"
@@ -71,8 +73,12 @@ public:
     std::optional<std::string> sourceHolding(const std::string& relative) const;
     std::optional<std::string> originalPath(const std::string& relative) const;
 
-    // Names the destination keeps for itself at its root (compared as given).
+    // Names the destination keeps for itself at its root (compared as given), the probe folder
+    // and temporary files included.
     static bool isReservedName(std::string_view name);
+    // Exactly the names the program gives files while it writes them: the prefix and 16 lowercase
+    // hexadecimal digits. A user's ".ferrovane-tmp-notes" is none.
+    static bool isTemporaryName(std::string_view name);
     // Absolute, no empty, "." or ".." component, no trailing slash ("/" itself is fine).
     static bool isNormalizedAbsolutePath(std::string_view path);
 

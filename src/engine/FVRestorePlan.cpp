@@ -100,7 +100,7 @@ FVRestorePlan::FVRestorePlan(std::string destination, std::string from, std::str
 // The destination's own files never come back: its archives and configuration when the whole
 // destination is the mirror (the source "/"), and files a crashed run left half-written.
 bool FVRestorePlan::isHousekeeping(std::string_view relative, std::string_view name) const {
-    if (name.starts_with(kTemporaryFilePrefix)) return true;
+    if (FVMirrorLayout::isTemporaryName(name)) return true;
     if (from_ != destination_ || relative.find('/', 1) != std::string_view::npos) return false;
     return FVMirrorLayout::isReservedName(name) || name == FVConfigurationFile::legacyFileName;
 }
