@@ -24,7 +24,8 @@ namespace {
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 // Odd seconds and odd nanoseconds: every coarser granularity reads back another value.
 constexpr timespec kProbeTime{1'000'000'001, 987'654'321};
-constexpr int64_t kTwoSeconds = 2'000'000'000;
+constexpr int64_t kOneSecond = 1'000'000'000;
+constexpr int64_t kTwoSeconds = 2 * kOneSecond;
 // What FAT and exFAT refuse besides control characters; NTFS refuses the same to Windows only.
 constexpr const char* kFatRefusedPunctuation = "\\:*?\"<>|";
 
@@ -74,7 +75,8 @@ FVDestinationProfile FVDestinationProbe::defaultsForType(const std::string& type
     const bool fat = type == "vfat" || type == "msdos" || type == "fuse.fusefat";
     const bool exfat = type == "exfat" || type == "fuse.exfat";
     const bool ntfs = type == "ntfs" || type == "ntfs3" || type == "fuse.ntfs-3g";
-    // Both exfat-fuse and ntfs-3g mount as "fuseblk": assume the narrower of the two.
+    // Both exfat-fuse and ntfs-3g mount as "fuseblk": assume only what both share, and leave case
+    // and links to the look-up or the probe.
     const bool fuseBlock = type == "fuseblk";
     if (type.starts_with("fuse")) profile.renameNoReplace = false;
     if (type == "fuse.fusefat") profile.renameKeepsTimes = false;
@@ -82,14 +84,14 @@ FVDestinationProfile FVDestinationProbe::defaultsForType(const std::string& type
         profile.keepsOwners = profile.keepsModes = false;
         profile.utf8NamesOnly = true;
     }
-    if (fat || exfat || fuseBlock) {
+    if (fat || exfat) {
         profile.caseInsensitive = true;
         profile.symbolicLinks = profile.extendedAttributes = false;
         profile.refusedNameBytes = kFatRefusedPunctuation + controlBytes(fat);
     }
     if (ntfs) profile.timeGranularityNs = 100;
-    if (exfat) profile.timeGranularityNs = type == "exfat" ? 10'000'000 : kTwoSeconds;
-    if (fat || fuseBlock) profile.timeGranularityNs = kTwoSeconds;
+    if (exfat || fuseBlock) profile.timeGranularityNs = kOneSecond;
+    if (fat) profile.timeGranularityNs = kTwoSeconds;
     return profile;
 }
 

@@ -78,4 +78,9 @@ TEST(DestinationProbe, KnowsTheLimitsOfFatLikeTypesWithoutTrying) {
     EXPECT_EQ(ntfs.timeGranularityNs, 100);
     EXPECT_FALSE(ntfs.caseInsensitive);
     EXPECT_TRUE(ntfs.renameNoReplace);
+    EXPECT_EQ(FVDestinationProbe::defaultsForType("fuse.exfat").timeGranularityNs, 1'000'000'000);
+    // exFAT or NTFS: only what both share, case and links are left to a look-up.
+    EXPECT_EQ(FVDestinationProbe::describe(FVDestinationProbe::defaultsForType("fuseblk")),
+              "fuseblk, times to 1 s, case-sensitive, no rename that refuses to replace, no owners, no modes, "
+              "names up to 255 bytes, UTF-8 names only");
 }
