@@ -35,6 +35,8 @@ public:
         // The mode bits compared: the set-id bits only where the owners are kept too (the kernel
         // drops them when another user's item is copied).
         mode_t modeBits = 07777;
+        // Where the destination cannot set a link's time, a link's date is no change.
+        bool comparesLinkTimes = true;
         // What the destination can hold, and the process can set: owners only as the superuser.
         static Tolerance of(const FVDestinationProfile& profile);
     };

@@ -86,7 +86,7 @@ FVDestinationProfile FVDestinationProbe::defaultsForType(const std::string& type
     }
     if (fat || exfat) {
         profile.caseInsensitive = true;
-        profile.symbolicLinks = profile.extendedAttributes = false;
+        profile.symbolicLinks = profile.linkTimes = profile.extendedAttributes = false;
         profile.refusedNameBytes = kFatRefusedPunctuation + controlBytes(fat);
     }
     if (ntfs) profile.timeGranularityNs = 100;
@@ -162,6 +162,12 @@ FVDestinationProfile FVDestinationProbe::probe() {
         if (renamed == 0 && fstatat(folder.get(), "Renamed", &after, AT_SYMLINK_NOFOLLOW) == 0)
             profile.renameKeepsTimes = nanoseconds(after.st_mtim) == nanoseconds(st.st_mtim);
         profile.symbolicLinks = symlinkat("Renamed", folder.get(), "Link") == 0;
+        const timespec linkTimes[2] = {kProbeTime, kProbeTime};
+        struct stat link {};
+        profile.linkTimes = profile.symbolicLinks &&
+                            utimensat(folder.get(), "Link", linkTimes, AT_SYMLINK_NOFOLLOW) == 0 &&
+                            fstatat(folder.get(), "Link", &link, AT_SYMLINK_NOFOLLOW) == 0 &&
+                            granularityOf(kProbeTime, link.st_mtim) <= profile.timeGranularityNs;
         struct statvfs vfs {};
         if (fstatvfs(folder.get(), &vfs) == 0 && vfs.f_namemax > 0) profile.maxNameLength = vfs.f_namemax;
         // A colon stands for the punctuation FAT and exFAT refuse together.
@@ -191,6 +197,7 @@ std::string FVDestinationProbe::describe(const FVDestinationProfile& p) {
     if (!p.keepsOwners) text += ", no owners";
     if (!p.keepsModes) text += ", no modes";
     if (!p.symbolicLinks) text += ", no symbolic links";
+    else if (!p.linkTimes) text += ", link times not kept";
     if (!p.extendedAttributes) text += ", no extended attributes";
     text += fmt::format(", names up to {} bytes", p.maxNameLength);
     if (p.utf8NamesOnly) text += ", UTF-8 names only";

@@ -25,6 +25,9 @@ struct FVDestinationProfile {
     bool keepsOwners = true;
     bool keepsModes = true;
     bool symbolicLinks = true;
+    // A symbolic link takes the time it is given (utimensat without following it); where it does
+    // not, a link's date tells nothing.
+    bool linkTimes = true;
     bool extendedAttributes = true;
     size_t maxNameLength = 255;
     // Bytes the file system refuses in a name (FAT and exFAT refuse "\\:*?\"<>|" and controls).
