@@ -29,12 +29,6 @@ std::string linkText(int folderFd, const std::string& name) {
     return text;
 }
 
-std::string linkText(const std::string& path) {
-    std::string name;
-    FVFd folder = FVLongPath::openParent(path, name);
-    return folder.valid() ? linkText(folder.get(), name) : std::string();
-}
-
 // The folder holding an item inside the destination, reached without following links, and the
 // item's name; an invalid descriptor (errno in *error) when it cannot be reached.
 FVFd confinedParent(const FVConfinedDirectory& destination, const std::string& path, std::string& name, int* error) {
@@ -144,7 +138,7 @@ void FVRestorePlan::add(const std::string& fromPath, const struct stat& st, cons
         // An existing folder takes the version's contents and metadata; nothing in it is removed.
     } else if ((existing.st_mode & S_IFMT) != (st.st_mode & S_IFMT)) {
         conflicts_.push_back({toPath, S_ISDIR(existing.st_mode) ? "a folder is in the way" : "another kind of item is in the way"});
-    } else if (S_ISLNK(st.st_mode) ? versionLink == linkText(toPath)
+    } else if (S_ISLNK(st.st_mode) ? versionLink == FVLongPath::readLink(toPath)
                                    : existing.st_size == st.st_size && existing.st_mtim.tv_sec == st.st_mtim.tv_sec) {
         ++identical_;
         return;
