@@ -45,6 +45,10 @@ FVMirrorLayout::FVMirrorLayout(std::string destination, bool folderPerSource, st
     while (destination_.size() > 1 && destination_.back() == '/') destination_.pop_back();
 }
 
+FVMirrorLayout FVMirrorLayout::archivesOf(std::string destination) {
+    return FVMirrorLayout(std::move(destination), true, {});
+}
+
 FVMirrorLayout FVMirrorLayout::fromItems(std::string destination, bool folderPerSource,
                                          const std::vector<FVSourceItemPtr>& items) {
     std::vector<std::string> sources, exclusions;

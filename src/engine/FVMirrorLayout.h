@@ -38,6 +38,8 @@ public:
     // kept only to be validated.
     FVMirrorLayout(std::string destination, bool folderPerSource, std::vector<std::string> sources,
                    std::vector<std::string> exclusions = {});
+    // For reading a destination's archives only, where no source and no placement matter.
+    static FVMirrorLayout archivesOf(std::string destination);
     // From a source list: enabled items are mirrored, path exclusions are checked, the rest is
     // not part of the layout.
     static FVMirrorLayout fromItems(std::string destination, bool folderPerSource,
