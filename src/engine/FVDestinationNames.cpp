@@ -26,6 +26,26 @@ std::string shownByte(char c) {
     return u < 0x20 || u == 0x7f ? fmt::format("the control character 0x{:02x}", u) : fmt::format("\"{}\"", c);
 }
 
+// The first entry in the folder, in listing order (the walk's), other than name whose folded
+// name is key; "" when there is none.
+std::string firstWithFoldedName(int folderFd, const std::string& key, std::string_view name) {
+    int fd = openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return "";
+    DIR* dir = fdopendir(fd);
+    if (!dir) {
+        close(fd);
+        return "";
+    }
+    std::string found;
+    while (dirent* entry = readdir(dir))
+        if (name != entry->d_name && FVDestinationNames::folded(entry->d_name) == key) {
+            found = entry->d_name;
+            break;
+        }
+    closedir(dir);
+    return found;
+}
+
 }  // namespace
 
 std::string FVDestinationNames::folded(std::string_view name) {
@@ -47,7 +67,7 @@ std::string FVDestinationNames::folded(std::string_view name) {
     return out;
 }
 
-std::string FVDestinationNames::refusal(size_t level, std::string_view name) {
+std::string FVDestinationNames::refusal(size_t level, std::string_view name, int folderFd) {
     const std::string& type = profile_.fileSystemType;
     if (name.size() > profile_.maxNameLength)
         return fmt::format("its name is {} bytes long, the destination ({}) holds names of at most {}", name.size(),
@@ -58,32 +78,27 @@ std::string FVDestinationNames::refusal(size_t level, std::string_view name) {
         return fmt::format("its name holds {}, which the destination ({}) refuses in names", shownByte(name[at]), type);
     if (!profile_.caseInsensitive || level == 0) return "";
     seen_.resize(level + 1);
-    auto [first, added] = seen_[level].try_emplace(folded(name), name);
-    if (added) return "";
+    const std::string key = folded(name);
+    if (seen_[level].insert(std::hash<std::string>{}(key)).second) return "";
+    const std::string first = firstWithFoldedName(folderFd, key, name);
+    if (first.empty()) return "";  // only the hashes were alike
     return fmt::format("its name differs only in case from \"{}\" in the same folder, which the destination ({}) "
                        "cannot tell apart; only \"{}\" is backed up",
-                       first->second, type, first->second);
+                       first, type, first);
 }
 
-bool FVDestinationNames::folderHoldsOtherCase(const std::string& path) {
-    const std::string name = FVText::lastPathComponent(path);
-    const std::string wanted = folded(name);
-    int fd = FVLongPath::open(FVText::deletingLastPathComponent(path), O_RDONLY | O_DIRECTORY);
-    if (fd < 0) return false;
+std::unordered_set<std::string> FVDestinationNames::foldedNamesIn(const std::string& folder) {
+    std::unordered_set<std::string> names;
+    int fd = FVLongPath::open(folder, O_RDONLY | O_DIRECTORY);
+    if (fd < 0) return names;
     DIR* dir = fdopendir(fd);
     if (!dir) {
         close(fd);
-        return false;
+        return names;
     }
-    bool found = false;
-    while (dirent* entry = readdir(dir)) {
-        if (name != entry->d_name && folded(entry->d_name) == wanted) {
-            found = true;
-            break;
-        }
-    }
+    while (dirent* entry = readdir(dir)) names.insert(folded(entry->d_name));
     closedir(dir);
-    return found;
+    return names;
 }
 
 }  // namespace ferrovane

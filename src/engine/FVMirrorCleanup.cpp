@@ -76,6 +76,7 @@ bool FVMirrorCleanup::cleanFolder(const std::string& sourceRoot, const std::stri
     const std::string sourceFolder = FVText::appendingPathComponent(sourceRoot, folder);
     if (findings_.isBelowUnreadableSource(sourceFolder)) return true;
     FVDirectoryWalker walker(mirror + folder);
+    sourceFolderNames_.reset();
     walker.setTypesOnly(true);
     while (const FVDirectoryWalker::Entry* entry = walker.next()) {
         if (entry->level == 0) continue;
@@ -138,8 +139,12 @@ FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot,
     case FVExistence::Missing:
         // Where the destination does not tell cases apart, a source renamed only in case still
         // has this mirror (under its old name).
-        if (settings_.destinationProfile.caseInsensitive && FVDestinationNames::folderHoldsOtherCase(sourcePath))
-            return Decision::Keep;
+        if (settings_.destinationProfile.caseInsensitive) {
+            if (!sourceFolderNames_)
+                sourceFolderNames_ = FVDestinationNames::foldedNamesIn(FVText::deletingLastPathComponent(sourcePath));
+            if (sourceFolderNames_->contains(FVDestinationNames::folded(FVText::lastPathComponent(sourcePath))))
+                return Decision::Keep;
+        }
         return Decision::ArchiveOrRemove;
     case FVExistence::Unknown:
         break;

@@ -131,7 +131,9 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
     rules.destinationDevice = settings_.destinationDevice;
     rules.destinationInode = settings_.destinationInode;
     FVDestinationNames names(settings_.destinationProfile);
-    rules.refusedName = [&names](uint32_t level, std::string_view name) { return names.refusal(level, name); };
+    rules.refusedName = [&names](uint32_t level, std::string_view name, int folderFd) {
+        return names.refusal(level, name, folderFd);
+    };
     const bool includeACL = !settings_.options.disableACLClone;
     const bool compareAttributes = !settings_.options.ignoreFileFlagChanges;
     if (compareAttributes)
