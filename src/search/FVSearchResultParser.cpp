@@ -23,10 +23,6 @@ std::string pathInMirror(const FVMirrorLayout& layout, const std::string& hit) {
 
 }  // namespace
 
-std::string FVSearchResultParser::pathWithoutArchivePart(const std::string& hit, const std::string& destination) {
-    return pathInMirror(FVMirrorLayout::archivesOf(destination), hit);
-}
-
 std::string FVSearchResultParser::timestamp(const std::string& hit) {
     struct stat st {};
     if (lstat(hit.c_str(), &st) != 0) return "";
