@@ -1,6 +1,7 @@
 // Starting and cancelling a run from the window, following it, and showing its outcome.
 
 #include "app/AppController.h"
+#include "fs/FVMountTable.h"
 
 #include "app/FVAlert.h"
 #include "app/FVCoverView.h"
@@ -97,7 +98,7 @@ bool AppController::passesStartChecks() {
             FVAlert::show(window_.get(), "cloningbutnotroot", "cloningbutnotrootlong");
             return false;
         }
-        if (!keepsOwnersAndModes(FVFileManager::filesystemTypeAtPath(currentTargetPath_))) {
+        if (!keepsOwnersAndModes(FVMountTable::fileSystemTypeAtPath(currentTargetPath_))) {
             FVAlert::show(window_.get(), "cloningbutnothfs", "cloningbutnothfslong");
             return false;
         }

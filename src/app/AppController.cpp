@@ -1,4 +1,5 @@
 #include "app/AppController.h"
+#include "fs/FVMountTable.h"
 
 #include "app/FVAlert.h"
 #include "app/FVCoverView.h"
@@ -449,7 +450,7 @@ void AppController::writeSettingsIfOpen() {
 
 void AppController::updateSizeDisplay() {
     QString value = "--";
-    std::string type = FVFileManager::filesystemTypeAtPath(currentTargetPath_);
+    std::string type = FVMountTable::fileSystemTypeAtPath(currentTargetPath_);
     if (type != "webdav" && type != "davfs" && type != "fuse.davfs") {
         double free = double(QStorageInfo(qPath(currentTargetPath_)).bytesAvailable());
         double megabytes = free * 1e-6;

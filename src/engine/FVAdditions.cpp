@@ -3,7 +3,6 @@
 #include "fs/FVExtendedAttributes.h"
 #include "fs/FVFileDescriptor.h"
 #include "fs/FVInodeFlags.h"
-#include "fs/FVMountTable.h"
 #include "platform/FVSystemLog.h"
 
 #include <dirent.h>
@@ -64,8 +63,6 @@ namespace {
 constexpr const char* kClassName = "FVFileManager";
 
 }  // namespace
-
-std::string filesystemTypeAtPath(const std::string& path) { return FVMountTable::fileSystemTypeAtPath(path); }
 
 namespace {
 

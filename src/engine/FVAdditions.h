@@ -31,9 +31,6 @@ std::string formattedDiskSizeString(double bytes);
 enum class FVExistence { Exists, Missing, Unknown };
 
 namespace FVFileManager {
-// The type of the mounted file system that holds the path, from the mount table: "ext4", "tmpfs",
-// "fuse.davfs" ...; "" when the path cannot be found.
-std::string filesystemTypeAtPath(const std::string& path);
 // Whether the folder holds at least one entry that is neither hidden nor desktop-database
 // housekeeping. A folder that cannot be listed holds none.
 bool pathContainsUserFilePaths(const std::string& path);

@@ -79,7 +79,7 @@ void FVBackupSession::start() {
     // make each run remove the other's files: nothing is touched then. What the destination shows
     // without a write decides first; the trials below can only add that it ignores case.
     const FVMirrorLayout layout = FVMirrorLayout::fromItems(destinationPath_, settings.syncMode(), backupSet_);
-    FVDestinationProbe probe(destinationPath_, std::string(kTemporaryFilePrefix) + "probe");
+    FVDestinationProbe probe(destinationPath_, FVMirrorLayout::kProbeFolder);
     settings.destinationProfile = probe.probeWithoutWriting(FVConfigurationFile::fileName);
     if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
     // Before anything is written. A dry run writes nothing, so it only looks.

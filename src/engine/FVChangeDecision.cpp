@@ -10,7 +10,7 @@ FVChangeDecision::Tolerance FVChangeDecision::Tolerance::of(const FVDestinationP
     static const bool superuser = geteuid() == 0;
     const bool owners = profile.keepsOwners && superuser;
     return {std::max<int64_t>(profile.timeGranularityNs, 1), profile.keepsModes, owners,
-            static_cast<mode_t>(owners ? 07777 : 01777)};
+            static_cast<mode_t>(owners ? 07777 : 01777), profile.linkTimes};
 }
 
 FVChangeDecision::Reason FVChangeDecision::decide(const Side& source, const Side& destination,
@@ -25,7 +25,8 @@ FVChangeDecision::Reason FVChangeDecision::decide(const Side& source, const Side
     const bool link = source.type == FVFileType::SymbolicLink;
     if ((source.type == FVFileType::Regular || link) && source.size != destination.size) return Reason::SizeMismatch;
     const int64_t difference = source.modificationTimeNs - destination.modificationTimeNs;
-    if (difference >= tolerance.timeGranularityNs || difference <= -tolerance.timeGranularityNs)
+    if ((!link || tolerance.comparesLinkTimes) &&
+        (difference >= tolerance.timeGranularityNs || difference <= -tolerance.timeGranularityNs))
         return Reason::DateMismatch;
     // A link has no mode of its own, and no attributes an ordinary user can set.
     if (link) return ownersDiffer ? Reason::ModeOrOwnerMismatch : Reason::Unchanged;

@@ -35,6 +35,9 @@ public:
         // The mode bits compared: the set-id bits only where the owners are kept too (the kernel
         // drops them when another user's item is copied).
         mode_t modeBits = 07777;
+        // Where the destination cannot set a link's time, a link's date is no change (its target
+        // is compared instead).
+        bool comparesLinkTimes = true;
         // What the destination can hold, and the process can set: owners only as the superuser.
         static Tolerance of(const FVDestinationProfile& profile);
     };
@@ -45,6 +48,8 @@ public:
         SizeMismatch,
         DateMismatch,
         XattrMismatch,
+        // Two links of one length and no comparable dates point at different targets.
+        LinkTargetMismatch,
         // Only mode, owner or group differ: the destination item is brought in line where it is.
         ModeOrOwnerMismatch,
     };

@@ -15,58 +15,35 @@ namespace ferrovane {
 
 namespace {
 
-// The code point at pos and its length in bytes; length 0 for a byte that starts no valid
-// UTF-8 sequence.
-char32_t decode(std::string_view text, size_t pos, size_t& length) {
-    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned char lead = byte(pos);
-    length = 0;
-    if (lead < 0x80) {
-        length = 1;
-        return lead;
-    }
-    size_t size = lead >= 0xf0 && lead < 0xf5 ? 4 : lead >= 0xe0 ? 3 : lead >= 0xc2 && lead < 0xe0 ? 2 : 0;
-    if (size == 0 || lead >= 0xf5 || pos + size > text.size()) return 0;
-    char32_t value = lead & (0x7f >> size);
-    for (size_t i = 1; i < size; ++i) {
-        if ((byte(pos + i) & 0xc0) != 0x80) return 0;
-        value = (value << 6) | (byte(pos + i) & 0x3f);
-    }
-    // Overlong forms and surrogates are not UTF-8.
-    if ((size == 3 && value < 0x800) || (size == 4 && (value < 0x10000 || value > 0x10ffff)) ||
-        (value >= 0xd800 && value <= 0xdfff))
-        return 0;
-    length = size;
-    return value;
-}
-
-void encode(char32_t c, std::string& out) {
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xc0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3f));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xe0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3f));
-        out += static_cast<char>(0x80 | (c & 0x3f));
-    } else {
-        out += static_cast<char>(0xf0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3f));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3f));
-        out += static_cast<char>(0x80 | (c & 0x3f));
-    }
-}
-
 bool validUtf8(std::string_view name) {
     for (size_t pos = 0, length = 0; pos < name.size(); pos += length)
-        if (decode(name, pos, length), length == 0) return false;
+        if (char32_t c; (length = FVText::decodeUTF8(name, pos, c)) == 0) return false;
     return true;
 }
 
 std::string shownByte(char c) {
     const auto u = static_cast<unsigned char>(c);
     return u < 0x20 || u == 0x7f ? fmt::format("the control character 0x{:02x}", u) : fmt::format("\"{}\"", c);
+}
+
+// The first entry in the folder, in listing order (the walk's), other than name whose folded
+// name is key; "" when there is none.
+std::string firstWithFoldedName(int folderFd, const std::string& key, std::string_view name) {
+    int fd = openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return "";
+    DIR* dir = fdopendir(fd);
+    if (!dir) {
+        close(fd);
+        return "";
+    }
+    std::string found;
+    while (dirent* entry = readdir(dir))
+        if (name != entry->d_name && FVDestinationNames::folded(entry->d_name) == key) {
+            found = entry->d_name;
+            break;
+        }
+    closedir(dir);
+    return found;
 }
 
 }  // namespace
@@ -77,20 +54,20 @@ std::string FVDestinationNames::folded(std::string_view name) {
     std::string out;
     out.reserve(name.size());
     for (size_t pos = 0, length = 0; pos < name.size(); pos += length) {
-        char32_t c = decode(name, pos, length);
-        if (length == 0) {
+        char32_t c;
+        if ((length = FVText::decodeUTF8(name, pos, c)) == 0) {
             out += name[pos];
             length = 1;
             continue;
         }
         if (c < 0x80) c = static_cast<char32_t>(c >= 'a' && c <= 'z' ? c - 32 : c);
         else if (unicode) c = static_cast<char32_t>(towupper_l(static_cast<wint_t>(c), unicode));
-        encode(c, out);
+        FVText::appendUTF8(out, c);
     }
     return out;
 }
 
-std::string FVDestinationNames::refusal(size_t level, std::string_view name) {
+std::string FVDestinationNames::refusal(size_t level, std::string_view name, int folderFd) {
     const std::string& type = profile_.fileSystemType;
     if (name.size() > profile_.maxNameLength)
         return fmt::format("its name is {} bytes long, the destination ({}) holds names of at most {}", name.size(),
@@ -101,32 +78,27 @@ std::string FVDestinationNames::refusal(size_t level, std::string_view name) {
         return fmt::format("its name holds {}, which the destination ({}) refuses in names", shownByte(name[at]), type);
     if (!profile_.caseInsensitive || level == 0) return "";
     seen_.resize(level + 1);
-    auto [first, added] = seen_[level].try_emplace(folded(name), name);
-    if (added) return "";
+    const std::string key = folded(name);
+    if (seen_[level].insert(std::hash<std::string>{}(key)).second) return "";
+    const std::string first = firstWithFoldedName(folderFd, key, name);
+    if (first.empty()) return "";  // only the hashes were alike
     return fmt::format("its name differs only in case from \"{}\" in the same folder, which the destination ({}) "
                        "cannot tell apart; only \"{}\" is backed up",
-                       first->second, type, first->second);
+                       first, type, first);
 }
 
-bool FVDestinationNames::folderHoldsOtherCase(const std::string& path) {
-    const std::string name = FVText::lastPathComponent(path);
-    const std::string wanted = folded(name);
-    int fd = FVLongPath::open(FVText::deletingLastPathComponent(path), O_RDONLY | O_DIRECTORY);
-    if (fd < 0) return false;
+std::unordered_set<std::string> FVDestinationNames::foldedNamesIn(const std::string& folder) {
+    std::unordered_set<std::string> names;
+    int fd = FVLongPath::open(folder, O_RDONLY | O_DIRECTORY);
+    if (fd < 0) return names;
     DIR* dir = fdopendir(fd);
     if (!dir) {
         close(fd);
-        return false;
+        return names;
     }
-    bool found = false;
-    while (dirent* entry = readdir(dir)) {
-        if (name != entry->d_name && folded(entry->d_name) == wanted) {
-            found = true;
-            break;
-        }
-    }
+    while (dirent* entry = readdir(dir)) names.insert(folded(entry->d_name));
     closedir(dir);
-    return found;
+    return names;
 }
 
 }  // namespace ferrovane

@@ -8,9 +8,10 @@
 #include "fs/FVDestinationProfile.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace ferrovane {
@@ -22,18 +23,19 @@ public:
     // Why the entry name at level (1 for a source root's entries) cannot have a mirror of its
     // own, or "" when it can. Called for a walk's entries in walk order (a folder's entries right
     // after it): the names seen in the current folder of each level are remembered.
-    std::string refusal(size_t level, std::string_view name);
+    // folderFd is the folder that holds the entry, read again only when its name seems taken.
+    std::string refusal(size_t level, std::string_view name, int folderFd);
 
     // The name as a case-insensitive file system compares it.
     static std::string folded(std::string_view name);
-    // Whether the folder that holds path has an entry whose name differs from path's last
-    // component only in case (false when it cannot be listed).
-    static bool folderHoldsOtherCase(const std::string& path);
+    // The folded names of a folder's entries (none when it cannot be listed).
+    static std::unordered_set<std::string> foldedNamesIn(const std::string& folder);
 
 private:
     const FVDestinationProfile profile_;
-    // By level: the folded names of the current folder's entries, each with its first name.
-    std::vector<std::unordered_map<std::string, std::string>> seen_;
+    // By level: hashes of the folded names of the current folder's entries. A folder of a
+    // million entries costs a few megabytes; names are fetched only on a match.
+    std::vector<std::unordered_set<uint64_t>> seen_;
 };
 
 }  // namespace ferrovane

@@ -22,15 +22,6 @@ bool isEmptyDirectory(const std::string& path) {
     return FVFileSystemItem(path).fileType() == FVFileType::Directory && FVFileManager::folderHasEntries(path) == false;
 }
 
-// Only the exact names the copy gives its temporary files are leftovers: the prefix and 16
-// lowercase hexadecimal digits.
-bool isTemporaryName(std::string_view name) {
-    const std::string_view prefix = kTemporaryFilePrefix;
-    if (name.size() != prefix.size() + 16 || !name.starts_with(prefix)) return false;
-    return std::all_of(name.begin() + static_cast<std::ptrdiff_t>(prefix.size()), name.end(),
-                       [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
-}
-
 }  // namespace
 
 bool FVMirrorCleanup::run(const std::vector<FVSourceItemPtr>& backupSet, int32_t expectedCount) {
@@ -85,6 +76,7 @@ bool FVMirrorCleanup::cleanFolder(const std::string& sourceRoot, const std::stri
     const std::string sourceFolder = FVText::appendingPathComponent(sourceRoot, folder);
     if (findings_.isBelowUnreadableSource(sourceFolder)) return true;
     FVDirectoryWalker walker(mirror + folder);
+    sourceFolderNames_.reset();
     walker.setTypesOnly(true);
     while (const FVDirectoryWalker::Entry* entry = walker.next()) {
         if (entry->level == 0) continue;
@@ -120,8 +112,11 @@ bool FVMirrorCleanup::cleanFolder(const std::string& sourceRoot, const std::stri
 // everything below it.
 FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot, const std::string& sourcePath,
                                                   const FVDirectoryWalker::Entry& entry) {
-    // Leftovers of an interrupted copy are no user files: they simply go, unarchived.
-    if (isTemporaryName(entry.name()) && !S_ISDIR(entry.st.st_mode) &&
+    // Leftovers of an interrupted copy, and of a probe in the destination's root, are no user
+    // files: they simply go, unarchived.
+    const bool probeFolder = entry.name() == FVMirrorLayout::kProbeFolder &&
+                             entry.path == FVText::appendingPathComponent(settings_.targetPath, FVMirrorLayout::kProbeFolder);
+    if (((FVMirrorLayout::isTemporaryName(entry.name()) && !S_ISDIR(entry.st.st_mode)) || probeFolder) &&
         FVFileManager::existenceAtPath(sourcePath) == FVExistence::Missing)
         return Decision::RemoveLeftover;
     if (FVExclusionRules::fileShouldBeExcluded(sourcePath, settings_.protectedPaths, nullptr) ||
@@ -144,8 +139,12 @@ FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot,
     case FVExistence::Missing:
         // Where the destination does not tell cases apart, a source renamed only in case still
         // has this mirror (under its old name).
-        if (settings_.destinationProfile.caseInsensitive && FVDestinationNames::folderHoldsOtherCase(sourcePath))
-            return Decision::Keep;
+        if (settings_.destinationProfile.caseInsensitive) {
+            if (!sourceFolderNames_)
+                sourceFolderNames_ = FVDestinationNames::foldedNamesIn(FVText::deletingLastPathComponent(sourcePath));
+            if (sourceFolderNames_->contains(FVDestinationNames::folded(FVText::lastPathComponent(sourcePath))))
+                return Decision::Keep;
+        }
         return Decision::ArchiveOrRemove;
     case FVExistence::Unknown:
         break;

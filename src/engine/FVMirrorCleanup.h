@@ -11,7 +11,9 @@
 #include "engine/FVSourceItem.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 namespace ferrovane {
@@ -41,6 +43,9 @@ private:
     FVRunFindings& findings_;
     const FVDestinationTree& destination_;
     FVRunStatus& status_;
+    // The folded names of the source folder whose mirror is being cleaned, read once when first
+    // needed: a missing item renamed only in case is found without reading the folder again.
+    std::optional<std::unordered_set<std::string>> sourceFolderNames_;
     int handled_ = 0;
     int visited_ = 0;
     int32_t expectedCount_ = 0;

@@ -1,5 +1,6 @@
 #include "engine/FVMirrorLayout.h"
 
+#include "engine/FVDestinationNames.h"
 #include "fs/FVDestinationProbe.h"
 #include "fs/FVText.h"
 
@@ -11,13 +12,8 @@ namespace ferrovane {
 
 namespace {
 
-// ASCII folding: what every case-insensitive destination file system folds at the least.
-std::string foldedCase(std::string_view text) {
-    std::string out(text);
-    std::transform(out.begin(), out.end(), out.begin(),
-                   [](unsigned char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-    return out;
-}
+// The name as a case-insensitive destination compares it.
+std::string foldedCase(std::string_view text) { return FVDestinationNames::folded(text); }
 
 // The reserved name that name stands for on this destination, if any.
 std::optional<std::string> reservedName(const std::string& name, bool caseInsensitive) {
@@ -25,7 +21,8 @@ std::optional<std::string> reservedName(const std::string& name, bool caseInsens
     for (const char* reserved : {FVMirrorLayout::kChangedFolder, FVMirrorLayout::kRemovedFolder,
                                  FVMirrorLayout::kRunsFolder, FVMirrorLayout::kConfigurationName})
         if (compared == (caseInsensitive ? foldedCase(reserved) : std::string(reserved))) return reserved;
-    if (compared.starts_with(FVMirrorLayout::kTemporaryPrefix)) return FVMirrorLayout::kTemporaryPrefix;
+    if (compared.starts_with(caseInsensitive ? foldedCase(FVMirrorLayout::kTemporaryPrefix)
+                                             : std::string(FVMirrorLayout::kTemporaryPrefix))) return FVMirrorLayout::kTemporaryPrefix;
     return std::nullopt;
 }
 
@@ -48,6 +45,10 @@ FVMirrorLayout::FVMirrorLayout(std::string destination, bool folderPerSource, st
     while (destination_.size() > 1 && destination_.back() == '/') destination_.pop_back();
 }
 
+FVMirrorLayout FVMirrorLayout::archivesOf(std::string destination) {
+    return FVMirrorLayout(std::move(destination), true, {});
+}
+
 FVMirrorLayout FVMirrorLayout::fromItems(std::string destination, bool folderPerSource,
                                          const std::vector<FVSourceItemPtr>& items) {
     std::vector<std::string> sources, exclusions;
@@ -59,7 +60,16 @@ FVMirrorLayout FVMirrorLayout::fromItems(std::string destination, bool folderPer
 }
 
 bool FVMirrorLayout::isReservedName(std::string_view name) {
-    return reservedName(std::string(name), false).has_value();
+    for (const char* reserved : {kChangedFolder, kRemovedFolder, kRunsFolder, kConfigurationName, kProbeFolder})
+        if (name == reserved) return true;
+    return isTemporaryName(name);
+}
+
+bool FVMirrorLayout::isTemporaryName(std::string_view name) {
+    const std::string_view prefix = kTemporaryPrefix;
+    if (name.size() != prefix.size() + 16 || !name.starts_with(prefix)) return false;
+    return std::all_of(name.begin() + static_cast<std::ptrdiff_t>(prefix.size()), name.end(),
+                       [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
 bool FVMirrorLayout::isNormalizedAbsolutePath(std::string_view path) {
@@ -168,7 +178,7 @@ std::optional<std::string> FVMirrorLayout::validate(const FVDestinationProfile& 
 }
 
 std::optional<std::string> FVMirrorLayout::validateAsSeen() const {
-    FVDestinationProbe probe(destination_, std::string(kTemporaryPrefix) + "probe");
+    FVDestinationProbe probe(destination_, kProbeFolder);
     return validate(probe.probeWithoutWriting(kConfigurationName));
 }
 

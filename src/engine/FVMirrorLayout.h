@@ -29,6 +29,8 @@ public:
     static constexpr const char* kConfigurationName = ".ferrovane.conf";
     // Files being written carry this prefix until they are complete.
     static constexpr const char* kTemporaryPrefix = ".ferrovane-tmp-";
+    // The folder where a run tries out what the destination keeps, in its root.
+    static constexpr const char* kProbeFolder = ".ferrovane-tmp-probe";
 
     // folderPerSource is the placement option (syncMode 1): each source in a folder named after
     // its last component; otherwise (0) at its full path below the destination. The source "/"
@@ -36,6 +38,8 @@ public:
     // kept only to be validated.
     FVMirrorLayout(std::string destination, bool folderPerSource, std::vector<std::string> sources,
                    std::vector<std::string> exclusions = {});
+    // For reading a destination's archives only, where no source and no placement matter.
+    static FVMirrorLayout archivesOf(std::string destination);
     // From a source list: enabled items are mirrored, path exclusions are checked, the rest is
     // not part of the layout.
     static FVMirrorLayout fromItems(std::string destination, bool folderPerSource,
@@ -71,8 +75,12 @@ public:
     std::optional<std::string> sourceHolding(const std::string& relative) const;
     std::optional<std::string> originalPath(const std::string& relative) const;
 
-    // Names the destination keeps for itself at its root (compared as given).
+    // Names the destination keeps for itself at its root (compared as given), the probe folder
+    // and temporary files included.
     static bool isReservedName(std::string_view name);
+    // Exactly the names the program gives files while it writes them: the prefix and 16 lowercase
+    // hexadecimal digits. A user's ".ferrovane-tmp-notes" is none.
+    static bool isTemporaryName(std::string_view name);
     // Absolute, no empty, "." or ".." component, no trailing slash ("/" itself is fine).
     static bool isNormalizedAbsolutePath(std::string_view path);
 

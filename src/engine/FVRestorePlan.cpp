@@ -32,12 +32,6 @@ std::string linkText(int folderFd, const std::string& name) {
     return text;
 }
 
-std::string linkText(const std::string& path) {
-    std::string name;
-    FVFd folder = FVLongPath::openParent(path, name);
-    return folder.valid() ? linkText(folder.get(), name) : std::string();
-}
-
 // The folder holding an item inside the destination, reached without following links, and the
 // item's name; an invalid descriptor (errno in *error) when it cannot be reached.
 FVFd confinedParent(const FVConfinedDirectory& destination, const std::string& path, std::string& name, int* error) {
@@ -104,7 +98,7 @@ FVRestorePlan::FVRestorePlan(std::string destination, std::string from, std::str
 // The destination's own files never come back: its archives and configuration when the whole
 // destination is the mirror (the source "/"), and files a crashed run left half-written.
 bool FVRestorePlan::isHousekeeping(std::string_view relative, std::string_view name) const {
-    if (name.starts_with(kTemporaryFilePrefix)) return true;
+    if (FVMirrorLayout::isTemporaryName(name)) return true;
     if (from_ != destination_ || relative.find('/', 1) != std::string_view::npos) return false;
     return FVMirrorLayout::isReservedName(name) || name == FVConfigurationFile::legacyFileName;
 }
@@ -148,7 +142,8 @@ void FVRestorePlan::add(const std::string& fromPath, const struct stat& st, cons
         // An existing folder takes the version's contents and metadata; nothing in it is removed.
     } else if ((existing.st_mode & S_IFMT) != (st.st_mode & S_IFMT)) {
         conflicts_.push_back({toPath, S_ISDIR(existing.st_mode) ? "a folder is in the way" : "another kind of item is in the way"});
-    } else if (S_ISLNK(st.st_mode) ? versionLink == linkText(toPath) : holdsVersion(*pair.first, toPath, existing)) {
+    } else if (S_ISLNK(st.st_mode) ? versionLink == FVLongPath::readLink(toPath)
+                                   : holdsVersion(*pair.first, toPath, existing)) {
         ++identical_;
         return;
     } else {

@@ -5,6 +5,7 @@
 #include "engine/FVDestinationNames.h"
 #include "engine/FVMirrorFolders.h"
 #include "engine/FVSourceListing.h"
+#include "fs/FVFileDescriptor.h"
 #include "engine/FVExclusionRules.h"
 #include "fs/FVText.h"
 
@@ -26,6 +27,7 @@ const char* reasonText(FVChangeDecision::Reason reason) {
     case R::SizeMismatch: return "filesize mismatch";
     case R::DateMismatch: return "mod date mismatch";
     case R::XattrMismatch: return "xattr mismatch";
+    case R::LinkTargetMismatch: return "link target mismatch";
     case R::ModeOrOwnerMismatch: return "mode or owner mismatch";
     case R::Unchanged: break;
     }
@@ -129,7 +131,9 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
     rules.destinationDevice = settings_.destinationDevice;
     rules.destinationInode = settings_.destinationInode;
     FVDestinationNames names(settings_.destinationProfile);
-    rules.refusedName = [&names](uint32_t level, std::string_view name) { return names.refusal(level, name); };
+    rules.refusedName = [&names](uint32_t level, std::string_view name, int folderFd) {
+        return names.refusal(level, name, folderFd);
+    };
     const bool includeACL = !settings_.options.disableACLClone;
     const bool compareAttributes = !settings_.options.ignoreFileFlagChanges;
     if (compareAttributes)
@@ -255,6 +259,12 @@ FVChangeDecision::Reason FVSourceAnalysis::decide(FVFileSystemItem& source, FVFi
                                                   const std::function<bool()>& xattrsIdentical) const {
     auto reason = FVChangeDecision::decide(FVChangeDecision::sideOf(source), FVChangeDecision::sideOf(target),
                                            xattrsIdentical, tolerance_);
+    // Without link dates, a link pointed elsewhere with a target of the same length shows only in
+    // its text.
+    if (reason == FVChangeDecision::Reason::Unchanged && !tolerance_.comparesLinkTimes &&
+        source.fileType() == FVFileType::SymbolicLink &&
+        FVLongPath::readLink(source.path()) != FVLongPath::readLink(target.path()))
+        reason = FVChangeDecision::Reason::LinkTargetMismatch;
     if (reason != FVChangeDecision::Reason::Unchanged)
         status_.verboseLog(fmt::format("Item needs backup, {}. Source: {}  Destination: {}", reasonText(reason),
                                        source.path(), target.path()));

@@ -85,7 +85,7 @@ void FVSourceListing::walk() {
             entry.kind = Entry::Kind::UnreadableFolder;
             entry.error = errno;
             walker.skipChildren();
-        } else if (std::string why = entry.level > 0 && rules_.refusedName ? rules_.refusedName(entry.level, entry.name())
+        } else if (std::string why = entry.level > 0 && rules_.refusedName ? rules_.refusedName(entry.level, entry.name(), found->parentFd)
                                                                           : std::string();
                    !why.empty()) {
             entry.kind = Entry::Kind::Unmirrorable;

@@ -56,7 +56,7 @@ public:
         // nothing when attributes are not compared.
         std::function<std::string(const std::string& path)> signature;
         // Why the destination cannot hold an entry's name (see FVDestinationNames), or "".
-        std::function<std::string(uint32_t level, std::string_view name)> refusedName;
+        std::function<std::string(uint32_t level, std::string_view name, int folderFd)> refusedName;
     };
 
     // Starts the walk of sourceRoot, whose mirror is targetRoot.

@@ -1,4 +1,5 @@
 #include "engine/FVSyncingBackup.h"
+#include "fs/FVMountTable.h"
 
 #include "FVVersion.h"
 #include "engine/FVAdditions.h"
@@ -51,7 +52,7 @@ FVSyncingBackup::FVSyncingBackup(FVRunSettings settings, std::vector<std::string
     mountWatcher_ = FVMountWatcher::start([this](const std::string& mountPoint) { checkVolumeDidUnmount(mountPoint); });
 
     FVLog::currentLog().newLog();
-    const std::string fstype = FVFileManager::filesystemTypeAtPath(settings_.targetPath);
+    const std::string fstype = FVMountTable::fileSystemTypeAtPath(settings_.targetPath);
     if (isWebDAV(fstype)) findings_.excludedFiles.push_back(".DS_Store");
     findings_.excludedFiles.insert(findings_.excludedFiles.end(), excludedFiles.begin(), excludedFiles.end());
     status_.log(fmt::format("Ferrovane {}({}) starting sync to: {} ({})", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER,

@@ -24,7 +24,8 @@ namespace {
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 // Odd seconds and odd nanoseconds: every coarser granularity reads back another value.
 constexpr timespec kProbeTime{1'000'000'001, 987'654'321};
-constexpr int64_t kTwoSeconds = 2'000'000'000;
+constexpr int64_t kOneSecond = 1'000'000'000;
+constexpr int64_t kTwoSeconds = 2 * kOneSecond;
 // What FAT and exFAT refuse besides control characters; NTFS refuses the same to Windows only.
 constexpr const char* kFatRefusedPunctuation = "\\:*?\"<>|";
 
@@ -74,7 +75,8 @@ FVDestinationProfile FVDestinationProbe::defaultsForType(const std::string& type
     const bool fat = type == "vfat" || type == "msdos" || type == "fuse.fusefat";
     const bool exfat = type == "exfat" || type == "fuse.exfat";
     const bool ntfs = type == "ntfs" || type == "ntfs3" || type == "fuse.ntfs-3g";
-    // Both exfat-fuse and ntfs-3g mount as "fuseblk": assume the narrower of the two.
+    // Both exfat-fuse and ntfs-3g mount as "fuseblk": assume only what both share, and leave case
+    // and links to the look-up or the probe.
     const bool fuseBlock = type == "fuseblk";
     if (type.starts_with("fuse")) profile.renameNoReplace = false;
     if (type == "fuse.fusefat") profile.renameKeepsTimes = false;
@@ -82,14 +84,14 @@ FVDestinationProfile FVDestinationProbe::defaultsForType(const std::string& type
         profile.keepsOwners = profile.keepsModes = false;
         profile.utf8NamesOnly = true;
     }
-    if (fat || exfat || fuseBlock) {
+    if (fat || exfat) {
         profile.caseInsensitive = true;
-        profile.symbolicLinks = profile.extendedAttributes = false;
+        profile.symbolicLinks = profile.linkTimes = profile.extendedAttributes = false;
         profile.refusedNameBytes = kFatRefusedPunctuation + controlBytes(fat);
     }
     if (ntfs) profile.timeGranularityNs = 100;
-    if (exfat) profile.timeGranularityNs = type == "exfat" ? 10'000'000 : kTwoSeconds;
-    if (fat || fuseBlock) profile.timeGranularityNs = kTwoSeconds;
+    if (exfat || fuseBlock) profile.timeGranularityNs = kOneSecond;
+    if (fat) profile.timeGranularityNs = kTwoSeconds;
     return profile;
 }
 
@@ -166,6 +168,12 @@ FVDestinationProfile FVDestinationProbe::probe() {
         if (renamed == 0 && fstatat(folder.get(), "Renamed", &after, AT_SYMLINK_NOFOLLOW) == 0)
             profile.renameKeepsTimes = nanoseconds(after.st_mtim) == nanoseconds(st.st_mtim);
         profile.symbolicLinks = symlinkat("Renamed", folder.get(), "Link") == 0;
+        const timespec linkTimes[2] = {kProbeTime, kProbeTime};
+        struct stat link {};
+        profile.linkTimes = profile.symbolicLinks &&
+                            utimensat(folder.get(), "Link", linkTimes, AT_SYMLINK_NOFOLLOW) == 0 &&
+                            fstatat(folder.get(), "Link", &link, AT_SYMLINK_NOFOLLOW) == 0 &&
+                            granularityOf(kProbeTime, link.st_mtim) <= profile.timeGranularityNs;
         struct statvfs vfs {};
         if (fstatvfs(folder.get(), &vfs) == 0 && vfs.f_namemax > 0) profile.maxNameLength = vfs.f_namemax;
         // A colon stands for the punctuation FAT and exFAT refuse together.
@@ -199,6 +207,7 @@ std::string FVDestinationProbe::describe(const FVDestinationProfile& p) {
     if (!p.keepsOwners) text += ", no owners";
     if (!p.keepsModes) text += ", no modes";
     if (!p.symbolicLinks) text += ", no symbolic links";
+    else if (!p.linkTimes) text += ", link times not kept";
     if (!p.extendedAttributes) text += ", no extended attributes";
     text += fmt::format(", names up to {} bytes", p.maxNameLength);
     if (p.utf8NamesOnly) text += ", UTF-8 names only";

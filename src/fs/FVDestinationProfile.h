@@ -13,7 +13,7 @@ struct FVDestinationProfile {
     // The mount's type from the mount table ("ext4", "fuse.exfat", ...), for the log.
     std::string fileSystemType;
     // The finest modification time the file system keeps: 1 ns on ext4, btrfs, xfs and tmpfs,
-    // 100 ns on NTFS, 10 ms on exFAT, 2 s on FAT.
+    // 100 ns on NTFS, 1 s on exFAT, 2 s on FAT.
     int64_t timeGranularityNs = 1;
     // "Report.txt" and "report.txt" name one file.
     bool caseInsensitive = false;
@@ -25,6 +25,9 @@ struct FVDestinationProfile {
     bool keepsOwners = true;
     bool keepsModes = true;
     bool symbolicLinks = true;
+    // A symbolic link takes the time it is given (utimensat without following it); where it does
+    // not, a link's date tells nothing.
+    bool linkTimes = true;
     bool extendedAttributes = true;
     size_t maxNameLength = 255;
     // Bytes the file system refuses in a name (FAT and exFAT refuse "\\:*?\"<>|" and controls).

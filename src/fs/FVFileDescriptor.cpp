@@ -67,6 +67,16 @@ int lstat(const std::string& path, struct stat* st) {
     return ::fstatat(parent.get(), name.c_str(), st, AT_SYMLINK_NOFOLLOW);
 }
 
+std::string readLink(const std::string& path) {
+    std::string name;
+    FVFd folder = openParent(path, name);
+    if (!folder.valid()) return {};
+    std::string text(4096, '\0');
+    ssize_t n = readlinkat(folder.get(), name.c_str(), text.data(), text.size());
+    text.resize(n < 0 ? 0 : static_cast<size_t>(n));
+    return text;
+}
+
 }  // namespace FVLongPath
 
 }  // namespace ferrovane

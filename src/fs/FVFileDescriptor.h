@@ -45,6 +45,8 @@ FVFd openParent(const std::string& path, std::string& name);
 // open(2) and lstat(2) for paths of any length; O_CLOEXEC is always added. -1/errno on failure.
 int open(const std::string& path, int flags, mode_t mode = 0);
 int lstat(const std::string& path, struct stat* st);
+// The text of the symbolic link at path; empty when it cannot be read.
+std::string readLink(const std::string& path);
 
 }  // namespace FVLongPath
 

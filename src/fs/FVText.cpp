@@ -4,27 +4,49 @@
 
 namespace ferrovane::FVText {
 
+size_t decodeUTF8(std::string_view s, size_t i, char32_t& code) {
+    unsigned char c = static_cast<unsigned char>(s[i]);
+    size_t length;
+    char32_t min;
+    if (c < 0x80) return code = c, 1;
+    if (c >= 0xC2 && c <= 0xDF) length = 2, min = 0x80, code = c & 0x1F;
+    else if (c >= 0xE0 && c <= 0xEF) length = 3, min = 0x800, code = c & 0x0F;
+    else if (c >= 0xF0 && c <= 0xF4) length = 4, min = 0x10000, code = c & 0x07;
+    else return 0;
+    if (i + length > s.size()) return 0;
+    for (size_t k = 1; k < length; ++k) {
+        unsigned char d = static_cast<unsigned char>(s[i + k]);
+        if ((d & 0xC0) != 0x80) return 0;
+        code = (code << 6) | (d & 0x3F);
+    }
+    if (code < min || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return 0;
+    return length;
+}
+
+void appendUTF8(std::string& out, char32_t code) {
+    if (code < 0x80) {
+        out += static_cast<char>(code);
+    } else if (code < 0x800) {
+        out += static_cast<char>(0xC0 | (code >> 6));
+        out += static_cast<char>(0x80 | (code & 0x3F));
+    } else if (code < 0x10000) {
+        out += static_cast<char>(0xE0 | (code >> 12));
+        out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (code & 0x3F));
+    } else {
+        out += static_cast<char>(0xF0 | (code >> 18));
+        out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
+        out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (code & 0x3F));
+    }
+}
+
 std::string validUTF8(std::string_view s) {
     std::string out;
     out.reserve(s.size());
-    size_t i = 0;
-    while (i < s.size()) {
-        unsigned char c = static_cast<unsigned char>(s[i]);
-        size_t length = 0;
-        unsigned min = 0;
-        if (c < 0x80) length = 1;
-        else if (c >= 0xC2 && c <= 0xDF) length = 2, min = 0x80;
-        else if (c >= 0xE0 && c <= 0xEF) length = 3, min = 0x800;
-        else if (c >= 0xF0 && c <= 0xF4) length = 4, min = 0x10000;
-        bool ok = length > 0 && i + length <= s.size();
-        unsigned code = length == 1 ? c : (length == 2 ? c & 0x1F : length == 3 ? c & 0x0F : c & 0x07);
-        for (size_t k = 1; ok && k < length; ++k) {
-            unsigned char d = static_cast<unsigned char>(s[i + k]);
-            if ((d & 0xC0) != 0x80) ok = false;
-            code = (code << 6) | (d & 0x3F);
-        }
-        if (ok && length > 1 && (code < min || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))) ok = false;
-        if (ok) {
+    for (size_t i = 0; i < s.size();) {
+        char32_t code;
+        if (size_t length = decodeUTF8(s, i, code)) {
             out.append(s.substr(i, length));
             i += length;
         } else {

@@ -6,6 +6,11 @@
 
 namespace ferrovane::FVText {
 
+// Length of the well-formed UTF-8 sequence at bytes[pos] (1 for ASCII) with its code point in code,
+// or 0 when no valid sequence starts there (overlong forms and surrogates are not UTF-8).
+size_t decodeUTF8(std::string_view bytes, size_t pos, char32_t& code);
+// Appends the UTF-8 form of code.
+void appendUTF8(std::string& out, char32_t code);
 // The text with every byte sequence that is not valid UTF-8 replaced by U+FFFD.
 std::string validUTF8(std::string_view bytes);
 // The last path component ("/" for the root, as a file manager shows it).

@@ -23,10 +23,6 @@ std::string pathInMirror(const FVMirrorLayout& layout, const std::string& hit) {
 
 }  // namespace
 
-std::string FVSearchResultParser::pathWithoutArchivePart(const std::string& hit, const std::string& destination) {
-    return pathInMirror(FVMirrorLayout(destination, true, {}), hit);
-}
-
 std::string FVSearchResultParser::timestamp(const std::string& hit) {
     struct stat st {};
     if (lstat(hit.c_str(), &st) != 0) return "";
@@ -39,7 +35,7 @@ std::string FVSearchResultParser::timestamp(const std::string& hit) {
 
 std::vector<FVSearchResult> FVSearchResultParser::parsedResults(const std::vector<std::string>& hits,
                                                                 const std::string& destination) {
-    const FVMirrorLayout layout(destination, true, {});
+    const FVMirrorLayout layout = FVMirrorLayout::archivesOf(destination);
     struct Version {
         std::string timestamp;
         const std::string* fullpath;

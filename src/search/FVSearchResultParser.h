@@ -24,10 +24,6 @@ public:
     static std::vector<FVSearchResult> parsedResults(const std::vector<std::string>& hits,
                                                      const std::string& destination);
 
-    // The path in the mirror of a hit inside the destination: an archived version without the
-    // archive folder and its stamp folder below the destination's root. Folders of those names
-    // deeper down are the user's own.
-    static std::string pathWithoutArchivePart(const std::string& hit, const std::string& destination);
     // The modification time of the item itself (links are not followed), or "" when unreadable.
     static std::string timestamp(const std::string& hit);
 };

@@ -50,9 +50,10 @@ protected:
     }
 
     // Three runs: a.txt in three versions, the folder old/ removed in the second and partly
-    // back in the third.
+    // back in the third; a user's file named almost like a temporary one.
     void threeRuns() {
-        buildTree(source, {{"keep/b.txt", "b"}, {"old/c.txt", "c"}, {"old/deep/d.txt", "d"}, {kOddName, "odd"}});
+        buildTree(source, {{"keep/b.txt", "b"}, {"old/c.txt", "c"}, {"old/deep/d.txt", "d"}, {kOddName, "odd"},
+                           {".ferrovane-tmp-notes", "mine"}});
         writeAt(source + "/a.txt", "version one", 1'000'000);
         symlink("a.txt", (source + "/link").c_str());
         backup();

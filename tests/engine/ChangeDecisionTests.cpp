@@ -15,8 +15,8 @@ TEST(ChangeDecision, DecidesByExistenceTypeSizeTimeAtTheDestinationsGranularityA
     using T = FVFileType;
     using Tolerance = FVChangeDecision::Tolerance;
     constexpr int64_t s = 1'000'000'000;
-    const Tolerance exact{1, true, true}, fat{2 * s, true, true}, exfat{10'000'000, true, true},
-        noModesOrOwners{1, false, false}, noOwners{1, true, false, 01777};
+    const Tolerance exact{1, true, true}, fat{2 * s, true, true}, exfat{s, true, true},
+        noModesOrOwners{1, false, false}, noOwners{1, true, false, 01777}, noLinkTimes{1, true, true, 07777, false};
     struct Row {
         const char* what;
         FVChangeDecision::Side source, destination;
@@ -32,6 +32,10 @@ TEST(ChangeDecision, DecidesByExistenceTypeSizeTimeAtTheDestinationsGranularityA
         {"a link pointed at a longer target", {T::SymbolicLink, 9, 100}, {T::SymbolicLink, 5, 100}, exact, true,
          R::SizeMismatch, false},
         {"a link made anew", {T::SymbolicLink, 5, 200}, {T::SymbolicLink, 5, 100}, exact, true, R::DateMismatch, false},
+        {"a link's date where the destination sets none", {T::SymbolicLink, 5, 200}, {T::SymbolicLink, 5, 100},
+         noLinkTimes, true, R::Unchanged, false},
+        {"a file's date where the destination sets no link's", {T::Regular, 5, 200}, {T::Regular, 5, 100},
+         noLinkTimes, true, R::DateMismatch, false},
         {"a link's owner", {T::SymbolicLink, 5, 100, 0, 1, 1}, {T::SymbolicLink, 5, 100, 0, 2, 1}, exact, true,
          R::ModeOrOwnerMismatch, false},
         {"a link where a file is", {T::SymbolicLink, 5, 100}, {T::Regular, 5, 100}, exact, true, R::TypeMismatch, false},
@@ -50,8 +54,8 @@ TEST(ChangeDecision, DecidesByExistenceTypeSizeTimeAtTheDestinationsGranularityA
         {"rounded down to FAT's even second", {T::Regular, 5, 5 * s + 999'999'999}, {T::Regular, 5, 4 * s}, fat, true,
          R::Unchanged, true},
         {"two seconds apart on FAT", {T::Regular, 5, 6 * s}, {T::Regular, 5, 4 * s}, fat, true, R::DateMismatch, false},
-        {"within exFAT's 10 ms", {T::Regular, 5, s + 9'999'999}, {T::Regular, 5, s}, exfat, true, R::Unchanged, true},
-        {"10 ms apart on exFAT", {T::Regular, 5, s + 10'000'000}, {T::Regular, 5, s}, exfat, true, R::DateMismatch, false},
+        {"within exFAT's second", {T::Regular, 5, s + 999'999'999}, {T::Regular, 5, s}, exfat, true, R::Unchanged, true},
+        {"a second apart on exFAT", {T::Regular, 5, 2 * s}, {T::Regular, 5, s}, exfat, true, R::DateMismatch, false},
         {"attributes differ", {T::Regular, 5, 100}, {T::Regular, 5, 100}, exact, false, R::XattrMismatch, true},
         {"attribute changes ignored", {T::Regular, 5, 100}, {T::Regular, 5, 100}, exact, std::nullopt, R::Unchanged,
          false},

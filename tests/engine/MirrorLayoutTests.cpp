@@ -93,6 +93,7 @@ TEST(MirrorLayout, RefusesSourceListsWhoseMirrorsCollideOrLandOnReservedNames) {
         {true, {{"/x/Docs", B}, {"/y/docs", B}}, false, {}},
         {true, {{"/x/Docs", B}, {"/y/docs", B}}, true, {"/x/Docs", "/y/docs", "case"}},
         {false, {{"/x/A", B}, {"/x/a", B}}, true, {"/x/A", "/x/a"}},
+        {true, {{"/a/\xc3\x9c" "ber", B}, {"/b/\xc3\xbc" "ber", B}}, true, {"/a/\xc3\x9c" "ber", "/b/\xc3\xbc" "ber", "case"}},
         {false, {{"/Data", B}, {"/data/b", B}}, true, {"/Data", "/data/b", "case"}},
         {false, {{"/Data/a", B}, {"/data/b", B}}, true, {}},
         {true, {{"/x/Report", B}, {"/y/Reports", B}}, true, {}},

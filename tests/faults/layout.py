@@ -28,7 +28,8 @@ PLACEMENTS = {1: "a folder per source", 0: "full source paths"}
 # as written, not below the source folder). Folders unless named in FILES.
 POOL = ["a/Docs", "b/Docs", "c/docs", "x/Photos", "y/photos", "n", "n/inner", "p/__changed", "p/__removed",
         "p/__runs", "q/.ferrovane.conf", "p/.ferrovane-tmp-7", "u/Music", "v/Notes", "a/../b/Docs", "a//Docs",
-        "a/Docs/", "!relative/Docs", "/", "/__removed/elsewhere", "@inner", "A/Docs", "p/__CHANGED"]
+        "a/Docs/", "!relative/Docs", "/", "/__removed/elsewhere", "@inner", "A/Docs", "p/__CHANGED",
+        "d/\u00dcber", "e/\u00fcber"]
 FILES = {"q/.ferrovane.conf"}
 KEEPS = {placement: f"base{placement}/Keep" for placement in PLACEMENTS}  # backed up before every case
 
@@ -42,7 +43,8 @@ def normalized(path):
 
 
 def fold(text):
-    return "".join(c.lower() if "A" <= c <= "Z" else c for c in text)
+    """A name as exFAT compares it: each character in upper case (one to one, as its table maps)."""
+    return "".join(c.upper() if len(c.upper()) == 1 else c for c in text)
 
 
 def mirror(placement, path):
@@ -66,7 +68,7 @@ def collision(placement, destination, items, case_insensitive=False):
         if path != "/" and within(path, destination):
             found.append([path])
         first = key(mirror(placement, path)[1:].split("/", 1)[0])
-        if mirror(placement, path) and (first in RESERVED or first.startswith(TEMPORARY_PREFIX)):
+        if mirror(placement, path) and (first in map(key, RESERVED) or first.startswith(key(TEMPORARY_PREFIX))):
             found.append([path])
     for i, a in enumerate(sources):
         for b in sources[i + 1:]:
@@ -263,6 +265,7 @@ def case_insensitive(ferrovane, sources, work):
             keep = (p(KEEPS[placement]), BACKUP)
             for i, items in enumerate([[keep, (p("x/Photos"), BACKUP), (p("y/photos"), BACKUP)],
                                        [keep, (p("a/Docs"), BACKUP), (p("A/Docs"), BACKUP)],
+                                       [keep, (p("d/\u00dcber"), BACKUP), (p("e/\u00fcber"), BACKUP)],
                                        [keep, (p("p/__CHANGED"), BACKUP)],
                                        [keep, (p("v/Notes"), BACKUP), (p("u/Music"), BACKUP)]]):
                 destination = os.path.join(mnt, f"dest-{placement}-{i}")

@@ -70,4 +70,8 @@ TEST(DestinationProbe, KnowsTheLimitsOfFatLikeTypesWithoutTrying) {
               "fuse.fusefat, times to 2 s, case-insensitive, no rename that refuses to replace, renames reset times, "
               "no owners, no modes, no symbolic links, no extended attributes, names up to 255 bytes, UTF-8 names "
               "only, refuses \\:*?\"<>| and control characters in names");
+    // exFAT or NTFS: only what both share, case and links are left to a look-up.
+    EXPECT_EQ(FVDestinationProbe::describe(FVDestinationProbe::defaultsForType("fuseblk")),
+              "fuseblk, times to 1 s, case-sensitive, no rename that refuses to replace, no owners, no modes, "
+              "names up to 255 bytes, UTF-8 names only");
 }

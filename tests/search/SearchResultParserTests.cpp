@@ -54,7 +54,7 @@ TEST_F(SearchResultParserTest, RemovesTheArchivePartBelowTheDestinationOnly) {
              {"/T/__removed/S/src//a.txt", "/T/src/a.txt"},
              {"/Other/__changed/S/a.txt", "/Other/__changed/S/a.txt"},
          })
-        EXPECT_EQ(FVSearchResultParser::pathWithoutArchivePart(c.hit, "/T"), c.logical) << c.hit;
+        EXPECT_EQ(FVSearchResultParser::parsedResults({c.hit}, "/T").at(0).path, c.logical) << c.hit;
 }
 
 // The order by modification time, whatever the archive folders' stamps say, is checked through
