@@ -225,9 +225,9 @@ void FVPointInTimeRestore::restoreFile(const FVManifestEntry& entry, const std::
     unsigned mismatches = 0;
     std::string problem;
     FVRecordedFileCopy::Outcome outcome =
-        copier.copy(bytes.likeliestPlaces(entry), entry.hash, out.get(), &copied, &mismatches, &problem);
+        copier.copy(bytes.likeliestPlaces(entry), entry.hash, entry.size, out.get(), &copied, &mismatches, &problem);
     if (outcome == FVRecordedFileCopy::Outcome::NotHere)
-        outcome = copier.copy(bytes.otherPlaces(entry, plan_.destination()), entry.hash, out.get(), &copied,
+        outcome = copier.copy(bytes.otherPlaces(entry, plan_.destination()), entry.hash, entry.size, out.get(), &copied,
                               &mismatches, &problem);
     switch (outcome) {
     case FVRecordedFileCopy::Outcome::Copied: break;

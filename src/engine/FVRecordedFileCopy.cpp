@@ -25,11 +25,12 @@ FVFd FVRecordedFileCopy::openPlace(const std::string& place) {
 }
 
 FVRecordedFileCopy::Read FVRecordedFileCopy::copyFrom(const std::string& place,
-                                                      const std::optional<FVContentHash>& digest, int out,
-                                                      uint64_t* bytes, std::string* problem) {
+                                                      const std::optional<FVContentHash>& digest, uint64_t size,
+                                                      int out, uint64_t* bytes, std::string* problem) {
     FVFd in = openPlace(place);
     struct stat st {};
     if (!in.valid() || fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return Read::Missing;
+    if (digest && static_cast<uint64_t>(st.st_size) != size) return Read::Differs;
     FVContentHasher hasher;
     uint64_t copied = 0;
     for (;;) {
@@ -56,11 +57,12 @@ FVRecordedFileCopy::Read FVRecordedFileCopy::copyFrom(const std::string& place,
 }
 
 FVRecordedFileCopy::Outcome FVRecordedFileCopy::copy(const std::vector<std::string>& places,
-                                                     const std::optional<FVContentHash>& digest, int out,
-                                                     uint64_t* bytes, unsigned* mismatches, std::string* problem) {
+                                                     const std::optional<FVContentHash>& digest, uint64_t size,
+                                                     int out, uint64_t* bytes, unsigned* mismatches,
+                                                     std::string* problem) {
     *bytes = 0;
     for (const std::string& place : places) {
-        switch (copyFrom(place, digest, out, bytes, problem)) {
+        switch (copyFrom(place, digest, size, out, bytes, problem)) {
         case Read::Matched: return Outcome::Copied;
         case Read::Cancelled: return Outcome::Cancelled;
         case Read::WriteFailed: return Outcome::Failed;

@@ -31,15 +31,16 @@ public:
         : destination_(destination), buffer_(buffer), bufferSize_(bufferSize), cancelled_(std::move(cancelled)) {}
 
     // places: paths below the destination root (no leading "/"). digest: nothing for a file whose
-    // run could not read it, whose first existing place is then taken as it is. *bytes: what was
-    // copied from the place that won; *mismatches: places that held other bytes.
-    Outcome copy(const std::vector<std::string>& places, const std::optional<FVContentHash>& digest, int out,
-                 uint64_t* bytes, unsigned* mismatches, std::string* problem);
+    // run could not read it, whose first existing place is then taken as it is; with a digest, a
+    // place of another size than the recorded one is passed over unread. *bytes: what was copied
+    // from the place that won; *mismatches: places that held other bytes.
+    Outcome copy(const std::vector<std::string>& places, const std::optional<FVContentHash>& digest, uint64_t size,
+                 int out, uint64_t* bytes, unsigned* mismatches, std::string* problem);
 
 private:
     enum class Read { Matched, Differs, Missing, Cancelled, WriteFailed };
-    Read copyFrom(const std::string& place, const std::optional<FVContentHash>& digest, int out, uint64_t* bytes,
-                  std::string* problem);
+    Read copyFrom(const std::string& place, const std::optional<FVContentHash>& digest, uint64_t size, int out,
+                  uint64_t* bytes, std::string* problem);
     FVFd openPlace(const std::string& place);
 
     const FVConfinedDirectory& destination_;
