@@ -3,6 +3,7 @@
 #include "FVVersion.h"
 #include "cli/FVCommanlineMode.h"
 #include "cli/FVConfigCommand.h"
+#include "cli/FVPointInTimeCommand.h"
 #include "cli/FVRestoreCommand.h"
 #include "cli/FVRunsCommand.h"
 #include "cli/FVSearchCommand.h"
@@ -36,8 +37,11 @@ const char* const kCommands =
     "                                       find files by name, with their archived versions\n"
     "  ferrovane versions DESTINATION PATH [--json]\n"
     "                                       list every version of a backed-up path\n"
+    "  ferrovane ls DESTINATION PATH [--at STAMP|DATE] [--json]\n"
+    "                                       list a folder as a run recorded it\n"
     "  ferrovane restore DESTINATION (PATH | --all) [OPTIONS]\n"
-    "                                       copy versions, folders or every source back\n"
+    "                                       copy versions, folders or every source back;\n"
+    "                                       with --at, a file or folder as a run recorded it\n"
     "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty) ...\n"
     "                                       edit the destination's sources, options and schedule\n"
     "\n"
@@ -144,12 +148,32 @@ int versions(std::vector<std::string> arguments) {
     return FVRestoreCommand::versionsMain(destination, path, json);
 }
 
+int list(std::vector<std::string> arguments) {
+    CLI::App app("Lists a folder (or shows one item) as a complete run recorded it: type, mode, owner\n"
+                 "and group, size, modification time and name. The path is the original path of a\n"
+                 "backed-up item or a path inside the destination. Reads only the destination's record of\n"
+                 "its runs. Exit status 0, 1 when there is no such run or item, 2 for bad usage.",
+                 "ferrovane ls");
+    std::string destination, path, at;
+    bool json = false;
+    destinationOption(app, destination);
+    app.add_option("PATH", path, "the original path, or a path inside the destination")->required();
+    app.add_option("--at", at, "the run: its stamp, a date (2026-11-20: the end of that day) or a time "
+                               "(2026-11-20 14:00); default: the newest complete run")
+        ->type_name("STAMP|DATE");
+    app.add_flag("--json", json, "print JSON for scripts");
+    if (auto status = parse(app, std::move(arguments))) return *status;
+    return FVPointInTimeCommand::listMain(destination, path, at, json);
+}
+
 int restore(std::vector<std::string> arguments) {
     CLI::App app("Copies a version (the newest by default) back to its original place, or into the\n"
                  "folder given with --to; --all restores every source, below the --to root at its full\n"
                  "original path. Existing different items stop the restore before anything is written,\n"
-                 "unless --replace moves them to the trash first. Exit status 0 done, 1 no such\n"
-                 "version, conflicts or errors, 2 bad usage.",
+                 "unless --replace moves them to the trash first. With --at, the file or folder comes back\n"
+                 "exactly as that run recorded it, each file checked against its recorded digest; a file\n"
+                 "whose bytes the destination no longer holds is named. Exit status 0 done, 1 no such\n"
+                 "version, conflicts, errors or files whose bytes are gone, 2 bad usage.",
                  "ferrovane restore");
     FVRestoreCommand::RestoreArguments a;
     auto notEmpty = [](const std::string& value) { return value.empty() ? std::string("must not be empty") : ""; };
@@ -159,13 +183,18 @@ int restore(std::vector<std::string> arguments) {
     app.add_option("--version", a.version, "the version's stamp, or current (default: the newest)")
                         ->type_name("STAMP")
                         ->check(notEmpty);
+    app.add_option("--at", a.at, "restore as the run of this stamp, date or time recorded it")
+        ->type_name("STAMP|DATE")
+        ->check(notEmpty);
     app.add_option("--to", a.to, "the folder to restore into")->type_name("FOLDER")->check(notEmpty);
     app.add_flag("--replace", a.replace, "move existing different items to the trash first");
     app.add_flag("--dry-run", a.dryRun, "list what would be restored and the conflicts; write nothing");
     if (auto status = parse(app, std::move(arguments))) return *status;
     if (a.all == !a.what.empty()) return refuse(app, a.all ? "--all takes no PATH" : "PATH or --all is required");
     if (a.all && !a.version.empty()) return refuse(app, "--all restores the newest versions: it takes no --version");
-    return FVRestoreCommand::restoreMain(a);
+    if (!a.at.empty() && (a.all || !a.version.empty()))
+        return refuse(app, "--at restores one path as a run recorded it: it takes no --all or --version");
+    return a.at.empty() ? FVRestoreCommand::restoreMain(a) : FVPointInTimeCommand::restoreMain(a);
 }
 
 int runs(std::vector<std::string> arguments) {
@@ -216,7 +245,7 @@ int config(std::vector<std::string> arguments) {
 std::optional<int> run(int argc, char** argv) {
     std::vector<std::string> arguments(argv + 1, argv + argc);
     static const std::map<std::string, std::function<int(std::vector<std::string>)>> commands = {
-        {"search", search}, {"versions", versions}, {"restore", restore}, {"runs", runs}, {"config", config}};
+        {"search", search}, {"versions", versions}, {"restore", restore}, {"ls", list}, {"runs", runs}, {"config", config}};
     if (!arguments.empty())
         if (auto command = commands.find(arguments.front()); command != commands.end())
             return command->second({arguments.begin() + 1, arguments.end()});

@@ -1,8 +1,11 @@
 #include "cli/FVRestoreCommand.h"
 
 #include "cli/FVJsonText.h"
+#include "cli/FVNamedPath.h"
 #include "cli/FVOutput.h"
+#include "cli/FVRestoreProgress.h"
 #include "cli/FVRunSignals.h"
+#include "cli/FVSharedLock.h"
 
 #include "engine/FVAdditions.h"
 #include "engine/FVDestinationLock.h"
@@ -15,17 +18,13 @@
 
 #include <fmt/format.h>
 
-#include <limits.h>
 #include <sys/stat.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <ctime>
 #include <mutex>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -37,7 +36,6 @@ namespace {
 constexpr int kExitDone = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
-constexpr uint64_t kProgressLineEvery = 1000;
 
 // The first signal that cancelled the restore; 0 while none has.
 std::atomic<int> cancellingSignal{0};
@@ -73,24 +71,8 @@ std::string localTime(int64_t seconds) {
     return std::string(buffer, std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S", &parts));
 }
 
-std::string absolute(const std::string& path) {
-    if (path.empty()) return path;
-    return FVText::standardizedPath(path.front() == '/' ? path : std::filesystem::current_path().string() + "/" + path);
-}
-
-// The path with its deepest existing ancestor resolved, so that two spellings of one place
-// compare equal.
-std::string resolved(const std::string& path) {
-    std::string existing = path, rest;
-    char buffer[PATH_MAX];
-    while (!realpath(existing.c_str(), buffer)) {
-        if (existing == "/") return path;
-        rest = "/" + FVText::lastPathComponent(existing) + rest;
-        existing = FVText::deletingLastPathComponent(existing);
-    }
-    std::string base = buffer;
-    return base == "/" && !rest.empty() ? rest : base + rest;
-}
+using FVNamedPath::absolute;
+using FVNamedPath::resolved;
 
 std::optional<FVVersionCatalog> openCatalog(const char* command, const std::string& destination) {
     std::string problem;
@@ -225,52 +207,12 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
     return plans;
 }
 
-class ProgressLine {
-public:
-    ProgressLine() : terminal_(isatty(STDERR_FILENO)) {}
-    ~ProgressLine() {
-        if (terminal_ && shownPercent_ >= 0) FVOutput::print(stderr, "\n");
-    }
-    void update(uint64_t done, uint64_t total) {
-        if (total == 0) return;
-        if (terminal_) {
-            int percent = static_cast<int>(done * 100 / total);
-            if (percent == shownPercent_) return;
-            shownPercent_ = percent;
-            FVOutput::print(stderr, "\rRestoring: {}%", percent);
-            std::fflush(stderr);
-        } else {
-            for (; nextLine_ <= done; nextLine_ += kProgressLineEvery)
-                if (nextLine_ > 0) FVOutput::print(stderr, "Restored {} of {} items\n", nextLine_, total);
-        }
-    }
-
-private:
-    bool terminal_;
-    int shownPercent_ = -1;
-    uint64_t nextLine_ = 0;
-};
-
 // Takes the destination's lock and opens its catalog. Shared: restores may run side by side,
 // never beside a backup or a configuration change, so the versions cannot move while they are
 // planned and copied. Nothing, with the exit status in *status, when the destination cannot be
 // used.
 std::optional<FVVersionCatalog> lockedCatalog(const std::string& destination, FVDestinationLock& lock, int* status) {
-    const std::string lockedPath = resolved(absolute(destination));
-    switch (lock.acquire(lockedPath, FVDestinationLock::Mode::Shared)) {
-    case FVDestinationLock::Status::Busy:
-        FVOutput::print(stderr, "{}\n", shown(FVDestinationLock::busyMessage(lockedPath)));
-        *status = FVDestinationLock::busyExitStatus;
-        return std::nullopt;
-    case FVDestinationLock::Status::Failed:
-        FVOutput::print(stderr, "ferrovane restore: cannot make sure that no run uses the destination ({}).\n",
-                        shown(lock.reason()));
-        *status = kExitFailed;
-        return std::nullopt;
-    case FVDestinationLock::Status::Acquired:
-    case FVDestinationLock::Status::Missing:
-        break;
-    }
+    if (!FVSharedLock::acquire("restore", resolved(absolute(destination)), lock, status)) return std::nullopt;
     *status = kExitUsage;
     auto catalog = openCatalog("restore", destination);
     if (!catalog) return std::nullopt;
@@ -332,7 +274,7 @@ int restoreMain(const RestoreArguments& arguments) {
     }
     FVRestoreRun::Summary summary;
     {
-        ProgressLine progress;
+        FVRestoreProgress progress;
         summary = run.run(
             catalog->destination(), [&](uint64_t done, uint64_t total) { progress.update(done, total); },
             [](const std::string& line, bool isError) {

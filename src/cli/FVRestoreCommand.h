@@ -8,6 +8,7 @@ namespace ferrovane::FVRestoreCommand {
 
 struct RestoreArguments {
     std::string destination, what, version, to;
+    std::string at;  // a point in time: restore as the run it names recorded it
     bool all = false, replace = false, dryRun = false;
 };
 
