@@ -226,13 +226,14 @@ void FVPointInTimeRestore::restoreFile(const FVManifestEntry& entry, const std::
     std::string problem;
     FVRecordedFileCopy::Outcome outcome =
         copier.copy(bytes.likeliestPlaces(entry), entry.hash, entry.size, out.get(), &copied, &mismatches, &problem);
-    if (outcome == FVRecordedFileCopy::Outcome::NotHere)
+    if (outcome == FVRecordedFileCopy::Outcome::NotHere || outcome == FVRecordedFileCopy::Outcome::Unreadable)
         outcome = copier.copy(bytes.otherPlaces(entry, plan_.destination()), entry.hash, entry.size, out.get(), &copied,
                               &mismatches, &problem);
     switch (outcome) {
     case FVRecordedFileCopy::Outcome::Copied: break;
     case FVRecordedFileCopy::Outcome::Cancelled: return;
-    case FVRecordedFileCopy::Outcome::Failed: tell(fmt::format("ERROR: {}: {}", target, problem), true); return;
+    case FVRecordedFileCopy::Outcome::Failed:
+    case FVRecordedFileCopy::Outcome::Unreadable: tell(fmt::format("ERROR: {}: {}", target, problem), true); return;
     case FVRecordedFileCopy::Outcome::NotHere:
         ++summary_.gone;
         tell(fmt::format("not restored: bytes gone: {}", target), true);

@@ -18,7 +18,10 @@ FVFd FVRecordedFileCopy::openPlace(const std::string& place) {
         int error = 0;
         folder_ = destination_.openFolder(folder, false, &error);
         folderPath_ = folder;
-        if (!folder_.valid()) return FVFd();
+        if (!folder_.valid()) {
+            errno = error;
+            return FVFd();
+        }
     }
     const std::string name = slash == std::string::npos ? place : place.substr(slash + 1);
     return FVFd(openat(folder_.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -29,6 +32,10 @@ FVRecordedFileCopy::Read FVRecordedFileCopy::copyFrom(const std::string& place,
                                                       int out, uint64_t* bytes, std::string* problem) {
     FVFd in = openPlace(place);
     struct stat st {};
+    if (!in.valid() && errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
+        *problem = fmt::format("could not read {} ({})", place, std::strerror(errno));
+        return Read::Unreadable;
+    }
     if (!in.valid() || fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return Read::Missing;
     if (digest && static_cast<uint64_t>(st.st_size) != size) return Read::Differs;
     FVContentHasher hasher;
@@ -37,8 +44,10 @@ FVRecordedFileCopy::Read FVRecordedFileCopy::copyFrom(const std::string& place,
         if (cancelled_()) return Read::Cancelled;
         ssize_t n = read(in.get(), buffer_, bufferSize_);
         if (n < 0 && errno == EINTR) continue;
-        // A place that cannot be read is one that does not hold the bytes; the next is tried.
-        if (n < 0) return Read::Differs;
+        if (n < 0) {
+            *problem = fmt::format("could not read {} ({})", place, std::strerror(errno));
+            return Read::Unreadable;
+        }
         if (n == 0) break;
         hasher.update(buffer_, static_cast<size_t>(n));
         for (ssize_t written = 0; written < n;) {
@@ -61,12 +70,14 @@ FVRecordedFileCopy::Outcome FVRecordedFileCopy::copy(const std::vector<std::stri
                                                      int out, uint64_t* bytes, unsigned* mismatches,
                                                      std::string* problem) {
     *bytes = 0;
+    bool unreadable = false;
     for (const std::string& place : places) {
         switch (copyFrom(place, digest, size, out, bytes, problem)) {
         case Read::Matched: return Outcome::Copied;
         case Read::Cancelled: return Outcome::Cancelled;
         case Read::WriteFailed: return Outcome::Failed;
         case Read::Missing: continue;
+        case Read::Unreadable: unreadable = true; break;
         case Read::Differs: ++*mismatches; break;
         }
         *bytes = 0;
@@ -75,7 +86,7 @@ FVRecordedFileCopy::Outcome FVRecordedFileCopy::copy(const std::vector<std::stri
             return Outcome::Failed;
         }
     }
-    return Outcome::NotHere;
+    return unreadable ? Outcome::Unreadable : Outcome::NotHere;
 }
 
 }  // namespace ferrovane

@@ -20,7 +20,8 @@ class FVRecordedFileCopy {
 public:
     enum class Outcome {
         Copied,     // the bytes are in out, matching the digest (or the only place, without one)
-        NotHere,    // no place holds them: none exists or none matches; out is empty
+        NotHere,     // no place holds them: none exists or none matches; out is empty
+        Unreadable,  // none that could be read holds them, and some could not be (problem says why)
         Cancelled,  // out holds part of them
         Failed,     // writing failed (problem says why); out holds part of them
     };
@@ -38,7 +39,7 @@ public:
                  int out, uint64_t* bytes, unsigned* mismatches, std::string* problem);
 
 private:
-    enum class Read { Matched, Differs, Missing, Cancelled, WriteFailed };
+    enum class Read { Matched, Differs, Missing, Unreadable, Cancelled, WriteFailed };
     Read copyFrom(const std::string& place, const std::optional<FVContentHash>& digest, uint64_t size, int out,
                   uint64_t* bytes, std::string* problem);
     FVFd openPlace(const std::string& place);
