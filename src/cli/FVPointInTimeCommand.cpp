@@ -242,7 +242,7 @@ void onSignal(int signal) {
 // What a dry run can tell without reading the files: that no copy of a file's recorded size exists.
 bool anyPlaceHolds(const FVPointInTimePlan& plan, const FVConfinedDirectory& destination, const FVManifestEntry& e) {
     struct stat st {};
-    for (const auto& places : {plan.bytes().likeliestPlaces(e), plan.bytes().otherPlaces(e, plan.destination())})
+    for (const auto& places : {plan.bytes().likeliestPlaces(e), plan.bytes().otherPlaces(e)})
         for (const std::string& place : places)
             if (destination.statItem(place, &st) == 0 && S_ISREG(st.st_mode) &&
                 (!e.hash || static_cast<uint64_t>(st.st_size) == e.size))

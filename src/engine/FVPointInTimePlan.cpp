@@ -58,7 +58,7 @@ std::optional<FVPointInTimePlan> FVPointInTimePlan::make(const std::string& dest
     auto target = FVRestoreTarget::forVersion(FVVersionCatalog(pointInTime->layout()), mirrorPath,
                                               pointInTime->layout().destinationPath(mirrorPath), toFolder, problem);
     if (!target) return std::nullopt;
-    auto bytes = FVRecordedBytes::index(runs, static_cast<size_t>(chosen - runs.begin()), mirrorPath, problem);
+    auto bytes = FVRecordedBytes::index(destination, runs, static_cast<size_t>(chosen - runs.begin()), mirrorPath, problem);
     if (!bytes) return std::nullopt;
     FVPointInTimePlan plan(destination, std::move(*pointInTime), std::move(*bytes), mirrorPath, *target);
 
