@@ -246,7 +246,13 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 unchangedAncestors.resize(level);
                 unchangedAncestors.emplace_back(source, !needed);
             }
-            if (hardLinks_.takeLaterName(source, destination, needed)) continue;
+            const size_t linkRequests = hardLinks_.requests().size();
+            if (hardLinks_.takeLaterName(source, destination, needed)) {
+                // A later name an earlier run linked is current; one to be linked is recorded once it is.
+                if (hardLinks_.requests().size() == linkRequests)
+                    recordCurrent(relativeRoot + std::string(entry.relativePath()), source, destination);
+                continue;
+            }
             // A folder's pair applies its mode and owner anyway.
             const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch && type != S_IFDIR;
             if (type == S_IFDIR || !needed || inPlace)

@@ -64,6 +64,7 @@ protected:
         if (geteuid() == 0) lchown((source + "/sub/b").c_str(), 1234, 5678);
         symlink("a.txt", (source + "/link").c_str());
         link((source + "/a.txt").c_str(), (source + "/hard").c_str());
+        link((source + "/big").c_str(), (source + "/sub/big2").c_str());  // stays linked and current
         // Sparse: a hole, some data, a hole to the end.
         FVFd sparse(open((source + "/sparse").c_str(), O_WRONLY | O_CREAT, 0644));
         pwrite(sparse.get(), "data", 4, 2 << 20);
@@ -155,8 +156,8 @@ TEST_F(RunRecordTest, EachRunRecordsTheWholeMirrorWithDigestsAndTheSourcesMetada
     }
     EXPECT_NE(first["/src/a.txt"].linkGroup, 0u);
     EXPECT_EQ(first["/src/a.txt"].linkGroup, first["/src/hard"].linkGroup);
-    EXPECT_EQ(runs[0].summary->files, 5u);
-    EXPECT_EQ(runs[0].summary->copied, 5u);  // the later name is linked, not copied
+    EXPECT_EQ(runs[0].summary->files, 6u);
+    EXPECT_EQ(runs[0].summary->copied, 5u);  // later names are linked, not copied
 
     // Damage in the mirror that size and time do not show: the record keeps the digest the copy
     // had, so that a verification finds the damage instead of recording it as the truth.
