@@ -194,7 +194,9 @@ int listMain(const std::string& destinationArgument, const std::string& path, co
         FVOutput::print(stderr, "ferrovane ls: the run {} recorded no {}.\n", shown(run->stamp), shown(path));
         return kExitFailed;
     }
-    const std::string original = opened->pointInTime.layout().originalPath(mirror).value_or(mirror);
+    // The destination's root, the mirror of no source when each has a folder, is shown as named.
+    const std::string original =
+        opened->pointInTime.layout().originalPath(mirror).value_or(mirror.empty() ? destination : mirror);
     if (json)
         FVOutput::print(stdout, "{{\"at\": {}, {}, \"entries\": [", FVJsonText::quoted(run->stamp),
                         FVJsonText::pathFields("path", original));
