@@ -36,6 +36,8 @@ public:
     std::string displacedBy(const std::string& path) const;
 
 private:
+    // 32 bytes per file. Paths are keyed by 64 bits of their digest: two paths of one key would
+    // only send a file to a likeliest place that does not match, and the other places are tried.
     struct Slot {
         uint64_t pathKey = 0;
         FVContentHash digest;
