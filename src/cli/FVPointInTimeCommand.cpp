@@ -264,7 +264,13 @@ int dryRun(const FVPointInTimePlan& plan, bool replace) {
         auto target = plan.targetOf(e.path);
         if (!target) return;
         std::string reason;
-        if (plan.stateOf(e, *target, &reason) == FVPointInTimePlan::State::Identical) return;
+        switch (plan.stateOf(e, *target, &reason)) {
+        case FVPointInTimePlan::State::Identical: return;
+        case FVPointInTimePlan::State::SameBytes:
+            FVOutput::print(stdout, "  {} (mode and owner only)\n", shown(*target));
+            return;
+        default: break;
+        }
         if (e.type == FVManifestEntryType::File && !anyPlaceHolds(plan, destination, e)) {
             ++gone;
             goneBytes += e.size;

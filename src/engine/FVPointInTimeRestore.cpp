@@ -192,6 +192,17 @@ void FVPointInTimeRestore::restoreEntry(const FVManifestEntry& entry, Lane& lane
     switch (plan_.stateOf(entry, *target, &reason)) {
     case FVPointInTimePlan::State::Identical:
     case FVPointInTimePlan::State::Unreadable: return;  // the plan's problems say which
+    case FVPointInTimePlan::State::SameBytes: {
+        std::string name;
+        int parent = lane.parentFolder(*relative, &name);
+        FVFd item(parent < 0 ? -1 : openat(parent, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        std::string problem;
+        if (!item.valid() || !FVRecordedMetadata::apply(entry, {item.get(), false}, plan_.targetProfile(), &problem))
+            tell(fmt::format("ERROR: Could not give {} its recorded mode and owner: {}", *target,
+                             item.valid() ? problem : std::string(std::strerror(errno))),
+                 true);
+        return;
+    }
     case FVPointInTimePlan::State::InTheWay:
         if (!replace_ || !conflicts_.contains(*target)) {
             tell(fmt::format("ERROR: Not replaced, it appeared during the restore: {}", *target), true);
