@@ -2,6 +2,8 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVFileCopyWorkerImpl.h"
+#include "engine/FVRunRecorder.h"
+#include "fs/FVExtendedAttributes.h"
 #include "engine/FVTemporaryEntry.h"
 #include "fs/FVDataCopier.h"
 #include "fs/FVInodeFlags.h"
@@ -140,6 +142,8 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     if (hasher && fstat(out.get(), &written) == 0 && static_cast<uint64_t>(written.st_size) == shownBytes_)
         digest_ = hasher->digest();
     published_ = st;
+    // Read through the open source for the record, rather than by path afterwards.
+    if (worker_.recordsCopies) attributes_ = FVRunRecorder::attributesOf(FVExtendedAttributes(in.get(), false));
     Result published = publish(entry, item, out.get(), st.st_size);
     if (published.kind != Result::Kind::Done) return published;
     // Where a rename stamps the file with the time of the rename (fusefat), its times go on again.
@@ -369,7 +373,8 @@ void FVItemCloner::record(const Result& result, const Item& item, const struct s
     if (!worker_.recordsCopies) return;
     switch (result.kind) {
     case Result::Kind::Done:
-        worker_.recordItem({item.sourcePath, item.destinationPath, published_, linkTarget_, digest_, true, false});
+        worker_.recordItem({item.sourcePath, item.destinationPath, published_, linkTarget_, digest_, true, false,
+                            attributes_ ? &*attributes_ : nullptr});
         return;
     case Result::Kind::Cancelled: return;
     case Result::Kind::FatalDestinationError:

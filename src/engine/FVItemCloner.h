@@ -6,7 +6,7 @@
 // failing destination stops the session.
 
 #include "engine/FVFileSystemItem.h"
-#include "manifest/FVContentHash.h"
+#include "manifest/FVManifestEntry.h"
 
 #include <sys/stat.h>
 
@@ -77,6 +77,7 @@ private:
     // What the last attempt published, for the record.
     struct stat published_ {};
     std::optional<FVContentHash> digest_;
+    std::optional<FVManifestAttributes> attributes_;
     std::string linkTarget_;
     uint64_t shownBytes_ = 0;
 };

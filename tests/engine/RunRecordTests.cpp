@@ -15,6 +15,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <condition_variable>
@@ -65,6 +66,7 @@ protected:
         symlink("a.txt", (source + "/link").c_str());
         link((source + "/a.txt").c_str(), (source + "/hard").c_str());
         link((source + "/big").c_str(), (source + "/sub/big2").c_str());  // stays linked and current
+        for (const char* name : {"/big", "/a.txt", "/sub"}) lsetxattr((source + name).c_str(), "user.tag", name, 2, 0);
         // Sparse: a hole, some data, a hole to the end.
         FVFd sparse(open((source + "/sparse").c_str(), O_WRONLY | O_CREAT, 0644));
         pwrite(sparse.get(), "data", 4, 2 << 20);
@@ -156,6 +158,8 @@ TEST_F(RunRecordTest, EachRunRecordsTheWholeMirrorWithDigestsAndTheSourcesMetada
     }
     EXPECT_NE(first["/src/a.txt"].linkGroup, 0u);
     EXPECT_EQ(first["/src/a.txt"].linkGroup, first["/src/hard"].linkGroup);
+    const FVManifestAttributes tagged = {{"user.tag", "/b"}};
+    EXPECT_EQ(first["/src/big"].attributes, tagged);
     EXPECT_EQ(runs[0].summary->files, 6u);
     EXPECT_EQ(runs[0].summary->copied, 5u);  // later names are linked, not copied
 
@@ -184,6 +188,10 @@ TEST_F(RunRecordTest, EachRunRecordsTheWholeMirrorWithDigestsAndTheSourcesMetada
     EXPECT_FALSE(second.contains("/src/sub/b"));
     EXPECT_EQ(second["/src/hard"].hash, second["/src/a.txt"].hash);
     EXPECT_NE(digestOf(bigMirror), *second["/src/big"].hash);
+    // Attributes of a current file, a copied one and a folder.
+    EXPECT_EQ(second["/src/big"].attributes, tagged);
+    EXPECT_EQ(second["/src/a.txt"].attributes, (FVManifestAttributes{{"user.tag", "/a"}}));
+    EXPECT_EQ(second["/src/sub"].attributes, (FVManifestAttributes{{"user.tag", "/s"}}));
     EXPECT_EQ(runs[1].summary->copied, 2u);
     EXPECT_EQ(runs[1].summary->archived, 3u);  // both names of the old a.txt, and sub/b
     EXPECT_EQ(runs[1].summary->removed, 1u);
