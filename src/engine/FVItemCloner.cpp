@@ -137,10 +137,8 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
                          item.destinationPath, item.typeName), FVMessageLevel::Info);
     }
     // The digest stands for the bytes published only when the copy showed them all.
-    struct stat written {};
     digest_.reset();
-    if (hasher && fstat(out.get(), &written) == 0 && static_cast<uint64_t>(written.st_size) == shownBytes_)
-        digest_ = hasher->digest();
+    if (hasher && hashedWhole_) digest_ = hasher->digest();
     published_ = st;
     // Read through the open source for the record, rather than by path afterwards.
     if (worker_.recordsCopies) attributes_ = FVRunRecorder::attributesOf(FVExtendedAttributes(in.get(), false));
@@ -172,7 +170,7 @@ FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, s
             fallocate(out, FALLOC_FL_KEEP_SIZE, 0, st.st_size);  // only a hint against fragmentation
         FVDataCopier copier(in, out, state_.buffer.get(), worker_.cancelled, worker_.chunkHook, item.sourcePath, hasher);
         const FVDataCopier::Outcome outcome = copier.run(st);
-        shownBytes_ = copier.bytesShown();
+        hashedWhole_ = copier.sinkSawWholeCopy();
         switch (outcome) {
         case FVDataCopier::Outcome::Cancelled: return {Result::Kind::Cancelled};
         case FVDataCopier::Outcome::Failed: return destinationFailure(Step::CopyData, errno);

@@ -133,9 +133,10 @@ bool FVRunRecorder::recordCurrent(const std::string& relative, const std::string
     if (!recording()) return true;
     std::optional<FVContentHash> hash;
     if (S_ISREG(st.st_mode)) {
-        hash = previous_.find(relative, st, nanoseconds(st.st_mtim));
-        if (!hash) return false;
-        ++carried_;
+        std::optional<FVDigestIndex::Carried> carried = previous_.find(relative, st);
+        if (!carried) return false;
+        hash = carried->hash;
+        attributes = carried->attributes;
     }
     FVManifestEntry entry = entryOf(relative, sourcePath, st, attributes);
     entry.hash = hash;
@@ -156,6 +157,15 @@ void FVRunRecorder::recordCopy(const FVCopyRecord& record) {
     entry.failed = record.failed;
     add(entry);
     if (record.copied && !record.failed) ++copied_;
+}
+
+void FVRunRecorder::recordUnreadFolder(const std::string& relative, const std::string& sourcePath,
+                                       const struct stat& st) {
+    if (!recording()) return;
+    const FVManifestAttributes none;
+    FVManifestEntry entry = entryOf(relative, sourcePath, st, &none);
+    entry.failed = true;
+    add(entry);
 }
 
 void FVRunRecorder::recordLaterName(const std::string& relative, const std::string& sourcePath,

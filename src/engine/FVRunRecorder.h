@@ -44,6 +44,8 @@ public:
                        const FVManifestAttributes* attributes = nullptr);
     // A copy thread: an item copied, failed, or whose digest was taken from the mirror.
     void recordCopy(const FVCopyRecord& record);
+    // A folder the walk could not enter: its mirror is kept as it was, so what it holds is not known.
+    void recordUnreadFolder(const std::string& relative, const std::string& sourcePath, const struct stat& st);
     // A later name of a file with several names, once it is linked to the first name's copy.
     void recordLaterName(const std::string& relative, const std::string& sourcePath, const struct stat& st);
 
@@ -55,7 +57,6 @@ public:
     void finish(FVManifestOutcome outcome);
     // Why this run is not recorded; empty while it is.
     std::string warning() const;
-    uint64_t digestsCarried() const { return carried_.load(std::memory_order_relaxed); }
 
 private:
     FVManifestEntry entryOf(std::string relative, const std::string& sourcePath, const struct stat& st,
@@ -81,7 +82,6 @@ private:
     std::atomic<uint64_t> files_{0};
     std::atomic<uint64_t> bytes_{0};
     std::atomic<uint64_t> copied_{0};
-    std::atomic<uint64_t> carried_{0};
 };
 
 }  // namespace ferrovane

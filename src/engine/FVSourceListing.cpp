@@ -94,7 +94,8 @@ void FVSourceListing::walk() {
         } else {
             const bool inMirroredFolder = entry.level == 0 || mirrorHoldsFolder[entry.level - 1];
             const bool readsSignature = rules_.signature && inMirroredFolder && entry.level > 0;
-            const bool readsAttributes = rules_.attributes && (inMirroredFolder || type == S_IFDIR);
+            // A current file's attributes come with its digest from the last record.
+            const bool readsAttributes = rules_.attributes && type != S_IFREG && (inMirroredFolder || type == S_IFDIR);
             if (readsSignature || readsAttributes) {
                 const bool inFolder = entry.level > 0 &&
                     workingFolder.moveTo(found->parentFd, std::string_view(entry.path).substr(0, entry.nameOffset));

@@ -43,8 +43,9 @@ public:
         int error = 0;
         // The source's attribute signature, read ahead where the mirror holds the entry's folder.
         std::optional<std::string> signature;
-        // The source's attributes for the run's record, read ahead for folders and for entries
-        // whose folder the mirror holds (the others are copied, and read as they are).
+        // The source's attributes for the run's record, read ahead for folders and for links whose
+        // folder the mirror holds (the others are copied, and read as they are; a current file's
+        // come from the last record).
         std::optional<FVManifestAttributes> attributes;
         std::string reason;  // why an Unmirrorable entry is
 

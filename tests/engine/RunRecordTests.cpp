@@ -60,7 +60,7 @@ protected:
     void SetUp() override {
         setenv("FERROVANE_LOG_FILE", (dir / "Ferrovane.log").c_str(), 1);
         makeDirs(dir / "dest");
-        buildTree(source, {{"a.txt", "first"}, {"sub/b", "bee"}, {"sub/empty/", ""}, {"big", std::string(300000, 'q')}});
+        buildTree(source, {{"a.txt", "first"}, {"sub/b", "bee"}, {"sub/empty/", ""}, {"big", std::string(300000, 'q')}, {"quiet", "q"}});
         chmod((source + "/sub/b").c_str(), 0600);
         if (geteuid() == 0) lchown((source + "/sub/b").c_str(), 1234, 5678);
         symlink("a.txt", (source + "/link").c_str());
@@ -160,8 +160,8 @@ TEST_F(RunRecordTest, EachRunRecordsTheWholeMirrorWithDigestsAndTheSourcesMetada
     EXPECT_EQ(first["/src/a.txt"].linkGroup, first["/src/hard"].linkGroup);
     const FVManifestAttributes tagged = {{"user.tag", "/b"}};
     EXPECT_EQ(first["/src/big"].attributes, tagged);
-    EXPECT_EQ(runs[0].summary->files, 6u);
-    EXPECT_EQ(runs[0].summary->copied, 5u);  // later names are linked, not copied
+    EXPECT_EQ(runs[0].summary->files, 7u);
+    EXPECT_EQ(runs[0].summary->copied, 6u);  // later names are linked, not copied
 
     // Damage in the mirror that size and time do not show: the record keeps the digest the copy
     // had, so that a verification finds the damage instead of recording it as the truth.
@@ -176,6 +176,7 @@ TEST_F(RunRecordTest, EachRunRecordsTheWholeMirrorWithDigestsAndTheSourcesMetada
     utimensat(AT_FDCWD, bigMirror.c_str(), times, 0);
 
     writeFile(source + "/a.txt", "second, longer");
+    lsetxattr((source + "/quiet").c_str(), "user.tag", "new", 3, 0);  // its data stays as it is
     std::filesystem::remove(source + "/sub/b");
     writeFile(source + "/sub/c", "new");
     backUp();
@@ -192,6 +193,7 @@ TEST_F(RunRecordTest, EachRunRecordsTheWholeMirrorWithDigestsAndTheSourcesMetada
     EXPECT_EQ(second["/src/big"].attributes, tagged);
     EXPECT_EQ(second["/src/a.txt"].attributes, (FVManifestAttributes{{"user.tag", "/a"}}));
     EXPECT_EQ(second["/src/sub"].attributes, (FVManifestAttributes{{"user.tag", "/s"}}));
+    EXPECT_EQ(second["/src/quiet"].attributes, (FVManifestAttributes{{"user.tag", "new"}}));
     EXPECT_EQ(runs[1].summary->copied, 2u);
     EXPECT_EQ(runs[1].summary->archived, 3u);  // both names of the old a.txt, and sub/b
     EXPECT_EQ(runs[1].summary->removed, 1u);
