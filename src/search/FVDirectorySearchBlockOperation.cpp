@@ -1,6 +1,7 @@
 #include "search/FVDirectorySearchBlockOperation.h"
 
 #include "engine/FVMirrorLayout.h"
+#include "search/FVDisplacedIndex.h"
 #include "search/FVSearchCandidates.h"
 #include "search/FVSearchPlan.h"
 
@@ -46,7 +47,7 @@ void FVDirectorySearchBlockOperation::search() {
         return;
     }
     deduplicates_ = true;
-    FVRecordedSearch(hitPrefix(searchFolderPath_), plan, query_, *this).run();
+    FVRecordedSearch(hitPrefix(searchFolderPath_), plan, query_, *this, FVDisplacedIndex::userCacheFolder()).run();
 }
 
 bool FVDirectorySearchBlockOperation::stopped() const { return isCancelled() || matchCount_ >= matchLimit_; }

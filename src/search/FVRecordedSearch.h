@@ -1,25 +1,22 @@
 #pragma once
 // A name search answered from a destination's record of runs instead of a walk of its tree. The
-// newest complete manifest lists the mirror; for each older run whose manifest and the one before
-// are complete, the entries it displaced into __changed/<stamp> or __removed/<stamp> are those the
-// earlier manifest records and the run's records differently or not at all. Each manifest is
-// read once, as a stream, newest first, keeping only the fingerprints of the entries whose names
-// match. The record says what should be there, the disk says what is: every hit is confirmed
-// with one look at the item before it is reported. What the record cannot tell is handed back to
-// be walked, as is everything after a manifest turns out damaged.
+// newest complete manifest, read as a stream, lists the mirror; for each older run whose manifest
+// and the one before are complete, what it displaced into __changed/<stamp> or __removed/<stamp>
+// comes from the displaced index of the pair (computed once, then read from the cache). The
+// record says what should be there, the disk says what is: every hit is confirmed with one look
+// at the item before it is reported. What the record cannot tell is handed back to be walked, as
+// is the part a damaged manifest would have told.
 
 #include "fs/FVConfinedDirectory.h"
+#include "manifest/FVManifestEntry.h"
 #include "search/FVSearchPlan.h"
 #include "search/FVSearchQuery.h"
 
-#include <cstdint>
 #include <functional>
 #include <string>
-#include <unordered_map>
+#include <string_view>
 
 namespace ferrovane {
-
-struct FVManifestEntry;
 
 class FVRecordedSearchSink {
 public:
@@ -36,22 +33,23 @@ public:
 class FVRecordedSearch {
 public:
     // destination is the searched folder as the user named it: hits begin with it.
+    // cacheFolder keeps the displaced indexes ("" keeps none).
     FVRecordedSearch(std::string destination, const FVSearchPlan& plan, const FVSearchQuery& query,
-                     FVRecordedSearchSink& sink);
+                     FVRecordedSearchSink& sink, std::string cacheFolder);
 
     // Needs plan.listsMirror().
     void run();
 
 private:
-    // Path hash to a fingerprint of what the entry records.
-    using Matches = std::unordered_map<uint64_t, uint64_t>;
     enum class Read { Whole, Damaged, Stopped };
 
     Read forEachMatch(const std::string& manifest, const std::function<void(const FVManifestEntry&)>& visit);
+    bool isMatch(std::string_view path, FVManifestEntryType type) const;
     bool exists(const std::string& relative) const;
     void walkArchivesOf(const std::string& stamp);
 
     const std::string destination_;
+    const std::string cacheFolder_;
     const FVConfinedDirectory confined_;
     const FVSearchPlan& plan_;
     const FVSearchQuery& query_;

@@ -298,6 +298,14 @@ struct Found {
     std::vector<std::string> warnings;
 };
 
+// Each test keeps its displaced indexes in a cache of its own.
+class RecordedSearchTest : public ::testing::Test {
+protected:
+    void SetUp() override { setenv("XDG_CACHE_HOME", (cache / "").c_str(), 1); }
+    void TearDown() override { unsetenv("XDG_CACHE_HOME"); }
+    TempDir cache;
+};
+
 Found searchWithWarnings(const std::string& root, const std::string& text) {
     struct Delegate : RecordingDelegate {
         std::vector<std::string> warnings;
@@ -320,7 +328,7 @@ std::set<std::string> walked(const std::string& root, const std::string& text) {
 
 }  // namespace
 
-TEST(RecordedSearchTest, AnswersAsTheWalkDoesButFromTheRecord) {
+TEST_F(RecordedSearchTest, AnswersAsTheWalkDoesButFromTheRecord) {
     TempDir dir;
     std::string root = dir / "dest";
     RecordedDestination d(root);
@@ -337,9 +345,25 @@ TEST(RecordedSearchTest, AnswersAsTheWalkDoesButFromTheRecord) {
     }
     EXPECT_EQ(searchWithWarnings(root, "c report").matches,
               (std::set<std::string> {"Docs/reports/c report.txt", "__removed/" + kRun2 + "/Docs/reports/c report.txt"}));
+
+    // What each run displaced is kept: later searches read no manifest but the newest.
+    const std::set<std::string> expected = searchWithWarnings(root, "report").matches;
+    std::string first = readFile(d.manifest(kRun1));
+    ASSERT_GT(first.size(), 200u);
+    for (size_t k = 40; k < 60; ++k) first[k] = char(~first[k]);
+    writeFile(d.manifest(kRun1), first);
+    Found cached = searchWithWarnings(root, "report");
+    EXPECT_EQ(cached.matches, expected);
+    EXPECT_TRUE(cached.warnings.empty()) << cached.warnings.front();
+    // A kept list that was cut short is computed again, which now meets the damage.
+    for (const auto& file : std::filesystem::recursive_directory_iterator(cache.path()))
+        if (file.is_regular_file()) std::filesystem::resize_file(file.path(), file.file_size() - 1);
+    Found recomputed = searchWithWarnings(root, "report");
+    EXPECT_EQ(recomputed.matches, expected);
+    EXPECT_EQ(recomputed.warnings.size(), 1u);
 }
 
-TEST(RecordedSearchTest, WhatTheRecordCannotTellIsWalked) {
+TEST_F(RecordedSearchTest, WhatTheRecordCannotTellIsWalked) {
     TempDir dir;
     std::string root = dir / "dest";
     RecordedDestination d(root);
@@ -359,7 +383,7 @@ TEST(RecordedSearchTest, WhatTheRecordCannotTellIsWalked) {
     EXPECT_EQ(searchWithWarnings(root, "report").matches, walked(root, "report"));
 }
 
-TEST(RecordedSearchTest, DamagedManifestIsWalkedWithAWarningNeverWrongResults) {
+TEST_F(RecordedSearchTest, DamagedManifestIsWalkedWithAWarningNeverWrongResults) {
     TempDir dir;
     std::string root = dir / "dest";
     RecordedDestination d(root);
