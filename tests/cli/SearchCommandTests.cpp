@@ -12,6 +12,7 @@
 
 #include <filesystem>
 
+using namespace ferrovane;
 using namespace ferrovane::test;
 
 namespace {
