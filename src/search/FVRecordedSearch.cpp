@@ -7,7 +7,6 @@
 
 #include <sys/stat.h>
 
-
 namespace ferrovane {
 
 namespace {
@@ -27,7 +26,11 @@ FVSearchCandidates::Kind kindOf(FVManifestEntryType type) {
 FVRecordedSearch::FVRecordedSearch(std::string destination, const FVSearchPlan& plan, const FVSearchQuery& query,
                                    FVRecordedSearchSink& sink, std::string cacheFolder)
     : destination_(std::move(destination)),
-      cacheFolder_(std::move(cacheFolder)), confined_(destination_.empty() ? "/" : destination_), plan_(plan), query_(query), sink_(sink) {}
+      cacheFolder_(std::move(cacheFolder)),
+      confined_(destination_.empty() ? "/" : destination_),
+      plan_(plan),
+      query_(query),
+      sink_(sink) {}
 
 FVRecordedSearch::Read FVRecordedSearch::forEachMatch(const std::string& manifest,
                                                       const std::function<void(const FVManifestEntry&)>& visit) {
