@@ -82,14 +82,11 @@ void FVDirectorySearchBlockOperation::walk(const std::string& folder, bool whole
         // The searched folder is what is searched, not a candidate, whatever its name.
         if (entry->fts_level == FTS_ROOTLEVEL) continue;
         std::string_view name(entry->fts_name, entry->fts_namelen);
-        if (wholeDestination && entry->fts_info == FTS_D) {
-            if (entry->fts_level == 1 && name == FVMirrorLayout::kRunsFolder) {
-                fts_set(tree, entry, FTS_SKIP);
-                continue;
-            }
-            if (entry->fts_level == 1 && isArchiveFolder(name)) continue;
-            if (entry->fts_level == 2 && isArchiveFolder(entry->fts_parent->fts_name)) continue;
+        if (wholeDestination && entry->fts_level == 1 && (name == FVMirrorLayout::kRunsFolder || isArchiveFolder(name))) {
+            if (name == FVMirrorLayout::kRunsFolder) fts_set(tree, entry, FTS_SKIP);
+            continue;
         }
+        if (wholeDestination && entry->fts_level == 2 && isArchiveFolder(entry->fts_parent->fts_name)) continue;
         switch (entry->fts_info) {
         case FTS_D:
             if (!FVSearchCandidates::isCandidate(name, Kind::Folder)) {

@@ -82,7 +82,7 @@ TEST(DirectorySearchTest, PrunesHiddenAndSystemFoldersAndBundleContents) {
                              // The destination's own folders are no content: the record of runs
                              // is not searched, archive folders only inside.
                              "__runs/report.fvmanifest", "__changed/report 1/src/report.txt",
-                             "__removed/2026 report/report.txt"})
+                             "__removed/2026 report/report.txt", "__removed/report"})
         touch(root + "/" + name);
     ASSERT_EQ(symlink("/nonexistent/target", (root + "/dangling report").c_str()), 0);
     ASSERT_EQ(mkfifo((root + "/fifo report").c_str(), 0600), 0);
