@@ -86,10 +86,10 @@ int main(const Arguments& arguments) {
                         FVJsonText::quoted(line));
     switch (summary.status) {
     case FVVerificationSummary::Status::Clean:
-        if (!arguments.json) FVOutput::print(stdout, "Verified {}\n", shown(line));
+        if (!arguments.json) FVOutput::print(stdout, "Verify: {}\n", shown(line));
         return kExitIntact;
     case FVVerificationSummary::Status::Differs:
-        if (!arguments.json) FVOutput::print(stdout, "Verified {}\n", shown(line));
+        if (!arguments.json) FVOutput::print(stdout, "Verify: {}\n", shown(line));
         return kExitDiffers;
     case FVVerificationSummary::Status::Cancelled:
         FVOutput::print(stderr, "ferrovane verify: {}\n", shown(line));
