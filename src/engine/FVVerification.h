@@ -74,8 +74,6 @@ public:
     static std::string describe(const FVVerificationSummary& summary);
 
 private:
-    class Pass;
-
     Options options_;
     ProgressCallback progress_;
     FindingCallback finding_;
