@@ -40,7 +40,7 @@ void FVDigestIndex::grow(size_t capacity) {
 
 FVDigestIndex::Record& FVDigestIndex::insert(uint64_t key) {
     if (static_cast<double>(size_ + 1) > static_cast<double>(slots_.size()) * kMaximumLoad)
-        grow(slots_.size() * 2 + 16);
+        grow(slots_.size() + slots_.size() / 2 + 16);
     size_t i = slotOf(key);
     while (slots_[i].key != 0 && slots_[i].key != key) i = i + 1 == slots_.size() ? 0 : i + 1;
     if (slots_[i].key == 0) {

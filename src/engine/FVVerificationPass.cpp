@@ -230,7 +230,12 @@ void FVVerificationPass::verifyArchives(const std::vector<FVRunRecord>& runs) {
     std::sort(points.begin(), points.end(),
               [](const Point& a, const Point& b) { return a.time != b.time ? a.time < b.time : a.stamp < b.stamp; });
 
+    // Every path any run recorded: the largest run and some room for names that came and went,
+    // so that the index seldom has to grow (growing holds the old table and the new one at once).
+    uint64_t largest = 0;
+    for (const FVRunRecord& run : runs) largest = std::max<uint64_t>(largest, run.summary ? run.summary->entries : 0);
     index_.clear();
+    index_.reserve(largest + largest / 8);
     bool recorded = false;
     std::string problem;
     for (const Point& point : points) {

@@ -2,6 +2,7 @@
 // intact destination has nothing to say, and it reads beside restores but never beside a run.
 
 #include "engine/FVDestinationLock.h"
+#include "engine/FVDigestIndex.h"
 #include "engine/FVVerification.h"
 #include "support/RecordedRun.h"
 #include "support/TempDir.h"
@@ -67,6 +68,27 @@ protected:
     const std::string destination = dir / "destination";
     FVVerificationSummary summary;
 };
+
+TEST(DigestIndex, GrowsWithoutLosingAPathAndTheNewestRecordWins) {
+    FVDigestIndex index;
+    FVManifestEntry entry;
+    for (int i = 0; i < 20000; ++i) {
+        entry.path = "/Docs/file " + std::to_string(i);
+        entry.hash = FVContentHash{0, uint64_t(i)};
+        index.record(entry);
+    }
+    entry.path = "/Docs/file 7";
+    entry.failed = true;  // a file the run could not bring up to date: its bytes are not known
+    index.record(entry);
+    EXPECT_EQ(index.size(), 20000u);
+    for (int i = 0; i < 20000; ++i) {
+        const FVDigestIndex::Record* record = index.find(FVDigestIndex::keyOf("/Docs/file " + std::to_string(i)));
+        ASSERT_NE(record, nullptr) << i;
+        EXPECT_EQ(record->hasDigest, i != 7);
+        EXPECT_EQ(record->digest.low, i != 7 ? uint64_t(i) : 0u);
+    }
+    EXPECT_EQ(index.find(FVDigestIndex::keyOf("/Docs/file 20000")), nullptr);
+}
 
 TEST_F(VerificationTest, IntactDestinationReadsBesideRestoresButNotBesideARun) {
     FVDestinationLock restore;
