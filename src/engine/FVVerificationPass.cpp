@@ -144,7 +144,7 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
     plan(plannedBytes * (options_.sources ? 2 : 1));
     // The destination's root is no entry of the walk.
     for (const char* root : {"", "/"})
-        if (FVDigestIndex::Record* record = index_.find(FVDigestIndex::keyOf(root))) record->seen = true;
+        if (FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(root))) record->seen = true;
 
     std::vector<std::string> mirrorRoots;
     for (const std::string& source : layout.sources()) mirrorRoots.push_back(layout.mirrorRelativePath(source));
@@ -176,7 +176,7 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
         }
         const std::string relative(entry->relativePath());
         FVManifestEntryType type = typeOf(entry->st.st_mode);
-        FVDigestIndex::Record* record = index_.find(FVDigestIndex::keyOf(relative));
+        FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(relative));
         if (!record) {
             if (type == FVManifestEntryType::Folder && holdsMirrorRoot(relative)) continue;
             report(FVVerificationFinding::Kind::Unexpected, entry->path);
@@ -189,6 +189,8 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
             walker.skipChildren();
             continue;
         }
+        // A folder the run could not read: what it holds now was never recorded.
+        if (type == FVManifestEntryType::Folder && record->failed) walker.skipChildren();
         if (!record->hasDigest) continue;
         read({entry->path, entry->path, record->digest, false});
         if (!options_.sources) continue;
@@ -200,7 +202,7 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
     std::optional<std::string> missingFolder;
     for (size_t i = latest; i < runs.size() && !cancelled(); ++i) {
         forEachEntry(runs[i], [&](const FVManifestEntry& entry) {
-            FVDigestIndex::Record* record = index_.find(FVDigestIndex::keyOf(entry.path));
+            FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry.path));
             if (!record || record->seen) return;
             record->seen = true;
             if (missingFolder && isAtOrBelow(entry.path, *missingFolder)) return;
@@ -259,7 +261,7 @@ void FVVerificationPass::verifyArchives(const std::vector<FVRunRecord>& runs) {
                     unrecorded += type == FVManifestEntryType::File;
                     continue;
                 }
-                FVDigestIndex::Record* record = index_.find(FVDigestIndex::keyOf(entry->relativePath()));
+                FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry->relativePath()));
                 // Folders that only lead to what was archived need no record of their own.
                 if (!record && type == FVManifestEntryType::Folder) continue;
                 if (!record) {
@@ -302,9 +304,9 @@ void FVVerificationPass::locateVersions(const std::vector<FVRunRecord>& runs, si
     }
     for (size_t later = chosen + 1; later < runs.size() && !cancelled(); ++later) {
         const auto number = static_cast<uint32_t>(later);
-        index_.forEach([](FVDigestIndex::Record& record) { record.seen = false; });
+        index_.forEach([](FVRecordIndex::Record& record) { record.seen = false; });
         forEachEntry(runs[later], [&](const FVManifestEntry& entry) {
-            FVDigestIndex::Record* record = index_.find(FVDigestIndex::keyOf(entry.path));
+            FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry.path));
             if (!record || record->mark != 0) return;
             record->seen = true;
             bool sameBytes = !record->hasDigest || entry.failed || !entry.hash || *entry.hash == record->digest;
@@ -312,14 +314,14 @@ void FVVerificationPass::locateVersions(const std::vector<FVRunRecord>& runs, si
         }, &problem);
         // A complete run lists everything: what it does not list, it removed.
         if (runs[later].complete())
-            index_.forEach([&](FVDigestIndex::Record& record) {
+            index_.forEach([&](FVRecordIndex::Record& record) {
                 if (record.mark == 0 && !record.seen) record.mark = number;
             });
     }
     const FVMirrorLayout archives = FVMirrorLayout::archivesOf(destination());
     forEachEntry(runs[chosen], [&](const FVManifestEntry& entry) {
         if (entry.type == FVManifestEntryType::Folder) return;
-        const FVDigestIndex::Record* record = index_.find(FVDigestIndex::keyOf(entry.path));
+        const FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry.path));
         if (!record || record->mark == 0) return;
         const std::string& stamp = runs[record->mark].stamp;
         struct stat st {};

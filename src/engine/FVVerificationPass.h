@@ -3,7 +3,7 @@
 // the findings: the mirror against the newest complete run, each archive folder against the runs
 // before it, and where each version of an earlier run is now.
 
-#include "engine/FVDigestIndex.h"
+#include "engine/FVRecordIndex.h"
 #include "engine/FVRunRecords.h"
 #include "engine/FVVerification.h"
 #include "engine/FVVerificationReaders.h"
@@ -53,7 +53,7 @@ private:
     std::atomic<int64_t> nextTickNs_{0};
     float percent_ = 0;
     std::atomic<uint64_t> planned_{0};
-    FVDigestIndex index_;
+    FVRecordIndex index_;
     FVVerificationReaders readers_;
 };
 

@@ -2,7 +2,7 @@
 // intact destination has nothing to say, and it reads beside restores but never beside a run.
 
 #include "engine/FVDestinationLock.h"
-#include "engine/FVDigestIndex.h"
+#include "engine/FVRecordIndex.h"
 #include "engine/FVVerification.h"
 #include "support/RecordedRun.h"
 #include "support/TempDir.h"
@@ -69,8 +69,8 @@ protected:
     FVVerificationSummary summary;
 };
 
-TEST(DigestIndex, GrowsWithoutLosingAPathAndTheNewestRecordWins) {
-    FVDigestIndex index;
+TEST(RecordIndex, GrowsWithoutLosingAPathAndTheNewestRecordWins) {
+    FVRecordIndex index;
     FVManifestEntry entry;
     for (int i = 0; i < 20000; ++i) {
         entry.path = "/Docs/file " + std::to_string(i);
@@ -82,12 +82,12 @@ TEST(DigestIndex, GrowsWithoutLosingAPathAndTheNewestRecordWins) {
     index.record(entry);
     EXPECT_EQ(index.size(), 20000u);
     for (int i = 0; i < 20000; ++i) {
-        const FVDigestIndex::Record* record = index.find(FVDigestIndex::keyOf("/Docs/file " + std::to_string(i)));
+        const FVRecordIndex::Record* record = index.find(FVRecordIndex::keyOf("/Docs/file " + std::to_string(i)));
         ASSERT_NE(record, nullptr) << i;
         EXPECT_EQ(record->hasDigest, i != 7);
         EXPECT_EQ(record->digest.low, i != 7 ? uint64_t(i) : 0u);
     }
-    EXPECT_EQ(index.find(FVDigestIndex::keyOf("/Docs/file 20000")), nullptr);
+    EXPECT_EQ(index.find(FVRecordIndex::keyOf("/Docs/file 20000")), nullptr);
 }
 
 TEST_F(VerificationTest, IntactDestinationReadsBesideRestoresButNotBesideARun) {

@@ -13,12 +13,14 @@
 
 namespace ferrovane {
 
-class FVDigestIndex {
+class FVRecordIndex {
 public:
     struct Record {
         FVContentHash digest;
         FVManifestEntryType type = FVManifestEntryType::File;
         bool hasDigest = false;
+        // The run could not bring the item up to date: a folder's contents are then not known.
+        bool failed = false;
         // Set by whoever walks the items the index describes.
         bool seen = false;
         uint32_t mark = 0;

@@ -1,4 +1,4 @@
-#include "engine/FVDigestIndex.h"
+#include "engine/FVRecordIndex.h"
 
 #include <xxhash.h>
 
@@ -11,22 +11,22 @@ constexpr double kMaximumLoad = 0.75;
 
 }  // namespace
 
-uint64_t FVDigestIndex::keyOf(std::string_view path) {
+uint64_t FVRecordIndex::keyOf(std::string_view path) {
     uint64_t key = XXH3_64bits(path.data(), path.size());
     return key == 0 ? 1 : key;
 }
 
-size_t FVDigestIndex::slotOf(uint64_t key) const {
+size_t FVRecordIndex::slotOf(uint64_t key) const {
     // The high bits of key times the capacity: an even spread without a power-of-two size.
     return static_cast<size_t>((static_cast<unsigned __int128>(key) * slots_.size()) >> 64);
 }
 
-void FVDigestIndex::reserve(size_t paths) {
+void FVRecordIndex::reserve(size_t paths) {
     size_t wanted = static_cast<size_t>(static_cast<double>(paths) / kMaximumLoad) + 16;
     if (wanted > slots_.size()) grow(wanted);
 }
 
-void FVDigestIndex::grow(size_t capacity) {
+void FVRecordIndex::grow(size_t capacity) {
     std::vector<Slot> old;
     old.swap(slots_);
     slots_.assign(capacity, Slot{});
@@ -38,7 +38,7 @@ void FVDigestIndex::grow(size_t capacity) {
     }
 }
 
-FVDigestIndex::Record& FVDigestIndex::insert(uint64_t key) {
+FVRecordIndex::Record& FVRecordIndex::insert(uint64_t key) {
     if (static_cast<double>(size_ + 1) > static_cast<double>(slots_.size()) * kMaximumLoad)
         grow(slots_.size() + slots_.size() / 2 + 16);
     size_t i = slotOf(key);
@@ -51,7 +51,7 @@ FVDigestIndex::Record& FVDigestIndex::insert(uint64_t key) {
     return slots_[i].record;
 }
 
-FVDigestIndex::Record* FVDigestIndex::find(uint64_t key) {
+FVRecordIndex::Record* FVRecordIndex::find(uint64_t key) {
     if (slots_.empty()) return nullptr;
     size_t i = slotOf(key);
     while (slots_[i].key != 0) {
@@ -61,19 +61,20 @@ FVDigestIndex::Record* FVDigestIndex::find(uint64_t key) {
     return nullptr;
 }
 
-void FVDigestIndex::record(const FVManifestEntry& entry) {
+void FVRecordIndex::record(const FVManifestEntry& entry) {
     Record& record = insert(keyOf(entry.path));
     record.type = entry.type;
+    record.failed = entry.failed;
     record.hasDigest = entry.type == FVManifestEntryType::File && entry.hash && !entry.failed;
     record.digest = record.hasDigest ? *entry.hash : FVContentHash{};
 }
 
-void FVDigestIndex::forEach(const std::function<void(Record&)>& visit) {
+void FVRecordIndex::forEach(const std::function<void(Record&)>& visit) {
     for (Slot& slot : slots_)
         if (slot.key != 0) visit(slot.record);
 }
 
-void FVDigestIndex::clear() {
+void FVRecordIndex::clear() {
     std::vector<Slot>().swap(slots_);
     size_ = 0;
 }
