@@ -328,7 +328,7 @@ void FVVerificationPass::locateVersions(const std::vector<FVRunRecord>& runs, si
         for (FVArchiveKind kind : {FVArchiveKind::Changed, FVArchiveKind::Removed})
             if (lstat(archives.archivePath(kind, stamp, entry.path).c_str(), &st) == 0) return;
         report(FVVerificationFinding::Kind::Gone, archives.destinationPath(entry.path),
-               "the run " + stamp + " replaced it and no archive kept it");
+               "the run " + stamp + " replaced or removed it, and no archive kept it");
     }, &problem);
 }
 

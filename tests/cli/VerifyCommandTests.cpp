@@ -1,7 +1,9 @@
-// "ferrovane verify": one line per finding, and an exit status a script can act on.
+// "ferrovane verify" after real runs: one line per finding, and an exit status a script can act on.
 
 #include "cli/DestinationFixture.h"
-#include "support/RecordedRun.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 namespace ferrovane::test {
 namespace {
@@ -9,29 +11,35 @@ namespace {
 using VerifyCommandTest = DestinationFixture;
 
 TEST_F(VerifyCommandTest, ExitStatusSaysIntactDiffersOrCannotVerify) {
+    writeFile(source + "/notes.txt", "kept safe");
+    configure({{source, FVSourceMode::Backup}}, defaults());
     ProcessResult unrecorded = ferrovane({"verify", destination});
     EXPECT_EQ(unrecorded.exitStatus, 255);
     EXPECT_NE(unrecorded.err.find("no record of a complete run"), std::string::npos) << unrecorded.err;
 
-    makeDirs(destination + "/src");
-    writeFile(destination + "/src/notes.txt", "kept safe");
-    recordRun(destination, "2026-11-20 10.00.00 +0000", {source});
+    ASSERT_EQ(run().exitStatus, 0);
     ProcessResult intact = ferrovane({"verify", destination});
     EXPECT_EQ(intact.exitStatus, 0) << intact.out << intact.err;
-    EXPECT_NE(intact.out.find("1 files (9 bytes) read against the run 2026-11-20 10.00.00 +0000: intact"),
-              std::string::npos) << intact.out;
+    EXPECT_NE(intact.out.find("Verify: 1 files (9 bytes) read against the run "), std::string::npos) << intact.out;
+    EXPECT_NE(intact.out.find(": intact\n"), std::string::npos) << intact.out;
 
-    writeFile(destination + "/src/notes.txt", "kept SAFE");
+    // An edit inside the destination that keeps size and time: no run notices it, verify does.
+    const std::string mirrored = destination + "/src/notes.txt";
+    struct stat before {};
+    ASSERT_EQ(stat(mirrored.c_str(), &before), 0);
+    writeFile(mirrored, "kept SAFE");
+    const struct timespec times[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, mirrored.c_str(), times, 0), 0);
+    ASSERT_EQ(run().exitStatus, 0);
     ProcessResult damaged = ferrovane({"verify", destination});
     EXPECT_EQ(damaged.exitStatus, 1);
-    EXPECT_EQ(damaged.out.rfind("damaged: " + destination + "/src/notes.txt (read ", 0), 0u) << damaged.out;
+    EXPECT_EQ(damaged.out.rfind("damaged: " + mirrored + " (read ", 0), 0u) << damaged.out;
     ProcessResult json = ferrovane({"verify", destination, "--json"});
     EXPECT_EQ(json.exitStatus, 1);
-    EXPECT_NE(json.out.find("{\"kind\": \"damaged\", \"path\": \"" + destination + "/src/notes.txt\""),
-              std::string::npos) << json.out;
+    EXPECT_NE(json.out.find("{\"kind\": \"damaged\", \"path\": \"" + mirrored + "\""), std::string::npos) << json.out;
     EXPECT_NE(json.out.find("\"status\": \"differs\""), std::string::npos) << json.out;
 
-    EXPECT_EQ(ferrovane({"verify", destination, "--at", "yesterday-ish"}).exitStatus, 255);
+    EXPECT_EQ(ferrovane({"verify", destination, "--at", "2001-01-01"}).exitStatus, 255);
     EXPECT_EQ(ferrovane({"verify"}).exitStatus, 2);
 }
 
