@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The fault suite: crash anywhere, storage faults, escapes, hostile names, durability, signals
+"""The fault suite: crash anywhere, storage faults, escapes, hostile names, durability, signals,
 restores racing backups, and the record of runs.
 
   faults.py --executable build/release/ferrovane --tier quick|full [--seed N] [--only crash,...]
