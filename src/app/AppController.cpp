@@ -4,6 +4,7 @@
 #include "app/FVAlert.h"
 #include "app/FVCoverView.h"
 #include "app/FVDestinationSearchSheet.h"
+#include "app/FVVerifySheet.h"
 #include "app/FVDropZone.h"
 #include "app/FVFileDialog.h"
 #include "app/FVFileReveal.h"
@@ -79,6 +80,7 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
     connect(w->startButton(), &QPushButton::clicked, this, &AppController::startOrCancelSync);
     connect(w->optionsButton(), &QPushButton::clicked, this, &AppController::showOptionsPanel);
     connect(w->searchButton(), &QPushButton::clicked, this, &AppController::showSearchBackupPanel);
+    connect(w->verifyAction(), &QAction::triggered, this, &AppController::showVerifySheet);
     connect(w->addFoldersAction(), &QAction::triggered, this, &AppController::addSourceFolders);
     connect(w->addFilesAction(), &QAction::triggered, this, &AppController::addSourceFiles);
     connect(w->backUpNowAction(), &QAction::triggered, this, [this] {
@@ -236,6 +238,7 @@ void AppController::setOptionWidgetsEnabled(bool enabled) {
     window_->sourceListView()->setRestoreEnabled(enabled);
     window_->optionsButton()->setEnabled(enabled);
     window_->searchButton()->setEnabled(enabled);
+    window_->verifyAction()->setEnabled(enabled);
     window_->addSourceButton()->setEnabled(enabled);
     window_->removeSourceButton()->setEnabled(enabled && backupSetController_.count() > 0);
 }
@@ -574,6 +577,13 @@ void AppController::showSearchBackupPanel() {
         restoreController_->restoreVersion(qPath(currentTargetPath_), versionPath, sheet);
     });
     sheet->open();
+}
+
+void AppController::showVerifySheet() {
+    if (currentTargetPath_.empty()) return;
+    auto* sheet = new FVVerifySheet(window_.get(), qPath(currentTargetPath_));
+    sheet->open();
+    sheet->start();
 }
 
 // ---- Restores

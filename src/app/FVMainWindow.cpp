@@ -143,6 +143,8 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     file->addAction(localized("menuoptions"), optionsButton_, &QPushButton::click);
     QAction* search = file->addAction(localized("menusearch"), searchButton_, &QPushButton::click);
     search->setShortcut(QKeySequence::Find);
+    verifyAction_ = file->addAction(localized("menuverify"));
+    verifyAction_->setObjectName("verifyAction");
     showErrorsAction_ = file->addAction(localized("menushowerrors"));
     showErrorsAction_->setEnabled(false);
     connect(showErrorsButton_, &QPushButton::clicked, showErrorsAction_, &QAction::trigger);

@@ -8,6 +8,7 @@
 #include "engine/FVMirrorLayout.h"
 #include "fs/FVDestinationProfile.h"
 #include "manifest/FVContentHash.h"
+#include "manifest/FVManifestEntry.h"
 
 #include <sys/stat.h>
 
@@ -42,6 +43,8 @@ struct FVCopyRecord {
     std::optional<FVContentHash> hash;  // a regular file's published bytes, when they were seen whole
     bool copied = false;                // false: the digest of a current copy was taken, nothing copied
     bool failed = false;                // not brought up to date: the mirror holds what it held
+    // The source's attributes when the copy read them; else the record reads them.
+    const FVManifestAttributes* attributes = nullptr;
 };
 
 // Callbacks arrive on worker threads, never on the main thread.

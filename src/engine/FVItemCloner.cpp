@@ -2,6 +2,8 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVFileCopyWorkerImpl.h"
+#include "engine/FVRunRecorder.h"
+#include "fs/FVExtendedAttributes.h"
 #include "engine/FVTemporaryEntry.h"
 #include "fs/FVDataCopier.h"
 #include "fs/FVInodeFlags.h"
@@ -135,11 +137,11 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
                          item.destinationPath, item.typeName), FVMessageLevel::Info);
     }
     // The digest stands for the bytes published only when the copy showed them all.
-    struct stat written {};
     digest_.reset();
-    if (hasher && fstat(out.get(), &written) == 0 && static_cast<uint64_t>(written.st_size) == shownBytes_)
-        digest_ = hasher->digest();
+    if (hasher && hashedWhole_) digest_ = hasher->digest();
     published_ = st;
+    // Read through the open source for the record, rather than by path afterwards.
+    if (worker_.recordsCopies) attributes_ = FVRunRecorder::attributesOf(FVExtendedAttributes(in.get(), false));
     Result published = publish(entry, item, out.get(), st.st_size);
     if (published.kind != Result::Kind::Done) return published;
     // Where a rename stamps the file with the time of the rename (fusefat), its times go on again.
@@ -168,7 +170,7 @@ FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, s
             fallocate(out, FALLOC_FL_KEEP_SIZE, 0, st.st_size);  // only a hint against fragmentation
         FVDataCopier copier(in, out, state_.buffer.get(), worker_.cancelled, worker_.chunkHook, item.sourcePath, hasher);
         const FVDataCopier::Outcome outcome = copier.run(st);
-        shownBytes_ = copier.bytesShown();
+        hashedWhole_ = copier.sinkSawWholeCopy();
         switch (outcome) {
         case FVDataCopier::Outcome::Cancelled: return {Result::Kind::Cancelled};
         case FVDataCopier::Outcome::Failed: return destinationFailure(Step::CopyData, errno);
@@ -369,7 +371,8 @@ void FVItemCloner::record(const Result& result, const Item& item, const struct s
     if (!worker_.recordsCopies) return;
     switch (result.kind) {
     case Result::Kind::Done:
-        worker_.recordItem({item.sourcePath, item.destinationPath, published_, linkTarget_, digest_, true, false});
+        worker_.recordItem({item.sourcePath, item.destinationPath, published_, linkTarget_, digest_, true, false,
+                            attributes_ ? &*attributes_ : nullptr});
         return;
     case Result::Kind::Cancelled: return;
     case Result::Kind::FatalDestinationError:

@@ -6,7 +6,7 @@
 // failing destination stops the session.
 
 #include "engine/FVFileSystemItem.h"
-#include "manifest/FVContentHash.h"
+#include "manifest/FVManifestEntry.h"
 
 #include <sys/stat.h>
 
@@ -55,7 +55,7 @@ private:
     // Copies the data of in, whose fstat is st, again and again while the source changes during
     // its copy (at most twice more). st ends as the fstat the last copy began with; false in
     // *settled when the source changed during that copy as well. With a hasher, it ends holding
-    // the last copy's bytes, and shownBytes_ their number.
+    // the last copy's bytes, and hashedWhole_ says whether it saw all of them.
     Result copyData(const Item& item, int in, int out, struct stat& st, bool* settled, FVContentHasher* hasher);
     Result cloneLink(const Item& item);
     Result cloneNode(const Item& item, mode_t kind);
@@ -77,8 +77,9 @@ private:
     // What the last attempt published, for the record.
     struct stat published_ {};
     std::optional<FVContentHash> digest_;
+    std::optional<FVManifestAttributes> attributes_;
     std::string linkTarget_;
-    uint64_t shownBytes_ = 0;
+    bool hashedWhole_ = false;
 };
 
 }  // namespace ferrovane

@@ -36,11 +36,10 @@ FVManifestEntryType typeOf(mode_t mode) {
     }
 }
 
-// Every attribute of the source, the access control lists included, sorted by name; the two
-// names a copy never carries are left out.
-FVManifestAttributes attributesOf(const std::string& path) {
+}  // namespace
+
+FVManifestAttributes FVRunRecorder::attributesOf(const FVExtendedAttributes& source) {
     FVManifestAttributes attributes;
-    const FVExtendedAttributes source(path);
     std::vector<char> names;
     if (source.listNames(names) <= 0) return attributes;
     std::vector<char> value;
@@ -53,8 +52,6 @@ FVManifestAttributes attributesOf(const std::string& path) {
     std::sort(attributes.begin(), attributes.end());
     return attributes;
 }
-
-}  // namespace
 
 FVRunRecorder::FVRunRecorder(const FVRunSettings& settings, std::vector<std::string> sources, FVRunStatus& status)
     : settings_(settings), status_(status), layout_(settings.layout()) {
@@ -94,8 +91,8 @@ void FVRunRecorder::loadPreviousDigests() {
                                 "read from the mirror.", newest->stamp, error));
 }
 
-FVManifestEntry FVRunRecorder::entryOf(std::string relative, const std::string& sourcePath,
-                                        const struct stat& st) const {
+FVManifestEntry FVRunRecorder::entryOf(std::string relative, const std::string& sourcePath, const struct stat& st,
+                                        const FVManifestAttributes* attributes) const {
     FVManifestEntry entry;
     entry.path = std::move(relative);
     entry.type = typeOf(st.st_mode);
@@ -105,7 +102,7 @@ FVManifestEntry FVRunRecorder::entryOf(std::string relative, const std::string& 
     entry.mode = st.st_mode & 07777;
     entry.owner = st.st_uid;
     entry.group = st.st_gid;
-    entry.attributes = attributesOf(sourcePath);
+    entry.attributes = attributes ? *attributes : attributesOf(FVExtendedAttributes(sourcePath));
     if (entry.type != FVManifestEntryType::Folder && st.st_nlink > 1) {
         const uint64_t identity[2] = {static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino)};
         entry.linkGroup = XXH3_64bits(identity, sizeof identity) | 1;
@@ -131,15 +128,17 @@ void FVRunRecorder::noteGroupDigest(const FVManifestEntry& entry) {
     groupDigests_.emplace(entry.linkGroup, *entry.hash);
 }
 
-bool FVRunRecorder::recordCurrent(const std::string& relative, const std::string& sourcePath, const struct stat& st) {
+bool FVRunRecorder::recordCurrent(const std::string& relative, const std::string& sourcePath, const struct stat& st,
+                                  const FVManifestAttributes* attributes) {
     if (!recording()) return true;
     std::optional<FVContentHash> hash;
     if (S_ISREG(st.st_mode)) {
-        hash = previous_.find(relative, st, nanoseconds(st.st_mtim));
-        if (!hash) return false;
-        ++carried_;
+        std::optional<FVDigestIndex::Carried> carried = previous_.find(relative, st);
+        if (!carried) return false;
+        hash = carried->hash;
+        attributes = carried->attributes;
     }
-    FVManifestEntry entry = entryOf(relative, sourcePath, st);
+    FVManifestEntry entry = entryOf(relative, sourcePath, st, attributes);
     entry.hash = hash;
     if (entry.type == FVManifestEntryType::Link) {
         entry.linkTarget = FVLongPath::readLink(sourcePath);
@@ -152,7 +151,7 @@ void FVRunRecorder::recordCopy(const FVCopyRecord& record) {
     if (!recording()) return;
     std::optional<std::string> relative = layout_.relativePathOfDestinationPath(record.destinationPath);
     if (!relative) return;
-    FVManifestEntry entry = entryOf(std::move(*relative), record.sourcePath, record.source);
+    FVManifestEntry entry = entryOf(std::move(*relative), record.sourcePath, record.source, record.attributes);
     entry.linkTarget = record.linkTarget;
     entry.hash = record.hash;
     entry.failed = record.failed;
@@ -160,10 +159,19 @@ void FVRunRecorder::recordCopy(const FVCopyRecord& record) {
     if (record.copied && !record.failed) ++copied_;
 }
 
+void FVRunRecorder::recordUnreadFolder(const std::string& relative, const std::string& sourcePath,
+                                       const struct stat& st) {
+    if (!recording()) return;
+    const FVManifestAttributes none;
+    FVManifestEntry entry = entryOf(relative, sourcePath, st, &none);
+    entry.failed = true;
+    add(entry);
+}
+
 void FVRunRecorder::recordLaterName(const std::string& relative, const std::string& sourcePath,
                                     const struct stat& st) {
     if (!recording()) return;
-    FVManifestEntry entry = entryOf(relative, sourcePath, st);
+    FVManifestEntry entry = entryOf(relative, sourcePath, st, nullptr);
     if (entry.type == FVManifestEntryType::Link) entry.linkTarget = FVLongPath::readLink(sourcePath);
     if (entry.linkGroup != 0) {
         std::lock_guard lock(mutex_);

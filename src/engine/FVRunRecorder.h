@@ -11,6 +11,7 @@
 #include "engine/FVMirrorLayout.h"
 #include "engine/FVRunSettings.h"
 #include "engine/FVRunStatus.h"
+#include "fs/FVExtendedAttributes.h"
 #include "manifest/FVManifestWriter.h"
 
 #include <sys/stat.h>
@@ -38,20 +39,28 @@ public:
     // The walk: an entry whose mirror is current (or differs only in mode and owner), at its path
     // relative to the mirror. False for a file without a digest to carry: the copy threads read
     // its mirror and record it (recordCopy).
-    bool recordCurrent(const std::string& relative, const std::string& sourcePath, const struct stat& st);
+    // attributes: the source's, when already read (else they are read here).
+    bool recordCurrent(const std::string& relative, const std::string& sourcePath, const struct stat& st,
+                       const FVManifestAttributes* attributes = nullptr);
     // A copy thread: an item copied, failed, or whose digest was taken from the mirror.
     void recordCopy(const FVCopyRecord& record);
+    // A folder the walk could not enter: its mirror is kept as it was, so what it holds is not known.
+    void recordUnreadFolder(const std::string& relative, const std::string& sourcePath, const struct stat& st);
     // A later name of a file with several names, once it is linked to the first name's copy.
     void recordLaterName(const std::string& relative, const std::string& sourcePath, const struct stat& st);
+
+    // Every attribute of a source item, the access control lists included, sorted by name, as the
+    // record keeps them; the two names a copy never carries are left out.
+    static FVManifestAttributes attributesOf(const FVExtendedAttributes& source);
 
     // Adds the summary and gives the manifest its name; after this nothing more is recorded.
     void finish(FVManifestOutcome outcome);
     // Why this run is not recorded; empty while it is.
     std::string warning() const;
-    uint64_t digestsCarried() const { return carried_.load(std::memory_order_relaxed); }
 
 private:
-    FVManifestEntry entryOf(std::string relative, const std::string& sourcePath, const struct stat& st) const;
+    FVManifestEntry entryOf(std::string relative, const std::string& sourcePath, const struct stat& st,
+                            const FVManifestAttributes* attributes) const;
     void add(const FVManifestEntry& entry);
     void noteGroupDigest(const FVManifestEntry& entry);
     void giveUp(const std::string& reason);
@@ -73,7 +82,6 @@ private:
     std::atomic<uint64_t> files_{0};
     std::atomic<uint64_t> bytes_{0};
     std::atomic<uint64_t> copied_{0};
-    std::atomic<uint64_t> carried_{0};
 };
 
 }  // namespace ferrovane

@@ -8,6 +8,7 @@
 #include "engine/FVSourceListing.h"
 #include "fs/FVFileDescriptor.h"
 #include "engine/FVExclusionRules.h"
+#include "fs/FVExtendedAttributes.h"
 #include "fs/FVText.h"
 
 #include <sys/stat.h>
@@ -58,8 +59,8 @@ void FVSourceAnalysis::analyse(const std::string& sourcePath, int64_t estimatedF
 }
 
 void FVSourceAnalysis::recordCurrent(const std::string& relative, const FVFileSystemItemPtr& source,
-                                     const FVFileSystemItemPtr& destination) {
-    if (!recorder_ || recorder_->recordCurrent(relative, source->path(), source->statBuffer())) return;
+                                     const FVFileSystemItemPtr& destination, const FVManifestAttributes* attributes) {
+    if (!recorder_ || recorder_->recordCurrent(relative, source->path(), source->statBuffer(), attributes)) return;
     ++digestsToTake_;
     handOver_(source, destination, Work::Digest);
 }
@@ -154,6 +155,8 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
         rules.signature = [includeACL](const std::string& path) {
             return FVFileManager::xattrNameAndDataStringForFileAtPath(path, includeACL);
         };
+    if (recorder_)
+        rules.attributes = [](const std::string& path) { return FVRunRecorder::attributesOf(FVExtendedAttributes(path)); };
     FVSourceListing listing(sourceRoot, targetRoot, std::move(rules));
     FVMirrorFolders mirrorFolders(settings_.willPerformCleanup);
     std::string newDirectoryPrefix;
@@ -187,6 +190,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 // Not entered: its mirror stays as it is.
                 ++status_.totalFilesCount;
                 reportUnreadableSource(path, entry.error);
+                if (recorder_) recorder_->recordUnreadFolder(relativeRoot + std::string(entry.relativePath()), path, entry.st);
                 continue;
             case Kind::Unmirrorable: {
                 // Not copied, and no match of its folder's mirror names: whatever the mirror holds
@@ -224,7 +228,9 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 if (hardLinks_.takeLaterName(source, destination, true)) continue;
                 handOver(source, destination);
                 // A folder is recorded as the walk meets it; the copy threads record the rest.
-                if (type == S_IFDIR) recordCurrent(relativeRoot + std::string(entry.relativePath()), source, destination);
+                if (type == S_IFDIR)
+                    recordCurrent(relativeRoot + std::string(entry.relativePath()), source, destination,
+                                  entry.attributes ? &*entry.attributes : nullptr);
                 continue;
             }
             auto destination = mirrorFolders.item(level, entry.nameCString(), destinationPath);
@@ -250,13 +256,15 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
             if (hardLinks_.takeLaterName(source, destination, needed)) {
                 // A later name an earlier run linked is current; one to be linked is recorded once it is.
                 if (hardLinks_.requests().size() == linkRequests)
-                    recordCurrent(relativeRoot + std::string(entry.relativePath()), source, destination);
+                    recordCurrent(relativeRoot + std::string(entry.relativePath()), source, destination,
+                                  entry.attributes ? &*entry.attributes : nullptr);
                 continue;
             }
             // A folder's pair applies its mode and owner anyway.
             const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch && type != S_IFDIR;
             if (type == S_IFDIR || !needed || inPlace)
-                recordCurrent(relativeRoot + std::string(entry.relativePath()), source, destination);
+                recordCurrent(relativeRoot + std::string(entry.relativePath()), source, destination,
+                              entry.attributes ? &*entry.attributes : nullptr);
             if (!needed) continue;
             // Writing an entry into a folder changes the folder's date: queue an unchanged folder
             // again so that its attributes are applied after the write.

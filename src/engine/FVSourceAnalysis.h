@@ -49,7 +49,7 @@ private:
     // Records an entry whose mirror the run leaves as it is (data-wise); a file without a digest
     // to carry goes to the copy threads for its digest.
     void recordCurrent(const std::string& relative, const FVFileSystemItemPtr& source,
-                       const FVFileSystemItemPtr& destination);
+                       const FVFileSystemItemPtr& destination, const FVManifestAttributes* attributes = nullptr);
 
     const FVRunSettings& settings_;
     FVRunFindings& findings_;

@@ -86,6 +86,7 @@ bool FVDataCopier::afterChunk(ssize_t n) {
 // next run copies it again. A size of 0 (procfs and the like) reads to the end.
 FVDataCopier::Outcome FVDataCopier::copyDense(uint64_t size) {
     for (;;) {
+        written_ = copied_;
         if (size > 0 && copied_ >= size) return Outcome::Done;
         ssize_t n = chunk(nullptr, nullptr, kCopyBufferSize);
         if (n < 0) return Outcome::Failed;
@@ -121,6 +122,7 @@ std::optional<FVDataCopier::Outcome> FVDataCopier::copySparse() {
     struct stat now {};
     if (fstat(in_, &now) != 0 || ftruncate(out_, now.st_size) != 0) return Outcome::Failed;
     showZerosUpTo(static_cast<uint64_t>(now.st_size));
+    written_ = static_cast<uint64_t>(now.st_size);
     return Outcome::Done;
 }
 

@@ -34,8 +34,8 @@ public:
 
     // st is the source's fstat: a file with fewer blocks than its size is copied sparsely.
     Outcome run(const struct stat& st);
-    // The bytes the sink was shown: the size of the copy when it is whole.
-    uint64_t bytesShown() const { return shown_; }
+    // Whether the sink was shown exactly the bytes of the copy as it stands after a Done.
+    bool sinkSawWholeCopy() const { return sink_ && shown_ == written_; }
 
 private:
     ssize_t chunk(off_t* inOffset, off_t* outOffset, size_t len);
@@ -54,6 +54,7 @@ private:
     bool useCopyRange_;
     uint64_t copied_ = 0;
     uint64_t shown_ = 0;
+    uint64_t written_ = 0;  // the size of the copy once done
 };
 
 }  // namespace ferrovane

@@ -11,8 +11,10 @@
 #include "app/FVSingleInstance.h"
 #include "app/FVSourceListModel.h"
 #include "app/FVSourceListView.h"
+#include "app/FVVerifySheet.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVStrings.h"
+#include "support/RecordedRun.h"
 #include "support/TempDir.h"
 
 #include <QApplication>
@@ -381,6 +383,25 @@ private slots:
         QCOMPARE(ferrovane::test::readFile(*home_ / "data/Trash/files/file2"), "mine");
     }
 
+    void verifySheetListsWhatDiffersFromTheRecord() {
+        launch();
+        const std::string source = makeDir("Docs"), destination = makeDir("dest");
+        fs::create_directories(destination + "/Docs");
+        ferrovane::test::writeFile(destination + "/Docs/notes.txt", "kept");
+        ferrovane::test::recordRun(destination, "2026-11-20 10.00.00 +0000", {source});
+        ferrovane::test::writeFile(destination + "/Docs/notes.txt", "KEPT");
+        openDestination(destination);
+        app_->window()->verifyAction()->trigger();
+        auto* sheet = app_->window()->findChild<FVVerifySheet*>();
+        QVERIFY(sheet);
+        QTRY_VERIFY_WITH_TIMEOUT(!sheet->isVerifying(), kPatience);
+        QCOMPARE(sheet->findings()->topLevelItemCount(), 1);
+        QCOMPARE(sheet->findings()->topLevelItem(0)->text(0), QString("damaged"));
+        QCOMPARE(sheet->findings()->topLevelItem(0)->text(1), QString::fromStdString(destination + "/Docs/notes.txt"));
+        QVERIFY(sheet->outcome()->text().endsWith(": 1 damaged"));
+        sheet->reject();
+    }
+
     void aRunWithErrorsStaysVisibleAndOffersToEmptyAConfirmedSource() {
         std::string destination = makeDir("dest"), photos = makeDir("Photos"), mail = makeDir("Mail");
         // What the last run left, as a restart finds it.
@@ -461,12 +482,15 @@ private slots:
         auto* weekday = panel->findChild<QComboBox*>("automationWeekday");
         weekday->setCurrentIndex(weekday->findData(5));
         panel->findChild<QTimeEdit*>("automationTime")->setTime(QTime(3, 30));
+        panel->findChild<QCheckBox*>("automationVerifyMonthly")->setChecked(true);
         panel->accept();
 
         std::string uuid = app_->optionsPanelController().uuid();
         std::string label = FVLaunchAgentManager::jobLabel(uuid);
         std::string timer = ferrovane::test::readFile(*home_ / ("jobs/" + label + ".timer"));
         QVERIFY2(timer.find("OnCalendar=Fri *-*-* 03:30:00") != std::string::npos, timer.c_str());
+        const std::string verifyTimer = *home_ / ("jobs/" + FVLaunchAgentManager::jobLabel(uuid, FVJobKind::Verify) + ".timer");
+        QVERIFY(ferrovane::test::readFile(verifyTimer).find("OnCalendar=monthly\n") != std::string::npos);
         QVERIFY(!runner_->calls.empty() && runner_->calls.back()[0] == "systemctl");
         PlistDict stored = readSettingsOf(destination);
         QCOMPARE(stored.integerValue(FVOptionKey::automationWeekdaySelection), 5);
@@ -476,6 +500,7 @@ private slots:
         app_->removeTargetWidgetClicked();
         clickButton(openDialog(app_->window()), "removebutton");
         QTRY_VERIFY_WITH_TIMEOUT(!fs::exists(*home_ / ("jobs/" + label + ".timer")), kPatience);
+        QVERIFY(!fs::exists(verifyTimer));
     }
 
     void sourcesComeFromPlusOrFromASecondStart() {

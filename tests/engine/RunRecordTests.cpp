@@ -15,6 +15,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <condition_variable>
@@ -59,12 +60,13 @@ protected:
     void SetUp() override {
         setenv("FERROVANE_LOG_FILE", (dir / "Ferrovane.log").c_str(), 1);
         makeDirs(dir / "dest");
-        buildTree(source, {{"a.txt", "first"}, {"sub/b", "bee"}, {"sub/empty/", ""}, {"big", std::string(300000, 'q')}});
+        buildTree(source, {{"a.txt", "first"}, {"sub/b", "bee"}, {"sub/empty/", ""}, {"big", std::string(300000, 'q')}, {"quiet", "q"}});
         chmod((source + "/sub/b").c_str(), 0600);
         if (geteuid() == 0) lchown((source + "/sub/b").c_str(), 1234, 5678);
         symlink("a.txt", (source + "/link").c_str());
         link((source + "/a.txt").c_str(), (source + "/hard").c_str());
         link((source + "/big").c_str(), (source + "/sub/big2").c_str());  // stays linked and current
+        for (const char* name : {"/big", "/a.txt", "/sub"}) lsetxattr((source + name).c_str(), "user.tag", name, 2, 0);
         // Sparse: a hole, some data, a hole to the end.
         FVFd sparse(open((source + "/sparse").c_str(), O_WRONLY | O_CREAT, 0644));
         pwrite(sparse.get(), "data", 4, 2 << 20);
@@ -156,8 +158,10 @@ TEST_F(RunRecordTest, EachRunRecordsTheWholeMirrorWithDigestsAndTheSourcesMetada
     }
     EXPECT_NE(first["/src/a.txt"].linkGroup, 0u);
     EXPECT_EQ(first["/src/a.txt"].linkGroup, first["/src/hard"].linkGroup);
-    EXPECT_EQ(runs[0].summary->files, 6u);
-    EXPECT_EQ(runs[0].summary->copied, 5u);  // later names are linked, not copied
+    const FVManifestAttributes tagged = {{"user.tag", "/b"}};
+    EXPECT_EQ(first["/src/big"].attributes, tagged);
+    EXPECT_EQ(runs[0].summary->files, 7u);
+    EXPECT_EQ(runs[0].summary->copied, 6u);  // later names are linked, not copied
 
     // Damage in the mirror that size and time do not show: the record keeps the digest the copy
     // had, so that a verification finds the damage instead of recording it as the truth.
@@ -172,6 +176,7 @@ TEST_F(RunRecordTest, EachRunRecordsTheWholeMirrorWithDigestsAndTheSourcesMetada
     utimensat(AT_FDCWD, bigMirror.c_str(), times, 0);
 
     writeFile(source + "/a.txt", "second, longer");
+    lsetxattr((source + "/quiet").c_str(), "user.tag", "new", 3, 0);  // its data stays as it is
     std::filesystem::remove(source + "/sub/b");
     writeFile(source + "/sub/c", "new");
     backUp();
@@ -184,6 +189,11 @@ TEST_F(RunRecordTest, EachRunRecordsTheWholeMirrorWithDigestsAndTheSourcesMetada
     EXPECT_FALSE(second.contains("/src/sub/b"));
     EXPECT_EQ(second["/src/hard"].hash, second["/src/a.txt"].hash);
     EXPECT_NE(digestOf(bigMirror), *second["/src/big"].hash);
+    // Attributes of a current file, a copied one and a folder.
+    EXPECT_EQ(second["/src/big"].attributes, tagged);
+    EXPECT_EQ(second["/src/a.txt"].attributes, (FVManifestAttributes{{"user.tag", "/a"}}));
+    EXPECT_EQ(second["/src/sub"].attributes, (FVManifestAttributes{{"user.tag", "/s"}}));
+    EXPECT_EQ(second["/src/quiet"].attributes, (FVManifestAttributes{{"user.tag", "new"}}));
     EXPECT_EQ(runs[1].summary->copied, 2u);
     EXPECT_EQ(runs[1].summary->archived, 3u);  // both names of the old a.txt, and sub/b
     EXPECT_EQ(runs[1].summary->removed, 1u);
