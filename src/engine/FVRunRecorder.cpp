@@ -159,7 +159,7 @@ void FVRunRecorder::recordCopy(const FVCopyRecord& record) {
     if (record.copied && !record.failed) ++copied_;
 }
 
-void FVRunRecorder::recordUnreadFolder(const std::string& relative, const std::string& sourcePath,
+void FVRunRecorder::recordNotUpdated(const std::string& relative, const std::string& sourcePath,
                                        const struct stat& st) {
     if (!recording()) return;
     const FVManifestAttributes none;
@@ -182,7 +182,10 @@ void FVRunRecorder::recordLaterName(const std::string& relative, const std::stri
 }
 
 void FVRunRecorder::finish(FVManifestOutcome outcome) {
-    if (!recording()) return;
+    if (!recording()) {
+        writer_.reset();  // takes its temporary file away
+        return;
+    }
     FVManifestSummary summary;
     summary.outcome = outcome;
     summary.entries = entries_;

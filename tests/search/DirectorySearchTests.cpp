@@ -71,13 +71,14 @@ void touch(const std::string& path) {
 
 }  // namespace
 
-TEST(DirectorySearchTest, PrunesHiddenAndSystemFoldersAndBundleContents) {
+TEST(DirectorySearchTest, PrunesHiddenAndSystemFoldersBundleContentsAndTheRecordOfRuns) {
     TempDir dir;
     // The searched folder itself is neither a candidate nor pruned, whatever its name.
     std::string root = dir / ".report";
     for (const char* name : {"report.txt", ".hidden/report.txt", ".report.txt", "src/Library/report.txt",
                              "src/System/report.txt", "src/private/report.txt", "src/LibraryX/report.txt",
-                             "Report.app/Contents/report.txt", "reports/inner report"})
+                             "Report.app/Contents/report.txt", "reports/inner report", "__runs/report.fvmanifest",
+                             "src/__runs/report"})
         touch(root + "/" + name);
     ASSERT_EQ(symlink("/nonexistent/target", (root + "/dangling report").c_str()), 0);
     ASSERT_EQ(mkfifo((root + "/fifo report").c_str(), 0600), 0);
@@ -86,7 +87,7 @@ TEST(DirectorySearchTest, PrunesHiddenAndSystemFoldersAndBundleContents) {
 
     EXPECT_EQ(relativeTo(root, found->matches),
               (std::set<std::string> {"report.txt", "src/LibraryX/report.txt", "Report.app", "reports",
-                                      "reports/inner report", "dangling report"}));
+                                      "reports/inner report", "dangling report", "src/__runs/report"}));
 }
 
 TEST(DirectorySearchTest, MatchesEveryTermInAnyCaseAndInvalidNamesOnTheirBytes) {
