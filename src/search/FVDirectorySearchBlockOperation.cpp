@@ -1,6 +1,5 @@
 #include "search/FVDirectorySearchBlockOperation.h"
 
-#include "engine/FVMirrorLayout.h"
 #include "search/FVSearchText.h"
 
 #include <fts.h>
@@ -77,9 +76,8 @@ void FVDirectorySearchBlockOperation::walk() {
         std::string_view path(entry->fts_path, entry->fts_pathlen);
         switch (entry->fts_info) {
         case FTS_D:
-            // The destination's record of runs is none of the user's files.
             if (name.front() == '.' || endsWith(path, "/Library") || endsWith(path, "/System") ||
-                endsWith(path, "/private") || (entry->fts_level == 1 && name == FVMirrorLayout::kRunsFolder)) {
+                endsWith(path, "/private")) {
                 fts_set(tree, entry, FTS_SKIP);
                 continue;
             }
