@@ -33,7 +33,6 @@ public:
     void seal();
 
     std::optional<Carried> find(std::string_view path, const struct stat& source) const;
-    size_t size() const { return slots_.size(); }
 
 private:
     struct Slot {

@@ -41,9 +41,10 @@ FVManifestEntryType typeOf(mode_t mode) {
 FVManifestAttributes FVRunRecorder::attributesOf(const FVExtendedAttributes& source) {
     FVManifestAttributes attributes;
     std::vector<char> names;
-    if (source.listNames(names) <= 0) return attributes;
+    const ssize_t listed = source.listNames(names);
+    if (listed <= 0) return attributes;
     std::vector<char> value;
-    for (const char* name = names.data(); name < names.data() + names.size(); name += std::strlen(name) + 1) {
+    for (const char* name = names.data(); name < names.data() + listed; name += std::strlen(name) + 1) {
         if (*name == '\0' || FVExtendedAttributes::isSkipped(name)) continue;
         ssize_t size = source.readValue(name, value);
         if (size < 0) continue;
@@ -159,7 +160,7 @@ void FVRunRecorder::recordCopy(const FVCopyRecord& record) {
     if (record.copied && !record.failed) ++copied_;
 }
 
-void FVRunRecorder::recordUnreadFolder(const std::string& relative, const std::string& sourcePath,
+void FVRunRecorder::recordNotUpdated(const std::string& relative, const std::string& sourcePath,
                                        const struct stat& st) {
     if (!recording()) return;
     const FVManifestAttributes none;
@@ -182,7 +183,10 @@ void FVRunRecorder::recordLaterName(const std::string& relative, const std::stri
 }
 
 void FVRunRecorder::finish(FVManifestOutcome outcome) {
-    if (!recording()) return;
+    if (!recording()) {
+        writer_.reset();  // takes its temporary file away
+        return;
+    }
     FVManifestSummary summary;
     summary.outcome = outcome;
     summary.entries = entries_;

@@ -44,8 +44,9 @@ public:
                        const FVManifestAttributes* attributes = nullptr);
     // A copy thread: an item copied, failed, or whose digest was taken from the mirror.
     void recordCopy(const FVCopyRecord& record);
-    // A folder the walk could not enter: its mirror is kept as it was, so what it holds is not known.
-    void recordUnreadFolder(const std::string& relative, const std::string& sourcePath, const struct stat& st);
+    // A folder the walk could not enter, or the mirror of a source that is not there: its mirror is
+    // kept as it was, so what it holds is not known.
+    void recordNotUpdated(const std::string& relative, const std::string& sourcePath, const struct stat& st);
     // A later name of a file with several names, once it is linked to the first name's copy.
     void recordLaterName(const std::string& relative, const std::string& sourcePath, const struct stat& st);
 

@@ -190,7 +190,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 // Not entered: its mirror stays as it is.
                 ++status_.totalFilesCount;
                 reportUnreadableSource(path, entry.error);
-                if (recorder_) recorder_->recordUnreadFolder(relativeRoot + std::string(entry.relativePath()), path, entry.st);
+                if (recorder_) recorder_->recordNotUpdated(relativeRoot + std::string(entry.relativePath()), path, entry.st);
                 continue;
             case Kind::Unmirrorable: {
                 // Not copied, and no match of its folder's mirror names: whatever the mirror holds

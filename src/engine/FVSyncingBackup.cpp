@@ -116,6 +116,11 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
     status_.totalFilesCount = 0;
     if (!FVFileManager::pathExists(sourcePath)) {
         status_.log(fmt::format("Source: {} (UNAVAILABLE AND NOT UPDATED).", sourcePath));
+        // Its mirror stays as it was: recorded as not brought up to date.
+        struct stat mirror {};
+        const std::string mirrorPath = settings_.itemTargetPath(sourcePath);
+        if (recorder_ && lstat(mirrorPath.c_str(), &mirror) == 0)
+            recorder_->recordNotUpdated(settings_.layout().mirrorRelativePath(sourcePath), mirrorPath, mirror);
         return true;
     }
     status_.log(fmt::format("Source started analysing: {}", sourcePath));
