@@ -81,6 +81,7 @@ public:
 
     void showOptionsPanel();
     void showSearchBackupPanel();
+    void showBackupBrowser();
     void showLog();
     void showLastRunErrors();
     void showAbout();

@@ -52,6 +52,7 @@ public:
     QAction* backUpNowAction() const { return backUpNowAction_; }
     QAction* stopAction() const { return stopAction_; }
     QAction* showErrorsAction() const { return showErrorsAction_; }
+    QAction* browseAction() const { return browseAction_; }
     QAction* aboutAction() const { return aboutAction_; }
     QAction* showLogAction() const { return showLogAction_; }
     QAction* quitAction() const { return quitAction_; }
@@ -90,6 +91,7 @@ private:
     QAction* backUpNowAction_;
     QAction* stopAction_;
     QAction* showErrorsAction_;
+    QAction* browseAction_;
     QAction* aboutAction_;
     QAction* showLogAction_;
     QAction* quitAction_;

@@ -2,6 +2,7 @@
 // its cancellation, the options sheet with its schedule, and a version found and restored.
 
 #include "app/AppController.h"
+#include "app/FVBackupBrowser.h"
 #include "app/FVCoverView.h"
 #include "app/FVDestinationSearchSheet.h"
 #include "app/FVErrorPanel.h"
@@ -10,10 +11,13 @@
 #include "app/FVRestoreController.h"
 #include "app/FVSingleInstance.h"
 #include "app/FVSourceListModel.h"
+#include "app/FVRunTreeModel.h"
 #include "app/FVSourceListView.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVStrings.h"
+#include "manifest/FVManifestWriter.h"
 #include "support/TempDir.h"
+#include "support/TreeLiteral.h"
 
 #include <QApplication>
 #include <QCheckBox>
@@ -27,7 +31,12 @@
 #include <QSignalSpy>
 #include <QTimeEdit>
 #include <QTest>
+#include <QTreeView>
 #include <QTreeWidget>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <memory>
@@ -68,6 +77,44 @@ void clickButton(QMessageBox* box, const char* key) {
             return;
         }
     QFAIL(qPrintable(QString("no button ") + key));
+}
+
+// What a complete run records when the mirror of source stands as it does now.
+void recordRun(const std::string& destination, const std::string& stamp, const std::string& source) {
+    FVManifestHeader header;
+    header.stamp = stamp;
+    header.sources = {source};
+    header.folderPerSource = true;
+    std::string error;
+    auto writer = FVManifestWriter::create(destination + "/__runs", header, &error);
+    QVERIFY2(writer, error.c_str());
+    const std::string mirror = destination + "/" + fs::path(source).filename().string();
+    std::vector<std::string> paths = {mirror};
+    for (const auto& item : fs::recursive_directory_iterator(mirror)) paths.push_back(item.path());
+    std::sort(paths.begin(), paths.end());
+    FVManifestSummary summary{FVManifestOutcome::Complete};
+    for (const std::string& path : paths) {
+        struct stat st {};
+        lstat(path.c_str(), &st);
+        FVManifestEntry entry;
+        entry.path = path.substr(destination.size());
+        entry.type = S_ISDIR(st.st_mode) ? FVManifestEntryType::Folder : FVManifestEntryType::File;
+        entry.size = S_ISREG(st.st_mode) ? uint64_t(st.st_size) : 0;
+        entry.modificationTimeNs = int64_t(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec;
+        entry.mode = st.st_mode & 07777;
+        entry.owner = st.st_uid;
+        entry.group = st.st_gid;
+        if (S_ISREG(st.st_mode)) {
+            char buffer[4096];
+            int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+            entry.hash = FVContentHasher::ofDescriptor(fd, buffer, sizeof buffer);
+            close(fd);
+            ++summary.files;
+        }
+        writer->add(entry);
+        ++summary.entries;
+    }
+    QVERIFY2(writer->finish(summary, &error), error.c_str());
 }
 
 PlistDict readSettingsOf(const std::string& destination) {
@@ -379,6 +426,53 @@ private slots:
             QCOMPARE(ferrovane::test::readFile(restored + "/file2"), answer[0] == 'c' ? "mine" : std::string(3000, 'x'));
         }
         QCOMPARE(ferrovane::test::readFile(*home_ / "data/Trash/files/file2"), "mine");
+    }
+
+    void aFolderComesBackAsTheOlderRunRecordedItFromTheBrowserAndFromItsArchivedVersion() {
+        std::string destination = makeDir("dest"), source = makeDir("Projects");
+        const std::string mirror = destination + "/Projects", first = "2026-11-20 10.00.00 +0000",
+                          second = "2026-11-21 10.00.00 +0000";
+        launch();
+        openDestination(destination);
+        app_->addSourcePaths({QString::fromStdString(source)}, 0);
+        ferrovane::test::buildTree(mirror, {{"a.txt", "one"}, {"b.txt", "bee"}, {"sub/c.txt", "sea"}, {"sub/d.txt", "dee"}});
+        recordRun(destination, first, source);
+        const std::string asFirstRecorded = ferrovane::test::treeDigest(mirror);
+        // The second run changed a.txt and removed b.txt, archiving both, and added e.txt.
+        for (auto [name, archive] : {std::pair{"a.txt", "__changed"}, std::pair{"b.txt", "__removed"}}) {
+            fs::create_directories(destination + "/" + archive + "/" + second + "/Projects");
+            fs::rename(mirror + "/" + name, destination + "/" + archive + "/" + second + "/Projects/" + name);
+        }
+        ferrovane::test::buildTree(mirror, {{"a.txt", "two"}, {"e.txt", "new"}});
+        recordRun(destination, second, source);
+
+        // Browse Backups: the runs newest first; the older one's files, its folder restored.
+        app_->window()->browseAction()->trigger();
+        auto* browser = awaitDialog<FVBackupBrowser>("backupBrowser");
+        QTreeWidget* runs = browser->runList();
+        QCOMPARE(runs->topLevelItemCount(), 2);
+        QCOMPARE(runs->topLevelItem(1)->text(1), "4");
+        runs->setCurrentItem(runs->topLevelItem(1));
+        QTRY_VERIFY_WITH_TIMEOUT(browser->treeModel() && browser->treeModel()->rowCount() == 1, kPatience);
+        FVRunTreeModel* model = browser->treeModel();
+        QModelIndex projects = model->index(0, 0);
+        QCOMPARE(model->data(projects, Qt::DisplayRole).toString(), "Projects");
+        browser->fileTree()->expand(projects);
+        QTRY_COMPARE_WITH_TIMEOUT(model->rowCount(projects), 3, kPatience);  // a.txt, b.txt, sub
+        browser->fileTree()->selectionModel()->select(projects, QItemSelectionModel::Select | QItemSelectionModel::Rows);
+        browser->findChild<QPushButton*>("browseRestore")->click();
+        restoreInto(makeDir("fromBrowser"));
+        awaitDialog("restoreOutcome")->accept();
+        QCOMPARE(ferrovane::test::treeDigest(*work_ / "fromBrowser/Projects"), asFirstRecorded);
+
+        // The search's archived version of the folder holds only what the second run displaced;
+        // restored, it is the whole folder as the run before recorded it.
+        app_->restoreController().restoreVersion(QString::fromStdString(destination),
+                                                 QString::fromStdString(destination + "/__changed/" + second + "/Projects"),
+                                                 app_->window());
+        restoreInto(makeDir("fromSearch"));
+        awaitDialog("restoreOutcome")->accept();
+        QCOMPARE(ferrovane::test::treeDigest(*work_ / "fromSearch/Projects"), asFirstRecorded);
     }
 
     void aRunWithErrorsStaysVisibleAndOffersToEmptyAConfirmedSource() {
