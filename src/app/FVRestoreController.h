@@ -1,8 +1,9 @@
 #pragma once
 // Restores from the window, a version in the destination or items as a complete run recorded them:
-// asks where to (the original place or a chosen folder), plans off the main thread, asks before replacing anything, copies through the engine's restore run with its
-// progress on the cover view, and shows the outcome. One restore at a time, never during a
-// backup, and the destination stays locked against other runs meanwhile.
+// asks where to (the original place or a chosen folder), plans off the main thread, asks before
+// replacing anything, copies with its progress on the cover view, and shows the outcome. One
+// restore at a time, never during a backup, and the destination stays locked against other runs
+// meanwhile.
 
 #include "app/FVRestoreJob.h"
 #include "engine/FVDestinationLock.h"
