@@ -16,7 +16,9 @@
 #include "fs/FVText.h"
 #include "engine/FVVersionCatalog.h"
 
+#include <QDateTime>
 #include <QDir>
+#include <QLocale>
 #include <QFileDialog>
 #include <QMessageBox>
 #include <QPushButton>
@@ -130,6 +132,7 @@ void FVRestoreController::restorePointInTime(const QString& destination, const F
     FVVersionCatalog catalog(pointInTime->layout());
     Request request;
     request.destination = stdPath(destination);
+    request.asRecordedBy = QLocale().toString(QDateTime::fromSecsSinceEpoch(run.time), QLocale::ShortFormat);
     std::vector<std::string> originals;
     for (const std::string& mirror : mirrorPaths)
         if (auto original = catalog.originalPath(mirror)) originals.push_back(*original);
@@ -180,8 +183,10 @@ void FVRestoreController::askTarget(const Request& request, QWidget* parent) {
     box->setWindowModality(Qt::WindowModal);
     box->setIcon(QMessageBox::Question);
     box->setText(localizedFormat("restoretarget", request.name));
-    box->setInformativeText(request.original ? localizedFormat("restoretargetlong", *request.original)
-                                             : localized("restoretargetnooriginal"));
+    QString where = request.original ? localizedFormat("restoretargetlong", *request.original)
+                                     : localized("restoretargetnooriginal");
+    if (!request.asRecordedBy.isEmpty()) where = localizedFormat("restoreasrecorded", request.asRecordedBy.toStdString()) + ' ' + where;
+    box->setInformativeText(where);
     QPushButton* toOriginal = box->addButton(localized("restoreoriginal"), QMessageBox::AcceptRole);
     toOriginal->setEnabled(request.original.has_value());
     QPushButton* toFolder = box->addButton(localized("restorechoosefolder"), QMessageBox::ActionRole);

@@ -62,6 +62,8 @@ private:
         std::string name;  // what the questions call it
         // Where it came from; nothing when no source holds it any more.
         std::optional<std::string> original;
+        // For items as a run recorded them: which run, said in the question.
+        QString asRecordedBy;
         // The job that restores it into a folder, or to its original place when the folder is "".
         std::function<std::unique_ptr<FVRestoreJob>(const std::string& toFolder, std::string* problem)> job;
     };

@@ -3,9 +3,11 @@
 #include "app/FVQtStrings.h"
 #include "engine/FVAdditions.h"
 
+#include <QCollator>
 #include <QDateTime>
 #include <QLocale>
 
+#include <algorithm>
 #include <map>
 
 namespace ferrovane {
@@ -104,9 +106,16 @@ std::vector<FVManifestEntry> FVRunTreeModel::childrenOf(const FVPointInTime& run
             children.emplace(std::move(name), std::move(passedThrough));
         }
     }, problem);
+    // As a file manager lists them: "report 2" before "report 10".
+    std::vector<std::pair<QString, FVManifestEntry>> named;
+    named.reserve(children.size());
+    for (auto& [name, entry] : children) named.emplace_back(qPath(name), std::move(entry));
+    QCollator collator;
+    collator.setNumericMode(true);
+    std::stable_sort(named.begin(), named.end(), [&](const auto& a, const auto& b) { return collator.compare(a.first, b.first) < 0; });
     std::vector<FVManifestEntry> sorted;
-    sorted.reserve(children.size());
-    for (auto& [name, entry] : children) sorted.push_back(std::move(entry));
+    sorted.reserve(named.size());
+    for (auto& [name, entry] : named) sorted.push_back(std::move(entry));
     return sorted;
 }
 

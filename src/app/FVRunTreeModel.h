@@ -59,7 +59,7 @@ private:
 
     Node* nodeOf(const QModelIndex& index) const;
     QModelIndex indexOfNode(const Node* node) const;
-    // Runs on the reading thread: the entries directly in folder, sorted by name.
+    // Runs on the reading thread: the entries directly in folder, sorted as a file manager sorts.
     static std::vector<FVManifestEntry> childrenOf(const FVPointInTime& run, const std::string& folder,
                                                    std::string* problem);
     void folderRead(Node* node, std::vector<FVManifestEntry> entries, const QString& problem);
