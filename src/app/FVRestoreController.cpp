@@ -137,6 +137,7 @@ void FVRestoreController::restorePointInTime(const QString& destination, const F
     for (const std::string& mirror : mirrorPaths)
         if (auto original = catalog.originalPath(mirror)) originals.push_back(*original);
     const bool allKnown = originals.size() == mirrorPaths.size();
+    request.several = mirrorPaths.size() > 1;
     request.name = mirrorPaths.size() > 1 ? FVStrings::format("browseselection", mirrorPaths.size())
                                           : FVText::lastPathComponent(allKnown ? originals.front() : mirrorPaths.front());
     if (allKnown) {
@@ -183,8 +184,8 @@ void FVRestoreController::askTarget(const Request& request, QWidget* parent) {
     box->setWindowModality(Qt::WindowModal);
     box->setIcon(QMessageBox::Question);
     box->setText(localizedFormat("restoretarget", request.name));
-    QString where = request.original ? localizedFormat("restoretargetlong", *request.original)
-                                     : localized("restoretargetnooriginal");
+    QString where = !request.original ? localized("restoretargetnooriginal")
+                    : localizedFormat(request.several ? "restoretargetlongmany" : "restoretargetlong", *request.original);
     if (!request.asRecordedBy.isEmpty()) where = localizedFormat("restoreasrecorded", request.asRecordedBy.toStdString()) + ' ' + where;
     box->setInformativeText(where);
     QPushButton* toOriginal = box->addButton(localized("restoreoriginal"), QMessageBox::AcceptRole);

@@ -60,8 +60,10 @@ private:
     struct Request {
         std::string destination;
         std::string name;  // what the questions call it
-        // Where it came from; nothing when no source holds it any more.
+        // Where it came from (the folders several items came from); nothing when no source holds
+        // it any more.
         std::optional<std::string> original;
+        bool several = false;
         // For items as a run recorded them: which run, said in the question.
         QString asRecordedBy;
         // The job that restores it into a folder, or to its original place when the folder is "".

@@ -3,7 +3,6 @@
 #include "app/FVQtStrings.h"
 #include "engine/FVAdditions.h"
 
-#include <QCollator>
 #include <QDateTime>
 #include <QLocale>
 
@@ -11,6 +10,34 @@
 #include <map>
 
 namespace ferrovane {
+
+namespace {
+
+// As a file manager orders names: runs of digits by their value ("report 2" before "report 10"),
+// the rest without regard to case. Qt's collator does so only where it is built with ICU.
+bool namedBefore(const QString& a, const QString& b) {
+    qsizetype i = 0, j = 0;
+    while (i < a.size() && j < b.size()) {
+        if (a[i].isDigit() && b[j].isDigit()) {
+            const qsizetype startA = i, startB = j;
+            while (i < a.size() && a[i].isDigit()) ++i;
+            while (j < b.size() && b[j].isDigit()) ++j;
+            QStringView numberA = QStringView(a).mid(startA, i - startA), numberB = QStringView(b).mid(startB, j - startB);
+            while (numberA.size() > 1 && numberA.front() == u'0') numberA = numberA.mid(1);
+            while (numberB.size() > 1 && numberB.front() == u'0') numberB = numberB.mid(1);
+            if (numberA.size() != numberB.size()) return numberA.size() < numberB.size();
+            if (int order = numberA.compare(numberB)) return order < 0;
+            continue;
+        }
+        if (int order = QStringView(a).mid(i, 1).compare(QStringView(b).mid(j, 1), Qt::CaseInsensitive)) return order < 0;
+        ++i;
+        ++j;
+    }
+    if ((a.size() - i) != (b.size() - j)) return a.size() - i < b.size() - j;
+    return a < b;
+}
+
+}  // namespace
 
 FVRunTreeModel::FVRunTreeModel(std::shared_ptr<const FVPointInTime> run, QObject* parent)
     : QAbstractItemModel(parent), run_(std::move(run)), root_(std::make_unique<Node>()) {
@@ -110,9 +137,7 @@ std::vector<FVManifestEntry> FVRunTreeModel::childrenOf(const FVPointInTime& run
     std::vector<std::pair<QString, FVManifestEntry>> named;
     named.reserve(children.size());
     for (auto& [name, entry] : children) named.emplace_back(qPath(name), std::move(entry));
-    QCollator collator;
-    collator.setNumericMode(true);
-    std::stable_sort(named.begin(), named.end(), [&](const auto& a, const auto& b) { return collator.compare(a.first, b.first) < 0; });
+    std::stable_sort(named.begin(), named.end(), [](const auto& a, const auto& b) { return namedBefore(a.first, b.first); });
     std::vector<FVManifestEntry> sorted;
     sorted.reserve(named.size());
     for (auto& [name, entry] : named) sorted.push_back(std::move(entry));
