@@ -314,6 +314,8 @@ void AppController::handleFinish() {
     std::string duration = job ? job->currentDurationString() : "";
 
     std::vector<std::string> errors = backupSession_->errorMessages();
+    // An unrecorded run is no success: the window shows its warning with the errors.
+    for (const std::string& warning : backupSession_->warnings()) errors.push_back(warning);
     recordRunOutcome(FVRunOutcome::State::Finished, errors);
     QSettings().setValue("backupCompleted", true);
 

@@ -5,6 +5,7 @@
 #include "app/FVCoverView.h"
 #include "app/FVBackupBrowser.h"
 #include "app/FVDestinationSearchSheet.h"
+#include "app/FVVerifySheet.h"
 #include "app/FVDropZone.h"
 #include "app/FVFileDialog.h"
 #include "app/FVFileReveal.h"
@@ -81,6 +82,7 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
     connect(w->optionsButton(), &QPushButton::clicked, this, &AppController::showOptionsPanel);
     connect(w->searchButton(), &QPushButton::clicked, this, &AppController::showSearchBackupPanel);
     connect(w->browseAction(), &QAction::triggered, this, &AppController::showBackupBrowser);
+    connect(w->verifyAction(), &QAction::triggered, this, &AppController::showVerifySheet);
     connect(w->addFoldersAction(), &QAction::triggered, this, &AppController::addSourceFolders);
     connect(w->addFilesAction(), &QAction::triggered, this, &AppController::addSourceFiles);
     connect(w->backUpNowAction(), &QAction::triggered, this, [this] {
@@ -239,6 +241,7 @@ void AppController::setOptionWidgetsEnabled(bool enabled) {
     window_->optionsButton()->setEnabled(enabled);
     window_->searchButton()->setEnabled(enabled);
     window_->browseAction()->setEnabled(enabled);
+    window_->verifyAction()->setEnabled(enabled);
     window_->addSourceButton()->setEnabled(enabled);
     window_->removeSourceButton()->setEnabled(enabled && backupSetController_.count() > 0);
 }
@@ -587,6 +590,13 @@ void AppController::showBackupBrowser() {
             restoreController_->restorePointInTime(qPath(currentTargetPath_), *run, browser->selectedPaths(), browser);
     });
     browser->open();
+}
+
+void AppController::showVerifySheet() {
+    if (currentTargetPath_.empty()) return;
+    auto* sheet = new FVVerifySheet(window_.get(), qPath(currentTargetPath_));
+    sheet->open();
+    sheet->start();
 }
 
 // ---- Restores

@@ -82,6 +82,7 @@ public:
     void showOptionsPanel();
     void showSearchBackupPanel();
     void showBackupBrowser();
+    void showVerifySheet();
     void showLog();
     void showLastRunErrors();
     void showAbout();

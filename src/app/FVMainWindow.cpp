@@ -145,6 +145,8 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     search->setShortcut(QKeySequence::Find);
     browseAction_ = file->addAction(localized("menubrowse"));
     browseAction_->setObjectName("browseAction");
+    verifyAction_ = file->addAction(localized("menuverify"));
+    verifyAction_->setObjectName("verifyAction");
     showErrorsAction_ = file->addAction(localized("menushowerrors"));
     showErrorsAction_->setEnabled(false);
     connect(showErrorsButton_, &QPushButton::clicked, showErrorsAction_, &QAction::trigger);

@@ -53,6 +53,7 @@ public:
     QAction* stopAction() const { return stopAction_; }
     QAction* showErrorsAction() const { return showErrorsAction_; }
     QAction* browseAction() const { return browseAction_; }
+    QAction* verifyAction() const { return verifyAction_; }
     QAction* aboutAction() const { return aboutAction_; }
     QAction* showLogAction() const { return showLogAction_; }
     QAction* quitAction() const { return quitAction_; }
@@ -92,6 +93,7 @@ private:
     QAction* stopAction_;
     QAction* showErrorsAction_;
     QAction* browseAction_;
+    QAction* verifyAction_;
     QAction* aboutAction_;
     QAction* showLogAction_;
     QAction* quitAction_;

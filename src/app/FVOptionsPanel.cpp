@@ -109,6 +109,9 @@ FVOptionsPanel::FVOptionsPanel(QWidget* window, FVOptionsPanelController& contro
     scheduleForm->addRow(automationEnabled_);
     scheduleForm->addRow(when);
     scheduleForm->addRow(automationDescription_);
+    QCheckBox* verifyMonthly = checkBox("optionsverifymonthly", "automationVerifyMonthly");
+    checkBoxes_.push_back({FVOptionKey::automationVerifyMonthly, verifyMonthly});
+    scheduleForm->addRow(verifyMonthly);
 
     auto* buttons = new QDialogButtonBox;
     buttons->addButton(localized("closebutton"), QDialogButtonBox::AcceptRole);

@@ -7,6 +7,7 @@
 #include "cli/FVRestoreCommand.h"
 #include "cli/FVRunsCommand.h"
 #include "cli/FVSearchCommand.h"
+#include "cli/FVVerifyCommand.h"
 #include "search/FVSearchText.h"
 
 #include <CLI/CLI.hpp>
@@ -42,6 +43,8 @@ const char* const kCommands =
     "  ferrovane restore DESTINATION (PATH | --all) [OPTIONS]\n"
     "                                       copy versions, folders or every source back;\n"
     "                                       with --at, a file or folder as a run recorded it\n"
+    "  ferrovane verify DESTINATION [--at STAMP] [--sources] [--json]\n"
+    "                                       read every file again and compare it with its record\n"
     "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty) ...\n"
     "                                       edit the destination's sources, options and schedule\n"
     "\n"
@@ -210,6 +213,22 @@ int runs(std::vector<std::string> arguments) {
     return FVRunsCommand::main(destination, json);
 }
 
+int verify(std::vector<std::string> arguments) {
+    CLI::App app("Reads every file of the mirror and of the archives again and compares it with the\n"
+                 "digest its runs recorded: damaged, missing and unexpected items are listed one per\n"
+                 "line. Reads only, beside searches and restores. Exit status 0 intact, 1 anything\n"
+                 "differs, 2 bad usage, 75 a run holds the destination, 255 cannot verify (no record).",
+                 "ferrovane verify");
+    FVVerifyCommand::Arguments a;
+    destinationOption(app, a.destination);
+    app.add_option("--at", a.at, "also check that every version of this run (a stamp or a date) is still held")
+        ->type_name("STAMP");
+    app.add_flag("--sources", a.sources, "also compare each source file's bytes with its mirror copy's record");
+    app.add_flag("--json", a.json, "print JSON for scripts");
+    if (auto status = parse(app, std::move(arguments))) return *status;
+    return FVVerifyCommand::main(a);
+}
+
 int config(std::vector<std::string> arguments) {
     CLI::App app("Edits the destination's sources, options and schedule as the window would; a\n"
                  "destination without a configuration gets the defaults on its first change. Exit\n"
@@ -245,7 +264,7 @@ int config(std::vector<std::string> arguments) {
 std::optional<int> run(int argc, char** argv) {
     std::vector<std::string> arguments(argv + 1, argv + argc);
     static const std::map<std::string, std::function<int(std::vector<std::string>)>> commands = {
-        {"search", search}, {"versions", versions}, {"restore", restore}, {"ls", list}, {"runs", runs}, {"config", config}};
+        {"search", search}, {"versions", versions}, {"restore", restore}, {"ls", list}, {"runs", runs}, {"verify", verify}, {"config", config}};
     if (!arguments.empty())
         if (auto command = commands.find(arguments.front()); command != commands.end())
             return command->second({arguments.begin() + 1, arguments.end()});

@@ -99,6 +99,16 @@ void FVCommanlineMode::finishOnMainThread() {
         runLoop_.stop(255);
         return;
     }
+    // A run that is not recorded made its backup, but not all the user asked of it.
+    const std::vector<std::string> warnings = backupSession_->warnings();
+    if (!warnings.empty()) {
+        notification.informativeText = warnings.front();
+        std::printf("\nSync finished with warnings.\n");
+        std::fflush(stdout);
+        notify(notification, true);
+        runLoop_.stop(1);
+        return;
+    }
     std::printf(dryRun_ ? "\nDry run finished: nothing was changed.\n" : "\nSync finished successfully.\n");
     std::fflush(stdout);
     notify(notification, true);
@@ -122,6 +132,8 @@ void FVCommanlineMode::printNotes() {
     std::fflush(stdout);
     for (const std::string& note : backupSession_->notes())
         std::fprintf(stderr, "Note: %s\n", FVSearchText::printable(note).c_str());
+    for (const std::string& warning : backupSession_->warnings())
+        std::fprintf(stderr, "Warning: %s\n", FVSearchText::printable(warning).c_str());
     std::fflush(stderr);
 }
 

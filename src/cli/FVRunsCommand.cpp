@@ -5,6 +5,7 @@
 #include "cli/FVSourceResults.h"
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
+#include "engine/FVRunRecords.h"
 #include "fs/FVText.h"
 #include "search/FVSearchText.h"
 
@@ -44,9 +45,29 @@ std::vector<FVSourceItemPtr> resultItems(const FVConfiguration& configuration) {
     return items;
 }
 
-void printText(const std::string& destination, const FVArchiveRuns& archives,
-               const std::vector<FVSourceItemPtr>& items) {
-    fmt::print("Archived runs in {}, newest first:\n", shown(destination));
+// What a record says of its run: complete, stopped, failed, or why it cannot be read.
+std::string outcomeOf(const FVRunRecord& run) {
+    return run.summary ? manifestOutcomeName(run.summary->outcome) : "unreadable";
+}
+
+void printText(const std::string& destination, const std::vector<FVRunRecord>& records,
+               const FVArchiveRuns& archives, const std::vector<FVSourceItemPtr>& items) {
+    fmt::print("Recorded runs in {}, newest first (only complete runs are points in time):\n", shown(destination));
+    if (records.empty()) fmt::print("  (none)\n");
+    else
+        fmt::print("  {:<26}  {:<10}  {:>8}  {:>10}  {:>7}  {:>8}  {:>7}  {:>6}\n", "stamp", "outcome", "files", "bytes",
+                   "copied", "archived", "removed", "errors");
+    for (auto run = records.rbegin(); run != records.rend(); ++run) {
+        if (!run->summary) {
+            fmt::print("  {:<26}  {:<10}  {}\n", shown(run->stamp), outcomeOf(*run), shown(run->problem));
+            continue;
+        }
+        const FVManifestSummary& summary = *run->summary;
+        fmt::print("  {:<26}  {:<10}  {:>8}  {:>10}  {:>7}  {:>8}  {:>7}  {:>6}\n", shown(run->stamp), outcomeOf(*run),
+                   summary.files, size(summary.bytes), summary.copied, summary.archived, summary.removed,
+                   summary.errors);
+    }
+    fmt::print("\nArchived runs in {}, newest first:\n", shown(destination));
     if (archives.runs().empty()) fmt::print("  (none)\n");
     else fmt::print("  {:<26}  {:>8}  {:>10}  {:>8}  {:>10}\n", "stamp", "changed", "bytes", "removed", "bytes");
     for (const FVArchiveRun& run : archives.runs())
@@ -58,10 +79,24 @@ void printText(const std::string& destination, const FVArchiveRuns& archives,
         fmt::print("  {}\n      {}\n", shown(item->sourcePath()), FVSourceResults::line(*item));
 }
 
-void printJson(const std::string& destination, const FVArchiveRuns& archives,
-               const std::vector<FVSourceItemPtr>& items) {
-    fmt::print("{{{},\n \"runs\": [", FVJsonText::pathFields("destination", destination));
+void printJson(const std::string& destination, const std::vector<FVRunRecord>& records,
+               const FVArchiveRuns& archives, const std::vector<FVSourceItemPtr>& items) {
+    fmt::print("{{{},\n \"records\": [", FVJsonText::pathFields("destination", destination));
     const char* separator = "";
+    for (auto run = records.rbegin(); run != records.rend(); ++run) {
+        fmt::print("{}\n  {{\"stamp\": {}, \"time\": \"{}\", \"outcome\": \"{}\", \"complete\": {}", separator,
+                   FVJsonText::quoted(run->stamp), utcTime(run->time), outcomeOf(*run), run->complete());
+        if (const std::optional<FVManifestSummary>& summary = run->summary)
+            fmt::print(", \"entries\": {}, \"files\": {}, \"bytes\": {}, \"copied\": {}, \"archived\": {}, "
+                       "\"removed\": {}, \"errors\": {}}}",
+                       summary->entries, summary->files, summary->bytes, summary->copied, summary->archived,
+                       summary->removed, summary->errors);
+        else
+            fmt::print(", \"problem\": {}}}", FVJsonText::quoted(run->problem));
+        separator = ",";
+    }
+    fmt::print("],\n \"runs\": [");
+    separator = "";
     for (const FVArchiveRun& run : archives.runs()) {
         fmt::print("{}\n  {{\"stamp\": {}, \"time\": \"{}\", \"changed\": {{\"items\": {}, \"bytes\": {}}}, "
                    "\"removed\": {{\"items\": {}, \"bytes\": {}}}}}",
@@ -100,9 +135,10 @@ int main(const std::string& destinationArgument, bool json) {
         return cannotRead("the configuration " + settingsPath, loaded.problem);
 
     FVArchiveRuns archives = FVArchiveRuns::read(destination);
+    const std::vector<FVRunRecord> records = FVRunRecords(destination).list();
     std::vector<FVSourceItemPtr> items = resultItems(loaded.configuration);
-    if (json) printJson(destination, archives, items);
-    else printText(destination, archives, items);
+    if (json) printJson(destination, records, archives, items);
+    else printText(destination, records, archives, items);
     for (const std::string& problem : archives.problems())
         fmt::print(stderr, "ferrovane runs: cannot read {}; the runs hold more than is listed.\n", shown(problem));
     return archives.problems().empty() ? kExitDone : kExitFailed;

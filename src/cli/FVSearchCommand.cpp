@@ -55,6 +55,8 @@ int main(const std::string& destination, const std::string& text, bool json) {
         return kExitUsage;
     }
     loop.run();
+    for (const std::string& warning : search->warnings())
+        fmt::print(stderr, "ferrovane search: warning: {}\n", FVSearchText::printable(warning));
 
     const auto& results = search->searchResults();
     for (size_t k = 0; k < results.size() && json; ++k) {

@@ -5,6 +5,7 @@
 #include "engine/FVDestinationFailure.h"
 #include "engine/FVExclusionRules.h"
 #include "engine/FVLog.h"
+#include "engine/FVRunRecords.h"
 #include "engine/FVStrings.h"
 #include "fs/FVDestinationProbe.h"
 #include "engine/FVVersionCatalog.h"
@@ -21,27 +22,31 @@ namespace ferrovane {
 
 namespace {
 
-// The newest time that a stamp folder in the destination's archives stands for; 0 for none.
-std::time_t newestArchiveStamp(const FVMirrorLayout& layout) {
+// The newest time that a stamp folder in the destination's archives or a run's record stands
+// for; 0 for none.
+std::time_t newestStamp(const FVMirrorLayout& layout) {
     std::time_t newest = 0;
     const FVVersionCatalog catalog(layout);
     for (FVArchiveKind kind : {FVArchiveKind::Changed, FVArchiveKind::Removed})
         for (const FVVersionCatalog::ArchiveStamp& stamp : catalog.stamps(kind)) newest = std::max(newest, stamp.time);
+    for (const FVRunRecord& run : FVRunRecords(layout.destination()).list()) newest = std::max(newest, run.time);
     return newest;
 }
 
-// The stamp of the run's archive folders: now, or, when an earlier run's stamp is at or after
+// The stamp of the run's archive folders and record: now, or, when an earlier run's stamp is at or after
 // now, the second after the newest stamp. So stamp order is run order, whatever the clock did
 // (set back, a wrong time zone, another machine writing to the same disk), and the versions of
 // a path sort by the run that archived them. Two runs within one second (a scheduled run right
 // after a manual one) never share a stamp folder, or the second one's archive moves would meet
 // the first one's versions.
 std::string unusedArchiveStamp(const FVMirrorLayout& layout) {
-    std::time_t at = std::max(std::time(nullptr), newestArchiveStamp(layout) + 1);
+    std::time_t at = std::max(std::time(nullptr), newestStamp(layout) + 1);
+    const FVRunRecords records(layout.destination());
     for (int tries = 0; tries < 3600; ++tries, ++at) {
         std::string stamp = FVDate::archiveStamp(at);
         if (FVFileManager::existenceAtPath(layout.archiveFolder(FVArchiveKind::Changed, stamp)) == FVExistence::Missing &&
-            FVFileManager::existenceAtPath(layout.archiveFolder(FVArchiveKind::Removed, stamp)) == FVExistence::Missing)
+            FVFileManager::existenceAtPath(layout.archiveFolder(FVArchiveKind::Removed, stamp)) == FVExistence::Missing &&
+            FVFileManager::existenceAtPath(records.pathOf(stamp)) == FVExistence::Missing)
             return stamp;
     }
     return FVDate::archiveStamp(at);
@@ -98,6 +103,7 @@ void FVBackupSession::start() {
     sessionTaskCount_ = enabledItems_.size() + (shouldPerformCleanup_ ? 1 : 0);
 
     settings.archiveFolderName = unusedArchiveStamp(layout);
+    for (const FVSourceItemPtr& item : enabledItems_) settings.recordedSources.push_back(item->sourcePath());
     // A clone of "/" (also a disabled one, which may be enabled again) keeps the destination's own files.
     for (const FVSourceItemPtr& item : backupSet_)
         if (item->mode() <= FVSourceMode::Backup && item->sourcePath() == "/")
@@ -124,6 +130,7 @@ void FVBackupSession::cancel() {
 }
 
 void FVBackupSession::run() {
+    syncingBackup_->loadPreviousRecord();
     for (size_t i = 0; i < enabledItems_.size(); ++i) {
         FVSourceItem& item = *enabledItems_[i];
         const std::string sourcePath = item.sourcePath();
@@ -168,6 +175,7 @@ void FVBackupSession::finish() {
     }
     syncingBackup_->purgeArchives();
     syncingBackup_->flushDestination();
+    syncingBackup_->finishRecord(false);
     FVLog::currentLog().addLogLine(fmt::format("Sync finished (Duration: {}).\n", syncingBackup_->currentDurationString()));
     FVLog::currentLog().closeLog();
     // Released before the delegate hears of the end: it may destroy this session at once.
@@ -189,6 +197,7 @@ void FVBackupSession::refuse(const std::string& problem) {
 
 void FVBackupSession::didCancel() {
     syncingBackup_->flushDestination();
+    syncingBackup_->finishRecord(true);
     FVLog::currentLog().addLogLine("Sync cancelled.\n");
     FVLog::currentLog().closeLog();
     setTaskDescription("Cancelled.");
@@ -205,6 +214,10 @@ std::vector<std::string> FVBackupSession::errorMessages() const {
         errors.insert(errors.end(), job.begin(), job.end());
     }
     return errors;
+}
+
+std::vector<std::string> FVBackupSession::warnings() const {
+    return syncingBackup_ ? syncingBackup_->warnings() : std::vector<std::string>();
 }
 
 std::vector<std::string> FVBackupSession::notes() const {

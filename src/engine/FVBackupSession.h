@@ -58,6 +58,9 @@ public:
     std::vector<std::string> errorMessages() const;
     // What the run says once that is no error (see FVSyncingBackup::notes).
     std::vector<std::string> notes() const;
+    // What the user should know that is neither an error nor a note (see FVSyncingBackup::warnings):
+    // a run with warnings did not finish successfully.
+    std::vector<std::string> warnings() const;
     uint64_t sessionTotalBytesCopied() const;
     std::string currentTaskDescription() const;
     bool shouldPerformCleanup() const { return shouldPerformCleanup_; }

@@ -38,10 +38,13 @@ bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination)
     const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone,
                                 settings_.destinationProfile);
     destination_.unlock(path);
-    if (archive.move(path, *archived, &destination.statBuffer()) == 0) return true;
-    destination_.unlock(FVText::deletingLastPathComponent(path));
     int error = archive.move(path, *archived, &destination.statBuffer());
+    if (error != 0) {
+        destination_.unlock(FVText::deletingLastPathComponent(path));
+        error = archive.move(path, *archived, &destination.statBuffer());
+    }
     if (error == 0) {
+        ++status_.archivedCount;
         status_.verboseLog(fmt::format("Archived {}: {}", what, path));
         return true;
     }

@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 
 #include <cerrno>
+#include <cstring>
 #include <chrono>
 #include <cmath>
 #include <string_view>
@@ -85,6 +86,8 @@ void FVFileCopyWorker::setPreallocate(bool preallocate) { impl_->preallocate = p
 void FVFileCopyWorker::setDestinationRoot(const std::string& root) { impl_->destinationRoot = root; }
 void FVFileCopyWorker::setSourceRoot(const std::string& root) { impl_->sourceRoot = root; }
 
+void FVFileCopyWorker::setRecordsCopies(bool records) { impl_->recordsCopies = records; }
+
 void FVFileCopyWorker::setChunkHook(std::function<void(const std::string&, uint64_t)> hook) {
     impl_->chunkHook = std::move(hook);
 }
@@ -109,8 +112,18 @@ void FVFileCopyWorker::startCopySession() {
     impl_->delegateSupportsProgressDidChange = delegate && delegate->respondsToProgressDidChange();
 }
 
+void FVFileCopyWorker::addDigestItem(FVFileSystemItemPtr source, FVFileSystemItemPtr destination) {
+    addPair({std::move(source), std::move(destination), false, true});
+}
+
 void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
                                              bool modeAndOwnerOnly) {
+    addPair({std::move(source), std::move(destination), modeAndOwnerOnly, false});
+}
+
+void FVFileCopyWorker::addPair(CopyPair pair) {
+    const FVFileSystemItemPtr& source = pair.source;
+    const FVFileSystemItemPtr& destination = pair.destination;
     if (!source || !destination) {
         FVSystemLog::error(kClassName, fmt::format("AddCopy encountered NIL objects: {} {}",
                                                    source ? source->description() : "(null)",
@@ -123,7 +136,7 @@ void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileS
             return impl_->filesToCopy.size() < kMaximumPendingPairs || impl_->cancelled || impl_->destroying;
         });
         impl_->requestedFiles.fetch_add(1, std::memory_order_relaxed);
-        impl_->filesToCopy.push({std::move(source), std::move(destination), modeAndOwnerOnly});
+        impl_->filesToCopy.push(std::move(pair));
         impl_->pairsOrEnd.notify_one();
     }
     impl_->startCopies();
@@ -282,7 +295,9 @@ bool FVFileCopyWorkerImpl::mayOverwrite(FVFileSystemItem& destination) {
 void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
     FVFileSystemItem& source = *pair.source;
     FVFileSystemItem& destination = *pair.destination;
-    if (source.isFile() && pair.modeAndOwnerOnly) {
+    if (pair.digestOnly) {
+        digestDestination(pair, state);
+    } else if (source.isFile() && pair.modeAndOwnerOnly) {
         // Nothing is overwritten: the data stays, so there is no old version to archive.
         FVItemCloner(*this, state).updateModeAndOwner(source, destination.path());
     } else if (source.isFile()) {
@@ -298,6 +313,32 @@ void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
         if (!state.lastDirectoryFd.valid())
             stopOnDestinationFailure(FVDestinationFailure(state.lastDirectoryError, "creating", destination.path()));
     }
+}
+
+void FVFileCopyWorkerImpl::digestDestination(CopyPair& pair, FVCopyThreadState& state) {
+    const std::string& path = pair.destination->path();
+    std::optional<FVContentHash> hash;
+    int error = 0;
+    if (!folders.ensureFolder(state, FVText::deletingLastPathComponent(path)) || !state.lastDirectoryFd.valid()) {
+        error = state.lastDirectoryError;
+    } else {
+        const std::string name = FVText::lastPathComponent(path);
+        FVFd file(openat(state.lastDirectoryFd.get(), name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+        struct stat st {};
+        if (file.valid() && fstat(file.get(), &st) == 0 && S_ISREG(st.st_mode))
+            hash = FVContentHasher::ofDescriptor(file.get(), state.buffer.get(), kCopyBufferSize);
+        else if (file.valid())
+            errno = EINVAL;  // no longer the regular file the walk found
+        if (!hash) error = errno;
+    }
+    if (!hash)
+        sendMessage(fmt::format("WARNING: Could not read {} to record the digest of its bytes ({}).", path,
+                                std::strerror(error)), FVMessageLevel::Warning);
+    recordItem({pair.source->path(), path, pair.source->statBuffer(), {}, hash, false, false});
+}
+
+void FVFileCopyWorkerImpl::recordItem(const FVCopyRecord& record) {
+    if (recordsCopies && delegate) delegate->copyWorkerDidRecordItem(record);
 }
 
 int FVFileCopyWorkerImpl::openSource(const std::string& path, int flags, FVCopyThreadState* state) const {

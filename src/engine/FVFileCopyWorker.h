@@ -7,11 +7,17 @@
 #include "engine/FVFileSystemItem.h"
 #include "engine/FVMirrorLayout.h"
 #include "fs/FVDestinationProfile.h"
+#include "manifest/FVContentHash.h"
+#include "manifest/FVManifestEntry.h"
+
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace ferrovane {
 
@@ -25,6 +31,21 @@ enum class FVMessageLevel { Info, Warning, Error };
 inline constexpr const char* kTemporaryFilePrefix = FVMirrorLayout::kTemporaryPrefix;
 
 struct FVFileCopyWorkerImpl;
+struct CopyPair;
+
+// What a copy thread left at a destination path, for the run's record of the mirror.
+struct FVCopyRecord {
+    const std::string& sourcePath;
+    const std::string& destinationPath;
+    // The source as copied, with the modification time its copy was given.
+    const struct stat& source;
+    std::string_view linkTarget;        // links only
+    std::optional<FVContentHash> hash;  // a regular file's published bytes, when they were seen whole
+    bool copied = false;                // false: the digest of a current copy was taken, nothing copied
+    bool failed = false;                // not brought up to date: the mirror holds what it held
+    // The source's attributes when the copy read them; else the record reads them.
+    const FVManifestAttributes* attributes = nullptr;
+};
 
 // Callbacks arrive on worker threads, never on the main thread.
 class FVFileCopyWorkerDelegate {
@@ -43,6 +64,8 @@ public:
     virtual void copyWorkerDestinationDidFail(const FVDestinationFailure& failure) {
         copyWorkerDidGenerateMessage(failure.message(), FVMessageLevel::Error);
     }
+    // After each item copied or failed, and each digest taken, when the worker records copies.
+    virtual void copyWorkerDidRecordItem(const FVCopyRecord& record) {}
     virtual void copyWorkerDidFinishCopy() = 0;
     virtual void copyWorkerDidCancel() = 0;
 };
@@ -74,6 +97,9 @@ public:
     void setSourceRoot(const std::string& root);
     // Called on the copying thread after every chunk (at most 1 MiB) of a file's data, with the
     // source path and the bytes copied so far; tests use it to act at a known point of a copy.
+    // Copies through a buffer and hashes the bytes on the way (copy_file_range never shows
+    // them), and reports each item to copyWorkerDidRecordItem.
+    void setRecordsCopies(bool records);
     void setChunkHook(std::function<void(const std::string& sourcePath, uint64_t bytesCopied)> hook);
 
     void startCopySession();
@@ -81,6 +107,8 @@ public:
     // are brought in line with the source, in place (never for a folder, whose pair does that).
     void addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
                                bool modeAndOwnerOnly = false);
+    // The destination item is current: only the digest of its bytes is taken, for the record.
+    void addDigestItem(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
     void endCopySession();
     void cancel();
 
@@ -90,6 +118,8 @@ public:
     uint64_t totalBytesCopied() const;
 
 private:
+    void addPair(CopyPair pair);
+
     std::unique_ptr<FVFileCopyWorkerImpl> impl_;
 };
 

@@ -24,6 +24,7 @@ struct CopyPair {
     FVFileSystemItemPtr source;
     FVFileSystemItemPtr destination;
     bool modeAndOwnerOnly = false;
+    bool digestOnly = false;
 };
 
 // First in, first out, in a ring that only grows (by doubling) when the analysis runs ahead of
@@ -60,6 +61,7 @@ struct FVFileCopyWorkerImpl {
     bool verboseLogging = false;
     bool disableACLClone = false;
     bool preallocate = false;
+    bool recordsCopies = false;
     FVDestinationProfile destinationProfile;
     std::string destinationRoot = "/";
     std::unique_ptr<FVConfinedDirectory> destination;
@@ -114,6 +116,9 @@ struct FVFileCopyWorkerImpl {
     // Asks the delegate before a destination item is replaced; false keeps it.
     bool mayOverwrite(FVFileSystemItem& destination);
     void copyPair(CopyPair& pair, FVCopyThreadState& state);
+    // The digest of a current destination file, read through the thread's buffer.
+    void digestDestination(CopyPair& pair, FVCopyThreadState& state);
+    void recordItem(const FVCopyRecord& record);
 
     // open(2) of a source item; below the source root no symbolic link is followed. With a
     // thread's state, the item's folder is kept open for the next item of the same folder.

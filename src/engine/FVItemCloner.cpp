@@ -2,6 +2,8 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVFileCopyWorkerImpl.h"
+#include "engine/FVRunRecorder.h"
+#include "fs/FVExtendedAttributes.h"
 #include "engine/FVTemporaryEntry.h"
 #include "fs/FVDataCopier.h"
 #include "fs/FVInodeFlags.h"
@@ -60,7 +62,10 @@ void FVItemCloner::clone(FVFileSystemItem& source, const std::string& destinatio
         const Item item{sourcePath, destinationPath, FVText::lastPathComponent(destinationPath), typeName, dirFd,
                         dirFd < 0 ? state_.lastDirectoryError : 0};
         Result result = kind == S_IFLNK ? cloneLink(item) : kind == S_IFREG ? cloneRegular(item) : cloneNode(item, kind);
-        if (attempt == kAttempts || !worthRetrying(result)) return report(result, item);
+        if (attempt == kAttempts || !worthRetrying(result)) {
+            report(result, item);
+            return record(result, item, source.statBuffer());
+        }
         worker_.sendMessage(fmt::format("Retrying copy: {}", sourcePath), FVMessageLevel::Info);
         state_.lastDirectory.clear();  // the retry reaches the folder afresh
     }
@@ -92,7 +97,9 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     const FVStartingState* start = state_.newFiles.startOf(out.get());
 
     bool settled = true;
-    Result copied = copyData(item, in.get(), out.get(), st, &settled);
+    std::optional<FVContentHasher> hasher;
+    if (worker_.recordsCopies) hasher.emplace();
+    Result copied = copyData(item, in.get(), out.get(), st, &settled, hasher ? &*hasher : nullptr);
     if (copied.kind != Result::Kind::Done) return copied;
 
     const bool verbose = worker_.verboseLogging;
@@ -129,6 +136,12 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
         send(fmt::format("Clone of creation and modification date {} to {} ({}) was successful.", item.sourcePath,
                          item.destinationPath, item.typeName), FVMessageLevel::Info);
     }
+    // The digest stands for the bytes published only when the copy showed them all.
+    digest_.reset();
+    if (hasher && hashedWhole_) digest_ = hasher->digest();
+    published_ = st;
+    // Read through the open source for the record, rather than by path afterwards.
+    if (worker_.recordsCopies) attributes_ = FVRunRecorder::attributesOf(FVExtendedAttributes(in.get(), false));
     Result published = publish(entry, item, out.get(), st.st_size);
     if (published.kind != Result::Kind::Done) return published;
     // Where a rename stamps the file with the time of the rename (fusefat), its times go on again.
@@ -148,13 +161,17 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     return published;
 }
 
-FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, struct stat& st, bool* settled) {
+FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, struct stat& st, bool* settled,
+                                            FVContentHasher* hasher) {
     for (int copy = 0;; ++copy) {
+        if (hasher) hasher->reset();
         bool sparse = static_cast<uint64_t>(st.st_blocks) * 512 < static_cast<uint64_t>(st.st_size);
         if (worker_.preallocate && !sparse && st.st_size > 0)
             fallocate(out, FALLOC_FL_KEEP_SIZE, 0, st.st_size);  // only a hint against fragmentation
-        FVDataCopier copier(in, out, state_.buffer.get(), worker_.cancelled, worker_.chunkHook, item.sourcePath);
-        switch (copier.run(st)) {
+        FVDataCopier copier(in, out, state_.buffer.get(), worker_.cancelled, worker_.chunkHook, item.sourcePath, hasher);
+        const FVDataCopier::Outcome outcome = copier.run(st);
+        hashedWhole_ = copier.sinkSawWholeCopy();
+        switch (outcome) {
         case FVDataCopier::Outcome::Cancelled: return {Result::Kind::Cancelled};
         case FVDataCopier::Outcome::Failed: return destinationFailure(Step::CopyData, errno);
         case FVDataCopier::Outcome::Done: break;
@@ -229,6 +246,8 @@ FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
         length = readlinkat(link.get(), "", state_.buffer.get(), kCopyBufferSize - 1);
     if (length < 0) return itemError(Step::ReadLink, errno);
     state_.buffer[static_cast<size_t>(length)] = '\0';
+    linkTarget_.assign(state_.buffer.get(), static_cast<size_t>(length));
+    published_ = st;
 
     FVTemporaryEntry entry(item.dirFd);
     if (entry.create([&](const char* name) { return symlinkat(state_.buffer.get(), item.dirFd, name); }) != 0)
@@ -252,6 +271,7 @@ FVItemCloner::Result FVItemCloner::cloneNode(const Item& item, mode_t kind) {
     if (fstat(node.get(), &st) != 0 || S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode))
         return itemError(Step::OpenSource, 0);
 
+    published_ = st;
     FVTemporaryEntry entry(item.dirFd);
     if (entry.create([&](const char* name) {
             return mknodat(item.dirFd, name, (st.st_mode & S_IFMT) | 0600, st.st_rdev);
@@ -344,6 +364,23 @@ void FVItemCloner::report(const Result& result, const Item& item) {
     case Step::CreateNode: return copyFailed(fmt::format("Could not create {}", item.destinationPath));
     case Step::CopyData: return copyFailed("File copy failed");
     case Step::Metadata: return copyFailed(fmt::format("Could not set the metadata of {}", item.destinationPath));
+    }
+}
+
+void FVItemCloner::record(const Result& result, const Item& item, const struct stat& walked) {
+    if (!worker_.recordsCopies) return;
+    switch (result.kind) {
+    case Result::Kind::Done:
+        worker_.recordItem({item.sourcePath, item.destinationPath, published_, linkTarget_, digest_, true, false,
+                            attributes_ ? &*attributes_ : nullptr});
+        return;
+    case Result::Kind::Cancelled: return;
+    case Result::Kind::FatalDestinationError:
+    case Result::Kind::ItemError:
+        // A source that vanished has nothing to record; the next run's cleanup takes its copy.
+        if (result.step == Step::OpenSource && (result.error == ENOENT || result.error == ENOTDIR)) return;
+        worker_.recordItem({item.sourcePath, item.destinationPath, walked, {}, std::nullopt, false, true});
+        return;
     }
 }
 

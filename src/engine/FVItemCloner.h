@@ -6,9 +6,11 @@
 // failing destination stops the session.
 
 #include "engine/FVFileSystemItem.h"
+#include "manifest/FVManifestEntry.h"
 
 #include <sys/stat.h>
 
+#include <optional>
 #include <string>
 
 namespace ferrovane {
@@ -52,8 +54,9 @@ private:
     Result cloneRegular(const Item& item);
     // Copies the data of in, whose fstat is st, again and again while the source changes during
     // its copy (at most twice more). st ends as the fstat the last copy began with; false in
-    // *settled when the source changed during that copy as well.
-    Result copyData(const Item& item, int in, int out, struct stat& st, bool* settled);
+    // *settled when the source changed during that copy as well. With a hasher, it ends holding
+    // the last copy's bytes, and hashedWhole_ says whether it saw all of them.
+    Result copyData(const Item& item, int in, int out, struct stat& st, bool* settled, FVContentHasher* hasher);
     Result cloneLink(const Item& item);
     Result cloneNode(const Item& item, mode_t kind);
     // The shared last step: the entry, complete under its temporary name, replaces the destination.
@@ -66,9 +69,17 @@ private:
     // What was being done at step, for the message of a failed destination.
     static const char* actionOf(Step step);
     void report(const Result& result, const Item& item);
+    // Tells the worker's delegate what the mirror holds at the item's path now.
+    void record(const Result& result, const Item& item, const struct stat& walked);
 
     FVFileCopyWorkerImpl& worker_;
     FVCopyThreadState& state_;
+    // What the last attempt published, for the record.
+    struct stat published_ {};
+    std::optional<FVContentHash> digest_;
+    std::optional<FVManifestAttributes> attributes_;
+    std::string linkTarget_;
+    bool hashedWhole_ = false;
 };
 
 }  // namespace ferrovane

@@ -168,10 +168,17 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
             layout.mirrorRelativePath(sourceRoot) + (relative.empty() || relative.front() == '/' ? "" : "/") + relative);
         const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone,
                                     settings_.destinationProfile);
-        if (archive.move(itemPath, archivePath) == 0) return;
-        destination_.unlock(FVText::deletingLastPathComponent(itemPath));
         int error = archive.move(itemPath, archivePath);
-        if (error == 0 || status_.stopOnFatalDestinationError(error, "archiving", itemPath)) return;
+        if (error != 0) {
+            destination_.unlock(FVText::deletingLastPathComponent(itemPath));
+            error = archive.move(itemPath, archivePath);
+        }
+        if (error == 0) {
+            ++status_.archivedCount;
+            ++status_.removedCount;
+            return;
+        }
+        if (status_.stopOnFatalDestinationError(error, "archiving", itemPath)) return;
         // The item stays in the mirror: it is never deleted in place of a failed archive move.
         // The error list carries the reason too: it is all a user sees of the failure.
         std::string message = fmt::format("Archiving deleted file failed: {} ({})", itemPath, std::strerror(error));
@@ -179,11 +186,17 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
         status_.addError(message);
         return;
     }
-    if (destination_.removeItem(itemPath) == 0) return;
-    destination_.unlock(FVText::deletingLastPathComponent(itemPath));
-    destination_.unlock(itemPath, true);
     int error = destination_.removeItem(itemPath);
-    if (error == 0 || status_.stopOnFatalDestinationError(error, "removing", itemPath)) return;
+    if (error != 0) {
+        destination_.unlock(FVText::deletingLastPathComponent(itemPath));
+        destination_.unlock(itemPath, true);
+        error = destination_.removeItem(itemPath);
+    }
+    if (error == 0) {
+        ++status_.removedCount;
+        return;
+    }
+    if (status_.stopOnFatalDestinationError(error, "removing", itemPath)) return;
     std::string message = fmt::format("Deleting failed: {} ({})", itemPath, std::strerror(error));
     status_.log("ERROR: " + message);
     status_.addError(message);

@@ -72,6 +72,7 @@ const std::vector<FVOptionRule>& rules() {
                 "a weekday number from 0 to 7 (0 and 7 are Sunday)", false),
         integer(FVOptionKey::automationIntervalSelection, &O::automationIntervalSelection, 0, 1,
                 "0 (daily) or 1 (weekly)", false),
+        boolean(FVOptionKey::automationVerifyMonthly, &O::automationVerifyMonthly, false),
     };
     return table;
 }

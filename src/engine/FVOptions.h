@@ -35,6 +35,7 @@ inline constexpr const char* automationTimeHours = "automationTimeHours";
 inline constexpr const char* automationTimeMinutes = "automationTimeMinutes";
 inline constexpr const char* automationWeekdaySelection = "automationWeekdaySelection";
 inline constexpr const char* automationIntervalSelection = "automationIntervalSelection";
+inline constexpr const char* automationVerifyMonthly = "automationVerifyMonthly";
 }  // namespace FVOptionKey
 
 // The options as typed values. A missing key reads as 0 / no: only the window fills in defaults.
@@ -59,6 +60,8 @@ struct FVOptions {
     int64_t automationTimeMinutes = 0;
     int64_t automationWeekdaySelection = 0;
     int64_t automationIntervalSelection = 0;
+    // A scheduled "ferrovane verify" on the first of each month, apart from the backup's schedule.
+    bool automationVerifyMonthly = false;
 
     // Archives are purged only when the age is at least one day: a run never purges this
     // run's own archive.

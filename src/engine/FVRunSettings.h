@@ -19,6 +19,8 @@ struct FVRunSettings {
     FVOptions options;
     // The stamp of this run's folders in __changed and __removed.
     std::string archiveFolderName;
+    // The enabled source items, in list order, as the run's record names them.
+    std::vector<std::string> recordedSources;
     // Destination items the cleanup never takes away (a clone of "/" keeps the volume's own files).
     std::vector<std::string> protectedPaths;
     bool willPerformCleanup = false;

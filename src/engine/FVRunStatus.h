@@ -40,6 +40,7 @@ public:
     // Reports the failure if none was reported yet and cancels the run; the worker that met it
     // has stopped itself.
     void destinationFailed(const FVDestinationFailure& failure);
+    bool destinationHasFailed() const { return destinationFailureReported_.load(std::memory_order_relaxed); }
 
     void setCurrentWorker(std::shared_ptr<FVFileCopyWorker> worker);
     std::shared_ptr<FVFileCopyWorker> currentWorker() const;
@@ -54,6 +55,10 @@ public:
     // What the analysis of the current source item counted.
     std::atomic<uint64_t> updateCount{0};
     std::atomic<uint64_t> totalFilesCount{0};
+    // What the whole run moved into __changed or __removed, and took away from the mirror
+    // because its source was gone (archived or deleted), for its record.
+    std::atomic<uint64_t> archivedCount{0};
+    std::atomic<uint64_t> removedCount{0};
 
 private:
     bool verboseLogging_;

@@ -4,9 +4,11 @@
 #include "engine/FVChangeDecision.h"
 #include "engine/FVDestinationNames.h"
 #include "engine/FVMirrorFolders.h"
+#include "engine/FVRunRecorder.h"
 #include "engine/FVSourceListing.h"
 #include "fs/FVFileDescriptor.h"
 #include "engine/FVExclusionRules.h"
+#include "fs/FVExtendedAttributes.h"
 #include "fs/FVText.h"
 
 #include <sys/stat.h>
@@ -37,11 +39,12 @@ const char* reasonText(FVChangeDecision::Reason reason) {
 }  // namespace
 
 FVSourceAnalysis::FVSourceAnalysis(const FVRunSettings& settings, FVRunFindings& findings, FVRunStatus& status,
-                                   HandOver handOver)
+                                   HandOver handOver, FVRunRecorder* recorder)
     : settings_(settings),
       findings_(findings),
       status_(status),
       handOver_(std::move(handOver)),
+      recorder_(recorder),
       tolerance_(FVChangeDecision::Tolerance::of(settings.destinationProfile)) {}
 
 void FVSourceAnalysis::analyse(const std::string& sourcePath, int64_t estimatedFileCount) {
@@ -50,6 +53,16 @@ void FVSourceAnalysis::analyse(const std::string& sourcePath, int64_t estimatedF
     status_.restartProgress(1);
     status_.reportProgress();
     walk(sourcePath, settings_.itemTargetPath(sourcePath));
+    if (digestsToTake_ > 0)
+        status_.log(fmt::format("Recording: {} files of {} have no recorded digest yet; their backups are read once "
+                                "to record it.", digestsToTake_, sourcePath));
+}
+
+void FVSourceAnalysis::recordCurrent(const std::string& relative, const FVFileSystemItemPtr& source,
+                                     const FVFileSystemItemPtr& destination, const FVManifestAttributes* attributes) {
+    if (!recorder_ || recorder_->recordCurrent(relative, source->path(), source->statBuffer(), attributes)) return;
+    ++digestsToTake_;
+    handOver_(source, destination, Work::Digest);
 }
 
 void FVSourceAnalysis::reportUnreadableSource(const std::string& path, int error) {
@@ -98,6 +111,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
         status_.verboseLog("Skipping symbolic link:" + sourceRoot);
         return;
     }
+    const std::string relativeRoot = settings_.layout().mirrorRelativePath(sourceRoot);
     if (root->isFile()) {
         auto target = std::make_shared<FVFileSystemItem>(targetRoot);
         std::function<bool()> xattrsIdentical;
@@ -106,11 +120,12 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 return FVFileManager::xattrIdentialforFileAtPath(sourceRoot, targetRoot, !settings_.options.disableACLClone);
             };
         FVChangeDecision::Reason reason = decide(*root, *target, xattrsIdentical);
+        const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch;
         if (reason != FVChangeDecision::Reason::Unchanged) {
-            const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch;
             handOver(root, target, inPlace ? Work::ModeAndOwner : Work::Copy);
             ++status_.totalFilesCount;
         }
+        if (reason == FVChangeDecision::Reason::Unchanged || inPlace) recordCurrent(relativeRoot, root, target);
         return;
     }
     // An empty folder is neither compared nor created at the destination; an unreadable one
@@ -140,6 +155,8 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
         rules.signature = [includeACL](const std::string& path) {
             return FVFileManager::xattrNameAndDataStringForFileAtPath(path, includeACL);
         };
+    if (recorder_)
+        rules.attributes = [](const std::string& path) { return FVRunRecorder::attributesOf(FVExtendedAttributes(path)); };
     FVSourceListing listing(sourceRoot, targetRoot, std::move(rules));
     FVMirrorFolders mirrorFolders(settings_.willPerformCleanup);
     std::string newDirectoryPrefix;
@@ -173,6 +190,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 // Not entered: its mirror stays as it is.
                 ++status_.totalFilesCount;
                 reportUnreadableSource(path, entry.error);
+                if (recorder_) recorder_->recordUnreadFolder(relativeRoot + std::string(entry.relativePath()), path, entry.st);
                 continue;
             case Kind::Unmirrorable: {
                 // Not copied, and no match of its folder's mirror names: whatever the mirror holds
@@ -207,7 +225,12 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
             // Everything below a folder the destination lacks is new as well.
             if (FVText::isPathWithin(path, newDirectoryPrefix)) {
                 auto destination = std::make_shared<FVFileSystemItem>(std::move(destinationPath));
-                if (!hardLinks_.takeLaterName(source, destination, true)) handOver(source, destination);
+                if (hardLinks_.takeLaterName(source, destination, true)) continue;
+                handOver(source, destination);
+                // A folder is recorded as the walk meets it; the copy threads record the rest.
+                if (type == S_IFDIR)
+                    recordCurrent(relativeRoot + std::string(entry.relativePath()), source, destination,
+                                  entry.attributes ? &*entry.attributes : nullptr);
                 continue;
             }
             auto destination = mirrorFolders.item(level, entry.nameCString(), destinationPath);
@@ -229,7 +252,19 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 unchangedAncestors.resize(level);
                 unchangedAncestors.emplace_back(source, !needed);
             }
-            if (hardLinks_.takeLaterName(source, destination, needed)) continue;
+            const size_t linkRequests = hardLinks_.requests().size();
+            if (hardLinks_.takeLaterName(source, destination, needed)) {
+                // A later name an earlier run linked is current; one to be linked is recorded once it is.
+                if (hardLinks_.requests().size() == linkRequests)
+                    recordCurrent(relativeRoot + std::string(entry.relativePath()), source, destination,
+                                  entry.attributes ? &*entry.attributes : nullptr);
+                continue;
+            }
+            // A folder's pair applies its mode and owner anyway.
+            const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch && type != S_IFDIR;
+            if (type == S_IFDIR || !needed || inPlace)
+                recordCurrent(relativeRoot + std::string(entry.relativePath()), source, destination,
+                              entry.attributes ? &*entry.attributes : nullptr);
             if (!needed) continue;
             // Writing an entry into a folder changes the folder's date: queue an unchanged folder
             // again so that its attributes are applied after the write.
@@ -241,8 +276,6 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                           Work::FolderDates);
             }
             if (newFolder) newDirectoryPrefix = path;
-            // A folder's pair applies its mode and owner anyway.
-            const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch && type != S_IFDIR;
             handOver(source, destination, inPlace ? Work::ModeAndOwner : Work::Copy);
         }
     }

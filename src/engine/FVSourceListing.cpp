@@ -93,9 +93,15 @@ void FVSourceListing::walk() {
             if (type == S_IFDIR) walker.skipChildren();
         } else {
             const bool inMirroredFolder = entry.level == 0 || mirrorHoldsFolder[entry.level - 1];
-            if (rules_.signature && inMirroredFolder && entry.level > 0) {
-                const bool inFolder = workingFolder.moveTo(found->parentFd, std::string_view(entry.path).substr(0, entry.nameOffset));
-                entry.signature = rules_.signature(inFolder ? std::string(entry.name()) : entry.path);
+            const bool readsSignature = rules_.signature && inMirroredFolder && entry.level > 0;
+            // A current file's attributes come with its digest from the last record.
+            const bool readsAttributes = rules_.attributes && type != S_IFREG && (inMirroredFolder || type == S_IFDIR);
+            if (readsSignature || readsAttributes) {
+                const bool inFolder = entry.level > 0 &&
+                    workingFolder.moveTo(found->parentFd, std::string_view(entry.path).substr(0, entry.nameOffset));
+                const std::string name = inFolder ? std::string(entry.name()) : entry.path;
+                if (readsSignature) entry.signature = rules_.signature(name);
+                if (readsAttributes) entry.attributes = rules_.attributes(name);
             }
             if (type == S_IFDIR) {
                 struct stat mirror {};

@@ -5,6 +5,8 @@
 // excluded, which folders cannot be entered, and each entry's attribute signature where the
 // mirror may hold the entry (so the comparison only has to read the mirror's).
 
+#include "manifest/FVManifestEntry.h"
+
 #include <sys/stat.h>
 
 #include <atomic>
@@ -41,6 +43,10 @@ public:
         int error = 0;
         // The source's attribute signature, read ahead where the mirror holds the entry's folder.
         std::optional<std::string> signature;
+        // The source's attributes for the run's record, read ahead for folders and for links whose
+        // folder the mirror holds (the others are copied, and read as they are; a current file's
+        // come from the last record).
+        std::optional<FVManifestAttributes> attributes;
         std::string reason;  // why an Unmirrorable entry is
 
         std::string_view name() const { return std::string_view(path).substr(nameOffset); }
@@ -55,6 +61,9 @@ public:
         // The signature of a source path (relative to the thread's working folder, or whole), or
         // nothing when attributes are not compared.
         std::function<std::string(const std::string& path)> signature;
+        // The attributes of a source path (as for the signature) for the run's record, or nothing
+        // when the run is not recorded.
+        std::function<FVManifestAttributes(const std::string& path)> attributes;
         // Why the destination cannot hold an entry's name (see FVDestinationNames), or "".
         std::function<std::string(uint32_t level, std::string_view name, int folderFd)> refusedName;
     };

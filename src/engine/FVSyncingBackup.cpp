@@ -7,6 +7,7 @@
 #include "engine/FVHardLinkWriter.h"
 #include "engine/FVLog.h"
 #include "engine/FVMirrorCleanup.h"
+#include "engine/FVRunRecorder.h"
 #include "engine/FVSourceAnalysis.h"
 #include "engine/FVStrings.h"
 #include "fs/FVDestinationProbe.h"
@@ -18,6 +19,10 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cstdlib>
+
+#include <unordered_set>
 
 
 namespace ferrovane {
@@ -70,6 +75,9 @@ FVSyncingBackup::FVSyncingBackup(FVRunSettings settings, std::vector<std::string
         status_.log("NOTE: " + notes_.back());
     }
     initTimeStamp_ = FVDate::now();
+    // The benchmark's switch, to time runs without their record; nothing else sets it.
+    if (!settings_.dryRun && !std::getenv("FERROVANE_NO_RUN_RECORD"))
+        recorder_ = std::make_unique<FVRunRecorder>(settings_, settings_.recordedSources, status_);
 
     const FVOptions& options = settings_.options;
     std::string configuration = "Configuration: ";
@@ -97,6 +105,7 @@ std::shared_ptr<FVFileCopyWorker> FVSyncingBackup::makeWorker(const std::string&
     worker->setDestinationProfile(settings_.destinationProfile);
     worker->setDestinationRoot(settings_.targetPath);
     worker->setSourceRoot(sourcePath);
+    worker->setRecordsCopies(recorder_ != nullptr);
     return worker;
 }
 
@@ -114,14 +123,17 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
                               [this, &worker](FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
                                               FVSourceAnalysis::Work work) {
                                   using Work = FVSourceAnalysis::Work;
-                                  if (worker)
+                                  if (worker && work == Work::Digest)
+                                      worker->addDigestItem(std::move(source), std::move(destination));
+                                  else if (worker)
                                       worker->addCopyItemFromSource(std::move(source), std::move(destination),
                                                                     work == Work::ModeAndOwner);
                                   else if (work == Work::ModeAndOwner)
                                       status_.planned("Would update mode and owner: " + destination->path());
                                   else if (work == Work::Copy)
                                       reportWouldCopy(*source, *destination);
-                              });
+                              },
+                              recorder_.get());
     if (worker) worker->startCopySession();
     analysis.analyse(sourcePath, fileCountEstimation && *fileCountEstimation > 0 ? *fileCountEstimation : kUnknownFileCount);
     if (!status_.isCancelled())
@@ -151,12 +163,44 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
 // The first names' copies are published now; names that cannot be links are copied after all.
 bool FVSyncingBackup::linkLaterNames(const std::string& sourcePath, const FVHardLinkGroups& groups) {
     auto copies = FVHardLinkWriter(settings_, destination_, changedFileArchive_, status_).run(groups.requests());
+    if (recorder_ && !status_.isCancelled()) recordLaterNames(groups, copies);
     if (copies.empty()) return !status_.isCancelled();
     auto worker = makeWorker(sourcePath);
     status_.setCurrentWorker(worker);
     worker->startCopySession();
     for (auto& [source, destination] : copies) worker->addCopyItemFromSource(source, destination);
     return !waitForCopies(*worker);
+}
+
+// Names linked to their first name's copy; those that could not be links are copied, and the
+// copy threads record them.
+void FVSyncingBackup::recordLaterNames(const FVHardLinkGroups& groups,
+                                       const std::vector<std::pair<FVFileSystemItemPtr, FVFileSystemItemPtr>>& copies) {
+    std::unordered_set<std::string> copied;
+    for (const auto& [source, destination] : copies) copied.insert(destination->path());
+    const FVMirrorLayout layout = settings_.layout();
+    for (const FVHardLinkGroups::Request& request : groups.requests()) {
+        const std::string& path = request.destination->path();
+        if (copied.contains(path)) continue;
+        if (std::optional<std::string> relative = layout.relativePathOfDestinationPath(path))
+            recorder_->recordLaterName(*relative, request.source->path(), request.source->statBuffer());
+    }
+}
+
+void FVSyncingBackup::loadPreviousRecord() {
+    if (recorder_) recorder_->loadPreviousDigests();
+}
+
+void FVSyncingBackup::finishRecord(bool stopped) {
+    if (!recorder_) return;
+    recorder_->finish(!stopped ? FVManifestOutcome::Complete
+                      : status_.destinationHasFailed() ? FVManifestOutcome::Failed
+                                                       : FVManifestOutcome::Stopped);
+}
+
+std::vector<std::string> FVSyncingBackup::warnings() const {
+    std::string warning = recorder_ ? recorder_->warning() : std::string();
+    return warning.empty() ? std::vector<std::string>() : std::vector<std::string>{warning};
 }
 
 void FVSyncingBackup::reportWouldCopy(FVFileSystemItem& source, FVFileSystemItem& destination) {
@@ -243,6 +287,10 @@ void FVSyncingBackup::copyWorkerDidGenerateMessage(const std::string& message, F
 
 void FVSyncingBackup::copyWorkerDestinationDidFail(const FVDestinationFailure& failure) {
     status_.destinationFailed(failure);
+}
+
+void FVSyncingBackup::copyWorkerDidRecordItem(const FVCopyRecord& record) {
+    if (recorder_) recorder_->recordCopy(record);
 }
 
 void FVSyncingBackup::copyWorkerDidFinishCopy() { copiesEnded(status_.isCancelled()); }

@@ -25,6 +25,7 @@
 namespace ferrovane {
 
 class FVMountWatcher;
+class FVRunRecorder;
 
 class FVSyncingBackup final : public FVFileCopyWorkerDelegate {
 public:
@@ -41,6 +42,12 @@ public:
     void purgeArchives();
     // Puts what the run wrote on the destination's disk; a failure is an error of the run.
     void flushDestination();
+    // Reads what the last run recorded, so that current files keep their digests.
+    void loadPreviousRecord();
+    // Closes the run's record: complete, or stopped (failed when the destination failed).
+    void finishRecord(bool stopped);
+    // What the user should know of a run that is not an error of an item: that it is not recorded.
+    std::vector<std::string> warnings() const;
 
     // From any thread.
     void cancelUpdate() { status_.cancel(); }
@@ -64,6 +71,7 @@ public:
     void copyWorkerProgressDidChange(float fraction) override;
     void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override;
     void copyWorkerDestinationDidFail(const FVDestinationFailure& failure) override;
+    void copyWorkerDidRecordItem(const FVCopyRecord& record) override;
     void copyWorkerDidFinishCopy() override;
     void copyWorkerDidCancel() override;
 
@@ -74,6 +82,8 @@ private:
     void copiesEnded(bool cancelled);
     // Links the later names of files with several names; false when the run was cancelled.
     bool linkLaterNames(const std::string& sourcePath, const FVHardLinkGroups& groups);
+    void recordLaterNames(const FVHardLinkGroups& groups,
+                          const std::vector<std::pair<FVFileSystemItemPtr, FVFileSystemItemPtr>>& copies);
     // What a dry run reports instead of handing a pair to the worker.
     void reportWouldCopy(FVFileSystemItem& source, FVFileSystemItem& destination);
 
@@ -84,6 +94,7 @@ private:
     FVChangedFileArchive changedFileArchive_;
     double initTimeStamp_ = 0;
     std::vector<std::string> notes_;
+    std::unique_ptr<FVRunRecorder> recorder_;
 
     std::mutex copiesMutex_;
     std::condition_variable copiesEndedCondition_;

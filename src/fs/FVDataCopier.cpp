@@ -58,8 +58,19 @@ ssize_t FVDataCopier::chunk(off_t* inOffset, off_t* outOffset, size_t len) {
         n = inOffset ? pread(in_, buffer_, len, *inOffset) : read(in_, buffer_, len);
     } while (n < 0 && errno == EINTR);
     if (n <= 0) return n;
+    if (sink_) {
+        if (inOffset) showZerosUpTo(static_cast<uint64_t>(*inOffset));
+        sink_->update(buffer_, static_cast<size_t>(n));
+        shown_ += static_cast<uint64_t>(n);
+    }
     if (inOffset) *inOffset += n;
     return writeAll(out_, buffer_, static_cast<size_t>(n), outOffset) ? n : -1;
+}
+
+void FVDataCopier::showZerosUpTo(uint64_t offset) {
+    if (!sink_ || offset <= shown_) return;
+    sink_->updateZeros(offset - shown_);
+    shown_ = offset;
 }
 
 bool FVDataCopier::afterChunk(ssize_t n) {
@@ -75,6 +86,7 @@ bool FVDataCopier::afterChunk(ssize_t n) {
 // next run copies it again. A size of 0 (procfs and the like) reads to the end.
 FVDataCopier::Outcome FVDataCopier::copyDense(uint64_t size) {
     for (;;) {
+        written_ = copied_;
         if (size > 0 && copied_ >= size) return Outcome::Done;
         ssize_t n = chunk(nullptr, nullptr, kCopyBufferSize);
         if (n < 0) return Outcome::Failed;
@@ -109,6 +121,8 @@ std::optional<FVDataCopier::Outcome> FVDataCopier::copySparse() {
     }
     struct stat now {};
     if (fstat(in_, &now) != 0 || ftruncate(out_, now.st_size) != 0) return Outcome::Failed;
+    showZerosUpTo(static_cast<uint64_t>(now.st_size));
+    written_ = static_cast<uint64_t>(now.st_size);
     return Outcome::Done;
 }
 

@@ -2,6 +2,8 @@
 // The 128-bit digest of a file's bytes (XXH3-128): what a run records while it copies a file and
 // what a restore or a verification compares the bytes it reads against.
 
+#include "fs/FVByteSink.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -21,16 +23,16 @@ struct FVContentHash {
 };
 
 // Fed the bytes of a file in order, holes as zeros, and asked once for the digest.
-class FVContentHasher {
+class FVContentHasher final : public FVByteSink {
 public:
     FVContentHasher();
-    ~FVContentHasher();
+    ~FVContentHasher() override;
     FVContentHasher(const FVContentHasher&) = delete;
     FVContentHasher& operator=(const FVContentHasher&) = delete;
 
-    void update(const void* data, size_t length);
+    void update(const void* data, size_t length) override;
     // A hole of a sparse file reads as zeros.
-    void updateZeros(uint64_t length);
+    void updateZeros(uint64_t length) override;
     FVContentHash digest() const;
     void reset();
 

@@ -80,12 +80,16 @@ std::unique_ptr<FVManifestWriter> FVManifestWriter::create(const std::string& re
     removeLeftovers(folder);
     std::unique_ptr<FVManifestWriter> writer(
         new FVManifestWriter(folder, temporaryName(), fileName(header.stamp)));
-    writer->file_ = openat(folder, writer->temporaryName_.c_str(),
-                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (writer->file_ < 0) {
+    // Open only while a chunk is written: a run holds no file of the destination open for
+    // writing between its copies, so the destination can still be made read-only under it.
+    int file = openat(folder, writer->temporaryName_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                      0644);
+    if (file < 0) {
         *error = "cannot create a run record in " + recordsFolder + ": " + std::strerror(errno);
         return nullptr;
     }
+    close(file);
+    writer->created_ = true;
     writer->stream_ = ZSTD_createCCtx();
     if (!writer->stream_) {
         *error = "out of memory for the run record";
@@ -111,11 +115,17 @@ FVManifestWriter::~FVManifestWriter() {
 }
 
 void FVManifestWriter::discard() {
-    if (file_ >= 0) {
-        close(file_);
-        file_ = -1;
+    closeFile();
+    if (created_) {
+        created_ = false;
         unlinkat(folder_, temporaryName_.c_str(), 0);
     }
+}
+
+void FVManifestWriter::closeFile() {
+    if (file_ < 0) return;
+    close(file_);
+    file_ = -1;
 }
 
 void FVManifestWriter::fail(const std::string& what, int errnum) {
@@ -128,6 +138,11 @@ std::string FVManifestWriter::error() const {
 }
 
 bool FVManifestWriter::writeOut(const char* data, size_t size) {
+    if (file_ < 0) file_ = openat(folder_, temporaryName_.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC);
+    if (file_ < 0) {
+        fail("cannot open the run record", errno);
+        return false;
+    }
     while (size) {
         ssize_t n = write(file_, data, size);
         if (n < 0) {
@@ -155,7 +170,9 @@ bool FVManifestWriter::compress(const std::string& bytes, bool endFrame) {
         }
         output_.append(chunk, out.pos);
         if (output_.size() >= kOutputLimit) {
-            if (!writeOut(output_.data(), output_.size())) return false;
+            const bool written = writeOut(output_.data(), output_.size());
+            closeFile();
+            if (!written) return false;
             output_.clear();
         }
         bool done = endFrame ? left == 0 : in.pos == in.size;
@@ -236,8 +253,8 @@ bool FVManifestWriter::finish(const FVManifestSummary& summary, std::string* err
             return failed();
         }
     }
-    close(file_);
-    file_ = -1;
+    closeFile();
+    created_ = false;
     finished_ = true;
     if (fsync(folder_) != 0 && errno != EINVAL) {
         fail("cannot flush the folder of run records", errno);

@@ -43,10 +43,12 @@ private:
     void fail(const std::string& what, int errnum);
     uint64_t attributeSetOf(const FVManifestAttributes& attributes);
     void discard();
+    void closeFile();
 
     mutable std::mutex mutex_;
     int folder_ = -1;
-    int file_ = -1;
+    int file_ = -1;  // open while a chunk is written, and while finish() completes the file
+    bool created_ = false;
     std::string temporaryName_;
     std::string finalName_;
     void* stream_ = nullptr;

@@ -89,6 +89,8 @@ std::string descriptionText(std::string_view text) {
     return out;
 }
 
+constexpr std::string_view kVerifySuffix = "-verify";
+
 const char* const kWeekdayNames[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
 
 }  // namespace
@@ -122,15 +124,17 @@ std::string FVLaunchAgentManager::jobDirectory() const {
     return directory;
 }
 
-std::string FVLaunchAgentManager::jobLabel(const std::string& uuid) { return labelPrefix + uuid; }
+std::string FVLaunchAgentManager::jobLabel(const std::string& uuid, FVJobKind kind) {
+    return labelPrefix + uuid + std::string(kind == FVJobKind::Verify ? kVerifySuffix : "");
+}
 
 bool FVLaunchAgentManager::isValidJobIdentifier(const std::string& uuid) {
     return !uuid.empty() && std::all_of(uuid.begin(), uuid.end(),
                                         [](unsigned char c) { return std::isalnum(c) || c == '-'; });
 }
 
-std::vector<std::string> FVLaunchAgentManager::jobFilePaths(const std::string& uuid) const {
-    std::string base = jobDirectory() + jobLabel(uuid);
+std::vector<std::string> FVLaunchAgentManager::jobFilePaths(const std::string& uuid, FVJobKind kind) const {
+    std::string base = jobDirectory() + jobLabel(uuid, kind);
     if (format_ == FVJobFormat::Launchd) return {base + ".plist"};
     return {base + ".service", base + ".timer"};
 }
@@ -142,18 +146,19 @@ std::vector<std::string> FVLaunchAgentManager::systemctl(std::vector<std::string
     return argv;
 }
 
-void FVLaunchAgentManager::unloadJob(const std::string& uuid) {
-    if (format_ == FVJobFormat::Launchd) runner_->run({kLaunchctl, "unload", jobFilePaths(uuid).front()});
-    else runner_->run(systemctl({"disable", "--now", jobLabel(uuid) + ".timer"}));
+void FVLaunchAgentManager::unloadJob(const std::string& uuid, FVJobKind kind) {
+    if (format_ == FVJobFormat::Launchd) runner_->run({kLaunchctl, "unload", jobFilePaths(uuid, kind).front()});
+    else runner_->run(systemctl({"disable", "--now", jobLabel(uuid, kind) + ".timer"}));
 }
 
-bool FVLaunchAgentManager::loadJob(const std::string& uuid, std::string* error) {
+bool FVLaunchAgentManager::loadJob(const std::string& uuid, FVJobKind kind, std::string* error) {
     FVCommandResult result;
     if (format_ == FVJobFormat::Launchd) {
-        result = runner_->run({kLaunchctl, "load", jobFilePaths(uuid).front()});
+        result = runner_->run({kLaunchctl, "load", jobFilePaths(uuid, kind).front()});
     } else {
         result = runner_->run(systemctl({"daemon-reload"}));
-        if (result.succeeded()) result = runner_->run(systemctl({"enable", "--now", jobLabel(uuid) + ".timer"}));
+        if (result.succeeded())
+            result = runner_->run(systemctl({"enable", "--now", jobLabel(uuid, kind) + ".timer"}));
     }
     if (!result.succeeded() && error) *error = "loading the job failed: " + result.error;
     return result.succeeded();
@@ -165,6 +170,7 @@ std::optional<std::string> FVLaunchAgentManager::onCalendarExpression(const FVJo
         if (error) *error = std::move(message);
         return std::nullopt;
     };
+    if (schedule.monthly) return std::string("monthly");
     if (schedule.hour && (*schedule.hour < 0 || *schedule.hour > 23))
         return fail(fmt::format("the hour {} is not between 0 and 23", *schedule.hour));
     if (schedule.minute && (*schedule.minute < 0 || *schedule.minute > 59))
@@ -184,7 +190,7 @@ std::optional<std::string> FVLaunchAgentManager::onCalendarExpression(const FVJo
 std::optional<std::string> FVLaunchAgentManager::systemdServiceUnit(const std::string& label,
                                                                     const std::string& executable,
                                                                     const std::string& destination,
-                                                                    std::string* error) {
+                                                                    FVJobKind kind, std::string* error) {
     auto fail = [&](std::string message) -> std::optional<std::string> {
         if (error) *error = std::move(message);
         return std::nullopt;
@@ -198,8 +204,10 @@ std::optional<std::string> FVLaunchAgentManager::systemdServiceUnit(const std::s
     if (!executableOk) return fail("systemd cannot start the program at \"" + executable + "\"");
     if (destination.empty() || destination.front() != '/')
         return fail("the destination \"" + destination + "\" is not an absolute path");
+    const bool verify = kind == FVJobKind::Verify;
     std::string unit = "[Unit]\n"
-                       "Description=Ferrovane scheduled backup to " + descriptionText(destination) + "\n";
+                       "Description=Ferrovane scheduled " + std::string(verify ? "verify of " : "backup to ") +
+                       descriptionText(destination) + "\n";
     // Waits for a mount the system knows (an fstab entry), so that it is mounted first.
     if (isPlainPath(destination)) unit += "RequiresMountsFor=" + execWord(destination) + "\n";
     // A backup gives way to whatever the user is doing on the machine.
@@ -210,7 +218,7 @@ std::optional<std::string> FVLaunchAgentManager::systemdServiceUnit(const std::s
             "IOSchedulingClass=idle\n"
             // An absent destination (a drive not plugged in) skips the run rather than failing it.
             "ExecCondition=:/usr/bin/test -d " + execWord(destination) + "\n"
-            "ExecStart=:" + execWord(executable) + " " + execWord(destination) + "\n";
+            "ExecStart=:" + execWord(executable) + (verify ? " verify " : " ") + execWord(destination) + "\n";
     return unit;
 }
 
@@ -223,7 +231,7 @@ std::optional<std::string> FVLaunchAgentManager::systemdTimerUnit(const std::str
     auto calendar = onCalendarExpression(schedule, error);
     if (!calendar) return std::nullopt;
     return "[Unit]\n"
-           "Description=Ferrovane scheduled backup " + label + "\n"
+           "Description=Ferrovane schedule " + label + "\n"
            "\n"
            "[Timer]\n"
            "OnCalendar=" + *calendar + "\n"
@@ -235,12 +243,21 @@ std::optional<std::string> FVLaunchAgentManager::systemdTimerUnit(const std::str
 }
 
 PlistDict FVLaunchAgentManager::launchdJob(const std::string& label, const std::string& executable,
-                                           const std::string& destination, const FVJobSchedule& schedule) {
+                                           const std::string& destination, const FVJobSchedule& schedule,
+                                           FVJobKind kind) {
     auto interval = std::make_shared<PlistDict>();
-    if (schedule.hour) interval->set("Hour", *schedule.hour);
-    if (schedule.minute) interval->set("Minute", *schedule.minute);
-    if (schedule.weekday && *schedule.weekday != -1) interval->set("Weekday", *schedule.weekday);
-    auto arguments = std::make_shared<PlistArray>(PlistArray{executable, destination});
+    if (schedule.monthly) {
+        interval->set("Day", int64_t{1});
+        interval->set("Hour", int64_t{0});
+        interval->set("Minute", int64_t{0});
+    } else {
+        if (schedule.hour) interval->set("Hour", *schedule.hour);
+        if (schedule.minute) interval->set("Minute", *schedule.minute);
+        if (schedule.weekday && *schedule.weekday != -1) interval->set("Weekday", *schedule.weekday);
+    }
+    auto arguments = std::make_shared<PlistArray>(kind == FVJobKind::Verify
+                                                      ? PlistArray{executable, std::string("verify"), destination}
+                                                      : PlistArray{executable, destination});
     PlistDict job;
     job.set("Label", label);
     job.set("ProgramArguments", arguments);
@@ -248,15 +265,15 @@ PlistDict FVLaunchAgentManager::launchdJob(const std::string& label, const std::
     return job;
 }
 
-bool FVLaunchAgentManager::writeJobFiles(const std::string& uuid, const std::string& destination,
+bool FVLaunchAgentManager::writeJobFiles(const std::string& uuid, FVJobKind kind, const std::string& destination,
                                          const FVJobSchedule& schedule, std::string* error) {
-    std::string label = jobLabel(uuid);
+    std::string label = jobLabel(uuid, kind);
     std::vector<std::string> contents;
     if (format_ == FVJobFormat::Launchd) {
-        auto job = std::make_shared<PlistDict>(launchdJob(label, executablePath_, destination, schedule));
+        auto job = std::make_shared<PlistDict>(launchdJob(label, executablePath_, destination, schedule, kind));
         contents.push_back(serializePlistXML(PlistValue(job)));
     } else {
-        auto service = systemdServiceUnit(label, executablePath_, destination, error);
+        auto service = systemdServiceUnit(label, executablePath_, destination, kind, error);
         if (!service) return false;
         auto timer = systemdTimerUnit(label, schedule, error);
         if (!timer) return false;
@@ -270,7 +287,7 @@ bool FVLaunchAgentManager::writeJobFiles(const std::string& uuid, const std::str
         if (error) *error = message;
         return false;
     }
-    std::vector<std::string> paths = jobFilePaths(uuid);
+    std::vector<std::string> paths = jobFilePaths(uuid, kind);
     for (size_t i = 0; i < paths.size(); ++i) {
         std::string reason;
         if (!FVAtomicFile::write(paths[i], contents[i], &reason)) {
@@ -285,14 +302,25 @@ bool FVLaunchAgentManager::writeJobFiles(const std::string& uuid, const std::str
 
 bool FVLaunchAgentManager::writeJob(const std::string& uuid, const std::string& destination,
                                     const FVJobSchedule& schedule, std::string* error) {
+    return writeJob(uuid, FVJobKind::Backup, destination, schedule, error);
+}
+
+bool FVLaunchAgentManager::writeVerifyJob(const std::string& uuid, const std::string& destination, std::string* error) {
+    FVJobSchedule monthly;
+    monthly.monthly = true;
+    return writeJob(uuid, FVJobKind::Verify, destination, monthly, error);
+}
+
+bool FVLaunchAgentManager::writeJob(const std::string& uuid, FVJobKind kind, const std::string& destination,
+                                    const FVJobSchedule& schedule, std::string* error) {
     if (!isValidJobIdentifier(uuid)) {
         if (error) *error = "\"" + uuid + "\" is not a usable job identifier";
         return false;
     }
-    if (!writeJobFiles(uuid, destination, schedule, error)) return false;
+    if (!writeJobFiles(uuid, kind, destination, schedule, error)) return false;
     // Reloading is how a changed time takes effect; the job may not have been loaded before.
-    unloadJob(uuid);
-    return loadJob(uuid, error);
+    unloadJob(uuid, kind);
+    return loadJob(uuid, kind, error);
 }
 
 bool FVLaunchAgentManager::jobsRunWhileLoggedOut() {
@@ -302,11 +330,11 @@ bool FVLaunchAgentManager::jobsRunWhileLoggedOut() {
     return account && FVFileManager::pathExists(std::string("/var/lib/systemd/linger/") + account->pw_name);
 }
 
-void FVLaunchAgentManager::removeJob(const std::string& uuid) {
+void FVLaunchAgentManager::removeJob(const std::string& uuid, FVJobKind kind) {
     if (!isValidJobIdentifier(uuid)) return;
-    std::vector<std::string> paths = jobFilePaths(uuid);
+    std::vector<std::string> paths = jobFilePaths(uuid, kind);
     if (std::none_of(paths.begin(), paths.end(), FVFileManager::pathExists)) return;
-    unloadJob(uuid);
+    unloadJob(uuid, kind);
     for (const std::string& path : paths) unlink(path.c_str());
     // Without a reload the service manager keeps the deleted units loaded.
     if (format_ == FVJobFormat::Systemd) runner_->run(systemctl({"daemon-reload"}));
@@ -326,6 +354,7 @@ std::vector<std::string> FVLaunchAgentManager::jobIdentifiers() const {
             if (!hasSuffix(name, extension)) continue;
             std::string_view id = name.substr(std::strlen(labelPrefix));
             id.remove_suffix(extension.size());
+            if (hasSuffix(id, kVerifySuffix)) id.remove_suffix(kVerifySuffix.size());
             if (isValidJobIdentifier(std::string(id))) identifiers.emplace_back(id);
         }
     }
@@ -338,8 +367,7 @@ std::vector<std::string> FVLaunchAgentManager::jobIdentifiers() const {
 void FVLaunchAgentManager::cleanJobsWithoutIDs(const std::vector<std::string>& uuids) {
     for (const std::string& id : jobIdentifiers()) {
         if (std::find(uuids.begin(), uuids.end(), id) != uuids.end()) continue;
-        unloadJob(id);
-        removeJob(id);
+        for (FVJobKind kind : {FVJobKind::Backup, FVJobKind::Verify}) removeJob(id, kind);
     }
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 // Scheduled runs: one job per destination UUID that starts "ferrovane <destination>" at a
-// calendar time. On Linux a job is a systemd service plus timer, loaded with systemctl; the
+// calendar time, and optionally a second one that starts "ferrovane verify <destination>" monthly. On Linux a job is a systemd service plus timer, loaded with systemctl; the
 // launchd property list and launchctl are the macOS form of the same job. Jobs of other
 // programs are never touched: everything here is restricted to the label prefix.
 
@@ -17,11 +17,16 @@ namespace ferrovane {
 
 enum class FVJobFormat { Systemd, Launchd };
 
+// What a job runs: a backup, or a verification of the destination (its label ends in "-verify").
+enum class FVJobKind { Backup, Verify };
+
 struct FVJobSchedule {
     std::optional<int64_t> hour;
     std::optional<int64_t> minute;
     // launchd weekday numbers: 0 and 7 Sunday, 1 Monday ... 6 Saturday; -1 every day.
     std::optional<int64_t> weekday;
+    // On the first of each month at midnight; hour, minute and weekday are not used then.
+    bool monthly = false;
 };
 
 class FVLaunchAgentManager {
@@ -37,7 +42,7 @@ public:
 
     // Decided afresh on every call, as the user id may change between calls.
     std::string jobDirectory() const;
-    static std::string jobLabel(const std::string& uuid);
+    static std::string jobLabel(const std::string& uuid, FVJobKind kind = FVJobKind::Backup);
     // A UUID may name files and units only when it is letters, digits and dashes.
     static bool isValidJobIdentifier(const std::string& uuid);
 
@@ -45,33 +50,39 @@ public:
     // otherwise false with the reason in error (also sent to the system log).
     bool writeJob(const std::string& uuid, const std::string& destination, const FVJobSchedule& schedule,
                   std::string* error = nullptr);
+    // The monthly verification of the destination, written and loaded like the backup's job.
+    bool writeVerifyJob(const std::string& uuid, const std::string& destination, std::string* error = nullptr);
     // False when jobs are user units of an account that does not linger: systemd then stops
     // the user's service manager, timers included, at the last logout.
     static bool jobsRunWhileLoggedOut();
     // Unloads and deletes the job when it exists; failures are not reported.
-    void removeJob(const std::string& uuid);
-    // The UUIDs of this program's jobs in the job directory, sorted.
+    void removeJob(const std::string& uuid, FVJobKind kind = FVJobKind::Backup);
+    // The UUIDs of this program's jobs of either kind in the job directory, sorted.
     std::vector<std::string> jobIdentifiers() const;
-    // Removes every job of this program whose UUID is not listed.
+    // Removes every job (of either kind) of this program whose UUID is not listed.
     void cleanJobsWithoutIDs(const std::vector<std::string>& uuids);
 
     // The job descriptions themselves. The systemd forms return nothing (with the reason) when
     // the schedule or the executable cannot be expressed safely.
     static std::optional<std::string> systemdServiceUnit(const std::string& label, const std::string& executable,
-                                                         const std::string& destination, std::string* error);
+                                                         const std::string& destination, FVJobKind kind,
+                                                         std::string* error);
     static std::optional<std::string> systemdTimerUnit(const std::string& label, const FVJobSchedule& schedule,
                                                        std::string* error);
     static std::optional<std::string> onCalendarExpression(const FVJobSchedule& schedule, std::string* error);
     static PlistDict launchdJob(const std::string& label, const std::string& executable,
-                                const std::string& destination, const FVJobSchedule& schedule);
+                                const std::string& destination, const FVJobSchedule& schedule,
+                                FVJobKind kind = FVJobKind::Backup);
 
 private:
-    std::vector<std::string> jobFilePaths(const std::string& uuid) const;
+    std::vector<std::string> jobFilePaths(const std::string& uuid, FVJobKind kind) const;
     std::vector<std::string> systemctl(std::vector<std::string> args) const;
-    void unloadJob(const std::string& uuid);
-    bool writeJobFiles(const std::string& uuid, const std::string& destination, const FVJobSchedule& schedule,
-                       std::string* error);
-    bool loadJob(const std::string& uuid, std::string* error);
+    void unloadJob(const std::string& uuid, FVJobKind kind);
+    bool writeJob(const std::string& uuid, FVJobKind kind, const std::string& destination,
+                  const FVJobSchedule& schedule, std::string* error);
+    bool writeJobFiles(const std::string& uuid, FVJobKind kind, const std::string& destination,
+                       const FVJobSchedule& schedule, std::string* error);
+    bool loadJob(const std::string& uuid, FVJobKind kind, std::string* error);
 
     std::shared_ptr<FVCommandRunner> runner_;
     FVJobFormat format_;

@@ -48,15 +48,21 @@ bool FVOptionsPanelController::updateAutomations(const std::string& destinationP
         id = makeUUID();
         options_->set(FVOptionKey::UUID, id);
     }
-    if (!read.options.automationEnabled) {
-        launchAgentManager_.removeJob(id);
+    if (read.options.automationEnabled) {
+        FVJobSchedule schedule;
+        schedule.hour = read.options.automationTimeHours;
+        schedule.minute = read.options.automationTimeMinutes;
+        schedule.weekday =
+            read.options.automationIntervalSelection == 0 ? -1 : read.options.automationWeekdaySelection;
+        if (!launchAgentManager_.writeJob(id, destinationPath, schedule, error)) return false;
+    } else {
+        launchAgentManager_.removeJob(id, FVJobKind::Backup);
+    }
+    if (!read.options.automationVerifyMonthly) {
+        launchAgentManager_.removeJob(id, FVJobKind::Verify);
         return true;
     }
-    FVJobSchedule schedule;
-    schedule.hour = read.options.automationTimeHours;
-    schedule.minute = read.options.automationTimeMinutes;
-    schedule.weekday = read.options.automationIntervalSelection == 0 ? -1 : read.options.automationWeekdaySelection;
-    return launchAgentManager_.writeJob(id, destinationPath, schedule, error);
+    return launchAgentManager_.writeVerifyJob(id, destinationPath, error);
 }
 
 }  // namespace ferrovane

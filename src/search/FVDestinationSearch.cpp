@@ -9,9 +9,10 @@ std::shared_ptr<FVDestinationSearch> FVDestinationSearch::create(FVMainQueue& ma
 }
 
 void FVDestinationSearch::searchFieldChanged(const std::string& searchText) {
-    // The cancelled walk still reports its end; matches it had already posted are dropped.
+    // The cancelled search still reports its end; matches it had already posted are dropped.
     cancelAllOperations();
     removeAllResults();
+    warnings_.clear();
     reachedMatchLimit_ = false;
     if (searchText.size() < kMinimumSearchTextLength) {
         setSearching(false);
@@ -19,7 +20,8 @@ void FVDestinationSearch::searchFieldChanged(const std::string& searchText) {
     }
     setSearching(true);
     auto operation = std::make_shared<FVDirectorySearchBlockOperation>(mainQueue_, searchFolderPath_,
-                                                                       searchText, shared_from_this());
+                                                                       searchText, shared_from_this(),
+                                                                       kMaximumMatchCount + 1);
     operations_.push_back(operation);
     searchQueue_.async([operation] { operation->main(); });
 }
@@ -39,6 +41,8 @@ void FVDestinationSearch::didFindMatch(const std::string& path) {
     searchResults_ = FVSearchResultParser::parsedResults(matchPaths_, searchFolderPath_);
     if (observer_) observer_->searchResultsDidChange();
 }
+
+void FVDestinationSearch::didWarn(const std::string& message) { warnings_.push_back(message); }
 
 void FVDestinationSearch::didFinish() { setSearching(false); }
 

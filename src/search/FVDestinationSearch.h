@@ -1,6 +1,6 @@
 #pragma once
 // The logic behind the search sheet, without the sheet: each change of the search text starts a
-// new walk of the destination (cancelling the previous one), matches are collected on the main
+// new search of the destination (cancelling the previous one), matches are collected on the main
 // thread up to a cap and regrouped into files with versions after every match.
 
 #include "engine/FVMainQueue.h"
@@ -19,7 +19,7 @@ public:
     virtual ~FVDestinationSearchObserver() = default;
     // The result list was rebuilt or cleared.
     virtual void searchResultsDidChange() {}
-    // The progress indicator should spin (a search started) or stop (a walk ended, or the text
+    // The progress indicator should spin (a search started) or stop (a search ended, or the text
     // was too short to search).
     virtual void searchProgressDidChange(bool searching) {}
 };
@@ -30,7 +30,7 @@ public:
     static constexpr size_t kMaximumMatchCount = 250;
     static constexpr size_t kMinimumSearchTextLength = 3;  // bytes of UTF-8
 
-    // Shared because running walks keep their delegate alive until their last message.
+    // Shared because running searches keep their delegate alive until their last message.
     static std::shared_ptr<FVDestinationSearch> create(FVMainQueue& mainQueue);
 
     // All of the following, and the observer's calls, happen on the main thread.
@@ -40,7 +40,7 @@ public:
 
     // A new search for the text; shorter than the minimum, the list is only cleared.
     void searchFieldChanged(const std::string& searchText);
-    // Cancels the running walk and clears the results.
+    // Cancels the running search and clears the results.
     void closePanel();
 
     const std::vector<FVSearchResult>& searchResults() const { return searchResults_; }
@@ -48,8 +48,11 @@ public:
     bool isSearching() const { return searching_; }
     // Whether the current search was stopped at the cap with matches left over.
     bool reachedMatchLimit() const { return reachedMatchLimit_; }
+    // What the current search could not use of the destination's record of runs.
+    const std::vector<std::string>& warnings() const { return warnings_; }
 
     void didFindMatch(const std::string& path) override;
+    void didWarn(const std::string& message) override;
     void didFinish() override;
 
 private:
@@ -63,9 +66,10 @@ private:
     std::string searchFolderPath_;
     std::vector<std::string> matchPaths_;
     std::vector<FVSearchResult> searchResults_;
+    std::vector<std::string> warnings_;
     bool searching_ = false;
     bool reachedMatchLimit_ = false;
-    // Walks that may still run; each is owned by its queued task.
+    // Searches that may still run; each is owned by its queued task.
     std::vector<std::weak_ptr<FVDirectorySearchBlockOperation>> operations_;
     FVSerialQueue searchQueue_;  // last: joined before the rest goes
 };

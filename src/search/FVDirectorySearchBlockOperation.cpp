@@ -1,98 +1,109 @@
 #include "search/FVDirectorySearchBlockOperation.h"
 
-#include "search/FVSearchText.h"
+#include "engine/FVMirrorLayout.h"
+#include "search/FVDisplacedIndex.h"
+#include "search/FVSearchCandidates.h"
+#include "search/FVSearchPlan.h"
 
 #include <fts.h>
 
-#include <algorithm>
+#include <string_view>
 
 namespace ferrovane {
 
 namespace {
 
-bool endsWith(std::string_view s, std::string_view suffix) {
-    return s.size() >= suffix.size() && s.substr(s.size() - suffix.size()) == suffix;
+bool isArchiveFolder(std::string_view name) {
+    return name == FVMirrorLayout::kChangedFolder || name == FVMirrorLayout::kRemovedFolder;
+}
+
+// The prefix of every hit: the folder as named, without a trailing slash (as the walk joins names).
+std::string hitPrefix(const std::string& folder) {
+    return folder.ends_with('/') ? folder.substr(0, folder.size() - 1) : folder;
 }
 
 }  // namespace
 
 FVDirectorySearchBlockOperation::FVDirectorySearchBlockOperation(
     FVMainQueue& mainQueue, std::string searchFolderPath, std::string searchString,
-    std::shared_ptr<FVDirectorySearchBlockOperationDelegate> delegate)
+    std::shared_ptr<FVDirectorySearchBlockOperationDelegate> delegate, size_t matchLimit)
     : mainQueue_(mainQueue),
       searchFolderPath_(std::move(searchFolderPath)),
-      terms_([&] {
-          auto terms = searchTerms(searchString);
-          for (auto& term : terms) term = FVSearchText::lowercased(term);
-          return terms;
-      }()),
-      delegate_(std::move(delegate)) {}
-
-std::vector<std::string> FVDirectorySearchBlockOperation::searchTerms(std::string_view searchString) {
-    std::vector<std::string> terms;
-    size_t start = 0;
-    for (;;) {
-        size_t blank = searchString.find(' ', start);
-        terms.emplace_back(searchString.substr(start, blank - start));
-        if (blank == std::string_view::npos) return terms;
-        start = blank + 1;
-    }
-}
-
-bool FVDirectorySearchBlockOperation::nameMatches(std::string_view name,
-                                                  const std::vector<std::string>& lowercasedTerms) {
-    std::string lowerName = FVSearchText::lowercased(name);
-    return std::all_of(lowercasedTerms.begin(), lowercasedTerms.end(), [&](const std::string& term) {
-        return !term.empty() && lowerName.find(term) != std::string::npos;
-    });
-}
+      query_(searchString),
+      delegate_(std::move(delegate)),
+      matchLimit_(matchLimit) {}
 
 void FVDirectorySearchBlockOperation::main() {
-    walk();
+    if (!isCancelled()) search();
     // Handing the delegate over means this worker never drops the last reference to it.
     if (delegate_) mainQueue_.post([delegate = std::move(delegate_)] { delegate->didFinish(); });
 }
 
-void FVDirectorySearchBlockOperation::report(std::string path) {
+void FVDirectorySearchBlockOperation::search() {
+    FVSearchPlan plan = FVSearchPlan::of(searchFolderPath_);
+    for (const std::string& problem : plan.problems()) warn(problem + "; the search walks what it would tell");
+    if (!plan.listsMirror()) {
+        walk(searchFolderPath_, true);
+        return;
+    }
+    deduplicates_ = true;
+    FVRecordedSearch(hitPrefix(searchFolderPath_), plan, query_, *this, FVDisplacedIndex::userCacheFolder()).run();
+}
+
+bool FVDirectorySearchBlockOperation::stopped() const { return isCancelled() || matchCount_ >= matchLimit_; }
+
+void FVDirectorySearchBlockOperation::report(const std::string& path) {
+    if (stopped() || (deduplicates_ && !reported_.insert(path).second)) return;
+    ++matchCount_;
     if (delegate_)
-        mainQueue_.post([delegate = delegate_, path = std::move(path), cancelled = cancelled_] {
+        mainQueue_.post([delegate = delegate_, path, cancelled = cancelled_] {
             if (!cancelled->load(std::memory_order_relaxed)) delegate->didFindMatch(path);
         });
 }
 
-void FVDirectorySearchBlockOperation::walk() {
-    if (isCancelled()) return;
-    std::string root = searchFolderPath_;
+void FVDirectorySearchBlockOperation::warn(const std::string& message) {
+    if (delegate_)
+        mainQueue_.post([delegate = delegate_, message, cancelled = cancelled_] {
+            if (!cancelled->load(std::memory_order_relaxed)) delegate->didWarn(message);
+        });
+}
+
+void FVDirectorySearchBlockOperation::walk(const std::string& folder, bool wholeDestination) {
+    using FVSearchCandidates::Kind;
+    if (stopped()) return;
+    std::string root = folder;
     char* roots[] = {root.data(), nullptr};
     // Links inside are not followed, but a destination named through a link is searched.
-    FTS* tree = fts_open(roots, FTS_PHYSICAL | FTS_COMFOLLOW | FTS_NOCHDIR | FTS_XDEV, nullptr);
+    FTS* tree = fts_open(roots, FTS_PHYSICAL | (wholeDestination ? FTS_COMFOLLOW : 0) | FTS_NOCHDIR | FTS_XDEV, nullptr);
     if (!tree) return;
-    while (!isCancelled()) {
+    while (!stopped()) {
         FTSENT* entry = fts_read(tree);
         if (!entry) break;  // done, or the tree vanished under the walk
-        // The search folder is what is searched, not a candidate, whatever its name.
+        // The searched folder is what is searched, not a candidate, whatever its name.
         if (entry->fts_level == FTS_ROOTLEVEL) continue;
         std::string_view name(entry->fts_name, entry->fts_namelen);
-        std::string_view path(entry->fts_path, entry->fts_pathlen);
+        if (wholeDestination && entry->fts_level == 1 && (name == FVMirrorLayout::kRunsFolder || isArchiveFolder(name))) {
+            if (name == FVMirrorLayout::kRunsFolder) fts_set(tree, entry, FTS_SKIP);
+            continue;
+        }
+        if (wholeDestination && entry->fts_level == 2 && isArchiveFolder(entry->fts_parent->fts_name)) continue;
         switch (entry->fts_info) {
         case FTS_D:
-            if (name.front() == '.' || endsWith(path, "/Library") || endsWith(path, "/System") ||
-                endsWith(path, "/private")) {
+            if (!FVSearchCandidates::isCandidate(name, Kind::Folder)) {
                 fts_set(tree, entry, FTS_SKIP);
                 continue;
             }
-            // An application bundle counts as one item.
-            if (endsWith(path, ".app")) fts_set(tree, entry, FTS_SKIP);
+            if (!FVSearchCandidates::entersFolder(name)) fts_set(tree, entry, FTS_SKIP);
             break;
         case FTS_F:
         case FTS_SL:
         case FTS_SLNONE:
-            if (name.front() == '.') continue;
+            if (!FVSearchCandidates::isCandidate(name, Kind::FileOrLink)) continue;
             break;
         default:  // directories on the way out, unreadable folders, other kinds, errors
             continue;
         }
-        if (nameMatches(name, terms_)) report(std::string(path));
+        if (query_.matches(name)) report(std::string(entry->fts_path, entry->fts_pathlen));
     }
     fts_close(tree);
 }

@@ -13,9 +13,10 @@
 #include "app/FVSourceListModel.h"
 #include "app/FVRunTreeModel.h"
 #include "app/FVSourceListView.h"
+#include "app/FVVerifySheet.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVStrings.h"
-#include "manifest/FVManifestWriter.h"
+#include "support/RecordedRun.h"
 #include "support/TempDir.h"
 #include "support/TreeLiteral.h"
 
@@ -33,10 +34,6 @@
 #include <QTest>
 #include <QTreeView>
 #include <QTreeWidget>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <memory>
@@ -77,44 +74,6 @@ void clickButton(QMessageBox* box, const char* key) {
             return;
         }
     QFAIL(qPrintable(QString("no button ") + key));
-}
-
-// What a complete run records when the mirror of source stands as it does now.
-void recordRun(const std::string& destination, const std::string& stamp, const std::string& source) {
-    FVManifestHeader header;
-    header.stamp = stamp;
-    header.sources = {source};
-    header.folderPerSource = true;
-    std::string error;
-    auto writer = FVManifestWriter::create(destination + "/__runs", header, &error);
-    QVERIFY2(writer, error.c_str());
-    const std::string mirror = destination + "/" + fs::path(source).filename().string();
-    std::vector<std::string> paths = {mirror};
-    for (const auto& item : fs::recursive_directory_iterator(mirror)) paths.push_back(item.path());
-    std::sort(paths.begin(), paths.end());
-    FVManifestSummary summary{FVManifestOutcome::Complete};
-    for (const std::string& path : paths) {
-        struct stat st {};
-        lstat(path.c_str(), &st);
-        FVManifestEntry entry;
-        entry.path = path.substr(destination.size());
-        entry.type = S_ISDIR(st.st_mode) ? FVManifestEntryType::Folder : FVManifestEntryType::File;
-        entry.size = S_ISREG(st.st_mode) ? uint64_t(st.st_size) : 0;
-        entry.modificationTimeNs = int64_t(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec;
-        entry.mode = st.st_mode & 07777;
-        entry.owner = st.st_uid;
-        entry.group = st.st_gid;
-        if (S_ISREG(st.st_mode)) {
-            char buffer[4096];
-            int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-            entry.hash = FVContentHasher::ofDescriptor(fd, buffer, sizeof buffer);
-            close(fd);
-            ++summary.files;
-        }
-        writer->add(entry);
-        ++summary.entries;
-    }
-    QVERIFY2(writer->finish(summary, &error), error.c_str());
 }
 
 PlistDict readSettingsOf(const std::string& destination) {
@@ -436,7 +395,7 @@ private slots:
         openDestination(destination);
         app_->addSourcePaths({QString::fromStdString(source)}, 0);
         ferrovane::test::buildTree(mirror, {{"part 2.txt", "one"}, {"part 10.txt", "ten"}, {"sub/c.txt", "sea"}, {"sub/d.txt", "dee"}});
-        recordRun(destination, first, source);
+        ferrovane::test::recordRun(destination, first, {source});
         const std::string asFirstRecorded = ferrovane::test::treeDigest(mirror);
         // The second run changed part 2 and removed part 10, archiving both, and added e.txt.
         for (auto [name, archive] : {std::pair{"part 2.txt", "__changed"}, std::pair{"part 10.txt", "__removed"}}) {
@@ -444,7 +403,7 @@ private slots:
             fs::rename(mirror + "/" + name, destination + "/" + archive + "/" + second + "/Projects/" + name);
         }
         ferrovane::test::buildTree(mirror, {{"part 2.txt", "two"}, {"e.txt", "new"}});
-        recordRun(destination, second, source);
+        ferrovane::test::recordRun(destination, second, {source});
 
         // Browse Backups: the runs newest first; the older one's files, its folder restored.
         app_->window()->browseAction()->trigger();
@@ -474,6 +433,25 @@ private slots:
         restoreInto(makeDir("fromSearch"));
         awaitDialog("restoreOutcome")->accept();
         QCOMPARE(ferrovane::test::treeDigest(*work_ / "fromSearch/Projects"), asFirstRecorded);
+    }
+
+    void verifySheetListsWhatDiffersFromTheRecord() {
+        launch();
+        const std::string source = makeDir("Docs"), destination = makeDir("dest");
+        fs::create_directories(destination + "/Docs");
+        ferrovane::test::writeFile(destination + "/Docs/notes.txt", "kept");
+        ferrovane::test::recordRun(destination, "2026-11-20 10.00.00 +0000", {source});
+        ferrovane::test::writeFile(destination + "/Docs/notes.txt", "KEPT");
+        openDestination(destination);
+        app_->window()->verifyAction()->trigger();
+        auto* sheet = app_->window()->findChild<FVVerifySheet*>();
+        QVERIFY(sheet);
+        QTRY_VERIFY_WITH_TIMEOUT(!sheet->isVerifying(), kPatience);
+        QCOMPARE(sheet->findings()->topLevelItemCount(), 1);
+        QCOMPARE(sheet->findings()->topLevelItem(0)->text(0), QString("damaged"));
+        QCOMPARE(sheet->findings()->topLevelItem(0)->text(1), QString::fromStdString(destination + "/Docs/notes.txt"));
+        QVERIFY(sheet->outcome()->text().endsWith(": 1 damaged"));
+        sheet->reject();
     }
 
     void aRunWithErrorsStaysVisibleAndOffersToEmptyAConfirmedSource() {
@@ -556,12 +534,15 @@ private slots:
         auto* weekday = panel->findChild<QComboBox*>("automationWeekday");
         weekday->setCurrentIndex(weekday->findData(5));
         panel->findChild<QTimeEdit*>("automationTime")->setTime(QTime(3, 30));
+        panel->findChild<QCheckBox*>("automationVerifyMonthly")->setChecked(true);
         panel->accept();
 
         std::string uuid = app_->optionsPanelController().uuid();
         std::string label = FVLaunchAgentManager::jobLabel(uuid);
         std::string timer = ferrovane::test::readFile(*home_ / ("jobs/" + label + ".timer"));
         QVERIFY2(timer.find("OnCalendar=Fri *-*-* 03:30:00") != std::string::npos, timer.c_str());
+        const std::string verifyTimer = *home_ / ("jobs/" + FVLaunchAgentManager::jobLabel(uuid, FVJobKind::Verify) + ".timer");
+        QVERIFY(ferrovane::test::readFile(verifyTimer).find("OnCalendar=monthly\n") != std::string::npos);
         QVERIFY(!runner_->calls.empty() && runner_->calls.back()[0] == "systemctl");
         PlistDict stored = readSettingsOf(destination);
         QCOMPARE(stored.integerValue(FVOptionKey::automationWeekdaySelection), 5);
@@ -571,6 +552,7 @@ private slots:
         app_->removeTargetWidgetClicked();
         clickButton(openDialog(app_->window()), "removebutton");
         QTRY_VERIFY_WITH_TIMEOUT(!fs::exists(*home_ / ("jobs/" + label + ".timer")), kPatience);
+        QVERIFY(!fs::exists(verifyTimer));
     }
 
     void sourcesComeFromPlusOrFromASecondStart() {

@@ -179,6 +179,10 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
               "[('" + changedStamps[0] + "', {'items': 1, 'bytes': 9}, {'items': 2, 'bytes': 15})]");
     EXPECT_EQ(jsonQuery(runs.out, "[(s['path'], s['totalFiles'] > 0) for s in d['sources']]"),
               "[('" + source + "/Docs', True)]");
+    // The record of each run, newest first, with its counts.
+    EXPECT_EQ(jsonQuery(runs.out, "[(r['stamp'] == d['runs'][0]['stamp'], r['outcome'], r['complete'], r['files'], "
+                                  "r['copied'], r['archived'], r['removed'], r['errors']) for r in d['records']]"),
+              "[(True, 'complete', True, 4, 2, 3, 2, 0), (False, 'complete', True, 5, 5, 0, 0, 0)]");
     EXPECT_EQ(ferrovane({"runs", destination}).exitStatus, 0);
     EXPECT_EQ(treeDigest(destination), before);
 
@@ -245,6 +249,20 @@ TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButNeverEmptiesAnUnmounte
     ASSERT_EQ(run().exitStatus, 0);
     EXPECT_FALSE(exists(destination + "/Volume/precious.txt"));
     EXPECT_FALSE(readBack().sources[0]->value(FVSourceKey::emptySourceConfirmed));
+}
+
+TEST_F(BackupRun, ARunThatCannotBeRecordedMakesItsBackupAndEndsWithOneWarning) {
+    buildTree(source, {{"Docs/a.txt", "a"}});
+    configure({{source + "/Docs", FVSourceMode::Backup}}, defaults());
+    writeFile(destination + "/__runs", "not a folder");
+    auto result = run();
+    EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
+    EXPECT_NE(result.out.find("Sync finished with warnings."), std::string::npos) << result.out;
+    EXPECT_NE(result.err.find("Warning: This run is not recorded"), std::string::npos) << result.err;
+    EXPECT_EQ(differences(source + "/Docs/", destination + "/Docs/"), "");
+    const std::string log = readFile(logPath());
+    EXPECT_EQ(log.find("WARNING: This run is not recorded"), log.rfind("WARNING: This run is not recorded"));
+    EXPECT_NE(log.find("WARNING: This run is not recorded"), std::string::npos);
 }
 
 TEST_F(BackupRun, RebuildsFullSourcePathsWithoutSyncModeAndCountsAMissingThreadOption) {

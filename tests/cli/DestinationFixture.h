@@ -36,7 +36,8 @@ protected:
     ProcessResult ferrovane(std::vector<std::string> args) {
         args.insert(args.begin(), FERROVANE_EXECUTABLE);
         return runProcess(args, {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()},
-                                 {"XDG_DATA_HOME", dir / "data"}});
+                                 {"XDG_DATA_HOME", dir / "data"},
+                                 {"XDG_CACHE_HOME", dir / "cache"}});
     }
 
     // A backup run, notifications off, with more arguments after the destination.

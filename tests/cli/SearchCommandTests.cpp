@@ -1,14 +1,18 @@
 // "ferrovane search" as a user meets it: the built executable on destinations laid out as the
 // backup runs file their archives.
 
-#include "support/ProcessRunner.h"
+#include "cli/DestinationFixture.h"
 #include "support/DatedFile.h"
+#include "support/ProcessRunner.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+
+using namespace ferrovane;
 using namespace ferrovane::test;
 
 namespace {
@@ -105,4 +109,55 @@ TEST_F(SearchCommand, UnreadableFoldersArePassedOver) {
     EXPECT_EQ(result.exitStatus, 0) << result.err;
     EXPECT_EQ(result.out, dest + "/open/report.txt\n  2021-07-05 10:00  " + dest + "/open/report.txt\n");
     chmod((dest + "/closed").c_str(), 0755);
+}
+
+namespace {
+
+class SearchAfterRuns : public DestinationFixture {
+protected:
+    // Each version of a file a minute apart from every other, so that the order is the times'.
+    void write(const std::string& relative, const std::string& content) {
+        makeDirs((source + "/" + relative).substr(0, (source + "/" + relative).rfind('/')));
+        writeFile(source + "/" + relative, content);
+        struct timespec times[2] = {{1'700'000'000 + 60 * ++versions_, 0}, {1'700'000'000 + 60 * versions_, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, (source + "/" + relative).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+    }
+    void backUp() {
+        auto result = run();
+        ASSERT_EQ(result.exitStatus, 0) << result.err;
+    }
+    ProcessResult search(const std::string& text) { return ferrovane({"search", destination, text}); }
+
+private:
+    int versions_ = 0;
+};
+
+}  // namespace
+
+TEST_F(SearchAfterRuns, TheRecordAnswersAsTheWalkOfTheSameDestination) {
+    configure({{source, FVSourceMode::Backup}}, defaults());
+    for (const char* name : {"a report.txt", "b report.txt", "reports/c report.txt", "reports/d.txt", "keep report"})
+        write(name, name);
+    backUp();
+    write("a report.txt", "changed");
+    std::filesystem::remove_all(source + "/reports");
+    backUp();
+    write("reports/c report.txt", "back again");
+    std::filesystem::remove(source + "/b report.txt");
+    write("a report.txt", "changed again");
+    backUp();
+    ASSERT_FALSE(std::filesystem::is_empty(destination + "/__runs"));
+
+    for (const char* text : {"report", "c report", "reports", "d.txt"}) {
+        auto recorded = search(text);
+        std::filesystem::rename(destination + "/__runs", dir / "runs aside");
+        auto walked = search(text);
+        std::filesystem::rename(dir / "runs aside", destination + "/__runs");
+        EXPECT_EQ(recorded.exitStatus, walked.exitStatus) << text;
+        EXPECT_EQ(recorded.out, walked.out) << text;
+        EXPECT_EQ(recorded.err, walked.err) << text;
+    }
+    // The record did answer: what each later run displaced was kept.
+    EXPECT_FALSE(std::filesystem::is_empty(dir / "cache/ferrovane/displaced"));
+    EXPECT_NE(search("c report").out.find("/__removed/"), std::string::npos);
 }

@@ -16,6 +16,7 @@ from contextlib import contextmanager
 TEMPORARY_PREFIX = b".ferrovane-tmp-"
 CONF = ".ferrovane.conf"
 ARCHIVES = ("__changed", "__removed")
+RUNS = "__runs"
 FIXED_MTIME = 1_000_000_000  # far from "now", so any later change is more than the 10 s tolerance
 
 
@@ -188,6 +189,10 @@ def temporaries(destination):
     conf_temp = CONF.encode() + b"."
     found = [os.path.join(root, n) for n in os.listdir(root) if n.startswith(conf_temp) and len(n) == len(conf_temp) + 6]
     for folder, dirs, names in os.walk(root):
+        # A run's unfinished record cannot go where the destination turned read-only; the next run
+        # removes it (the records part checks that).
+        if folder == root and RUNS.encode() in dirs:
+            dirs.remove(RUNS.encode())
         found += [os.path.join(folder, n) for n in names + dirs if n.startswith(TEMPORARY_PREFIX)]
     return found
 
@@ -231,10 +236,13 @@ def version(root, rel):
 
 def versions(destination):
     """Every version the destination holds, in the mirror and in the archives: {path relative to
-    the destination: version}. The configuration, the lock and temporaries are not versions."""
+    the destination: version}. The configuration, the lock, temporaries and the record of runs
+    are not versions."""
     root = os.path.realpath(os.fsencode(destination))
     out = {}
     for folder, dirs, names in os.walk(root):
+        if folder == root and RUNS.encode() in dirs:
+            dirs.remove(RUNS.encode())
         for name in names + [d for d in dirs if os.path.islink(os.path.join(folder, d))]:
             rel = os.path.relpath(os.path.join(folder, name), root)
             if name.startswith(TEMPORARY_PREFIX) or (folder == root and name.startswith(b".ferrovane")):

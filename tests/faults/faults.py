@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """The fault suite: crash anywhere, storage faults, escapes, hostile names, durability, signals,
-restores racing backups and restores of any run.
+restores racing backups and restores of any run, and the record of runs.
 
   faults.py --executable build/release/ferrovane --tier quick|full [--seed N] [--only crash,...]
            [--results tests/faults/RESULTS.md]
@@ -29,6 +29,7 @@ import inject  # noqa: E402
 import layout  # noqa: E402
 import options  # noqa: E402
 import pointintime  # noqa: E402
+import records  # noqa: E402
 import restores  # noqa: E402
 import signals  # noqa: E402
 import storage  # noqa: E402
@@ -93,6 +94,7 @@ def main():
             "signals": lambda w: signals.run(ferrovane, w, args.tier, args.seed, MOMENTS[args.tier]),
             "restores": lambda w: restores.run(ferrovane, w),
             "pointintime": lambda w: pointintime.run(ferrovane, w),
+            "records": lambda w: records.run(ferrovane, w),
             "fuzz": lambda w: fuzz(args, w),
         }
         for name, suite in suites.items():

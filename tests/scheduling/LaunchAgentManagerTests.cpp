@@ -144,10 +144,20 @@ TEST(LaunchAgentManager, WrittenUnitsVerifyAndCarryHostilePathsExactly) {
     EXPECT_EQ(runProcess(condition, {}).exitStatus, 0);
     EXPECT_NE(timer.find("OnCalendar=Wed *-*-* 14:00:00\nPersistent=true\n"), std::string::npos);
 
+    // The monthly verification: its own units beside the backup's.
+    ASSERT_TRUE(manager.writeVerifyJob(kUUID, destination, &error)) << error;
+    const std::string verifyLabel = kLabel + "-verify";
+    EXPECT_EQ(commandWords(readFile(dir / ("units/" + verifyLabel + ".service")), "ExecStart"),
+              (std::vector<std::string>{program, "verify", destination}));
+    EXPECT_NE(readFile(dir / ("units/" + verifyLabel + ".timer")).find("OnCalendar=monthly\nPersistent=true\n"),
+              std::string::npos);
+
     std::vector<std::string> verify{"verify"};
     if (getuid() != 0) verify.push_back("--user");
-    verify.push_back(dir / ("units/" + kLabel + ".service"));
-    verify.push_back(dir / ("units/" + kLabel + ".timer"));
+    for (const std::string& label : {kLabel, verifyLabel}) {
+        verify.push_back(dir / ("units/" + label + ".service"));
+        verify.push_back(dir / ("units/" + label + ".timer"));
+    }
     ProcessResult checked = analyze(verify, runtime);
     EXPECT_EQ(checked.exitStatus, 0) << checked.err;
     EXPECT_EQ(checked.err, "");
@@ -171,6 +181,8 @@ TEST(LaunchAgentManager, ListCleanAndRemoveTouchOnlyThisProgramsJobs) {
     FVLaunchAgentManager manager(runner, FVJobFormat::Systemd, units, "/usr/bin/ferrovane");
     ASSERT_TRUE(manager.writeJob(kUUID, "/backups/a", {15, 30, 2}));
     ASSERT_TRUE(manager.writeJob(other, "/backups/b", {1, 0, -1}));
+    ASSERT_TRUE(manager.writeVerifyJob(kUUID, "/backups/a"));
+    ASSERT_TRUE(manager.writeVerifyJob(other, "/backups/b"));
     writeFile(units + "/other-program.timer", "");
     writeFile(units + "/com.quillmarsh.ferrovane.notes.txt", "");
     EXPECT_EQ(manager.jobIdentifiers(), (std::vector<std::string>{kUUID, other}));
@@ -185,9 +197,13 @@ TEST(LaunchAgentManager, ListCleanAndRemoveTouchOnlyThisProgramsJobs) {
     EXPECT_TRUE(exists(units + "/com.quillmarsh.ferrovane.notes.txt"));
     EXPECT_EQ(runner->calls.back(), systemctl({"daemon-reload"}));
 
+    EXPECT_FALSE(exists(units + "/com.quillmarsh.ferrovane." + other + "-verify.timer"));
     manager.removeJob(kUUID);
     EXPECT_FALSE(exists(units + "/" + kLabel + ".service"));
     EXPECT_FALSE(exists(units + "/" + kLabel + ".timer"));
+    EXPECT_EQ(manager.jobIdentifiers(), (std::vector<std::string>{kUUID}));
+    manager.removeJob(kUUID, FVJobKind::Verify);
+    EXPECT_EQ(manager.jobIdentifiers(), (std::vector<std::string>{}));
     runner->calls.clear();
     manager.removeJob(kUUID);  // nothing there: nothing run
     EXPECT_TRUE(runner->calls.empty());
