@@ -92,7 +92,8 @@ FVBackupBrowser::FVBackupBrowser(QWidget* window, const std::string& destination
     connect(runs_, &QTreeWidget::currentItemChanged, this, &FVBackupBrowser::showRun);
     connect(restore_, &QPushButton::clicked, this, &FVBackupBrowser::restoreRequested);
     connect(tree_, &QTreeView::doubleClicked, this, [this](const QModelIndex& index) {
-        if (!tree_->model()->hasChildren(index)) emit restoreRequested();
+        // A folder opens on a double click; anything else is restored.
+        if (model_ && !model_->isFolder(index)) emit restoreRequested();
     });
     listRuns();
 }

@@ -28,6 +28,7 @@ public:
     const FVPointInTime& run() const { return *run_; }
     // The path relative to the mirror of the entry at index.
     std::string mirrorPath(const QModelIndex& index) const;
+    bool isFolder(const QModelIndex& index) const { return nodeOf(index)->isFolder(); }
     // The index of a mirror path among the entries read so far; invalid when not read yet.
     QModelIndex indexOf(const std::string& mirrorPath) const;
     // No folder read is under way.
