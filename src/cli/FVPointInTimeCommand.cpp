@@ -194,7 +194,9 @@ int listMain(const std::string& destinationArgument, const std::string& path, co
         FVOutput::print(stderr, "ferrovane ls: the run {} recorded no {}.\n", shown(run->stamp), shown(path));
         return kExitFailed;
     }
-    const std::string original = opened->pointInTime.layout().originalPath(mirror).value_or(mirror);
+    // The destination's root, the mirror of no source when each has a folder, is shown as named.
+    const std::string original =
+        opened->pointInTime.layout().originalPath(mirror).value_or(mirror.empty() ? destination : mirror);
     if (json)
         FVOutput::print(stdout, "{{\"at\": {}, {}, \"entries\": [", FVJsonText::quoted(run->stamp),
                         FVJsonText::pathFields("path", original));
@@ -242,7 +244,7 @@ void onSignal(int signal) {
 // What a dry run can tell without reading the files: that no copy of a file's recorded size exists.
 bool anyPlaceHolds(const FVPointInTimePlan& plan, const FVConfinedDirectory& destination, const FVManifestEntry& e) {
     struct stat st {};
-    for (const auto& places : {plan.bytes().likeliestPlaces(e), plan.bytes().otherPlaces(e, plan.destination())})
+    for (const auto& places : {plan.bytes().likeliestPlaces(e), plan.bytes().otherPlaces(e)})
         for (const std::string& place : places)
             if (destination.statItem(place, &st) == 0 && S_ISREG(st.st_mode) &&
                 (!e.hash || static_cast<uint64_t>(st.st_size) == e.size))
@@ -262,7 +264,13 @@ int dryRun(const FVPointInTimePlan& plan, bool replace) {
         auto target = plan.targetOf(e.path);
         if (!target) return;
         std::string reason;
-        if (plan.stateOf(e, *target, &reason) == FVPointInTimePlan::State::Identical) return;
+        switch (plan.stateOf(e, *target, &reason)) {
+        case FVPointInTimePlan::State::Identical: return;
+        case FVPointInTimePlan::State::SameBytes:
+            FVOutput::print(stdout, "  {} (mode and owner only)\n", shown(*target));
+            return;
+        default: break;
+        }
         if (e.type == FVManifestEntryType::File && !anyPlaceHolds(plan, destination, e)) {
             ++gone;
             goneBytes += e.size;

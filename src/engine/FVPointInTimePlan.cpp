@@ -58,7 +58,7 @@ std::optional<FVPointInTimePlan> FVPointInTimePlan::make(const std::string& dest
     auto target = FVRestoreTarget::forVersion(FVVersionCatalog(pointInTime->layout()), mirrorPath,
                                               pointInTime->layout().destinationPath(mirrorPath), toFolder, problem);
     if (!target) return std::nullopt;
-    auto bytes = FVRecordedBytes::index(runs, static_cast<size_t>(chosen - runs.begin()), mirrorPath, problem);
+    auto bytes = FVRecordedBytes::index(destination, runs, static_cast<size_t>(chosen - runs.begin()), mirrorPath, problem);
     if (!bytes) return std::nullopt;
     FVPointInTimePlan plan(destination, std::move(*pointInTime), std::move(*bytes), mirrorPath, *target);
 
@@ -126,8 +126,8 @@ FVPointInTimePlan::State FVPointInTimePlan::stateOf(const FVManifestEntry& entry
         // Mode and owner alone are no other version: the contents are the same.
         switch (FVChangeDecision::decide(recorded, FVChangeDecision::sideOf(item), nullptr,
                                          FVChangeDecision::Tolerance::of(profile_))) {
-        case FVChangeDecision::Reason::Unchanged:
-        case FVChangeDecision::Reason::ModeOrOwnerMismatch: return State::Identical;
+        case FVChangeDecision::Reason::Unchanged: return State::Identical;
+        case FVChangeDecision::Reason::ModeOrOwnerMismatch: return State::SameBytes;
         default: break;
         }
     }
@@ -141,7 +141,8 @@ void FVPointInTimePlan::add(const FVManifestEntry& entry) {
     ++entries_;
     std::string reason;
     switch (stateOf(entry, *target, &reason)) {
-    case State::Identical: ++identical_; return;
+    case State::Identical:
+    case State::SameBytes: ++identical_; return;
     case State::Unreadable: problems_.push_back(fmt::format("Could not examine {} ({})", *target, reason)); return;
     case State::InTheWay: conflicts_.push_back({*target, reason}); break;
     case State::New:

@@ -23,7 +23,9 @@ public:
         std::string target;
         std::string reason;
     };
-    enum class State { New, Identical, Merge, InTheWay, Unreadable };
+    // SameBytes: the recorded contents, with another mode, owner or group (a copy from a disk that
+    // keeps none): the restore puts the recorded ones on it in place.
+    enum class State { New, Identical, SameBytes, Merge, InTheWay, Unreadable };
 
     // The item at mirrorPath (as that run's layout names it) as the complete run recorded it:
     // into toFolder under its name, or, when toFolder is empty, back to its original place.

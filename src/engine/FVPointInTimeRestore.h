@@ -5,23 +5,26 @@
 // copied. Each new item is made under a temporary name and given its name last, never over an
 // item that is there: an existing item is replaced only when the plan found it in the way and the
 // user chose to replace it, and it then goes to the trash first. A file whose bytes the destination
-// no longer holds is named, never skipped silently. The manifest is streamed, not held.
+// no longer holds is named, never skipped silently. The manifest is streamed, not held: the thread
+// that runs reads it, makes folders and links and hands files to two copiers (creating small files
+// is bound by kernel time per file, so two copiers restore about twice as fast as one).
 
 #include "engine/FVPointInTimePlan.h"
 #include "fs/FVConfinedDirectory.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 namespace ferrovane {
-
-class FVRecordedFileCopy;
 
 class FVPointInTimeRestore {
 public:
@@ -35,11 +38,12 @@ public:
     };
     // Called on the thread that runs, with recorded entries handled so far and in all.
     using Progress = std::function<void(uint64_t done, uint64_t total)>;
-    // Messages for the user (replaced items, errors, files whose bytes are gone), on the thread
-    // that runs.
+    // Messages for the user (replaced items, errors, files whose bytes are gone), on any thread,
+    // one at a time.
     using Report = std::function<void(const std::string& line, bool isError)>;
 
-    FVPointInTimeRestore(const FVPointInTimePlan& plan, bool replace) : plan_(plan), replace_(replace) {}
+    FVPointInTimeRestore(const FVPointInTimePlan& plan, bool replace);
+    ~FVPointInTimeRestore();
 
     // Runs the plan; interrupt is polled (between entries and between chunks of a file) and
     // cancels the restore when it becomes true. Writes a section in the run log.
@@ -47,17 +51,24 @@ public:
     Summary run(const Progress& progress, const Report& report);
     // Cancels from any thread (a signal's), as interrupt does.
     void cancel() { cancelRequested_.store(true, std::memory_order_relaxed); }
-    // Test hook: called with each file's target before its bytes are copied.
+    // Test hook: called with each file's target before its bytes are copied, on a copier's thread.
     void setBeforeFile(std::function<void(const std::string&)> hook) { beforeFile_ = std::move(hook); }
 
 private:
-    void restoreEntry(const FVManifestEntry& entry, FVRecordedFileCopy& copier);
-    void restoreFile(const FVManifestEntry& entry, const std::string& target, const std::string& relative, int parent,
-                     const std::string& name, FVRecordedFileCopy& copier);
+    struct Lane;
+    struct FileJob {
+        FVManifestEntry entry;
+        std::string target, relative;
+    };
+
+    void restoreEntry(const FVManifestEntry& entry, Lane& lane);
+    void restoreFile(const FileJob& job, Lane& lane);
     void restoreLink(const FVManifestEntry& entry, const std::string& target, int parent, const std::string& name);
-    // The target folder that holds a relative path, made when missing; the last one is kept.
-    int parentFolder(const std::string& relative, std::string* name);
-    bool moveAside(const std::string& target);
+    bool linkToGroup(const FileJob& job, int parent, const std::string& name);
+    bool moveAside(const std::string& target, Lane& lane);
+    void copyFiles();
+    void enqueue(FileJob job);
+    void drain();
     void finishFolders();
     bool stopped() const;
     void tell(const std::string& line, bool isError);
@@ -68,15 +79,22 @@ private:
     const std::atomic<bool>* interrupt_ = nullptr;
     std::atomic<bool> cancelRequested_{false};
     Report report_;
-    std::unique_ptr<FVConfinedDirectory> target_;
+    std::unique_ptr<FVConfinedDirectory> source_, target_;
     std::unordered_set<std::string> conflicts_;
     // Folders get their recorded metadata once their contents are in (a new file changes its
     // folder's time): relative target, entry.
     std::vector<std::pair<std::string, FVManifestEntry>> folders_;
-    // The first restored file of each hard-link group, as its relative target.
+    // The first restored file of each hard-link group, as its relative target; hard-linked files
+    // are restored on the thread that runs, in the record's order.
     std::unordered_map<uint64_t, std::string> linkGroups_;
-    std::string parentPath_;
-    FVFd parent_;
+
+    std::mutex queueMutex_;
+    std::condition_variable queueChanged_;
+    std::deque<FileJob> queue_;
+    size_t busy_ = 0;
+    bool closed_ = false;
+
+    std::mutex summaryMutex_;
     Summary summary_;
 };
 

@@ -24,7 +24,8 @@ const FVRecordedBytes::Slot* FVRecordedBytes::find(uint64_t key) const {
     return const_cast<FVRecordedBytes*>(this)->find(key);
 }
 
-std::optional<FVRecordedBytes> FVRecordedBytes::index(const std::vector<FVRunRecord>& runs, size_t chosen,
+std::optional<FVRecordedBytes> FVRecordedBytes::index(const std::string& destination,
+                                                      const std::vector<FVRunRecord>& runs, size_t chosen,
                                                       const std::string& path, std::string* problem) {
     FVRecordedBytes bytes;
     auto pit = FVPointInTime::open("", runs.at(chosen), problem);
@@ -41,6 +42,14 @@ std::optional<FVRecordedBytes> FVRecordedBytes::index(const std::vector<FVRunRec
     std::sort(bytes.slots_.begin(), bytes.slots_.end(),
               [](const Slot& a, const Slot& b) { return a.pathKey < b.pathKey; });
     for (size_t k = chosen + 1; k < runs.size(); ++k) bytes.readLater(runs[k], path);
+    const FVVersionCatalog catalog(FVMirrorLayout::archivesOf(destination));
+    std::vector<std::pair<std::time_t, std::string>> folders;
+    for (auto [kind, name] : {std::pair{FVArchiveKind::Changed, FVMirrorLayout::kChangedFolder},
+                              std::pair{FVArchiveKind::Removed, FVMirrorLayout::kRemovedFolder}})
+        for (const FVVersionCatalog::ArchiveStamp& stamp : catalog.stamps(kind))
+            folders.emplace_back(stamp.time, std::string(name) + "/" + stamp.name);
+    std::sort(folders.begin(), folders.end(), std::greater<>());
+    for (auto& folder : folders) bytes.archiveFolders_.push_back(std::move(folder.second));
     return bytes;
 }
 
@@ -81,19 +90,7 @@ std::vector<std::string> FVRecordedBytes::likeliestPlaces(const FVManifestEntry&
     return {entry.path.substr(1)};
 }
 
-std::vector<std::string> FVRecordedBytes::otherPlaces(const FVManifestEntry& entry,
-                                                      const std::string& destination) const {
-    if (!listedArchives_) {
-        listedArchives_ = true;
-        const FVVersionCatalog catalog(FVMirrorLayout::archivesOf(destination));
-        std::vector<std::pair<std::time_t, std::string>> folders;
-        for (auto [kind, name] : {std::pair{FVArchiveKind::Changed, FVMirrorLayout::kChangedFolder},
-                                  std::pair{FVArchiveKind::Removed, FVMirrorLayout::kRemovedFolder}})
-            for (const FVVersionCatalog::ArchiveStamp& stamp : catalog.stamps(kind))
-                folders.emplace_back(stamp.time, std::string(name) + "/" + stamp.name);
-        std::sort(folders.begin(), folders.end(), std::greater<>());
-        for (auto& folder : folders) archiveFolders_.push_back(std::move(folder.second));
-    }
+std::vector<std::string> FVRecordedBytes::otherPlaces(const FVManifestEntry& entry) const {
     const std::vector<std::string> tried = likeliestPlaces(entry);
     std::vector<std::string> found;
     auto add = [&](std::string place) {

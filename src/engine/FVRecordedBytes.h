@@ -20,22 +20,24 @@ class FVRecordedBytes {
 public:
     // runs: the destination's runs, oldest first (FVRunRecords::list); chosen: the index of the
     // complete run whose files are sought; path: the mirror path of the subtree ("" for all).
+    // The destination's archive folders are listed once, here.
     // Nothing, with the reason, when a manifest cannot be read; a later manifest that turns out
     // damaged only ends the search there (the bytes are then looked for everywhere).
-    static std::optional<FVRecordedBytes> index(const std::vector<FVRunRecord>& runs, size_t chosen,
-                                                const std::string& path, std::string* problem);
+    static std::optional<FVRecordedBytes> index(const std::string& destination, const std::vector<FVRunRecord>& runs,
+                                                size_t chosen, const std::string& path, std::string* problem);
 
     // Where the bytes of a file the run recorded should be, as paths below the destination root
     // without a leading "/": the archive folders of the run that displaced it, else the mirror.
     std::vector<std::string> likeliestPlaces(const FVManifestEntry& entry) const;
     // For when those do not hold the recorded digest: the mirror and the same path in every
-    // archive folder of the destination, newest first, less the likeliest places. Not thread-safe
-    // (the archive folders are listed on the first call).
-    std::vector<std::string> otherPlaces(const FVManifestEntry& entry, const std::string& destination) const;
+    // archive folder of the destination, newest first, less the likeliest places.
+    std::vector<std::string> otherPlaces(const FVManifestEntry& entry) const;
     // The stamp of the run that displaced a file; "" when the mirror still holds it.
     std::string displacedBy(const std::string& path) const;
 
 private:
+    // 32 bytes per file. Paths are keyed by 64 bits of their digest: two paths of one key would
+    // only send a file to a likeliest place that does not match, and the other places are tried.
     struct Slot {
         uint64_t pathKey = 0;
         FVContentHash digest;
@@ -51,8 +53,7 @@ private:
 
     std::vector<Slot> slots_;  // sorted by key
     std::vector<std::string> laterStamps_;
-    mutable std::vector<std::string> archiveFolders_;  // "__changed/<stamp>" ..., listed once
-    mutable bool listedArchives_ = false;
+    std::vector<std::string> archiveFolders_;  // "__changed/<stamp>" ..., newest first
 };
 
 }  // namespace ferrovane

@@ -164,6 +164,11 @@ TEST(PointInTimeRestore, EachRunsFolderComesBackFromWhereItsBytesAreNowWithItsRe
     EXPECT_EQ(test::readFile(r + "/a.txt"), "one, again");
     EXPECT_EQ(test::readFile(r + "/sub/c.txt"), "sea");
     EXPECT_TRUE(test::exists(dir / "data/Trash/files/a.txt"));
+    // The same bytes with another mode (a plain restore from a disk without modes) are put right.
+    ASSERT_EQ(chmod((r + "/a.txt").c_str(), 0644), 0);
+    EXPECT_EQ(restore(d, 2, dir / "first").summary.errors, 0u);
+    ASSERT_EQ(stat((r + "/a.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
     unsetenv("XDG_DATA_HOME");
     unsetenv("FERROVANE_LOG_FILE");
 }

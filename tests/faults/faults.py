@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """The fault suite: crash anywhere, storage faults, escapes, hostile names, durability, signals,
-restores racing backups and restores of any run, and the record of runs.
+restores racing backups, the record of runs and restores of any run.
 
   faults.py --executable build/release/ferrovane --tier quick|full [--seed N] [--only crash,...]
            [--results tests/faults/RESULTS.md]
@@ -93,8 +93,8 @@ def main():
             "layout": lambda w: layout.run(ferrovane, w, args.tier, args.seed),
             "signals": lambda w: signals.run(ferrovane, w, args.tier, args.seed, MOMENTS[args.tier]),
             "restores": lambda w: restores.run(ferrovane, w),
-            "pointintime": lambda w: pointintime.run(ferrovane, w),
             "records": lambda w: records.run(ferrovane, w),
+            "pointintime": lambda w: pointintime.run(ferrovane, w),
             "fuzz": lambda w: fuzz(args, w),
         }
         for name, suite in suites.items():

@@ -56,6 +56,7 @@ class History:
         expect(len(new) == 1, f"run {len(self.stamps)} left {new} in __runs")
         self.stamps.append(new[0][:-len(".fvmanifest")])
         copy = os.path.join(self.work, "copies", str(len(self.copies)))
+        os.makedirs(os.path.dirname(copy), exist_ok=True)
         subprocess.run(["cp", "-a", os.path.dirname(self.source), copy], check=True)
         self.copies.append(os.path.join(copy, NAME))
 
