@@ -61,12 +61,13 @@ FVRecordIndex::Record* FVRecordIndex::find(uint64_t key) {
     return nullptr;
 }
 
-void FVRecordIndex::record(const FVManifestEntry& entry) {
+FVRecordIndex::Record& FVRecordIndex::record(const FVManifestEntry& entry) {
     Record& record = insert(keyOf(entry.path));
     record.type = entry.type;
     record.failed = entry.failed;
     record.hasDigest = entry.type == FVManifestEntryType::File && entry.hash && !entry.failed;
     record.digest = record.hasDigest ? *entry.hash : FVContentHash{};
+    return record;
 }
 
 void FVRecordIndex::forEach(const std::function<void(Record&)>& visit) {

@@ -33,9 +33,9 @@ public:
     // The record of a path, made empty when there was none.
     Record& insert(uint64_t key);
     Record* find(uint64_t key);
-    // What the entry records replaces what an earlier run recorded for its path. A digest is
-    // kept only for a file the run brought up to date.
-    void record(const FVManifestEntry& entry);
+    // What the entry records replaces what an earlier run recorded for its path (its mark stays).
+    // A digest is kept only for a file the run brought up to date.
+    Record& record(const FVManifestEntry& entry);
     void forEach(const std::function<void(Record&)>& visit);
     void clear();
     size_t size() const { return size_; }

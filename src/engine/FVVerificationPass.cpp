@@ -136,9 +136,15 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
     index_.clear();
     index_.reserve(expected);
     uint64_t plannedBytes = 0;
+    // Marked: what the complete run recorded. A stopped or failed run after it may have recorded
+    // an item it never got to make, so only the complete run's items can be missing.
+    constexpr uint32_t kRecordedComplete = 1;
     for (size_t i = latest; i < runs.size(); ++i) {
         if (runs[i].summary) plannedBytes += runs[i].summary->bytes;
-        if (!forEachEntry(runs[i], [&](const FVManifestEntry& entry) { index_.record(entry); }, &problem))
+        if (!forEachEntry(runs[i], [&](const FVManifestEntry& entry) {
+                FVRecordIndex::Record& record = index_.record(entry);
+                if (i == latest) record.mark = kRecordedComplete;
+            }, &problem))
             reportDamagedRecord(runs[i], problem);
     }
     plan(plannedBytes * (options_.sources ? 2 : 1));
@@ -198,18 +204,27 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
             read({*original, *original, record->digest, true});
     }
 
-    // What was recorded and not found; below a missing folder only the folder is named.
+    // What was recorded and not found; below a missing folder only the folder is named. An item
+    // that a later (stopped or failed) run moved into its archives is not missing.
+    const FVMirrorLayout archives = FVMirrorLayout::archivesOf(destination());
+    auto movedByLaterRun = [&](const std::string& path) {
+        struct stat st {};
+        for (size_t i = latest + 1; i < runs.size(); ++i)
+            for (FVArchiveKind kind : {FVArchiveKind::Changed, FVArchiveKind::Removed})
+                if (lstat(archives.archivePath(kind, runs[i].stamp, path).c_str(), &st) == 0) return true;
+        return false;
+    };
     std::optional<std::string> missingFolder;
-    for (size_t i = latest; i < runs.size() && !cancelled(); ++i) {
-        forEachEntry(runs[i], [&](const FVManifestEntry& entry) {
-            FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry.path));
-            if (!record || record->seen) return;
-            record->seen = true;
-            if (missingFolder && isAtOrBelow(entry.path, *missingFolder)) return;
-            report(FVVerificationFinding::Kind::Missing, layout.destinationPath(entry.path));
-            if (entry.type == FVManifestEntryType::Folder) missingFolder = entry.path;
-        }, &problem);
-    }
+    forEachEntry(runs[latest], [&](const FVManifestEntry& entry) {
+        if (cancelled()) return;
+        FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry.path));
+        if (!record || record->seen || record->failed) return;
+        record->seen = true;
+        if (missingFolder && isAtOrBelow(entry.path, *missingFolder)) return;
+        if (movedByLaterRun(entry.path)) return;
+        report(FVVerificationFinding::Kind::Missing, layout.destinationPath(entry.path));
+        if (entry.type == FVManifestEntryType::Folder) missingFolder = entry.path;
+    }, &problem);
 }
 
 // Each run's archive folders, oldest first, against what the runs before it recorded: a file

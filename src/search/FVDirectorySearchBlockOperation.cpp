@@ -7,6 +7,7 @@
 
 #include <fts.h>
 
+#include <algorithm>
 #include <string_view>
 
 namespace ferrovane {
@@ -43,7 +44,7 @@ void FVDirectorySearchBlockOperation::search() {
     FVSearchPlan plan = FVSearchPlan::of(searchFolderPath_);
     for (const std::string& problem : plan.problems()) warn(problem + "; the search walks what it would tell");
     if (!plan.listsMirror()) {
-        walk(searchFolderPath_, true);
+        walk(searchFolderPath_, true, {});
         return;
     }
     deduplicates_ = true;
@@ -68,7 +69,8 @@ void FVDirectorySearchBlockOperation::warn(const std::string& message) {
         });
 }
 
-void FVDirectorySearchBlockOperation::walk(const std::string& folder, bool wholeDestination) {
+void FVDirectorySearchBlockOperation::walk(const std::string& folder, bool wholeDestination,
+                                           const std::vector<std::string>& skipped) {
     using FVSearchCandidates::Kind;
     if (stopped()) return;
     std::string root = folder;
@@ -82,8 +84,11 @@ void FVDirectorySearchBlockOperation::walk(const std::string& folder, bool whole
         // The searched folder is what is searched, not a candidate, whatever its name.
         if (entry->fts_level == FTS_ROOTLEVEL) continue;
         std::string_view name(entry->fts_name, entry->fts_namelen);
+        bool skippedFolder = entry->fts_info == FTS_D &&
+                             std::find(skipped.begin(), skipped.end(),
+                                       std::string_view(entry->fts_path, entry->fts_pathlen)) != skipped.end();
         if (wholeDestination && entry->fts_level == 1 && (name == FVMirrorLayout::kRunsFolder || isArchiveFolder(name))) {
-            if (name == FVMirrorLayout::kRunsFolder) fts_set(tree, entry, FTS_SKIP);
+            if (name == FVMirrorLayout::kRunsFolder || skippedFolder) fts_set(tree, entry, FTS_SKIP);
             continue;
         }
         if (wholeDestination && entry->fts_level == 2 && isArchiveFolder(entry->fts_parent->fts_name)) continue;
@@ -93,7 +98,7 @@ void FVDirectorySearchBlockOperation::walk(const std::string& folder, bool whole
                 fts_set(tree, entry, FTS_SKIP);
                 continue;
             }
-            if (!FVSearchCandidates::entersFolder(name)) fts_set(tree, entry, FTS_SKIP);
+            if (!FVSearchCandidates::entersFolder(name) || skippedFolder) fts_set(tree, entry, FTS_SKIP);
             break;
         case FTS_F:
         case FTS_SL:

@@ -14,6 +14,7 @@
 #include <memory>
 #include <string>
 #include <unordered_set>
+#include <vector>
 
 namespace ferrovane {
 
@@ -53,8 +54,9 @@ private:
     bool stopped() const override;
     void report(const std::string& path) override;
     // Walks a folder; the destination's own folders (__changed, __removed and their run folders,
-    // __runs) are no candidates when the whole destination is walked.
-    void walk(const std::string& folder, bool wholeDestination) override;
+    // __runs) are no candidates when the whole destination is walked. Folders in skipped are
+    // candidates but not entered.
+    void walk(const std::string& folder, bool wholeDestination, const std::vector<std::string>& skipped) override;
     void warn(const std::string& message) override;
 
     FVMainQueue& mainQueue_;

@@ -27,19 +27,21 @@ FVRecordedSearch::FVRecordedSearch(std::string destination, const FVSearchPlan& 
                                    FVRecordedSearchSink& sink, std::string cacheFolder)
     : destination_(std::move(destination)),
       cacheFolder_(std::move(cacheFolder)),
-      confined_(destination_.empty() ? "/" : destination_),
+      confined_(rootPath()),
       plan_(plan),
       query_(query),
       sink_(sink) {}
 
 FVRecordedSearch::Read FVRecordedSearch::forEachMatch(const std::string& manifest,
-                                                      const std::function<void(const FVManifestEntry&)>& visit) {
+                                                      const std::function<void(const FVManifestEntry&)>& visit,
+                                                      FVManifestHeader* header) {
     std::string problem;
     auto reader = FVManifestReader::open(manifest, &problem);
     if (!reader) {
         sink_.warn(problem);
         return Read::Damaged;
     }
+    *header = reader->header();
     FVManifestEntry entry;
     while (reader->next(entry)) {
         if (sink_.stopped()) return Read::Stopped;
@@ -70,11 +72,23 @@ bool FVRecordedSearch::isMatch(std::string_view path, FVManifestEntryType type) 
 
 void FVRecordedSearch::run() {
     const std::vector<FVSearchPlan::Run>& runs = plan_.runs();
+    FVManifestHeader header;
     Read read = forEachMatch(runs.front().manifest, [&](const FVManifestEntry& entry) {
         if (exists(entry.path)) sink_.report(destination_ + entry.path);
-    });
-    if (read == Read::Damaged) sink_.walk(destination_, true);
+    }, &header);
+    if (read == Read::Damaged) sink_.walk(rootPath(), true);
     if (read != Read::Whole) return;
+    // The record lists what lies inside each source's mirror folder; the folder itself, and what
+    // lies outside them all, is the disk's to tell.
+    const FVMirrorLayout layout(rootPath(), header.folderPerSource, header.sources);
+    std::vector<std::string> told = {destination_ + "/" + FVMirrorLayout::kChangedFolder,
+                                     destination_ + "/" + FVMirrorLayout::kRemovedFolder};
+    for (const std::string& source : header.sources) {
+        std::string mirror = layout.mirrorRelativePath(source);
+        if (mirror.empty()) break;  // the source "/" fills the destination
+        told.push_back(destination_ + mirror);
+    }
+    if (told.size() == header.sources.size() + 2) sink_.walk(rootPath(), true, told);
     const FVDisplacedIndex index(cacheFolder_);
     for (size_t i = 0; i < runs.size() && !sink_.stopped(); ++i) {
         const std::string& stamp = runs[i].stamp;

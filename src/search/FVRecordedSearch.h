@@ -4,8 +4,9 @@
 // and the one before are complete, what it displaced into __changed/<stamp> or __removed/<stamp>
 // comes from the displaced index of the pair (computed once, then read from the cache). The
 // record says what should be there, the disk says what is: every hit is confirmed with one look
-// at the item before it is reported. What the record cannot tell is handed back to be walked, as
-// is the part a damaged manifest would have told.
+// at the item before it is reported. What the record cannot tell is handed back to be walked: the
+// destination outside the mirror folders of the newest run's sources (mirrors of sources since
+// removed from the list stay there), and the part a damaged manifest would have told.
 
 #include "fs/FVConfinedDirectory.h"
 #include "manifest/FVManifestEntry.h"
@@ -15,6 +16,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace ferrovane {
 
@@ -25,8 +27,8 @@ public:
     // A hit that exists, as a path below the searched folder.
     virtual void report(const std::string& path) = 0;
     // A folder whose matches the record cannot tell; the whole destination when the mirror
-    // cannot be told either.
-    virtual void walk(const std::string& folder, bool wholeDestination) = 0;
+    // cannot be told either, less the folders in skipped (full paths) when only they can.
+    virtual void walk(const std::string& folder, bool wholeDestination, const std::vector<std::string>& skipped = {}) = 0;
     virtual void warn(const std::string& message) = 0;
 };
 
@@ -43,10 +45,13 @@ public:
 private:
     enum class Read { Whole, Damaged, Stopped };
 
-    Read forEachMatch(const std::string& manifest, const std::function<void(const FVManifestEntry&)>& visit);
+    // header gets the manifest's header once it is open.
+    Read forEachMatch(const std::string& manifest, const std::function<void(const FVManifestEntry&)>& visit,
+                      FVManifestHeader* header);
     bool isMatch(std::string_view path, FVManifestEntryType type) const;
     bool exists(const std::string& relative) const;
     void walkArchivesOf(const std::string& stamp);
+    std::string rootPath() const { return destination_.empty() ? "/" : destination_; }
 
     const std::string destination_;
     const std::string cacheFolder_;

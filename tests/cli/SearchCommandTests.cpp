@@ -135,7 +135,9 @@ private:
 }  // namespace
 
 TEST_F(SearchAfterRuns, TheRecordAnswersAsTheWalkOfTheSameDestination) {
-    configure({{source, FVSourceMode::Backup}}, defaults());
+    PlistDict options = defaults();
+    options.set("moveChangedFiles", int64_t{1});
+    configure({{source, FVSourceMode::Backup}}, options);
     for (const char* name : {"a report.txt", "b report.txt", "reports/c report.txt", "reports/d.txt", "keep report"})
         write(name, name);
     backUp();
@@ -160,4 +162,5 @@ TEST_F(SearchAfterRuns, TheRecordAnswersAsTheWalkOfTheSameDestination) {
     // The record did answer: what each later run displaced was kept.
     EXPECT_FALSE(std::filesystem::is_empty(dir / "cache/ferrovane/displaced"));
     EXPECT_NE(search("c report").out.find("/__removed/"), std::string::npos);
+    EXPECT_NE(search("a report").out.find("/__changed/"), std::string::npos);
 }

@@ -129,6 +129,21 @@ TEST_F(VerificationTest, NamesDamagedMissingAndUnexpectedItemsInMirrorAndArchive
     EXPECT_EQ(summary.status, FVVerificationSummary::Status::Differs);
 }
 
+TEST_F(VerificationTest, ItemsARunCouldNotMakeAreNotMissing) {
+    // A complete run that could not read a source file, then a run stopped before it made the
+    // folder it had already recorded.
+    FVManifestEntry unreadable;
+    unreadable.path = "/Docs/secret.key";
+    unreadable.failed = true;
+    test::recordRun(destination, "2026-11-22 10.00.00 +0000", {source}, FVManifestOutcome::Complete, {unreadable});
+    FVManifestEntry unmade;
+    unmade.path = "/Docs/new folder";
+    unmade.type = FVManifestEntryType::Folder;
+    test::recordRun(destination, "2026-11-23 10.00.00 +0000", {source}, FVManifestOutcome::Stopped, {unmade});
+    EXPECT_EQ(verify(), std::set<std::string>{});
+    EXPECT_EQ(summary.status, FVVerificationSummary::Status::Clean);
+}
+
 TEST_F(VerificationTest, SourcesFindAChangeWhoseSizeAndTimeWerePutBack) {
     const std::string changed = source + "/b.txt";
     struct stat before {};

@@ -12,13 +12,14 @@
 
 namespace ferrovane::test {
 
-void recordRun(const std::string& destination, const std::string& stamp, const std::vector<std::string>& sources) {
+void recordRun(const std::string& destination, const std::string& stamp, const std::vector<std::string>& sources,
+               FVManifestOutcome outcome, const std::vector<FVManifestEntry>& extra) {
     std::string problem;
     auto writer = FVManifestWriter::create(FVRunRecords(destination).folder(),
                                            {0, stamp, 1'700'000'000'000'000'000, "test", sources, true}, &problem);
     ASSERT_TRUE(writer) << problem;
     FVManifestSummary summary;
-    summary.outcome = FVManifestOutcome::Complete;
+    summary.outcome = outcome;
     std::vector<char> buffer(1 << 16);
     FVDirectoryWalker walker(destination);
     while (const FVDirectoryWalker::Entry* item = walker.next()) {
@@ -46,6 +47,10 @@ void recordRun(const std::string& destination, const std::string& stamp, const s
             ++summary.files;
             summary.bytes += entry.size;
         }
+        ASSERT_TRUE(writer->add(entry));
+        ++summary.entries;
+    }
+    for (const FVManifestEntry& entry : extra) {
         ASSERT_TRUE(writer->add(entry));
         ++summary.entries;
     }
