@@ -3,6 +3,7 @@
 
 #include "app/FVAlert.h"
 #include "app/FVCoverView.h"
+#include "app/FVBackupBrowser.h"
 #include "app/FVDestinationSearchSheet.h"
 #include "app/FVVerifySheet.h"
 #include "app/FVDropZone.h"
@@ -80,6 +81,7 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
     connect(w->startButton(), &QPushButton::clicked, this, &AppController::startOrCancelSync);
     connect(w->optionsButton(), &QPushButton::clicked, this, &AppController::showOptionsPanel);
     connect(w->searchButton(), &QPushButton::clicked, this, &AppController::showSearchBackupPanel);
+    connect(w->browseAction(), &QAction::triggered, this, &AppController::showBackupBrowser);
     connect(w->verifyAction(), &QAction::triggered, this, &AppController::showVerifySheet);
     connect(w->addFoldersAction(), &QAction::triggered, this, &AppController::addSourceFolders);
     connect(w->addFilesAction(), &QAction::triggered, this, &AppController::addSourceFiles);
@@ -238,6 +240,7 @@ void AppController::setOptionWidgetsEnabled(bool enabled) {
     window_->sourceListView()->setRestoreEnabled(enabled);
     window_->optionsButton()->setEnabled(enabled);
     window_->searchButton()->setEnabled(enabled);
+    window_->browseAction()->setEnabled(enabled);
     window_->verifyAction()->setEnabled(enabled);
     window_->addSourceButton()->setEnabled(enabled);
     window_->removeSourceButton()->setEnabled(enabled && backupSetController_.count() > 0);
@@ -579,6 +582,16 @@ void AppController::showSearchBackupPanel() {
     sheet->open();
 }
 
+void AppController::showBackupBrowser() {
+    if (currentTargetPath_.empty() || !window_->browseAction()->isEnabled()) return;
+    auto* browser = new FVBackupBrowser(window_.get(), currentTargetPath_);
+    connect(browser, &FVBackupBrowser::restoreRequested, this, [this, browser] {
+        if (const FVRunRecord* run = browser->shownRun())
+            restoreController_->restorePointInTime(qPath(currentTargetPath_), *run, browser->selectedPaths(), browser);
+    });
+    browser->open();
+}
+
 void AppController::showVerifySheet() {
     if (currentTargetPath_.empty()) return;
     auto* sheet = new FVVerifySheet(window_.get(), qPath(currentTargetPath_));
@@ -599,7 +612,8 @@ void AppController::restoreSelectedSource(int row) {
 void AppController::setRestoreHoldsWindow(bool holds) {
     // The restore's progress is on the cover, under which the search sheet would stand.
     if (holds)
-        for (auto* sheet : window_->findChildren<FVDestinationSearchSheet*>()) sheet->reject();
+        for (QDialog* sheet : window_->findChildren<QDialog*>())
+            if (qobject_cast<FVDestinationSearchSheet*>(sheet) || qobject_cast<FVBackupBrowser*>(sheet)) sheet->reject();
     QPushButton* button = window_->startButton();
     button->setText(localized(holds ? "cancelbutton" : "syncbutton"));
     button->setEnabled(true);

@@ -81,6 +81,7 @@ public:
 
     void showOptionsPanel();
     void showSearchBackupPanel();
+    void showBackupBrowser();
     void showVerifySheet();
     void showLog();
     void showLastRunErrors();

@@ -143,6 +143,8 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     file->addAction(localized("menuoptions"), optionsButton_, &QPushButton::click);
     QAction* search = file->addAction(localized("menusearch"), searchButton_, &QPushButton::click);
     search->setShortcut(QKeySequence::Find);
+    browseAction_ = file->addAction(localized("menubrowse"));
+    browseAction_->setObjectName("browseAction");
     verifyAction_ = file->addAction(localized("menuverify"));
     verifyAction_->setObjectName("verifyAction");
     showErrorsAction_ = file->addAction(localized("menushowerrors"));

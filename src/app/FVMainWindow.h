@@ -52,6 +52,7 @@ public:
     QAction* backUpNowAction() const { return backUpNowAction_; }
     QAction* stopAction() const { return stopAction_; }
     QAction* showErrorsAction() const { return showErrorsAction_; }
+    QAction* browseAction() const { return browseAction_; }
     QAction* verifyAction() const { return verifyAction_; }
     QAction* aboutAction() const { return aboutAction_; }
     QAction* showLogAction() const { return showLogAction_; }
@@ -91,6 +92,7 @@ private:
     QAction* backUpNowAction_;
     QAction* stopAction_;
     QAction* showErrorsAction_;
+    QAction* browseAction_;
     QAction* verifyAction_;
     QAction* aboutAction_;
     QAction* showLogAction_;

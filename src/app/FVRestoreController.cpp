@@ -6,19 +6,26 @@
 #include "app/FVFileDialog.h"
 #include "app/FVMainWindow.h"
 #include "app/FVQtStrings.h"
+#include "app/FVPointInTimeRestoreJob.h"
 #include "app/FVThinProgressBar.h"
+#include "app/FVVersionRestoreJob.h"
 #include "engine/FVAdditions.h"
+#include "engine/FVPointInTime.h"
+#include "engine/FVRestorePlan.h"
 #include "engine/FVRestoreTarget.h"
 #include "fs/FVText.h"
 #include "engine/FVVersionCatalog.h"
 
+#include <QDateTime>
 #include <QDir>
+#include <QLocale>
 #include <QFileDialog>
 #include <QMessageBox>
 #include <QPushButton>
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -46,6 +53,26 @@ std::optional<FVVersionCatalog> openValidCatalog(const std::string& destination,
     return catalog;
 }
 
+// The run whose record holds an archived folder as it was: the newest complete run before the
+// run that archived it. Nothing for a file, for the mirror, and for archives older than the
+// first record.
+std::optional<FVRunRecord> recordedRunBefore(const FVVersionCatalog& catalog, const std::string& versionPath) {
+    std::string stamp;
+    for (FVArchiveKind kind : {FVArchiveKind::Changed, FVArchiveKind::Removed}) {
+        const std::string root = catalog.layout().archiveRoot(kind) + '/';
+        if (versionPath.compare(0, root.size(), root) == 0)
+            stamp = versionPath.substr(root.size(), versionPath.find('/', root.size()) - root.size());
+    }
+    auto time = stamp.empty() ? std::nullopt : FVVersionCatalog::stampTime(stamp);
+    struct stat st {};
+    if (!time || FVRestorePlan::examine(catalog.destination(), versionPath, &st) != 0 || !S_ISDIR(st.st_mode))
+        return std::nullopt;
+    std::optional<FVRunRecord> before;
+    for (FVRunRecord& run : FVRunRecords(catalog.destination()).list())
+        if (run.complete() && run.time < *time) before = std::move(run);
+    return before;
+}
+
 }  // namespace
 
 FVRestoreController::FVRestoreController(FVMainWindow* window, std::function<bool()> windowIsBusy, QObject* parent)
@@ -69,8 +96,13 @@ void FVRestoreController::restoreVersion(const QString& destination, const QStri
         box->setInformativeText(QString::fromStdString(problem));
         return;
     }
-    std::string name = FVText::lastPathComponent(catalog->originalPath(*mirror).value_or(*mirror));
-    askTarget({*catalog, *mirror, stdPath(versionPath), name}, dialogParent);
+    // An archived folder holds only what its run displaced; the folder as it was then is what the
+    // run before recorded, when one did.
+    if (auto before = recordedRunBefore(*catalog, stdPath(versionPath))) {
+        restorePointInTime(destination, *before, {*mirror}, dialogParent);
+        return;
+    }
+    askTarget(versionRequest(*catalog, *mirror, stdPath(versionPath)), dialogParent);
 }
 
 void FVRestoreController::restoreSourceItem(const QString& destination, const QString& sourcePath) {
@@ -82,27 +114,85 @@ void FVRestoreController::restoreSourceItem(const QString& destination, const QS
         return;
     }
     std::string mirror = catalog->sourceMirrorPath(stdPath(sourcePath));
-    askTarget({*catalog, mirror, catalog->layout().destinationPath(mirror),
-               FVText::lastPathComponent(stdPath(sourcePath))},
-              window_);
+    Request request = versionRequest(*catalog, mirror, catalog->layout().destinationPath(mirror));
+    request.name = FVText::lastPathComponent(stdPath(sourcePath));
+    askTarget(request, window_);
+}
+
+void FVRestoreController::restorePointInTime(const QString& destination, const FVRunRecord& run,
+                                             const std::vector<std::string>& mirrorPaths, QWidget* dialogParent) {
+    std::string problem;
+    auto pointInTime = mirrorPaths.empty() ? std::nullopt : FVPointInTime::open(stdPath(destination), run, &problem);
+    if (!pointInTime) {
+        QMessageBox* box = FVAlert::show(dialogParent, "restorefailed", "restorefailed");
+        box->setInformativeText(QString::fromStdString(problem));
+        return;
+    }
+    // Original places as that run's sources named them.
+    FVVersionCatalog catalog(pointInTime->layout());
+    Request request;
+    request.destination = stdPath(destination);
+    request.asRecordedBy = QLocale().toString(QDateTime::fromSecsSinceEpoch(run.time), QLocale::ShortFormat);
+    std::vector<std::string> originals;
+    for (const std::string& mirror : mirrorPaths)
+        if (auto original = catalog.originalPath(mirror)) originals.push_back(*original);
+    const bool allKnown = originals.size() == mirrorPaths.size();
+    request.several = mirrorPaths.size() > 1;
+    request.name = mirrorPaths.size() > 1 ? FVStrings::format("browseselection", mirrorPaths.size())
+                                          : FVText::lastPathComponent(allKnown ? originals.front() : mirrorPaths.front());
+    if (allKnown) {
+        // Several items: the folders they go back into.
+        if (mirrorPaths.size() > 1) {
+            for (std::string& original : originals) original = FVText::deletingLastPathComponent(original);
+            std::sort(originals.begin(), originals.end());
+            originals.erase(std::unique(originals.begin(), originals.end()), originals.end());
+        }
+        std::string places;
+        for (const std::string& original : originals) places += (places.empty() ? "" : ", ") + original;
+        request.original = places;
+    }
+    request.job = [catalog, run, mirrorPaths](const std::string& toFolder, std::string* problem) -> std::unique_ptr<FVRestoreJob> {
+        std::vector<std::pair<std::string, FVRestoreTarget>> items;
+        for (const std::string& mirror : mirrorPaths) {
+            auto target = FVRestoreTarget::forVersion(catalog, mirror, catalog.layout().destinationPath(mirror), toFolder, problem);
+            if (!target) return nullptr;
+            items.emplace_back(mirror, std::move(*target));
+        }
+        return std::make_unique<FVPointInTimeRestoreJob>(catalog.destination(), run, std::move(items), toFolder);
+    };
+    askTarget(request, dialogParent);
+}
+
+FVRestoreController::Request FVRestoreController::versionRequest(const FVVersionCatalog& catalog, const std::string& mirror,
+                                                                 const std::string& versionPath) {
+    Request request;
+    request.destination = catalog.destination();
+    request.original = catalog.originalPath(mirror);
+    request.name = FVText::lastPathComponent(request.original.value_or(mirror));
+    request.job = [catalog, mirror, versionPath](const std::string& toFolder, std::string* problem) -> std::unique_ptr<FVRestoreJob> {
+        auto target = FVRestoreTarget::forVersion(catalog, mirror, versionPath, toFolder, problem);
+        if (!target) return nullptr;
+        return std::make_unique<FVVersionRestoreJob>(catalog.destination(), std::move(*target));
+    };
+    return request;
 }
 
 void FVRestoreController::askTarget(const Request& request, QWidget* parent) {
-    auto original = request.catalog.originalPath(request.mirrorPath);
-
     auto* box = new QMessageBox(parent);
     box->setObjectName("restoreTargetDialog");
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->setWindowModality(Qt::WindowModal);
     box->setIcon(QMessageBox::Question);
     box->setText(localizedFormat("restoretarget", request.name));
-    box->setInformativeText(original ? localizedFormat("restoretargetlong", *original)
-                                     : localized("restoretargetnooriginal"));
+    QString where = !request.original ? localized("restoretargetnooriginal")
+                    : localizedFormat(request.several ? "restoretargetlongmany" : "restoretargetlong", *request.original);
+    if (!request.asRecordedBy.isEmpty()) where = localizedFormat("restoreasrecorded", request.asRecordedBy.toStdString()) + ' ' + where;
+    box->setInformativeText(where);
     QPushButton* toOriginal = box->addButton(localized("restoreoriginal"), QMessageBox::AcceptRole);
-    toOriginal->setEnabled(original.has_value());
+    toOriginal->setEnabled(request.original.has_value());
     QPushButton* toFolder = box->addButton(localized("restorechoosefolder"), QMessageBox::ActionRole);
     box->addButton(localized("cancelbuttontitle"), QMessageBox::RejectRole);
-    box->setDefaultButton(original ? toOriginal : toFolder);
+    box->setDefaultButton(request.original ? toOriginal : toFolder);
     QPointer<QWidget> host = parent;
     connect(box, &QMessageBox::finished, this, [this, box, toOriginal, toFolder, request, host] {
         if (box->clickedButton() == toOriginal) start(request, {});
@@ -126,15 +216,17 @@ void FVRestoreController::start(const Request& request, const std::string& toFol
         return;
     }
     std::string problem;
-    const std::string& destination = request.catalog.destination();
-    auto target = FVRestoreTarget::forVersion(request.catalog, request.mirrorPath, request.versionPath, toFolder, &problem);
-    if (target && FVText::isPathWithin(target->to, destination)) {
-        FVAlert::show(window_, "restoreintodestination", "restoreintodestinationlong");
-        return;
-    }
-    if (!target) {
+    const std::string& destination = request.destination;
+    std::unique_ptr<FVRestoreJob> job = request.job(toFolder, &problem);
+    if (!job) {
         QMessageBox* box = FVAlert::show(window_, "restorefailed", "restorefailed");
         box->setInformativeText(QString::fromStdString(problem));
+        return;
+    }
+    const std::vector<std::string> targets = job->targets();
+    if (std::any_of(targets.begin(), targets.end(),
+                    [&](const std::string& target) { return FVText::isPathWithin(target, destination); })) {
+        FVAlert::show(window_, "restoreintodestination", "restoreintodestinationlong");
         return;
     }
     if (lock_.acquire(destination, FVDestinationLock::Mode::Shared) != FVDestinationLock::Status::Acquired) {
@@ -147,25 +239,22 @@ void FVRestoreController::start(const Request& request, const std::string& toFol
     interrupt_ = false;
     destination_ = destination;
     name_ = request.name;
-    plans_.clear();
+    job_ = std::move(job);
+    target_ = targets.size() == 1 ? targets.front() : FVText::deletingLastPathComponent(targets.front());
     planProblem_.clear();
-    summary_ = {};
+    outcome_ = {};
     errors_.clear();
     emit restoreStarted();
 
     FVCoverView* cover = window_->coverView();
     cover->clearMessages();
     cover->setMessage(localizedFormat("restorepreparing", name_));
-    cover->setSmallMessage(qPath(target->to));
+    cover->setSmallMessage(qPath(target_));
     cover->setProgress(0);
     cover->scrollIn();
     // Planning walks the whole item and reads every existing target: not on the window's thread.
-    worker_ = std::thread([this, target = *target] {
-        struct stat st {};
-        if (int error = FVRestorePlan::examine(destination_, target.from, &st))
-            planProblem_ = FVStrings::format("restorenocopy", target.to, std::strerror(error));
-        else
-            plans_.emplace_back(destination_, target.from, target.to, target.root, target.parentMirrors);
+    worker_ = std::thread([this] {
+        job_->plan(&planProblem_);
         QMetaObject::invokeMethod(this, &FVRestoreController::planned, Qt::QueuedConnection);
     });
 }
@@ -180,11 +269,11 @@ void FVRestoreController::planned() {
         return;
     }
     if (interrupt_) {
-        summary_.cancelled = true;
+        outcome_.cancelled = true;
         finished();
         return;
     }
-    if (!plans_.front().conflicts().empty()) {
+    if (!job_->conflicts().empty()) {
         askAboutConflicts();
         return;
     }
@@ -192,7 +281,7 @@ void FVRestoreController::planned() {
 }
 
 void FVRestoreController::askAboutConflicts() {
-    const auto& conflicts = plans_.front().conflicts();
+    const auto conflicts = job_->conflicts();
     QString named, all;
     for (size_t k = 0; k < conflicts.size(); ++k) {
         QString line = localizedFormat("restoreconflictline", conflicts[k].target, conflicts[k].reason);
@@ -227,12 +316,11 @@ void FVRestoreController::copy(bool replace) {
     FVCoverView* cover = window_->coverView();
     cover->setMessage(localizedFormat("restoring", name_));
     done_ = 0;
-    total_ = plans_.front().pairs().size();
+    total_ = job_->itemCount();
     showProgress();
     worker_ = std::thread([this, replace] {
-        FVRestoreRun run(plans_, replace);
-        summary_ = run.run(
-            destination_,
+        outcome_ = job_->copy(
+            replace,
             [this](uint64_t done, uint64_t total) {
                 done_ = done;
                 total_ = total;
@@ -271,15 +359,14 @@ void FVRestoreController::finished() {
         std::lock_guard lock(errorsMutex_);
         errors = errors_;
     }
-    const std::string target = plans_.empty() ? std::string() : plans_.front().to();
-    QString headline = summary_.cancelled     ? localized("restorestopped")
+    const std::string target = target_;
+    QString headline = outcome_.cancelled     ? localized("restorestopped")
                        : !errors.empty()      ? plural("restorefinishederrors", (long long)errors.size())
                                               : localized("restorefinished");
-    QString summary = plural("restoresummary", (long long)summary_.files,
-                             FVNumber::formattedDiskSizeString(double(summary_.bytes)));
-    if (summary_.replaced > 0) summary += " · " + plural("restorereplacedcount", (long long)summary_.replaced);
-    const uint64_t identical = plans_.empty() ? 0 : plans_.front().identicalCount();
-    if (identical > 0) summary += " · " + plural("restoreidenticalcount", (long long)identical);
+    QString summary = plural("restoresummary", (long long)outcome_.files,
+                             FVNumber::formattedDiskSizeString(double(outcome_.bytes)));
+    if (outcome_.replaced > 0) summary += " · " + plural("restorereplacedcount", (long long)outcome_.replaced);
+    if (outcome_.identical > 0) summary += " · " + plural("restoreidenticalcount", (long long)outcome_.identical);
     end();
 
     FVCoverView* cover = window_->coverView();
@@ -293,16 +380,17 @@ void FVRestoreController::finished() {
         panel->open();
         return;
     }
-    QMessageBox* box = FVAlert::show(window_, summary_.cancelled ? "restorestopped" : "restorefinished",
-                                     summary_.cancelled ? "restorestoppedlong" : "restorefinished", QMessageBox::Information,
+    QMessageBox* box = FVAlert::show(window_, outcome_.cancelled ? "restorestopped" : "restorefinished",
+                                     outcome_.cancelled ? "restorestoppedlong" : "restorefinished", QMessageBox::Information,
                                      [this] { window_->coverView()->openView(); });
     box->setObjectName("restoreOutcome");
-    box->setInformativeText(summary_.cancelled ? summary + "\n\n" + localized("restorestoppedlong")
+    box->setInformativeText(outcome_.cancelled ? summary + "\n\n" + localized("restorestoppedlong")
                                                : summary + "\n\n" + localizedFormat("restoredto", target));
 }
 
 void FVRestoreController::end() {
     running_ = false;
+    job_.reset();
     lock_.release();
     window_->coverView()->setProgress(-1);
     window_->progressView()->setProgress(0);

@@ -1,12 +1,13 @@
 #pragma once
-// Restores from the window: asks where to (the original place or a chosen folder), plans off the
-// main thread, asks before replacing anything, copies through the engine's restore run with its
-// progress on the cover view, and shows the outcome. One restore at a time, never during a
-// backup, and the destination stays locked against other runs meanwhile.
+// Restores from the window, a version in the destination or items as a complete run recorded them:
+// asks where to (the original place or a chosen folder), plans off the main thread, asks before
+// replacing anything, copies with its progress on the cover view, and shows the outcome. One
+// restore at a time, never during a backup, and the destination stays locked against other runs
+// meanwhile.
 
+#include "app/FVRestoreJob.h"
 #include "engine/FVDestinationLock.h"
-#include "engine/FVRestorePlan.h"
-#include "engine/FVRestoreRun.h"
+#include "engine/FVRunRecords.h"
 #include "engine/FVVersionCatalog.h"
 
 #include <QObject>
@@ -15,7 +16,9 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -37,10 +40,14 @@ public:
     bool isRunning() const { return running_; }
 
     // A version inside destination (the mirror copy or an archived one); the questions open over
-    // dialogParent.
+    // dialogParent. An archived folder comes back whole, as the run before its archiving recorded
+    // it, when a complete run did.
     void restoreVersion(const QString& destination, const QString& versionPath, QWidget* dialogParent);
     // A whole source item, from the mirror.
     void restoreSourceItem(const QString& destination, const QString& sourcePath);
+    // Items (mirror paths, none inside another) as a complete run recorded them.
+    void restorePointInTime(const QString& destination, const FVRunRecord& run, const std::vector<std::string>& mirrorPaths,
+                            QWidget* dialogParent);
     // Cancels the copy; what was restored stays, nothing half-written does.
     void stop();
 
@@ -51,10 +58,19 @@ signals:
 
 private:
     struct Request {
-        FVVersionCatalog catalog;
-        std::string mirrorPath, versionPath, name;
+        std::string destination;
+        std::string name;  // what the questions call it
+        // Where it came from (the folders several items came from); nothing when no source holds
+        // it any more.
+        std::optional<std::string> original;
+        bool several = false;
+        // For items as a run recorded them: which run, said in the question.
+        QString asRecordedBy;
+        // The job that restores it into a folder, or to its original place when the folder is "".
+        std::function<std::unique_ptr<FVRestoreJob>(const std::string& toFolder, std::string* problem)> job;
     };
 
+    static Request versionRequest(const FVVersionCatalog& catalog, const std::string& mirror, const std::string& versionPath);
     void askTarget(const Request& request, QWidget* parent);
     void chooseFolder(const Request& request, QWidget* parent);
     void start(const Request& request, const std::string& toFolder);
@@ -73,10 +89,11 @@ private:
     std::string destination_;
     std::string name_;
     std::thread worker_;
+    std::unique_ptr<FVRestoreJob> job_;
+    std::string target_;
     // Written by the worker before it posts back; read on the main thread after the join.
-    std::vector<FVRestorePlan> plans_;
     std::string planProblem_;
-    FVRestoreRun::Summary summary_;
+    FVRestoreJob::Outcome outcome_;
     std::mutex errorsMutex_;
     std::vector<std::string> errors_;
     std::atomic<bool> interrupt_{false};

@@ -2,6 +2,7 @@
 // its cancellation, the options sheet with its schedule, and a version found and restored.
 
 #include "app/AppController.h"
+#include "app/FVBackupBrowser.h"
 #include "app/FVCoverView.h"
 #include "app/FVDestinationSearchSheet.h"
 #include "app/FVErrorPanel.h"
@@ -10,12 +11,14 @@
 #include "app/FVRestoreController.h"
 #include "app/FVSingleInstance.h"
 #include "app/FVSourceListModel.h"
+#include "app/FVRunTreeModel.h"
 #include "app/FVSourceListView.h"
 #include "app/FVVerifySheet.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVStrings.h"
 #include "support/RecordedRun.h"
 #include "support/TempDir.h"
+#include "support/TreeLiteral.h"
 
 #include <QApplication>
 #include <QCheckBox>
@@ -29,6 +32,7 @@
 #include <QSignalSpy>
 #include <QTimeEdit>
 #include <QTest>
+#include <QTreeView>
 #include <QTreeWidget>
 
 #include <filesystem>
@@ -381,6 +385,54 @@ private slots:
             QCOMPARE(ferrovane::test::readFile(restored + "/file2"), answer[0] == 'c' ? "mine" : std::string(3000, 'x'));
         }
         QCOMPARE(ferrovane::test::readFile(*home_ / "data/Trash/files/file2"), "mine");
+    }
+
+    void aFolderComesBackAsTheOlderRunRecordedItFromTheBrowserAndFromItsArchivedVersion() {
+        std::string destination = makeDir("dest"), source = makeDir("Projects");
+        const std::string mirror = destination + "/Projects", first = "2026-11-20 10.00.00 +0000",
+                          second = "2026-11-21 10.00.00 +0000";
+        launch();
+        openDestination(destination);
+        app_->addSourcePaths({QString::fromStdString(source)}, 0);
+        ferrovane::test::buildTree(mirror, {{"part 2.txt", "one"}, {"part 10.txt", "ten"}, {"sub/c.txt", "sea"}, {"sub/d.txt", "dee"}});
+        ferrovane::test::recordRun(destination, first, {source});
+        const std::string asFirstRecorded = ferrovane::test::treeDigest(mirror);
+        // The second run changed part 2 and removed part 10, archiving both, and added e.txt.
+        for (auto [name, archive] : {std::pair{"part 2.txt", "__changed"}, std::pair{"part 10.txt", "__removed"}}) {
+            fs::create_directories(destination + "/" + archive + "/" + second + "/Projects");
+            fs::rename(mirror + "/" + name, destination + "/" + archive + "/" + second + "/Projects/" + name);
+        }
+        ferrovane::test::buildTree(mirror, {{"part 2.txt", "two"}, {"e.txt", "new"}});
+        ferrovane::test::recordRun(destination, second, {source});
+
+        // Browse Backups: the runs newest first; the older one's files, its folder restored.
+        app_->window()->browseAction()->trigger();
+        auto* browser = awaitDialog<FVBackupBrowser>("backupBrowser");
+        QTreeWidget* runs = browser->runList();
+        QCOMPARE(runs->topLevelItemCount(), 2);
+        QCOMPARE(runs->topLevelItem(1)->text(1), "4");
+        runs->setCurrentItem(runs->topLevelItem(1));
+        QTRY_VERIFY_WITH_TIMEOUT(browser->treeModel() && browser->treeModel()->rowCount() == 1, kPatience);
+        FVRunTreeModel* model = browser->treeModel();
+        QModelIndex projects = model->index(0, 0);
+        QCOMPARE(model->data(projects, Qt::DisplayRole).toString(), "Projects");
+        browser->fileTree()->expand(projects);
+        QTRY_COMPARE_WITH_TIMEOUT(model->rowCount(projects), 3, kPatience);
+        QCOMPARE(model->data(model->index(0, 0, projects), Qt::DisplayRole).toString(), "part 2.txt");  // before part 10
+        browser->fileTree()->selectionModel()->select(projects, QItemSelectionModel::Select | QItemSelectionModel::Rows);
+        browser->findChild<QPushButton*>("browseRestore")->click();
+        restoreInto(makeDir("fromBrowser"));
+        awaitDialog("restoreOutcome")->accept();
+        QCOMPARE(ferrovane::test::treeDigest(*work_ / "fromBrowser/Projects"), asFirstRecorded);
+
+        // The search's archived version of the folder holds only what the second run displaced;
+        // restored, it is the whole folder as the run before recorded it.
+        app_->restoreController().restoreVersion(QString::fromStdString(destination),
+                                                 QString::fromStdString(destination + "/__changed/" + second + "/Projects"),
+                                                 app_->window());
+        restoreInto(makeDir("fromSearch"));
+        awaitDialog("restoreOutcome")->accept();
+        QCOMPARE(ferrovane::test::treeDigest(*work_ / "fromSearch/Projects"), asFirstRecorded);
     }
 
     void verifySheetListsWhatDiffersFromTheRecord() {

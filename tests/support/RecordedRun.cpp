@@ -36,6 +36,9 @@ void recordRun(const std::string& destination, const std::string& stamp, const s
                                                  : FVManifestEntryType::Other;
         entry.size = static_cast<uint64_t>(item->st.st_size);
         entry.mode = item->st.st_mode & 07777;
+        entry.owner = item->st.st_uid;
+        entry.group = item->st.st_gid;
+        entry.modificationTimeNs = int64_t(item->st.st_mtim.tv_sec) * 1'000'000'000 + item->st.st_mtim.tv_nsec;
         if (entry.type == FVManifestEntryType::File) {
             int fd = open(item->path.c_str(), O_RDONLY | O_CLOEXEC);
             ASSERT_GE(fd, 0) << item->path;

@@ -1,0 +1,43 @@
+#include "app/FVVersionRestoreJob.h"
+
+#include "engine/FVStrings.h"
+
+#include <sys/stat.h>
+
+#include <cstring>
+
+namespace ferrovane {
+
+bool FVVersionRestoreJob::plan(std::string* problem) {
+    struct stat st {};
+    if (int error = FVRestorePlan::examine(destination_, target_.from, &st)) {
+        *problem = FVStrings::format("restorenocopy", target_.to, std::strerror(error));
+        return false;
+    }
+    plans_.emplace_back(destination_, target_.from, target_.to, target_.root, target_.parentMirrors);
+    return true;
+}
+
+std::vector<FVRestoreJob::Conflict> FVVersionRestoreJob::conflicts() const {
+    std::vector<Conflict> conflicts;
+    for (const auto& plan : plans_)
+        for (const auto& conflict : plan.conflicts()) conflicts.push_back({conflict.target, conflict.reason});
+    return conflicts;
+}
+
+uint64_t FVVersionRestoreJob::itemCount() const {
+    uint64_t count = 0;
+    for (const auto& plan : plans_) count += plan.pairs().size();
+    return count;
+}
+
+FVRestoreJob::Outcome FVVersionRestoreJob::copy(bool replace, const FVRestoreRun::Progress& progress,
+                                                const FVRestoreRun::Report& report, const std::atomic<bool>& interrupt) {
+    FVRestoreRun run(plans_, replace);
+    FVRestoreRun::Summary summary = run.run(destination_, progress, report, interrupt);
+    Outcome outcome{summary.files, summary.bytes, summary.replaced, 0, summary.cancelled};
+    for (const auto& plan : plans_) outcome.identical += plan.identicalCount();
+    return outcome;
+}
+
+}  // namespace ferrovane
