@@ -5,6 +5,7 @@
 #include "engine/FVVersionCatalog.h"
 #include "fs/FVDirectoryWalker.h"
 #include "manifest/FVManifestReader.h"
+#include "manifest/FVPathKey.h"
 
 #include <fmt/format.h>
 
@@ -150,7 +151,7 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
     plan(plannedBytes * (options_.sources ? 2 : 1));
     // The destination's root is no entry of the walk.
     for (const char* root : {"", "/"})
-        if (FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(root))) record->seen = true;
+        if (FVRecordIndex::Record* record = index_.find(FVPathKey::of(root))) record->seen = true;
 
     std::vector<std::string> mirrorRoots;
     for (const std::string& source : layout.sources()) mirrorRoots.push_back(layout.mirrorRelativePath(source));
@@ -182,7 +183,7 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
         }
         const std::string relative(entry->relativePath());
         FVManifestEntryType type = typeOf(entry->st.st_mode);
-        FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(relative));
+        FVRecordIndex::Record* record = index_.find(FVPathKey::of(relative));
         if (!record) {
             if (type == FVManifestEntryType::Folder && holdsMirrorRoot(relative)) continue;
             report(FVVerificationFinding::Kind::Unexpected, entry->path);
@@ -217,7 +218,7 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
     std::optional<std::string> missingFolder;
     forEachEntry(runs[latest], [&](const FVManifestEntry& entry) {
         if (cancelled()) return;
-        FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry.path));
+        FVRecordIndex::Record* record = index_.find(FVPathKey::of(entry.path));
         if (!record || record->seen || record->failed) return;
         record->seen = true;
         if (missingFolder && isAtOrBelow(entry.path, *missingFolder)) return;
@@ -276,7 +277,7 @@ void FVVerificationPass::verifyArchives(const std::vector<FVRunRecord>& runs) {
                     unrecorded += type == FVManifestEntryType::File;
                     continue;
                 }
-                FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry->relativePath()));
+                FVRecordIndex::Record* record = index_.find(FVPathKey::of(entry->relativePath()));
                 // Folders that only lead to what was archived need no record of their own.
                 if (!record && type == FVManifestEntryType::Folder) continue;
                 if (!record) {
@@ -321,7 +322,7 @@ void FVVerificationPass::locateVersions(const std::vector<FVRunRecord>& runs, si
         const auto number = static_cast<uint32_t>(later);
         index_.forEach([](FVRecordIndex::Record& record) { record.seen = false; });
         forEachEntry(runs[later], [&](const FVManifestEntry& entry) {
-            FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry.path));
+            FVRecordIndex::Record* record = index_.find(FVPathKey::of(entry.path));
             if (!record || record->mark != 0) return;
             record->seen = true;
             bool sameBytes = !record->hasDigest || entry.failed || !entry.hash || *entry.hash == record->digest;
@@ -336,7 +337,7 @@ void FVVerificationPass::locateVersions(const std::vector<FVRunRecord>& runs, si
     const FVMirrorLayout archives = FVMirrorLayout::archivesOf(destination());
     forEachEntry(runs[chosen], [&](const FVManifestEntry& entry) {
         if (entry.type == FVManifestEntryType::Folder) return;
-        const FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry.path));
+        const FVRecordIndex::Record* record = index_.find(FVPathKey::of(entry.path));
         if (!record || record->mark == 0) return;
         const std::string& stamp = runs[record->mark].stamp;
         struct stat st {};
