@@ -26,11 +26,6 @@ FVManifestEntryType typeOf(mode_t mode) {
     return FVManifestEntryType::Other;
 }
 
-bool isAtOrBelow(std::string_view path, std::string_view folder) {
-    return path.size() >= folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-           (path.size() == folder.size() || path[folder.size()] == '/');
-}
-
 // Every entry of a run's manifest, in its order; false with the reason when it is damaged.
 bool forEachEntry(const FVRunRecord& run, const std::function<void(const FVManifestEntry&)>& visit,
                   std::string* problem) {
@@ -158,7 +153,7 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
     // A mirror's own folder, and the folders that lead to it, need no record of their own.
     auto holdsMirrorRoot = [&](std::string_view folder) {
         return std::any_of(mirrorRoots.begin(), mirrorRoots.end(), [&](const std::string& root) {
-            return isAtOrBelow(root, folder);
+            return isManifestPathAtOrBelow(root, folder);
         });
     };
 
@@ -221,7 +216,7 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
         FVRecordIndex::Record* record = index_.find(FVPathKey::of(entry.path));
         if (!record || record->seen || record->failed) return;
         record->seen = true;
-        if (missingFolder && isAtOrBelow(entry.path, *missingFolder)) return;
+        if (missingFolder && isManifestPathAtOrBelow(entry.path, *missingFolder)) return;
         if (movedByLaterRun(entry.path)) return;
         report(FVVerificationFinding::Kind::Missing, layout.destinationPath(entry.path));
         if (entry.type == FVManifestEntryType::Folder) missingFolder = entry.path;
