@@ -4,6 +4,7 @@
 #include "cli/FVNamedPath.h"
 #include "cli/FVOutput.h"
 #include "cli/FVRestoreProgress.h"
+#include "cli/FVRestoreSignals.h"
 #include "cli/FVRunSignals.h"
 #include "cli/FVSharedLock.h"
 
@@ -21,9 +22,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
 #include <ctime>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -225,22 +224,6 @@ int listMain(const std::string& destinationArgument, const std::string& path, co
 
 namespace {
 
-// The first signal that cancelled the restore; 0 while none has.
-std::atomic<int> cancellingSignal{0};
-// Until the copy starts nothing has been written: a signal then ends the process at once. The
-// mutex keeps a signal's exit and the start of the copy apart.
-std::mutex copyStart;
-bool copying = false;
-FVPointInTimeRestore* activeRun = nullptr;
-
-void onSignal(int signal) {
-    std::lock_guard lock(copyStart);
-    if (!copying) std::_Exit(FVRunSignals::exitStatus(signal));
-    int none = 0;
-    cancellingSignal.compare_exchange_strong(none, signal);
-    if (activeRun) activeRun->cancel();
-}
-
 // What a dry run can tell without reading the files: that no copy of a file's recorded size exists.
 bool anyPlaceHolds(const FVPointInTimePlan& plan, const FVConfinedDirectory& destination, const FVManifestEntry& e) {
     struct stat st {};
@@ -294,8 +277,7 @@ int dryRun(const FVPointInTimePlan& plan, bool replace) {
 
 int restoreMain(const FVRestoreCommand::RestoreArguments& a) {
     // Before the copy's threads start, so that none of them takes a signal.
-    FVRunSignals::block();
-    FVRunSignals::listen(onSignal);
+    FVRestoreSignals::listen();
     const std::string destination = FVNamedPath::resolved(FVNamedPath::absolute(a.destination));
     FVDestinationLock lock;
     int status = kExitUsage;
@@ -334,11 +316,7 @@ int restoreMain(const FVRestoreCommand::RestoreArguments& a) {
     }
 
     FVPointInTimeRestore restore(*plan, a.replace);
-    {
-        std::lock_guard guard(copyStart);
-        copying = true;
-        activeRun = &restore;
-    }
+    FVRestoreSignals::copyStarted([&restore] { restore.cancel(); });
     FVPointInTimeRestore::Summary summary;
     {
         FVRestoreProgress progress;
@@ -347,17 +325,15 @@ int restoreMain(const FVRestoreCommand::RestoreArguments& a) {
                                   FVOutput::print(isError ? stderr : stdout, "{}\n", shown(line));
                               });
     }
-    {
-        std::lock_guard guard(copyStart);
-        activeRun = nullptr;
-    }
+    FVRestoreSignals::copyFinished();
     FVOutput::print(stdout,
                     "Restore {}: {} files ({}), {} already identical, {} conflicts moved aside, {} errors, {} files "
                     "whose bytes are gone.\n",
                     summary.cancelled ? "cancelled" : "finished", summary.files,
                     FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), plan->identicalCount(),
                     summary.replaced, summary.errors - summary.gone, summary.gone);
-    if (summary.cancelled && cancellingSignal.load()) return FVRunSignals::exitStatus(cancellingSignal.load());
+    if (summary.cancelled && FVRestoreSignals::cancellingSignal())
+        return FVRunSignals::exitStatus(FVRestoreSignals::cancellingSignal());
     return summary.cancelled || summary.errors ? kExitFailed : kExitDone;
 }
 

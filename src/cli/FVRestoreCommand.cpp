@@ -4,6 +4,7 @@
 #include "cli/FVNamedPath.h"
 #include "cli/FVOutput.h"
 #include "cli/FVRestoreProgress.h"
+#include "cli/FVRestoreSignals.h"
 #include "cli/FVRunSignals.h"
 #include "cli/FVSharedLock.h"
 
@@ -21,10 +22,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,22 +35,6 @@ namespace {
 constexpr int kExitDone = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
-
-// The first signal that cancelled the restore; 0 while none has.
-std::atomic<int> cancellingSignal{0};
-// Until the copy starts nothing has been written: a signal then ends the process at once. The
-// mutex keeps a signal's exit and the start of the copy apart.
-std::mutex copyStart;
-bool copying = false;
-FVRestoreRun* activeRun = nullptr;
-
-void onSignal(int signal) {
-    std::lock_guard lock(copyStart);
-    if (!copying) std::_Exit(FVRunSignals::exitStatus(signal));
-    int none = 0;
-    cancellingSignal.compare_exchange_strong(none, signal);
-    if (activeRun) activeRun->cancel();
-}
 
 std::string shown(std::string_view text) { return FVSearchText::printable(text); }
 
@@ -229,8 +212,7 @@ std::optional<FVVersionCatalog> lockedCatalog(const std::string& destination, FV
 
 int restoreMain(const RestoreArguments& arguments) {
     // Before the copy's threads start, so that none of them takes a signal.
-    FVRunSignals::block();
-    FVRunSignals::listen(onSignal);
+    FVRestoreSignals::listen();
     FVDestinationLock lock;
     int status = kExitUsage;
     auto catalog = lockedCatalog(arguments.destination, lock, &status);
@@ -267,11 +249,7 @@ int restoreMain(const RestoreArguments& arguments) {
     }
 
     FVRestoreRun run(*plans, arguments.replace);
-    {
-        std::lock_guard lock(copyStart);
-        copying = true;
-        activeRun = &run;
-    }
+    FVRestoreSignals::copyStarted([&run] { run.cancel(); });
     FVRestoreRun::Summary summary;
     {
         FVRestoreProgress progress;
@@ -281,15 +259,13 @@ int restoreMain(const RestoreArguments& arguments) {
                 FVOutput::print(isError ? stderr : stdout, "{}\n", shown(line));
             });
     }
-    {
-        std::lock_guard lock(copyStart);
-        activeRun = nullptr;
-    }
+    FVRestoreSignals::copyFinished();
     FVOutput::print(stdout, "Restore {}: {} files ({}), {} already identical, {} conflicts moved aside, {} errors.\n",
                summary.cancelled ? "cancelled" : "finished", summary.files,
                FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), identical, summary.replaced,
                summary.errors);
-    if (summary.cancelled && cancellingSignal.load()) return FVRunSignals::exitStatus(cancellingSignal.load());
+    if (summary.cancelled && FVRestoreSignals::cancellingSignal())
+        return FVRunSignals::exitStatus(FVRestoreSignals::cancellingSignal());
     return summary.cancelled || summary.errors ? kExitFailed : kExitDone;
 }
 

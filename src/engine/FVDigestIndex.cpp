@@ -1,5 +1,7 @@
 #include "engine/FVDigestIndex.h"
 
+#include "manifest/FVPathKey.h"
+
 #include <xxhash.h>
 
 #include <algorithm>
@@ -12,8 +14,6 @@ int64_t nanoseconds(const struct timespec& time) {
     return static_cast<int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
 }
 }  // namespace
-
-uint64_t FVDigestIndex::keyOf(std::string_view path) { return XXH3_64bits(path.data(), path.size()); }
 
 uint64_t FVDigestIndex::stateOf(uint64_t size, int64_t modificationTimeNs, uint64_t inode, int64_t changeTimeNs) {
     const uint64_t values[4] = {size, static_cast<uint64_t>(modificationTimeNs), inode,
@@ -29,7 +29,7 @@ void FVDigestIndex::add(const FVManifestEntry& entry) {
         if (added) sets_.push_back(entry.attributes);
         set = found->second;
     }
-    slots_.push_back({keyOf(entry.path),
+    slots_.push_back({FVPathKey::of(entry.path),
                       stateOf(entry.size, entry.modificationTimeNs, entry.sourceInode, entry.sourceChangeTimeNs),
                       *entry.hash, set});
 }
@@ -51,7 +51,7 @@ void FVDigestIndex::seal() {
 
 std::optional<FVDigestIndex::Carried> FVDigestIndex::find(std::string_view path, const struct stat& source) const {
     if (slots_.empty()) return std::nullopt;
-    const uint64_t key = keyOf(path);
+    const uint64_t key = FVPathKey::of(path);
     const uint64_t state = stateOf(static_cast<uint64_t>(source.st_size), nanoseconds(source.st_mtim), source.st_ino,
                                    nanoseconds(source.st_ctim));
     const size_t bucket = key >> bucketShift_;

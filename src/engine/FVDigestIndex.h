@@ -42,7 +42,6 @@ private:
         uint32_t attributes;  // index into sets_
         bool operator<(const Slot& other) const { return path < other.path; }
     };
-    static uint64_t keyOf(std::string_view path);
     static uint64_t stateOf(uint64_t size, int64_t modificationTimeNs, uint64_t inode, int64_t changeTimeNs);
 
     std::vector<Slot> slots_;

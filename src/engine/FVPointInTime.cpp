@@ -6,16 +6,6 @@
 
 namespace ferrovane {
 
-namespace {
-
-bool isAtOrBelow(const std::string& entry, const std::string& path) {
-    if (path.empty()) return true;
-    return entry.size() >= path.size() && entry.compare(0, path.size(), path) == 0 &&
-           (entry.size() == path.size() || entry[path.size()] == '/');
-}
-
-}  // namespace
-
 std::optional<FVPointInTime> FVPointInTime::open(const std::string& destination, const FVRunRecord& run,
                                                  std::string* problem) {
     auto reader = FVManifestReader::open(run.path, problem);
@@ -31,7 +21,7 @@ bool FVPointInTime::forEachAtOrBelow(const std::string& path,
     if (!reader) return false;
     FVManifestEntry entry;
     while (reader->next(entry))
-        if (isAtOrBelow(entry.path, path)) visit(entry);
+        if (isManifestPathAtOrBelow(entry.path, path)) visit(entry);
     if (reader->damaged()) {
         *problem = reader->error();
         return false;

@@ -20,12 +20,6 @@ namespace ferrovane {
 
 namespace {
 
-bool isAtOrBelow(const std::string& entry, const std::string& path) {
-    if (path.empty()) return true;
-    return entry.size() >= path.size() && entry.compare(0, path.size(), path) == 0 &&
-           (entry.size() == path.size() || entry[path.size()] == '/');
-}
-
 mode_t fileTypeBits(FVManifestEntryType type) {
     switch (type) {
     case FVManifestEntryType::File: return S_IFREG;
@@ -77,7 +71,7 @@ std::optional<FVPointInTimePlan> FVPointInTimePlan::make(const std::string& dest
     }
     bool found = mirrorPath.empty();
     if (!plan.pointInTime_.forEachAtOrBelow("", [&](const FVManifestEntry& entry) {
-            if (isAtOrBelow(entry.path, mirrorPath)) {
+            if (isManifestPathAtOrBelow(entry.path, mirrorPath)) {
                 found = found || entry.path == mirrorPath;
                 plan.add(entry);
                 return;

@@ -1,6 +1,6 @@
 #include "engine/FVRecordIndex.h"
 
-#include <xxhash.h>
+#include "manifest/FVPathKey.h"
 
 namespace ferrovane {
 
@@ -10,11 +10,6 @@ namespace {
 constexpr double kMaximumLoad = 0.75;
 
 }  // namespace
-
-uint64_t FVRecordIndex::keyOf(std::string_view path) {
-    uint64_t key = XXH3_64bits(path.data(), path.size());
-    return key == 0 ? 1 : key;
-}
 
 size_t FVRecordIndex::slotOf(uint64_t key) const {
     // The high bits of key times the capacity: an even spread without a power-of-two size.
@@ -62,7 +57,7 @@ FVRecordIndex::Record* FVRecordIndex::find(uint64_t key) {
 }
 
 FVRecordIndex::Record& FVRecordIndex::record(const FVManifestEntry& entry) {
-    Record& record = insert(keyOf(entry.path));
+    Record& record = insert(FVPathKey::of(entry.path));
     record.type = entry.type;
     record.failed = entry.failed;
     record.hasDigest = entry.type == FVManifestEntryType::File && entry.hash && !entry.failed;

@@ -26,8 +26,6 @@ public:
         uint32_t mark = 0;
     };
 
-    static uint64_t keyOf(std::string_view path);
-
     // Room for this many paths without growing.
     void reserve(size_t paths);
     // The record of a path, made empty when there was none.

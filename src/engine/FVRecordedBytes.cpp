@@ -3,16 +3,11 @@
 #include "engine/FVMirrorLayout.h"
 #include "engine/FVPointInTime.h"
 #include "engine/FVVersionCatalog.h"
+#include "manifest/FVPathKey.h"
 
 #include <algorithm>
 
 namespace ferrovane {
-
-uint64_t FVRecordedBytes::keyOf(const std::string& path) {
-    FVContentHasher hasher;
-    hasher.update(path.data(), path.size());
-    return hasher.digest().low;
-}
 
 FVRecordedBytes::Slot* FVRecordedBytes::find(uint64_t key) {
     auto at = std::lower_bound(slots_.begin(), slots_.end(), key,
@@ -33,7 +28,7 @@ std::optional<FVRecordedBytes> FVRecordedBytes::index(const std::string& destina
     if (!pit->forEachAtOrBelow(path, [&](const FVManifestEntry& entry) {
             if (entry.type != FVManifestEntryType::File) return;
             Slot slot;
-            slot.pathKey = keyOf(entry.path);
+            slot.pathKey = FVPathKey::of(entry.path);
             slot.hasDigest = entry.hash.has_value();
             if (entry.hash) slot.digest = *entry.hash;
             bytes.slots_.push_back(slot);
@@ -64,7 +59,7 @@ void FVRecordedBytes::readLater(const FVRunRecord& run, const std::string& path)
     const auto displacer = static_cast<uint32_t>(laterStamps_.size());
     for (Slot& slot : slots_) slot.seen = false;
     bool whole = pit->forEachAtOrBelow(path, [&](const FVManifestEntry& entry) {
-        Slot* slot = find(keyOf(entry.path));
+        Slot* slot = find(FVPathKey::of(entry.path));
         if (!slot) return;
         slot->seen = true;
         if (slot->displacer) return;
@@ -79,7 +74,7 @@ void FVRecordedBytes::readLater(const FVRunRecord& run, const std::string& path)
 }
 
 std::string FVRecordedBytes::displacedBy(const std::string& path) const {
-    const Slot* slot = find(keyOf(path));
+    const Slot* slot = find(FVPathKey::of(path));
     return slot && slot->displacer ? laterStamps_[slot->displacer - 1] : std::string();
 }
 

@@ -36,8 +36,8 @@ public:
     std::string displacedBy(const std::string& path) const;
 
 private:
-    // 32 bytes per file. Paths are keyed by 64 bits of their digest: two paths of one key would
-    // only send a file to a likeliest place that does not match, and the other places are tried.
+    // 32 bytes per file. Paths are kept as their key: two paths of one key would only send a file
+    // to a likeliest place that does not match, and the other places are tried.
     struct Slot {
         uint64_t pathKey = 0;
         FVContentHash digest;
@@ -46,7 +46,6 @@ private:
         bool seen = false;  // recorded by the later run being read
     };
 
-    static uint64_t keyOf(const std::string& path);
     Slot* find(uint64_t key);
     const Slot* find(uint64_t key) const;
     void readLater(const FVRunRecord& run, const std::string& path);

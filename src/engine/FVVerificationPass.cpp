@@ -5,6 +5,7 @@
 #include "engine/FVVersionCatalog.h"
 #include "fs/FVDirectoryWalker.h"
 #include "manifest/FVManifestReader.h"
+#include "manifest/FVPathKey.h"
 
 #include <fmt/format.h>
 
@@ -23,11 +24,6 @@ FVManifestEntryType typeOf(mode_t mode) {
     if (S_ISDIR(mode)) return FVManifestEntryType::Folder;
     if (S_ISLNK(mode)) return FVManifestEntryType::Link;
     return FVManifestEntryType::Other;
-}
-
-bool isAtOrBelow(std::string_view path, std::string_view folder) {
-    return path.size() >= folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-           (path.size() == folder.size() || path[folder.size()] == '/');
 }
 
 // Every entry of a run's manifest, in its order; false with the reason when it is damaged.
@@ -150,14 +146,14 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
     plan(plannedBytes * (options_.sources ? 2 : 1));
     // The destination's root is no entry of the walk.
     for (const char* root : {"", "/"})
-        if (FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(root))) record->seen = true;
+        if (FVRecordIndex::Record* record = index_.find(FVPathKey::of(root))) record->seen = true;
 
     std::vector<std::string> mirrorRoots;
     for (const std::string& source : layout.sources()) mirrorRoots.push_back(layout.mirrorRelativePath(source));
     // A mirror's own folder, and the folders that lead to it, need no record of their own.
     auto holdsMirrorRoot = [&](std::string_view folder) {
         return std::any_of(mirrorRoots.begin(), mirrorRoots.end(), [&](const std::string& root) {
-            return isAtOrBelow(root, folder);
+            return isManifestPathAtOrBelow(root, folder);
         });
     };
 
@@ -182,7 +178,7 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
         }
         const std::string relative(entry->relativePath());
         FVManifestEntryType type = typeOf(entry->st.st_mode);
-        FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(relative));
+        FVRecordIndex::Record* record = index_.find(FVPathKey::of(relative));
         if (!record) {
             if (type == FVManifestEntryType::Folder && holdsMirrorRoot(relative)) continue;
             report(FVVerificationFinding::Kind::Unexpected, entry->path);
@@ -217,10 +213,10 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
     std::optional<std::string> missingFolder;
     forEachEntry(runs[latest], [&](const FVManifestEntry& entry) {
         if (cancelled()) return;
-        FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry.path));
+        FVRecordIndex::Record* record = index_.find(FVPathKey::of(entry.path));
         if (!record || record->seen || record->failed) return;
         record->seen = true;
-        if (missingFolder && isAtOrBelow(entry.path, *missingFolder)) return;
+        if (missingFolder && isManifestPathAtOrBelow(entry.path, *missingFolder)) return;
         if (movedByLaterRun(entry.path)) return;
         report(FVVerificationFinding::Kind::Missing, layout.destinationPath(entry.path));
         if (entry.type == FVManifestEntryType::Folder) missingFolder = entry.path;
@@ -276,7 +272,7 @@ void FVVerificationPass::verifyArchives(const std::vector<FVRunRecord>& runs) {
                     unrecorded += type == FVManifestEntryType::File;
                     continue;
                 }
-                FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry->relativePath()));
+                FVRecordIndex::Record* record = index_.find(FVPathKey::of(entry->relativePath()));
                 // Folders that only lead to what was archived need no record of their own.
                 if (!record && type == FVManifestEntryType::Folder) continue;
                 if (!record) {
@@ -321,7 +317,7 @@ void FVVerificationPass::locateVersions(const std::vector<FVRunRecord>& runs, si
         const auto number = static_cast<uint32_t>(later);
         index_.forEach([](FVRecordIndex::Record& record) { record.seen = false; });
         forEachEntry(runs[later], [&](const FVManifestEntry& entry) {
-            FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry.path));
+            FVRecordIndex::Record* record = index_.find(FVPathKey::of(entry.path));
             if (!record || record->mark != 0) return;
             record->seen = true;
             bool sameBytes = !record->hasDigest || entry.failed || !entry.hash || *entry.hash == record->digest;
@@ -336,7 +332,7 @@ void FVVerificationPass::locateVersions(const std::vector<FVRunRecord>& runs, si
     const FVMirrorLayout archives = FVMirrorLayout::archivesOf(destination());
     forEachEntry(runs[chosen], [&](const FVManifestEntry& entry) {
         if (entry.type == FVManifestEntryType::Folder) return;
-        const FVRecordIndex::Record* record = index_.find(FVRecordIndex::keyOf(entry.path));
+        const FVRecordIndex::Record* record = index_.find(FVPathKey::of(entry.path));
         if (!record || record->mark == 0) return;
         const std::string& stamp = runs[record->mark].stamp;
         struct stat st {};

@@ -21,4 +21,8 @@ const char* manifestOutcomeName(FVManifestOutcome outcome) {
     return "failed";
 }
 
+bool isManifestPathAtOrBelow(std::string_view path, std::string_view folder) {
+    return path.starts_with(folder) && (folder.empty() || path.size() == folder.size() || path[folder.size()] == '/');
+}
+
 }  // namespace ferrovane

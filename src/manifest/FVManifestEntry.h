@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -44,6 +45,9 @@ struct FVManifestEntry {
 
     bool operator==(const FVManifestEntry&) const = default;
 };
+
+// Whether a recorded path is folder or lies inside it; "" is the mirror's root and holds them all.
+bool isManifestPathAtOrBelow(std::string_view path, std::string_view folder);
 
 // What a run did, recorded when its manifest is closed.
 enum class FVManifestOutcome : uint8_t { Complete = 1, Stopped = 2, Failed = 3 };

@@ -2,6 +2,7 @@
 
 #include "manifest/FVContentHash.h"
 #include "manifest/FVManifestReader.h"
+#include "manifest/FVPathKey.h"
 #include "platform/FVHomeDirectory.h"
 
 #include <fcntl.h>
@@ -119,7 +120,7 @@ std::optional<std::vector<FVDisplacedIndex::Item>> FVDisplacedIndex::compute(
     FVManifestEntry entry;
     while (reader->next(entry)) {
         if (stopped()) return std::nullopt;
-        later.emplace_back(hashOf(entry.path), fingerprint(entry));
+        later.emplace_back(FVPathKey::of(entry.path), fingerprint(entry));
     }
     if (reader->damaged()) {
         *problem = reader->error();
@@ -133,7 +134,7 @@ std::optional<std::vector<FVDisplacedIndex::Item>> FVDisplacedIndex::compute(
     if (!reader) return std::nullopt;
     while (reader->next(entry)) {
         if (stopped()) return std::nullopt;
-        std::pair<uint64_t, uint64_t> key(hashOf(entry.path), fingerprint(entry));
+        std::pair<uint64_t, uint64_t> key(FVPathKey::of(entry.path), fingerprint(entry));
         if (std::binary_search(later.begin(), later.end(), key)) continue;
         for (size_t slash = entry.path.find('/', 1); slash != std::string::npos; slash = entry.path.find('/', slash + 1))
             folders.insert(entry.path.substr(0, slash));

@@ -4,6 +4,7 @@
 #include "engine/FVDestinationLock.h"
 #include "engine/FVRecordIndex.h"
 #include "engine/FVVerification.h"
+#include "manifest/FVPathKey.h"
 #include "support/RecordedRun.h"
 #include "support/TempDir.h"
 
@@ -82,12 +83,12 @@ TEST(RecordIndex, GrowsWithoutLosingAPathAndTheNewestRecordWins) {
     index.record(entry);
     EXPECT_EQ(index.size(), 20000u);
     for (int i = 0; i < 20000; ++i) {
-        const FVRecordIndex::Record* record = index.find(FVRecordIndex::keyOf("/Docs/file " + std::to_string(i)));
+        const FVRecordIndex::Record* record = index.find(FVPathKey::of("/Docs/file " + std::to_string(i)));
         ASSERT_NE(record, nullptr) << i;
         EXPECT_EQ(record->hasDigest, i != 7);
         EXPECT_EQ(record->digest.low, i != 7 ? uint64_t(i) : 0u);
     }
-    EXPECT_EQ(index.find(FVRecordIndex::keyOf("/Docs/file 20000")), nullptr);
+    EXPECT_EQ(index.find(FVPathKey::of("/Docs/file 20000")), nullptr);
 }
 
 TEST_F(VerificationTest, IntactDestinationReadsBesideRestoresButNotBesideARun) {
