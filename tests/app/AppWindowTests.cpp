@@ -394,15 +394,15 @@ private slots:
         launch();
         openDestination(destination);
         app_->addSourcePaths({QString::fromStdString(source)}, 0);
-        ferrovane::test::buildTree(mirror, {{"part 2.txt", "one"}, {"part 10.txt", "ten"}, {"sub/c.txt", "sea"}, {"sub/d.txt", "dee"}});
+        ferrovane::test::buildTree(mirror, {{"page 2.txt", "one"}, {"page 10.txt", "ten"}, {"sub/c.txt", "sea"}, {"sub/d.txt", "dee"}});
         ferrovane::test::recordRun(destination, first, {source});
         const std::string asFirstRecorded = ferrovane::test::treeDigest(mirror);
-        // The second run changed part 2 and removed part 10, archiving both, and added e.txt.
-        for (auto [name, archive] : {std::pair{"part 2.txt", "__changed"}, std::pair{"part 10.txt", "__removed"}}) {
+        // The second run changed page 2 and removed page 10, archiving both, and added e.txt.
+        for (auto [name, archive] : {std::pair{"page 2.txt", "__changed"}, std::pair{"page 10.txt", "__removed"}}) {
             fs::create_directories(destination + "/" + archive + "/" + second + "/Projects");
             fs::rename(mirror + "/" + name, destination + "/" + archive + "/" + second + "/Projects/" + name);
         }
-        ferrovane::test::buildTree(mirror, {{"part 2.txt", "two"}, {"e.txt", "new"}});
+        ferrovane::test::buildTree(mirror, {{"page 2.txt", "two"}, {"e.txt", "new"}});
         ferrovane::test::recordRun(destination, second, {source});
 
         // Browse Backups: the runs newest first; the older one's files, its folder restored.
@@ -418,7 +418,7 @@ private slots:
         QCOMPARE(model->data(projects, Qt::DisplayRole).toString(), "Projects");
         browser->fileTree()->expand(projects);
         QTRY_COMPARE_WITH_TIMEOUT(model->rowCount(projects), 3, kPatience);
-        QCOMPARE(model->data(model->index(0, 0, projects), Qt::DisplayRole).toString(), "part 2.txt");  // before part 10
+        QCOMPARE(model->data(model->index(0, 0, projects), Qt::DisplayRole).toString(), "page 2.txt");  // before page 10
         browser->fileTree()->selectionModel()->select(projects, QItemSelectionModel::Select | QItemSelectionModel::Rows);
         browser->findChild<QPushButton*>("browseRestore")->click();
         restoreInto(makeDir("fromBrowser"));
