@@ -423,11 +423,15 @@ void AppController::removeSelectedDestinationAndUpdateForSelectedItem() {
 
 void AppController::readSettings() {
     backupSetController_.removeAllItems();
+    const bool isNew = FVConfigurationFile::isNewDestination(currentTargetPath_);
     FVConfigurationFile::convertLegacyFile(currentTargetPath_);
     FVConfigurationReadResult read = FVConfigurationFile::read(FVConfigurationFile::currentPath(currentTargetPath_));
     if (read.status == FVConfigurationReadStatus::Ok) {
         backupSetController_.addBackupItems(read.configuration.sources);
         optionsPanelController_.setAllOptions(read.configuration.settings);
+    } else if (isNew) {
+        // A new destination: it starts with versions kept and the free-space rule on.
+        optionsPanelController_.setAllOptions(FVConfigurationFile::newDestinationOptions());
     } else {
         // Unreadable or malformed: treated as missing, and replaced by the write below.
         optionsPanelController_.setAllOptions(nullptr);

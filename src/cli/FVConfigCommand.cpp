@@ -151,7 +151,7 @@ std::string valueText(const FVOptionRule& rule, const PlistValue* value) {
 }
 
 std::string defaultText(const FVOptionRule& rule) {
-    int64_t value = rule.windowDefault.value_or(0);
+    int64_t value = rule.initialValue();
     if (rule.type == FVOptionType::Boolean) return value ? "yes" : "no";
     return std::to_string(value);
 }
@@ -209,6 +209,8 @@ bool load(Configuration& config, bool includeLegacy, std::string& problem) {
         config.skippedItems = std::move(result.skippedItems);
         return true;
     }
+    // No configuration yet: the first change creates it with what every new destination gets.
+    config.content.settings = FVConfigurationFile::newDestinationOptions();
     return true;
 }
 
@@ -282,8 +284,8 @@ int showJson(const Configuration& config, FVLaunchAgentManager& jobs) {
         if (shown == "not set" || shown == "invalid") shown = "null";
         else if (rule.type == FVOptionType::Boolean) shown = shown == "yes" ? "true" : "false";
         fmt::print("{}\n  \"{}\": {{\"value\": {}, \"default\": {}}}", separator, rule.key, shown,
-                   rule.type == FVOptionType::Boolean ? (rule.windowDefault.value_or(0) ? "true" : "false")
-                                                      : std::to_string(rule.windowDefault.value_or(0)));
+                   rule.type == FVOptionType::Boolean ? (rule.initialValue() ? "true" : "false")
+                                                      : std::to_string(rule.initialValue()));
         separator = ",";
     }
     fmt::print("}},\n \"problems\": [");

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <optional>
 
@@ -29,6 +30,13 @@ bool exists(const std::string& path) {
 std::string currentPath(const std::string& destination) { return joinComponent(destination, fileName); }
 std::string formattedPath(const std::string& destination) { return destination + "/" + fileName; }
 std::string legacyPath(const std::string& destination) { return joinComponent(destination, legacyFileName); }
+
+bool isNewDestination(const std::string& destination) {
+    struct stat st {};
+    for (const std::string& path : {currentPath(destination), legacyPath(destination)})
+        if (lstat(path.c_str(), &st) == 0 || errno != ENOENT) return false;
+    return true;
+}
 
 bool convertLegacyFile(const std::string& destination) {
     std::string current = currentPath(destination);
@@ -239,6 +247,15 @@ const std::vector<std::pair<const char*, int64_t>>& defaultOptions() {
 void applyDefaultOptions(PlistDict& options) {
     for (const auto& [key, value] : defaultOptions())
         if (!options.contains(key)) options.set(key, value);
+}
+
+PlistDictPtr newDestinationOptions() {
+    auto options = std::make_shared<PlistDict>();
+    applyDefaultOptions(*options);
+    for (const FVOptionRule& rule : FVOptionTable::rules()) {
+        if (rule.newDestinationDefault) options->set(rule.key, *rule.newDestinationDefault);
+    }
+    return options;
 }
 
 }  // namespace ferrovane::FVConfigurationFile

@@ -74,10 +74,17 @@ bool writeSettingsForSourceConfiguration(const std::vector<FVSourceItemPtr>& ite
 bool writeRunResults(const std::vector<FVSourceItemPtr>& backedUpItems, const std::string& path,
                      std::string* error = nullptr);
 
+// True only when the destination definitely has neither file (not when it cannot be looked at).
+bool isNewDestination(const std::string& destination);
+
 // The window's defaults from the option table, in the order in which they are filled in.
 const std::vector<std::pair<const char*, int64_t>>& defaultOptions();
 // Adds each missing default; present keys keep their stored values.
 void applyDefaultOptions(PlistDict& options);
+// The options a destination starts with when its configuration is first created: the window's
+// defaults plus those that only new destinations get (archiving changed files, retention, the
+// free-space rule). Existing files never get these: what they store keeps its meaning.
+PlistDictPtr newDestinationOptions();
 
 }  // namespace FVConfigurationFile
 

@@ -12,13 +12,14 @@ using T = FVOptionType;
 constexpr int64_t kLongestAge = 36500;  // a hundred years
 constexpr const char* kYesOrNo = "yes or no (true, false, 1 or 0)";
 
-FVOptionRule boolean(const char* key, bool FVOptions::*field, bool settable, std::optional<int64_t> preset = {}) {
-    return {key, T::Boolean, 0, 1, kYesOrNo, preset, settable, field, nullptr, nullptr};
+FVOptionRule boolean(const char* key, bool FVOptions::*field, bool settable, std::optional<int64_t> preset = {},
+                     std::optional<int64_t> forNewDestinations = {}) {
+    return {key, T::Boolean, 0, 1, kYesOrNo, preset, forNewDestinations, settable, field, nullptr, nullptr};
 }
 
 FVOptionRule integer(const char* key, int64_t FVOptions::*field, int64_t minimum, int64_t maximum,
                      const char* expected, bool settable, std::optional<int64_t> preset = {}) {
-    return {key, T::Integer, minimum, maximum, expected, preset, settable, nullptr, field, nullptr};
+    return {key, T::Integer, minimum, maximum, expected, preset, std::nullopt, settable, nullptr, field, nullptr};
 }
 
 // Text shown in a message: control characters and overlong values never reach the terminal.
@@ -58,7 +59,26 @@ const std::vector<FVOptionRule>& rules() {
                 "1 (a folder per source) or 0 (the whole source path rebuilt)", true, 1),
         integer(FVOptionKey::automationTimeHours, &O::automationTimeHours, 0, 23, "an hour from 0 to 23", false, 14),
         integer(FVOptionKey::automationTimeMinutes, &O::automationTimeMinutes, 0, 59, "a minute from 0 to 59", false, 0),
-        boolean(FVOptionKey::moveChangedFiles, &O::moveChangedFiles, true),
+        integer(FVOptionKey::retentionKeepAllDays, &O::retentionKeepAllDays, 0, kLongestAge,
+                "a whole number of days from 0 to 36500", true, 7),
+        integer(FVOptionKey::retentionDailyWeeks, &O::retentionDailyWeeks, 0, kLongestAge / 7,
+                "a whole number of weeks from 0 to 5214", true, 4),
+        integer(FVOptionKey::retentionWeeklyMonths, &O::retentionWeeklyMonths, 0, kLongestAge / 30,
+                "a whole number of months from 0 to 1216", true, 6),
+        integer(FVOptionKey::retentionMonthlyYears, &O::retentionMonthlyYears, 0, kLongestAge / 365,
+                "a whole number of years from 0 to 100", true, 5),
+        integer(FVOptionKey::keepFreeSpaceMB, &O::keepFreeSpaceMB, 0, int64_t{1} << 40,
+                "a whole number of MB, 0 for automatic", true, 0),
+        integer(FVOptionKey::connectedRunIntervalMinutes, &O::connectedRunIntervalMinutes, 0, 525600,
+                "a whole number of minutes from 0 to 525600", false, 60),
+        integer(FVOptionKey::overdueDays, &O::overdueDays, 0, 3650, "a whole number of days from 0 (never) to 3650",
+                true, 7),
+        // Versions are kept by default: a new destination archives what a run replaces.
+        boolean(FVOptionKey::moveChangedFiles, &O::moveChangedFiles, true, std::nullopt, 1),
+        boolean(FVOptionKey::retentionEnabled, &O::retentionEnabled, true, std::nullopt, 1),
+        boolean(FVOptionKey::keepFreeSpace, &O::keepFreeSpace, true, std::nullopt, 1),
+        boolean(FVOptionKey::purgeOldestForSpace, &O::purgeOldestForSpace, true, std::nullopt, 1),
+        boolean(FVOptionKey::backUpWhenConnected, &O::backUpWhenConnected, false),
         boolean(FVOptionKey::purgeRemovedArchive, &O::purgeRemovedArchive, true),
         boolean(FVOptionKey::purgeChangedArchive, &O::purgeChangedArchive, true),
         boolean(FVOptionKey::disableACLClone, &O::disableACLClone, true),
@@ -66,7 +86,7 @@ const std::vector<FVOptionRule>& rules() {
         boolean(FVOptionKey::excludeSymlinks, &O::excludeSymlinks, true),
         boolean(FVOptionKey::performExtendedLogging, &O::performExtendedLogging, true),
         boolean(FVOptionKey::isSuperuserBackup, &O::isSuperuserBackup, false),
-        {FVOptionKey::UUID, T::Text, 0, 0, "a text", std::nullopt, false, nullptr, nullptr, &O::UUID},
+        {FVOptionKey::UUID, T::Text, 0, 0, "a text", std::nullopt, std::nullopt, false, nullptr, nullptr, &O::UUID},
         boolean(FVOptionKey::automationEnabled, &O::automationEnabled, false),
         integer(FVOptionKey::automationWeekdaySelection, &O::automationWeekdaySelection, 0, 7,
                 "a weekday number from 0 to 7 (0 and 7 are Sunday)", false),

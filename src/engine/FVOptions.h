@@ -36,6 +36,17 @@ inline constexpr const char* automationTimeMinutes = "automationTimeMinutes";
 inline constexpr const char* automationWeekdaySelection = "automationWeekdaySelection";
 inline constexpr const char* automationIntervalSelection = "automationIntervalSelection";
 inline constexpr const char* automationVerifyMonthly = "automationVerifyMonthly";
+inline constexpr const char* retentionEnabled = "retentionEnabled";
+inline constexpr const char* retentionKeepAllDays = "retentionKeepAllDays";
+inline constexpr const char* retentionDailyWeeks = "retentionDailyWeeks";
+inline constexpr const char* retentionWeeklyMonths = "retentionWeeklyMonths";
+inline constexpr const char* retentionMonthlyYears = "retentionMonthlyYears";
+inline constexpr const char* keepFreeSpace = "keepFreeSpace";
+inline constexpr const char* keepFreeSpaceMB = "keepFreeSpaceMB";
+inline constexpr const char* purgeOldestForSpace = "purgeOldestForSpace";
+inline constexpr const char* backUpWhenConnected = "backUpWhenConnected";
+inline constexpr const char* connectedRunIntervalMinutes = "connectedRunIntervalMinutes";
+inline constexpr const char* overdueDays = "overdueDays";
 }  // namespace FVOptionKey
 
 // The options as typed values. A missing key reads as 0 / no: only the window fills in defaults.
@@ -63,6 +74,34 @@ struct FVOptions {
     // A scheduled "ferrovane verify" on the first of each month, apart from the backup's schedule.
     bool automationVerifyMonthly = false;
 
+    // Thinning of whole runs: every run of the last retentionKeepAllDays days, then one a day for
+    // retentionDailyWeeks weeks, one a week for retentionWeeklyMonths months and one a month for
+    // retentionMonthlyYears years. The numbers read as their defaults when missing; the policy
+    // itself is on only where it was switched on.
+    bool retentionEnabled = false;
+    int64_t retentionKeepAllDays = 7;
+    int64_t retentionDailyWeeks = 4;
+    int64_t retentionWeeklyMonths = 6;
+    int64_t retentionMonthlyYears = 5;
+
+    // A run leaves at least keepFreeSpaceMB free on the destination (0: the larger of 1 GiB and
+    // 2 % of the volume, at most a tenth of it), making room by purging the oldest archived runs
+    // only where purgeOldestForSpace allows it. A run that cannot fit at all stops before copying
+    // in any case.
+    bool keepFreeSpace = false;
+    int64_t keepFreeSpaceMB = 0;
+    bool purgeOldestForSpace = false;
+
+    // A run starts when the destination appears (a disk plugged in), at most once per interval
+    // after the last successful run.
+    bool backUpWhenConnected = false;
+    int64_t connectedRunIntervalMinutes = 60;
+    // A scheduled destination whose last successful run is older than this is announced; 0: never.
+    int64_t overdueDays = 7;
+
+    // Runs start by themselves: on the calendar or when the disk is connected.
+    bool isScheduled() const { return automationEnabled || backUpWhenConnected; }
+
     // Archives are purged only when the age is at least one day: a run never purges this
     // run's own archive.
     bool purgesRemovedArchives() const {
@@ -84,12 +123,18 @@ struct FVOptionRule {
     const char* expected;
     // Filled in by the window (and the first "config" change) when the key is missing.
     std::optional<int64_t> windowDefault;
+    // Set when a destination's configuration is first created, where it differs from the
+    // window's default: a key missing from an existing file keeps meaning 0 / no.
+    std::optional<int64_t> newDestinationDefault;
     // A run option that "ferrovane config set" changes; the others are the schedule's and the
     // program's own.
     bool settable;
     bool FVOptions::*flag;
     int64_t FVOptions::*number;
     std::string FVOptions::*text;
+
+    // What a new destination starts with.
+    int64_t initialValue() const { return newDestinationDefault.value_or(windowDefault.value_or(0)); }
 };
 
 struct FVOptionsReadResult {

@@ -77,18 +77,21 @@ TEST_F(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
     EXPECT_EQ(config({"remove", "/old"}).exitStatus, 0);
     EXPECT_EQ(config({"remove", "/old"}).exitStatus, 1);
     EXPECT_EQ(config({"set", "maxThreads", "4"}).exitStatus, 0);
-    EXPECT_EQ(config({"set", "moveChangedFiles", "yes"}).exitStatus, 0);
+    EXPECT_EQ(config({"set", "preallocate", "yes"}).exitStatus, 0);
     EXPECT_EQ(config({"confirm-empty", "/home/me/Documents"}).exitStatus, 0);
 
     FVConfiguration c = readBack();
     EXPECT_EQ(sources(c), (std::vector<std::pair<std::string, int64_t>>{
                               {"/home/me/Documents", 1}, {"/home/me/Documents/cache", 2}, {"/x/node_modules", 3}}));
     for (const auto& item : c.sources) EXPECT_FALSE(item->value("sizeInMB"));
-    // The first change filled in the window's defaults; set values replaced theirs.
-    for (const auto& [key, value] : FVConfigurationFile::defaultOptions())
+    // The first change created the file with what a new destination gets (versions kept, the
+    // free-space rule on); set values replaced theirs.
+    const PlistDictPtr fresh = FVConfigurationFile::newDestinationOptions();
+    for (const auto& [key, value] : fresh->entries())
         EXPECT_TRUE(c.settings->contains(key)) << key;
     EXPECT_EQ(c.settings->integerValue("maxThreads"), 4);
-    EXPECT_TRUE(c.settings->boolValue("moveChangedFiles"));
+    EXPECT_TRUE(c.settings->boolValue("preallocate"));
+    EXPECT_TRUE(c.settings->boolValue("moveChangedFiles") && c.settings->boolValue("keepFreeSpace"));
     EXPECT_EQ(c.sources[0]->value(FVSourceKey::emptySourceConfirmed), PlistValue(true));
     EXPECT_EQ(c.settings->integerValue("purgeRemovedArchiveDays"), 30);
 
@@ -97,6 +100,15 @@ TEST_F(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
                                    "d['job']"),
               "([('/home/me/Documents', 'backup'), ('/home/me/Documents/cache', 'exclude'), ('/x/node_modules', "
               "'exclude-name')], {'value': 4, 'default': 2}, None)") << shown.out << shown.err;
+
+    // An existing file keeps what it stores: a change adds none of the new destinations' values.
+    PlistDict stored;
+    stored.set("maxThreads", int64_t{3});
+    configure({{source, FVSourceMode::Backup}}, stored);
+    EXPECT_EQ(config({"set", "maxThreads", "2"}).exitStatus, 0);
+    c = readBack();
+    EXPECT_FALSE(c.settings->contains("moveChangedFiles") || c.settings->contains("keepFreeSpace") ||
+                 c.settings->contains("retentionEnabled"));
 }
 
 TEST_F(ConfigCommand, BadInputIsRefusedAndNothingIsWritten) {

@@ -2,6 +2,7 @@
 // loss, the two path forms, the legacy rename and malformed input.
 
 #include "engine/FVConfigurationFile.h"
+#include "engine/FVOptions.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -101,7 +102,7 @@ TEST(ConfigurationFile, ReadsBinaryPropertyLists) {
     EXPECT_EQ(result.configuration.settings->integerValue("maxThreads"), 5);
 }
 
-TEST(ConfigurationFile, DefaultsComeInOrderAndNeverOverrideStoredValues) {
+TEST(ConfigurationFile, DefaultsComeInOrderNeverOverrideStoredValuesAndOnlyNewDestinationsKeepVersions) {
     PlistDict options;
     options.set("maxThreads", int64_t{5});
     FVConfigurationFile::applyDefaultOptions(options);
@@ -110,10 +111,22 @@ TEST(ConfigurationFile, DefaultsComeInOrderAndNeverOverrideStoredValues) {
     for (const auto& [key, value] : options.entries()) keys.push_back(key);
     EXPECT_EQ(keys, (std::vector<std::string>{"maxThreads", "moveDeletedFiles", "purgeRemovedArchiveDays",
                                               "purgeChangedArchiveDays", "ignoreFileFlagChanges", "syncMode",
-                                              "automationTimeHours", "automationTimeMinutes"}));
+                                              "automationTimeHours", "automationTimeMinutes", "retentionKeepAllDays",
+                                              "retentionDailyWeeks", "retentionWeeklyMonths", "retentionMonthlyYears",
+                                              "keepFreeSpaceMB", "connectedRunIntervalMinutes", "overdueDays"}));
     EXPECT_EQ(options.integerValue("purgeRemovedArchiveDays"), 30);
     EXPECT_EQ(options.integerValue("automationTimeHours"), 14);
-    EXPECT_EQ(FVConfigurationFile::defaultOptions().size(), 8u);
+    // An existing file keeps its meaning: no archiving of changed files, no retention, no
+    // free-space rule appear by themselves.
+    FVOptions existing = FVOptionTable::read(options).options;
+    EXPECT_FALSE(existing.moveChangedFiles || existing.retentionEnabled || existing.keepFreeSpace ||
+                 existing.purgeOldestForSpace);
+
+    FVOptions fresh = FVOptionTable::read(*FVConfigurationFile::newDestinationOptions()).options;
+    EXPECT_TRUE(fresh.moveChangedFiles && fresh.moveDeletedFiles && fresh.retentionEnabled && fresh.keepFreeSpace &&
+                fresh.purgeOldestForSpace);
+    EXPECT_FALSE(fresh.backUpWhenConnected || fresh.automationEnabled);
+    EXPECT_EQ(fresh.overdueDays, 7);
 }
 
 TEST(ConfigurationFile, PathFormsNameTheSameFileAndTheLegacyFileIsRenamedOnce) {

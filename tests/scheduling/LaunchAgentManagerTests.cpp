@@ -247,7 +247,7 @@ TEST(OptionsPanelController, LiveOptionsAndAWeekdaySelectionReachTheTimer) {
     auto stored = std::make_shared<PlistDict>();
     options.setAllOptions(stored);
     EXPECT_EQ(options.allOptions(), stored);  // the live dictionary
-    EXPECT_EQ(stored->size(), 8u);
+    EXPECT_EQ(stored->size(), FVConfigurationFile::defaultOptions().size());
 
     auto& live = *options.allOptions();
     live.set("automationEnabled", true);
