@@ -1,6 +1,7 @@
-// The versions a destination keeps of a path, and the order in which they are listed (the mapping
+// The versions a destination keeps of a path and the runs it holds, and the order in which they are listed (the mapping
 // of paths is the layout's, tested with it).
 
+#include "engine/FVArchivedRuns.h"
 #include "engine/FVVersionCatalog.h"
 #include "support/TempDir.h"
 
@@ -32,4 +33,15 @@ TEST(VersionCatalog, ListsTheCurrentCopyThenArchivesByTheirTime) {
     EXPECT_EQ(versions[1].kind, FVVersionKind::Removed);
     EXPECT_EQ(versions[2].label(), "2026-01-01 10.00.00 +0100");
     EXPECT_EQ(versions[3].path, d + "/__changed/2026-01-01 08.00.00 +0000/docs/a.txt");
+
+    // The runs the destination holds: archive folders and records by stamp, oldest first.
+    writeFile(d + "/__runs/2026-01-01 09.30.00 +0000.fvmanifest", "damaged");
+    writeFile(d + "/__runs/2026-01-01 11.00.00 +0000.fvmanifest", "damaged");
+    std::vector<FVArchivedRun> runs = FVArchivedRuns(FVMirrorLayout(d, true, {"/home/docs"})).list();
+    std::vector<std::string> listed;
+    for (const FVArchivedRun& run : runs)
+        listed.push_back(run.stamp + (run.hasChangedFolder ? " c" : "") + (run.hasRemovedFolder ? " r" : "") +
+                         (run.record ? " m" : ""));
+    EXPECT_EQ(listed, (std::vector<std::string>{"2026-01-01 08.00.00 +0000 c", "2026-01-01 10.00.00 +0100 c",
+                                                "2026-01-01 09.30.00 +0000 r m", "2026-01-01 11.00.00 +0000 m"}));
 }

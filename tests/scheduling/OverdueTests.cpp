@@ -1,0 +1,78 @@
+// The status kept per destination outside it, and when a scheduled destination is overdue.
+
+#include "scheduling/FVJobStatus.h"
+#include "scheduling/FVOverdueCheck.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+using namespace ferrovane;
+using namespace ferrovane::test;
+
+namespace {
+constexpr std::time_t kDay = 86400;
+constexpr std::time_t kNow = 1'795'000'000;
+const std::string kUUID = "0C2A5E7E-1B6B-4E8A-9A61-4D6E1B0F7A11";
+}  // namespace
+
+TEST(JobStatus, AttemptsAreKeptPerIdentityAndTheLastSuccessSurvivesFailures) {
+    TempDir dir;
+    FVJobStatusStore store(dir / "state/Ferrovane/jobs");
+    EXPECT_FALSE(store.read(kUUID));
+    ASSERT_TRUE(store.record(kUUID, "/media/disk", {kNow - 3 * kDay, FVJobTrigger::Manual, FVJobOutcome::Warnings, ""}));
+    ASSERT_TRUE(store.record(kUUID, "/media/disk",
+                             {kNow - kDay, FVJobTrigger::Schedule, FVJobOutcome::NotConnected, "not there"}));
+    std::optional<FVJobStatus> status = store.read(kUUID);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->destination, "/media/disk");
+    EXPECT_EQ(status->lastSuccess, kNow - 3 * kDay);
+    ASSERT_TRUE(status->lastScheduledAttempt);
+    EXPECT_EQ(status->lastScheduledAttempt->outcome, FVJobOutcome::NotConnected);
+    EXPECT_EQ(status->lastAttempt->message, "not there");
+    struct stat st {};
+    ASSERT_EQ(stat((dir / "state/Ferrovane/jobs").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    EXPECT_EQ(store.all().size(), 1u);
+    // Identities that could name other files are neither read nor written.
+    EXPECT_FALSE(store.record("../x", "/d", {kNow, FVJobTrigger::Manual, FVJobOutcome::Finished, ""}));
+}
+
+TEST(OverdueCheck, OnlyScheduledDestinationsPastTheLimitAreToldWithTheReason) {
+    FVOptions scheduled;
+    scheduled.automationEnabled = true;
+    FVJobStatus status;
+    status.lastSuccess = kNow - 8 * kDay;
+    status.lastAttempt = status.lastScheduledAttempt =
+        FVJobAttempt{kNow - kDay, FVJobTrigger::Schedule, FVJobOutcome::NotConnected, ""};
+
+    std::optional<FVOverdueNotice> notice = FVOverdueCheck::evaluate(scheduled, "/media/disk", status, 0, kNow);
+    ASSERT_TRUE(notice);
+    EXPECT_EQ(notice->days, 8);
+    EXPECT_EQ(notice->reason, "the disk was not connected");
+    EXPECT_NE(notice->text().find("(8 days): the disk was not connected."), std::string::npos) << notice->text();
+
+    // A newer good run seen at the destination, a shorter gap, a manual-only destination, or
+    // notices switched off: nothing to tell.
+    EXPECT_FALSE(FVOverdueCheck::evaluate(scheduled, "/d", status, kNow - kDay, kNow));
+    status.lastSuccess = kNow - 6 * kDay;
+    EXPECT_FALSE(FVOverdueCheck::evaluate(scheduled, "/d", status, 0, kNow));
+    status.lastSuccess = kNow - 8 * kDay;
+    EXPECT_FALSE(FVOverdueCheck::evaluate(FVOptions{}, "/d", status, 0, kNow));
+    FVOptions off = scheduled;
+    off.overdueDays = 0;
+    EXPECT_FALSE(FVOverdueCheck::evaluate(off, "/d", status, 0, kNow));
+
+    // Connected-only destinations count as scheduled; a never-successful one is told at its first
+    // failed attempt, with the run's own message.
+    FVOptions connected;
+    connected.backUpWhenConnected = true;
+    FVJobStatus never;
+    never.lastAttempt = never.lastScheduledAttempt =
+        FVJobAttempt{kNow - kDay, FVJobTrigger::Connect, FVJobOutcome::Failed, "Could not read configuration"};
+    notice = FVOverdueCheck::evaluate(connected, "/d", never, 0, kNow);
+    ASSERT_TRUE(notice);
+    EXPECT_EQ(notice->text(), "No backup to /d has succeeded yet: the last run failed: Could not read configuration.");
+    EXPECT_FALSE(FVOverdueCheck::evaluate(connected, "/d", FVJobStatus{}, 0, kNow));
+}
