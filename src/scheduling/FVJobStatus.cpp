@@ -107,6 +107,7 @@ std::optional<FVJobStatus> FVJobStatusStore::read(const std::string& uuid) const
     status.lastScheduledAttempt = attemptFrom(dict.find("lastScheduledAttempt"));
     status.lastSuccess = static_cast<std::time_t>(dict.integerValue("lastSuccess"));
     status.lastOverdueNotice = static_cast<std::time_t>(dict.integerValue("lastOverdueNotice"));
+    if (dict.contains("overdueDays")) status.overdueDays = dict.integerValue("overdueDays");
     return status;
 }
 
@@ -126,12 +127,13 @@ std::vector<FVJobStatus> FVJobStatusStore::all() const {
 }
 
 bool FVJobStatusStore::record(const std::string& uuid, const std::string& destination, const FVJobAttempt& attempt,
-                              std::string* error) {
+                              std::optional<int64_t> overdueDays, std::string* error) {
     FVJobStatus status = read(uuid).value_or(FVJobStatus{});
     status.uuid = uuid;
     status.destination = destination;
     status.lastAttempt = attempt;
     if (attempt.trigger != FVJobTrigger::Manual) status.lastScheduledAttempt = attempt;
+    if (overdueDays) status.overdueDays = *overdueDays;
     if (isSuccessful(attempt.outcome)) status.lastSuccess = std::max(status.lastSuccess, attempt.time);
     return write(status, error);
 }
@@ -156,6 +158,7 @@ bool FVJobStatusStore::write(const FVJobStatus& status, std::string* error) {
     if (status.lastScheduledAttempt) dict.set("lastScheduledAttempt", attemptDict(*status.lastScheduledAttempt));
     dict.set("lastSuccess", static_cast<int64_t>(status.lastSuccess));
     dict.set("lastOverdueNotice", static_cast<int64_t>(status.lastOverdueNotice));
+    dict.set("overdueDays", status.overdueDays);
     return FVAtomicFile::write(pathOf(status.uuid), serializePlistXML(std::make_shared<PlistDict>(std::move(dict))), error);
 }
 

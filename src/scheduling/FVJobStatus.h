@@ -51,6 +51,9 @@ struct FVJobStatus {
     std::time_t lastSuccess = 0;
     // When the user was last told that backups are overdue (a notice is not repeated every hour).
     std::time_t lastOverdueNotice = 0;
+    // The destination's limit for overdue notices, as of its last reachable run: the login check
+    // must judge while the disk is away.
+    int64_t overdueDays = 7;
 };
 
 class FVJobStatusStore {
@@ -66,8 +69,9 @@ public:
     std::vector<FVJobStatus> all() const;
     // Adds an attempt to the status of uuid (created when missing) and writes it. False with the
     // reason when it cannot be written; a run never fails for that.
+    // overdueDays: the destination's setting when its configuration could be read.
     bool record(const std::string& uuid, const std::string& destination, const FVJobAttempt& attempt,
-                std::string* error = nullptr);
+                std::optional<int64_t> overdueDays = std::nullopt, std::string* error = nullptr);
     bool write(const FVJobStatus& status, std::string* error = nullptr);
 
 private:

@@ -1,7 +1,9 @@
-// The status kept per destination outside it, and when a scheduled destination is overdue.
+// The status kept per destination outside it, when a scheduled destination is overdue, and how its
+// schedule is shown.
 
 #include "scheduling/FVJobStatus.h"
 #include "scheduling/FVOverdueCheck.h"
+#include "scheduling/FVScheduleSummary.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -22,12 +24,12 @@ TEST(JobStatus, AttemptsAreKeptPerIdentityAndTheLastSuccessSurvivesFailures) {
     FVJobStatusStore store(dir / "state/Ferrovane/jobs");
     EXPECT_FALSE(store.read(kUUID));
     ASSERT_TRUE(store.record(kUUID, "/media/disk", {kNow - 3 * kDay, FVJobTrigger::Manual, FVJobOutcome::Warnings, ""}));
-    ASSERT_TRUE(store.record(kUUID, "/media/disk",
-                             {kNow - kDay, FVJobTrigger::Schedule, FVJobOutcome::NotConnected, "not there"}));
+    ASSERT_TRUE(store.record(kUUID, "/media/disk", {kNow - kDay, FVJobTrigger::Schedule, FVJobOutcome::NotConnected, "not there"}, 3));
     std::optional<FVJobStatus> status = store.read(kUUID);
     ASSERT_TRUE(status);
     EXPECT_EQ(status->destination, "/media/disk");
     EXPECT_EQ(status->lastSuccess, kNow - 3 * kDay);
+    EXPECT_EQ(status->overdueDays, 3);
     ASSERT_TRUE(status->lastScheduledAttempt);
     EXPECT_EQ(status->lastScheduledAttempt->outcome, FVJobOutcome::NotConnected);
     EXPECT_EQ(status->lastAttempt->message, "not there");
@@ -75,4 +77,26 @@ TEST(OverdueCheck, OnlyScheduledDestinationsPastTheLimitAreToldWithTheReason) {
     ASSERT_TRUE(notice);
     EXPECT_EQ(notice->text(), "No backup to /d has succeeded yet: the last run failed: Could not read configuration.");
     EXPECT_FALSE(FVOverdueCheck::evaluate(connected, "/d", FVJobStatus{}, 0, kNow));
+}
+
+TEST(ScheduleSummary, SaysWhenRunsStartAndWhenTheNextIsDue) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    FVOptions options;
+    EXPECT_EQ(FVScheduleSummary::of(options, std::nullopt, kNow).when, "off");
+    options.automationEnabled = true;
+    options.automationTimeHours = 14;
+    options.automationIntervalSelection = 1;
+    options.automationWeekdaySelection = 5;
+    options.backUpWhenConnected = true;
+    FVJobStatus status;
+    status.lastScheduledAttempt = FVJobAttempt{kNow - kDay, FVJobTrigger::Connect, FVJobOutcome::NoSpace, ""};
+    FVScheduleSummary summary = FVScheduleSummary::of(options, status, kNow);
+    EXPECT_EQ(summary.when, "weekly on Friday at 14:00 and when the disk is connected, at most once an hour");
+    ASSERT_TRUE(summary.nextRun);
+    EXPECT_EQ(FVScheduleSummary::localTimeText(*summary.nextRun), "Fri 2026-11-20 14:00");
+    EXPECT_EQ(summary.lastScheduledRun, "Tue 2026-11-17 11:06, no-space");
+    // Today's time already past: tomorrow.
+    EXPECT_EQ(FVScheduleSummary::localTimeText(FVScheduleSummary::nextCalendarRun(8, 0, -1, kNow)),
+              "Thu 2026-11-19 08:00");
 }
