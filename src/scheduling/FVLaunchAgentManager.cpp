@@ -193,11 +193,17 @@ void FVLaunchAgentManager::unloadJob(const std::string& uuid, FVJobKind kind) {
     // A connect job's service is left alone: stopping it would cancel a backup in progress, and
     // while it stays active the reloaded path unit does not start it again.
     else runner_->run(systemctl({"disable", "--now", triggeringUnit(uuid, kind)}));
+    if (format_ == FVJobFormat::Systemd && kind == FVJobKind::Connect)
+        runner_->run(systemctl({"disable", jobLabel(uuid, kind) + ".service"}));
 }
 
 std::vector<std::vector<std::string>> FVLaunchAgentManager::loadCommands(const std::string& uuid, FVJobKind kind) const {
     if (format_ == FVJobFormat::Launchd) return {{kLaunchctl, "load", jobFilePaths(uuid, kind).front()}};
-    return {systemctl({"daemon-reload"}), systemctl({"enable", "--now", triggeringUnit(uuid, kind)})};
+    std::vector<std::vector<std::string>> commands{systemctl({"daemon-reload"}),
+                                                   systemctl({"enable", "--now", triggeringUnit(uuid, kind)})};
+    // Linked to the mount unit, which starts it when the disk is mounted; the path unit starts it now.
+    if (kind == FVJobKind::Connect) commands.push_back(systemctl({"enable", jobLabel(uuid, kind) + ".service"}));
+    return commands;
 }
 
 bool FVLaunchAgentManager::loadJob(const std::string& uuid, FVJobKind kind, std::string* error) {
@@ -296,6 +302,8 @@ std::optional<std::string> FVLaunchAgentManager::systemdServiceUnit(const std::s
         // counts as done ("-"): one run per connection, not a loop. Bound to the disk's mount,
         // it stops when the disk goes, and the next connection starts it again. On a file system
         // that stays mounted that is one run per login or boot; the calendar does the rest.
+        // inotify sees no mount: a disk mounted on a folder that already exists is noticed
+        // through the mount unit, which starts the units that want it when it appears.
         const std::string mount = mountUnitName(mountPoint);
         if (mount.size() > 255) return fail("systemd cannot name the mount of " + mountPoint + ": its path is too long");
         unit += "BindsTo=" + mount + "\nAfter=" + mount + "\n";
@@ -313,6 +321,7 @@ std::optional<std::string> FVLaunchAgentManager::systemdServiceUnit(const std::s
     // A verification has nothing to record: an absent destination skips it.
     if (kind == FVJobKind::Verify) unit += "ExecCondition=:/usr/bin/test -d " + execWord(destination) + "\n";
     unit += std::string("ExecStart=") + (kind == FVJobKind::Connect ? "-:" : ":") + command + "\n";
+    if (kind == FVJobKind::Connect) unit += "\n[Install]\nWantedBy=" + mountUnitName(mountPoint) + "\n";
     return unit;
 }
 

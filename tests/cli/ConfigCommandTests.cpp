@@ -278,6 +278,15 @@ TEST_F(ConfigCommand, TheUnitsCommandLinesRecordEveryAttempt) {
     ASSERT_EQ(config({"schedule", "off"}).exitStatus, 0);
     EXPECT_FALSE(exists(jobs + "/" + label + "-connect.path"));
     EXPECT_FALSE(readBack().settings->boolValue("backUpWhenConnected"));
+
+    // A run that cannot start is recorded with its cause.
+    FVConfiguration c = readBack();
+    c.settings->set("maxThreads", int64_t{99});
+    ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(c.sources, *c.settings, settingsPath()));
+    EXPECT_EQ(run().exitStatus, 255);
+    const FVJobAttempt failed = store.read(uuid)->lastAttempt.value_or(FVJobAttempt{});
+    EXPECT_EQ(failed.outcome, FVJobOutcome::Failed);
+    EXPECT_NE(failed.message.find("maxThreads"), std::string::npos) << failed.message;
 }
 
 TEST_F(ConfigCommand, UnwritableDestinationIsRefused) {

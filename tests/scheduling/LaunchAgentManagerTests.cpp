@@ -215,8 +215,8 @@ TEST(LaunchAgentManager, ConnectJobWaitsForTheConfigurationAndRunsOncePerMount) 
     ASSERT_TRUE(manager.writeConnectJob(kUUID, destination, &error)) << error;
     ASSERT_TRUE(manager.writeJob(kUUID, destination, {14, 0, -1}, &error)) << error;
     const std::string label = kLabel + "-connect";
-    EXPECT_EQ(runner->calls.at(2), systemctl({"enable", "--now", label + ".path"}));
-    EXPECT_EQ(manager.loadCommands(kUUID, FVJobKind::Connect).back(), systemctl({"enable", "--now", label + ".path"}));
+    EXPECT_EQ(runner->calls.at(3), systemctl({"enable", "--now", label + ".path"}));
+    EXPECT_EQ(runner->calls.at(4), systemctl({"enable", label + ".service"}));
     EXPECT_EQ(manager.jobIdentifiers(), std::vector<std::string>{kUUID});
     EXPECT_TRUE(manager.isJobPresent(kUUID, FVJobKind::Connect));
     EXPECT_FALSE(manager.isJobEnabled(kUUID, FVJobKind::Connect));
@@ -229,6 +229,8 @@ TEST(LaunchAgentManager, ConnectJobWaitsForTheConfigurationAndRunsOncePerMount) 
     EXPECT_EQ(unitValue(service, "RemainAfterExit"), "yes");
     const std::string mount = FVLaunchAgentManager::mountUnitName(FVMountTable::mountPointOfPath(dir.path()));
     EXPECT_EQ(unitValue(service, "BindsTo"), mount);
+    // The mount starts it too: a disk mounted on a folder that exists shows no file appearing.
+    EXPECT_EQ(unitValue(service, "WantedBy"), mount);
     // Offline nothing knows the mounts; a unit file stands in for the one the service manager has.
     if (mount != "-.mount")
         writeFile(units + "/" + mount, "[Mount]\nWhat=none\nWhere=" + FVMountTable::mountPointOfPath(dir.path()) + "\n");
