@@ -264,7 +264,7 @@ int config(std::vector<std::string> arguments) {
                     "on [MINUTES] | off, or off (no run starts by itself)");
     schedule->add_option("WHEN", a.schedule, "daily HH:MM | weekly WEEKDAY HH:MM | when-connected on [MINUTES] | "
                                              "when-connected off | off")
-        ->expected(0, 3);
+        ->expected(1, 3);
     schedule->add_flag("--json", a.json, "print the schedule as JSON for scripts");
     app.add_subcommand("confirm-empty", "confirm that a source was emptied on purpose")
         ->add_option("PATH", a.path, "the source as listed")->required();

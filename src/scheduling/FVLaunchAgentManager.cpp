@@ -190,9 +190,9 @@ std::vector<std::string> FVLaunchAgentManager::systemctl(std::vector<std::string
 
 void FVLaunchAgentManager::unloadJob(const std::string& uuid, FVJobKind kind) {
     if (format_ == FVJobFormat::Launchd) runner_->run({kLaunchctl, "unload", jobFilePaths(uuid, kind).front()});
-    // A connect job's service is left alone: stopping it would cancel a backup in progress, and
-    // while it stays active the reloaded path unit does not start it again.
     else runner_->run(systemctl({"disable", "--now", triggeringUnit(uuid, kind)}));
+    // The connect service is only unlinked from its mount, not stopped: stopping it would cancel a
+    // backup in progress, and while it stays active the reloaded path unit does not start it again.
     if (format_ == FVJobFormat::Systemd && kind == FVJobKind::Connect)
         runner_->run(systemctl({"disable", jobLabel(uuid, kind) + ".service"}));
 }
