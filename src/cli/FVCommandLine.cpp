@@ -8,6 +8,7 @@
 #include "cli/FVRunsCommand.h"
 #include "cli/FVSearchCommand.h"
 #include "cli/FVVerifyCommand.h"
+#include "scheduling/FVLaunchAgentManager.h"
 #include "search/FVSearchText.h"
 
 #include <CLI/CLI.hpp>
@@ -33,6 +34,8 @@ const char* const kCommands =
     "  ferrovane --add PATH...              add paths as sources in the open window\n"
     "  ferrovane DESTINATION [--no-notifications | -noUserNotifications] [-n | --dry-run]\n"
     "                                       back up every source configured in the destination\n"
+    "  ferrovane --trigger=schedule|connect --job=UUID DESTINATION\n"
+    "                                       the same, as the scheduled jobs start it\n"
     "  ferrovane runs DESTINATION [--json]  list the runs' archives and the last results\n"
     "  ferrovane search DESTINATION WORD... [--json]\n"
     "                                       find files by name, with their archived versions\n"
@@ -75,6 +78,8 @@ struct RootCommand {
     bool noNotifications = false;
     bool dryRun = false;
     std::vector<std::string> add;
+    std::string trigger;
+    std::string job;
 
     RootCommand() {
         style(app);
@@ -85,6 +90,12 @@ struct RootCommand {
         app.add_flag("--no-notifications", noNotifications, "no desktop notification (also -noUserNotifications)");
         app.add_flag("-n,--dry-run", dryRun,
                      "list what the backup would copy, archive, remove and purge; change nothing");
+        app.add_option("--trigger", trigger,
+                       "what started the run, for the record of run attempts: schedule or connect (a run "
+                       "the disk started is skipped when a good run is recent enough)")
+            ->type_name("WHAT")
+            ->check(CLI::IsMember({"schedule", "connect", "manual"}));
+        app.add_option("--job", job, "the UUID of the job that started the run")->type_name("UUID");
         app.add_option("--add", add, "paths to add as sources in the window")
             ->type_name("PATH")
             ->expected(0, CLI::detail::expected_max_vector_size);
@@ -248,10 +259,13 @@ int config(std::vector<std::string> arguments) {
     auto* set = app.add_subcommand("set", "set a run option; yes/no options take yes or no");
     set->add_option("OPTION", a.option, "the option's name, as config show lists it")->required();
     set->add_option("VALUE", a.value, "its new value")->required();
-    app.add_subcommand("schedule", "back up daily HH:MM, weekly WEEKDAY HH:MM, or off")
-        ->add_option("WHEN", a.schedule, "daily HH:MM | weekly WEEKDAY HH:MM | off")
-        ->required()
+    auto* schedule = app.add_subcommand(
+        "schedule", "without more: print the schedule; back up daily HH:MM, weekly WEEKDAY HH:MM, when-connected "
+                    "on [MINUTES] | off, or off (no run starts by itself)");
+    schedule->add_option("WHEN", a.schedule, "daily HH:MM | weekly WEEKDAY HH:MM | when-connected on [MINUTES] | "
+                                             "when-connected off | off")
         ->expected(1, 3);
+    schedule->add_flag("--json", a.json, "print the schedule as JSON for scripts");
     app.add_subcommand("confirm-empty", "confirm that a source was emptied on purpose")
         ->add_option("PATH", a.path, "the source as listed")->required();
     if (auto status = parse(app, std::move(arguments))) return *status;
@@ -277,14 +291,19 @@ std::optional<int> run(int argc, char** argv) {
     RootCommand root;
     if (auto status = parse(root.app, arguments)) return *status;
     bool window = root.app.count("--add") > 0;
-    if (window && (!root.destination.empty() || root.noNotifications || root.dryRun))
+    if (window && (!root.destination.empty() || root.noNotifications || root.dryRun || !root.trigger.empty()))
         return refuse(root.app, "--add opens the window: it takes no destination");
     if (window || arguments.empty()) return std::nullopt;
     if (root.destination.empty()) return refuse(root.app, "a destination is required");
     if (root.destination.front() != '/')
         return refuse(root.app,
                       "the destination must be an absolute path: " + FVSearchText::printable(root.destination));
-    return FVCommanlineMode::main(root.destination, root.noNotifications, root.dryRun);
+    if (!root.job.empty() && !FVLaunchAgentManager::isValidJobIdentifier(root.job))
+        return refuse(root.app, "--job takes a UUID: " + FVSearchText::printable(root.job));
+    FVJobTrigger trigger = root.trigger == "schedule"  ? FVJobTrigger::Schedule
+                           : root.trigger == "connect" ? FVJobTrigger::Connect
+                                                       : FVJobTrigger::Manual;
+    return FVCommanlineMode::main(root.destination, root.noNotifications, root.dryRun, trigger, root.job);
 }
 
 int usageError(const std::string& why) {
