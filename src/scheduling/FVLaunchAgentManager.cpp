@@ -6,6 +6,7 @@
 #include "fs/FVAtomicFile.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
+#include "scheduling/FVOverdueCheckUnit.h"
 #include "search/FVSearchText.h"
 
 #include <dirent.h>
@@ -164,6 +165,8 @@ bool FVLaunchAgentManager::loadJob(const std::string& uuid, FVJobKind kind, std:
     return result.succeeded();
 }
 
+std::string FVLaunchAgentManager::systemdExecWord(std::string_view word) { return execWord(word); }
+
 std::optional<std::string> FVLaunchAgentManager::onCalendarExpression(const FVJobSchedule& schedule,
                                                                       std::string* error) {
     auto fail = [&](std::string message) -> std::optional<std::string> {
@@ -320,7 +323,10 @@ bool FVLaunchAgentManager::writeJob(const std::string& uuid, FVJobKind kind, con
     if (!writeJobFiles(uuid, kind, destination, schedule, error)) return false;
     // Reloading is how a changed time takes effect; the job may not have been loaded before.
     unloadJob(uuid, kind);
-    return loadJob(uuid, kind, error);
+    if (!loadJob(uuid, kind, error)) return false;
+    // Scheduled backups come with the check that tells when they stop; its failure is logged.
+    if (format_ == FVJobFormat::Systemd) FVOverdueCheckUnit(runner_, jobDirectory(), executablePath_).install();
+    return true;
 }
 
 bool FVLaunchAgentManager::jobsRunWhileLoggedOut() {
@@ -338,6 +344,8 @@ void FVLaunchAgentManager::removeJob(const std::string& uuid, FVJobKind kind) {
     for (const std::string& path : paths) unlink(path.c_str());
     // Without a reload the service manager keeps the deleted units loaded.
     if (format_ == FVJobFormat::Systemd) runner_->run(systemctl({"daemon-reload"}));
+    if (format_ == FVJobFormat::Systemd && jobIdentifiers().empty())
+        FVOverdueCheckUnit(runner_, jobDirectory(), executablePath_).remove();
 }
 
 std::vector<std::string> FVLaunchAgentManager::jobIdentifiers() const {

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace ferrovane {
@@ -70,6 +71,8 @@ public:
     static std::optional<std::string> systemdTimerUnit(const std::string& label, const FVJobSchedule& schedule,
                                                        std::string* error);
     static std::optional<std::string> onCalendarExpression(const FVJobSchedule& schedule, std::string* error);
+    // One word of an ExecStart= line, every byte that could split or end it escaped.
+    static std::string systemdExecWord(std::string_view word);
     static PlistDict launchdJob(const std::string& label, const std::string& executable,
                                 const std::string& destination, const FVJobSchedule& schedule,
                                 FVJobKind kind = FVJobKind::Backup);
