@@ -129,6 +129,8 @@ std::string FVLaunchAgentManager::jobLabel(const std::string& uuid, FVJobKind ki
     return labelPrefix + uuid + std::string(kind == FVJobKind::Verify ? kVerifySuffix : "");
 }
 
+std::string FVLaunchAgentManager::systemdExecWord(std::string_view word) { return execWord(word); }
+
 bool FVLaunchAgentManager::isValidJobIdentifier(const std::string& uuid) {
     return !uuid.empty() && std::all_of(uuid.begin(), uuid.end(),
                                         [](unsigned char c) { return std::isalnum(c) || c == '-'; });
@@ -164,8 +166,6 @@ bool FVLaunchAgentManager::loadJob(const std::string& uuid, FVJobKind kind, std:
     if (!result.succeeded() && error) *error = "loading the job failed: " + result.error;
     return result.succeeded();
 }
-
-std::string FVLaunchAgentManager::systemdExecWord(std::string_view word) { return execWord(word); }
 
 std::optional<std::string> FVLaunchAgentManager::onCalendarExpression(const FVJobSchedule& schedule,
                                                                       std::string* error) {

@@ -46,6 +46,8 @@ public:
     static std::string jobLabel(const std::string& uuid, FVJobKind kind = FVJobKind::Backup);
     // A UUID may name files and units only when it is letters, digits and dashes.
     static bool isValidJobIdentifier(const std::string& uuid);
+    // One word of an ExecStart= line, every byte that could split or end it escaped.
+    static std::string systemdExecWord(std::string_view word);
 
     // Writes the job and (re)loads it. True when the files were written and loading succeeded;
     // otherwise false with the reason in error (also sent to the system log).
@@ -71,8 +73,6 @@ public:
     static std::optional<std::string> systemdTimerUnit(const std::string& label, const FVJobSchedule& schedule,
                                                        std::string* error);
     static std::optional<std::string> onCalendarExpression(const FVJobSchedule& schedule, std::string* error);
-    // One word of an ExecStart= line, every byte that could split or end it escaped.
-    static std::string systemdExecWord(std::string_view word);
     static PlistDict launchdJob(const std::string& label, const std::string& executable,
                                 const std::string& destination, const FVJobSchedule& schedule,
                                 FVJobKind kind = FVJobKind::Backup);
