@@ -1,6 +1,7 @@
 #include "cli/FVCommandLine.h"
 
 #include "FVVersion.h"
+#include "cli/FVCheckOverdueCommand.h"
 #include "cli/FVCommanlineMode.h"
 #include "cli/FVConfigCommand.h"
 #include "cli/FVPointInTimeCommand.h"
@@ -50,6 +51,8 @@ const char* const kCommands =
     "                                       read every file again and compare it with its record\n"
     "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty) ...\n"
     "                                       edit the destination's sources, options and schedule\n"
+    "  ferrovane check-overdue [--json] [--no-notifications]\n"
+    "                                       tell which scheduled backups are overdue\n"
     "\n"
     "The destination keeps its sources and options in .ferrovane.conf in its root. One run at a\n"
     "time per destination. Exit status of a backup: 0 without errors, 2 bad usage (nothing is\n"
@@ -214,7 +217,8 @@ int restore(std::vector<std::string> arguments) {
 int runs(std::vector<std::string> arguments) {
     CLI::App app("Lists the runs the destination remembers, newest first: each archive stamp with the\n"
                  "items and bytes its __changed and __removed folders hold, then the last results of\n"
-                 "each source. Reads only. Exit status 0, 1 when the destination cannot be read.",
+                 "each source; first a line when its scheduled backups are overdue. Reads only. Exit\n"
+                 "status 0, 1 when the destination cannot be read.",
                  "ferrovane runs");
     std::string destination;
     bool json = false;
@@ -273,13 +277,27 @@ int config(std::vector<std::string> arguments) {
     return FVConfigCommand::main(a);
 }
 
+int checkOverdue(std::vector<std::string> arguments) {
+    CLI::App app("Looks at the destination of every scheduled job of this user and tells, with a desktop\n"
+                 "notification that stays until dismissed (at most one a day for each destination), those\n"
+                 "whose last good backup is older than their overdueDays. The timer installed with the\n"
+                 "jobs runs it after login and daily. Exit status 0, overdue or not.",
+                 "ferrovane check-overdue");
+    style(app);
+    bool json = false, quiet = false;
+    app.add_flag("--json", json, "print JSON for scripts");
+    app.add_flag("--no-notifications", quiet, "only print; notify nobody");
+    if (auto status = parse(app, std::move(arguments))) return *status;
+    return FVCheckOverdueCommand::main(json, !quiet);
+}
+
 }  // namespace
 
 std::optional<int> run(int argc, char** argv) {
     std::vector<std::string> arguments(argv + 1, argv + argc);
     static const std::map<std::string, std::function<int(std::vector<std::string>)>> commands = {
         {"search", search}, {"versions", versions}, {"restore", restore}, {"ls", list}, {"runs", runs}, {"verify", verify},
-        {"config", config}};
+        {"config", config}, {"check-overdue", checkOverdue}};
     if (!arguments.empty())
         if (auto command = commands.find(arguments.front()); command != commands.end())
             return command->second({arguments.begin() + 1, arguments.end()});

@@ -1,6 +1,7 @@
 #include "cli/FVRunAttempt.h"
 
 #include "engine/FVRunRecords.h"
+#include "scheduling/FVOverdueNotifier.h"
 #include "search/FVSearchText.h"
 
 #include <fmt/format.h>
@@ -49,6 +50,9 @@ void FVRunAttempt::record(FVJobOutcome outcome, const std::string& message) {
     FVJobAttempt attempt{std::time(nullptr), trigger_, outcome, oneLine(message)};
     if (!store_.record(uuid_, destination_, attempt, overdueDays_, &error))
         std::fprintf(stderr, "Warning: the outcome of this run could not be kept for the schedule: %s\n", error.c_str());
+    // A run nobody watched is where the user learns that backups have stopped.
+    else if (startedByItself())
+        FVOverdueNotifier::noticeIfOverdue(uuid_);
 }
 
 }  // namespace ferrovane

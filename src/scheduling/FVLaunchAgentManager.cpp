@@ -8,6 +8,7 @@
 #include "fs/FVMountTable.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
+#include "scheduling/FVOverdueCheckUnit.h"
 #include "search/FVSearchText.h"
 
 #include <dirent.h>
@@ -165,6 +166,8 @@ std::string FVLaunchAgentManager::jobDirectory() const {
 std::string FVLaunchAgentManager::jobLabel(const std::string& uuid, FVJobKind kind) {
     return labelPrefix + uuid + std::string(suffixOf(kind));
 }
+
+std::string FVLaunchAgentManager::systemdExecWord(std::string_view word) { return execWord(word); }
 
 bool FVLaunchAgentManager::isValidJobIdentifier(const std::string& uuid) {
     return !uuid.empty() && std::all_of(uuid.begin(), uuid.end(),
@@ -457,7 +460,10 @@ bool FVLaunchAgentManager::writeJob(const std::string& uuid, FVJobKind kind, con
     if (!writeJobFiles(uuid, kind, destination, schedule, error)) return false;
     // Reloading is how a changed time takes effect; the job may not have been loaded before.
     unloadJob(uuid, kind);
-    return loadJob(uuid, kind, error);
+    if (!loadJob(uuid, kind, error)) return false;
+    // Scheduled backups come with the check that tells when they stop; its failure is logged.
+    if (format_ == FVJobFormat::Systemd) FVOverdueCheckUnit(runner_, jobDirectory(), executablePath_).install();
+    return true;
 }
 
 bool FVLaunchAgentManager::jobsRunWhileLoggedOut() {
@@ -475,6 +481,8 @@ void FVLaunchAgentManager::removeJob(const std::string& uuid, FVJobKind kind) {
     for (const std::string& path : paths) unlink(path.c_str());
     // Without a reload the service manager keeps the deleted units loaded.
     if (format_ == FVJobFormat::Systemd) runner_->run(systemctl({"daemon-reload"}));
+    if (format_ == FVJobFormat::Systemd && jobIdentifiers().empty())
+        FVOverdueCheckUnit(runner_, jobDirectory(), executablePath_).remove();
 }
 
 std::vector<std::string> FVLaunchAgentManager::jobIdentifiers() const {

@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace ferrovane {
@@ -49,6 +50,8 @@ public:
     static std::string jobLabel(const std::string& uuid, FVJobKind kind = FVJobKind::Backup);
     // A UUID may name files and units only when it is letters, digits and dashes.
     static bool isValidJobIdentifier(const std::string& uuid);
+    // One word of an ExecStart= line, every byte that could split or end it escaped.
+    static std::string systemdExecWord(std::string_view word);
 
     // Writes the job and (re)loads it. True when the files were written and loading succeeded;
     // otherwise false with the reason in error (also sent to the system log).

@@ -173,7 +173,8 @@ TEST_F(ConfigCommand, ScheduleWritesUnitsThatStartFerrovaneOnExactlyThisDestinat
     EXPECT_NE(readFile(jobs + "/" + label + ".timer").find("OnCalendar=*-*-* 03:30:00"), std::string::npos);
     std::string user = getuid() == 0 ? "" : "--user ";
     EXPECT_EQ(readFile(calls), user + "disable --now " + label + ".timer\n" + user + "daemon-reload\n" + user +
-                                     "enable --now " + label + ".timer\n");
+                                     "enable --now " + label + ".timer\n" + user + "daemon-reload\n" + user +
+                                     "enable --now com.quillmarsh.ferrovane-check-overdue.timer\n");
 
     ASSERT_EQ(config({"schedule", "weekly", "Friday", "22:15"}).exitStatus, 0);
     EXPECT_NE(readFile(jobs + "/" + label + ".timer").find("OnCalendar=Fri *-*-* 22:15:00"), std::string::npos);

@@ -133,9 +133,14 @@ TEST(LaunchAgentManager, WrittenUnitsVerifyAndCarryHostilePathsExactly) {
     EXPECT_NE(readFile(dir / ("units/" + verifyLabel + ".timer")).find("OnCalendar=monthly\nPersistent=true\n"),
               std::string::npos);
 
+    // The check for overdue backups comes with the first job and starts this very program too.
+    const std::string check = "com.quillmarsh.ferrovane-check-overdue";
+    EXPECT_EQ(commandWords(readFile(dir / ("units/" + check + ".service")), "ExecStart"),
+              (std::vector<std::string>{program, "check-overdue"}));
+
     std::vector<std::string> verify{"verify"};
     if (getuid() != 0) verify.push_back("--user");
-    for (const std::string& label : {kLabel, verifyLabel}) {
+    for (const std::string& label : {kLabel, verifyLabel, check}) {
         verify.push_back(dir / ("units/" + label + ".service"));
         verify.push_back(dir / ("units/" + label + ".timer"));
     }
@@ -172,6 +177,18 @@ TEST(LaunchAgentManager, ListCleanAndRemoveTouchOnlyThisProgramsJobs) {
                   .rfind("[Unit]\nDescription=Ferrovane scheduled backup to /backups/a\nRequiresMountsFor=\"/backups/a\"\n", 0),
               0u);
 
+    // The check for overdue backups came with the jobs; once enabled it is left alone, and it
+    // stays while any job does.
+    const std::string check = units + "/com.quillmarsh.ferrovane-check-overdue";
+    const auto enableCheck = systemctl({"enable", "--now", "com.quillmarsh.ferrovane-check-overdue.timer"});
+    auto enablesCheck = [&] { return std::count(runner->calls.begin(), runner->calls.end(), enableCheck); };
+    EXPECT_GT(enablesCheck(), 0);
+    makeDirs(units + "/timers.target.wants");
+    writeFile(units + "/timers.target.wants/com.quillmarsh.ferrovane-check-overdue.timer", "");
+    runner->calls.clear();
+    ASSERT_TRUE(manager.writeJob(other, "/backups/b", {2, 0, -1}));
+    EXPECT_EQ(enablesCheck(), 0);
+
     runner->calls.clear();
     manager.cleanJobsWithoutIDs({kUUID});
     EXPECT_EQ(manager.jobIdentifiers(), (std::vector<std::string>{kUUID}));
@@ -185,8 +202,11 @@ TEST(LaunchAgentManager, ListCleanAndRemoveTouchOnlyThisProgramsJobs) {
     EXPECT_FALSE(exists(units + "/" + kLabel + ".service"));
     EXPECT_FALSE(exists(units + "/" + kLabel + ".timer"));
     EXPECT_EQ(manager.jobIdentifiers(), (std::vector<std::string>{kUUID}));
+    EXPECT_TRUE(exists(check + ".timer"));
     manager.removeJob(kUUID, FVJobKind::Verify);
     EXPECT_EQ(manager.jobIdentifiers(), (std::vector<std::string>{}));
+    EXPECT_FALSE(exists(check + ".service"));
+    EXPECT_FALSE(exists(check + ".timer"));
     runner->calls.clear();
     manager.removeJob(kUUID);  // nothing there: nothing run
     EXPECT_TRUE(runner->calls.empty());
