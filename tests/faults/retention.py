@@ -3,7 +3,7 @@ day runs the real program, changing, adding and removing a few files; some days 
 retention policy thins the runs as it goes. Afterwards: the records left are exactly the ones the
 policy keeps of all runs ever made, every kept run restores byte for byte as the source was that
 day, the mirror equals the source, one more run has nothing to do, and no run failed (for space or
-anything else)."""
+anything else). A preview of a shorter policy names what it would take and takes nothing."""
 
 import datetime
 import json
@@ -143,6 +143,17 @@ def simulated_year(ferrovane, work, tier):
             expect(restored == states[stamp], f"restore --at {stamp} differs from that day's source: "
                                               f"{sorted(set(restored) ^ set(states[stamp]))[:5]}")
             shutil.rmtree(out)
+
+        # A preview of a policy that keeps only the newest run names every other record and changes
+        # nothing, the stored policy included.
+        conf = open(os.path.join(dest, ".ferrovane.conf"), "rb").read()
+        r = ferrovane.config(dest, "retention", "0", "0", "0", "0", "--dry-run")
+        named = {line.split("/__runs/")[1][:-len(".fvmanifest")] for line in r.stdout.decode().splitlines()
+                 if line.startswith("Would purge: ") and "/__runs/" in line}
+        expect(r.returncode == 0 and named == left - {made[-1]}, f"preview named {len(named)} records: {tail(r)}")
+        expect(open(os.path.join(dest, ".ferrovane.conf"), "rb").read() == conf, "the preview changed the configuration")
+        expect({n[:-len(".fvmanifest")] for n in os.listdir(os.path.join(dest, "__runs"))} == left,
+               "the preview removed records")
 
         expect_mirror(source, mirror_of(dest, source))
         last = datetime.datetime.fromtimestamp(now, zone) + datetime.timedelta(hours=1)
