@@ -203,7 +203,9 @@ std::vector<FVThinningRemoval> FVThinningPlan::removals(const std::vector<FVArch
     for (size_t i = 0; i + 1 < n; ++i) {
         const FVArchivedRun& run = *runs[i];
         if (!run.hasArchives()) continue;
-        if (i > 0 && (runs[i - 1]->record || runs[i - 1] == &coming) && keptRecord[i - 1]) continue;
+        // A run without a record (made before records existed, or its record could not be
+        // written) counts as kept when the policy keeps its stamp.
+        if (i > 0 && (runs[i - 1]->record || runs[i - 1] == &coming ? keptRecord[i - 1] : keptStamp[i - 1])) continue;
         size_t latestKept = kNone;
         for (size_t j = i; j-- > 0;)
             if (isPoint(j) && keptPoint[j]) {

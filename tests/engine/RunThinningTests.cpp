@@ -47,7 +47,10 @@ TEST(RunThinning, KeptPointsInTimeKeepTheirVersionsAndTheRestGoesRecordsFirst) {
     // later stays (S2 goes), and today's.
     const std::string old = FVDate::archiveStamp(localTime(4000, 12));
     const std::string s1 = FVDate::archiveStamp(localTime(3, 12)), s2 = FVDate::archiveStamp(localTime(2, 8)),
-                      s3 = FVDate::archiveStamp(localTime(2, 20)), s4 = FVDate::archiveStamp(localTime(0, 0));
+                      s3 = FVDate::archiveStamp(localTime(2, 20)), s4 = FVDate::archiveStamp(localTime(0, 2));
+    // Runs of today that left archives but no record (it could not be written) are runs of the
+    // last days all the same.
+    const std::string l1 = FVDate::archiveStamp(localTime(0, 0)), l2 = FVDate::archiveStamp(localTime(0, 1));
     buildTree(dest, {{"__changed/" + old + "/src/ancient", "ancient"}});
     buildTree(dest, {{"src/a", "a1"}, {"src/b", "b1"}, {"src/dir/x", "x1"}, {"src/dir/empty/", ""}});
     recordRun(dest, s1, sources);
@@ -61,6 +64,7 @@ TEST(RunThinning, KeptPointsInTimeKeepTheirVersionsAndTheRestGoesRecordsFirst) {
     archive("__removed", s3, "dir");
     buildTree(dest, {{"src/a", "a3 longer still"}, {"src/b", "b3 longer"}});
     recordRun(dest, s3, sources);
+    buildTree(dest, {{"__changed/" + l1 + "/src/p", "p1"}, {"__changed/" + l2 + "/src/p", "p2"}});
     archive("__changed", s4, "a");
     buildTree(dest, {{"src/a", "a4"}});
     recordRun(dest, s4, sources);
@@ -75,7 +79,7 @@ TEST(RunThinning, KeptPointsInTimeKeepTheirVersionsAndTheRestGoesRecordsFirst) {
     settings.options.retentionWeeklyMonths = 0;
     settings.options.retentionMonthlyYears = 1;
     settings.dryRun = true;
-    settings.archiveFolderName = FVDate::archiveStamp(localTime(0, 1));
+    settings.archiveFolderName = FVDate::archiveStamp(localTime(0, 3));
     const FVDestinationTree tree(dest);
     std::vector<std::string> planned;
     FVLog::currentLog().newLog();
@@ -107,6 +111,7 @@ TEST(RunThinning, KeptPointsInTimeKeepTheirVersionsAndTheRestGoesRecordsFirst) {
     EXPECT_EQ(readFile(dest + "/__removed/" + s3 + "/src/dir/x"), "x1");
     EXPECT_TRUE(exists(dest + "/__removed/" + s3 + "/src/dir/empty"));
     EXPECT_EQ(readFile(dest + "/__changed/" + s4 + "/src/a"), "a3 longer still");
+    EXPECT_EQ(readFile(dest + "/__changed/" + l2 + "/src/p"), "p2");
     EXPECT_EQ(treeDigest(dest + "/src"), mirror);
     const std::string log = readFile(dir / "Ferrovane.log");
     EXPECT_NE(log.find("Removed the record of run " + s2 + " (retention)"), std::string::npos) << log;
