@@ -49,7 +49,7 @@ const char* const kCommands =
     "                                       with --at, a file or folder as a run recorded it\n"
     "  ferrovane verify DESTINATION [--at STAMP] [--sources] [--json]\n"
     "                                       read every file again and compare it with its record\n"
-    "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty) ...\n"
+    "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty | retention) ...\n"
     "                                       edit the destination's sources, options and schedule\n"
     "  ferrovane check-overdue [--json] [--no-notifications]\n"
     "                                       tell which scheduled backups are overdue\n"
@@ -272,6 +272,9 @@ int config(std::vector<std::string> arguments) {
     schedule->add_flag("--json", a.json, "print the schedule as JSON for scripts");
     app.add_subcommand("confirm-empty", "confirm that a source was emptied on purpose")
         ->add_option("PATH", a.path, "the source as listed")->required();
+    auto* retention = app.add_subcommand("retention", "print or set which runs are kept: DAYS WEEKS MONTHS YEARS, on or off");
+    retention->add_option("SETTING", a.retention, "DAYS WEEKS MONTHS YEARS (e.g. 7 4 6 5), on or off")->expected(0, 4);
+    retention->add_flag("--dry-run", a.dryRun, "list what the policy would remove now; change nothing");
     if (auto status = parse(app, std::move(arguments))) return *status;
     a.action = app.get_subcommands().front()->get_name();
     return FVConfigCommand::main(a);

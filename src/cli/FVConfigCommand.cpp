@@ -1,6 +1,7 @@
 #include "cli/FVConfigCommand.h"
 
 #include "cli/FVJsonText.h"
+#include "cli/FVRetentionCommand.h"
 #include "cli/FVSourceResults.h"
 
 #include "backupset/BackupSetController.h"
@@ -462,6 +463,21 @@ int main(const Arguments& a) {
             }
             message = printable(source) + " is not in the list";
             return false;
+        };
+    } else if (command == "retention") {
+        std::optional<FVRetentionCommand::Request> request = FVRetentionCommand::parse(a.retention, &problem);
+        if (!request) return refuse(problem);
+        // Showing and previewing change nothing, so they take no lock.
+        if (!request->changes() || a.dryRun) {
+            if (!load(config, true, problem)) return fail(problem);
+            return FVRetentionCommand::show(config.destination, *config.content.settings, *request, a.dryRun);
+        }
+        const std::string preview = "ferrovane config " + printable(config.destination) + " retention --dry-run";
+        change = [request, preview](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
+            message = FVRetentionCommand::apply(*request, *options.allOptions());
+            if (*request->enabled)
+                message += "\nThe next run removes the runs it lets go; to see which first: " + preview;
+            return true;
         };
     } else {
         const std::vector<std::string>& args = a.schedule;

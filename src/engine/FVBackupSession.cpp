@@ -169,13 +169,15 @@ void FVBackupSession::finish() {
     // The cleanup has run: a confirmation that a source was emptied on purpose is used up.
     if (!dryRun_)
         for (const FVSourceItemPtr& item : enabledItems_) item->removeValue(FVSourceKey::emptySourceConfirmed);
-    if (backupOptions_.purgesRemovedArchives() || backupOptions_.purgesChangedArchives()) {
+    if (backupOptions_.purgesRemovedArchives() || backupOptions_.purgesChangedArchives() ||
+        backupOptions_.retentionEnabled) {
         setTaskDescription(FVStrings::localized("viewpurgingarchives"));
         progressStep();
     }
     syncingBackup_->purgeArchives();
     syncingBackup_->flushDestination();
     syncingBackup_->finishRecord(false);
+    syncingBackup_->thinRuns();
     FVLog::currentLog().addLogLine(fmt::format("Sync finished (Duration: {}).\n", syncingBackup_->currentDurationString()));
     FVLog::currentLog().closeLog();
     // Released before the delegate hears of the end: it may destroy this session at once.

@@ -36,6 +36,7 @@ std::optional<FVRecordedBytes> FVRecordedBytes::index(const std::string& destina
         return std::nullopt;
     std::sort(bytes.slots_.begin(), bytes.slots_.end(),
               [](const Slot& a, const Slot& b) { return a.pathKey < b.pathKey; });
+    bytes.chosenTime_ = runs[chosen].time;
     for (size_t k = chosen + 1; k < runs.size(); ++k) bytes.readLater(runs[k], path);
     const FVVersionCatalog catalog(FVMirrorLayout::archivesOf(destination));
     std::vector<std::pair<std::time_t, std::string>> folders;
@@ -44,7 +45,7 @@ std::optional<FVRecordedBytes> FVRecordedBytes::index(const std::string& destina
         for (const FVVersionCatalog::ArchiveStamp& stamp : catalog.stamps(kind))
             folders.emplace_back(stamp.time, std::string(name) + "/" + stamp.name);
     std::sort(folders.begin(), folders.end(), std::greater<>());
-    for (auto& folder : folders) bytes.archiveFolders_.push_back(std::move(folder.second));
+    for (auto& [time, place] : folders) bytes.archiveFolders_.push_back({time, std::move(place)});
     return bytes;
 }
 
@@ -56,6 +57,7 @@ void FVRecordedBytes::readLater(const FVRunRecord& run, const std::string& path)
     auto pit = FVPointInTime::open("", run, &ignored);
     if (!pit) return;
     laterStamps_.push_back(run.stamp);
+    laterTimes_.push_back(run.time);
     const auto displacer = static_cast<uint32_t>(laterStamps_.size());
     for (Slot& slot : slots_) slot.seen = false;
     bool whole = pit->forEachAtOrBelow(path, [&](const FVManifestEntry& entry) {
@@ -79,10 +81,17 @@ std::string FVRecordedBytes::displacedBy(const std::string& path) const {
 }
 
 std::vector<std::string> FVRecordedBytes::likeliestPlaces(const FVManifestEntry& entry) const {
-    if (std::string stamp = displacedBy(entry.path); !stamp.empty())
-        return {std::string(FVMirrorLayout::kChangedFolder) + "/" + stamp + entry.path,
-                std::string(FVMirrorLayout::kRemovedFolder) + "/" + stamp + entry.path};
-    return {entry.path.substr(1)};
+    const Slot* slot = find(FVPathKey::of(entry.path));
+    if (!slot || !slot->displacer) return {entry.path.substr(1)};
+    const std::string& stamp = laterStamps_[slot->displacer - 1];
+    const std::time_t after = slot->displacer == 1 ? chosenTime_ : laterTimes_[slot->displacer - 2];
+    const std::time_t before = laterTimes_[slot->displacer - 1];
+    std::vector<std::string> places;
+    for (auto folder = archiveFolders_.rbegin(); folder != archiveFolders_.rend(); ++folder)
+        if (folder->time > after && folder->time < before) places.push_back(folder->place + entry.path);
+    places.push_back(std::string(FVMirrorLayout::kChangedFolder) + "/" + stamp + entry.path);
+    places.push_back(std::string(FVMirrorLayout::kRemovedFolder) + "/" + stamp + entry.path);
+    return places;
 }
 
 std::vector<std::string> FVRecordedBytes::otherPlaces(const FVManifestEntry& entry) const {
@@ -92,7 +101,7 @@ std::vector<std::string> FVRecordedBytes::otherPlaces(const FVManifestEntry& ent
         if (std::find(tried.begin(), tried.end(), place) == tried.end()) found.push_back(std::move(place));
     };
     add(entry.path.substr(1));
-    for (const std::string& folder : archiveFolders_) add(folder + entry.path);
+    for (const ArchiveFolder& folder : archiveFolders_) add(folder.place + entry.path);
     return found;
 }
 

@@ -10,6 +10,7 @@
 #include "manifest/FVManifestEntry.h"
 
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +29,8 @@ public:
 
     // Where the bytes of a file the run recorded should be, as paths below the destination root
     // without a leading "/": the archive folders of the run that displaced it, else the mirror.
+    // Runs whose records retention took may lie between: their archive folders come first,
+    // oldest first, as the first of them to hold the path displaced the recorded version.
     std::vector<std::string> likeliestPlaces(const FVManifestEntry& entry) const;
     // For when those do not hold the recorded digest: the mirror and the same path in every
     // archive folder of the destination, newest first, less the likeliest places.
@@ -52,7 +55,13 @@ private:
 
     std::vector<Slot> slots_;  // sorted by key
     std::vector<std::string> laterStamps_;
-    std::vector<std::string> archiveFolders_;  // "__changed/<stamp>" ..., newest first
+    std::vector<std::time_t> laterTimes_;
+    std::time_t chosenTime_ = 0;
+    struct ArchiveFolder {
+        std::time_t time = 0;
+        std::string place;  // "__changed/<stamp>"
+    };
+    std::vector<ArchiveFolder> archiveFolders_;  // newest first
 };
 
 }  // namespace ferrovane

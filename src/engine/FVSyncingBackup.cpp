@@ -4,6 +4,7 @@
 #include "FVVersion.h"
 #include "engine/FVAdditions.h"
 #include "engine/FVArchivePurge.h"
+#include "engine/FVRunThinning.h"
 #include "engine/FVHardLinkWriter.h"
 #include "engine/FVLog.h"
 #include "engine/FVMirrorCleanup.h"
@@ -248,6 +249,8 @@ bool FVSyncingBackup::removeDeletedFiles(const std::vector<FVSourceItemPtr>& bac
 }
 
 void FVSyncingBackup::purgeArchives() { FVArchivePurge(settings_, destination_, status_).run(); }
+
+void FVSyncingBackup::thinRuns() { FVRunThinning(settings_, destination_, status_).run(); }
 
 void FVSyncingBackup::flushDestination() {
     if (settings_.dryRun) return;

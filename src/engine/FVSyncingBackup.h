@@ -3,7 +3,8 @@
 // step runs on the caller's thread and returns when it is done. Mirroring a source item walks it
 // (FVSourceAnalysis) and hands what changed to a copy worker, which archives each file it
 // overwrites (FVChangedFileArchive); the cleanup takes away what vanished from the sources
-// (FVMirrorCleanup); the purge deletes old archives (FVArchivePurge).
+// (FVMirrorCleanup); the purge deletes old archives (FVArchivePurge), the thinning the runs that
+// the retention policy lets go (FVRunThinning).
 
 #include "engine/FVChangedFileArchive.h"
 #include "engine/FVDestinationTree.h"
@@ -40,6 +41,8 @@ public:
     // Archives or removes what vanished from the sources; false when the run was cancelled.
     bool removeDeletedFiles(const std::vector<FVSourceItemPtr>& backupSet, int32_t cleanupFileCount);
     void purgeArchives();
+    // Removes the runs the retention policy lets go; after the run's record is written.
+    void thinRuns();
     // Puts what the run wrote on the destination's disk; a failure is an error of the run.
     void flushDestination();
     // Reads what the last run recorded, so that current files keep their digests.

@@ -82,6 +82,15 @@ TEST_F(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
     EXPECT_EQ(config({"set", "maxThreads", "4"}).exitStatus, 0);
     EXPECT_EQ(config({"set", "preallocate", "yes"}).exitStatus, 0);
     EXPECT_EQ(config({"confirm-empty", "/home/me/Documents"}).exitStatus, 0);
+    ProcessResult retention = config({"retention", "3", "2", "1", "10"});
+    EXPECT_EQ(retention.exitStatus, 0) << retention.err;
+    EXPECT_EQ(config({"retention", "off"}).exitStatus, 0);
+    retention = config({"retention"});
+    EXPECT_NE(retention.out.find("Retention: off"), std::string::npos) << retention.out;
+    EXPECT_NE(config({"retention", "on"}).out.find("every run of the last 3 days, then the newest of each day up to 2 "
+                                                    "weeks back, of each week up to 1 month back and of each month up "
+                                                    "to 10 years back"),
+              std::string::npos);
 
     FVConfiguration c = readBack();
     EXPECT_EQ(sources(c), (std::vector<std::pair<std::string, int64_t>>{
@@ -97,6 +106,9 @@ TEST_F(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
     EXPECT_TRUE(c.settings->boolValue("moveChangedFiles") && c.settings->boolValue("keepFreeSpace"));
     EXPECT_EQ(c.sources[0]->value(FVSourceKey::emptySourceConfirmed), PlistValue(true));
     EXPECT_EQ(c.settings->integerValue("purgeRemovedArchiveDays"), 30);
+    EXPECT_TRUE(c.settings->boolValue("retentionEnabled"));
+    EXPECT_EQ(c.settings->integerValue("retentionWeeklyMonths"), 1);
+    EXPECT_EQ(c.settings->integerValue("retentionMonthlyYears"), 10);
 
     shown = config({"show", "--json"});
     EXPECT_EQ(jsonQuery(shown.out, "[(s['path'], s['mode']) for s in d['sources']], d['options']['maxThreads'], "
@@ -129,6 +141,8 @@ TEST_F(ConfigCommand, BadInputIsRefusedAndNothingIsWritten) {
         {"schedule", "when-connected"},   {"schedule", "when-connected", "maybe"},
         {"schedule", "when-connected", "on", "-5"}, {"schedule", "when-connected", "off", "5"},
         {"set", "backUpWhenConnected", "yes"},
+        {"retention", "7", "-1", "6", "5"}, {"retention", "7", "4", "6", "101"}, {"retention", "7", "4"},
+        {"retention", "sometimes"},
         // Sources whose mirrors would collide: one name, a reserved name, a path that is not plain.
         {"add", "/other/data"},           {"add", "/x/__removed"},         {"add", "/x/../data2"},
     };

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """The fault suite: crash anywhere, storage faults, escapes, hostile names, durability, signals,
-restores racing backups, the record of runs, restores of any run and a disk that comes and goes.
+restores racing backups, the record of runs, restores of any run, a disk that comes and goes and
+retention over months of runs.
 
   faults.py --executable build/release/ferrovane --tier quick|full [--seed N] [--only crash,...]
            [--results tests/faults/RESULTS.md]
@@ -32,6 +33,7 @@ import options  # noqa: E402
 import pointintime  # noqa: E402
 import records  # noqa: E402
 import restores  # noqa: E402
+import retention  # noqa: E402
 import signals  # noqa: E402
 import storage  # noqa: E402
 from faultkit import Ferrovane, workspace  # noqa: E402
@@ -97,6 +99,7 @@ def main():
             "records": lambda w: records.run(ferrovane, w),
             "pointintime": lambda w: pointintime.run(ferrovane, w),
             "connect": lambda w: connect.run(ferrovane, w),
+            "retention": lambda w: retention.run(ferrovane, w, args.tier),
             "fuzz": lambda w: fuzz(args, w),
         }
         for name, suite in suites.items():
