@@ -143,6 +143,16 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
     std::vector<std::string> errors = session.errorMessages();
     if (!errors.empty()) printErrors(errors);
     progress_.finish();
+    // Nobody stopped this run: the destination is too full for it; told apart by its status.
+    if (session.stoppedForSpace()) {
+        std::printf("Sync stopped before copying: not enough room.\n");
+        std::fflush(stdout);
+        FVUserNotification notification{"Sync stopped: not enough room on " + FVText::lastPathComponent(destinationPath_),
+                                        "", errors.empty() ? "" : errors.front(), true, true};
+        notify(notification, false);
+        runLoop_.stop(1);
+        return;
+    }
     std::printf("Sync canceled.\n");
     std::fflush(stdout);
     notify({"Sync canceled: " + FVText::lastPathComponent(destinationPath_), "", "", true}, false);
