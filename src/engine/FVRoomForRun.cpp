@@ -54,6 +54,8 @@ std::vector<FVRoomForRun::Step> FVRoomForRun::purgePlan(const FVSpaceBudget& bud
     *fits = false;
     while (std::optional<FVRunPurgeUnit> unit = FVOldestRunPurge::next(runs)) {
         Step step{*unit, purge.pathsOf(*unit, runs)};
+        // Each unit takes something away, or the purge would never end.
+        if (step.paths.empty()) break;
         for (const std::string& path : step.paths) *freed += FVSpaceUsage::treeBytes(path);
         steps.push_back(std::move(step));
         FVOldestRunPurge::apply(*unit, runs);
@@ -99,7 +101,7 @@ FVRoomVerdict FVRoomForRun::make() {
     while (!budget->allows(needed)) {
         std::vector<FVArchivedRun> runs = FVArchivedRuns(settings_.layout()).list();
         std::optional<FVRunPurgeUnit> unit = FVOldestRunPurge::next(runs);
-        if (!unit) break;
+        if (!unit || purge.pathsOf(*unit, runs).empty()) break;
         std::string warning = purge.remove(*unit, runs, [](const std::string& line) { FVLog::currentLog().addLogLine(line); });
         if (!warning.empty()) {
             FVLog::currentLog().addLogLine(warning);

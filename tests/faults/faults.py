@@ -32,6 +32,7 @@ import pointintime  # noqa: E402
 import records  # noqa: E402
 import restores  # noqa: E402
 import signals  # noqa: E402
+import space  # noqa: E402
 import storage  # noqa: E402
 from faultkit import Ferrovane, workspace  # noqa: E402
 
@@ -95,6 +96,7 @@ def main():
             "restores": lambda w: restores.run(ferrovane, w),
             "records": lambda w: records.run(ferrovane, w),
             "pointintime": lambda w: pointintime.run(ferrovane, w),
+            "space": lambda w: space.run(ferrovane, w),
             "fuzz": lambda w: fuzz(args, w),
         }
         for name, suite in suites.items():
