@@ -254,7 +254,7 @@ void FVBackupSession::stopForSpace(const std::string& problem) {
 }
 
 void FVBackupSession::cancelBeforeCopying() {
-    FVLog::currentLog().addLogLine("Sync cancelled: nothing was changed.\n");
+    FVLog::currentLog().addLogLine("Sync cancelled before copying.\n");
     FVLog::currentLog().closeLog();
     setTaskDescription("Cancelled.");
     progressStep();
