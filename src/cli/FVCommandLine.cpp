@@ -1,6 +1,7 @@
 #include "cli/FVCommandLine.h"
 
 #include "FVVersion.h"
+#include "cli/FVCheckOverdueCommand.h"
 #include "cli/FVCommanlineMode.h"
 #include "cli/FVConfigCommand.h"
 #include "cli/FVPointInTimeCommand.h"
@@ -8,6 +9,7 @@
 #include "cli/FVRunsCommand.h"
 #include "cli/FVSearchCommand.h"
 #include "cli/FVVerifyCommand.h"
+#include "scheduling/FVLaunchAgentManager.h"
 #include "search/FVSearchText.h"
 
 #include <CLI/CLI.hpp>
@@ -33,6 +35,8 @@ const char* const kCommands =
     "  ferrovane --add PATH...              add paths as sources in the open window\n"
     "  ferrovane DESTINATION [--no-notifications | -noUserNotifications] [-n | --dry-run]\n"
     "                                       back up every source configured in the destination\n"
+    "  ferrovane --trigger=schedule|connect --job=UUID DESTINATION\n"
+    "                                       the same, as the scheduled jobs start it\n"
     "  ferrovane runs DESTINATION [--json]  list the runs' archives and the last results\n"
     "  ferrovane search DESTINATION WORD... [--json]\n"
     "                                       find files by name, with their archived versions\n"
@@ -47,6 +51,8 @@ const char* const kCommands =
     "                                       read every file again and compare it with its record\n"
     "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty) ...\n"
     "                                       edit the destination's sources, options and schedule\n"
+    "  ferrovane check-overdue [--json] [--no-notifications]\n"
+    "                                       tell which scheduled backups are overdue\n"
     "\n"
     "The destination keeps its sources and options in .ferrovane.conf in its root. One run at a\n"
     "time per destination. Exit status of a backup: 0 without errors, 2 bad usage (nothing is\n"
@@ -75,6 +81,8 @@ struct RootCommand {
     bool noNotifications = false;
     bool dryRun = false;
     std::vector<std::string> add;
+    std::string trigger;
+    std::string job;
 
     RootCommand() {
         style(app);
@@ -85,6 +93,12 @@ struct RootCommand {
         app.add_flag("--no-notifications", noNotifications, "no desktop notification (also -noUserNotifications)");
         app.add_flag("-n,--dry-run", dryRun,
                      "list what the backup would copy, archive, remove and purge; change nothing");
+        app.add_option("--trigger", trigger,
+                       "what started the run, for the record of run attempts: schedule or connect (a run "
+                       "the disk started is skipped when a good run is recent enough)")
+            ->type_name("WHAT")
+            ->check(CLI::IsMember({"schedule", "connect", "manual"}));
+        app.add_option("--job", job, "the UUID of the job that started the run")->type_name("UUID");
         app.add_option("--add", add, "paths to add as sources in the window")
             ->type_name("PATH")
             ->expected(0, CLI::detail::expected_max_vector_size);
@@ -203,7 +217,8 @@ int restore(std::vector<std::string> arguments) {
 int runs(std::vector<std::string> arguments) {
     CLI::App app("Lists the runs the destination remembers, newest first: each archive stamp with the\n"
                  "items and bytes its __changed and __removed folders hold, then the last results of\n"
-                 "each source. Reads only. Exit status 0, 1 when the destination cannot be read.",
+                 "each source; first a line when its scheduled backups are overdue. Reads only. Exit\n"
+                 "status 0, 1 when the destination cannot be read.",
                  "ferrovane runs");
     std::string destination;
     bool json = false;
@@ -248,15 +263,32 @@ int config(std::vector<std::string> arguments) {
     auto* set = app.add_subcommand("set", "set a run option; yes/no options take yes or no");
     set->add_option("OPTION", a.option, "the option's name, as config show lists it")->required();
     set->add_option("VALUE", a.value, "its new value")->required();
-    app.add_subcommand("schedule", "back up daily HH:MM, weekly WEEKDAY HH:MM, or off")
-        ->add_option("WHEN", a.schedule, "daily HH:MM | weekly WEEKDAY HH:MM | off")
-        ->required()
+    auto* schedule = app.add_subcommand(
+        "schedule", "without more: print the schedule; back up daily HH:MM, weekly WEEKDAY HH:MM, when-connected "
+                    "on [MINUTES] | off, or off (no run starts by itself)");
+    schedule->add_option("WHEN", a.schedule, "daily HH:MM | weekly WEEKDAY HH:MM | when-connected on [MINUTES] | "
+                                             "when-connected off | off")
         ->expected(1, 3);
+    schedule->add_flag("--json", a.json, "print the schedule as JSON for scripts");
     app.add_subcommand("confirm-empty", "confirm that a source was emptied on purpose")
         ->add_option("PATH", a.path, "the source as listed")->required();
     if (auto status = parse(app, std::move(arguments))) return *status;
     a.action = app.get_subcommands().front()->get_name();
     return FVConfigCommand::main(a);
+}
+
+int checkOverdue(std::vector<std::string> arguments) {
+    CLI::App app("Looks at the destination of every scheduled job of this user and tells, with a desktop\n"
+                 "notification that stays until dismissed (at most one a day for each destination), those\n"
+                 "whose last good backup is older than their overdueDays. The timer installed with the\n"
+                 "jobs runs it after login and daily. Exit status 0, overdue or not.",
+                 "ferrovane check-overdue");
+    style(app);
+    bool json = false, quiet = false;
+    app.add_flag("--json", json, "print JSON for scripts");
+    app.add_flag("--no-notifications", quiet, "only print; notify nobody");
+    if (auto status = parse(app, std::move(arguments))) return *status;
+    return FVCheckOverdueCommand::main(json, !quiet);
 }
 
 }  // namespace
@@ -265,7 +297,7 @@ std::optional<int> run(int argc, char** argv) {
     std::vector<std::string> arguments(argv + 1, argv + argc);
     static const std::map<std::string, std::function<int(std::vector<std::string>)>> commands = {
         {"search", search}, {"versions", versions}, {"restore", restore}, {"ls", list}, {"runs", runs}, {"verify", verify},
-        {"config", config}};
+        {"config", config}, {"check-overdue", checkOverdue}};
     if (!arguments.empty())
         if (auto command = commands.find(arguments.front()); command != commands.end())
             return command->second({arguments.begin() + 1, arguments.end()});
@@ -277,14 +309,19 @@ std::optional<int> run(int argc, char** argv) {
     RootCommand root;
     if (auto status = parse(root.app, arguments)) return *status;
     bool window = root.app.count("--add") > 0;
-    if (window && (!root.destination.empty() || root.noNotifications || root.dryRun))
+    if (window && (!root.destination.empty() || root.noNotifications || root.dryRun || !root.trigger.empty()))
         return refuse(root.app, "--add opens the window: it takes no destination");
     if (window || arguments.empty()) return std::nullopt;
     if (root.destination.empty()) return refuse(root.app, "a destination is required");
     if (root.destination.front() != '/')
         return refuse(root.app,
                       "the destination must be an absolute path: " + FVSearchText::printable(root.destination));
-    return FVCommanlineMode::main(root.destination, root.noNotifications, root.dryRun);
+    if (!root.job.empty() && !FVLaunchAgentManager::isValidJobIdentifier(root.job))
+        return refuse(root.app, "--job takes a UUID: " + FVSearchText::printable(root.job));
+    FVJobTrigger trigger = root.trigger == "schedule"  ? FVJobTrigger::Schedule
+                           : root.trigger == "connect" ? FVJobTrigger::Connect
+                                                       : FVJobTrigger::Manual;
+    return FVCommanlineMode::main(root.destination, root.noNotifications, root.dryRun, trigger, root.job);
 }
 
 int usageError(const std::string& why) {

@@ -36,6 +36,7 @@ int FVCommanlineMode::runBackup() {
     // the run from starting at all.
     runLoop_.post([this] {
         if (int signal = cancellingSignal_.load()) {
+            recordAttempt(FVJobOutcome::Stopped, fmt::format("stopped by signal {}", signal));
             std::printf("Sync canceled.\n");
             std::fflush(stdout);
             runLoop_.stop(FVRunSignals::exitStatus(signal));
@@ -95,6 +96,7 @@ void FVCommanlineMode::finishOnMainThread() {
     if (!errors.empty()) {
         notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());
         printErrors(errors);
+        recordAttempt(FVJobOutcome::Errors, errors.front());
         notify(notification, true);
         runLoop_.stop(255);
         return;
@@ -104,12 +106,14 @@ void FVCommanlineMode::finishOnMainThread() {
     if (!warnings.empty()) {
         notification.informativeText = warnings.front();
         std::printf("\nSync finished with warnings.\n");
+        recordAttempt(FVJobOutcome::Warnings, warnings.front());
         std::fflush(stdout);
         notify(notification, true);
         runLoop_.stop(1);
         return;
     }
     std::printf(dryRun_ ? "\nDry run finished: nothing was changed.\n" : "\nSync finished successfully.\n");
+    recordAttempt(FVJobOutcome::Finished);
     std::fflush(stdout);
     notify(notification, true);
     runLoop_.stop(0);
@@ -157,6 +161,8 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
     std::fflush(stdout);
     notify({"Sync canceled: " + FVText::lastPathComponent(destinationPath_), "", "", true}, false);
     const int signal = cancellingSignal_.load();
+    if (signal) recordAttempt(FVJobOutcome::Stopped, fmt::format("stopped by signal {}", signal));
+    else recordAttempt(FVJobOutcome::Failed, errors.empty() ? std::string("the run stopped") : errors.front());
     runLoop_.stop(signal ? FVRunSignals::exitStatus(signal) : 255);
 }
 

@@ -2,7 +2,10 @@
 
 #include "FVVersion.h"
 #include "cli/FVRunSignals.h"
+#include "engine/FVAdditions.h"
 #include "fs/FVText.h"
+#include "scheduling/FVScheduleSummary.h"
+#include "search/FVSearchText.h"
 
 #include <unistd.h>
 
@@ -24,7 +27,8 @@ void waitForNotificationHandOver() { std::this_thread::sleep_for(std::chrono::mi
 FVCommanlineMode::FVCommanlineMode(std::unique_ptr<FVUserNotifier> notifier)
     : notifier_(std::move(notifier)) {}
 
-int FVCommanlineMode::main(const std::string& destinationPath, bool noNotifications, bool dryRun) {
+int FVCommanlineMode::main(const std::string& destinationPath, bool noNotifications, bool dryRun,
+                           FVJobTrigger trigger, const std::string& jobID) {
     FVRunSignals::block();
 
     std::printf("Ferrovane v%s (%s) launched.\n", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER);
@@ -36,6 +40,7 @@ int FVCommanlineMode::main(const std::string& destinationPath, bool noNotificati
     FVCommanlineMode runner(makeDesktopNotifier());
     runner.setDisableUserNotifications(noNotifications || dryRun);
     runner.setDryRun(dryRun);
+    runner.setAttempt(std::make_unique<FVRunAttempt>(destination, trigger, jobID));
     FVRunSignals::listen([&runner](int signal) { runner.interrupt(signal); });
     int status = runner.startBackupWithDestinationPath(destination);
     std::fflush(stdout);
@@ -62,6 +67,7 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
     case FVDestinationLock::Status::Failed:
         std::fprintf(stderr, "Ferrovane cannot make sure that no other run uses this destination (%s). Aborting.\n",
                      lock_.reason().c_str());
+        recordAttempt(FVJobOutcome::Failed, "cannot lock the destination: " + lock_.reason());
         return kFailure;
     case FVDestinationLock::Status::Acquired:
     case FVDestinationLock::Status::Missing:
@@ -71,6 +77,15 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
     FVConfigurationReadResult loaded = FVConfigurationFile::read(settingsPath_);
     switch (loaded.status) {
     case FVConfigurationReadStatus::Unavailable:
+        // A disk that is not plugged in is no failure of a job: it is recorded, and the overdue
+        // notice tells the user when it lasts.
+        if (attempt_ && attempt_->startedByItself() && !FVFileManager::pathExists(settingsPath_)) {
+            std::printf("The destination %s is not connected: nothing to back up now.\n",
+                        FVSearchText::printable(destinationPath_).c_str());
+            recordAttempt(FVJobOutcome::NotConnected);
+            return 0;
+        }
+        recordAttempt(FVJobOutcome::Failed, "the destination is not available or not configured");
         std::printf("Could not read configuration at destination path or destination path unavailable. Aborting.\n");
         std::fflush(stdout);
         notify({"Cannot sync to: " + FVText::lastPathComponent(destinationPath_), "",
@@ -80,28 +95,50 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
     case FVConfigurationReadStatus::NotPropertyList:
         std::printf("Failed to read destination configuration file, check permissions and process disk access. Aborting.\n");
         std::fprintf(stderr, "%s\n", loaded.problem.c_str());
+        recordAttempt(FVJobOutcome::Failed, loaded.problem);
         return kFailure;
     case FVConfigurationReadStatus::Malformed:
         std::printf("Failed to read destination configuration file, check permissions and process disk access. Aborting.\n");
         std::fprintf(stderr, "%s. The file was left as it is.\n", loaded.problem.c_str());
+        recordAttempt(FVJobOutcome::Failed, loaded.problem);
         return kFailure;
     case FVConfigurationReadStatus::Ok:
         break;
     }
     // Nothing is touched on a value the program cannot trust.
     FVOptionsReadResult options = FVOptionTable::read(*loaded.configuration.settings);
+    if (attempt_) attempt_->identify(loaded.configuration.settings->stringValue(FVOptionKey::UUID).value_or(""),
+                                     options.problems.empty() ? std::optional<int64_t>(options.options.overdueDays)
+                                                              : std::nullopt);
     if (!options.problems.empty()) {
         std::printf("The destination configuration holds an option that cannot be used. Aborting.\n");
         for (const std::string& problem : options.problems) std::fprintf(stderr, "%s\n", problem.c_str());
         std::fprintf(stderr, "Nothing was changed. Correct it with: ferrovane config %s set <option> <value>\n",
                      destinationPath_.c_str());
+        recordAttempt(FVJobOutcome::Failed, options.problems.front());
         return kFailure;
     }
     for (const std::string& skipped : loaded.skippedItems) std::fprintf(stderr, "%s\n", skipped.c_str());
     configuration_ = std::move(loaded.configuration);
     skippedItems_ = std::move(loaded.skippedItems);
     options_ = options.options;
+    if (skipsAsRecent()) return 0;
     return runBackup();
+}
+
+void FVCommanlineMode::recordAttempt(FVJobOutcome outcome, const std::string& message) {
+    if (attempt_ && !dryRun_) attempt_->record(outcome, message);
+}
+
+bool FVCommanlineMode::skipsAsRecent() {
+    if (!attempt_ || attempt_->trigger() != FVJobTrigger::Connect) return false;
+    std::optional<std::time_t> last = attempt_->recentSuccess(options_.connectedRunIntervalMinutes, std::time(nullptr));
+    if (!last) return false;
+    std::printf("Skipped: the last good run to %s was at %s, less than %lld minutes ago.\n",
+                FVSearchText::printable(destinationPath_).c_str(), FVScheduleSummary::localTimeText(*last).c_str(),
+                static_cast<long long>(options_.connectedRunIntervalMinutes));
+    recordAttempt(FVJobOutcome::Skipped);
+    return true;
 }
 
 }  // namespace ferrovane

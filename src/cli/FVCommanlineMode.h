@@ -4,6 +4,7 @@
 
 #include "backupset/BackupSetController.h"
 #include "cli/FVProgressLine.h"
+#include "cli/FVRunAttempt.h"
 #include "engine/FVBackupSession.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVDestinationLock.h"
@@ -27,10 +28,16 @@ public:
     // without errors, FVDestinationLock::busyExitStatus when another run holds the destination,
     // 128 + the signal's number for a run that a signal cancelled, 255 for every other failure.
     // A dry run prints what the run would change and changes nothing, not even the configuration.
-    static int main(const std::string& destinationPath, bool noNotifications, bool dryRun);
+    // A run that a job started (trigger schedule or connect, jobID its UUID) exits 0 when the
+    // destination is not connected, and a connect run also when a good run is recent enough;
+    // both are recorded in the job status, as is how every other run of a destination with an
+    // identity ended.
+    static int main(const std::string& destinationPath, bool noNotifications, bool dryRun,
+                    FVJobTrigger trigger = FVJobTrigger::Manual, const std::string& jobID = {});
 
     void setDisableUserNotifications(bool disable) { disableUserNotifications_ = disable; }
     void setDryRun(bool dryRun) { dryRun_ = dryRun; }
+    void setAttempt(std::unique_ptr<FVRunAttempt> attempt) { attempt_ = std::move(attempt); }
     int startBackupWithDestinationPath(const std::string& destinationPath);
 
     void backupSessionProgressDidChange(FVBackupSession& session) override;
@@ -50,6 +57,10 @@ private:
     void notify(const FVUserNotification& notification, bool wait);
     // Runs the loaded configuration; returns the exit status.
     int runBackup();
+    // Records how the run ended for the schedule (nothing for a dry run).
+    void recordAttempt(FVJobOutcome outcome, const std::string& message = {});
+    // A run the disk started when a good run is recent enough: recorded, and nothing else done.
+    bool skipsAsRecent();
 
     std::unique_ptr<FVUserNotifier> notifier_;
     FVProgressLine progress_{stdout, isatty(STDOUT_FILENO) != 0};
@@ -65,6 +76,7 @@ private:
     FVRunLoop runLoop_;
     std::unique_ptr<BackupSetController> backupSetController_;
     std::unique_ptr<FVBackupSession> backupSession_;
+    std::unique_ptr<FVRunAttempt> attempt_;
     // The first signal that cancelled the run; 0 while none has.
     std::atomic<int> cancellingSignal_{0};
 };

@@ -14,6 +14,7 @@
 #include "fs/FVText.h"
 #include "scheduling/FVLaunchAgentManager.h"
 #include "scheduling/FVOptionsPanelController.h"
+#include "scheduling/FVScheduleSummary.h"
 #include "search/FVSearchText.h"
 
 #include <fmt/format.h>
@@ -113,13 +114,6 @@ std::optional<int64_t> parseWeekday(const std::string& text) {
     return std::nullopt;
 }
 
-std::string weekdayName(int64_t day) {
-    if (day < 0 || day > 7) return fmt::format("weekday {}", day);
-    std::string name = kWeekdays[day % 7];
-    name[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[0])));
-    return name;
-}
-
 std::string modeText(int64_t mode) {
     for (const ModeName& m : kModes)
         if (static_cast<int64_t>(m.mode) == mode) return FVStrings::localized(m.stringKey);
@@ -135,12 +129,15 @@ std::string absolutePath(const std::string& path) {
     return out;
 }
 
+// The options as a run reads them; a value that cannot be used reads as its default here.
+FVOptions typedOptions(const PlistDict& options) {
+    PlistDict withDefaults = options;
+    FVConfigurationFile::applyDefaultOptions(withDefaults);
+    return FVOptionTable::read(withDefaults).options;
+}
+
 std::string scheduleText(const PlistDict& options) {
-    if (!options.boolValue(FVOptionKey::automationEnabled)) return "off";
-    std::string time = fmt::format("{:02}:{:02}", options.integerValue(FVOptionKey::automationTimeHours),
-                                   options.integerValue(FVOptionKey::automationTimeMinutes));
-    if (options.integerValue(FVOptionKey::automationIntervalSelection) == 0) return "daily at " + time;
-    return "weekly on " + weekdayName(options.integerValue(FVOptionKey::automationWeekdaySelection)) + " at " + time;
+    return FVScheduleSummary::of(typedOptions(options), std::nullopt, std::time(nullptr)).when;
 }
 
 std::string valueText(const FVOptionRule& rule, const PlistValue* value) {
@@ -219,6 +216,67 @@ bool jobPresent(FVLaunchAgentManager& jobs, const std::string& uuid) {
     return std::find(ids.begin(), ids.end(), uuid) != ids.end();
 }
 
+struct JobKindName {
+    FVJobKind kind;
+    const char* name;
+};
+const JobKindName kJobKinds[] = {
+    {FVJobKind::Backup, "calendar"}, {FVJobKind::Connect, "connect"}, {FVJobKind::Verify, "verify"}};
+
+std::string jobStateText(FVLaunchAgentManager& jobs, const std::string& uuid, FVJobKind kind) {
+    if (!jobs.isJobPresent(uuid, kind)) return "none";
+    return jobs.isJobEnabled(uuid, kind) ? "present, enabled" : "present, not enabled";
+}
+
+// "config DEST schedule": when runs start by themselves, the next one, how the last one ended, and
+// the jobs as far as their files tell.
+int showSchedule(const Configuration& config, FVLaunchAgentManager& jobs, bool json) {
+    const FVOptions options = typedOptions(*config.content.settings);
+    std::optional<FVJobStatus> status;
+    if (!options.UUID.empty()) status = FVJobStatusStore().read(options.UUID);
+    const FVScheduleSummary summary = FVScheduleSummary::of(options, status, std::time(nullptr));
+    if (json) {
+        fmt::print("{{{}, \"scheduled\": {}, \"when\": {}, \"nextRun\": {}, \"lastScheduledRun\": {},\n \"lastScheduledAttempt\": ",
+                   FVJsonText::pathFields("destination", config.destination), summary.scheduled ? "true" : "false",
+                   FVJsonText::quoted(summary.when),
+                   summary.nextRun ? FVJsonText::quoted(FVScheduleSummary::localTimeText(*summary.nextRun)) : "null",
+                   FVJsonText::quoted(summary.lastScheduledRun));
+        if (status && status->lastScheduledAttempt) {
+            const FVJobAttempt& last = *status->lastScheduledAttempt;
+            fmt::print("{{\"time\": {}, \"trigger\": \"{}\", \"outcome\": \"{}\", \"message\": {}}}",
+                       static_cast<int64_t>(last.time), jobTriggerName(last.trigger), jobOutcomeName(last.outcome),
+                       FVJsonText::quoted(last.message));
+        } else {
+            fmt::print("null");
+        }
+        fmt::print(",\n \"jobs\": [");
+        const char* separator = "";
+        for (const JobKindName& job : kJobKinds) {
+            if (options.UUID.empty()) break;
+            fmt::print("{}\n  {{\"kind\": \"{}\", \"label\": {}, \"present\": {}, \"enabled\": {}}}", separator, job.name,
+                       FVJsonText::quoted(FVLaunchAgentManager::jobLabel(options.UUID, job.kind)),
+                       jobs.isJobPresent(options.UUID, job.kind) ? "true" : "false",
+                       jobs.isJobEnabled(options.UUID, job.kind) ? "true" : "false");
+            separator = ",";
+        }
+        fmt::print("]}}\n");
+        return kExitOk;
+    }
+    fmt::print("Destination: {}\n", printable(config.destination));
+    fmt::print("Schedule: {}\n", summary.when);
+    if (summary.nextRun) fmt::print("Next run: {}\n", FVScheduleSummary::localTimeText(*summary.nextRun));
+    fmt::print("Last scheduled run: {}\n", printable(summary.lastScheduledRun));
+    if (options.UUID.empty()) {
+        fmt::print("Jobs: none (the destination has no identity yet)\n");
+        return kExitOk;
+    }
+    for (const JobKindName& job : kJobKinds)
+        fmt::print("Job ({}): {}{} ({})\n", job.name, printable(jobs.jobDirectory()),
+                   printable(FVLaunchAgentManager::jobLabel(options.UUID, job.kind)),
+                   jobStateText(jobs, options.UUID, job.kind));
+    return kExitOk;
+}
+
 int show(const Configuration& config, FVLaunchAgentManager& jobs) {
     fmt::print("Destination: {}\n", printable(config.destination));
     fmt::print("Configuration: {}\n", config.readFrom.empty() ? "none yet (defaults shown)" : printable(config.readFrom));
@@ -245,9 +303,7 @@ int show(const Configuration& config, FVLaunchAgentManager& jobs) {
 
     if (options.boolValue(FVOptionKey::isSuperuserBackup))
         fmt::print("\nSet up by root: the window opens this destination only when run as root.\n");
-    PlistDict withDefaults = options;
-    FVConfigurationFile::applyDefaultOptions(withDefaults);
-    fmt::print("\nSchedule: {}\n", scheduleText(withDefaults));
+    fmt::print("\nSchedule: {}\n", scheduleText(options));
     if (auto uuid = options.stringValue(FVOptionKey::UUID)) {
         fmt::print("Job: {}{} ({})\n", printable(jobs.jobDirectory()), printable(FVLaunchAgentManager::jobLabel(*uuid)),
                    jobPresent(jobs, *uuid) ? "present" : "none");
@@ -294,9 +350,7 @@ int showJson(const Configuration& config, FVLaunchAgentManager& jobs) {
         fmt::print("{}{}", separator, FVJsonText::quoted(problem));
         separator = ", ";
     }
-    PlistDict withDefaults = options;
-    FVConfigurationFile::applyDefaultOptions(withDefaults);
-    fmt::print("],\n \"schedule\": {}, \"job\": ", FVJsonText::quoted(scheduleText(withDefaults)));
+    fmt::print("],\n \"schedule\": {}, \"job\": ", FVJsonText::quoted(scheduleText(options)));
     if (auto uuid = options.stringValue(FVOptionKey::UUID)) {
         fmt::print("{{\"label\": {}, \"present\": {}}}", FVJsonText::quoted(FVLaunchAgentManager::jobLabel(*uuid)),
                    jobPresent(jobs, *uuid) ? "true" : "false");
@@ -322,8 +376,9 @@ int main(const Arguments& a) {
 
     FVLaunchAgentManager jobs(std::make_shared<FVProcessCommandRunner>());
     std::string problem;
-    if (command == "show") {
+    if (command == "show" || (command == "schedule" && a.schedule.empty())) {
         if (!load(config, true, problem)) return fail(problem);
+        if (command == "schedule") return showSchedule(config, jobs, a.json);
         return a.json ? showJson(config, jobs) : show(config, jobs);
     }
 
@@ -371,6 +426,8 @@ int main(const Arguments& a) {
         const FVOptionRule* rule = FVOptionTable::find(key);
         if (!rule || !rule->settable) {
             if (key.rfind("automation", 0) == 0) return refuse("the schedule is set with: schedule daily|weekly|off");
+            if (key == FVOptionKey::backUpWhenConnected || key == FVOptionKey::connectedRunIntervalMinutes)
+                return refuse("a backup when the disk is connected is set with: schedule when-connected on [MINUTES] | off");
             std::string names;
             for (const FVOptionRule& r : FVOptionTable::rules())
                 if (r.settable) names += std::string(names.empty() ? "" : ", ") + r.key;
@@ -412,20 +469,41 @@ int main(const Arguments& a) {
         std::optional<int64_t> weekday;  // absent: daily
         std::string time;
         bool off = false;
-        if (args.size() == 1 && args[0] == "off") off = true;
+        if (!args.empty() && args[0] == "when-connected") {
+            std::optional<bool> on = args.size() >= 2 ? parseBoolean(args[1]) : std::nullopt;
+            std::optional<int64_t> minutes;
+            const FVOptionRule* interval = FVOptionTable::find(FVOptionKey::connectedRunIntervalMinutes);
+            if (on && *on && args.size() == 3) {
+                minutes = parseInteger(args[2]);
+                if (!minutes || FVOptionTable::problem(*interval, PlistValue(*minutes)))
+                    return refuse(fmt::format("the interval takes {}, not {}", interval->expected, printable(args[2])));
+            }
+            if (!on || (!*on && args.size() == 3))
+                return refuse("schedule when-connected takes: on [MINUTES] | off");
+            change = [on, minutes](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
+                PlistDict& o = *options.allOptions();
+                o.set(FVOptionKey::backUpWhenConnected, *on);
+                if (minutes) o.set(FVOptionKey::connectedRunIntervalMinutes, *minutes);
+                message = "Schedule: " + scheduleText(o) + ".";
+                return true;
+            };
+        } else if (args.size() == 1 && args[0] == "off") off = true;
         else if (args.size() == 2 && args[0] == "daily") time = args[1];
         else if (args.size() == 3 && args[0] == "weekly") {
             weekday = parseWeekday(args[1]);
             if (!weekday) return refuse("unknown weekday: " + printable(args[1]));
             time = args[2];
         } else {
-            return refuse("schedule takes: daily HH:MM | weekly <weekday> HH:MM | off");
+            return refuse("schedule takes: daily HH:MM | weekly <weekday> HH:MM | when-connected on [MINUTES] | "
+                          "when-connected off | off");
         }
         std::optional<std::pair<int64_t, int64_t>> at;
-        if (!off && !(at = parseTime(time))) return refuse("the time must be HH:MM within 00:00-23:59, not " + printable(time));
-        change = [off, at, weekday](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
+        if (!change && !off && !(at = parseTime(time))) return refuse("the time must be HH:MM within 00:00-23:59, not " + printable(time));
+        if (!change) change = [off, at, weekday](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
             PlistDict& o = *options.allOptions();
             o.set(FVOptionKey::automationEnabled, !off);
+            // "off": no run starts by itself, the disk's neither.
+            if (off) o.set(FVOptionKey::backUpWhenConnected, false);
             if (!off) {
                 o.set(FVOptionKey::automationTimeHours, at->first);
                 o.set(FVOptionKey::automationTimeMinutes, at->second);
@@ -488,8 +566,17 @@ int main(const Arguments& a) {
         return fail("could not write " + printable(settingsPath) + ": " + error);
     fmt::print("{}\n", message);
 
-    if (scheduleChange && !options.updateAutomations(config.destination, &error))
-        return fail("the schedule is saved, but the scheduled job could not be set up: " + error);
+    if (scheduleChange && !options.updateAutomations(config.destination, &error)) {
+        fmt::print(stderr, "ferrovane config: the schedule is saved, but the scheduled job could not be set up: {}\n",
+                   printable(error));
+        // The unit files are written before they are loaded: the user can load them by hand.
+        std::vector<std::string> commands = options.manualSetupCommands();
+        if (!commands.empty()) {
+            fmt::print(stderr, "To set it up by hand, run:\n");
+            for (const std::string& command : commands) fmt::print(stderr, "  {}\n", command);
+        }
+        return kExitFailed;
+    }
     if (scheduleChange && options.allOptions()->boolValue(FVOptionKey::automationEnabled) &&
         !FVLaunchAgentManager::jobsRunWhileLoggedOut())
         fmt::print(stderr, "Note: scheduled backups run only while you are logged in, as your account does not "

@@ -2,11 +2,13 @@
 
 #include "cli/FVArchiveRuns.h"
 #include "cli/FVJsonText.h"
+#include "cli/FVOverdueJson.h"
 #include "cli/FVSourceResults.h"
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVRunRecords.h"
 #include "fs/FVText.h"
+#include "scheduling/FVOverdueState.h"
 #include "search/FVSearchText.h"
 
 #include <fmt/format.h>
@@ -50,8 +52,10 @@ std::string outcomeOf(const FVRunRecord& run) {
     return run.summary ? manifestOutcomeName(run.summary->outcome) : "unreadable";
 }
 
-void printText(const std::string& destination, const std::vector<FVRunRecord>& records,
-               const FVArchiveRuns& archives, const std::vector<FVSourceItemPtr>& items) {
+void printText(const std::string& destination, const std::optional<FVOverdueNotice>& overdue,
+               const std::vector<FVRunRecord>& records, const FVArchiveRuns& archives,
+               const std::vector<FVSourceItemPtr>& items) {
+    if (overdue) fmt::print("Overdue: {}\n\n", shown(overdue->text()));
     fmt::print("Recorded runs in {}, newest first (only complete runs are points in time):\n", shown(destination));
     if (records.empty()) fmt::print("  (none)\n");
     else
@@ -79,9 +83,11 @@ void printText(const std::string& destination, const std::vector<FVRunRecord>& r
         fmt::print("  {}\n      {}\n", shown(item->sourcePath()), FVSourceResults::line(*item));
 }
 
-void printJson(const std::string& destination, const std::vector<FVRunRecord>& records,
-               const FVArchiveRuns& archives, const std::vector<FVSourceItemPtr>& items) {
-    fmt::print("{{{},\n \"records\": [", FVJsonText::pathFields("destination", destination));
+void printJson(const std::string& destination, const std::optional<FVOverdueNotice>& overdue,
+               const std::vector<FVRunRecord>& records, const FVArchiveRuns& archives,
+               const std::vector<FVSourceItemPtr>& items) {
+    fmt::print("{{{},\n \"overdue\": {},\n \"records\": [", FVJsonText::pathFields("destination", destination),
+               FVOverdueJson::notice(overdue));
     const char* separator = "";
     for (auto run = records.rbegin(); run != records.rend(); ++run) {
         fmt::print("{}\n  {{\"stamp\": {}, \"time\": \"{}\", \"outcome\": \"{}\", \"complete\": {}", separator,
@@ -137,8 +143,10 @@ int main(const std::string& destinationArgument, bool json) {
     FVArchiveRuns archives = FVArchiveRuns::read(destination);
     const std::vector<FVRunRecord> records = FVRunRecords(destination).list();
     std::vector<FVSourceItemPtr> items = resultItems(loaded.configuration);
-    if (json) printJson(destination, records, archives, items);
-    else printText(destination, records, archives, items);
+    const std::optional<FVOverdueNotice> overdue =
+        FVOverdueState::ofDestination(destination, loaded.configuration, FVJobStatusStore(), std::time(nullptr)).notice;
+    if (json) printJson(destination, overdue, records, archives, items);
+    else printText(destination, overdue, records, archives, items);
     for (const std::string& problem : archives.problems())
         fmt::print(stderr, "ferrovane runs: cannot read {}; the runs hold more than is listed.\n", shown(problem));
     return archives.problems().empty() ? kExitDone : kExitFailed;

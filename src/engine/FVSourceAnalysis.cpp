@@ -222,9 +222,11 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
             }
             std::string destinationPath = targetRoot + std::string(entry.relativePath());
             auto source = std::make_shared<FVFileSystemItem>(path, entry.st);
-            // Everything below a folder the destination lacks is new as well.
+            // Everything below a folder the destination lacks is new as well. Its mirror item is
+            // missing by definition: looked up by path it could be read through a mirror link
+            // that the folder is about to replace.
             if (FVText::isPathWithin(path, newDirectoryPrefix)) {
-                auto destination = std::make_shared<FVFileSystemItem>(std::move(destinationPath));
+                auto destination = FVFileSystemItem::missingItem(std::move(destinationPath));
                 if (hardLinks_.takeLaterName(source, destination, true)) continue;
                 handOver(source, destination);
                 // A folder is recorded as the walk meets it; the copy threads record the rest.

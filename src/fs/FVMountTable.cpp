@@ -20,4 +20,12 @@ std::string fileSystemTypeAtPath(const std::string& path) {
     return type;
 }
 
+std::string mountPointOfPath(const std::string& path) {
+    char* mountPoint = mnt_get_mountpoint(path.c_str());
+    if (!mountPoint) return "";
+    std::string found = mountPoint;
+    free(mountPoint);
+    return found;
+}
+
 }  // namespace ferrovane::FVMountTable

@@ -15,9 +15,9 @@ constexpr uint8_t kUrgencyCritical = 2;
 
 class FVDesktopNotifier final : public FVUserNotifier {
 public:
-    void deliver(const FVUserNotification& n) override {
+    bool deliver(const FVUserNotification& n) override {
         sd_bus* bus = nullptr;
-        if (sd_bus_open_user(&bus) < 0) return;
+        if (sd_bus_open_user(&bus) < 0) return false;
         std::string body = n.subtitle;
         if (!n.informativeText.empty()) {
             if (!body.empty()) body += "\n";
@@ -38,13 +38,14 @@ public:
                                       n.critical ? kUrgencyCritical : kUrgencyNormal);
         if (r >= 0) r = sd_bus_message_append(call, "i", -1);
         uint32_t id = 0;
-        if (r >= 0 && sd_bus_call(bus, call, kCallTimeoutMicroseconds, &error, &reply) >= 0 &&
-            sd_bus_message_read(reply, "u", &id) >= 0)
-            lastId_ = id;
+        const bool taken = r >= 0 && sd_bus_call(bus, call, kCallTimeoutMicroseconds, &error, &reply) >= 0 &&
+                           sd_bus_message_read(reply, "u", &id) >= 0;
+        if (taken) lastId_ = id;
         sd_bus_error_free(&error);
         sd_bus_message_unref(reply);
         sd_bus_message_unref(call);
         sd_bus_flush_close_unref(bus);
+        return taken;
     }
 
 private:

@@ -16,6 +16,11 @@ void write(std::string_view text) {
     (void)ignored;
 }
 
+void warning(std::string_view text) {
+    std::string line(text);
+    syslog(LOG_WARNING, "%s", line.c_str());
+}
+
 void error(std::string_view className, std::string_view message) {
     std::string text = "ERROR: ";
     text.append(className).append(": ").append(message);

@@ -10,5 +10,7 @@ namespace ferrovane::FVSystemLog {
 void error(std::string_view className, std::string_view message);
 // Writes the text as it is.
 void write(std::string_view text);
+// Only to syslog, as a warning: for the user's attention where standard output already tells it.
+void warning(std::string_view text);
 
 }  // namespace ferrovane::FVSystemLog

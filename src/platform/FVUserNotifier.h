@@ -20,8 +20,9 @@ struct FVUserNotification {
 class FVUserNotifier {
 public:
     virtual ~FVUserNotifier() = default;
-    // Hands the notification over; never fails visibly and never blocks for long.
-    virtual void deliver(const FVUserNotification& notification) = 0;
+    // Hands the notification over; never fails visibly and never blocks for long. True when a
+    // notification server took it.
+    virtual bool deliver(const FVUserNotification& notification) = 0;
 };
 
 // org.freedesktop.Notifications on the session bus. Without a bus or a notification server

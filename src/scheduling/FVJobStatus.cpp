@@ -84,6 +84,8 @@ const char* jobTriggerName(FVJobTrigger trigger) {
 }
 
 std::string FVJobStatusStore::defaultFolder() {
+    if (const char* override = std::getenv("FERROVANE_JOB_STATUS_DIRECTORY"); override && *override == '/')
+        return override;
     if (geteuid() == 0) return "/var/lib/Ferrovane/jobs";
     if (const char* xdg = std::getenv("XDG_STATE_HOME"); xdg && *xdg == '/') return std::string(xdg) + "/Ferrovane/jobs";
     std::string home = homeDirectory();

@@ -58,7 +58,8 @@ struct FVJobStatus {
 
 class FVJobStatusStore {
 public:
-    // The default folder for this user (empty when there is no home folder to keep it in).
+    // The default folder for this user (empty when there is no home folder to keep it in);
+    // $FERROVANE_JOB_STATUS_DIRECTORY replaces it.
     static std::string defaultFolder();
     explicit FVJobStatusStore(std::string folder = defaultFolder()) : folder_(std::move(folder)) {}
 

@@ -3,9 +3,12 @@
 #include "platform/FVHomeDirectory.h"
 
 #include "engine/FVAdditions.h"
+#include "engine/FVConfigurationFile.h"
 #include "fs/FVAtomicFile.h"
+#include "fs/FVMountTable.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
+#include "scheduling/FVOverdueCheckUnit.h"
 #include "search/FVSearchText.h"
 
 #include <dirent.h>
@@ -78,9 +81,30 @@ std::string execWord(std::string_view word) {
     return out;
 }
 
-// A path that needs no escaping at all may also name the mounts the run waits for; that list is
-// split at blanks and unquoted, so any other path is left to the start-up check alone.
-bool isPlainPath(std::string_view path) { return execWord(path).find('\\') == std::string::npos; }
+// A path as a value that systemd takes literally (PathExists=), or nothing when no line can
+// carry it: systemd refuses text that is not UTF-8, and a line break would end the value.
+std::optional<std::string> literalPath(std::string_view path) {
+    if (FVText::validUTF8(path) != path) return std::nullopt;
+    std::string out;
+    for (char c : path) {
+        if ((static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7f) return std::nullopt;
+        out += c == '%' ? std::string("%%") : std::string(1, c);
+    }
+    return out;
+}
+
+// A path in a list that systemd splits at blanks and unquotes (RequiresMountsFor=): in double
+// quotes, with quotes and backslashes escaped. "\x20" would not do: that list is not C-unescaped.
+std::optional<std::string> quotedPath(std::string_view path) {
+    std::optional<std::string> literal = literalPath(path);
+    if (!literal) return std::nullopt;
+    std::string out = "\"";
+    for (char c : *literal) {
+        if (c == '"' || c == '\\') out += '\\';
+        out += c;
+    }
+    return out + "\"";
+}
 
 // Free text for Description=: printable, and "%" doubled because specifiers are expanded.
 std::string descriptionText(std::string_view text) {
@@ -90,6 +114,21 @@ std::string descriptionText(std::string_view text) {
 }
 
 constexpr std::string_view kVerifySuffix = "-verify";
+constexpr std::string_view kConnectSuffix = "-connect";
+
+std::string_view suffixOf(FVJobKind kind) {
+    switch (kind) {
+    case FVJobKind::Verify: return kVerifySuffix;
+    case FVJobKind::Connect: return kConnectSuffix;
+    case FVJobKind::Backup: break;
+    }
+    return "";
+}
+
+std::vector<std::string> triggerArguments(const std::string& uuid, FVJobKind kind) {
+    if (kind == FVJobKind::Verify) return {"verify"};
+    return {kind == FVJobKind::Connect ? "--trigger=connect" : "--trigger=schedule", "--job=" + uuid};
+}
 
 const char* const kWeekdayNames[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
 
@@ -125,8 +164,10 @@ std::string FVLaunchAgentManager::jobDirectory() const {
 }
 
 std::string FVLaunchAgentManager::jobLabel(const std::string& uuid, FVJobKind kind) {
-    return labelPrefix + uuid + std::string(kind == FVJobKind::Verify ? kVerifySuffix : "");
+    return labelPrefix + uuid + std::string(suffixOf(kind));
 }
+
+std::string FVLaunchAgentManager::systemdExecWord(std::string_view word) { return execWord(word); }
 
 bool FVLaunchAgentManager::isValidJobIdentifier(const std::string& uuid) {
     return !uuid.empty() && std::all_of(uuid.begin(), uuid.end(),
@@ -136,7 +177,11 @@ bool FVLaunchAgentManager::isValidJobIdentifier(const std::string& uuid) {
 std::vector<std::string> FVLaunchAgentManager::jobFilePaths(const std::string& uuid, FVJobKind kind) const {
     std::string base = jobDirectory() + jobLabel(uuid, kind);
     if (format_ == FVJobFormat::Launchd) return {base + ".plist"};
-    return {base + ".service", base + ".timer"};
+    return {base + ".service", base + (kind == FVJobKind::Connect ? ".path" : ".timer")};
+}
+
+std::string FVLaunchAgentManager::triggeringUnit(const std::string& uuid, FVJobKind kind) {
+    return jobLabel(uuid, kind) + (kind == FVJobKind::Connect ? ".path" : ".timer");
 }
 
 std::vector<std::string> FVLaunchAgentManager::systemctl(std::vector<std::string> args) const {
@@ -148,20 +193,42 @@ std::vector<std::string> FVLaunchAgentManager::systemctl(std::vector<std::string
 
 void FVLaunchAgentManager::unloadJob(const std::string& uuid, FVJobKind kind) {
     if (format_ == FVJobFormat::Launchd) runner_->run({kLaunchctl, "unload", jobFilePaths(uuid, kind).front()});
-    else runner_->run(systemctl({"disable", "--now", jobLabel(uuid, kind) + ".timer"}));
+    else runner_->run(systemctl({"disable", "--now", triggeringUnit(uuid, kind)}));
+    // The connect service is only unlinked from its mount, not stopped: stopping it would cancel a
+    // backup in progress, and while it stays active the reloaded path unit does not start it again.
+    if (format_ == FVJobFormat::Systemd && kind == FVJobKind::Connect)
+        runner_->run(systemctl({"disable", jobLabel(uuid, kind) + ".service"}));
+}
+
+std::vector<std::vector<std::string>> FVLaunchAgentManager::loadCommands(const std::string& uuid, FVJobKind kind) const {
+    if (format_ == FVJobFormat::Launchd) return {{kLaunchctl, "load", jobFilePaths(uuid, kind).front()}};
+    std::vector<std::vector<std::string>> commands{systemctl({"daemon-reload"}),
+                                                   systemctl({"enable", "--now", triggeringUnit(uuid, kind)})};
+    // Linked to the mount unit, which starts it when the disk is mounted; the path unit starts it now.
+    if (kind == FVJobKind::Connect) commands.push_back(systemctl({"enable", jobLabel(uuid, kind) + ".service"}));
+    return commands;
 }
 
 bool FVLaunchAgentManager::loadJob(const std::string& uuid, FVJobKind kind, std::string* error) {
     FVCommandResult result;
-    if (format_ == FVJobFormat::Launchd) {
-        result = runner_->run({kLaunchctl, "load", jobFilePaths(uuid, kind).front()});
-    } else {
-        result = runner_->run(systemctl({"daemon-reload"}));
-        if (result.succeeded())
-            result = runner_->run(systemctl({"enable", "--now", jobLabel(uuid, kind) + ".timer"}));
+    for (const std::vector<std::string>& command : loadCommands(uuid, kind)) {
+        result = runner_->run(command);
+        if (!result.succeeded()) break;
     }
     if (!result.succeeded() && error) *error = "loading the job failed: " + result.error;
     return result.succeeded();
+}
+
+bool FVLaunchAgentManager::isJobPresent(const std::string& uuid, FVJobKind kind) const {
+    std::vector<std::string> paths = jobFilePaths(uuid, kind);
+    return std::all_of(paths.begin(), paths.end(), FVFileManager::pathExists);
+}
+
+bool FVLaunchAgentManager::isJobEnabled(const std::string& uuid, FVJobKind kind) const {
+    if (!isJobPresent(uuid, kind)) return false;
+    if (format_ == FVJobFormat::Launchd) return true;
+    const char* target = kind == FVJobKind::Connect ? "paths.target.wants/" : "timers.target.wants/";
+    return FVFileManager::pathExists(jobDirectory() + target + triggeringUnit(uuid, kind));
 }
 
 std::optional<std::string> FVLaunchAgentManager::onCalendarExpression(const FVJobSchedule& schedule,
@@ -187,15 +254,30 @@ std::optional<std::string> FVLaunchAgentManager::onCalendarExpression(const FVJo
     return day + "*-*-* " + hour + ":" + minute + ":00";
 }
 
-std::optional<std::string> FVLaunchAgentManager::systemdServiceUnit(const std::string& label,
+std::string FVLaunchAgentManager::mountUnitName(const std::string& mountPoint) {
+    std::string path = FVText::standardizedPath(mountPoint);
+    while (!path.empty() && path.front() == '/') path.erase(0, 1);
+    if (path.empty()) return "-.mount";
+    std::string name;
+    for (size_t i = 0; i < path.size(); ++i) {
+        unsigned char c = static_cast<unsigned char>(path[i]);
+        if (c == '/') name += '-';
+        else if (std::isalnum(c) || c == ':' || c == '_' || (c == '.' && i > 0)) name += static_cast<char>(c);
+        else name += fmt::format("\\x{:02x}", c);
+    }
+    return name + ".mount";
+}
+
+std::optional<std::string> FVLaunchAgentManager::systemdServiceUnit(const std::string& uuid,
                                                                     const std::string& executable,
                                                                     const std::string& destination,
-                                                                    FVJobKind kind, std::string* error) {
+                                                                    FVJobKind kind, const std::string& mountPoint,
+                                                                    std::string* error) {
     auto fail = [&](std::string message) -> std::optional<std::string> {
         if (error) *error = std::move(message);
         return std::nullopt;
     };
-    if (!isPlainLabel(label)) return fail("the job label \"" + label + "\" is not plain text");
+    if (!isValidJobIdentifier(uuid)) return fail("\"" + uuid + "\" is not a usable job identifier");
     // systemd refuses quotes, backslashes and control characters in the program path itself.
     bool executableOk = !executable.empty() && executable.front() == '/' &&
                         std::none_of(executable.begin(), executable.end(), [](unsigned char c) {
@@ -204,22 +286,70 @@ std::optional<std::string> FVLaunchAgentManager::systemdServiceUnit(const std::s
     if (!executableOk) return fail("systemd cannot start the program at \"" + executable + "\"");
     if (destination.empty() || destination.front() != '/')
         return fail("the destination \"" + destination + "\" is not an absolute path");
-    const bool verify = kind == FVJobKind::Verify;
-    std::string unit = "[Unit]\n"
-                       "Description=Ferrovane scheduled " + std::string(verify ? "verify of " : "backup to ") +
-                       descriptionText(destination) + "\n";
-    // Waits for a mount the system knows (an fstab entry), so that it is mounted first.
-    if (isPlainPath(destination)) unit += "RequiresMountsFor=" + execWord(destination) + "\n";
+    std::string command = execWord(executable);
+    for (const std::string& argument : triggerArguments(uuid, kind)) command += " " + argument;
+    command += " " + execWord(destination);
+
+    std::string unit = "[Unit]\nDescription=Ferrovane ";
+    switch (kind) {
+    case FVJobKind::Backup: unit += "scheduled backup to "; break;
+    case FVJobKind::Verify: unit += "scheduled verify of "; break;
+    case FVJobKind::Connect: unit += "backup to "; break;
+    }
+    unit += descriptionText(destination) + (kind == FVJobKind::Connect ? " when its disk is connected\n" : "\n");
+    if (kind == FVJobKind::Connect) {
+        if (mountPoint.empty() || mountPoint.front() != '/')
+            return fail("the disk that holds " + destination + " is not mounted");
+        // The path unit starts this service whenever it is inactive while the configuration file
+        // exists, so the service stays active after its run (RemainAfterExit) and a failed run
+        // counts as done ("-"): one run per connection, not a loop. Bound to the disk's mount,
+        // it stops when the disk goes, and the next connection starts it again. On a file system
+        // that stays mounted that is one run per login or boot; the calendar does the rest.
+        // inotify sees no mount: a disk mounted on a folder that already exists is noticed
+        // through the mount unit, which starts the units that want it when it appears.
+        const std::string mount = mountUnitName(mountPoint);
+        if (mount.size() > 255) return fail("systemd cannot name the mount of " + mountPoint + ": its path is too long");
+        unit += "BindsTo=" + mount + "\nAfter=" + mount + "\n";
+    }
+    // Waits for a mount the system knows (an fstab entry), so that it is mounted first. A disk
+    // that is not there does not stop the run: the run records that it was not connected.
+    if (std::optional<std::string> quoted = quotedPath(destination)) unit += "RequiresMountsFor=" + *quoted + "\n";
     // A backup gives way to whatever the user is doing on the machine.
     unit += "\n"
             "[Service]\n"
-            "Type=oneshot\n"
-            "Nice=19\n"
-            "IOSchedulingClass=idle\n"
-            // An absent destination (a drive not plugged in) skips the run rather than failing it.
-            "ExecCondition=:/usr/bin/test -d " + execWord(destination) + "\n"
-            "ExecStart=:" + execWord(executable) + (verify ? " verify " : " ") + execWord(destination) + "\n";
+            "Type=oneshot\n";
+    if (kind == FVJobKind::Connect) unit += "RemainAfterExit=yes\n";
+    unit += "Nice=19\n"
+            "IOSchedulingClass=idle\n";
+    // A verification has nothing to record: an absent destination skips it.
+    if (kind == FVJobKind::Verify) unit += "ExecCondition=:/usr/bin/test -d " + execWord(destination) + "\n";
+    unit += std::string("ExecStart=") + (kind == FVJobKind::Connect ? "-:" : ":") + command + "\n";
+    if (kind == FVJobKind::Connect) unit += "\n[Install]\nWantedBy=" + mountUnitName(mountPoint) + "\n";
     return unit;
+}
+
+std::optional<std::string> FVLaunchAgentManager::systemdPathUnit(const std::string& uuid, const std::string& destination,
+                                                                 std::string* error) {
+    if (!isValidJobIdentifier(uuid)) {
+        if (error) *error = "\"" + uuid + "\" is not a usable job identifier";
+        return std::nullopt;
+    }
+    std::optional<std::string> watched = literalPath(FVConfigurationFile::formattedPath(destination));
+    if (!watched) {
+        if (error) *error = "systemd cannot watch the destination \"" + FVSearchText::printable(destination) +
+                            "\": its path holds line breaks or is not UTF-8 text";
+        return std::nullopt;
+    }
+    const std::string label = jobLabel(uuid, FVJobKind::Connect);
+    return "[Unit]\n"
+           "Description=Ferrovane waits for the disk of " + descriptionText(destination) + "\n"
+           "\n"
+           "[Path]\n"
+           "PathExists=" + *watched + "\n"
+           "Unit=" + label + ".service\n"
+           "\n"
+           "[Install]\n"
+           "WantedBy=paths.target\n";
 }
 
 std::optional<std::string> FVLaunchAgentManager::systemdTimerUnit(const std::string& label,
@@ -242,7 +372,7 @@ std::optional<std::string> FVLaunchAgentManager::systemdTimerUnit(const std::str
            "WantedBy=timers.target\n";
 }
 
-PlistDict FVLaunchAgentManager::launchdJob(const std::string& label, const std::string& executable,
+PlistDict FVLaunchAgentManager::launchdJob(const std::string& uuid, const std::string& executable,
                                            const std::string& destination, const FVJobSchedule& schedule,
                                            FVJobKind kind) {
     auto interval = std::make_shared<PlistDict>();
@@ -255,11 +385,11 @@ PlistDict FVLaunchAgentManager::launchdJob(const std::string& label, const std::
         if (schedule.minute) interval->set("Minute", *schedule.minute);
         if (schedule.weekday && *schedule.weekday != -1) interval->set("Weekday", *schedule.weekday);
     }
-    auto arguments = std::make_shared<PlistArray>(kind == FVJobKind::Verify
-                                                      ? PlistArray{executable, std::string("verify"), destination}
-                                                      : PlistArray{executable, destination});
+    auto arguments = std::make_shared<PlistArray>(PlistArray{executable});
+    for (const std::string& argument : triggerArguments(uuid, kind)) arguments->push_back(argument);
+    arguments->push_back(destination);
     PlistDict job;
-    job.set("Label", label);
+    job.set("Label", jobLabel(uuid, kind));
     job.set("ProgramArguments", arguments);
     job.set("StartCalendarInterval", interval);
     return job;
@@ -267,17 +397,22 @@ PlistDict FVLaunchAgentManager::launchdJob(const std::string& label, const std::
 
 bool FVLaunchAgentManager::writeJobFiles(const std::string& uuid, FVJobKind kind, const std::string& destination,
                                          const FVJobSchedule& schedule, std::string* error) {
-    std::string label = jobLabel(uuid, kind);
     std::vector<std::string> contents;
     if (format_ == FVJobFormat::Launchd) {
-        auto job = std::make_shared<PlistDict>(launchdJob(label, executablePath_, destination, schedule, kind));
+        if (kind == FVJobKind::Connect) {
+            if (error) *error = "a backup when the disk is connected needs systemd";
+            return false;
+        }
+        auto job = std::make_shared<PlistDict>(launchdJob(uuid, executablePath_, destination, schedule, kind));
         contents.push_back(serializePlistXML(PlistValue(job)));
     } else {
-        auto service = systemdServiceUnit(label, executablePath_, destination, kind, error);
+        const std::string mountPoint = kind == FVJobKind::Connect ? FVMountTable::mountPointOfPath(destination) : "";
+        auto service = systemdServiceUnit(uuid, executablePath_, destination, kind, mountPoint, error);
         if (!service) return false;
-        auto timer = systemdTimerUnit(label, schedule, error);
-        if (!timer) return false;
-        contents = {*service, *timer};
+        auto trigger = kind == FVJobKind::Connect ? systemdPathUnit(uuid, destination, error)
+                                                  : systemdTimerUnit(jobLabel(uuid, kind), schedule, error);
+        if (!trigger) return false;
+        contents = {*service, *trigger};
     }
 
     std::string directory = jobDirectory();
@@ -311,6 +446,11 @@ bool FVLaunchAgentManager::writeVerifyJob(const std::string& uuid, const std::st
     return writeJob(uuid, FVJobKind::Verify, destination, monthly, error);
 }
 
+bool FVLaunchAgentManager::writeConnectJob(const std::string& uuid, const std::string& destination,
+                                           std::string* error) {
+    return writeJob(uuid, FVJobKind::Connect, destination, FVJobSchedule{}, error);
+}
+
 bool FVLaunchAgentManager::writeJob(const std::string& uuid, FVJobKind kind, const std::string& destination,
                                     const FVJobSchedule& schedule, std::string* error) {
     if (!isValidJobIdentifier(uuid)) {
@@ -320,7 +460,10 @@ bool FVLaunchAgentManager::writeJob(const std::string& uuid, FVJobKind kind, con
     if (!writeJobFiles(uuid, kind, destination, schedule, error)) return false;
     // Reloading is how a changed time takes effect; the job may not have been loaded before.
     unloadJob(uuid, kind);
-    return loadJob(uuid, kind, error);
+    if (!loadJob(uuid, kind, error)) return false;
+    // Scheduled backups come with the check that tells when they stop; its failure is logged.
+    if (format_ == FVJobFormat::Systemd) FVOverdueCheckUnit(runner_, jobDirectory(), executablePath_).install();
+    return true;
 }
 
 bool FVLaunchAgentManager::jobsRunWhileLoggedOut() {
@@ -338,6 +481,8 @@ void FVLaunchAgentManager::removeJob(const std::string& uuid, FVJobKind kind) {
     for (const std::string& path : paths) unlink(path.c_str());
     // Without a reload the service manager keeps the deleted units loaded.
     if (format_ == FVJobFormat::Systemd) runner_->run(systemctl({"daemon-reload"}));
+    if (format_ == FVJobFormat::Systemd && jobIdentifiers().empty())
+        FVOverdueCheckUnit(runner_, jobDirectory(), executablePath_).remove();
 }
 
 std::vector<std::string> FVLaunchAgentManager::jobIdentifiers() const {
@@ -346,7 +491,7 @@ std::vector<std::string> FVLaunchAgentManager::jobIdentifiers() const {
     if (!dir) return identifiers;
     const std::vector<std::string> extensions =
         format_ == FVJobFormat::Launchd ? std::vector<std::string>{".plist"}
-                                        : std::vector<std::string>{".service", ".timer"};
+                                        : std::vector<std::string>{".service", ".timer", ".path"};
     while (dirent* entry = readdir(dir)) {
         std::string_view name = entry->d_name;
         if (!hasPrefix(name, labelPrefix)) continue;
@@ -354,7 +499,8 @@ std::vector<std::string> FVLaunchAgentManager::jobIdentifiers() const {
             if (!hasSuffix(name, extension)) continue;
             std::string_view id = name.substr(std::strlen(labelPrefix));
             id.remove_suffix(extension.size());
-            if (hasSuffix(id, kVerifySuffix)) id.remove_suffix(kVerifySuffix.size());
+            for (std::string_view suffix : {kVerifySuffix, kConnectSuffix})
+                if (hasSuffix(id, suffix)) id.remove_suffix(suffix.size());
             if (isValidJobIdentifier(std::string(id))) identifiers.emplace_back(id);
         }
     }
@@ -367,7 +513,7 @@ std::vector<std::string> FVLaunchAgentManager::jobIdentifiers() const {
 void FVLaunchAgentManager::cleanJobsWithoutIDs(const std::vector<std::string>& uuids) {
     for (const std::string& id : jobIdentifiers()) {
         if (std::find(uuids.begin(), uuids.end(), id) != uuids.end()) continue;
-        for (FVJobKind kind : {FVJobKind::Backup, FVJobKind::Verify}) removeJob(id, kind);
+        for (FVJobKind kind : {FVJobKind::Backup, FVJobKind::Verify, FVJobKind::Connect}) removeJob(id, kind);
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <random>
 
 namespace ferrovane {
@@ -58,11 +59,36 @@ bool FVOptionsPanelController::updateAutomations(const std::string& destinationP
     } else {
         launchAgentManager_.removeJob(id, FVJobKind::Backup);
     }
+    if (read.options.backUpWhenConnected) {
+        if (!launchAgentManager_.writeConnectJob(id, destinationPath, error)) return false;
+    } else {
+        launchAgentManager_.removeJob(id, FVJobKind::Connect);
+    }
     if (!read.options.automationVerifyMonthly) {
         launchAgentManager_.removeJob(id, FVJobKind::Verify);
         return true;
     }
     return launchAgentManager_.writeVerifyJob(id, destinationPath, error);
+}
+
+std::vector<std::string> FVOptionsPanelController::manualSetupCommands() const {
+    FVOptionsReadResult read = FVOptionTable::read(*options_);
+    std::vector<std::string> lines;
+    if (read.options.UUID.empty()) return lines;
+    std::vector<FVJobKind> kinds;
+    if (read.options.automationEnabled) kinds.push_back(FVJobKind::Backup);
+    if (read.options.backUpWhenConnected) kinds.push_back(FVJobKind::Connect);
+    if (read.options.automationVerifyMonthly) kinds.push_back(FVJobKind::Verify);
+    for (FVJobKind kind : kinds) {
+        if (!launchAgentManager_.isJobPresent(read.options.UUID, kind)) continue;
+        for (const std::vector<std::string>& command : launchAgentManager_.loadCommands(read.options.UUID, kind)) {
+            std::string line;
+            for (const std::string& word : command) line += (line.empty() ? "" : " ") + word;
+            // Reloading once is enough for every job.
+            if (std::find(lines.begin(), lines.end(), line) == lines.end()) lines.push_back(line);
+        }
+    }
+    return lines;
 }
 
 }  // namespace ferrovane

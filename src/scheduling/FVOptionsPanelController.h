@@ -6,6 +6,7 @@
 #include "scheduling/FVLaunchAgentManager.h"
 
 #include <string>
+#include <vector>
 
 namespace ferrovane {
 
@@ -21,11 +22,15 @@ public:
     bool boolForOptionsKey(std::string_view key) const { return options_->boolValue(key); }
     std::string uuid() const;
 
-    // Creates and stores the UUID on first need, then writes the job when automation is on and
-    // removes it otherwise. Returns false with the reason when writing the job failed; the
-    // options stay as they are either way. An option that cannot be used is such a reason; no job
+    // Creates and stores the UUID on first need, then writes each job (calendar, disk connected,
+    // monthly verify) that is on and removes the others. Returns false with the reason when
+    // writing a job failed; the options stay as they are either way. An option that cannot be used is such a reason; no job
     // is written or removed then.
     bool updateAutomations(const std::string& destinationPath, std::string* error = nullptr);
+
+    // The commands that load the written jobs the options ask for, one line each, for a user
+    // whose service manager could not be reached; empty without a UUID.
+    std::vector<std::string> manualSetupCommands() const;
 
     // A new random UUID in upper-case text.
     static std::string makeUUID();

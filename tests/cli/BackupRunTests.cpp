@@ -2,6 +2,7 @@
 // standard output, the exit status and the configuration written back.
 
 #include "cli/DestinationFixture.h"
+#include "scheduling/FVJobStatus.h"
 #include "support/JsonQuery.h"
 #include "support/TestHooks.h"
 #include "support/TreeLiteral.h"
@@ -45,6 +46,7 @@ protected:
         pid_t pid = fork();
         if (pid == 0) {
             setenv("FERROVANE_LOG_FILE", logPath().c_str(), 1);
+            setenv("FERROVANE_JOB_STATUS_DIRECTORY", statusFolder().c_str(), 1);
             setenv(hooks.env().first.c_str(), hooks.env().second.c_str(), 1);
             unsetenv("DISPLAY");
             freopen((dir / "out.txt").c_str(), "w", stdout);
@@ -61,6 +63,19 @@ protected:
         std::sort(names.begin(), names.end());
         return names;
     }
+
+    // Options of a destination with an identity, whose runs record their attempts.
+    static PlistDict identified() {
+        PlistDict options = defaults();
+        options.set("UUID", kUUID);
+        return options;
+    }
+
+    FVJobAttempt lastAttempt() const {
+        return FVJobStatusStore(statusFolder()).read(kUUID).value_or(FVJobStatus{}).lastAttempt.value_or(FVJobAttempt{});
+    }
+
+    static constexpr const char* kUUID = "6A1C0E55-2D4B-4F3A-9E8D-7C6B5A4F3E2D";
 
     static void setMtime(const std::string& path, time_t seconds) {
         timespec times[2] = {{seconds, 0}, {seconds, 0}};
@@ -253,7 +268,7 @@ TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButNeverEmptiesAnUnmounte
 
 TEST_F(BackupRun, ARunThatCannotBeRecordedMakesItsBackupAndEndsWithOneWarning) {
     buildTree(source, {{"Docs/a.txt", "a"}});
-    configure({{source + "/Docs", FVSourceMode::Backup}}, defaults());
+    configure({{source + "/Docs", FVSourceMode::Backup}}, identified());
     writeFile(destination + "/__runs", "not a folder");
     auto result = run();
     EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
@@ -263,6 +278,8 @@ TEST_F(BackupRun, ARunThatCannotBeRecordedMakesItsBackupAndEndsWithOneWarning) {
     const std::string log = readFile(logPath());
     EXPECT_EQ(log.find("WARNING: This run is not recorded"), log.rfind("WARNING: This run is not recorded"));
     EXPECT_NE(log.find("WARNING: This run is not recorded"), std::string::npos);
+    EXPECT_EQ(lastAttempt().outcome, FVJobOutcome::Warnings);
+    EXPECT_EQ(lastAttempt().message.rfind("This run is not recorded", 0), 0u) << lastAttempt().message;
 }
 
 TEST_F(BackupRun, RebuildsFullSourcePathsWithoutSyncModeAndCountsAMissingThreadOption) {
@@ -277,7 +294,7 @@ TEST_F(BackupRun, RebuildsFullSourcePathsWithoutSyncModeAndCountsAMissingThreadO
 
 TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
     makeManyFiles();
-    configure({{source + "/Many", FVSourceMode::Backup}}, defaults());
+    configure({{source + "/Many", FVSourceMode::Backup}}, identified());
     std::string before = readFile(FVConfigurationFile::formattedPath(destination));
 
     // Held between two files until the interrupt has cancelled the run.
@@ -293,6 +310,7 @@ TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
     waitpid(pid, &status, 0);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 128 + SIGINT);
+    EXPECT_EQ(lastAttempt().outcome, FVJobOutcome::Stopped);
     std::string out = readFile(dir / "out.txt");
     EXPECT_EQ(out.substr(out.size() - 15), "Sync canceled.\n");
     EXPECT_EQ(readFile(FVConfigurationFile::formattedPath(destination)), before);

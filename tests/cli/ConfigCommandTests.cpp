@@ -2,7 +2,9 @@
 // that leaves everything as it was, and the scheduled job with a stand-in systemctl.
 
 #include "cli/DestinationFixture.h"
+#include "scheduling/FVJobStatus.h"
 #include "support/JsonQuery.h"
+#include "support/SystemdUnit.h"
 #include "support/TestHooks.h"
 
 #include <gtest/gtest.h>
@@ -37,6 +39,7 @@ protected:
         env.emplace("PATH", bin);
         env.emplace("FERROVANE_JOB_DIRECTORY", jobs);
         env.emplace("HOME", dir.path());
+        env.emplace("FERROVANE_JOB_STATUS_DIRECTORY", statusFolder());
         return runProcess(argv, env, 30);
     }
 
@@ -123,6 +126,9 @@ TEST_F(ConfigCommand, BadInputIsRefusedAndNothingIsWritten) {
         {"schedule", "weekly", "8", "10:00"}, {"schedule", "hourly"},      {"frobnicate"},
         {"set", "purgeChangedArchiveDays", "0"}, {"set", "purgeRemovedArchiveDays", "thirty"},
         {"confirm-empty", "/elsewhere"},  {"confirm-empty"},
+        {"schedule", "when-connected"},   {"schedule", "when-connected", "maybe"},
+        {"schedule", "when-connected", "on", "-5"}, {"schedule", "when-connected", "off", "5"},
+        {"set", "backUpWhenConnected", "yes"},
         // Sources whose mirrors would collide: one name, a reserved name, a path that is not plain.
         {"add", "/other/data"},           {"add", "/x/__removed"},         {"add", "/x/../data2"},
     };
@@ -161,12 +167,14 @@ TEST_F(ConfigCommand, ScheduleWritesUnitsThatStartFerrovaneOnExactlyThisDestinat
 
     std::string label = "com.quillmarsh.ferrovane." + uuid;
     std::string service = readFile(jobs + "/" + label + ".service");
-    EXPECT_NE(service.find(std::string("\nExecStart=:") + FERROVANE_EXECUTABLE + " " + destination + "\n"),
+    EXPECT_NE(service.find(std::string("\nExecStart=:") + FERROVANE_EXECUTABLE + " --trigger=schedule --job=" + uuid +
+                           " " + destination + "\n"),
               std::string::npos) << service;
     EXPECT_NE(readFile(jobs + "/" + label + ".timer").find("OnCalendar=*-*-* 03:30:00"), std::string::npos);
     std::string user = getuid() == 0 ? "" : "--user ";
     EXPECT_EQ(readFile(calls), user + "disable --now " + label + ".timer\n" + user + "daemon-reload\n" + user +
-                                     "enable --now " + label + ".timer\n");
+                                     "enable --now " + label + ".timer\n" + user + "daemon-reload\n" + user +
+                                     "enable --now com.quillmarsh.ferrovane-check-overdue.timer\n");
 
     ASSERT_EQ(config({"schedule", "weekly", "Friday", "22:15"}).exitStatus, 0);
     EXPECT_NE(readFile(jobs + "/" + label + ".timer").find("OnCalendar=Fri *-*-* 22:15:00"), std::string::npos);
@@ -185,6 +193,12 @@ TEST_F(ConfigCommand, JobFailuresAreReportedAndTheSettingIsKept) {
     ProcessResult failing = config({"schedule", "daily", "14:00"}, {{"FAKE_SYSTEMCTL_STATUS", "1"}});
     EXPECT_EQ(failing.exitStatus, 1);
     EXPECT_NE(failing.err.find("could not be set up"), std::string::npos) << failing.err;
+    // Said once, with what the user can run instead.
+    const std::string user = getuid() == 0 ? "" : "--user ";
+    const std::string failingUUID = readBack().settings->stringValue("UUID").value_or("");
+    EXPECT_NE(failing.err.find("To set it up by hand, run:\n  systemctl " + user + "daemon-reload\n  systemctl " + user +
+                               "enable --now com.quillmarsh.ferrovane." + failingUUID + ".timer\n"),
+              std::string::npos) << failing.err;
     EXPECT_TRUE(readBack().settings->boolValue("automationEnabled"));
 
     ProcessResult missing = config({"schedule", "daily", "15:00"}, {{"PATH", dir / "nowhere"}});
@@ -199,6 +213,81 @@ TEST_F(ConfigCommand, JobFailuresAreReportedAndTheSettingIsKept) {
     EXPECT_EQ(blocked.exitStatus, 1);
     EXPECT_NE(blocked.err.find("Creation of " + dir / "blocker/jobs/" + " failed!"), std::string::npos)
         << blocked.err;
+}
+
+// The command lines that the written units run, run as systemd would run them (the words of
+// ExecStart=) on a real destination: every attempt is recorded for the schedule, a disk that is
+// not there is no failure, and a run the disk starts soon after a good run does nothing.
+TEST_F(ConfigCommand, TheUnitsCommandLinesRecordEveryAttempt) {
+    writeFile(source + "/a.txt", "one");
+    ASSERT_EQ(config({"add", source}).exitStatus, 0);
+    ASSERT_EQ(config({"schedule", "daily", "3:30"}).exitStatus, 0);
+    ProcessResult on = config({"schedule", "when-connected", "on", "90"});
+    ASSERT_EQ(on.exitStatus, 0) << on.err;
+    EXPECT_NE(on.out.find("daily at 03:30 and when the disk is connected, at most once in 90 minutes"), std::string::npos)
+        << on.out;
+    const std::string uuid = readBack().settings->stringValue("UUID").value_or("");
+    const std::string label = "com.quillmarsh.ferrovane." + uuid;
+    EXPECT_NE(readFile(jobs + "/" + label + "-connect.path").find("\nPathExists=" + settingsPath() + "\n"), std::string::npos);
+
+    auto runUnit = [&](const std::string& file) {
+        std::vector<std::string> argv = commandWords(readFile(jobs + "/" + file), "ExecStart");
+        return runProcess(argv, {{"DISPLAY", std::nullopt}, {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + dir / "no-bus"},
+                                 {"FERROVANE_LOG_FILE", logPath()}, {"HOME", dir.path()},
+                                 {"XDG_DATA_HOME", dir / "data"}, {"XDG_CACHE_HOME", dir / "cache"},
+                                 {"FERROVANE_JOB_STATUS_DIRECTORY", statusFolder()}});
+    };
+    FVJobStatusStore store(statusFolder());
+    auto last = [&] { return store.read(uuid).value_or(FVJobStatus{}).lastScheduledAttempt.value_or(FVJobAttempt{}); };
+
+    ProcessResult connected = runUnit(label + "-connect.service");
+    EXPECT_EQ(connected.exitStatus, 0) << connected.err;
+    EXPECT_NE(connected.out.find("Sync finished successfully."), std::string::npos) << connected.out;
+    EXPECT_EQ(last().trigger, FVJobTrigger::Connect);
+    EXPECT_EQ(last().outcome, FVJobOutcome::Finished);
+    const std::time_t success = store.read(uuid)->lastSuccess;
+    EXPECT_GT(success, 0);
+
+    ProcessResult again = runUnit(label + "-connect.service");
+    EXPECT_EQ(again.exitStatus, 0) << again.err;
+    EXPECT_NE(again.out.find("Skipped: the last good run"), std::string::npos) << again.out;
+    EXPECT_EQ(last().outcome, FVJobOutcome::Skipped);
+
+    ASSERT_EQ(rename(destination.c_str(), (dir / "unplugged").c_str()), 0);
+    ProcessResult absent = runUnit(label + ".service");
+    EXPECT_EQ(absent.exitStatus, 0) << absent.err;
+    EXPECT_NE(absent.out.find("is not connected"), std::string::npos) << absent.out;
+    EXPECT_EQ(last().trigger, FVJobTrigger::Schedule);
+    EXPECT_EQ(last().outcome, FVJobOutcome::NotConnected);
+    EXPECT_EQ(store.read(uuid)->lastSuccess, success);
+    ASSERT_EQ(rename((dir / "unplugged").c_str(), destination.c_str()), 0);
+
+    // A run by hand is recorded too, beside the last scheduled one.
+    EXPECT_EQ(run().exitStatus, 0);
+    EXPECT_EQ(store.read(uuid)->lastAttempt->trigger, FVJobTrigger::Manual);
+    EXPECT_EQ(last().outcome, FVJobOutcome::NotConnected);
+
+    ProcessResult shown = config({"schedule"});
+    EXPECT_EQ(shown.exitStatus, 0) << shown.err;
+    EXPECT_NE(shown.out.find("Next run: "), std::string::npos) << shown.out;
+    EXPECT_NE(shown.out.find(", not-connected\n"), std::string::npos) << shown.out;
+    EXPECT_NE(shown.out.find(label + "-connect (present, not enabled)"), std::string::npos) << shown.out;
+    ProcessResult json = config({"schedule", "--json"});
+    EXPECT_EQ(jsonQuery(json.out, "d['lastScheduledAttempt']['outcome'], d['jobs'][1]['present'], d['scheduled']"),
+              "('not-connected', True, True)");
+
+    ASSERT_EQ(config({"schedule", "off"}).exitStatus, 0);
+    EXPECT_FALSE(exists(jobs + "/" + label + "-connect.path"));
+    EXPECT_FALSE(readBack().settings->boolValue("backUpWhenConnected"));
+
+    // A run that cannot start is recorded with its cause.
+    FVConfiguration c = readBack();
+    c.settings->set("maxThreads", int64_t{99});
+    ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(c.sources, *c.settings, settingsPath()));
+    EXPECT_EQ(run().exitStatus, 255);
+    const FVJobAttempt failed = store.read(uuid)->lastAttempt.value_or(FVJobAttempt{});
+    EXPECT_EQ(failed.outcome, FVJobOutcome::Failed);
+    EXPECT_NE(failed.message.find("maxThreads"), std::string::npos) << failed.message;
 }
 
 TEST_F(ConfigCommand, UnwritableDestinationIsRefused) {

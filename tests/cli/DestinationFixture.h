@@ -37,7 +37,7 @@ protected:
         args.insert(args.begin(), FERROVANE_EXECUTABLE);
         return runProcess(args, {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()},
                                  {"XDG_DATA_HOME", dir / "data"},
-                                 {"XDG_CACHE_HOME", dir / "cache"}});
+                                 {"XDG_CACHE_HOME", dir / "cache"}, {"FERROVANE_JOB_STATUS_DIRECTORY", statusFolder()}});
     }
 
     // A backup run, notifications off, with more arguments after the destination.
@@ -47,6 +47,8 @@ protected:
     }
 
     std::string logPath() const { return dir / "Ferrovane.log"; }
+    // Where runs record their attempts, instead of the user's own status.
+    std::string statusFolder() const { return dir / "state"; }
 
     FVConfiguration readBack() {
         auto r = FVConfigurationFile::read(FVConfigurationFile::formattedPath(destination));

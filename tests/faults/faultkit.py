@@ -86,7 +86,9 @@ class Ferrovane:
     def __init__(self, executable, log, prefix=(), **env):
         """prefix runs the executable through another command (another user, strace)."""
         self.executable, self.prefix = executable, list(prefix)
-        self.env = dict(os.environ, FERROVANE_LOG_FILE=log, **env)
+        # The status of run attempts stays with the suite's own files, never in the user's state.
+        jobs = os.path.join(os.path.dirname(os.path.abspath(log)), "jobs")
+        self.env = dict(os.environ, FERROVANE_LOG_FILE=log, FERROVANE_JOB_STATUS_DIRECTORY=jobs, **env)
         self.env.pop("DISPLAY", None)
 
     def args(self, destination):

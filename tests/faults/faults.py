@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """The fault suite: crash anywhere, storage faults, escapes, hostile names, durability, signals,
-restores racing backups, the record of runs and restores of any run.
+restores racing backups, the record of runs, restores of any run and a disk that comes and goes.
 
   faults.py --executable build/release/ferrovane --tier quick|full [--seed N] [--only crash,...]
            [--results tests/faults/RESULTS.md]
@@ -20,6 +20,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import access  # noqa: E402
 import archives  # noqa: E402
 import changes  # noqa: E402
+import connect  # noqa: E402
 import crash  # noqa: E402
 import durability  # noqa: E402
 import escapes  # noqa: E402
@@ -96,6 +97,7 @@ def main():
             "restores": lambda w: restores.run(ferrovane, w),
             "records": lambda w: records.run(ferrovane, w),
             "pointintime": lambda w: pointintime.run(ferrovane, w),
+            "connect": lambda w: connect.run(ferrovane, w),
             "space": lambda w: space.run(ferrovane, w),
             "fuzz": lambda w: fuzz(args, w),
         }

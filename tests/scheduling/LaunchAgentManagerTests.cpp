@@ -5,7 +5,9 @@
 #include "engine/FVConfigurationFile.h"
 #include "scheduling/FVLaunchAgentManager.h"
 #include "scheduling/FVOptionsPanelController.h"
+#include "fs/FVMountTable.h"
 #include "support/ProcessRunner.h"
+#include "support/SystemdUnit.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -49,30 +51,6 @@ const std::string kLabel = "com.quillmarsh.ferrovane." + kUUID;
 // looks like systemd syntax.
 const std::string kHostile = std::string("/mnt/my \"backup\" 'disk'\\50% $HOME ${USER} %n; x\n") +
                              "ExecStartPre=/bin/false\t\x01\xff\xc3\xa9/\xe2\x82\xac end ";
-
-// The words of a command line (ExecStart=, ExecCondition=) as systemd reads an unquoted line:
-// split at blanks, then "%%" -> "%" and "\xNN" -> byte.
-std::vector<std::string> commandWords(const std::string& unit, const std::string& key) {
-    std::istringstream lines(unit);
-    std::string line;
-    std::string value;
-    while (std::getline(lines, line))
-        if (line.rfind(key + "=", 0) == 0) value = line.substr(key.size() + 1);
-    if (!value.empty() && value[0] == ':') value.erase(0, 1);
-    std::vector<std::string> words;
-    std::istringstream split(value);
-    std::string word;
-    while (split >> word) {
-        std::string decoded;
-        for (size_t i = 0; i < word.size(); ++i) {
-            if (word[i] == '%' && i + 1 < word.size() && word[i + 1] == '%') decoded += '%', ++i;
-            else if (word[i] == '\\' && word[i + 1] == 'x') decoded += static_cast<char>(std::stoi(word.substr(i + 2, 2), nullptr, 16)), i += 3;
-            else decoded += word[i];
-        }
-        words.push_back(decoded);
-    }
-    return words;
-}
 
 std::string executableAt(const std::string& path) {
     writeFile(path, "#!/bin/sh\n");
@@ -131,30 +109,38 @@ TEST(LaunchAgentManager, WrittenUnitsVerifyAndCarryHostilePathsExactly) {
 
     std::string service = readFile(dir / ("units/" + kLabel + ".service"));
     std::string timer = readFile(dir / ("units/" + kLabel + ".timer"));
-    EXPECT_EQ(commandWords(service, "ExecStart"), (std::vector<std::string>{program, destination}));
+    EXPECT_EQ(commandWords(service, "ExecStart"),
+              (std::vector<std::string>{program, "--trigger=schedule", "--job=" + kUUID, destination}));
     // Nothing from the path reached a line of its own.
-    EXPECT_EQ(std::count(service.begin(), service.end(), '\n'), 9);
+    EXPECT_EQ(std::count(service.begin(), service.end(), '\n'), 8);
     EXPECT_EQ(service.find("\nExecStartPre"), std::string::npos);
-    // The start-up check, run as systemd runs it: a drive that is not there skips the run.
-    std::vector<std::string> condition = commandWords(service, "ExecCondition");
-    ASSERT_EQ(condition.size(), 3u);
-    EXPECT_EQ(condition.back(), destination);
-    EXPECT_EQ(runProcess(condition, {}).exitStatus, 1);
-    makeDirs(destination);
-    EXPECT_EQ(runProcess(condition, {}).exitStatus, 0);
+    // A drive that is not there is the run's to record: nothing keeps the backup from starting.
+    EXPECT_EQ(service.find("ExecCondition"), std::string::npos);
     EXPECT_NE(timer.find("OnCalendar=Wed *-*-* 14:00:00\nPersistent=true\n"), std::string::npos);
 
     // The monthly verification: its own units beside the backup's.
     ASSERT_TRUE(manager.writeVerifyJob(kUUID, destination, &error)) << error;
     const std::string verifyLabel = kLabel + "-verify";
-    EXPECT_EQ(commandWords(readFile(dir / ("units/" + verifyLabel + ".service")), "ExecStart"),
-              (std::vector<std::string>{program, "verify", destination}));
+    const std::string verifyService = readFile(dir / ("units/" + verifyLabel + ".service"));
+    EXPECT_EQ(commandWords(verifyService, "ExecStart"), (std::vector<std::string>{program, "verify", destination}));
+    // Its start-up check, run as systemd runs it: a drive that is not there skips the verification.
+    std::vector<std::string> condition = commandWords(verifyService, "ExecCondition");
+    ASSERT_EQ(condition.size(), 3u);
+    EXPECT_EQ(condition.back(), destination);
+    EXPECT_EQ(runProcess(condition, {}).exitStatus, 1);
+    makeDirs(destination);
+    EXPECT_EQ(runProcess(condition, {}).exitStatus, 0);
     EXPECT_NE(readFile(dir / ("units/" + verifyLabel + ".timer")).find("OnCalendar=monthly\nPersistent=true\n"),
               std::string::npos);
 
+    // The check for overdue backups comes with the first job and starts this very program too.
+    const std::string check = "com.quillmarsh.ferrovane-check-overdue";
+    EXPECT_EQ(commandWords(readFile(dir / ("units/" + check + ".service")), "ExecStart"),
+              (std::vector<std::string>{program, "check-overdue"}));
+
     std::vector<std::string> verify{"verify"};
     if (getuid() != 0) verify.push_back("--user");
-    for (const std::string& label : {kLabel, verifyLabel}) {
+    for (const std::string& label : {kLabel, verifyLabel, check}) {
         verify.push_back(dir / ("units/" + label + ".service"));
         verify.push_back(dir / ("units/" + label + ".timer"));
     }
@@ -183,12 +169,25 @@ TEST(LaunchAgentManager, ListCleanAndRemoveTouchOnlyThisProgramsJobs) {
     ASSERT_TRUE(manager.writeJob(other, "/backups/b", {1, 0, -1}));
     ASSERT_TRUE(manager.writeVerifyJob(kUUID, "/backups/a"));
     ASSERT_TRUE(manager.writeVerifyJob(other, "/backups/b"));
+    ASSERT_TRUE(manager.writeConnectJob(other, dir.path()));
     writeFile(units + "/other-program.timer", "");
     writeFile(units + "/com.quillmarsh.ferrovane.notes.txt", "");
     EXPECT_EQ(manager.jobIdentifiers(), (std::vector<std::string>{kUUID, other}));
     EXPECT_EQ(readFile(units + "/" + kLabel + ".service")
-                  .rfind("[Unit]\nDescription=Ferrovane scheduled backup to /backups/a\nRequiresMountsFor=/backups/a\n", 0),
+                  .rfind("[Unit]\nDescription=Ferrovane scheduled backup to /backups/a\nRequiresMountsFor=\"/backups/a\"\n", 0),
               0u);
+
+    // The check for overdue backups came with the jobs; once enabled it is left alone, and it
+    // stays while any job does.
+    const std::string check = units + "/com.quillmarsh.ferrovane-check-overdue";
+    const auto enableCheck = systemctl({"enable", "--now", "com.quillmarsh.ferrovane-check-overdue.timer"});
+    auto enablesCheck = [&] { return std::count(runner->calls.begin(), runner->calls.end(), enableCheck); };
+    EXPECT_GT(enablesCheck(), 0);
+    makeDirs(units + "/timers.target.wants");
+    writeFile(units + "/timers.target.wants/com.quillmarsh.ferrovane-check-overdue.timer", "");
+    runner->calls.clear();
+    ASSERT_TRUE(manager.writeJob(other, "/backups/b", {2, 0, -1}));
+    EXPECT_EQ(enablesCheck(), 0);
 
     runner->calls.clear();
     manager.cleanJobsWithoutIDs({kUUID});
@@ -198,28 +197,110 @@ TEST(LaunchAgentManager, ListCleanAndRemoveTouchOnlyThisProgramsJobs) {
     EXPECT_EQ(runner->calls.back(), systemctl({"daemon-reload"}));
 
     EXPECT_FALSE(exists(units + "/com.quillmarsh.ferrovane." + other + "-verify.timer"));
+    EXPECT_FALSE(exists(units + "/com.quillmarsh.ferrovane." + other + "-connect.path"));
     manager.removeJob(kUUID);
     EXPECT_FALSE(exists(units + "/" + kLabel + ".service"));
     EXPECT_FALSE(exists(units + "/" + kLabel + ".timer"));
     EXPECT_EQ(manager.jobIdentifiers(), (std::vector<std::string>{kUUID}));
+    EXPECT_TRUE(exists(check + ".timer"));
     manager.removeJob(kUUID, FVJobKind::Verify);
     EXPECT_EQ(manager.jobIdentifiers(), (std::vector<std::string>{}));
+    EXPECT_FALSE(exists(check + ".service"));
+    EXPECT_FALSE(exists(check + ".timer"));
     runner->calls.clear();
     manager.removeJob(kUUID);  // nothing there: nothing run
     EXPECT_TRUE(runner->calls.empty());
 }
 
+// The job for a connected disk, read back by systemd itself: the path it waits for, the mount its
+// service is bound to and the mounts both calendar and disk runs wait for are exactly the
+// destination's, blanks, quotes and specifiers included.
+TEST(LaunchAgentManager, ConnectJobWaitsForTheConfigurationAndRunsOncePerMount) {
+    for (const std::string& mountPoint : {std::string("/"), std::string("/media/me/My Disk-2"),
+                                          std::string("/mnt/.hidden/a\\b_c:d%e\xc3\xa9//")}) {
+        ProcessResult escaped = runProcess({"/usr/bin/systemd-escape", "--path", "--suffix=mount", mountPoint});
+        EXPECT_EQ(FVLaunchAgentManager::mountUnitName(mountPoint) + "\n", escaped.out) << mountPoint;
+    }
+
+    TempDir dir, runtime;
+    const std::string units = dir / "units";
+    auto runner = std::make_shared<RecordingRunner>();
+    const std::string program = executableAt(dir / "ferrovane");
+    FVLaunchAgentManager manager(runner, FVJobFormat::Systemd, units, program);
+    const std::string destination = dir.path() + "/my \"backup\" 'disk'\\50% $HOME\t;\xc3\xa9 ";
+    std::string error;
+    EXPECT_FALSE(manager.writeConnectJob(kUUID, destination, &error));  // not there: no mount to bind to
+    EXPECT_NE(error.find("is not mounted"), std::string::npos) << error;
+    makeDirs(destination);
+    ASSERT_TRUE(manager.writeConnectJob(kUUID, destination, &error)) << error;
+    ASSERT_TRUE(manager.writeJob(kUUID, destination, {14, 0, -1}, &error)) << error;
+    const std::string label = kLabel + "-connect";
+    EXPECT_EQ(runner->calls.at(3), systemctl({"enable", "--now", label + ".path"}));
+    EXPECT_EQ(runner->calls.at(4), systemctl({"enable", label + ".service"}));
+    EXPECT_EQ(manager.jobIdentifiers(), std::vector<std::string>{kUUID});
+    EXPECT_TRUE(manager.isJobPresent(kUUID, FVJobKind::Connect));
+    EXPECT_FALSE(manager.isJobEnabled(kUUID, FVJobKind::Connect));
+
+    const std::string service = readFile(units + "/" + label + ".service");
+    EXPECT_EQ(commandWords(service, "ExecStart"),
+              (std::vector<std::string>{program, "--trigger=connect", "--job=" + kUUID, destination}));
+    // One run per connection: the service stays active after its run, whatever its exit status.
+    EXPECT_EQ(unitValue(service, "ExecStart").rfind("-:", 0), 0u);
+    EXPECT_EQ(unitValue(service, "RemainAfterExit"), "yes");
+    const std::string mount = FVLaunchAgentManager::mountUnitName(FVMountTable::mountPointOfPath(dir.path()));
+    EXPECT_EQ(unitValue(service, "BindsTo"), mount);
+    // The mount starts it too: a disk mounted on a folder that exists shows no file appearing.
+    EXPECT_EQ(unitValue(service, "WantedBy"), mount);
+    // Offline nothing knows the mounts; a unit file stands in for the one the service manager has.
+    if (mount != "-.mount")
+        writeFile(units + "/" + mount, "[Mount]\nWhat=none\nWhere=" + FVMountTable::mountPointOfPath(dir.path()) + "\n");
+
+    std::vector<std::string> verify{"verify"};
+    if (getuid() != 0) verify.push_back("--user");
+    for (const char* file : {"-connect.service", "-connect.path", ".service", ".timer"}) verify.push_back(units + "/" + kLabel + file);
+    ProcessResult checked = analyze(verify, runtime);
+    EXPECT_EQ(checked.exitStatus, 0) << checked.err;
+    EXPECT_EQ(checked.err, "");
+
+    // What systemd's own parser makes of the files, from a test run of a user service manager
+    // (which refuses to run as root).
+    if (!exists("/lib/systemd/systemd")) GTEST_SKIP() << "no systemd to read the units back";
+    chmod(dir.path().c_str(), 0755);
+    chmod(runtime.path().c_str(), 0777);
+    auto dump = [&](const std::string& unit) {
+        std::vector<std::string> argv{"/lib/systemd/systemd", "--test", "--user", "--no-pager", "--unit=" + unit};
+        if (getuid() == 0) argv.insert(argv.begin(), {"/usr/sbin/runuser", "-u", "nobody", "--"});
+        std::string out = runProcess(argv, {{"XDG_RUNTIME_DIR", runtime.path()}, {"HOME", runtime.path()},
+                                            {"SYSTEMD_UNIT_PATH", units + ":"}}).out;
+        size_t start = out.find("-> Unit " + unit + ":\n");
+        return start == std::string::npos ? out : out.substr(start, out.find("-> Unit ", start + 1) - start);
+    };
+    const std::string path = dump(label + ".path");
+    EXPECT_NE(path.find("\tPathExists: " + FVConfigurationFile::formattedPath(destination) + "\n"), std::string::npos) << path;
+    EXPECT_NE(path.find("\tUnit: " + label + ".service\n"), std::string::npos) << path;
+    for (const std::string& unit : {label + ".service", kLabel + ".service"}) {
+        const std::string dumped = dump(unit);
+        EXPECT_NE(dumped.find("\tRequiresMountsFor: " + destination + " (origin-file)\n"), std::string::npos) << dumped;
+    }
+    EXPECT_NE(dump(label + ".service").find("\tBindsTo: " + mount + " (origin-file)\n"), std::string::npos);
+
+    // A path no unit line can carry is refused before anything is written.
+    makeDirs(dir / "two\nlines");
+    EXPECT_FALSE(manager.writeConnectJob(kUUID, dir / "two\nlines", &error));
+    EXPECT_NE(error.find("cannot watch"), std::string::npos) << error;
+}
+
 TEST(LaunchAgentManager, LaunchdJobsHaveTheThreeKeysAndUseLaunchctl) {
-    PlistDict daily = FVLaunchAgentManager::launchdJob(kLabel, "/Applications/Ferrovane", "/Volumes/B", {14, 0, -1});
+    PlistDict daily = FVLaunchAgentManager::launchdJob(kUUID, "/Applications/Ferrovane", "/Volumes/B", {14, 0, -1});
     EXPECT_EQ(daily.size(), 3u);
     EXPECT_EQ(daily.stringValue("Label"), kLabel);
     const PlistArray& arguments = **daily.find("ProgramArguments")->array();
-    EXPECT_EQ(arguments, (PlistArray{"/Applications/Ferrovane", "/Volumes/B"}));
+    EXPECT_EQ(arguments, (PlistArray{"/Applications/Ferrovane", "--trigger=schedule", "--job=" + kUUID, "/Volumes/B"}));
     const PlistDict& interval = **daily.find("StartCalendarInterval")->dict();
     EXPECT_EQ(interval.size(), 2u);
     EXPECT_EQ(interval.integerValue("Hour"), 14);
     EXPECT_FALSE(interval.contains("Weekday"));
-    PlistDict weekly = FVLaunchAgentManager::launchdJob(kLabel, "/x", "/y", {std::nullopt, 5, 3});
+    PlistDict weekly = FVLaunchAgentManager::launchdJob(kUUID, "/x", "/y", {std::nullopt, 5, 3});
     const PlistDict& weeklyInterval = **weekly.find("StartCalendarInterval")->dict();
     EXPECT_EQ(weeklyInterval.size(), 2u);
     EXPECT_EQ(weeklyInterval.integerValue("Weekday"), 3);
@@ -235,6 +316,9 @@ TEST(LaunchAgentManager, LaunchdJobsHaveTheThreeKeysAndUseLaunchctl) {
     EXPECT_EQ(runner->calls, (std::vector<std::vector<std::string>>{{"/bin/launchctl", "unload", path},
                                                                     {"/bin/launchctl", "load", path}}));
     EXPECT_EQ(manager.jobIdentifiers(), std::vector<std::string>{kUUID});
+    std::string error;
+    EXPECT_FALSE(manager.writeConnectJob(kUUID, "/y", &error));
+    EXPECT_NE(error.find("needs systemd"), std::string::npos);
 }
 
 // Defaults and their order are checked with the configuration file; daily schedules, the UUID

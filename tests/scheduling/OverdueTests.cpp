@@ -1,8 +1,12 @@
-// The status kept per destination outside it, when a scheduled destination is overdue, and how its
-// schedule is shown.
+// The status kept per destination outside it, the last good run a destination shows, when a
+// scheduled destination is overdue, and how its schedule is shown.
 
+#include "engine/FVAdditions.h"
+#include "engine/FVRunRecords.h"
+#include "manifest/FVManifestWriter.h"
 #include "scheduling/FVJobStatus.h"
 #include "scheduling/FVOverdueCheck.h"
+#include "scheduling/FVOverdueState.h"
 #include "scheduling/FVScheduleSummary.h"
 #include "support/TempDir.h"
 
@@ -77,6 +81,38 @@ TEST(OverdueCheck, OnlyScheduledDestinationsPastTheLimitAreToldWithTheReason) {
     ASSERT_TRUE(notice);
     EXPECT_EQ(notice->text(), "No backup to /d has succeeded yet: the last run failed: Could not read configuration.");
     EXPECT_FALSE(FVOverdueCheck::evaluate(connected, "/d", FVJobStatus{}, 0, kNow));
+}
+
+TEST(OverdueState, TheLastGoodRunIsTheNewestCleanCompleteRecordElseTheLeastRecentlyBackedUpSource) {
+    TempDir dir;
+    FVConfiguration configuration;
+    auto item = [&](const char* path, FVSourceMode mode, std::optional<std::time_t> lastBackup) {
+        FVSourceItemPtr made = FVSourceItem::make(path, mode);
+        if (lastBackup) made->setValue(FVSourceKey::lastBackupDate, PlistDate{static_cast<double>(*lastBackup)});
+        configuration.sources.push_back(made);
+    };
+    item("/home/me/a", FVSourceMode::Backup, kNow - 5 * kDay);
+    item("/home/me/b", FVSourceMode::Backup, kNow - 2 * kDay);
+    item("/home/me/old", FVSourceMode::Disabled, kNow - 90 * kDay);
+    EXPECT_EQ(FVOverdueState::lastGoodRunAt(dir.path(), configuration), kNow - 5 * kDay);
+    item("/home/me/new", FVSourceMode::Backup, std::nullopt);
+    EXPECT_EQ(FVOverdueState::lastGoodRunAt(dir.path(), configuration), 0) << "a source never backed up";
+
+    // With records, only a complete run without errors counts; the sources' dates no longer do.
+    auto record = [&](std::time_t at, FVManifestOutcome outcome, uint64_t errors) {
+        std::string problem;
+        auto writer = FVManifestWriter::create(FVRunRecords(dir.path()).folder(),
+                                               {0, FVDate::archiveStamp(at), 0, "test", {}, true}, &problem);
+        ASSERT_TRUE(writer) << problem;
+        FVManifestSummary summary;
+        summary.outcome = outcome;
+        summary.errors = errors;
+        ASSERT_TRUE(writer->finish(summary, &problem)) << problem;
+    };
+    record(kNow - 9 * kDay, FVManifestOutcome::Complete, 0);
+    record(kNow - 3 * kDay, FVManifestOutcome::Complete, 2);
+    record(kNow - kDay, FVManifestOutcome::Stopped, 0);
+    EXPECT_EQ(FVOverdueState::lastGoodRunAt(dir.path(), configuration), kNow - 9 * kDay);
 }
 
 TEST(ScheduleSummary, SaysWhenRunsStartAndWhenTheNextIsDue) {
