@@ -152,8 +152,9 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
         std::printf("Sync stopped before copying: not enough room.\n");
         std::fflush(stdout);
         FVUserNotification notification{"Sync stopped: not enough room on " + FVText::lastPathComponent(destinationPath_),
-                                        "", errors.empty() ? "" : errors.front(), true, true};
+                                        "", session.refusal(), true, true};
         notify(notification, false);
+        recordAttempt(FVJobOutcome::NoSpace, session.refusal());
         runLoop_.stop(1);
         return;
     }

@@ -73,6 +73,8 @@ public:
     // The run stopped before copying because it did not fit on the destination, nobody stopped
     // it; its one message is in errorMessages(). Read once the session has ended.
     bool stoppedForSpace() const { return stoppedForSpace_.load(); }
+    // Why the run ended before it touched anything (also among errorMessages()); empty otherwise.
+    const std::string& refusal() const { return refusal_; }
     // What the window and the command line say of a finished run: the files it changed, and
     // "Changed: 1.5% Duration: 3 seconds" (the share of the enabled items' files).
     int32_t updatedFileCount() const;
