@@ -17,6 +17,8 @@ FVRunPlanner::FVRunPlanner(const FVRunSettings& settings, std::vector<std::strin
     : settings_(settings), excludedFiles_(std::move(excludedFiles)), status_(status) {
     settings_.dryRun = true;
     settings_.reportPlannedChange = nullptr;
+    // A destination inside a source is no part of what the run writes.
+    settings_.identifyDestination();
 }
 
 uint64_t FVRunPlanner::bytesToWrite(const std::vector<std::string>& sources) {

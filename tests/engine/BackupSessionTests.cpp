@@ -221,9 +221,7 @@ TEST_F(BackupSessionTest, ARunThatCannotFitStopsBeforeCopyingAndACancelWhileItLo
     const std::vector<std::string> errors = session.errorMessages();
     ASSERT_EQ(errors.size(), 1u);
     EXPECT_EQ(errors[0].rfind("Not enough room on " + (dir / "dest") + ": this run writes ", 0), 0u) << errors[0];
-    EXPECT_EQ(session.syncingBackup(), nullptr);
     EXPECT_TRUE(std::filesystem::is_empty(dir / "dest"));
-    EXPECT_FALSE(set[0]->value("lastBackupDate").has_value());
 
     FVBackupSession cancelled;
     Recorder stopper;

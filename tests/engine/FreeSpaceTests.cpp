@@ -1,15 +1,25 @@
-// The free-space rule: the reserve and the budget a run may write, its one message, and which
-// archived runs go first when room is made.
+// The free-space rule: the reserve and the budget a run may write, its one message, what a run
+// would write, and which archived runs go first when room is made.
 
 #include "engine/FVOldestRunPurge.h"
+#include "engine/FVRunPlanner.h"
 #include "engine/FVSpaceBudget.h"
+#include "support/TempDir.h"
+
+#include "engine/FVConfigurationFile.h"
 
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <filesystem>
 
 #include <random>
 #include <sstream>
 
 using namespace ferrovane;
+using namespace ferrovane::test;
 
 namespace {
 
@@ -102,6 +112,39 @@ TEST(SpaceBudget, TheMessageSaysWhatIsNeededWhatIsFreeAndWhatHelps) {
     EXPECT_EQ(beyond, "Not enough room on /media/disk: this run writes 66.0 MB, 38.0 MB is free. Free space on the "
                       "disk, let runs purge the oldest archived runs (ferrovane config /media/disk set "
                       "purgeOldestForSpace yes), or back up less.");
+}
+
+// New and changed files count whole, in blocks; what is current counts nothing, and neither does
+// the destination where it lies inside the source.
+TEST(RunPlanner, CountsWhatTheRunWouldWriteAndNotTheDestinationInsideItsSource) {
+    TempDir dir;
+    const std::string source = dir / "data", destination = source + "/backup";
+    makeDirs(destination);
+    writeFile(source + "/same", "unchanged");
+    writeFile(source + "/changed", "old");
+    PlistDict defaults;
+    FVConfigurationFile::applyDefaultOptions(defaults);
+    FVRunSettings settings;
+    settings.targetPath = destination;
+    settings.options = FVOptionTable::read(defaults).options;
+    FVRunStatus status(false, [] {});
+    status.setQuiet(true);
+    FVRunPlanner planner(settings, {}, status);
+    EXPECT_GT(planner.bytesToWrite({source}), 0u);
+    // The mirror as a finished run leaves it, with the destination's own copy inside it.
+    makeDirs(destination + "/data/backup");
+    writeFile(destination + "/data/backup/big", std::string(1 << 20, 'b'));
+    for (const char* name : {"same", "changed", "backup"}) {
+        if (std::string(name) != "backup") std::filesystem::copy(source + "/" + name, destination + "/data/" + name);
+        struct stat st {};
+        stat((source + "/" + name).c_str(), &st);
+        const timespec times[2] = {st.st_atim, st.st_mtim};
+        utimensat(AT_FDCWD, (destination + "/data/" + name).c_str(), times, 0);
+    }
+    utimensat(AT_FDCWD, (destination + "/data").c_str(), nullptr, 0);
+    writeFile(source + "/changed", "new and longer");
+    writeFile(source + "/new", std::string(5000, 'n'));
+    EXPECT_EQ(planner.bytesToWrite({source}), 4096u + 8192u);
 }
 
 TEST(OldestRunPurge, TheOldestStampGoesFirstAndWhatTheNewestNeedsStays) {
