@@ -147,6 +147,17 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
     std::vector<std::string> errors = session.errorMessages();
     if (!errors.empty()) printErrors(errors);
     progress_.finish();
+    // Nobody stopped this run: the destination is too full for it; told apart by its status.
+    if (session.stoppedForSpace()) {
+        std::printf("Sync stopped before copying: not enough room.\n");
+        std::fflush(stdout);
+        FVUserNotification notification{"Sync stopped: not enough room on " + FVText::lastPathComponent(destinationPath_),
+                                        "", session.refusal(), true, true};
+        notify(notification, false);
+        recordAttempt(FVJobOutcome::NoSpace, session.refusal());
+        runLoop_.stop(1);
+        return;
+    }
     std::printf("Sync canceled.\n");
     std::fflush(stdout);
     notify({"Sync canceled: " + FVText::lastPathComponent(destinationPath_), "", "", true}, false);

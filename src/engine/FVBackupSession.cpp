@@ -10,6 +10,7 @@
 #include "fs/FVDestinationProbe.h"
 #include "engine/FVVersionCatalog.h"
 #include "fs/FVText.h"
+#include "fs/FVTestHook.h"
 #include "platform/FVSystemLog.h"
 
 #include <fmt/format.h>
@@ -59,6 +60,7 @@ FVBackupSession::~FVBackupSession() {
         if (driver_.get_id() == std::this_thread::get_id()) driver_.detach();
         else driver_.join();
     }
+    job_.store(nullptr);
     syncingBackup_.reset();
 }
 
@@ -114,19 +116,61 @@ void FVBackupSession::start() {
         settings.reportPlannedChange = [this](const std::string& line) {
             if (delegate_) delegate_->backupSessionWouldChange(*this, line);
         };
-    syncingBackup_ = std::make_unique<FVSyncingBackup>(std::move(settings), excludePaths_, [this] { progressStep(); });
-    if (!probe.problem().empty())
-        FVLog::currentLog().addLogLine(fmt::format(
-            "NOTE: The destination could not be probed ({}); assuming what its type can hold.", probe.problem()));
+    runSettings_ = std::move(settings);
+    probeProblem_ = probe.problem();
     currentItemIndex_ = 0;
-    driver_ = std::thread([this] { run(); });
+    planningStatus_.setQuiet(true);
+    room_ = std::make_unique<FVRoomForRun>(runSettings_, excludePaths_, planningStatus_, runSettings_.reportPlannedChange);
+    if (room_->fitsWhateverItWrites()) {
+        FVTestHook::reach("space-checked", destinationPath_);
+        beginJob();
+        driver_ = std::thread([this] { run(); });
+        return;
+    }
+    // The look ahead walks the sources: on the run's thread.
+    driver_ = std::thread([this] {
+        if (!makeRoom()) return;
+        beginJob();
+        run();
+    });
+}
+
+void FVBackupSession::beginJob() {
+    syncingBackup_ = std::make_unique<FVSyncingBackup>(runSettings_, excludePaths_, [this] { progressStep(); });
+    job_.store(syncingBackup_.get());
+    // A cancel that came while the job did not exist yet.
+    if (cancelRequested_.load()) syncingBackup_->cancelUpdate();
+    if (!probeProblem_.empty())
+        FVLog::currentLog().addLogLine(fmt::format(
+            "NOTE: The destination could not be probed ({}); assuming what its type can hold.", probeProblem_));
+}
+
+bool FVBackupSession::makeRoom() {
+    FVLog::currentLog().newLog();
+    setTaskDescription(FVStrings::localized("progresscheckingspace"));
+    progressStep();
+    FVRoomVerdict verdict = room_->make();
+    roomWarnings_ = std::move(verdict.warnings);
+    roomNotes_ = std::move(verdict.notes);
+    if (cancelRequested_.load()) {
+        cancelBeforeCopying();
+        return false;
+    }
+    if (!verdict.fits) {
+        stopForSpace(verdict.problem);
+        return false;
+    }
+    FVTestHook::reach("space-checked", destinationPath_);
+    return true;
 }
 
 void FVBackupSession::cancel() {
     FVLog::currentLog().addLogLine("User canceled sync...");
     setTaskDescription(FVStrings::localized("Cancelling"));
     progressStep();
-    if (syncingBackup_) syncingBackup_->cancelUpdate();
+    cancelRequested_.store(true);
+    planningStatus_.cancel();
+    if (FVSyncingBackup* job = job_.load()) job->cancelUpdate();
 }
 
 void FVBackupSession::run() {
@@ -161,7 +205,8 @@ void FVBackupSession::recordResults(FVSourceItem& item) const {
 float FVBackupSession::progressPercent() const {
     float n = static_cast<float>(sessionTaskCount_);
     float i = static_cast<float>(currentItemIndex_.load());
-    float s = syncingBackup_ ? syncingBackup_->progressStatus() : 0.0f;
+    FVSyncingBackup* job = syncingBackup();
+    float s = job ? job->progressStatus() : 0.0f;
     return i * 100.0f / n + s / n;
 }
 
@@ -197,6 +242,28 @@ void FVBackupSession::refuse(const std::string& problem) {
     if (delegate_) delegate_->backupSessionDidCancel(*this);
 }
 
+void FVBackupSession::stopForSpace(const std::string& problem) {
+    refusal_ = problem;
+    stoppedForSpace_.store(true);
+    FVLog& log = FVLog::currentLog();
+    log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
+    log.addLogLine("ERROR: " + problem);
+    log.addLogLine("Sync stopped before copying: not enough room.\n");
+    log.closeLog();
+    setTaskDescription("Stopped before copying: not enough room.");
+    sleepInhibitor_.release();
+    if (delegate_) delegate_->backupSessionDidCancel(*this);
+}
+
+void FVBackupSession::cancelBeforeCopying() {
+    FVLog::currentLog().addLogLine("Sync cancelled before copying.\n");
+    FVLog::currentLog().closeLog();
+    setTaskDescription("Cancelled.");
+    progressStep();
+    sleepInhibitor_.release();
+    if (delegate_) delegate_->backupSessionDidCancel(*this);
+}
+
 void FVBackupSession::didCancel() {
     syncingBackup_->flushDestination();
     syncingBackup_->finishRecord(true);
@@ -211,23 +278,28 @@ void FVBackupSession::didCancel() {
 std::vector<std::string> FVBackupSession::errorMessages() const {
     std::vector<std::string> errors = configurationProblems_;
     if (!refusal_.empty()) errors.push_back(refusal_);
-    if (syncingBackup_) {
-        std::vector<std::string> job = syncingBackup_->errorMessages();
-        errors.insert(errors.end(), job.begin(), job.end());
+    errors.insert(errors.end(), roomWarnings_.begin(), roomWarnings_.end());
+    if (FVSyncingBackup* job = syncingBackup()) {
+        std::vector<std::string> jobErrors = job->errorMessages();
+        errors.insert(errors.end(), jobErrors.begin(), jobErrors.end());
     }
     return errors;
 }
 
 std::vector<std::string> FVBackupSession::warnings() const {
-    return syncingBackup_ ? syncingBackup_->warnings() : std::vector<std::string>();
+    FVSyncingBackup* job = syncingBackup();
+    return job ? job->warnings() : std::vector<std::string>();
 }
 
 std::vector<std::string> FVBackupSession::notes() const {
-    return syncingBackup_ ? syncingBackup_->notes() : std::vector<std::string>();
+    std::vector<std::string> notes = roomNotes_;
+    if (FVSyncingBackup* job = syncingBackup()) notes.insert(notes.end(), job->notes().begin(), job->notes().end());
+    return notes;
 }
 
 uint64_t FVBackupSession::sessionTotalBytesCopied() const {
-    auto worker = syncingBackup_ ? syncingBackup_->backupCopyWorker() : nullptr;
+    FVSyncingBackup* job = syncingBackup();
+    auto worker = job ? job->backupCopyWorker() : nullptr;
     return worker ? worker->totalBytesCopied() : 0;
 }
 
@@ -247,7 +319,7 @@ double FVBackupSession::changedPercent() const {
 
 std::string FVBackupSession::finishedSummary() const {
     return fmt::format("Changed: {:.1f}% Duration: {}", changedPercent(),
-                       syncingBackup_ ? syncingBackup_->currentDurationString() : "");
+                       syncingBackup() ? syncingBackup()->currentDurationString() : "");
 }
 
 }  // namespace ferrovane

@@ -1,9 +1,12 @@
 #pragma once
-// One whole backup of a destination: every enabled source item in list order, then the cleanup
-// of what vanished, then the purge of old archives; with session-wide progress, cancellation,
+// One whole backup of a destination: the free-space rule before anything is touched, every
+// enabled source item in list order, then the cleanup of what vanished, then the purge of old
+// archives; with session-wide progress, cancellation,
 // sleep prevention, and the per-item results written into the shared items.
 
 #include "engine/FVOptions.h"
+#include "engine/FVRoomForRun.h"
+#include "engine/FVRunStatus.h"
 #include "engine/FVSourceItem.h"
 #include "engine/FVSyncingBackup.h"
 #include "platform/FVSleepInhibitor.h"
@@ -65,7 +68,13 @@ public:
     std::string currentTaskDescription() const;
     bool shouldPerformCleanup() const { return shouldPerformCleanup_; }
     uint64_t sessionTaskCount() const { return sessionTaskCount_; }
-    FVSyncingBackup* syncingBackup() const { return syncingBackup_.get(); }
+    // Nothing until the run has passed the free-space rule.
+    FVSyncingBackup* syncingBackup() const { return job_.load(); }
+    // The run stopped before copying because it did not fit on the destination, nobody stopped
+    // it; its one message is in errorMessages(). Read once the session has ended.
+    bool stoppedForSpace() const { return stoppedForSpace_.load(); }
+    // Why the run ended before it touched anything (also among errorMessages()); empty otherwise.
+    const std::string& refusal() const { return refusal_; }
     // What the window and the command line say of a finished run: the files it changed, and
     // "Changed: 1.5% Duration: 3 seconds" (the share of the enabled items' files).
     int32_t updatedFileCount() const;
@@ -80,6 +89,12 @@ private:
     void didCancel();
     // Ends the run before it touches anything: the problem goes to the log and the errors.
     void refuse(const std::string& problem);
+    // The look ahead of a run that may not fit, and the purge it allows; false when the run ended.
+    bool makeRoom();
+    void stopForSpace(const std::string& problem);
+    void cancelBeforeCopying();
+    // Creates the sync job; from here on the run writes.
+    void beginJob();
     void setTaskDescription(std::string text);
     void progressStep();
 
@@ -92,6 +107,16 @@ private:
     std::vector<std::string> excludePaths_;
     std::vector<FVSourceItemPtr> enabledItems_;
     bool dryRun_ = false;
+    FVRunSettings runSettings_;
+    std::string probeProblem_;
+
+    // The free-space rule, with the quiet status of its look ahead.
+    FVRunStatus planningStatus_{false, [] {}};
+    std::unique_ptr<FVRoomForRun> room_;
+    std::vector<std::string> roomWarnings_;
+    std::vector<std::string> roomNotes_;
+    std::atomic<bool> stoppedForSpace_{false};
+    std::atomic<bool> cancelRequested_{false};
 
     bool shouldPerformCleanup_ = false;
     uint64_t sessionTaskCount_ = 0;
@@ -103,6 +128,8 @@ private:
 
     FVSleepInhibitor sleepInhibitor_;
     std::unique_ptr<FVSyncingBackup> syncingBackup_;
+    // The job for the front ends' threads, published once it exists.
+    std::atomic<FVSyncingBackup*> job_{nullptr};
     std::thread driver_;
 };
 

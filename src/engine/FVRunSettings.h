@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 namespace ferrovane {
@@ -31,6 +32,13 @@ struct FVRunSettings {
     // The destination folder itself, so that a walk never descends into it from a source.
     dev_t destinationDevice = 0;
     ino_t destinationInode = 0;
+    void identifyDestination() {
+        struct stat destination {};
+        if (stat(targetPath.c_str(), &destination) == 0) {
+            destinationDevice = destination.st_dev;
+            destinationInode = destination.st_ino;
+        }
+    }
     // What the destination file system can hold, probed before the run touches anything.
     FVDestinationProfile destinationProfile;
 

@@ -10,7 +10,9 @@ namespace ferrovane {
 FVRunStatus::FVRunStatus(bool verboseLogging, std::function<void()> progressChanged)
     : verboseLogging_(verboseLogging), progressChanged_(std::move(progressChanged)) {}
 
-void FVRunStatus::log(const std::string& line) const { FVLog::currentLog().addLogLine(line); }
+void FVRunStatus::log(const std::string& line) const {
+    if (!quiet_) FVLog::currentLog().addLogLine(line);
+}
 
 void FVRunStatus::planned(const std::string& line) const {
     log(line);

@@ -23,6 +23,9 @@ public:
     FVRunStatus(bool verboseLogging, std::function<void()> progressChanged);
 
     void log(const std::string& line) const;
+    // A status whose lines go nowhere (a look ahead whose run logs the same lines again); set
+    // before the run's threads start.
+    void setQuiet(bool quiet) { quiet_ = quiet; }
     // A change a dry run would have made: logged and passed to the listener.
     void planned(const std::string& line) const;
     void setPlannedChangeListener(std::function<void(const std::string&)> listener) { plannedChange_ = std::move(listener); }
@@ -62,6 +65,7 @@ public:
 
 private:
     bool verboseLogging_;
+    bool quiet_ = false;
     std::function<void()> progressChanged_;
     std::function<void(const std::string&)> plannedChange_;
     std::atomic<bool> cancelled_{false};

@@ -36,11 +36,7 @@ bool isWebDAV(const std::string& fstype) {
 }
 
 FVRunSettings withDestinationIdentity(FVRunSettings settings) {
-    struct stat destination {};
-    if (stat(settings.targetPath.c_str(), &destination) == 0) {
-        settings.destinationDevice = destination.st_dev;
-        settings.destinationInode = destination.st_ino;
-    }
+    settings.identifyDestination();
     return settings;
 }
 

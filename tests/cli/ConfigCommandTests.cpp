@@ -302,6 +302,17 @@ TEST_F(ConfigCommand, TheUnitsCommandLinesRecordEveryAttempt) {
     const FVJobAttempt failed = store.read(uuid)->lastAttempt.value_or(FVJobAttempt{});
     EXPECT_EQ(failed.outcome, FVJobOutcome::Failed);
     EXPECT_NE(failed.message.find("maxThreads"), std::string::npos) << failed.message;
+
+    // A run that does not fit is told apart from a failure.
+    writeFile(source + "/b.txt", "new");
+    c.settings->set("maxThreads", int64_t{2});
+    c.settings->set("keepFreeSpace", true);
+    c.settings->set("keepFreeSpaceMB", int64_t{1} << 40);
+    ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(c.sources, *c.settings, settingsPath()));
+    EXPECT_EQ(run().exitStatus, 1);
+    const FVJobAttempt full = store.read(uuid)->lastAttempt.value_or(FVJobAttempt{});
+    EXPECT_EQ(full.outcome, FVJobOutcome::NoSpace);
+    EXPECT_EQ(full.message.rfind("Not enough room on ", 0), 0u) << full.message;
 }
 
 TEST_F(ConfigCommand, UnwritableDestinationIsRefused) {

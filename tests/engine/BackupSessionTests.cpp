@@ -209,3 +209,26 @@ TEST_F(BackupSessionTest, ADryRunReportsEachDecisionAndChangesNothing) {
                                                           "Would copy: " + source + "/f1", "Would copy: " + source + "/new",
                                                           "Would purge: " + oldArchive}));
 }
+
+TEST_F(BackupSessionTest, ARunThatCannotFitStopsBeforeCopyingAndACancelWhileItLooksAheadWritesNothing) {
+    options.keepFreeSpace = true;
+    options.keepFreeSpaceMB = int64_t{1} << 40;  // a reserve beyond any disk: the run looks ahead and cannot fit
+    auto set = items({{"one", FVSourceMode::Backup}});
+    FVBackupSession session;
+    Recorder recorder;
+    ASSERT_EQ(run(session, recorder, set), "cancelled");
+    EXPECT_TRUE(session.stoppedForSpace());
+    const std::vector<std::string> errors = session.errorMessages();
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].rfind("Not enough room on " + (dir / "dest") + ": this run writes ", 0), 0u) << errors[0];
+    EXPECT_TRUE(std::filesystem::is_empty(dir / "dest"));
+
+    FVBackupSession cancelled;
+    Recorder stopper;
+    stopper.cancelWhenTaskContains = "fits";
+    ASSERT_EQ(run(cancelled, stopper, set), "cancelled");
+    EXPECT_TRUE(stopper.cancelRequested);
+    EXPECT_FALSE(cancelled.stoppedForSpace());
+    EXPECT_TRUE(cancelled.errorMessages().empty());
+    EXPECT_TRUE(std::filesystem::is_empty(dir / "dest"));
+}

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The fault suite: crash anywhere, storage faults, escapes, hostile names, durability, signals,
 restores racing backups, the record of runs, restores of any run, a disk that comes and goes and
-retention over months of runs.
+retention over months of runs, and a disk that would fill.
 
   faults.py --executable build/release/ferrovane --tier quick|full [--seed N] [--only crash,...]
            [--results tests/faults/RESULTS.md]
@@ -35,6 +35,7 @@ import records  # noqa: E402
 import restores  # noqa: E402
 import retention  # noqa: E402
 import signals  # noqa: E402
+import space  # noqa: E402
 import storage  # noqa: E402
 from faultkit import Ferrovane, workspace  # noqa: E402
 
@@ -100,6 +101,7 @@ def main():
             "pointintime": lambda w: pointintime.run(ferrovane, w),
             "connect": lambda w: connect.run(ferrovane, w),
             "retention": lambda w: retention.run(ferrovane, w, args.tier),
+            "space": lambda w: space.run(ferrovane, w),
             "fuzz": lambda w: fuzz(args, w),
         }
         for name, suite in suites.items():

@@ -75,10 +75,25 @@ class Case:
         expect_configuration(self.destination, self.configuration)
 
 
+def fills_after_the_space_check(case, shrink):
+    """The run passes the free-space check on a roomy disk; then, before it writes, shrink() leaves
+    too little room, so that the disk fills in the middle of the run."""
+    process, hooks = held_run(case, "space-checked", os.fsencode(case.destination), case.mount + "-hooks")
+    try:
+        shrink()
+    finally:
+        hooks.release("space-checked")
+    out, err = process.communicate(timeout=120)
+    with open(case.ferrovane.env["FERROVANE_LOG_FILE"], "rb") as f:
+        log = f.read()
+    expect(process.returncode == 255 and NO_SPACE in out + err + log,
+           f"expected exit 255 with {NO_SPACE!r}, got {process.returncode}: {(out + err)[-600:]}")
+
+
 def full_at_start(case):
-    with tmpfs(case.mount, "size=2m"):
+    with tmpfs(case.mount, "size=400m"):
         case.prepare(mirror_first=False)
-        case.failed_run(NO_SPACE)
+        fills_after_the_space_check(case, lambda: expect(remount(case.mount, "size=2m"), "could not shrink"))
         expect_no_temporaries(case.destination)
         remount(case.mount, "size=400m")
         case.finish({})
@@ -89,8 +104,8 @@ def full_in_a_large_file(case):
         case.prepare(mirror_first=True)
         before = case.change_sources(removed=())
         used, _ = usage(case.mount)
-        expect(remount(case.mount, f"size={used + (8 << 20)}"), "could not shrink the file system")
-        case.failed_run(NO_SPACE)
+        fills_after_the_space_check(case, lambda: expect(remount(case.mount, f"size={used + (8 << 20)}"),
+                                                         "could not shrink the file system"))
         remount(case.mount, "size=400m")
         case.finish(before)
 

@@ -1,0 +1,210 @@
+// The free-space rule: the reserve and the budget a run may write, its one message, what a run
+// would write, and which archived runs go first when room is made.
+
+#include "engine/FVOldestRunPurge.h"
+#include "engine/FVRunPlanner.h"
+#include "engine/FVSpaceBudget.h"
+#include "support/TempDir.h"
+
+#include "engine/FVConfigurationFile.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include <random>
+#include <sstream>
+
+using namespace ferrovane;
+using namespace ferrovane::test;
+
+namespace {
+
+constexpr uint64_t MB = 1000 * 1000;
+constexpr uint64_t GiB = uint64_t{1} << 30;
+
+FVOptions reserveOptions(bool keep, int64_t megabytes) {
+    FVOptions options;
+    options.keepFreeSpace = keep;
+    options.keepFreeSpaceMB = megabytes;
+    return options;
+}
+
+// "a" archive folders, "r" an incomplete record, "rc" a complete one, e.g. "rc|a rc|a".
+std::vector<FVArchivedRun> runsOf(const std::string& text) {
+    std::vector<FVArchivedRun> runs;
+    std::stringstream parts(text);
+    std::string part;
+    while (std::getline(parts, part, '|')) {
+        FVArchivedRun run;
+        run.stamp = std::to_string(runs.size());
+        run.time = static_cast<std::time_t>(runs.size());
+        std::stringstream words(part);
+        std::string word;
+        while (words >> word) {
+            if (word == "a") run.hasChangedFolder = true;
+            if (word == "r" || word == "rc") {
+                run.record = FVRunRecord{};
+                if (word == "rc") run.record->summary = FVManifestSummary{FVManifestOutcome::Complete};
+            }
+        }
+        runs.push_back(run);
+    }
+    return runs;
+}
+
+std::string describe(const std::optional<FVRunPurgeUnit>& unit) {
+    if (!unit) return "none";
+    std::string text;
+    if (unit->recordStamp) text += "record " + *unit->recordStamp;
+    if (unit->archiveStamp) text += (text.empty() ? "" : ", ") + std::string("archives ") + *unit->archiveStamp;
+    return text;
+}
+
+}  // namespace
+
+TEST(SpaceBudget, TheReserveIsTheSettingOrTwoPercentWithinOneGibibyteAndATenth) {
+    struct Case {
+        bool keep;
+        int64_t megabytes;
+        uint64_t volume;
+        uint64_t reserve;
+    } cases[] = {
+        {false, 500, 100 * GiB, 0},
+        {true, 100, 100 * GiB, 100 * MB},
+        {true, 100, 50 * MB, 100 * MB},             // a setting is taken as it is, even above the volume
+        {true, 0, 32 * GiB, GiB},                   // 2 % is less than the floor
+        {true, 0, 2000 * GiB, 40 * GiB},            // 2 % above the floor
+        {true, 0, 5 * GiB, GiB / 2},                // the floor above a tenth: a tenth
+        {true, 0, 60 * MB, 6 * MB},                 // a small stick still takes runs
+        {true, 0, 999, 99},                         // whole bytes, rounded down
+        {true, 0, 0, 0},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(FVSpaceBudget::reserveFor(reserveOptions(c.keep, c.megabytes), c.volume), c.reserve)
+            << c.keep << " " << c.megabytes << " " << c.volume;
+    }
+    const FVSpaceBudget budget(reserveOptions(true, 10), 25 * MB, GiB);
+    EXPECT_EQ(budget.budget(), 15 * MB);
+    EXPECT_TRUE(budget.allows(15 * MB));
+    EXPECT_FALSE(budget.allows(15 * MB + 1));
+    EXPECT_TRUE(budget.afterFreeing(1).allows(15 * MB + 1));
+    EXPECT_EQ(FVSpaceBudget(reserveOptions(true, 10), 5 * MB, GiB).budget(), 0u);
+}
+
+TEST(SpaceBudget, TheMessageSaysWhatIsNeededWhatIsFreeAndWhatHelps) {
+    const std::string disk = "/media/disk";
+    // Fits below the reserve: the largest reserve that lets it through.
+    EXPECT_EQ(FVSpaceBudget(reserveOptions(true, 0), 38 * MB, 100 * GiB).shortfallMessage(disk, 6 * MB, false),
+              "Not enough room on /media/disk: this run writes 6.0 MB, 38.0 MB is free and 2.1 GB is kept free. Free "
+              "space on the disk, lower the reserve (ferrovane config /media/disk set keepFreeSpaceMB 32), or back up "
+              "less.");
+    // Less than a megabyte to spare: only without a reserve.
+    EXPECT_NE(FVSpaceBudget(reserveOptions(true, 0), 38 * MB, 100 * GiB)
+                  .shortfallMessage(disk, 37 * MB + 1, false)
+                  .find("set keepFreeSpace no"),
+              std::string::npos);
+    // More than is free: no reserve helps, a purge that is not allowed would.
+    const std::string beyond = FVSpaceBudget(reserveOptions(false, 0), 38 * MB, GiB).shortfallMessage(disk, 66 * MB, true);
+    EXPECT_EQ(beyond, "Not enough room on /media/disk: this run writes 66.0 MB, 38.0 MB is free. Free space on the "
+                      "disk, let runs purge the oldest archived runs (ferrovane config /media/disk set "
+                      "purgeOldestForSpace yes), or back up less.");
+}
+
+// New and changed files count whole, in blocks; what is current counts nothing, and neither does
+// the destination where it lies inside the source.
+TEST(RunPlanner, CountsWhatTheRunWouldWriteAndNotTheDestinationInsideItsSource) {
+    TempDir dir;
+    const std::string source = dir / "data", destination = source + "/backup";
+    makeDirs(destination);
+    writeFile(source + "/same", "unchanged");
+    writeFile(source + "/changed", "old");
+    PlistDict defaults;
+    FVConfigurationFile::applyDefaultOptions(defaults);
+    FVRunSettings settings;
+    settings.targetPath = destination;
+    settings.options = FVOptionTable::read(defaults).options;
+    FVRunStatus status(false, [] {});
+    status.setQuiet(true);
+    FVRunPlanner planner(settings, {}, status);
+    EXPECT_GT(planner.bytesToWrite({source}), 0u);
+    // The mirror as a finished run leaves it, with the destination's own copy inside it.
+    makeDirs(destination + "/data/backup");
+    writeFile(destination + "/data/backup/big", std::string(1 << 20, 'b'));
+    std::filesystem::copy(source + "/same", destination + "/data/same");
+    std::filesystem::copy(source + "/changed", destination + "/data/changed");
+    writeFile(source + "/changed", "new and longer");
+    writeFile(source + "/new", std::string(5000, 'n'));
+    for (const char* name : {"", "same", "backup"}) {
+        struct stat st {};
+        stat((source + "/" + name).c_str(), &st);
+        const timespec times[2] = {st.st_atim, st.st_mtim};
+        utimensat(AT_FDCWD, (destination + "/data/" + name).c_str(), times, 0);
+    }
+    EXPECT_EQ(planner.bytesToWrite({source}), 4096u + 8192u);
+}
+
+TEST(OldestRunPurge, TheOldestStampGoesFirstAndWhatTheNewestNeedsStays) {
+    struct Case {
+        const char* runs;
+        const char* next;
+    } cases[] = {
+        {"", "none"},
+        {"a rc", "none"},                                  // the newest run keeps its archives
+        {"a|a", "archives 0"},
+        {"a rc|rc", "archives 0"},
+        {"rc|a rc|a rc", "record 0, archives 1"},          // the record and the versions only it needed
+        {"r|a r|rc", "record 0, archives 1"},
+        {"rc|rc|a rc", "record 0"},
+        {"r|a", "record 0"},                               // the next archives are the newest run's
+        {"rc|a r", "none"},                                // the newest complete record stays whole
+        {"rc|a", "none"},
+    };
+    for (const Case& c : cases) EXPECT_EQ(describe(FVOldestRunPurge::next(runsOf(c.runs))), c.next) << c.runs;
+}
+
+// Purged to the end on many generated destinations: every complete record left still has the
+// archive folders of every later run (a kept point in time stays whole), and the newest run
+// and the newest complete record stay.
+TEST(OldestRunPurge, EveryPointInTimeLeftStaysWhole) {
+    std::mt19937 random(24);
+    for (int trial = 0; trial < 300; ++trial) {
+        std::vector<FVArchivedRun> runs;
+        const int count = 1 + static_cast<int>(random() % 12);
+        std::string text;
+        for (int i = 0; i < count; ++i) {
+            const unsigned kind = random() % 5;
+            text += std::string(i ? "|" : "") + (kind == 0 ? "a" : kind == 1 ? "r" : kind == 2 ? "a r" : kind == 3 ? "rc" : "a rc");
+        }
+        runs = runsOf(text);
+        const std::vector<FVArchivedRun> original = runs;
+        std::string newestComplete;
+        for (const FVArchivedRun& run : original)
+            if (run.record && run.record->complete()) newestComplete = run.stamp;
+        int steps = 0;
+        while (std::optional<FVRunPurgeUnit> unit = FVOldestRunPurge::next(runs)) {
+            ASSERT_LT(++steps, 100) << text;
+            FVOldestRunPurge::apply(*unit, runs);
+            for (size_t k = 0; k < runs.size(); ++k) {
+                if (!runs[k].record || !runs[k].record->complete()) continue;
+                for (const FVArchivedRun& later : original)
+                    if (later.time > runs[k].time && later.hasArchives()) {
+                        auto kept = std::find_if(runs.begin(), runs.end(),
+                                                 [&](const FVArchivedRun& r) { return r.stamp == later.stamp; });
+                        EXPECT_TRUE(kept != runs.end() && kept->hasArchives())
+                            << text << ": record " << runs[k].stamp << " lost archives " << later.stamp;
+                    }
+            }
+        }
+        ASSERT_FALSE(runs.empty()) << text;
+        EXPECT_EQ(runs.back().stamp, original.back().stamp) << text;
+        EXPECT_EQ(runs.back().hasArchives(), original.back().hasArchives()) << text;
+        if (!newestComplete.empty())
+            EXPECT_TRUE(std::any_of(runs.begin(), runs.end(), [&](const FVArchivedRun& r) {
+                return r.stamp == newestComplete && r.record;
+            })) << text;
+    }
+}

@@ -1,0 +1,167 @@
+"""A disk that never silently fills: on a small tmpfs, a run that would leave less than the reserve
+free makes room by purging the oldest archived runs, oldest first, or stops before copying with one
+message and nothing in the destination changed. Every point in time left restores byte for byte;
+the newest run's archives and the mirror stay; the next run has nothing to do."""
+
+import os
+import re
+import shutil
+import subprocess
+
+from faultkit import build, content, expect, expect_mirror, log_since, log_size, run_cases, tail, tmpfs
+
+NAME = "data"
+FILES = 4
+SIZE = 2 << 20
+RUNS = "__runs"
+STOPPED = b"Sync stopped before copying: not enough room."
+
+
+def command(ferrovane, *args):
+    return subprocess.run([*ferrovane.prefix, ferrovane.executable, *args], env=ferrovane.env, capture_output=True,
+                          timeout=300)
+
+
+def listing(root):
+    """Everything below root and root itself: what a run that changed nothing leaves as it was."""
+    out = {}
+    for folder, dirs, names in os.walk(root):
+        for name in [""] if folder == root else []:
+            st = os.lstat(folder)
+            out[name] = (st.st_mode, st.st_mtime_ns, st.st_ino)
+        for name in dirs + names:
+            st = os.lstat(os.path.join(folder, name))
+            out[os.path.relpath(os.path.join(folder, name), root)] = (st.st_mode, st.st_size, st.st_mtime_ns,
+                                                                      st.st_ino)
+    return out
+
+
+class Disk:
+    """A source of FILES files and its destination on a 16 MiB tmpfs; each run's stamp and a copy
+    of the source as the run saw it are kept."""
+
+    def __init__(self, ferrovane, work, options=()):
+        self.ferrovane, self.work = ferrovane, work
+        self.source = os.path.join(work, "src", NAME)
+        build(os.fsencode(self.source), {b"f%d" % i: ("file", SIZE, i) for i in range(FILES)})
+        self.mount = os.path.join(work, "mnt")
+        self.destination = os.path.join(self.mount, "dest")
+        self.options = options
+        self.stamps, self.copies = [], {}
+
+    def configure(self):
+        os.makedirs(self.destination)
+        self.ferrovane.configure(self.destination, [self.source], self.options)
+
+    def records(self):
+        return sorted(n[:-len(".fvmanifest")] for n in os.listdir(os.path.join(self.destination, RUNS))
+                      if n.endswith(".fvmanifest"))
+
+    def change(self, generation):
+        path = os.path.join(self.source, "f%d" % (generation % FILES))
+        with open(path, "wb") as f:
+            f.write(content(SIZE, 1000 + generation))
+
+    def run(self, expected=0):
+        known = set(self.records()) if os.path.isdir(os.path.join(self.destination, RUNS)) else set()
+        r = self.ferrovane.run(self.destination)
+        expect(r.returncode == expected, f"run {len(self.stamps)}: exit {r.returncode}, not {expected}: {tail(r)}")
+        if expected != 0:
+            return r
+        new = [s for s in self.records() if s not in known]
+        expect(len(new) == 1, f"run {len(self.stamps)} left {new} in {RUNS}")
+        self.stamps.append(new[0])
+        copy = os.path.join(self.work, "copies", new[0])
+        shutil.copytree(self.source, copy, symlinks=True)
+        self.copies[new[0]] = copy
+        return r
+
+    def expect_stop(self, needs):
+        """A run and a dry run that stop before copying: exit 1, the message once, naming what
+        helps (needs), and the destination exactly as it was."""
+        before = listing(self.destination)
+        for dry in (True, False):
+            r = command(self.ferrovane, *(["--dry-run"] if dry else []), "--no-notifications", self.destination)
+            said = r.stdout + r.stderr
+            expect(r.returncode == 1 and STOPPED in r.stdout, f"dry run {dry}: exit {r.returncode}: {tail(r)}")
+            expect(said.count(b"Not enough room on ") == 1 and needs in said,
+                   f"dry run {dry}: not one message naming {needs!r}: {tail(r)}")
+            expect(listing(self.destination) == before, f"dry run {dry}: the stopped run changed the destination")
+        return r.stderr.decode()
+
+    def expect_points_in_time(self):
+        """Every record left restores its run's state byte for byte."""
+        for stamp in self.records():
+            out = os.path.join(self.work, "out", stamp)
+            r = command(self.ferrovane, "restore", self.destination, self.source, "--at", stamp, "--to", out)
+            expect(r.returncode == 0, f"restore --at {stamp}: exit {r.returncode}: {tail(r)}")
+            expect_mirror(self.copies[stamp], os.path.join(out, NAME))
+
+    def expect_nothing_left_to_do(self):
+        expect_mirror(self.source, os.path.join(self.destination, NAME))
+        offset = log_size(self.ferrovane)
+        self.run()
+        log = log_since(self.ferrovane, offset)
+        expect(b"(0 items changed)" in log and b"to make room" not in log, f"the run after found work: {log[-600:]}")
+
+
+def cannot_make_room(ferrovane, work):
+    """Nothing archived to purge: the run stops; the reserve the message suggests lets it through."""
+    d = Disk(ferrovane, work)
+    with tmpfs(d.mount, "size=16m"):
+        d.configure()
+        d.run()
+        st = os.statvfs(d.mount)
+        free, reserve = st.f_bavail * st.f_frsize, st.f_blocks * st.f_frsize // 10
+        # Fits into the free space, not beside the reserve, with more than a megabyte to spare.
+        with open(os.path.join(d.source, "new"), "wb") as f:
+            f.write(content((free - reserve + (300 << 10)) // 4096 * 4096, 7))
+        said = d.expect_stop(b"set keepFreeSpaceMB ")
+        expect("kept free" in said and "Free space on the disk" in said, f"the message: {said}")
+        suggested = re.search(r"set keepFreeSpaceMB (\d+)", said).group(1)
+        r = ferrovane.config(d.destination, "set", "keepFreeSpaceMB", suggested)
+        expect(r.returncode == 0, f"config set: {tail(r)}")
+        d.run()
+        d.expect_nothing_left_to_do()
+
+
+def history(ferrovane, work, purge_allowed):
+    """Runs that each change one file until the archives fill the disk: with the purge allowed,
+    the oldest runs go, oldest first; without it, the run stops, and allowing it lets it through."""
+    d = Disk(ferrovane, work, () if purge_allowed else (("purgeOldestForSpace", "no"),))
+    with tmpfs(d.mount, "size=16m"):
+        d.configure()
+        d.run()
+        offset = log_size(ferrovane)
+        for generation in range(1, 9):
+            d.change(generation)
+            if not purge_allowed and len(d.stamps) == 4:
+                d.expect_stop(b"set purgeOldestForSpace yes")
+                expect(d.records() == d.stamps, "a run that stopped removed records")
+                r = ferrovane.config(d.destination, "set", "purgeOldestForSpace", "yes")
+                expect(r.returncode == 0, f"config set: {tail(r)}")
+            d.run()
+        log = log_since(ferrovane, offset).decode(errors="replace")
+        removed = re.findall(r"Removed (.*) to make room", log)
+        left = d.records()
+        expect(removed and left == d.stamps[len(d.stamps) - len(left):] and len(left) < len(d.stamps),
+               f"records left {left} of {d.stamps}; removed {removed}")
+        prefix = d.destination + "/"
+        expect(all(p.startswith(prefix + RUNS + "/") or p.startswith(prefix + "__changed/") for p in removed),
+               f"a purge touched more than old runs: {removed}")
+        order = [re.search(r"\d{4}-\d\d-\d\d \d\d\.\d\d\.\d\d [+-]\d{4}", p).group(0) for p in removed]
+        expect(order == sorted(order), f"not oldest first: {removed}")
+        expect(os.path.isdir(os.path.join(d.destination, "__changed", d.stamps[-1])), "the newest run's archives went")
+        d.expect_points_in_time()
+        d.expect_nothing_left_to_do()
+
+
+def run(ferrovane, work):
+    cases = [("room cannot be made: stops before copying, nothing changed, the suggested reserve fits",
+              lambda w: cannot_make_room(ferrovane, w)),
+             ("room is made: the oldest archived runs go first, every point in time left restores",
+              lambda w: history(ferrovane, w, True)),
+             ("purge not allowed: stops instead, and goes on once allowed",
+              lambda w: history(ferrovane, w, False))]
+    yield from run_cases("space", cases, work, root_only=lambda name: True, why="needs the superuser to mount",
+                         after=lambda folder: shutil.rmtree(folder, ignore_errors=True))
