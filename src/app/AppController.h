@@ -13,6 +13,7 @@
 #include "platform/FVCommandRunner.h"
 #include "platform/FVUserNotifier.h"
 #include "scheduling/FVLaunchAgentManager.h"
+#include "scheduling/FVJobStatus.h"
 #include "scheduling/FVOptionsPanelController.h"
 
 #include <QObject>
@@ -112,6 +113,9 @@ private:
     void showDestinationUnusable(const char* messageKey);
     void updateSizeDisplay();
     void updateSummaryLine();
+    // The schedule line and the overdue banner of the open destination; both empty without one.
+    void updateScheduleState();
+    void clearScheduleState();
     void updateAutomationsAfterOptions();
     void checkForUpdates();
 
@@ -127,6 +131,8 @@ private:
     void confirmEmptiedSource(const QString& sourcePath);
     void setRunOutcome(FVRunOutcome outcome);
     void recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors);
+    // Kept outside the destination for the schedule line and overdue notices, when it has an identity.
+    void recordJobAttempt(FVJobOutcome outcome, const std::string& message);
     void measureAfterWrite();
     void addPendingSourcePaths();
     void notifyUnlessActive(const FVUserNotification& notification);
