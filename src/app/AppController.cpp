@@ -582,7 +582,7 @@ void AppController::updateAutomationsAfterOptions() {
     writeSettingsIfOpen();
     updateScheduleState();
     if (scheduled) FVScheduleFailureAlert::forget(uuid);
-    else FVScheduleFailureAlert::showOnce(window_.get(), launchAgentManager_, uuid, error, environment_.runningAsRoot);
+    else FVScheduleFailureAlert::showOnce(window_.get(), launchAgentManager_, uuid, error);
 }
 
 void AppController::updateScheduleState() {

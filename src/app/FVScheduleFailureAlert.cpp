@@ -7,6 +7,8 @@
 #include <QDir>
 #include <QSettings>
 
+#include <unistd.h>
+
 namespace ferrovane {
 
 namespace {
@@ -14,19 +16,21 @@ QString settingsKey(const std::string& uuid) { return "scheduleFailureTold/" + Q
 }  // namespace
 
 QMessageBox* FVScheduleFailureAlert::showOnce(QWidget* window, const FVLaunchAgentManager& jobs, const std::string& uuid,
-                                              const std::string& reason, bool runningAsRoot) {
+                                              const std::string& reason) {
     QSettings settings;
     const QString told = QString::fromStdString(reason);
     if (settings.value(settingsKey(uuid)).toString() == told) return nullptr;
     settings.setValue(settingsKey(uuid), told);
     QMessageBox* box = FVAlert::show(window, "automationfailed", "automationfailedlong");
-    box->setInformativeText(localizedFormat("automationfailedreason", reason, remedy(jobs, uuid, runningAsRoot)));
+    box->setInformativeText(localizedFormat("automationfailedreason", reason, remedy(jobs, uuid)));
     return box;
 }
 
 void FVScheduleFailureAlert::forget(const std::string& uuid) { QSettings().remove(settingsKey(uuid)); }
 
-std::string FVScheduleFailureAlert::remedy(const FVLaunchAgentManager& jobs, const std::string& uuid, bool runningAsRoot) {
+std::string FVScheduleFailureAlert::remedy(const FVLaunchAgentManager& jobs, const std::string& uuid) {
+    // The same service manager the jobs were loaded into: the system's for root, the user's otherwise.
+    const bool root = getuid() == 0;
     // The units that were written: the calendar's timers and whatever starts a run on its own.
     const QString label = QString::fromStdString(FVLaunchAgentManager::jobLabel(uuid));
     const QStringList units =
@@ -37,12 +41,12 @@ std::string FVScheduleFailureAlert::remedy(const FVLaunchAgentManager& jobs, con
     if (units.isEmpty()) {
         text = FVStrings::localized("automationfailednounits");
     } else {
-        const std::string systemctl = runningAsRoot ? "systemctl" : "systemctl --user";
+        const std::string systemctl = root ? "systemctl" : "systemctl --user";
         text = FVStrings::format("automationfailedbyhand", systemctl);
         text += "\n    " + systemctl + " daemon-reload";
         for (const QString& unit : units) text += "\n    " + systemctl + " enable --now " + unit.toStdString();
     }
-    if (!runningAsRoot && !FVLaunchAgentManager::jobsRunWhileLoggedOut())
+    if (!FVLaunchAgentManager::jobsRunWhileLoggedOut())
         text += "\n\n" + FVStrings::localized("automationlinger");
     return text;
 }

@@ -15,12 +15,12 @@ class FVScheduleFailureAlert {
 public:
     // Opens the alert unless this reason was told for uuid already; returns it, or nothing.
     static QMessageBox* showOnce(QWidget* window, const FVLaunchAgentManager& jobs, const std::string& uuid,
-                                 const std::string& reason, bool runningAsRoot);
+                                 const std::string& reason);
     // The schedule works again: a later failure is told anew.
     static void forget(const std::string& uuid);
     // What to do: the commands that load the jobs written for uuid, and the note on lingering
     // where the account's service manager ends with its last session.
-    static std::string remedy(const FVLaunchAgentManager& jobs, const std::string& uuid, bool runningAsRoot);
+    static std::string remedy(const FVLaunchAgentManager& jobs, const std::string& uuid);
 };
 
 }  // namespace ferrovane
