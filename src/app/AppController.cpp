@@ -129,6 +129,8 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
                 addPendingSourcePaths();
             });
     connect(w, &FVMainWindow::becameActive, this, [this] {
+        // Scheduled runs may have come and gone while the window stood in the background.
+        if (!backupIsRunning_ && window_->optionsButton()->isEnabled()) updateScheduleState();
         if (!coverViewShouldOpenOnBecomeMain_) return;
         coverViewShouldOpenOnBecomeMain_ = false;
         window_->coverView()->openViewDelayedBy(0.5);
@@ -555,7 +557,7 @@ void AppController::showAbout() {
     box->setInformativeText(localizedFormat("aboutinformative", FVLog::logFilePath()));
     box->setTextInteractionFlags(Qt::TextSelectableByMouse);
     QPushButton* openLog = box->addButton(localized("aboutopenlog"), QMessageBox::ActionRole);
-    box->addButton(localized("closebutton"), QMessageBox::AcceptRole);
+    box->setEscapeButton(box->addButton(localized("closebutton"), QMessageBox::AcceptRole));
     connect(box, &QMessageBox::finished, this, [this, box, openLog] {
         if (box->clickedButton() == openLog) showLog();
     });

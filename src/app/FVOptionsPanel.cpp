@@ -117,6 +117,7 @@ QWidget* FVOptionsPanel::makeVersionsGroup() {
     column->addWidget(retentionEnabled_);
     auto* policy = new QFormLayout;
     policy->setContentsMargins(20, 0, 0, 0);
+    policy->setFieldGrowthPolicy(QFormLayout::FieldsStayAtSizeHint);
     retentionBoxes_ = {numberBox(FVOptionKey::retentionKeepAllDays, "optionsdays"),
                        numberBox(FVOptionKey::retentionDailyWeeks, "optionsweeks"),
                        numberBox(FVOptionKey::retentionWeeklyMonths, "optionsmonths"),
@@ -198,11 +199,11 @@ QWidget* FVOptionsPanel::makeScheduleGroup(bool runningAsRoot) {
     column->addLayout(interval);
     checkBoxes_.push_back({FVOptionKey::backUpWhenConnected, backUpWhenConnected_});
 
-    QSpinBox* overdue = numberBox(FVOptionKey::overdueDays, "optionsdays");
-    overdue->setSpecialValueText(localized("optionsnever"));
+    overdueDays_ = numberBox(FVOptionKey::overdueDays, "optionsdays");
+    overdueDays_->setSpecialValueText(localized("optionsnever"));
     auto* overdueLine = new QHBoxLayout;
     overdueLine->addWidget(new QLabel(localized("optionsoverdue")));
-    overdueLine->addWidget(overdue);
+    overdueLine->addWidget(overdueDays_);
     overdueLine->addStretch();
     column->addLayout(overdueLine);
 
@@ -219,6 +220,7 @@ QWidget* FVOptionsPanel::makeScheduleGroup(bool runningAsRoot) {
 QWidget* FVOptionsPanel::makeCopyingGroup() {
     auto* group = new QGroupBox(localized("optionsgroupcopying"));
     auto* form = new QFormLayout(group);
+    form->setFieldGrowthPolicy(QFormLayout::FieldsStayAtSizeHint);
     syncMode_ = new QComboBox;
     syncMode_->setObjectName("syncMode");
     syncMode_->addItem(localized("optionssyncmodefolder"), 1);
@@ -300,6 +302,8 @@ void FVOptionsPanel::updateEnabledState() {
     automationTime_->setEnabled(automation);
     automationWeekday_->setEnabled(automation && automationInterval_->currentData().toInt() != 0);
     connectedInterval_->setEnabled(backUpWhenConnected_->isChecked());
+    // Only runs that start by themselves can be missed.
+    overdueDays_->setEnabled(automation || backUpWhenConnected_->isChecked());
 }
 
 void FVOptionsPanel::done(int result) {

@@ -58,6 +58,7 @@ private:
     QComboBox* automationWeekday_;
     QCheckBox* backUpWhenConnected_;
     QSpinBox* connectedInterval_;
+    QSpinBox* overdueDays_;
 };
 
 }  // namespace ferrovane

@@ -184,6 +184,10 @@ private slots:
         QVERIFY(!openDialog(app_->window()));
         QCOMPARE(cover()->message(), text("viewnobackupselected"));
         QVERIFY(!app_->window()->startButton()->isEnabled() && !app_->window()->optionsButton()->isEnabled());
+        // Help > About only tells: Escape closes it.
+        app_->window()->aboutAction()->trigger();
+        QTest::keyClick(awaitDialog("aboutBox"), Qt::Key_Escape);
+        QTRY_VERIFY_WITH_TIMEOUT(!openDialog(app_->window(), "aboutBox"), kPatience);
 
         std::string a = makeDir("A"), b = makeDir("B");
         openDestination(a);
