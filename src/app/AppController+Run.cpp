@@ -257,7 +257,7 @@ void AppController::recordJobAttempt(FVJobOutcome outcome, const std::string& me
     const int64_t overdueDays = FVOptionTable::read(*optionsPanelController_.allOptions()).options.overdueDays;
     std::string error;
     // The run itself is done and recorded in the destination; only the status outside it is missing.
-    if (!FVJobStatusStore().record(uuid, currentTargetPath_, attempt, overdueDays, &error))
+    if (!FVJobStatusStore(environment_.jobStatusFolder).record(uuid, currentTargetPath_, attempt, overdueDays, &error))
         FVLog::currentLog().addLogLine("Could not record the run in the job status: " + error);
 }
 

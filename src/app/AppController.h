@@ -37,6 +37,8 @@ struct AppEnvironment {
     bool runningAsRoot = false;
     std::shared_ptr<FVCommandRunner> commandRunner;
     std::shared_ptr<FVUserNotifier> notifier;
+    // Where the outcomes of run attempts are kept for the schedule line and overdue notices.
+    std::string jobStatusFolder;
     static AppEnvironment system();
 };
 

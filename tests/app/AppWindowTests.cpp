@@ -104,12 +104,13 @@ private:
 
     AppController& launch(bool root = false) {
         app_.reset();
-        app_ = std::make_unique<AppController>(AppEnvironment{root, runner_, nullptr});
+        app_ = std::make_unique<AppController>(AppEnvironment{root, runner_, nullptr, statusFolder()});
         app_->initialiseApplication();
         return *app_;
     }
 
     FVCoverView* cover() { return app_->window()->coverView(); }
+    std::string statusFolder() const { return *home_ / "state"; }
     QString cell(int row, int column) {
         QAbstractItemModel* model = app_->window()->sourceListView()->model();
         return model->data(model->index(row, column), Qt::DisplayRole).toString();
@@ -156,7 +157,6 @@ private slots:
         qputenv("XDG_DATA_HOME", (*home_ / "data").c_str());
         qputenv("FERROVANE_LOG_FILE", (*home_ / "Ferrovane.log").c_str());
         qputenv("FERROVANE_JOB_DIRECTORY", (*home_ / "jobs").c_str());
-        qputenv("XDG_STATE_HOME", (*home_ / "state").c_str());
         qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent");
         QApplication::setOrganizationName("Ferrovane");
         QApplication::setApplicationName("Ferrovane");
@@ -624,7 +624,7 @@ private slots:
                                                                  FVConfigurationFile::currentPath(destination));
         // The last good run ten days ago, the schedule's last attempt yesterday without the disk.
         const std::time_t now = std::time(nullptr);
-        FVJobStatusStore store;
+        FVJobStatusStore store(statusFolder());
         QVERIFY(store.record(uuid, destination, {now - 10 * 86400, FVJobTrigger::Schedule, FVJobOutcome::Finished, ""}));
         QVERIFY(store.record(uuid, destination, {now - 86400, FVJobTrigger::Schedule, FVJobOutcome::NotConnected, ""}));
         launch();
