@@ -334,7 +334,8 @@ void AppController::handleFinish() {
     for (const std::string& warning : backupSession_->warnings()) errors.push_back(warning);
     recordRunOutcome(FVRunOutcome::State::Finished, errors);
     if (errorCount > 0)
-        recordJobAttempt(FVJobOutcome::Errors, errorCount == 1 ? errors.front() : fmt::format("{} errors, the first: {}", errorCount, errors.front()));
+        recordJobAttempt(FVJobOutcome::Errors, errorCount == 1 ? errors.front()
+                                                               : fmt::format("{} errors, the first: {}", errorCount, errors.front()));
     else if (!errors.empty())
         recordJobAttempt(FVJobOutcome::Warnings, errors.front());
     else

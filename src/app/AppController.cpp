@@ -592,8 +592,10 @@ void AppController::updateScheduleState() {
     if (currentTargetPath_.empty()) return clearScheduleState();
     const FVOptions options = FVOptionTable::read(*optionsPanelController_.allOptions()).options;
     const std::string uuid = optionsPanelController_.uuid();
-    std::optional<FVJobStatus> status = uuid.empty() ? std::nullopt : FVJobStatusStore(environment_.jobStatusFolder).read(uuid);
-    const FVDestinationSchedule shown = FVDestinationSchedule::of(currentTargetPath_, options, status, std::time(nullptr));
+    const std::optional<FVJobStatus> status =
+        uuid.empty() ? std::nullopt : FVJobStatusStore(environment_.jobStatusFolder).read(uuid);
+    const FVDestinationSchedule shown =
+        FVDestinationSchedule::of(currentTargetPath_, options, status, std::time(nullptr));
     window_->scheduleLine()->setText(QString::fromStdString(shown.line));
     window_->overdueBanner()->setText(shown.overdue ? QString::fromStdString(shown.overdue->text()) : QString());
 }

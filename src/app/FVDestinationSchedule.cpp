@@ -22,7 +22,8 @@ FVDestinationSchedule FVDestinationSchedule::of(const std::string& destination, 
     // The newest good run either place knows of: the status misses runs of another machine or
     // of an older version, the destination's records miss nothing it holds. They are read only
     // when the status alone does not settle it.
-    const bool recentInStatus = status && status->lastSuccess > 0 && now - status->lastSuccess < options.overdueDays * 86400;
+    const bool recentInStatus =
+        status && status->lastSuccess > 0 && now - status->lastSuccess < options.overdueDays * 86400;
     const bool judged = options.isScheduled() && options.overdueDays > 0 && !recentInStatus;
     const std::time_t lastGood = judged ? lastGoodRunAt(destination) : 0;
     shown.overdue = FVOverdueCheck::evaluate(options, destination, status, lastGood, now);

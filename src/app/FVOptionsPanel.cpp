@@ -97,7 +97,8 @@ QSpinBox* FVOptionsPanel::numberBox(const char* key, const char* suffixKey) {
     auto* box = new QSpinBox;
     box->setObjectName(key);
     const FVOptionRule* rule = FVOptionTable::find(key);
-    box->setRange(int(std::clamp<int64_t>(rule->minimum, 0, INT_MAX)), int(std::clamp<int64_t>(rule->maximum, 0, INT_MAX)));
+    box->setRange(int(std::clamp<int64_t>(rule->minimum, 0, INT_MAX)),
+                  int(std::clamp<int64_t>(rule->maximum, 0, INT_MAX)));
     if (suffixKey) box->setSuffix(" " + localized(suffixKey));
     numberBoxes_.push_back({key, box});
     return box;
