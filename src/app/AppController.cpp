@@ -355,6 +355,7 @@ void AppController::openRecentTargetPath() {
     currentTargetPath_ = stdPath(destinations_.at(index).targetPath);
     if (access(currentTargetPath_.c_str(), F_OK) != 0) {
         showDestinationUnusable("destinationunavailable");
+        showOverdueWhileAway(destinations_.at(index).uuid.toStdString());
         return;
     }
     if (!isReadableAndWritable(currentTargetPath_)) {
@@ -598,6 +599,13 @@ void AppController::updateScheduleState() {
         FVDestinationSchedule::of(currentTargetPath_, options, status, std::time(nullptr));
     window_->scheduleLine()->setText(QString::fromStdString(shown.line));
     window_->overdueBanner()->setText(shown.overdue ? QString::fromStdString(shown.overdue->text()) : QString());
+}
+
+void AppController::showOverdueWhileAway(const std::string& uuid) {
+    if (uuid.empty()) return;
+    const std::optional<FVOverdueNotice> notice = FVDestinationSchedule::overdueWhileAway(
+        currentTargetPath_, FVJobStatusStore(environment_.jobStatusFolder).read(uuid), std::time(nullptr));
+    if (notice) window_->overdueBanner()->setText(QString::fromStdString(notice->text()), false);
 }
 
 void AppController::clearScheduleState() {

@@ -118,6 +118,8 @@ private:
     // The schedule line and the overdue banner of the open destination; both empty without one.
     void updateScheduleState();
     void clearScheduleState();
+    // The banner of a destination that is away, from its job's status alone.
+    void showOverdueWhileAway(const std::string& uuid);
     void updateAutomationsAfterOptions();
     void checkForUpdates();
 

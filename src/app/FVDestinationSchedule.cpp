@@ -30,6 +30,17 @@ FVDestinationSchedule FVDestinationSchedule::of(const std::string& destination, 
     return shown;
 }
 
+std::optional<FVOverdueNotice> FVDestinationSchedule::overdueWhileAway(const std::string& destination,
+                                                                      const std::optional<FVJobStatus>& status,
+                                                                      std::time_t now) {
+    // Without its configuration, a destination is scheduled as far as its job has run.
+    if (!status || !status->lastScheduledAttempt) return std::nullopt;
+    FVOptions options;
+    options.automationEnabled = true;
+    options.overdueDays = status->overdueDays;
+    return FVOverdueCheck::evaluate(options, destination, status, 0, now);
+}
+
 std::time_t FVDestinationSchedule::lastGoodRunAt(const std::string& destination) {
     std::time_t newest = 0;
     for (const FVRunRecord& record : FVRunRecords(destination).list()) {

@@ -19,6 +19,10 @@ struct FVDestinationSchedule {
 
     static FVDestinationSchedule of(const std::string& destination, const FVOptions& options,
                                     const std::optional<FVJobStatus>& status, std::time_t now);
+    // For a destination that cannot be read (a disk that is away): judged by what its scheduled
+    // job recorded, with the overdue limit of its last reachable run.
+    static std::optional<FVOverdueNotice> overdueWhileAway(const std::string& destination,
+                                                           const std::optional<FVJobStatus>& status, std::time_t now);
     // When the newest complete run the destination recorded ended; 0 when it recorded none.
     static std::time_t lastGoodRunAt(const std::string& destination);
 };

@@ -30,8 +30,9 @@ FVOverdueBanner::FVOverdueBanner(QWidget* parent) : QFrame(parent) {
     setVisible(false);
 }
 
-void FVOverdueBanner::setText(const QString& text) {
+void FVOverdueBanner::setText(const QString& text, bool offerBackUp) {
     label_->setText(text);
+    backUpNow_->setVisible(offerBackUp);
     setVisible(!text.isEmpty());
 }
 

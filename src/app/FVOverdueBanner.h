@@ -14,8 +14,8 @@ class FVOverdueBanner : public QFrame {
 public:
     explicit FVOverdueBanner(QWidget* parent = nullptr);
 
-    // Shows the banner with text; an empty text hides it.
-    void setText(const QString& text);
+    // Shows the banner with text; an empty text hides it. Back Up Now only where a run can start.
+    void setText(const QString& text, bool offerBackUp = true);
     QString text() const;
     QPushButton* backUpNowButton() const { return backUpNow_; }
 

@@ -636,6 +636,20 @@ private slots:
                  qPrintable(banner->text()));
         QVERIFY(app_->window()->scheduleLine()->text().contains("daily at 14:00"));
         QVERIFY(app_->window()->scheduleLine()->text().contains("not-connected"));
+        const QString notice = banner->text();
+
+        // With the disk away, its job's status still tells, without a button that cannot run.
+        fs::rename(destination, destination + ".away");
+        launch();
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationunavailable"), kPatience);
+        banner = app_->window()->overdueBanner();
+        QCOMPARE(banner->text(), notice);
+        QVERIFY(!banner->backUpNowButton()->isVisibleTo(banner));
+        fs::rename(destination + ".away", destination);
+        launch();
+        QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
+        banner = app_->window()->overdueBanner();
+        QVERIFY(banner->backUpNowButton()->isVisibleTo(banner));
 
         // Its Back Up Now runs; the good run ends the notice and is kept as the window's.
         QSignalSpy ended(app_.get(), &AppController::runEnded);
