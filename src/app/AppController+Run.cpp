@@ -13,6 +13,7 @@
 #include "app/FVThinProgressBar.h"
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
+#include "engine/FVLog.h"
 #include "engine/FVMirrorLayout.h"
 #include "fs/FVText.h"
 
@@ -248,6 +249,18 @@ void AppController::recordRunOutcome(FVRunOutcome::State state, const std::vecto
     setRunOutcome(std::move(outcome));
 }
 
+void AppController::recordJobAttempt(FVJobOutcome outcome, const std::string& message) {
+    const std::string uuid = optionsPanelController_.uuid();
+    if (uuid.empty()) return;
+    std::string line = message.substr(0, message.find('\n'));
+    const FVJobAttempt attempt{std::time(nullptr), FVJobTrigger::Manual, outcome, std::move(line)};
+    const int64_t overdueDays = FVOptionTable::read(*optionsPanelController_.allOptions()).options.overdueDays;
+    std::string error;
+    // The run itself is done and recorded in the destination; only the status outside it is missing.
+    if (!FVJobStatusStore(environment_.jobStatusFolder).record(uuid, currentTargetPath_, attempt, overdueDays, &error))
+        FVLog::currentLog().addLogLine("Could not record the run in the job status: " + error);
+}
+
 void AppController::resumeSizeEvaluation() {
     backupSetController_.setDisableSizeEvaluation(false);
     // The run's write removed every measured size; this measures them all again.
@@ -270,6 +283,8 @@ void AppController::handleCancel() {
     FVSyncingBackup* job = backupSession_->syncingBackup();
     const long long copied = job ? job->currentUpdateCount() : 0;
     recordRunOutcome(FVRunOutcome::State::Stopped, errors);
+    recordJobAttempt(FVJobOutcome::Stopped, "stopped in the window");
+    updateScheduleState();
     FVUserNotification notification{"Sync canceled: " + FVText::lastPathComponent(currentTargetPath_), "", ""};
     if (!errors.empty()) notification.subtitle = fmt::format("{} Errors occurred, please check log.", errors.size());
     notifyUnlessActive(notification);
@@ -315,8 +330,17 @@ void AppController::handleFinish() {
 
     std::vector<std::string> errors = backupSession_->errorMessages();
     // An unrecorded run is no success: the window shows its warning with the errors.
+    const size_t errorCount = errors.size();
     for (const std::string& warning : backupSession_->warnings()) errors.push_back(warning);
     recordRunOutcome(FVRunOutcome::State::Finished, errors);
+    if (errorCount > 0)
+        recordJobAttempt(FVJobOutcome::Errors, errorCount == 1 ? errors.front()
+                                                               : fmt::format("{} errors, the first: {}", errorCount, errors.front()));
+    else if (!errors.empty())
+        recordJobAttempt(FVJobOutcome::Warnings, errors.front());
+    else
+        recordJobAttempt(FVJobOutcome::Finished, "");
+    updateScheduleState();
     QSettings().setValue("backupCompleted", true);
 
     FVCoverView* cover = window_->coverView();

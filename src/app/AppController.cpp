@@ -4,6 +4,7 @@
 #include "app/FVAlert.h"
 #include "app/FVCoverView.h"
 #include "app/FVBackupBrowser.h"
+#include "app/FVDestinationSchedule.h"
 #include "app/FVDestinationSearchSheet.h"
 #include "app/FVVerifySheet.h"
 #include "app/FVDropZone.h"
@@ -11,8 +12,10 @@
 #include "app/FVFileReveal.h"
 #include "app/FVMainWindow.h"
 #include "app/FVOptionsPanel.h"
+#include "app/FVOverdueBanner.h"
 #include "app/FVQtStrings.h"
 #include "app/FVRestoreController.h"
+#include "app/FVScheduleFailureAlert.h"
 #include "app/FVSourceListModel.h"
 #include "app/FVSourceListView.h"
 #include "app/FVThinProgressBar.h"
@@ -58,7 +61,8 @@ QPixmap noDestinationIcon(QWidget* widget) {
 }  // namespace
 
 AppEnvironment AppEnvironment::system() {
-    return {geteuid() == 0, std::make_shared<FVProcessCommandRunner>(), makeDesktopNotifier()};
+    return {geteuid() == 0, std::make_shared<FVProcessCommandRunner>(), makeDesktopNotifier(),
+            FVJobStatusStore::defaultFolder()};
 }
 
 AppController::AppController(AppEnvironment environment, QObject* parent)
@@ -95,6 +99,7 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
     connect(w->sourceListView(), &FVSourceListView::restoreRequested, this, &AppController::restoreSelectedSource);
     connect(restoreController_.get(), &FVRestoreController::restoreStarted, this, [this] { setRestoreHoldsWindow(true); });
     connect(restoreController_.get(), &FVRestoreController::restoreEnded, this, [this] { setRestoreHoldsWindow(false); });
+    connect(w->overdueBanner()->backUpNowButton(), &QPushButton::clicked, w->backUpNowAction(), &QAction::trigger);
     connect(w->showErrorsAction(), &QAction::triggered, this, &AppController::showLastRunErrors);
     connect(w->aboutAction(), &QAction::triggered, this, &AppController::showAbout);
     connect(w->removeSourceButton(), &QToolButton::clicked, this, &AppController::removeSelectedSources);
@@ -125,6 +130,8 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
                 addPendingSourcePaths();
             });
     connect(w, &FVMainWindow::becameActive, this, [this] {
+        // Scheduled runs may have come and gone while the window stood in the background.
+        if (!backupIsRunning_ && window_->optionsButton()->isEnabled()) updateScheduleState();
         if (!coverViewShouldOpenOnBecomeMain_) return;
         coverViewShouldOpenOnBecomeMain_ = false;
         window_->coverView()->openViewDelayedBy(0.5);
@@ -324,6 +331,7 @@ void AppController::showDestinationUnusable(const char* messageKey) {
     window_->progressInfo()->clear();
     window_->startButton()->setEnabled(false);
     setOptionWidgetsEnabled(false);
+    clearScheduleState();
 }
 
 void AppController::openRecentTargetPath() {
@@ -338,6 +346,7 @@ void AppController::openRecentTargetPath() {
         cover->scrollIn();
         window_->startButton()->setEnabled(false);
         setOptionWidgetsEnabled(false);
+        clearScheduleState();
         return;
     }
     cover->clearMessages();
@@ -346,6 +355,7 @@ void AppController::openRecentTargetPath() {
     currentTargetPath_ = stdPath(destinations_.at(index).targetPath);
     if (access(currentTargetPath_.c_str(), F_OK) != 0) {
         showDestinationUnusable("destinationunavailable");
+        showOverdueWhileAway(destinations_.at(index).uuid.toStdString());
         return;
     }
     if (!isReadableAndWritable(currentTargetPath_)) {
@@ -370,6 +380,7 @@ void AppController::openRecentTargetPath() {
     window_->destinationIcon()->setPixmap(iconFor(qPath(currentTargetPath_)));
     window_->startButton()->setEnabled(true);
     setOptionWidgetsEnabled(true);
+    updateScheduleState();
     cover->openViewDelayedBy(0.5);
 
     for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects()) {
@@ -392,6 +403,7 @@ void AppController::resetInterface() {
     window_->startButton()->setText(localized("syncbutton"));
     window_->startButton()->setEnabled(false);
     backupSetController_.removeAllItems();
+    clearScheduleState();
 }
 
 void AppController::removeTargetWidgetClicked() {
@@ -547,7 +559,7 @@ void AppController::showAbout() {
     box->setInformativeText(localizedFormat("aboutinformative", FVLog::logFilePath()));
     box->setTextInteractionFlags(Qt::TextSelectableByMouse);
     QPushButton* openLog = box->addButton(localized("aboutopenlog"), QMessageBox::ActionRole);
-    box->addButton(localized("closebutton"), QMessageBox::AcceptRole);
+    box->setEscapeButton(box->addButton(localized("closebutton"), QMessageBox::AcceptRole));
     connect(box, &QMessageBox::finished, this, [this, box, openLog] {
         if (box->clickedButton() == openLog) showLog();
     });
@@ -565,16 +577,40 @@ void AppController::showOptionsPanel() {
 void AppController::updateAutomationsAfterOptions() {
     std::string error;
     bool scheduled = optionsPanelController_.updateAutomations(currentTargetPath_, &error);
+    const std::string uuid = optionsPanelController_.uuid();
     int index = destinations_.indexOf(qPath(currentTargetPath_));
     if (index >= 0) {
-        destinations_.setUUID(index, QString::fromStdString(optionsPanelController_.uuid()));
+        destinations_.setUUID(index, QString::fromStdString(uuid));
         saveDestinations();
     }
     writeSettingsIfOpen();
-    if (!scheduled) {
-        QMessageBox* box = FVAlert::show(window_.get(), "automationfailed", "automationfailedlong");
-        box->setInformativeText(localizedFormat("automationfailedreason", error));
-    }
+    updateScheduleState();
+    if (scheduled) FVScheduleFailureAlert::forget(uuid);
+    else FVScheduleFailureAlert::showOnce(window_.get(), launchAgentManager_, uuid, error);
+}
+
+void AppController::updateScheduleState() {
+    if (currentTargetPath_.empty()) return clearScheduleState();
+    const FVOptions options = FVOptionTable::read(*optionsPanelController_.allOptions()).options;
+    const std::string uuid = optionsPanelController_.uuid();
+    const std::optional<FVJobStatus> status =
+        uuid.empty() ? std::nullopt : FVJobStatusStore(environment_.jobStatusFolder).read(uuid);
+    const FVDestinationSchedule shown =
+        FVDestinationSchedule::of(currentTargetPath_, options, status, std::time(nullptr));
+    window_->scheduleLine()->setText(QString::fromStdString(shown.line));
+    window_->overdueBanner()->setText(shown.overdue ? QString::fromStdString(shown.overdue->text()) : QString());
+}
+
+void AppController::showOverdueWhileAway(const std::string& uuid) {
+    if (uuid.empty()) return;
+    const std::optional<FVOverdueNotice> notice = FVDestinationSchedule::overdueWhileAway(
+        currentTargetPath_, FVJobStatusStore(environment_.jobStatusFolder).read(uuid), std::time(nullptr));
+    if (notice) window_->overdueBanner()->setText(QString::fromStdString(notice->text()), false);
+}
+
+void AppController::clearScheduleState() {
+    window_->scheduleLine()->clear();
+    window_->overdueBanner()->setText({});
 }
 
 void AppController::showSearchBackupPanel() {

@@ -13,6 +13,7 @@
 #include "platform/FVCommandRunner.h"
 #include "platform/FVUserNotifier.h"
 #include "scheduling/FVLaunchAgentManager.h"
+#include "scheduling/FVJobStatus.h"
 #include "scheduling/FVOptionsPanelController.h"
 
 #include <QObject>
@@ -36,6 +37,8 @@ struct AppEnvironment {
     bool runningAsRoot = false;
     std::shared_ptr<FVCommandRunner> commandRunner;
     std::shared_ptr<FVUserNotifier> notifier;
+    // Where the outcomes of run attempts are kept for the schedule line and overdue notices.
+    std::string jobStatusFolder;
     static AppEnvironment system();
 };
 
@@ -112,6 +115,11 @@ private:
     void showDestinationUnusable(const char* messageKey);
     void updateSizeDisplay();
     void updateSummaryLine();
+    // The schedule line and the overdue banner of the open destination; both empty without one.
+    void updateScheduleState();
+    void clearScheduleState();
+    // The banner of a destination that is away, from its job's status alone.
+    void showOverdueWhileAway(const std::string& uuid);
     void updateAutomationsAfterOptions();
     void checkForUpdates();
 
@@ -127,6 +135,8 @@ private:
     void confirmEmptiedSource(const QString& sourcePath);
     void setRunOutcome(FVRunOutcome outcome);
     void recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors);
+    // Kept outside the destination for the schedule line and overdue notices, when it has an identity.
+    void recordJobAttempt(FVJobOutcome outcome, const std::string& message);
     void measureAfterWrite();
     void addPendingSourcePaths();
     void notifyUnlessActive(const FVUserNotification& notification);

@@ -2,6 +2,7 @@
 
 #include "app/FVCoverView.h"
 #include "app/FVDropZone.h"
+#include "app/FVOverdueBanner.h"
 #include "app/FVQtStrings.h"
 #include "app/FVSourceListModel.h"
 #include "app/FVSourceListView.h"
@@ -41,6 +42,9 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     auto* column = new QVBoxLayout(central);
     column->setContentsMargins(12, 10, 12, 8);
     column->setSpacing(6);
+
+    overdueBanner_ = new FVOverdueBanner;
+    column->addWidget(overdueBanner_);
 
     // Destination bar.
     auto* bar = new QHBoxLayout;
@@ -117,6 +121,11 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     bottom->addWidget(lastRunLine_);
     bottom->addWidget(showErrorsButton_);
     column->addLayout(bottom);
+    scheduleLine_ = new QLabel;
+    scheduleLine_->setObjectName("scheduleLine");
+    scheduleLine_->setWordWrap(true);
+    scheduleLine_->setForegroundRole(QPalette::PlaceholderText);
+    column->addWidget(scheduleLine_);
     setCentralWidget(central);
 
     // "+" offers folders and files apart: one file dialog cannot choose both at once.

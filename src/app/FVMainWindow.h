@@ -1,6 +1,7 @@
 #pragma once
 // The main window's widgets: the destination bar, the source list with its drop zone and the
-// cover view over it, the summary lines. The behaviour behind them is AppController's.
+// cover view over it, the summary lines, the schedule line and the overdue banner. The behaviour
+// behind them is AppController's.
 
 #include <QMainWindow>
 
@@ -17,6 +18,7 @@ namespace ferrovane {
 
 class FVCoverView;
 class FVDropZone;
+class FVOverdueBanner;
 class FVSourceListModel;
 class FVSourceListView;
 class FVThinProgressBar;
@@ -46,6 +48,8 @@ public:
     QToolButton* removeSourceButton() const { return removeSourceButton_; }
     QLabel* summaryLine() const { return summaryLine_; }
     QLabel* lastRunLine() const { return lastRunLine_; }
+    QLabel* scheduleLine() const { return scheduleLine_; }
+    FVOverdueBanner* overdueBanner() const { return overdueBanner_; }
     QPushButton* showErrorsButton() const { return showErrorsButton_; }
     QAction* addFoldersAction() const { return addFoldersAction_; }
     QAction* addFilesAction() const { return addFilesAction_; }
@@ -86,6 +90,8 @@ private:
     QToolButton* removeSourceButton_;
     QLabel* summaryLine_;
     QLabel* lastRunLine_;
+    QLabel* scheduleLine_;
+    FVOverdueBanner* overdueBanner_;
     QPushButton* showErrorsButton_;
     QAction* addFoldersAction_;
     QAction* addFilesAction_;

@@ -8,30 +8,49 @@
 #include <QComboBox>
 #include <QDialogButtonBox>
 #include <QFormLayout>
+#include <QGridLayout>
+#include <QGuiApplication>
 #include <QGroupBox>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLocale>
+#include <QScreen>
+#include <QScrollArea>
+#include <QScrollBar>
 #include <QSpinBox>
 #include <QTimeEdit>
 #include <QVBoxLayout>
 
+#include <algorithm>
+#include <climits>
+
 namespace ferrovane {
 
 namespace {
+
 QCheckBox* checkBox(const char* key, const char* name) {
     auto* box = new QCheckBox(localized(key));
     box->setObjectName(name);
     return box;
 }
 
-QSpinBox* daysBox(const char* name) {
-    auto* box = new QSpinBox;
-    box->setObjectName(name);
-    box->setRange(1, 3650);
-    box->setSuffix(" " + localized("optionsdays"));
-    return box;
+// A line that says what the settings above it do, in the quieter colour of explanations.
+QLabel* note(const QString& text) {
+    auto* label = new QLabel(text);
+    label->setWordWrap(true);
+    label->setForegroundRole(QPalette::PlaceholderText);
+    return label;
 }
+
+// A check box with the number that belongs to it on the same line.
+QHBoxLayout* row(QWidget* first, QWidget* second) {
+    auto* line = new QHBoxLayout;
+    line->addWidget(first);
+    line->addWidget(second);
+    line->addStretch();
+    return line;
+}
+
 }  // namespace
 
 FVOptionsPanel::FVOptionsPanel(QWidget* window, FVOptionsPanelController& controller, bool runningAsRoot)
@@ -41,48 +60,111 @@ FVOptionsPanel::FVOptionsPanel(QWidget* window, FVOptionsPanelController& contro
     setWindowModality(Qt::WindowModal);
     setWindowTitle(localized("optionstitle"));
 
-    // Copying.
-    auto* copying = new QGroupBox(localized("optionsgroupcopying"));
-    auto* copyingForm = new QFormLayout(copying);
-    syncMode_ = new QComboBox;
-    syncMode_->setObjectName("syncMode");
-    syncMode_->addItem(localized("optionssyncmodefolder"), 1);
-    syncMode_->addItem(localized("optionssyncmoderebuild"), 0);
-    maxThreads_ = new QSpinBox;
-    maxThreads_->setObjectName("maxThreads");
-    maxThreads_->setRange(1, 15);
-    copyingForm->addRow(localized("optionssyncmode"), syncMode_);
-    copyingForm->addRow(localized("optionsmaxthreads"), maxThreads_);
-    checkBoxes_ = {
-        {FVOptionKey::ignoreFileFlagChanges, checkBox("optionsignoreflags", "ignoreFileFlagChanges")},
-        {FVOptionKey::disableACLClone, checkBox("optionsdisableacl", "disableACLClone")},
-        {FVOptionKey::preallocate, checkBox("optionspreallocate", "preallocate")},
-        {FVOptionKey::excludeSymlinks, checkBox("optionsexcludesymlinks", "excludeSymlinks")},
-        {FVOptionKey::performExtendedLogging, checkBox("optionsextendedlogging", "performExtendedLogging")},
-    };
-    for (auto& [key, box] : checkBoxes_) copyingForm->addRow(box);
+    auto* content = new QWidget;
+    auto* grid = new QGridLayout(content);
+    grid->addWidget(makeVersionsGroup(), 0, 0, 2, 1);
+    grid->addWidget(makeDiskSpaceGroup(), 0, 1);
+    grid->addWidget(makeScheduleGroup(runningAsRoot), 1, 1);
+    grid->addWidget(makeCopyingGroup(), 2, 0, 1, 2);
+    grid->setColumnStretch(0, 1);
+    grid->setColumnStretch(1, 1);
+    grid->setRowStretch(3, 1);
 
-    // Archives.
-    auto* archives = new QGroupBox(localized("optionsgrouparchives"));
-    auto* archivesGrid = new QFormLayout(archives);
-    moveDeletedFiles_ = checkBox("optionsmovedeleted", "moveDeletedFiles");
+    auto* scroll = new QScrollArea;
+    scroll->setObjectName("optionsScrollArea");
+    scroll->setWidgetResizable(true);
+    scroll->setFrameShape(QFrame::NoFrame);
+    scroll->setWidget(content);
+
+    auto* buttons = new QDialogButtonBox;
+    buttons->addButton(localized("closebutton"), QDialogButtonBox::AcceptRole);
+    connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
+
+    auto* layout = new QVBoxLayout(this);
+    layout->addWidget(scroll, 1);
+    layout->addWidget(buttons);
+    fitToScreen(content, buttons);
+
+    load();
+    for (QCheckBox* box : {moveDeletedFiles_, moveChangedFiles_, purgeRemoved_, purgeChanged_, retentionEnabled_,
+                           keepFreeSpace_, automationEnabled_, backUpWhenConnected_})
+        connect(box, &QCheckBox::toggled, this, &FVOptionsPanel::updateEnabledState);
+    connect(automationInterval_, &QComboBox::currentIndexChanged, this, &FVOptionsPanel::updateEnabledState);
+    updateEnabledState();
+}
+
+QSpinBox* FVOptionsPanel::numberBox(const char* key, const char* suffixKey) {
+    auto* box = new QSpinBox;
+    box->setObjectName(key);
+    const FVOptionRule* rule = FVOptionTable::find(key);
+    box->setRange(int(std::clamp<int64_t>(rule->minimum, 0, INT_MAX)),
+                  int(std::clamp<int64_t>(rule->maximum, 0, INT_MAX)));
+    if (suffixKey) box->setSuffix(" " + localized(suffixKey));
+    numberBoxes_.push_back({key, box});
+    return box;
+}
+
+QWidget* FVOptionsPanel::makeVersionsGroup() {
+    auto* group = new QGroupBox(localized("optionsgroupversions"));
+    auto* column = new QVBoxLayout(group);
     moveChangedFiles_ = checkBox("optionsmovechanged", "moveChangedFiles");
-    purgeRemoved_ = checkBox("optionspurgeremoved", "purgeRemovedArchive");
-    purgeChanged_ = checkBox("optionspurgechanged", "purgeChangedArchive");
-    purgeRemovedDays_ = daysBox("purgeRemovedArchiveDays");
-    purgeChangedDays_ = daysBox("purgeChangedArchiveDays");
-    archivesGrid->addRow(moveDeletedFiles_);
-    archivesGrid->addRow(purgeRemoved_, purgeRemovedDays_);
-    archivesGrid->addRow(moveChangedFiles_);
-    archivesGrid->addRow(purgeChanged_, purgeChangedDays_);
-    checkBoxes_.push_back({FVOptionKey::moveDeletedFiles, moveDeletedFiles_});
-    checkBoxes_.push_back({FVOptionKey::moveChangedFiles, moveChangedFiles_});
-    checkBoxes_.push_back({FVOptionKey::purgeRemovedArchive, purgeRemoved_});
-    checkBoxes_.push_back({FVOptionKey::purgeChangedArchive, purgeChanged_});
+    moveDeletedFiles_ = checkBox("optionsmovedeleted", "moveDeletedFiles");
+    column->addWidget(moveChangedFiles_);
+    column->addWidget(moveDeletedFiles_);
+    column->addWidget(note(localized("optionsversionsnote")));
 
-    // Schedule.
-    auto* schedule = new QGroupBox(localized("optionsgroupschedule"));
-    auto* scheduleForm = new QFormLayout(schedule);
+    retentionEnabled_ = checkBox("optionsretention", "retentionEnabled");
+    column->addSpacing(6);
+    column->addWidget(retentionEnabled_);
+    auto* policy = new QFormLayout;
+    policy->setContentsMargins(20, 0, 0, 0);
+    policy->setFieldGrowthPolicy(QFormLayout::FieldsStayAtSizeHint);
+    retentionBoxes_ = {numberBox(FVOptionKey::retentionKeepAllDays, "optionsdays"),
+                       numberBox(FVOptionKey::retentionDailyWeeks, "optionsweeks"),
+                       numberBox(FVOptionKey::retentionWeeklyMonths, "optionsmonths"),
+                       numberBox(FVOptionKey::retentionMonthlyYears, "optionsyears")};
+    policy->addRow(localized("optionsretentionall"), retentionBoxes_[0]);
+    policy->addRow(localized("optionsretentiondaily"), retentionBoxes_[1]);
+    policy->addRow(localized("optionsretentionweekly"), retentionBoxes_[2]);
+    policy->addRow(localized("optionsretentionmonthly"), retentionBoxes_[3]);
+    column->addLayout(policy);
+    column->addWidget(note(localized("optionsretentionnote")));
+
+    purgeChanged_ = checkBox("optionspurgechanged", "purgeChangedArchive");
+    purgeRemoved_ = checkBox("optionspurgeremoved", "purgeRemovedArchive");
+    purgeChangedDays_ = numberBox(FVOptionKey::purgeChangedArchiveDays, "optionsdays");
+    purgeRemovedDays_ = numberBox(FVOptionKey::purgeRemovedArchiveDays, "optionsdays");
+    column->addSpacing(6);
+    column->addLayout(row(purgeChanged_, purgeChangedDays_));
+    column->addLayout(row(purgeRemoved_, purgeRemovedDays_));
+    column->addStretch();
+    checkBoxes_.insert(checkBoxes_.end(), {{FVOptionKey::moveChangedFiles, moveChangedFiles_},
+                                           {FVOptionKey::moveDeletedFiles, moveDeletedFiles_},
+                                           {FVOptionKey::retentionEnabled, retentionEnabled_},
+                                           {FVOptionKey::purgeChangedArchive, purgeChanged_},
+                                           {FVOptionKey::purgeRemovedArchive, purgeRemoved_}});
+    return group;
+}
+
+QWidget* FVOptionsPanel::makeDiskSpaceGroup() {
+    auto* group = new QGroupBox(localized("optionsgroupdiskspace"));
+    auto* column = new QVBoxLayout(group);
+    keepFreeSpace_ = checkBox("optionskeepfree", "keepFreeSpace");
+    keepFreeSpaceMB_ = numberBox(FVOptionKey::keepFreeSpaceMB, "optionsmb");
+    keepFreeSpaceMB_->setSpecialValueText(localized("optionsautomatic"));
+    keepFreeSpaceMB_->setSingleStep(1024);
+    QCheckBox* purgeOldest = checkBox("optionspurgeoldest", "purgeOldestForSpace");
+    column->addLayout(row(keepFreeSpace_, keepFreeSpaceMB_));
+    column->addWidget(purgeOldest);
+    column->addWidget(note(localized("optionsdiskspacenote")));
+    checkBoxes_.insert(checkBoxes_.end(), {{FVOptionKey::keepFreeSpace, keepFreeSpace_},
+                                           {FVOptionKey::purgeOldestForSpace, purgeOldest}});
+    return group;
+}
+
+QWidget* FVOptionsPanel::makeScheduleGroup(bool runningAsRoot) {
+    auto* group = new QGroupBox(localized("optionsgroupschedule"));
+    auto* column = new QVBoxLayout(group);
     automationEnabled_ = checkBox("optionsautomationenabled", "automationEnabled");
     automationInterval_ = new QComboBox;
     automationInterval_->setObjectName("automationInterval");
@@ -96,50 +178,90 @@ FVOptionsPanel::FVOptionsPanel(QWidget* window, FVOptionsPanelController& contro
     automationTime_->setObjectName("automationTime");
     automationTime_->setDisplayFormat("HH:mm");
     auto* when = new QHBoxLayout;
+    when->setContentsMargins(20, 0, 0, 0);
     when->addWidget(automationInterval_);
     when->addWidget(automationWeekday_);
     when->addWidget(new QLabel(localized("optionsat")));
     when->addWidget(automationTime_);
     when->addStretch();
-    automationDescription_ = new QLabel;
-    automationDescription_->setObjectName("automationDescription");
-    automationDescription_->setWordWrap(true);
-    automationDescription_->setForegroundRole(QPalette::PlaceholderText);
-    automationDescription_->setText(localized(runningAsRoot ? "SuperUserAutomationNote" : "optionsautomationnote"));
-    scheduleForm->addRow(automationEnabled_);
-    scheduleForm->addRow(when);
-    scheduleForm->addRow(automationDescription_);
+    column->addWidget(automationEnabled_);
+    column->addLayout(when);
+
+    backUpWhenConnected_ = checkBox("optionsbackupwhenconnected", "backUpWhenConnected");
+    connectedInterval_ = numberBox(FVOptionKey::connectedRunIntervalMinutes, "optionsminutes");
+    connectedInterval_->setSpecialValueText(localized("optionseverytime"));
+    connectedInterval_->setSingleStep(15);
+    auto* interval = new QHBoxLayout;
+    interval->setContentsMargins(20, 0, 0, 0);
+    interval->addWidget(new QLabel(localized("optionsconnectedinterval")));
+    interval->addWidget(connectedInterval_);
+    interval->addStretch();
+    column->addWidget(backUpWhenConnected_);
+    column->addLayout(interval);
+    checkBoxes_.push_back({FVOptionKey::backUpWhenConnected, backUpWhenConnected_});
+
+    overdueDays_ = numberBox(FVOptionKey::overdueDays, "optionsdays");
+    overdueDays_->setSpecialValueText(localized("optionsnever"));
+    auto* overdueLine = new QHBoxLayout;
+    overdueLine->addWidget(new QLabel(localized("optionsoverdue")));
+    overdueLine->addWidget(overdueDays_);
+    overdueLine->addStretch();
+    column->addLayout(overdueLine);
+
     QCheckBox* verifyMonthly = checkBox("optionsverifymonthly", "automationVerifyMonthly");
     checkBoxes_.push_back({FVOptionKey::automationVerifyMonthly, verifyMonthly});
-    scheduleForm->addRow(verifyMonthly);
+    column->addWidget(verifyMonthly);
+    QLabel* description = note(localized(runningAsRoot ? "SuperUserAutomationNote" : "optionsautomationnote"));
+    description->setObjectName("automationDescription");
+    column->addWidget(description);
+    column->addStretch();
+    return group;
+}
 
-    auto* buttons = new QDialogButtonBox;
-    buttons->addButton(localized("closebutton"), QDialogButtonBox::AcceptRole);
-    connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
+QWidget* FVOptionsPanel::makeCopyingGroup() {
+    auto* group = new QGroupBox(localized("optionsgroupcopying"));
+    auto* form = new QFormLayout(group);
+    form->setFieldGrowthPolicy(QFormLayout::FieldsStayAtSizeHint);
+    syncMode_ = new QComboBox;
+    syncMode_->setObjectName("syncMode");
+    syncMode_->addItem(localized("optionssyncmodefolder"), 1);
+    syncMode_->addItem(localized("optionssyncmoderebuild"), 0);
+    form->addRow(localized("optionssyncmode"), syncMode_);
+    form->addRow(localized("optionsmaxthreads"), numberBox(FVOptionKey::maxThreads, nullptr));
+    const std::pair<const char*, QCheckBox*> boxes[] = {
+        {FVOptionKey::ignoreFileFlagChanges, checkBox("optionsignoreflags", "ignoreFileFlagChanges")},
+        {FVOptionKey::disableACLClone, checkBox("optionsdisableacl", "disableACLClone")},
+        {FVOptionKey::preallocate, checkBox("optionspreallocate", "preallocate")},
+        {FVOptionKey::excludeSymlinks, checkBox("optionsexcludesymlinks", "excludeSymlinks")},
+        {FVOptionKey::performExtendedLogging, checkBox("optionsextendedlogging", "performExtendedLogging")},
+    };
+    for (const auto& entry : boxes) {
+        form->addRow(entry.second);
+        checkBoxes_.push_back(entry);
+    }
+    return group;
+}
 
-    auto* layout = new QVBoxLayout(this);
-    auto* columns = new QHBoxLayout;
-    columns->addWidget(copying, 1);
-    columns->addWidget(archives, 1);
-    layout->addLayout(columns);
-    layout->addWidget(schedule);
-    layout->addWidget(buttons);
-
-    load();
-    for (QCheckBox* box : {moveDeletedFiles_, moveChangedFiles_, purgeRemoved_, purgeChanged_, automationEnabled_})
-        connect(box, &QCheckBox::toggled, this, &FVOptionsPanel::updateEnabledState);
-    connect(automationInterval_, &QComboBox::currentIndexChanged, this, &FVOptionsPanel::updateEnabledState);
-    updateEnabledState();
+// As large as the content where the screen allows it; on a smaller screen the content scrolls.
+void FVOptionsPanel::fitToScreen(QWidget* content, QWidget* buttons) {
+    const QScreen* screen = parentWidget() ? parentWidget()->screen() : QGuiApplication::primaryScreen();
+    const QRect available = screen->availableGeometry();
+    const QMargins margins = layout()->contentsMargins();
+    const int scrollBar = style()->pixelMetric(QStyle::PM_ScrollBarExtent);
+    const QSize wanted = content->sizeHint();
+    const int width = wanted.width() + margins.left() + margins.right() + scrollBar;
+    const int height = wanted.height() + buttons->sizeHint().height() + layout()->spacing() + margins.top() +
+                       margins.bottom() + scrollBar;
+    resize(std::min(width, available.width() * 9 / 10), std::min(height, available.height() * 9 / 10));
 }
 
 void FVOptionsPanel::load() {
     const PlistDict& options = *controller_.allOptions();
     for (auto& [key, box] : checkBoxes_) box->setChecked(options.boolValue(key));
+    for (auto& [key, box] : numberBoxes_)
+        box->setValue(int(std::clamp<int64_t>(options.integerValue(key), box->minimum(), box->maximum())));
     automationEnabled_->setChecked(options.boolValue(FVOptionKey::automationEnabled));
     syncMode_->setCurrentIndex(options.integerValue(FVOptionKey::syncMode) != 0 ? 0 : 1);
-    maxThreads_->setValue(int(options.integerValue(FVOptionKey::maxThreads)));
-    purgeRemovedDays_->setValue(int(options.integerValue(FVOptionKey::purgeRemovedArchiveDays)));
-    purgeChangedDays_->setValue(int(options.integerValue(FVOptionKey::purgeChangedArchiveDays)));
     automationTime_->setTime(QTime(int(options.integerValue(FVOptionKey::automationTimeHours)) % 24,
                                    int(options.integerValue(FVOptionKey::automationTimeMinutes)) % 60));
     automationInterval_->setCurrentIndex(options.integerValue(FVOptionKey::automationIntervalSelection) != 0 ? 1 : 0);
@@ -156,12 +278,10 @@ void FVOptionsPanel::store() {
         // Keys the user never touched stay absent, as before the sheet was opened.
         if (options.contains(key) || box->isChecked()) setInteger(key, box->isChecked() ? 1 : 0);
     }
+    for (auto& [key, box] : numberBoxes_) setInteger(key, box->value());
     if (options.contains(FVOptionKey::automationEnabled) || automationEnabled_->isChecked())
         setInteger(FVOptionKey::automationEnabled, automationEnabled_->isChecked() ? 1 : 0);
     setInteger(FVOptionKey::syncMode, syncMode_->currentData().toInt());
-    setInteger(FVOptionKey::maxThreads, maxThreads_->value());
-    setInteger(FVOptionKey::purgeRemovedArchiveDays, purgeRemovedDays_->value());
-    setInteger(FVOptionKey::purgeChangedArchiveDays, purgeChangedDays_->value());
     setInteger(FVOptionKey::automationTimeHours, automationTime_->time().hour());
     setInteger(FVOptionKey::automationTimeMinutes, automationTime_->time().minute());
     if (automationEnabled_->isChecked() || options.contains(FVOptionKey::automationIntervalSelection)) {
@@ -176,10 +296,15 @@ void FVOptionsPanel::updateEnabledState() {
     purgeRemovedDays_->setEnabled(moveDeletedFiles_->isChecked() && purgeRemoved_->isChecked());
     purgeChanged_->setEnabled(moveChangedFiles_->isChecked());
     purgeChangedDays_->setEnabled(moveChangedFiles_->isChecked() && purgeChanged_->isChecked());
-    bool automation = automationEnabled_->isChecked();
+    for (QSpinBox* box : retentionBoxes_) box->setEnabled(retentionEnabled_->isChecked());
+    keepFreeSpaceMB_->setEnabled(keepFreeSpace_->isChecked());
+    const bool automation = automationEnabled_->isChecked();
     automationInterval_->setEnabled(automation);
     automationTime_->setEnabled(automation);
     automationWeekday_->setEnabled(automation && automationInterval_->currentData().toInt() != 0);
+    connectedInterval_->setEnabled(backUpWhenConnected_->isChecked());
+    // Only runs that start by themselves can be missed.
+    overdueDays_->setEnabled(automation || backUpWhenConnected_->isChecked());
 }
 
 void FVOptionsPanel::done(int result) {

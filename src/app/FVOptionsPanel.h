@@ -1,6 +1,8 @@
 #pragma once
-// The options sheet: the run options, the archive ages and the schedule of the open destination,
-// edited in FVOptionsPanelController's live dictionary when the sheet is closed.
+// The options sheet of the open destination, grouped by what each setting keeps: the versions a
+// run keeps and for how long, the room it leaves on the disk, when runs start by themselves, and
+// how it copies. Edits FVOptionsPanelController's live dictionary when the sheet is closed. The
+// content scrolls, so that the sheet fits a small screen.
 
 #include <QDialog>
 
@@ -12,6 +14,7 @@ class QComboBox;
 class QLabel;
 class QSpinBox;
 class QTimeEdit;
+class QWidget;
 
 namespace ferrovane {
 
@@ -24,25 +27,38 @@ public:
     void done(int result) override;
 
 private:
+    QWidget* makeCopyingGroup();
+    QWidget* makeVersionsGroup();
+    QWidget* makeDiskSpaceGroup();
+    QWidget* makeScheduleGroup(bool runningAsRoot);
+    // A box for a number option, with the option's own limits.
+    QSpinBox* numberBox(const char* key, const char* suffixKey);
+    void fitToScreen(QWidget* content, QWidget* buttons);
     void load();
     void store();
     void updateEnabledState();
 
     FVOptionsPanelController& controller_;
     std::vector<std::pair<const char*, QCheckBox*>> checkBoxes_;
+    std::vector<std::pair<const char*, QSpinBox*>> numberBoxes_;
     QComboBox* syncMode_;
-    QSpinBox* maxThreads_;
     QCheckBox* moveDeletedFiles_;
     QCheckBox* moveChangedFiles_;
     QCheckBox* purgeRemoved_;
     QCheckBox* purgeChanged_;
     QSpinBox* purgeRemovedDays_;
     QSpinBox* purgeChangedDays_;
+    QCheckBox* retentionEnabled_;
+    std::vector<QSpinBox*> retentionBoxes_;
+    QCheckBox* keepFreeSpace_;
+    QSpinBox* keepFreeSpaceMB_;
     QCheckBox* automationEnabled_;
     QTimeEdit* automationTime_;
     QComboBox* automationInterval_;
     QComboBox* automationWeekday_;
-    QLabel* automationDescription_;
+    QCheckBox* backUpWhenConnected_;
+    QSpinBox* connectedInterval_;
+    QSpinBox* overdueDays_;
 };
 
 }  // namespace ferrovane

@@ -8,6 +8,7 @@
 #include "app/FVErrorPanel.h"
 #include "app/FVMainWindow.h"
 #include "app/FVOptionsPanel.h"
+#include "app/FVOverdueBanner.h"
 #include "app/FVRestoreController.h"
 #include "app/FVSingleInstance.h"
 #include "app/FVSourceListModel.h"
@@ -16,6 +17,7 @@
 #include "app/FVVerifySheet.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVStrings.h"
+#include "scheduling/FVJobStatus.h"
 #include "support/RecordedRun.h"
 #include "support/TempDir.h"
 #include "support/TreeLiteral.h"
@@ -29,6 +31,7 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QSettings>
+#include <QSpinBox>
 #include <QSignalSpy>
 #include <QTimeEdit>
 #include <QTest>
@@ -48,9 +51,12 @@ class RecordingRunner final : public FVCommandRunner {
 public:
     FVCommandResult run(const std::vector<std::string>& argv) override {
         calls.push_back(argv);
+        if (!failWith.empty() && argv[0] == "systemctl") return {true, 1, failWith};
         return {true, 0, ""};
     }
     std::vector<std::vector<std::string>> calls;
+    // systemctl fails with this when set, as without a service manager.
+    std::string failWith;
 };
 
 // How long a condition the window reaches by itself may take on a loaded machine: a wait ends as
@@ -98,12 +104,13 @@ private:
 
     AppController& launch(bool root = false) {
         app_.reset();
-        app_ = std::make_unique<AppController>(AppEnvironment{root, runner_, nullptr});
+        app_ = std::make_unique<AppController>(AppEnvironment{root, runner_, nullptr, statusFolder()});
         app_->initialiseApplication();
         return *app_;
     }
 
     FVCoverView* cover() { return app_->window()->coverView(); }
+    std::string statusFolder() const { return *home_ / "state"; }
     QString cell(int row, int column) {
         QAbstractItemModel* model = app_->window()->sourceListView()->model();
         return model->data(model->index(row, column), Qt::DisplayRole).toString();
@@ -158,6 +165,7 @@ private slots:
     void init() {
         work_ = std::make_unique<TempDir>();
         fs::remove_all(*home_ / "jobs");
+        fs::remove_all(*home_ / "state");
         QSettings settings;
         settings.clear();
         settings.setValue("suppressDonationRequest", true);
@@ -176,6 +184,10 @@ private slots:
         QVERIFY(!openDialog(app_->window()));
         QCOMPARE(cover()->message(), text("viewnobackupselected"));
         QVERIFY(!app_->window()->startButton()->isEnabled() && !app_->window()->optionsButton()->isEnabled());
+        // Help > About only tells: Escape closes it.
+        app_->window()->aboutAction()->trigger();
+        QTest::keyClick(awaitDialog("aboutBox"), Qt::Key_Escape);
+        QTRY_VERIFY_WITH_TIMEOUT(!openDialog(app_->window(), "aboutBox"), kPatience);
 
         std::string a = makeDir("A"), b = makeDir("B");
         openDestination(a);
@@ -183,6 +195,9 @@ private slots:
         PlistDict written = readSettingsOf(a);
         for (const auto& [key, value] : FVConfigurationFile::defaultOptions())
             QCOMPARE(written.integerValue(key), value);
+        // It keeps versions, thins them out and keeps room on the disk.
+        for (const char* key : {FVOptionKey::moveChangedFiles, FVOptionKey::retentionEnabled, FVOptionKey::keepFreeSpace})
+            QVERIFY2(written.boolValue(key), key);
         QVERIFY(readSourcesOf(a).empty());
         QVERIFY(app_->window()->startButton()->isEnabled());
 
@@ -248,6 +263,11 @@ private slots:
         QCOMPARE(app_->backupSetController().count(), size_t(1));
         QCOMPARE(awaitDialog()->text(), text("Ferrovane3UpgradeAlertMessage"));
         awaitDialog()->accept();
+        // An existing file is no new destination: what it never stored stays off, also through the options.
+        app_->window()->optionsButton()->click();
+        awaitDialog<FVOptionsPanel>()->accept();
+        for (const char* key : {FVOptionKey::moveChangedFiles, FVOptionKey::retentionEnabled, FVOptionKey::keepFreeSpace})
+            QVERIFY2(!readSettingsOf(legacy).contains(key), key);
 
         // A destination set up by root stays closed to other users.
         PlistDict rootOnly;
@@ -525,9 +545,10 @@ private slots:
         std::string destination = makeDir("B");
         launch();
         openDestination(destination);
-        // A weekly schedule on Friday at 03:30.
+        QCOMPARE(app_->window()->scheduleLine()->text(), text("schedulelineoff"));
+        // A weekly schedule on Friday at 03:30, and a run whenever the disk comes, at most every two hours.
         app_->window()->optionsButton()->click();
-        auto* panel = app_->window()->findChild<FVOptionsPanel*>();
+        auto* panel = awaitDialog<FVOptionsPanel>();
         panel->findChild<QCheckBox*>("automationEnabled")->setChecked(true);
         auto* interval = panel->findChild<QComboBox*>("automationInterval");
         interval->setCurrentIndex(interval->findData(1));
@@ -535,6 +556,13 @@ private slots:
         weekday->setCurrentIndex(weekday->findData(5));
         panel->findChild<QTimeEdit*>("automationTime")->setTime(QTime(3, 30));
         panel->findChild<QCheckBox*>("automationVerifyMonthly")->setChecked(true);
+        panel->findChild<QCheckBox*>("backUpWhenConnected")->setChecked(true);
+        panel->findChild<QSpinBox*>(FVOptionKey::connectedRunIntervalMinutes)->setValue(120);
+        panel->findChild<QSpinBox*>(FVOptionKey::overdueDays)->setValue(3);
+        panel->findChild<QSpinBox*>(FVOptionKey::retentionDailyWeeks)->setValue(8);
+        auto* keepFree = panel->findChild<QSpinBox*>(FVOptionKey::keepFreeSpaceMB);
+        QCOMPARE(keepFree->text(), text("optionsautomatic"));  // 0 reads as what it means
+        keepFree->setValue(2048);
         panel->accept();
 
         std::string uuid = app_->optionsPanelController().uuid();
@@ -547,12 +575,92 @@ private slots:
         PlistDict stored = readSettingsOf(destination);
         QCOMPARE(stored.integerValue(FVOptionKey::automationWeekdaySelection), 5);
         QCOMPARE(stored.stringValue(FVOptionKey::UUID).value_or(""), uuid);
+        QVERIFY(stored.boolValue(FVOptionKey::backUpWhenConnected));
+        QCOMPARE(stored.integerValue(FVOptionKey::connectedRunIntervalMinutes), 120);
+        QCOMPARE(stored.integerValue(FVOptionKey::overdueDays), 3);
+        QCOMPARE(stored.integerValue(FVOptionKey::retentionDailyWeeks), 8);
+        QCOMPARE(stored.integerValue(FVOptionKey::keepFreeSpaceMB), 2048);
+        QString line = app_->window()->scheduleLine()->text();
+        QVERIFY2(line.contains("weekly on Friday at 03:30 and when the disk is connected, at most once in 2 hours") &&
+                     line.contains("Last scheduled run: none yet"), qPrintable(line));
+
+        // A schedule that cannot be set up is told once per reason, with the commands that load it by hand.
+        auto closeOptions = [this] {
+            app_->window()->optionsButton()->click();
+            awaitDialog<FVOptionsPanel>()->accept();
+        };
+        runner_->failWith = "Failed to connect to bus";
+        closeOptions();
+        QMessageBox* alert = awaitDialog("alert-automationfailed");
+        QVERIFY(alert->informativeText().contains("Failed to connect to bus"));
+        QVERIFY2(alert->informativeText().contains(QString::fromStdString("enable --now " + label + ".timer")),
+                 qPrintable(alert->informativeText()));
+        alert->accept();
+        closeOptions();
+        QVERIFY(!openDialog(app_->window(), "alert-automationfailed"));
+        // Once it worked again, a new failure is told again.
+        runner_->failWith.clear();
+        closeOptions();
+        runner_->failWith = "Failed to connect to bus";
+        closeOptions();
+        awaitDialog("alert-automationfailed")->accept();
+        runner_->failWith.clear();
 
         // Removing the destination removes its job.
         app_->removeTargetWidgetClicked();
-        clickButton(openDialog(app_->window()), "removebutton");
+        clickButton(awaitDialog(), "removebutton");
         QTRY_VERIFY_WITH_TIMEOUT(!fs::exists(*home_ / ("jobs/" + label + ".timer")), kPatience);
         QVERIFY(!fs::exists(verifyTimer));
+    }
+
+    void anOverdueDestinationShowsItsBannerUntilAGoodRun() {
+        std::string destination = makeDir("Disk"), source = makeDir("Letters");
+        ferrovane::test::writeFile(source + "/a", "a");
+        const std::string uuid = "0A1B2C3D-0000-4000-8000-000000000001";
+        PlistDictPtr options = FVConfigurationFile::newDestinationOptions();
+        options->set(FVOptionKey::UUID, uuid);
+        options->set(FVOptionKey::automationEnabled, int64_t(1));  // daily at 14:00
+        FVConfigurationFile::writeSettingsForSourceConfiguration({FVSourceItem::make(source, FVSourceMode::Backup)}, *options,
+                                                                 FVConfigurationFile::currentPath(destination));
+        // The last good run ten days ago, the schedule's last attempt yesterday without the disk.
+        const std::time_t now = std::time(nullptr);
+        FVJobStatusStore store(statusFolder());
+        QVERIFY(store.record(uuid, destination, {now - 10 * 86400, FVJobTrigger::Schedule, FVJobOutcome::Finished, ""}));
+        QVERIFY(store.record(uuid, destination, {now - 86400, FVJobTrigger::Schedule, FVJobOutcome::NotConnected, ""}));
+        launch();
+        openDestination(destination);
+        FVOverdueBanner* banner = app_->window()->overdueBanner();
+        QVERIFY(banner->isVisibleTo(app_->window()));
+        QVERIFY2(banner->text().startsWith(QString::fromStdString("No backup to " + destination + " since ")) &&
+                     banner->text().endsWith("(10 days): the disk was not connected."),
+                 qPrintable(banner->text()));
+        QVERIFY(app_->window()->scheduleLine()->text().contains("daily at 14:00"));
+        QVERIFY(app_->window()->scheduleLine()->text().contains("not-connected"));
+        const QString notice = banner->text();
+
+        // With the disk away, its job's status still tells, without a button that cannot run.
+        fs::rename(destination, destination + ".away");
+        launch();
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationunavailable"), kPatience);
+        banner = app_->window()->overdueBanner();
+        QCOMPARE(banner->text(), notice);
+        QVERIFY(!banner->backUpNowButton()->isVisibleTo(banner));
+        fs::rename(destination + ".away", destination);
+        launch();
+        QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
+        banner = app_->window()->overdueBanner();
+        QVERIFY(banner->backUpNowButton()->isVisibleTo(banner));
+
+        // Its Back Up Now runs; the good run ends the notice and is kept as the window's.
+        QSignalSpy ended(app_.get(), &AppController::runEnded);
+        banner->backUpNowButton()->click();
+        QVERIFY(ended.wait(kPatience));
+        QVERIFY(!banner->isVisibleTo(app_->window()));
+        std::optional<FVJobStatus> status = store.read(uuid);
+        QVERIFY(status && status->lastAttempt && status->lastAttempt->trigger == FVJobTrigger::Manual);
+        QVERIFY(status->lastAttempt->outcome == FVJobOutcome::Finished && status->lastSuccess >= now);
+        // The schedule's own last attempt is still the one it tells.
+        QVERIFY(app_->window()->scheduleLine()->text().contains("not-connected"));
     }
 
     void sourcesComeFromPlusOrFromASecondStart() {
