@@ -282,11 +282,20 @@ void AppController::handleCancel() {
     std::vector<std::string> errors = backupSession_->errorMessages();
     FVSyncingBackup* job = backupSession_->syncingBackup();
     const long long copied = job ? job->currentUpdateCount() : 0;
+    // Nobody stopped a run that could not fit: it says why, and the schedule knows the disk is full.
+    const bool noRoom = backupSession_->stoppedForSpace();
     recordRunOutcome(FVRunOutcome::State::Stopped, errors);
-    recordJobAttempt(FVJobOutcome::Stopped, "stopped in the window");
+    if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, backupSession_->refusal());
+    else recordJobAttempt(FVJobOutcome::Stopped, "stopped in the window");
     updateScheduleState();
     FVUserNotification notification{"Sync canceled: " + FVText::lastPathComponent(currentTargetPath_), "", ""};
-    if (!errors.empty()) notification.subtitle = fmt::format("{} Errors occurred, please check log.", errors.size());
+    if (noRoom) {
+        notification = {"Backup not started: not enough room on " + FVText::lastPathComponent(currentTargetPath_), "",
+                        backupSession_->refusal(), false, true};
+        cover->setMessage(QString::fromStdString(backupSession_->refusal()));
+    } else if (!errors.empty()) {
+        notification.subtitle = fmt::format("{} Errors occurred, please check log.", errors.size());
+    }
     notifyUnlessActive(notification);
 
     backupIsRunning_ = false;

@@ -651,8 +651,19 @@ private slots:
         banner = app_->window()->overdueBanner();
         QVERIFY(banner->backUpNowButton()->isVisibleTo(banner));
 
-        // Its Back Up Now runs; the good run ends the notice and is kept as the window's.
+        // A run that cannot fit tells why (nobody stopped it), and the disk counts as full.
         QSignalSpy ended(app_.get(), &AppController::runEnded);
+        app_->optionsPanelController().allOptions()->set(FVOptionKey::keepFreeSpaceMB, int64_t{1} << 40);
+        banner->backUpNowButton()->click();
+        QVERIFY(ended.wait(kPatience));
+        QVERIFY2(cover()->message().startsWith("Not enough room on "), qPrintable(cover()->message()));
+        QVERIFY(store.read(uuid)->lastAttempt->outcome == FVJobOutcome::NoSpace);
+        auto* panel = app_->window()->findChild<FVErrorPanel*>();
+        QVERIFY(panel && panel->text().contains("Not enough room"));
+        panel->accept();
+        app_->optionsPanelController().allOptions()->set(FVOptionKey::keepFreeSpaceMB, int64_t{0});
+
+        // Its Back Up Now runs; the good run ends the notice and is kept as the window's.
         banner->backUpNowButton()->click();
         QVERIFY(ended.wait(kPatience));
         QVERIFY(!banner->isVisibleTo(app_->window()));
