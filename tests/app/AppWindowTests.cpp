@@ -653,7 +653,7 @@ private slots:
 
         // A run that cannot fit tells why (nobody stopped it), and the disk counts as full.
         QSignalSpy ended(app_.get(), &AppController::runEnded);
-        app_->optionsPanelController().allOptions()->set(FVOptionKey::keepFreeSpaceMB, int64_t{1} << 40);
+        app_->optionsPanelController().allOptions()->set(FVOptionKey::keepFreeSpaceMB, int64_t{1000000000});
         banner->backUpNowButton()->click();
         QVERIFY(ended.wait(kPatience));
         QVERIFY2(cover()->message().startsWith("Not enough room on "), qPrintable(cover()->message()));

@@ -81,6 +81,7 @@ TEST_F(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
     EXPECT_EQ(config({"remove", "/old"}).exitStatus, 1);
     EXPECT_EQ(config({"set", "maxThreads", "4"}).exitStatus, 0);
     EXPECT_EQ(config({"set", "preallocate", "yes"}).exitStatus, 0);
+    EXPECT_EQ(config({"set", "keepFreeSpaceMB", "1000000000"}).exitStatus, 0);  // the largest reserve
     EXPECT_EQ(config({"confirm-empty", "/home/me/Documents"}).exitStatus, 0);
     ProcessResult retention = config({"retention", "3", "2", "1", "10"});
     EXPECT_EQ(retention.exitStatus, 0) << retention.err;
@@ -307,7 +308,7 @@ TEST_F(ConfigCommand, TheUnitsCommandLinesRecordEveryAttempt) {
     writeFile(source + "/b.txt", "new");
     c.settings->set("maxThreads", int64_t{2});
     c.settings->set("keepFreeSpace", true);
-    c.settings->set("keepFreeSpaceMB", int64_t{1} << 40);
+    c.settings->set("keepFreeSpaceMB", int64_t{1000000000});
     ASSERT_TRUE(FVConfigurationFile::writeSettingsForSourceConfiguration(c.sources, *c.settings, settingsPath()));
     EXPECT_EQ(run().exitStatus, 1);
     const FVJobAttempt full = store.read(uuid)->lastAttempt.value_or(FVJobAttempt{});

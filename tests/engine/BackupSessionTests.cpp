@@ -212,7 +212,7 @@ TEST_F(BackupSessionTest, ADryRunReportsEachDecisionAndChangesNothing) {
 
 TEST_F(BackupSessionTest, ARunThatCannotFitStopsBeforeCopyingAndACancelWhileItLooksAheadWritesNothing) {
     options.keepFreeSpace = true;
-    options.keepFreeSpaceMB = int64_t{1} << 40;  // a reserve beyond any disk: the run looks ahead and cannot fit
+    options.keepFreeSpaceMB = int64_t{1000000000};  // a reserve beyond any disk: the run looks ahead and cannot fit
     auto set = items({{"one", FVSourceMode::Backup}});
     FVBackupSession session;
     Recorder recorder;
