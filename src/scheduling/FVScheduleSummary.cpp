@@ -15,6 +15,21 @@ std::string intervalText(int64_t minutes) {
     return fmt::format("at most once in {} minutes", minutes);
 }
 
+// How an attempt ended, in the words a person reads; scripts get the stable names in JSON.
+const char* outcomeWords(FVJobOutcome outcome) {
+    switch (outcome) {
+    case FVJobOutcome::Finished: return "finished";
+    case FVJobOutcome::Warnings: return "finished with warnings";
+    case FVJobOutcome::Errors: return "finished with errors";
+    case FVJobOutcome::Stopped: return "stopped";
+    case FVJobOutcome::Failed: return "failed";
+    case FVJobOutcome::NotConnected: return "the disk was not connected";
+    case FVJobOutcome::NoSpace: return "not enough room on the disk";
+    case FVJobOutcome::Skipped: return "skipped, a backup was recent enough";
+    }
+    return "failed";
+}
+
 }  // namespace
 
 std::string FVScheduleSummary::localTimeText(std::time_t at) {
@@ -60,7 +75,7 @@ FVScheduleSummary FVScheduleSummary::of(const FVOptions& options, const std::opt
                                     : (connected.empty() ? calendar : calendar + " and " + connected);
     if (status && status->lastScheduledAttempt) {
         const FVJobAttempt& last = *status->lastScheduledAttempt;
-        summary.lastScheduledRun = localTimeText(last.time) + ", " + jobOutcomeName(last.outcome);
+        summary.lastScheduledRun = localTimeText(last.time) + ", " + outcomeWords(last.outcome);
         if (!last.message.empty()) summary.lastScheduledRun += ": " + last.message;
     } else {
         summary.lastScheduledRun = "none yet";

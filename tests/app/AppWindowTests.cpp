@@ -635,7 +635,7 @@ private slots:
                      banner->text().endsWith("(10 days): the disk was not connected."),
                  qPrintable(banner->text()));
         QVERIFY(app_->window()->scheduleLine()->text().contains("daily at 14:00"));
-        QVERIFY(app_->window()->scheduleLine()->text().contains("not-connected"));
+        QVERIFY(app_->window()->scheduleLine()->text().contains("the disk was not connected"));
         const QString notice = banner->text();
 
         // With the disk away, its job's status still tells, without a button that cannot run.
@@ -671,7 +671,7 @@ private slots:
         QVERIFY(status && status->lastAttempt && status->lastAttempt->trigger == FVJobTrigger::Manual);
         QVERIFY(status->lastAttempt->outcome == FVJobOutcome::Finished && status->lastSuccess >= now);
         // The schedule's own last attempt is still the one it tells.
-        QVERIFY(app_->window()->scheduleLine()->text().contains("not-connected"));
+        QVERIFY(app_->window()->scheduleLine()->text().contains("the disk was not connected"));
     }
 
     void sourcesComeFromPlusOrFromASecondStart() {

@@ -285,7 +285,7 @@ TEST_F(ConfigCommand, TheUnitsCommandLinesRecordEveryAttempt) {
     ProcessResult shown = config({"schedule"});
     EXPECT_EQ(shown.exitStatus, 0) << shown.err;
     EXPECT_NE(shown.out.find("Next run: "), std::string::npos) << shown.out;
-    EXPECT_NE(shown.out.find(", not-connected\n"), std::string::npos) << shown.out;
+    EXPECT_NE(shown.out.find(", the disk was not connected\n"), std::string::npos) << shown.out;
     EXPECT_NE(shown.out.find(label + "-connect (present, not enabled)"), std::string::npos) << shown.out;
     ProcessResult json = config({"schedule", "--json"});
     EXPECT_EQ(jsonQuery(json.out, "d['lastScheduledAttempt']['outcome'], d['jobs'][1]['present'], d['scheduled']"),

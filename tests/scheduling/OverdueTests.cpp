@@ -131,7 +131,7 @@ TEST(ScheduleSummary, SaysWhenRunsStartAndWhenTheNextIsDue) {
     EXPECT_EQ(summary.when, "weekly on Friday at 14:00 and when the disk is connected, at most once an hour");
     ASSERT_TRUE(summary.nextRun);
     EXPECT_EQ(FVScheduleSummary::localTimeText(*summary.nextRun), "Fri 2026-11-20 14:00");
-    EXPECT_EQ(summary.lastScheduledRun, "Tue 2026-11-17 11:06, no-space");
+    EXPECT_EQ(summary.lastScheduledRun, "Tue 2026-11-17 11:06, not enough room on the disk");
     // Today's time already past: tomorrow.
     EXPECT_EQ(FVScheduleSummary::localTimeText(FVScheduleSummary::nextCalendarRun(8, 0, -1, kNow)),
               "Thu 2026-11-19 08:00");
