@@ -43,11 +43,7 @@ void FVArchivePurge::purgeFolder(const std::string& folder, int64_t age) {
             status_.planned("Would purge: " + path);
             continue;
         }
-        int error = destination_.removeItem(path);
-        if (error != 0) {
-            destination_.unlock(path, true);
-            error = destination_.removeItem(path);
-        }
+        const int error = destination_.removeUnlocking(path);
         if (error == 0) {
             status_.log(fmt::format("Removed archive {} (age: {} days)", path, days));
         } else if (status_.stopOnFatalDestinationError(error, "purging", path)) {

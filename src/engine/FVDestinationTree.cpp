@@ -31,6 +31,13 @@ int FVDestinationTree::removeItem(const std::string& path) const {
     return below && !below->empty() ? destination_.removeItem(*below) : EXDEV;
 }
 
+int FVDestinationTree::removeUnlocking(const std::string& path) const {
+    int error = removeItem(path);
+    if (error == 0 || error == ENOENT) return error;
+    unlock(path, true);
+    return removeItem(path);
+}
+
 FVFd FVDestinationTree::openFolder(const std::string& path, bool createMissing, int* error) const {
     auto below = relative(path);
     if (below) return destination_.openFolder(*below, createMissing, error);

@@ -19,6 +19,9 @@ public:
     // The target's missing folders are made by the move itself. Both return 0 or the errno.
     int moveItem(const std::string& from, const std::string& to) const;
     int removeItem(const std::string& path) const;
+    // Removes an archived item that may hold immutable or append-only files: when the plain
+    // removal fails, clears the flags below it and tries once more. 0 or the errno.
+    int removeUnlocking(const std::string& path) const;
     // A descriptor of the folder at an absolute path below the root (see FVConfinedDirectory).
     FVFd openFolder(const std::string& path, bool createMissing, int* error) const;
     // Clears the immutable flag of an item (and, recursively, of all below it).

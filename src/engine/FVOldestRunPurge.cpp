@@ -65,11 +65,7 @@ std::vector<std::string> FVOldestRunPurge::pathsOf(const FVRunPurgeUnit& unit,
 std::string FVOldestRunPurge::remove(const FVRunPurgeUnit& unit, const std::vector<FVArchivedRun>& runs,
                                      const std::function<void(const std::string&)>& log) const {
     for (const std::string& path : pathsOf(unit, runs)) {
-        int error = destination_.removeItem(path);
-        if (error != 0 && error != ENOENT) {
-            destination_.unlock(path, true);
-            error = destination_.removeItem(path);
-        }
+        const int error = destination_.removeUnlocking(path);
         if (error != 0 && error != ENOENT)
             return fmt::format("WARNING: Could not remove {} to make room: {}", path, std::strerror(error));
         log(fmt::format("Removed {} to make room", path));

@@ -29,13 +29,7 @@ void FVRunThinning::run() {
         const bool insideArchive = !removal.record && removal.path != layout.archiveFolder(FVArchiveKind::Changed, removal.stamp) &&
                                    removal.path != layout.archiveFolder(FVArchiveKind::Removed, removal.stamp);
         int error = 0;
-        auto remove = [&] {
-            error = destination_.removeItem(removal.path);
-            if (error != 0) {
-                destination_.unlock(removal.path, true);
-                error = destination_.removeItem(removal.path);
-            }
-        };
+        auto remove = [&] { error = destination_.removeUnlocking(removal.path); };
         // An archived folder keeps its own dates when part of what it holds goes.
         if (insideArchive) destination_.keepingParentDates(removal.path, remove);
         else remove();
