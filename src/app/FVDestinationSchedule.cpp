@@ -1,10 +1,8 @@
 #include "app/FVDestinationSchedule.h"
 
-#include "engine/FVRunRecords.h"
 #include "engine/FVStrings.h"
+#include "scheduling/FVOverdueState.h"
 #include "scheduling/FVScheduleSummary.h"
-
-#include <algorithm>
 
 namespace ferrovane {
 
@@ -25,7 +23,7 @@ FVDestinationSchedule FVDestinationSchedule::of(const std::string& destination, 
     const bool recentInStatus =
         status && status->lastSuccess > 0 && now - status->lastSuccess < options.overdueDays * 86400;
     const bool judged = options.isScheduled() && options.overdueDays > 0 && !recentInStatus;
-    const std::time_t lastGood = judged ? lastGoodRunAt(destination) : 0;
+    const std::time_t lastGood = judged ? FVOverdueState::lastGoodRunAt(destination) : 0;
     shown.overdue = FVOverdueCheck::evaluate(options, destination, status, lastGood, now);
     return shown;
 }
@@ -39,17 +37,6 @@ std::optional<FVOverdueNotice> FVDestinationSchedule::overdueWhileAway(const std
     options.automationEnabled = true;
     options.overdueDays = status->overdueDays;
     return FVOverdueCheck::evaluate(options, destination, status, 0, now);
-}
-
-std::time_t FVDestinationSchedule::lastGoodRunAt(const std::string& destination) {
-    std::time_t newest = 0;
-    for (const FVRunRecord& record : FVRunRecords(destination).list()) {
-        // A run that reported errors on some items is no good backup of them.
-        if (!record.complete() || record.summary->errors > 0) continue;
-        const int64_t finished = record.summary->finishedAtNs / 1000000000;
-        newest = std::max(newest, finished > 0 ? std::time_t(finished) : record.time);
-    }
-    return newest;
 }
 
 }  // namespace ferrovane

@@ -23,8 +23,6 @@ struct FVDestinationSchedule {
     // job recorded, with the overdue limit of its last reachable run.
     static std::optional<FVOverdueNotice> overdueWhileAway(const std::string& destination,
                                                            const std::optional<FVJobStatus>& status, std::time_t now);
-    // When the newest complete run the destination recorded ended; 0 when it recorded none.
-    static std::time_t lastGoodRunAt(const std::string& destination);
 };
 
 }  // namespace ferrovane

@@ -10,14 +10,14 @@ std::time_t FVOverdueState::lastGoodRun() const {
     return std::max(lastGoodAtDestination, status ? status->lastSuccess : std::time_t{0});
 }
 
-std::time_t FVOverdueState::lastGoodRunAt(const std::string& destination, const FVConfiguration& configuration) {
+std::time_t FVOverdueState::lastGoodRunAt(const std::string& destination, const std::vector<FVSourceItemPtr>& sources) {
     const std::vector<FVRunRecord> records = FVRunRecords(destination).list();
     for (auto run = records.rbegin(); run != records.rend(); ++run)
         if (run->complete() && run->summary->errors == 0) return run->time;
     // The record is the better witness: an item's last backup is written after runs with errors too.
     if (!records.empty()) return 0;
     std::optional<double> oldest;
-    for (const FVSourceItemPtr& item : configuration.sources) {
+    for (const FVSourceItemPtr& item : sources) {
         if (item->mode() != FVSourceMode::Backup) continue;
         std::optional<PlistValue> date = item->value(FVSourceKey::lastBackupDate);
         if (!date || !date->is<PlistDate>()) return 0;
@@ -36,7 +36,7 @@ FVOverdueState FVOverdueState::ofDestination(const std::string& destination, con
     state.options = FVOptionTable::read(*configuration.settings).options;
     state.uuid = state.options.UUID;
     if (!state.uuid.empty()) state.status = store.read(state.uuid);
-    state.lastGoodAtDestination = lastGoodRunAt(destination, configuration);
+    state.lastGoodAtDestination = lastGoodRunAt(destination, configuration.sources);
     state.notice = FVOverdueCheck::evaluate(state.options, destination, state.status, state.lastGoodAtDestination, now);
     return state;
 }

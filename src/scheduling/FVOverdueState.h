@@ -10,6 +10,7 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace ferrovane {
 
@@ -37,8 +38,9 @@ struct FVOverdueState {
     static FVOverdueState ofJob(const std::string& uuid, bool startsRuns, const FVJobStatusStore& store,
                                 std::time_t now);
     // The start of the newest complete run without errors in the destination's record; for a
-    // destination without records, the oldest last backup of the items it backs up.
-    static std::time_t lastGoodRunAt(const std::string& destination, const FVConfiguration& configuration);
+    // destination without records, the oldest last backup of the sources it backs up (0 when
+    // none are given).
+    static std::time_t lastGoodRunAt(const std::string& destination, const std::vector<FVSourceItemPtr>& sources = {});
 };
 
 }  // namespace ferrovane

@@ -94,9 +94,9 @@ TEST(OverdueState, TheLastGoodRunIsTheNewestCleanCompleteRecordElseTheLeastRecen
     item("/home/me/a", FVSourceMode::Backup, kNow - 5 * kDay);
     item("/home/me/b", FVSourceMode::Backup, kNow - 2 * kDay);
     item("/home/me/old", FVSourceMode::Disabled, kNow - 90 * kDay);
-    EXPECT_EQ(FVOverdueState::lastGoodRunAt(dir.path(), configuration), kNow - 5 * kDay);
+    EXPECT_EQ(FVOverdueState::lastGoodRunAt(dir.path(), configuration.sources), kNow - 5 * kDay);
     item("/home/me/new", FVSourceMode::Backup, std::nullopt);
-    EXPECT_EQ(FVOverdueState::lastGoodRunAt(dir.path(), configuration), 0) << "a source never backed up";
+    EXPECT_EQ(FVOverdueState::lastGoodRunAt(dir.path(), configuration.sources), 0) << "a source never backed up";
 
     // With records, only a complete run without errors counts; the sources' dates no longer do.
     auto record = [&](std::time_t at, FVManifestOutcome outcome, uint64_t errors) {
@@ -112,7 +112,7 @@ TEST(OverdueState, TheLastGoodRunIsTheNewestCleanCompleteRecordElseTheLeastRecen
     record(kNow - 9 * kDay, FVManifestOutcome::Complete, 0);
     record(kNow - 3 * kDay, FVManifestOutcome::Complete, 2);
     record(kNow - kDay, FVManifestOutcome::Stopped, 0);
-    EXPECT_EQ(FVOverdueState::lastGoodRunAt(dir.path(), configuration), kNow - 9 * kDay);
+    EXPECT_EQ(FVOverdueState::lastGoodRunAt(dir.path(), configuration.sources), kNow - 9 * kDay);
 }
 
 TEST(ScheduleSummary, SaysWhenRunsStartAndWhenTheNextIsDue) {
