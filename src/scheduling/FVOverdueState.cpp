@@ -10,7 +10,8 @@ std::time_t FVOverdueState::lastGoodRun() const {
     return std::max(lastGoodAtDestination, status ? status->lastSuccess : std::time_t{0});
 }
 
-std::time_t FVOverdueState::lastGoodRunAt(const std::string& destination, const std::vector<FVSourceItemPtr>& sources) {
+std::time_t FVOverdueState::lastGoodRunAt(const std::string& destination,
+                                          const std::vector<FVSourceItemPtr>& sources) {
     const std::vector<FVRunRecord> records = FVRunRecords(destination).list();
     for (auto run = records.rbegin(); run != records.rend(); ++run)
         if (run->complete() && run->summary->errors == 0) return run->time;

@@ -40,7 +40,8 @@ struct FVOverdueState {
     // The start of the newest complete run without errors in the destination's record; for a
     // destination without records, the oldest last backup of the sources it backs up (0 when
     // none are given).
-    static std::time_t lastGoodRunAt(const std::string& destination, const std::vector<FVSourceItemPtr>& sources = {});
+    static std::time_t lastGoodRunAt(const std::string& destination,
+                                     const std::vector<FVSourceItemPtr>& sources = {});
 };
 
 }  // namespace ferrovane
