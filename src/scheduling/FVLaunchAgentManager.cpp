@@ -184,7 +184,14 @@ std::string FVLaunchAgentManager::triggeringUnit(const std::string& uuid, FVJobK
     return jobLabel(uuid, kind) + (kind == FVJobKind::Connect ? ".path" : ".timer");
 }
 
-std::vector<std::string> FVLaunchAgentManager::systemctl(std::vector<std::string> args) const {
+bool FVLaunchAgentManager::systemdCanStart(const std::string& executable) {
+    return !executable.empty() && executable.front() == '/' &&
+           std::none_of(executable.begin(), executable.end(), [](unsigned char c) {
+               return c < 0x20 || c == 0x7f || c == '"' || c == '\'' || c == '\\';
+           });
+}
+
+std::vector<std::string> FVLaunchAgentManager::systemctl(std::vector<std::string> args) {
     std::vector<std::string> argv{"systemctl"};
     if (getuid() != 0) argv.push_back("--user");
     argv.insert(argv.end(), args.begin(), args.end());
@@ -278,12 +285,7 @@ std::optional<std::string> FVLaunchAgentManager::systemdServiceUnit(const std::s
         return std::nullopt;
     };
     if (!isValidJobIdentifier(uuid)) return fail("\"" + uuid + "\" is not a usable job identifier");
-    // systemd refuses quotes, backslashes and control characters in the program path itself.
-    bool executableOk = !executable.empty() && executable.front() == '/' &&
-                        std::none_of(executable.begin(), executable.end(), [](unsigned char c) {
-                            return c < 0x20 || c == 0x7f || c == '"' || c == '\'' || c == '\\';
-                        });
-    if (!executableOk) return fail("systemd cannot start the program at \"" + executable + "\"");
+    if (!systemdCanStart(executable)) return fail("systemd cannot start the program at \"" + executable + "\"");
     if (destination.empty() || destination.front() != '/')
         return fail("the destination \"" + destination + "\" is not an absolute path");
     std::string command = execWord(executable);

@@ -52,6 +52,11 @@ public:
     static bool isValidJobIdentifier(const std::string& uuid);
     // One word of an ExecStart= line, every byte that could split or end it escaped.
     static std::string systemdExecWord(std::string_view word);
+    // Whether systemd can start the program at this path: absolute, and without the quotes,
+    // backslashes and control characters it refuses in the program path itself.
+    static bool systemdCanStart(const std::string& executable);
+    // systemctl with args, for the user's own service manager unless run as root.
+    static std::vector<std::string> systemctl(std::vector<std::string> args);
 
     // Writes the job and (re)loads it. True when the files were written and loading succeeded;
     // otherwise false with the reason in error (also sent to the system log).
@@ -98,7 +103,6 @@ public:
 
 private:
     std::vector<std::string> jobFilePaths(const std::string& uuid, FVJobKind kind) const;
-    std::vector<std::string> systemctl(std::vector<std::string> args) const;
     // The unit that systemctl enables: the timer, or the path unit of a connect job.
     static std::string triggeringUnit(const std::string& uuid, FVJobKind kind);
     void unloadJob(const std::string& uuid, FVJobKind kind);

@@ -6,8 +6,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
-
 namespace ferrovane {
 
 namespace {
@@ -30,20 +28,8 @@ FVOverdueCheckUnit::FVOverdueCheckUnit(std::shared_ptr<FVCommandRunner> runner, 
 
 std::string FVOverdueCheckUnit::pathOf(const char* suffix) const { return jobDirectory_ + label + suffix; }
 
-std::vector<std::string> FVOverdueCheckUnit::systemctl(std::vector<std::string> args) const {
-    std::vector<std::string> argv{"systemctl"};
-    if (getuid() != 0) argv.push_back("--user");
-    argv.insert(argv.end(), args.begin(), args.end());
-    return argv;
-}
-
 std::optional<std::string> FVOverdueCheckUnit::serviceUnit(const std::string& executable, std::string* error) {
-    // systemd refuses quotes, backslashes and control characters in the program path itself.
-    const bool startable = !executable.empty() && executable.front() == '/' &&
-                           std::none_of(executable.begin(), executable.end(), [](unsigned char c) {
-                               return c < 0x20 || c == 0x7f || c == '"' || c == '\'' || c == '\\';
-                           });
-    if (!startable) {
+    if (!FVLaunchAgentManager::systemdCanStart(executable)) {
         if (error) *error = "systemd cannot start the program at \"" + executable + "\"";
         return std::nullopt;
     }
@@ -87,18 +73,19 @@ bool FVOverdueCheckUnit::install(std::string* error) {
     if (enabled && sameContent(pathOf(".service"), *service) && sameContent(pathOf(".timer"), timer)) return true;
     if (!FVAtomicFile::write(pathOf(".service"), *service, &reason) || !FVAtomicFile::write(pathOf(".timer"), timer, &reason))
         return fail("Unit write failed! " + reason);
-    FVCommandResult result = runner_->run(systemctl({"daemon-reload"}));
-    if (result.succeeded()) result = runner_->run(systemctl({"enable", "--now", std::string(label) + ".timer"}));
+    FVCommandResult result = runner_->run(FVLaunchAgentManager::systemctl({"daemon-reload"}));
+    if (result.succeeded())
+        result = runner_->run(FVLaunchAgentManager::systemctl({"enable", "--now", std::string(label) + ".timer"}));
     if (!result.succeeded()) return fail("loading the check for overdue backups failed: " + result.error);
     return true;
 }
 
 void FVOverdueCheckUnit::remove() {
     if (access(pathOf(".service").c_str(), F_OK) != 0 && access(pathOf(".timer").c_str(), F_OK) != 0) return;
-    runner_->run(systemctl({"disable", "--now", std::string(label) + ".timer"}));
+    runner_->run(FVLaunchAgentManager::systemctl({"disable", "--now", std::string(label) + ".timer"}));
     unlink(pathOf(".service").c_str());
     unlink(pathOf(".timer").c_str());
-    runner_->run(systemctl({"daemon-reload"}));
+    runner_->run(FVLaunchAgentManager::systemctl({"daemon-reload"}));
 }
 
 }  // namespace ferrovane

@@ -33,7 +33,6 @@ public:
 
 private:
     std::string pathOf(const char* suffix) const;
-    std::vector<std::string> systemctl(std::vector<std::string> args) const;
 
     std::shared_ptr<FVCommandRunner> runner_;
     std::string jobDirectory_;
