@@ -44,9 +44,10 @@ int main(bool json, bool notify) {
     const char* separator = "";
     for (const std::string& uuid : jobs.jobIdentifiers()) {
         // While the disk is away, a job that starts backups (not only verifications) says it is scheduled.
-        const std::string job = jobs.jobDirectory() + FVLaunchAgentManager::jobLabel(uuid);
-        const bool startsRuns = access((job + ".timer").c_str(), F_OK) == 0 ||
-                                access((job + "-connect.path").c_str(), F_OK) == 0;
+        auto written = [&](FVJobKind kind) {
+            return access((jobs.jobDirectory() + FVLaunchAgentManager::triggeringUnit(uuid, kind)).c_str(), F_OK) == 0;
+        };
+        const bool startsRuns = written(FVJobKind::Backup) || written(FVJobKind::Connect);
         FVOverdueState state = FVOverdueState::ofJob(uuid, startsRuns, store, now);
         const bool notified = notify && notifier.tell(state, now);
         if (json) FVOutput::print(stdout, "{}\n  {}", separator, FVOverdueJson::state(state, notified));

@@ -57,6 +57,8 @@ public:
     static bool systemdCanStart(const std::string& executable);
     // systemctl with args, for the user's own service manager unless run as root.
     static std::vector<std::string> systemctl(std::vector<std::string> args);
+    // The unit that systemctl enables: the timer, or the path unit of a connect job.
+    static std::string triggeringUnit(const std::string& uuid, FVJobKind kind);
 
     // Writes the job and (re)loads it. True when the files were written and loading succeeded;
     // otherwise false with the reason in error (also sent to the system log).
@@ -103,8 +105,6 @@ public:
 
 private:
     std::vector<std::string> jobFilePaths(const std::string& uuid, FVJobKind kind) const;
-    // The unit that systemctl enables: the timer, or the path unit of a connect job.
-    static std::string triggeringUnit(const std::string& uuid, FVJobKind kind);
     void unloadJob(const std::string& uuid, FVJobKind kind);
     bool writeJob(const std::string& uuid, FVJobKind kind, const std::string& destination,
                   const FVJobSchedule& schedule, std::string* error);
