@@ -202,9 +202,10 @@ TEST(OldestRunPurge, EveryPointInTimeLeftStaysWhole) {
         ASSERT_FALSE(runs.empty()) << text;
         EXPECT_EQ(runs.back().stamp, original.back().stamp) << text;
         EXPECT_EQ(runs.back().hasArchives(), original.back().hasArchives()) << text;
-        if (!newestComplete.empty())
+        if (!newestComplete.empty()) {
             EXPECT_TRUE(std::any_of(runs.begin(), runs.end(), [&](const FVArchivedRun& r) {
                 return r.stamp == newestComplete && r.record;
             })) << text;
+        }
     }
 }
