@@ -153,7 +153,7 @@ bool FVBackupSession::makeRoom() {
     roomWarnings_ = std::move(verdict.warnings);
     roomNotes_ = std::move(verdict.notes);
     if (cancelRequested_.load()) {
-        cancelBeforeCopying();
+        endCancelled("Sync cancelled before copying.\n");
         return false;
     }
     if (!verdict.fits) {
@@ -255,19 +255,14 @@ void FVBackupSession::stopForSpace(const std::string& problem) {
     if (delegate_) delegate_->backupSessionDidCancel(*this);
 }
 
-void FVBackupSession::cancelBeforeCopying() {
-    FVLog::currentLog().addLogLine("Sync cancelled before copying.\n");
-    FVLog::currentLog().closeLog();
-    setTaskDescription("Cancelled.");
-    progressStep();
-    sleepInhibitor_.release();
-    if (delegate_) delegate_->backupSessionDidCancel(*this);
-}
-
 void FVBackupSession::didCancel() {
     syncingBackup_->flushDestination();
     syncingBackup_->finishRecord(true);
-    FVLog::currentLog().addLogLine("Sync cancelled.\n");
+    endCancelled("Sync cancelled.\n");
+}
+
+void FVBackupSession::endCancelled(const std::string& lastLogLine) {
+    FVLog::currentLog().addLogLine(lastLogLine);
     FVLog::currentLog().closeLog();
     setTaskDescription("Cancelled.");
     progressStep();

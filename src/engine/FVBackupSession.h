@@ -92,7 +92,8 @@ private:
     // The look ahead of a run that may not fit, and the purge it allows; false when the run ended.
     bool makeRoom();
     void stopForSpace(const std::string& problem);
-    void cancelBeforeCopying();
+    // The end of a cancelled run, after lastLogLine; the delegate may destroy this session.
+    void endCancelled(const std::string& lastLogLine);
     // Creates the sync job; from here on the run writes.
     void beginJob();
     void setTaskDescription(std::string text);
