@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <functional>
 #include <map>
@@ -67,12 +68,19 @@ bool FVThinningPlan::list(Folder& folder) const {
             return false;
         }
         std::vector<std::string> names;
-        while (dirent* e = readdir(dir)) {
+        // A listing cut short by an error is not the whole folder: what it missed may be needed.
+        bool whole = true;
+        for (;;) {
+            errno = 0;
+            dirent* e = readdir(dir);
+            if (!e) {
+                whole = errno == 0;
+                break;
+            }
             std::string_view name = e->d_name;
             if (name != "." && name != "..") names.emplace_back(name);
         }
         std::sort(names.begin(), names.end());
-        bool whole = true;
         for (const std::string& name : names) {
             struct stat st {};
             if (fstatat(dirfd(dir), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -89,7 +97,9 @@ bool FVThinningPlan::list(Folder& folder) const {
             if (S_ISLNK(st.st_mode)) {
                 std::string target(static_cast<size_t>(st.st_size) + 1, '\0');
                 ssize_t n = readlinkat(dirfd(dir), name.c_str(), target.data(), target.size());
+                // A link whose target cannot be read cannot be matched against a record.
                 if (n >= 0) item.linkTarget.assign(target.data(), static_cast<size_t>(n));
+                else whole = false;
             }
             if (parent != kNone) items[parent].hasChildren = true;
             items.push_back(std::move(item));
