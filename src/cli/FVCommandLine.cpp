@@ -4,6 +4,7 @@
 #include "cli/FVCheckOverdueCommand.h"
 #include "cli/FVCommanlineMode.h"
 #include "cli/FVConfigCommand.h"
+#include "cli/FVExitStatus.h"
 #include "cli/FVPointInTimeCommand.h"
 #include "cli/FVRestoreCommand.h"
 #include "cli/FVRunsCommand.h"
@@ -23,8 +24,6 @@
 namespace ferrovane::FVCommandLine {
 
 namespace {
-
-constexpr int kExitUsage = 2;
 
 // The historic single-dash spelling; CLI11 takes single-dash names as one letter each.
 constexpr const char* kHistoricNoNotifications = "-noUserNotifications";
@@ -120,13 +119,13 @@ std::optional<int> parse(CLI::App& app, std::vector<std::string> arguments) {
         return 0;
     } catch (const CLI::ParseError& error) {
         fmt::print(stderr, "{}: {}\n\n{}", app.get_name(), FVSearchText::printable(error.what()), app.help());
-        return kExitUsage;
+        return FVExitStatus::kUsage;
     }
 }
 
 int refuse(const CLI::App& app, const std::string& why) {
     fmt::print(stderr, "{}: {}\n\n{}", app.get_name(), why, app.help());
-    return kExitUsage;
+    return FVExitStatus::kUsage;
 }
 
 CLI::Option* destinationOption(CLI::App& app, std::string& destination) {

@@ -3,6 +3,7 @@
 
 #include "cli/FVCommanlineMode.h"
 
+#include "cli/FVExitStatus.h"
 #include "cli/FVRunSignals.h"
 #include "fs/FVText.h"
 #include "search/FVSearchText.h"
@@ -39,7 +40,7 @@ int FVCommanlineMode::runBackup() {
             recordAttempt(FVJobOutcome::Stopped, fmt::format("stopped by signal {}", signal));
             std::printf("Sync canceled.\n");
             std::fflush(stdout);
-            runLoop_.stop(FVRunSignals::exitStatus(signal));
+            runLoop_.stop(FVExitStatus::interrupted(signal));
             return;
         }
         backupSession_->start();
@@ -53,7 +54,7 @@ void FVCommanlineMode::interrupt(int signal) {
         if (signal != SIGINT) return;
         std::fputs("\nSync canceled.\n", stdout);
         std::fflush(stdout);
-        std::_Exit(FVRunSignals::exitStatus(first));
+        std::_Exit(FVExitStatus::interrupted(first));
     }
     runLoop_.post([this] {
         if (backupSession_) backupSession_->cancel();
@@ -164,7 +165,7 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
     const int signal = cancellingSignal_.load();
     if (signal) recordAttempt(FVJobOutcome::Stopped, fmt::format("stopped by signal {}", signal));
     else recordAttempt(FVJobOutcome::Failed, errors.empty() ? std::string("the run stopped") : errors.front());
-    runLoop_.stop(signal ? FVRunSignals::exitStatus(signal) : 255);
+    runLoop_.stop(signal ? FVExitStatus::interrupted(signal) : FVExitStatus::kRunFailed);
 }
 
 }  // namespace ferrovane

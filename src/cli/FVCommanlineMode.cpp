@@ -1,6 +1,7 @@
 #include "cli/FVCommanlineMode.h"
 
 #include "FVVersion.h"
+#include "cli/FVExitStatus.h"
 #include "cli/FVRunSignals.h"
 #include "engine/FVAdditions.h"
 #include "fs/FVText.h"
@@ -16,8 +17,6 @@
 namespace ferrovane {
 
 namespace {
-
-constexpr int kFailure = 255;
 
 // Give the notification server time to take the message before the process ends.
 void waitForNotificationHandOver() { std::this_thread::sleep_for(std::chrono::milliseconds(500)); }
@@ -68,7 +67,7 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
         std::fprintf(stderr, "Ferrovane cannot make sure that no other run uses this destination (%s). Aborting.\n",
                      lock_.reason().c_str());
         recordAttempt(FVJobOutcome::Failed, "cannot lock the destination: " + lock_.reason());
-        return kFailure;
+        return FVExitStatus::kRunFailed;
     case FVDestinationLock::Status::Acquired:
     case FVDestinationLock::Status::Missing:
         break;
@@ -91,17 +90,17 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
         notify({"Cannot sync to: " + FVText::lastPathComponent(destinationPath_), "",
                 "Destination not available or unconfigured!"},
                true);
-        return kFailure;
+        return FVExitStatus::kRunFailed;
     case FVConfigurationReadStatus::NotPropertyList:
         std::printf("Failed to read destination configuration file, check permissions and process disk access. Aborting.\n");
         std::fprintf(stderr, "%s\n", loaded.problem.c_str());
         recordAttempt(FVJobOutcome::Failed, loaded.problem);
-        return kFailure;
+        return FVExitStatus::kRunFailed;
     case FVConfigurationReadStatus::Malformed:
         std::printf("Failed to read destination configuration file, check permissions and process disk access. Aborting.\n");
         std::fprintf(stderr, "%s. The file was left as it is.\n", loaded.problem.c_str());
         recordAttempt(FVJobOutcome::Failed, loaded.problem);
-        return kFailure;
+        return FVExitStatus::kRunFailed;
     case FVConfigurationReadStatus::Ok:
         break;
     }
@@ -116,7 +115,7 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
         std::fprintf(stderr, "Nothing was changed. Correct it with: ferrovane config %s set <option> <value>\n",
                      destinationPath_.c_str());
         recordAttempt(FVJobOutcome::Failed, options.problems.front());
-        return kFailure;
+        return FVExitStatus::kRunFailed;
     }
     for (const std::string& skipped : loaded.skippedItems) std::fprintf(stderr, "%s\n", skipped.c_str());
     configuration_ = std::move(loaded.configuration);

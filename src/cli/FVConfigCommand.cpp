@@ -1,5 +1,6 @@
 #include "cli/FVConfigCommand.h"
 
+#include "cli/FVExitStatus.h"
 #include "cli/FVJsonText.h"
 #include "cli/FVRetentionCommand.h"
 #include "cli/FVSourceResults.h"
@@ -38,10 +39,6 @@ namespace ferrovane::FVConfigCommand {
 
 namespace {
 
-constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
-
 // Waiting longer than this for a run to finish would look like a hang; the user tries again.
 constexpr auto kLockWait = std::chrono::seconds(10);
 
@@ -64,12 +61,12 @@ std::string printable(std::string_view text) { return FVSearchText::printable(te
 // Input that is well-formed but not acceptable: the message says why, without the whole usage.
 int refuse(const std::string& message) {
     fmt::print(stderr, "ferrovane config: {}\n", message);
-    return kExitUsage;
+    return FVExitStatus::kUsage;
 }
 
 int fail(const std::string& message) {
     fmt::print(stderr, "ferrovane config: {}\n", message);
-    return kExitFailed;
+    return FVExitStatus::kIncomplete;
 }
 
 std::string lowercase(std::string text) {
@@ -261,7 +258,7 @@ int showSchedule(const Configuration& config, FVLaunchAgentManager& jobs, bool j
             separator = ",";
         }
         fmt::print("]}}\n");
-        return kExitOk;
+        return FVExitStatus::kOk;
     }
     fmt::print("Destination: {}\n", printable(config.destination));
     fmt::print("Schedule: {}\n", summary.when);
@@ -269,13 +266,13 @@ int showSchedule(const Configuration& config, FVLaunchAgentManager& jobs, bool j
     fmt::print("Last scheduled run: {}\n", printable(summary.lastScheduledRun));
     if (options.UUID.empty()) {
         fmt::print("Jobs: none (the destination has no identity yet)\n");
-        return kExitOk;
+        return FVExitStatus::kOk;
     }
     for (const JobKindName& job : kJobKinds)
         fmt::print("Job ({}): {}{} ({})\n", job.name, printable(jobs.jobDirectory()),
                    printable(FVLaunchAgentManager::jobLabel(options.UUID, job.kind)),
                    jobStateText(jobs, options.UUID, job.kind));
-    return kExitOk;
+    return FVExitStatus::kOk;
 }
 
 int show(const Configuration& config, FVLaunchAgentManager& jobs) {
@@ -309,7 +306,7 @@ int show(const Configuration& config, FVLaunchAgentManager& jobs) {
         fmt::print("Job: {}{} ({})\n", printable(jobs.jobDirectory()), printable(FVLaunchAgentManager::jobLabel(*uuid)),
                    jobPresent(jobs, *uuid) ? "present" : "none");
     }
-    return kExitOk;
+    return FVExitStatus::kOk;
 }
 
 // The same as show, for scripts: option values as JSON values (null when not set or unusable).
@@ -359,7 +356,7 @@ int showJson(const Configuration& config, FVLaunchAgentManager& jobs) {
         fmt::print("null");
     }
     fmt::print("}}\n");
-    return kExitOk;
+    return FVExitStatus::kOk;
 }
 
 }  // namespace
@@ -591,13 +588,13 @@ int main(const Arguments& a) {
             fmt::print(stderr, "To set it up by hand, run:\n");
             for (const std::string& command : commands) fmt::print(stderr, "  {}\n", command);
         }
-        return kExitFailed;
+        return FVExitStatus::kIncomplete;
     }
     if (scheduleChange && options.allOptions()->boolValue(FVOptionKey::automationEnabled) &&
         !FVLaunchAgentManager::jobsRunWhileLoggedOut())
         fmt::print(stderr, "Note: scheduled backups run only while you are logged in, as your account does not "
                            "linger. To run them at any time: loginctl enable-linger\n");
-    return kExitOk;
+    return FVExitStatus::kOk;
 }
 
 }  // namespace ferrovane::FVConfigCommand

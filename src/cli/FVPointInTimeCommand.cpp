@@ -1,5 +1,6 @@
 #include "cli/FVPointInTimeCommand.h"
 
+#include "cli/FVExitStatus.h"
 #include "cli/FVJsonText.h"
 #include "cli/FVNamedPath.h"
 #include "cli/FVOutput.h"
@@ -29,10 +30,6 @@
 namespace ferrovane::FVPointInTimeCommand {
 
 namespace {
-
-constexpr int kExitDone = 0;
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
 
 std::string shown(std::string_view text) { return FVSearchText::printable(text); }
 
@@ -166,9 +163,9 @@ bool isChildOf(const std::string& entry, const std::string& folder) {
 int listMain(const std::string& destinationArgument, const std::string& path, const std::string& at, bool json) {
     const std::string destination = FVNamedPath::resolved(FVNamedPath::absolute(destinationArgument));
     auto run = chosenRun("ls", destination, at);
-    if (!run) return kExitFailed;
+    if (!run) return FVExitStatus::kIncomplete;
     auto opened = openNamed("ls", destination, *run, path);
-    if (!opened) return kExitUsage;
+    if (!opened) return FVExitStatus::kUsage;
     const FVPointInTime& pit = opened->pointInTime;
     const std::string& mirror = opened->mirrorPath;
 
@@ -187,11 +184,11 @@ int listMain(const std::string& destinationArgument, const std::string& path, co
     if (!whole) {
         FVOutput::print(stderr, "ferrovane ls: the record of the run {} is damaged: {}\n", shown(run->stamp),
                         shown(problem));
-        return kExitFailed;
+        return FVExitStatus::kIncomplete;
     }
     if (!item && !(mirror.empty() && children)) {
         FVOutput::print(stderr, "ferrovane ls: the run {} recorded no {}.\n", shown(run->stamp), shown(path));
-        return kExitFailed;
+        return FVExitStatus::kIncomplete;
     }
     // The destination's root, the mirror of no source when each has a folder, is shown as named.
     const std::string original =
@@ -217,9 +214,9 @@ int listMain(const std::string& destinationArgument, const std::string& path, co
     if (!whole) {
         FVOutput::print(stderr, "ferrovane ls: the record of the run {} is damaged: {}\n", shown(run->stamp),
                         shown(problem));
-        return kExitFailed;
+        return FVExitStatus::kIncomplete;
     }
-    return kExitDone;
+    return FVExitStatus::kOk;
 }
 
 namespace {
@@ -269,8 +266,8 @@ int dryRun(const FVPointInTimePlan& plan, bool replace) {
                     "files whose bytes are gone.\n",
                     plan.fileCount() - gone, FVNumber::formattedDiskSizeString(static_cast<double>(plan.byteCount() - goneBytes)),
                     plan.identicalCount(), plan.conflicts().size(), plan.problems().size() + (whole ? 0 : 1), gone);
-    return (!plan.conflicts().empty() && !replace) || !plan.problems().empty() || !whole || gone ? kExitFailed
-                                                                                                 : kExitDone;
+    return (!plan.conflicts().empty() && !replace) || !plan.problems().empty() || !whole || gone ? FVExitStatus::kIncomplete
+                                                                                                 : FVExitStatus::kOk;
 }
 
 }  // namespace
@@ -280,29 +277,29 @@ int restoreMain(const FVRestoreCommand::RestoreArguments& a) {
     FVRestoreSignals::listen();
     const std::string destination = FVNamedPath::resolved(FVNamedPath::absolute(a.destination));
     FVDestinationLock lock;
-    int status = kExitUsage;
+    int status = FVExitStatus::kUsage;
     if (!FVSharedLock::acquire("restore", destination, lock, &status)) return status;
     auto run = chosenRun("restore", destination, a.at);
-    if (!run) return kExitFailed;
+    if (!run) return FVExitStatus::kIncomplete;
     auto opened = openNamed("restore", destination, *run, a.what);
-    if (!opened) return kExitUsage;
+    if (!opened) return FVExitStatus::kUsage;
     const std::string toFolder = a.to.empty() ? "" : FVNamedPath::resolved(FVNamedPath::absolute(a.to));
     if (!toFolder.empty() && FVText::isPathWithin(toFolder, destination)) {
         FVOutput::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
                         shown(a.to));
-        return kExitUsage;
+        return FVExitStatus::kUsage;
     }
     std::string problem;
     auto plan = FVPointInTimePlan::make(destination, *run, opened->mirrorPath, toFolder, &problem);
     if (!plan) {
         FVOutput::print(stderr, "ferrovane restore: {}: {}{}.\n", shown(a.what), shown(problem),
                         toFolder.empty() ? "; name a folder with --to" : "");
-        return kExitFailed;
+        return FVExitStatus::kIncomplete;
     }
     if (FVText::isPathWithin(plan->to(), destination)) {
         FVOutput::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
                         shown(plan->to()));
-        return kExitUsage;
+        return FVExitStatus::kUsage;
     }
     for (const FVPointInTimePlan::Conflict& conflict : plan->conflicts())
         FVOutput::print(stdout, "Conflict: {} ({})\n", shown(conflict.target), conflict.reason);
@@ -312,7 +309,7 @@ int restoreMain(const FVRestoreCommand::RestoreArguments& a) {
                         "ferrovane restore: nothing was restored: {} existing items differ from the backup. "
                         "Restore --to another folder, or add --replace to move them to the trash first.\n",
                         plan->conflicts().size());
-        return kExitFailed;
+        return FVExitStatus::kIncomplete;
     }
 
     FVPointInTimeRestore restore(*plan, a.replace);
@@ -333,8 +330,8 @@ int restoreMain(const FVRestoreCommand::RestoreArguments& a) {
                     FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), plan->identicalCount(),
                     summary.replaced, summary.errors - summary.gone, summary.gone);
     if (summary.cancelled && FVRestoreSignals::cancellingSignal())
-        return FVRunSignals::exitStatus(FVRestoreSignals::cancellingSignal());
-    return summary.cancelled || summary.errors ? kExitFailed : kExitDone;
+        return FVExitStatus::interrupted(FVRestoreSignals::cancellingSignal());
+    return summary.cancelled || summary.errors ? FVExitStatus::kIncomplete : FVExitStatus::kOk;
 }
 
 }  // namespace ferrovane::FVPointInTimeCommand

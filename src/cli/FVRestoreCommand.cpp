@@ -1,5 +1,6 @@
 #include "cli/FVRestoreCommand.h"
 
+#include "cli/FVExitStatus.h"
 #include "cli/FVJsonText.h"
 #include "cli/FVNamedPath.h"
 #include "cli/FVOutput.h"
@@ -31,10 +32,6 @@
 namespace ferrovane::FVRestoreCommand {
 
 namespace {
-
-constexpr int kExitDone = 0;
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
 
 std::string shown(std::string_view text) { return FVSearchText::printable(text); }
 
@@ -81,12 +78,12 @@ std::optional<std::string> mirrorPathOrComplain(const char* command, const FVVer
 
 int versionsMain(const std::string& destination, const std::string& path, bool json) {
     auto catalog = openCatalog("versions", destination);
-    if (!catalog) return kExitUsage;
+    if (!catalog) return FVExitStatus::kUsage;
     // Listing changes nothing, so it goes on; but which source a mirror path belongs to is a guess.
     if (std::optional<std::string> problem = catalog->layout().validateAsSeen())
         FVOutput::print(stderr, "ferrovane versions: warning: {}\n", shown(*problem));
     auto mirror = mirrorPathOrComplain("versions", *catalog, path);
-    if (!mirror) return kExitUsage;
+    if (!mirror) return FVExitStatus::kUsage;
     std::vector<FVItemVersion> versions = catalog->versions(*mirror);
     auto original = catalog->originalPath(*mirror);
     if (json) {
@@ -108,9 +105,9 @@ int versionsMain(const std::string& destination, const std::string& path, bool j
     }
     if (versions.empty()) {
         FVOutput::print(stderr, "ferrovane versions: the destination holds no version of {}.\n", shown(path));
-        return kExitFailed;
+        return FVExitStatus::kIncomplete;
     }
-    return kExitDone;
+    return FVExitStatus::kOk;
 }
 
 namespace {
@@ -118,7 +115,7 @@ namespace {
 // The plans of what the user asked for; nothing (after saying why) when it cannot be done.
 std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a, const FVVersionCatalog& catalog,
                                                       int* status) {
-    *status = kExitUsage;
+    *status = FVExitStatus::kUsage;
     const std::string& destination = catalog.destination();
     std::string toFolder = a.to.empty() ? "" : resolved(absolute(a.to));
     if (!toFolder.empty() && FVText::isPathWithin(toFolder, destination)) {
@@ -130,7 +127,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
     if (a.all) {
         if (catalog.sources().empty()) {
             FVOutput::print(stderr, "ferrovane restore: the destination has no source to restore.\n");
-            *status = kExitFailed;
+            *status = FVExitStatus::kIncomplete;
             return std::nullopt;
         }
         for (const std::string& source : catalog.sources()) {
@@ -160,7 +157,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
         if (!chosen) {
             FVOutput::print(stderr, "ferrovane restore: the destination holds no {} of {}.\n",
                        a.version.empty() ? "version" : "version " + shown(a.version), shown(a.what));
-            *status = kExitFailed;
+            *status = FVExitStatus::kIncomplete;
             return std::nullopt;
         }
         std::string problem;
@@ -182,7 +179,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
         if (int error = FVRestorePlan::examine(destination, item.from, &st)) {
             FVOutput::print(stderr, "ferrovane restore: the destination holds no copy of {} ({}).\n", shown(item.to),
                             std::strerror(error));
-            *status = kExitFailed;
+            *status = FVExitStatus::kIncomplete;
             return std::nullopt;
         }
         plans.emplace_back(destination, item.from, item.to, item.root, item.parentMirrors);
@@ -196,7 +193,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
 // used.
 std::optional<FVVersionCatalog> lockedCatalog(const std::string& destination, FVDestinationLock& lock, int* status) {
     if (!FVSharedLock::acquire("restore", resolved(absolute(destination)), lock, status)) return std::nullopt;
-    *status = kExitUsage;
+    *status = FVExitStatus::kUsage;
     auto catalog = openCatalog("restore", destination);
     if (!catalog) return std::nullopt;
     // Colliding mirrors hold one source's files under another's name: nothing is restored then.
@@ -214,7 +211,7 @@ int restoreMain(const RestoreArguments& arguments) {
     // Before the copy's threads start, so that none of them takes a signal.
     FVRestoreSignals::listen();
     FVDestinationLock lock;
-    int status = kExitUsage;
+    int status = FVExitStatus::kUsage;
     auto catalog = lockedCatalog(arguments.destination, lock, &status);
     if (!catalog) return status;
     auto plans = planRestore(arguments, *catalog, &status);
@@ -238,14 +235,14 @@ int restoreMain(const RestoreArguments& arguments) {
         }
         FVOutput::print(stdout, "Dry run: {} files ({}) would be restored, {} already identical, {} conflicts, {} errors.\n", files,
                    FVNumber::formattedDiskSizeString(static_cast<double>(bytes)), identical, conflicts, problems);
-        return (conflicts && !arguments.replace) || problems ? kExitFailed : kExitDone;
+        return (conflicts && !arguments.replace) || problems ? FVExitStatus::kIncomplete : FVExitStatus::kOk;
     }
     if (conflicts && !arguments.replace) {
         FVOutput::print(stderr,
                    "ferrovane restore: nothing was restored: {} existing items differ from the backup. "
                    "Restore --to another folder, or add --replace to move them to the trash first.\n",
                    conflicts);
-        return kExitFailed;
+        return FVExitStatus::kIncomplete;
     }
 
     FVRestoreRun run(*plans, arguments.replace);
@@ -265,8 +262,8 @@ int restoreMain(const RestoreArguments& arguments) {
                FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), identical, summary.replaced,
                summary.errors);
     if (summary.cancelled && FVRestoreSignals::cancellingSignal())
-        return FVRunSignals::exitStatus(FVRestoreSignals::cancellingSignal());
-    return summary.cancelled || summary.errors ? kExitFailed : kExitDone;
+        return FVExitStatus::interrupted(FVRestoreSignals::cancellingSignal());
+    return summary.cancelled || summary.errors ? FVExitStatus::kIncomplete : FVExitStatus::kOk;
 }
 
 }  // namespace ferrovane::FVRestoreCommand

@@ -1,5 +1,6 @@
 #include "cli/FVRestoreSignals.h"
 
+#include "cli/FVExitStatus.h"
 #include "cli/FVRunSignals.h"
 
 #include <atomic>
@@ -18,7 +19,7 @@ std::function<void()> cancelCopy;
 
 void onSignal(int signal) {
     std::lock_guard lock(copyStart);
-    if (!copying) std::_Exit(FVRunSignals::exitStatus(signal));
+    if (!copying) std::_Exit(FVExitStatus::interrupted(signal));
     int none = 0;
     firstSignal.compare_exchange_strong(none, signal);
     if (cancelCopy) cancelCopy();

@@ -16,7 +16,4 @@ void block();
 // Starts a thread that calls onSignal with each cancelling signal as it arrives.
 void listen(std::function<void(int signal)> onSignal);
 
-// The exit status of a run that a signal cancelled.
-constexpr int exitStatus(int signal) { return 128 + signal; }
-
 }  // namespace ferrovane::FVRunSignals

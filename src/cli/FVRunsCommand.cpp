@@ -1,6 +1,7 @@
 #include "cli/FVRunsCommand.h"
 
 #include "cli/FVArchiveRuns.h"
+#include "cli/FVExitStatus.h"
 #include "cli/FVJsonText.h"
 #include "cli/FVOverdueJson.h"
 #include "cli/FVSourceResults.h"
@@ -23,9 +24,6 @@
 namespace ferrovane::FVRunsCommand {
 
 namespace {
-
-constexpr int kExitDone = 0;
-constexpr int kExitFailed = 1;
 
 std::string shown(std::string_view text) { return FVSearchText::printable(text); }
 
@@ -122,7 +120,7 @@ void printJson(const std::string& destination, const std::optional<FVOverdueNoti
 
 int cannotRead(const std::string& what, const std::string& why) {
     fmt::print(stderr, "ferrovane runs: cannot read {}: {}\n", shown(what), shown(why));
-    return kExitFailed;
+    return FVExitStatus::kIncomplete;
 }
 
 }  // namespace
@@ -149,7 +147,7 @@ int main(const std::string& destinationArgument, bool json) {
     else printText(destination, overdue, records, archives, items);
     for (const std::string& problem : archives.problems())
         fmt::print(stderr, "ferrovane runs: cannot read {}; the runs hold more than is listed.\n", shown(problem));
-    return archives.problems().empty() ? kExitDone : kExitFailed;
+    return archives.problems().empty() ? FVExitStatus::kOk : FVExitStatus::kIncomplete;
 }
 
 }  // namespace ferrovane::FVRunsCommand

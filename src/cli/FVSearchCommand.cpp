@@ -1,5 +1,6 @@
 #include "cli/FVSearchCommand.h"
 
+#include "cli/FVExitStatus.h"
 #include "cli/FVJsonText.h"
 
 #include "engine/FVMainQueue.h"
@@ -16,10 +17,6 @@
 namespace ferrovane::FVSearchCommand {
 
 namespace {
-
-constexpr int kExitMatches = 0;
-constexpr int kExitNoMatches = 1;
-constexpr int kExitUsage = 2;
 
 class StopWhenFinished final : public FVDestinationSearchObserver {
 public:
@@ -39,7 +36,7 @@ int main(const std::string& destination, const std::string& text, bool json) {
     if (!folder) {
         fmt::print(stderr, "ferrovane search: cannot read the destination {}: {}\n",
                    FVSearchText::printable(destination), std::strerror(errno));
-        return kExitUsage;
+        return FVExitStatus::kUsage;
     }
     closedir(folder);
 
@@ -52,7 +49,7 @@ int main(const std::string& destination, const std::string& text, bool json) {
     if (!search->isSearching()) {
         fmt::print(stderr, "ferrovane search: the search text needs at least {} bytes.\n",
                    FVDestinationSearch::kMinimumSearchTextLength);
-        return kExitUsage;
+        return FVExitStatus::kUsage;
     }
     loop.run();
     for (const std::string& warning : search->warnings())
@@ -84,9 +81,9 @@ int main(const std::string& destination, const std::string& text, bool json) {
     if (results.empty()) {
         fmt::print(stderr, "ferrovane search: no file name in {} contains \"{}\".\n",
                    FVSearchText::printable(destination), FVSearchText::printable(text));
-        return kExitNoMatches;
+        return FVExitStatus::kIncomplete;
     }
-    return kExitMatches;
+    return FVExitStatus::kOk;
 }
 
 }  // namespace ferrovane::FVSearchCommand

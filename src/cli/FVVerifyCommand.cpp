@@ -1,5 +1,6 @@
 #include "cli/FVVerifyCommand.h"
 
+#include "cli/FVExitStatus.h"
 #include "cli/FVJsonText.h"
 #include "cli/FVOutput.h"
 #include "cli/FVProgressLine.h"
@@ -16,10 +17,6 @@
 namespace ferrovane::FVVerifyCommand {
 
 namespace {
-
-constexpr int kExitIntact = 0;
-constexpr int kExitDiffers = 1;
-constexpr int kExitCannotRun = 255;
 
 std::atomic<int> cancellingSignal{0};
 std::atomic<FVVerification*> activeVerification{nullptr};
@@ -87,13 +84,13 @@ int main(const Arguments& arguments) {
     switch (summary.status) {
     case FVVerificationSummary::Status::Clean:
         if (!arguments.json) FVOutput::print(stdout, "Verify: {}\n", shown(line));
-        return kExitIntact;
+        return FVExitStatus::kOk;
     case FVVerificationSummary::Status::Differs:
         if (!arguments.json) FVOutput::print(stdout, "Verify: {}\n", shown(line));
-        return kExitDiffers;
+        return FVExitStatus::kIncomplete;
     case FVVerificationSummary::Status::Cancelled:
         FVOutput::print(stderr, "ferrovane verify: {}\n", shown(line));
-        return FVRunSignals::exitStatus(cancellingSignal.load());
+        return FVExitStatus::interrupted(cancellingSignal.load());
     case FVVerificationSummary::Status::Busy:
         FVOutput::print(stderr, "{}\n", shown(line));
         return FVDestinationLock::busyExitStatus;
@@ -101,7 +98,7 @@ int main(const Arguments& arguments) {
         break;
     }
     FVOutput::print(stderr, "ferrovane verify: cannot verify {}: {}\n", shown(arguments.destination), shown(line));
-    return kExitCannotRun;
+    return FVExitStatus::kRunFailed;
 }
 
 }  // namespace ferrovane::FVVerifyCommand
