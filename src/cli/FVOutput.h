@@ -16,4 +16,16 @@ void print(std::FILE* out, fmt::format_string<Args...> format, Args&&... args) {
     std::fwrite(text.data(), 1, text.size(), out);
 }
 
+// "ferrovane: error: <text>" on standard error: something the user asked for was not done.
+template <typename... Args>
+void error(fmt::format_string<Args...> format, Args&&... args) {
+    print(stderr, "ferrovane: error: {}\n", fmt::format(format, std::forward<Args>(args)...));
+}
+
+// "ferrovane: warning: <text>" on standard error: done, but the user should know something.
+template <typename... Args>
+void warning(fmt::format_string<Args...> format, Args&&... args) {
+    print(stderr, "ferrovane: warning: {}\n", fmt::format(format, std::forward<Args>(args)...));
+}
+
 }  // namespace ferrovane::FVOutput
