@@ -1,5 +1,6 @@
 #include "cli/FVCheckOverdueCommand.h"
 
+#include "cli/FVJsonText.h"
 #include "cli/FVOverdueJson.h"
 #include "cli/FVOutput.h"
 #include "scheduling/FVLaunchAgentManager.h"
@@ -40,7 +41,7 @@ int main(bool json, bool notify) {
     FVLaunchAgentManager jobs(std::make_shared<FVProcessCommandRunner>());
     FVJobStatusStore store;
     FVOverdueNotifier notifier(store, makeDesktopNotifier());
-    if (json) FVOutput::print(stdout, "{{\"destinations\": [");
+    if (json) FVOutput::print(stdout, "{{{}, \"destinations\": [", FVJsonText::formatVersionField());
     const char* separator = "";
     for (const std::string& uuid : jobs.jobIdentifiers()) {
         // While the disk is away, a job that starts backups (not only verifications) says it is scheduled.

@@ -33,7 +33,9 @@ const char* const kCommands =
     "  ferrovane                            open the window\n"
     "  ferrovane --add PATH...              add paths as sources in the open window\n"
     "  ferrovane DESTINATION [--no-notifications | -noUserNotifications] [-n | --dry-run]\n"
-    "                                       back up every source configured in the destination\n"
+    "                    [-q | -v] [--json] [--progress=auto|none|json]\n"
+    "                                       back up every source configured in the destination;\n"
+    "                                       the last line sums the run up\n"
     "  ferrovane --trigger=schedule|connect --job=UUID DESTINATION\n"
     "                                       the same, as the scheduled jobs start it\n"
     "  ferrovane runs DESTINATION [--json]  list the runs' archives and the last results\n"
@@ -82,6 +84,23 @@ struct RootCommand {
     std::vector<std::string> add;
     std::string trigger;
     std::string job;
+    bool quiet = false;
+    bool verbose = false;
+    bool json = false;
+    std::string progress = "auto";
+
+    FVRunOutput output() const {
+        FVRunOutput output;
+        output.verbosity = quiet     ? FVRunOutput::Verbosity::Quiet
+                           : verbose ? FVRunOutput::Verbosity::Verbose
+                                     : FVRunOutput::Verbosity::Normal;
+        output.progress = progress == "json"   ? FVRunOutput::Progress::Json
+                          : progress == "none" ? FVRunOutput::Progress::None
+                                               : FVRunOutput::Progress::Automatic;
+        // The JSON progress ends with the JSON summary, as the last line of the stream.
+        output.json = json || output.progress == FVRunOutput::Progress::Json;
+        return output;
+    }
 
     RootCommand() {
         style(app);
@@ -92,6 +111,14 @@ struct RootCommand {
         app.add_flag("--no-notifications", noNotifications, "no desktop notification (also -noUserNotifications)");
         app.add_flag("-n,--dry-run", dryRun,
                      "list what the backup would copy, archive, remove and purge; change nothing");
+        auto* quietFlag = app.add_flag("-q,--quiet", quiet, "print nothing but errors; the exit status tells the rest");
+        app.add_flag("-v,--verbose", verbose, "also print each item copied, archived or deleted")->excludes(quietFlag);
+        app.add_flag("--json", json, "print the run's summary as one JSON object instead of the lines for people");
+        app.add_option("--progress", progress,
+                       "auto (a line on a terminal, the steps elsewhere), none, or json (one JSON object a line, "
+                       "ending with the JSON summary)")
+            ->type_name("STYLE")
+            ->check(CLI::IsMember({"auto", "none", "json"}));
         app.add_option("--trigger", trigger,
                        "what started the run, for the record of run attempts: schedule or connect (a run "
                        "the disk started is skipped when a good run is recent enough)")
@@ -311,7 +338,8 @@ std::optional<int> run(int argc, char** argv) {
     RootCommand root;
     if (auto status = parse(root.app, arguments)) return *status;
     bool window = root.app.count("--add") > 0;
-    if (window && (!root.destination.empty() || root.noNotifications || root.dryRun || !root.trigger.empty()))
+    if (window && (!root.destination.empty() || root.noNotifications || root.dryRun || !root.trigger.empty() ||
+                   root.quiet || root.verbose || root.json || root.progress != "auto"))
         return refuse(root.app, "--add opens the window: it takes no destination");
     if (window || arguments.empty()) return std::nullopt;
     if (root.destination.empty()) return refuse(root.app, "a destination is required");
@@ -323,7 +351,7 @@ std::optional<int> run(int argc, char** argv) {
     FVJobTrigger trigger = root.trigger == "schedule"  ? FVJobTrigger::Schedule
                            : root.trigger == "connect" ? FVJobTrigger::Connect
                                                        : FVJobTrigger::Manual;
-    return FVCommanlineMode::main(root.destination, root.noNotifications, root.dryRun, trigger, root.job);
+    return FVCommanlineMode::main(root.destination, root.noNotifications, root.dryRun, trigger, root.job, root.output());
 }
 
 int usageError(const std::string& why) {

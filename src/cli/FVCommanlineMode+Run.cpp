@@ -4,6 +4,9 @@
 #include "cli/FVCommanlineMode.h"
 
 #include "cli/FVExitStatus.h"
+#include "cli/FVLocaleText.h"
+#include "cli/FVOutput.h"
+#include "cli/FVRunJson.h"
 #include "cli/FVRunSignals.h"
 #include "fs/FVText.h"
 #include "search/FVSearchText.h"
@@ -18,6 +21,36 @@ namespace ferrovane {
 
 FVCommanlineMode::~FVCommanlineMode() = default;
 
+void FVCommanlineMode::setOutput(const FVRunOutput& output) {
+    output_ = output;
+    FVProgressLine::Style style = FVProgressLine::styleFor(STDOUT_FILENO);
+    if (output.progress == FVRunOutput::Progress::Json) style = FVProgressLine::Style::Json;
+    else if (output.progress == FVRunOutput::Progress::None || !output.human()) style = FVProgressLine::Style::None;
+    progress_ = std::make_unique<FVProgressLine>(stdout, style);
+}
+
+void FVCommanlineMode::say(const std::string& line) {
+    if (output_.human()) progress_->interject(FVLocaleText::shown(line));
+}
+
+void FVCommanlineMode::itemChanged(FVItemChange change, const std::string& path) {
+    {
+        std::lock_guard lock(lastItemMutex_);
+        lastItem_ = path;
+    }
+    if (output_.verbosity != FVRunOutput::Verbosity::Verbose) return;
+    const char* what = change == FVItemChange::Copied ? "Copied" : change == FVItemChange::Archived ? "Archived" : "Deleted";
+    say(fmt::format("{}: {}", what, FVSearchText::printable(path)));
+}
+
+void FVCommanlineMode::end(std::string_view outcome, const FVRunSummary& summary, int status) {
+    progress_->finish();
+    if (output_.json) FVOutput::print(stdout, "{}\n", FVRunJson::summary(destinationPath_, *backupSession_, summary, outcome));
+    else say(summary.line());
+    std::fflush(stdout);
+    runLoop_.stop(status);
+}
+
 int FVCommanlineMode::runBackup() {
     backupSetController_ = std::make_unique<BackupSetController>();
     backupSetController_->setDisableSizeEvaluation(true);
@@ -31,6 +64,7 @@ int FVCommanlineMode::runBackup() {
     backupSession_->setBackupSet(backupSetController_->arrangedObjects());
     backupSession_->setExcludePaths(backupSetController_->excludePaths());
     backupSession_->setDryRun(dryRun_);
+    backupSession_->setItemListener([this](FVItemChange change, const std::string& path) { itemChanged(change, path); });
 
     notify({"Starting sync to: " + FVText::lastPathComponent(destinationPath_), "", ""}, false);
     // A signal that came before the start (the cancel it posted found nothing to cancel) keeps
@@ -38,9 +72,8 @@ int FVCommanlineMode::runBackup() {
     runLoop_.post([this] {
         if (int signal = cancellingSignal_.load()) {
             recordAttempt(FVJobOutcome::Stopped, fmt::format("stopped by signal {}", signal));
-            std::printf("Sync canceled.\n");
-            std::fflush(stdout);
-            runLoop_.stop(FVExitStatus::interrupted(signal));
+            say("Sync canceled.");
+            end("stopped", FVRunSummary{{}, 0, 0, dryRun_, true}, FVExitStatus::interrupted(signal));
             return;
         }
         backupSession_->start();
@@ -52,7 +85,7 @@ void FVCommanlineMode::interrupt(int signal) {
     int first = 0;
     if (!cancellingSignal_.compare_exchange_strong(first, signal)) {
         if (signal != SIGINT) return;
-        std::fputs("\nSync canceled.\n", stdout);
+        if (output_.human()) std::fputs("\nSync canceled.\n", stdout);
         std::fflush(stdout);
         std::_Exit(FVExitStatus::interrupted(first));
     }
@@ -61,18 +94,27 @@ void FVCommanlineMode::interrupt(int signal) {
     });
 }
 
+FVProgressStep FVCommanlineMode::progressStep(FVBackupSession& session) {
+    const FVRunTotals totals = session.totals();
+    FVProgressStep step;
+    step.task = session.currentTaskDescription();
+    step.percent = session.progressPercent();
+    step.checked = totals.checked;
+    step.files = totals.copied;
+    step.bytes = totals.bytesCopied;
+    std::lock_guard lock(lastItemMutex_);
+    step.path = lastItem_;
+    return step;
+}
+
 void FVCommanlineMode::backupSessionProgressDidChange(FVBackupSession& session) {
     // A dry run's output is its list of changes; a progress line would be drawn across it.
-    if (dryRun_) return;
-    uint64_t items = 0;
-    if (FVSyncingBackup* job = session.syncingBackup())
-        if (auto worker = job->backupCopyWorker()) items = worker->copiedFiles();
-    progress_.update(session.currentTaskDescription(), session.progressPercent(), items,
-                     session.sessionTotalBytesCopied());
+    if (dryRun_ && output_.progress != FVRunOutput::Progress::Json) return;
+    progress_->update(progressStep(session));
 }
 
 void FVCommanlineMode::backupSessionWouldChange(FVBackupSession&, const std::string& line) {
-    std::printf("%s\n", FVSearchText::printable(line).c_str());
+    say(FVSearchText::printable(line));
 }
 
 void FVCommanlineMode::backupSessionDidFinish(FVBackupSession&) {
@@ -80,7 +122,7 @@ void FVCommanlineMode::backupSessionDidFinish(FVBackupSession&) {
 }
 
 void FVCommanlineMode::finishOnMainThread() {
-    progress_.finish();
+    progress_->finish();
     std::vector<FVSourceItemPtr> backedUp;
     for (const FVSourceItemPtr& item : configuration_.sources)
         if (item->enabled() == int64_t(FVSourceMode::Backup)) backedUp.push_back(item);
@@ -99,46 +141,45 @@ void FVCommanlineMode::finishOnMainThread() {
         printErrors(errors);
         recordAttempt(FVJobOutcome::Errors, errors.front());
         notify(notification, true);
-        runLoop_.stop(255);
+        end("errors", backupSession_->summary(), FVExitStatus::kRunFailed);
         return;
     }
     // A run that is not recorded made its backup, but not all the user asked of it.
     const std::vector<std::string> warnings = backupSession_->warnings();
     if (!warnings.empty()) {
         notification.informativeText = warnings.front();
-        std::printf("\nSync finished with warnings.\n");
+        say("\nSync finished with warnings.");
         recordAttempt(FVJobOutcome::Warnings, warnings.front());
-        std::fflush(stdout);
         notify(notification, true);
-        runLoop_.stop(1);
+        end("warnings", backupSession_->summary(), FVExitStatus::kIncomplete);
         return;
     }
-    std::printf(dryRun_ ? "\nDry run finished: nothing was changed.\n" : "\nSync finished successfully.\n");
+    say(dryRun_ ? "\nDry run finished: nothing was changed." : "\nSync finished successfully.");
     recordAttempt(FVJobOutcome::Finished);
-    std::fflush(stdout);
     notify(notification, true);
-    runLoop_.stop(0);
+    end("finished", backupSession_->summary(), FVExitStatus::kOk);
 }
 
 // On standard error, after the progress line, so that standard output stays the run's story.
 void FVCommanlineMode::printErrors(const std::vector<std::string>& errors) {
-    progress_.finish();
+    progress_->finish();
     std::fflush(stdout);
     std::string joined;
     // One line per error, whatever the names in it hold.
-    for (size_t i = 0; i < errors.size(); ++i) joined += (i ? "\n" : "") + FVSearchText::printable(errors[i]);
+    for (size_t i = 0; i < errors.size(); ++i)
+        joined += (i ? "\n" : "") + FVLocaleText::shown(FVSearchText::printable(errors[i]));
     std::fprintf(stderr, "Backup errors:\n%s\n", joined.c_str());
     std::fflush(stderr);
 }
 
 // Once per run, on standard error beside the errors.
 void FVCommanlineMode::printNotes() {
-    progress_.finish();
+    progress_->finish();
     std::fflush(stdout);
     for (const std::string& note : backupSession_->notes())
-        std::fprintf(stderr, "Note: %s\n", FVSearchText::printable(note).c_str());
+        std::fprintf(stderr, "Note: %s\n", FVLocaleText::shown(FVSearchText::printable(note)).c_str());
     for (const std::string& warning : backupSession_->warnings())
-        std::fprintf(stderr, "Warning: %s\n", FVSearchText::printable(warning).c_str());
+        std::fprintf(stderr, "Warning: %s\n", FVLocaleText::shown(FVSearchText::printable(warning)).c_str());
     std::fflush(stderr);
 }
 
@@ -147,25 +188,24 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
     // A run that a full or read-only destination stopped says why.
     std::vector<std::string> errors = session.errorMessages();
     if (!errors.empty()) printErrors(errors);
-    progress_.finish();
+    progress_->finish();
     // Nobody stopped this run: the destination is too full for it; told apart by its status.
     if (session.stoppedForSpace()) {
-        std::printf("Sync stopped before copying: not enough room.\n");
-        std::fflush(stdout);
+        say("Sync stopped before copying: not enough room.");
         FVUserNotification notification{"Sync stopped: not enough room on " + FVText::lastPathComponent(destinationPath_),
                                         "", session.refusal(), true, true};
         notify(notification, false);
         recordAttempt(FVJobOutcome::NoSpace, session.refusal());
-        runLoop_.stop(1);
+        end("no-space", session.summary(), FVExitStatus::kIncomplete);
         return;
     }
-    std::printf("Sync canceled.\n");
-    std::fflush(stdout);
+    say("Sync canceled.");
     notify({"Sync canceled: " + FVText::lastPathComponent(destinationPath_), "", "", true}, false);
     const int signal = cancellingSignal_.load();
     if (signal) recordAttempt(FVJobOutcome::Stopped, fmt::format("stopped by signal {}", signal));
     else recordAttempt(FVJobOutcome::Failed, errors.empty() ? std::string("the run stopped") : errors.front());
-    runLoop_.stop(signal ? FVExitStatus::interrupted(signal) : FVExitStatus::kRunFailed);
+    end(signal ? "stopped" : "failed", session.summary(),
+        signal ? FVExitStatus::interrupted(signal) : FVExitStatus::kRunFailed);
 }
 
 }  // namespace ferrovane

@@ -10,6 +10,8 @@
 
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 #include <chrono>
 #include <cstdio>
 #include <thread>
@@ -27,10 +29,10 @@ FVCommanlineMode::FVCommanlineMode(std::unique_ptr<FVUserNotifier> notifier)
     : notifier_(std::move(notifier)) {}
 
 int FVCommanlineMode::main(const std::string& destinationPath, bool noNotifications, bool dryRun,
-                           FVJobTrigger trigger, const std::string& jobID) {
+                           FVJobTrigger trigger, const std::string& jobID, const FVRunOutput& output) {
     FVRunSignals::block();
 
-    std::printf("Ferrovane v%s (%s) launched.\n", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER);
+    if (output.human()) std::printf("Ferrovane v%s (%s) launched.\n", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER);
     std::fflush(stdout);
     // The argument is used as the bytes it is: Linux paths are bytes, not text in one encoding.
     std::string destination = destinationPath;
@@ -39,6 +41,7 @@ int FVCommanlineMode::main(const std::string& destinationPath, bool noNotificati
     FVCommanlineMode runner(makeDesktopNotifier());
     runner.setDisableUserNotifications(noNotifications || dryRun);
     runner.setDryRun(dryRun);
+    runner.setOutput(output);
     runner.setAttempt(std::make_unique<FVRunAttempt>(destination, trigger, jobID));
     FVRunSignals::listen([&runner](int signal) { runner.interrupt(signal); });
     int status = runner.startBackupWithDestinationPath(destination);
@@ -79,8 +82,8 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
         // A disk that is not plugged in is no failure of a job: it is recorded, and the overdue
         // notice tells the user when it lasts.
         if (attempt_ && attempt_->startedByItself() && !FVFileManager::pathExists(settingsPath_)) {
-            std::printf("The destination %s is not connected: nothing to back up now.\n",
-                        FVSearchText::printable(destinationPath_).c_str());
+            say(fmt::format("The destination {} is not connected: nothing to back up now.",
+                            FVSearchText::printable(destinationPath_)));
             recordAttempt(FVJobOutcome::NotConnected);
             return 0;
         }
@@ -133,9 +136,9 @@ bool FVCommanlineMode::skipsAsRecent() {
     if (!attempt_ || attempt_->trigger() != FVJobTrigger::Connect) return false;
     std::optional<std::time_t> last = attempt_->recentSuccess(options_.connectedRunIntervalMinutes, std::time(nullptr));
     if (!last) return false;
-    std::printf("Skipped: the last good run to %s was at %s, less than %lld minutes ago.\n",
-                FVSearchText::printable(destinationPath_).c_str(), FVScheduleSummary::localTimeText(*last).c_str(),
-                static_cast<long long>(options_.connectedRunIntervalMinutes));
+    say(fmt::format("Skipped: the last good run to {} was at {}, less than {} minutes ago.",
+                    FVSearchText::printable(destinationPath_), FVScheduleSummary::localTimeText(*last),
+                    options_.connectedRunIntervalMinutes));
     recordAttempt(FVJobOutcome::Skipped);
     return true;
 }

@@ -5,6 +5,7 @@
 #include "backupset/BackupSetController.h"
 #include "cli/FVProgressLine.h"
 #include "cli/FVRunAttempt.h"
+#include "cli/FVRunOutput.h"
 #include "engine/FVBackupSession.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVDestinationLock.h"
@@ -15,7 +16,9 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <string_view>
 
 namespace ferrovane {
 
@@ -32,11 +35,15 @@ public:
     // destination is not connected, and a connect run also when a good run is recent enough;
     // both are recorded in the job status, as is how every other run of a destination with an
     // identity ended.
+    // What goes to standard output follows output: the human lines end with the run's summary
+    // line, --json prints the summary as one JSON object instead.
     static int main(const std::string& destinationPath, bool noNotifications, bool dryRun,
-                    FVJobTrigger trigger = FVJobTrigger::Manual, const std::string& jobID = {});
+                    FVJobTrigger trigger = FVJobTrigger::Manual, const std::string& jobID = {},
+                    const FVRunOutput& output = {});
 
     void setDisableUserNotifications(bool disable) { disableUserNotifications_ = disable; }
     void setDryRun(bool dryRun) { dryRun_ = dryRun; }
+    void setOutput(const FVRunOutput& output);
     void setAttempt(std::unique_ptr<FVRunAttempt> attempt) { attempt_ = std::move(attempt); }
     int startBackupWithDestinationPath(const std::string& destinationPath);
 
@@ -52,6 +59,13 @@ public:
 
 private:
     void finishOnMainThread();
+    // The end of every run that started: the summary line (or the JSON summary) on standard
+    // output, then the loop stops with status.
+    void end(std::string_view outcome, const FVRunSummary& summary, int status);
+    // A line of the run's story on standard output, unless the output is quiet or JSON.
+    void say(const std::string& line);
+    void itemChanged(FVItemChange change, const std::string& path);
+    FVProgressStep progressStep(FVBackupSession& session);
     void printErrors(const std::vector<std::string>& errors);
     void printNotes();
     void notify(const FVUserNotification& notification, bool wait);
@@ -63,7 +77,12 @@ private:
     bool skipsAsRecent();
 
     std::unique_ptr<FVUserNotifier> notifier_;
-    FVProgressLine progress_{stdout, isatty(STDOUT_FILENO) != 0};
+    FVRunOutput output_;
+    std::unique_ptr<FVProgressLine> progress_ =
+        std::make_unique<FVProgressLine>(stdout, FVProgressLine::styleFor(STDOUT_FILENO));
+    // The item the run handled last, for the JSON progress.
+    std::mutex lastItemMutex_;
+    std::string lastItem_;
     bool disableUserNotifications_ = false;
     bool dryRun_ = false;
     std::string destinationPath_;

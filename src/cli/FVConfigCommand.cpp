@@ -234,15 +234,15 @@ int showSchedule(const Configuration& config, FVLaunchAgentManager& jobs, bool j
     if (!options.UUID.empty()) status = FVJobStatusStore().read(options.UUID);
     const FVScheduleSummary summary = FVScheduleSummary::of(options, status, std::time(nullptr));
     if (json) {
-        fmt::print("{{{}, \"scheduled\": {}, \"when\": {}, \"nextRun\": {}, \"lastScheduledRun\": {},\n \"lastScheduledAttempt\": ",
-                   FVJsonText::pathFields("destination", config.destination), summary.scheduled ? "true" : "false",
-                   FVJsonText::quoted(summary.when),
-                   summary.nextRun ? FVJsonText::quoted(FVScheduleSummary::localTimeText(*summary.nextRun)) : "null",
+        fmt::print("{{{}, {}, \"scheduled\": {}, \"when\": {}, \"nextRun\": {}, \"lastScheduledRun\": {},\n \"lastScheduledAttempt\": ",
+                   FVJsonText::formatVersionField(), FVJsonText::pathFields("destination", config.destination),
+                   summary.scheduled ? "true" : "false", FVJsonText::quoted(summary.when),
+                   summary.nextRun ? FVJsonText::time(*summary.nextRun) : "null",
                    FVJsonText::quoted(summary.lastScheduledRun));
         if (status && status->lastScheduledAttempt) {
             const FVJobAttempt& last = *status->lastScheduledAttempt;
             fmt::print("{{\"time\": {}, \"trigger\": \"{}\", \"outcome\": \"{}\", \"message\": {}}}",
-                       static_cast<int64_t>(last.time), jobTriggerName(last.trigger), jobOutcomeName(last.outcome),
+                       FVJsonText::time(last.time), jobTriggerName(last.trigger), jobOutcomeName(last.outcome),
                        FVJsonText::quoted(last.message));
         } else {
             fmt::print("null");
@@ -311,7 +311,8 @@ int show(const Configuration& config, FVLaunchAgentManager& jobs) {
 
 // The same as show, for scripts: option values as JSON values (null when not set or unusable).
 int showJson(const Configuration& config, FVLaunchAgentManager& jobs) {
-    fmt::print("{{{}, \"configuration\": {},\n \"sources\": [", FVJsonText::pathFields("destination", config.destination),
+    fmt::print("{{{}, {}, \"configuration\": {},\n \"sources\": [", FVJsonText::formatVersionField(),
+               FVJsonText::pathFields("destination", config.destination),
                config.readFrom.empty() ? "null" : FVJsonText::quoted(config.readFrom));
     const char* separator = "";
     for (const FVSourceItemPtr& item : config.content.sources) {

@@ -114,14 +114,14 @@ std::string groupName(uint32_t group) {
                                                                                   : std::to_string(group);
 }
 
-std::string timeText(int64_t ns, bool utc) {
-    std::time_t at = static_cast<std::time_t>(ns / 1000000000 - (ns % 1000000000 < 0 ? 1 : 0));
+std::time_t seconds(int64_t ns) { return static_cast<std::time_t>(ns / 1000000000 - (ns % 1000000000 < 0 ? 1 : 0)); }
+
+std::string timeText(int64_t ns) {
+    const std::time_t at = seconds(ns);
     struct tm parts {};
-    if (utc) gmtime_r(&at, &parts);
-    else localtime_r(&at, &parts);
+    localtime_r(&at, &parts);
     char buffer[64];
-    return std::string(buffer, std::strftime(buffer, sizeof buffer, utc ? "%Y-%m-%dT%H:%M:%SZ" : "%Y-%m-%d %H:%M:%S",
-                                             &parts));
+    return std::string(buffer, std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S", &parts));
 }
 
 class Lister {
@@ -132,9 +132,9 @@ public:
         if (json_) {
             FVOutput::print(stdout,
                             "{}\n  {{{}, \"type\": \"{}\", \"mode\": \"{:04o}\", \"owner\": {}, \"group\": {}, "
-                            "\"size\": {}, \"modified\": \"{}\", \"modifiedNs\": {}{}{}}}",
+                            "\"size\": {}, \"modified\": {}, \"modifiedNs\": {}{}{}}}",
                             count_ ? "," : "", FVJsonText::pathFields("name", name), typeWord(e.type), e.mode, e.owner,
-                            e.group, e.size, timeText(e.modificationTimeNs, true), e.modificationTimeNs,
+                            e.group, e.size, FVJsonText::time(seconds(e.modificationTimeNs)), e.modificationTimeNs,
                             e.type == FVManifestEntryType::Link ? ", " + FVJsonText::pathFields("linkTarget", e.linkTarget)
                                                                  : "",
                             e.hash ? ", \"digest\": \"" + e.hash->hex() + "\"" : "");
@@ -142,7 +142,7 @@ public:
             FVOutput::print(stdout, "{:<6} {} {:<17} {:>13} {}  {}{}\n", typeWord(e.type), modeText(e),
                             ownerName(e.owner) + ":" + groupName(e.group),
                             e.type == FVManifestEntryType::Folder ? std::string("-") : std::to_string(e.size),
-                            timeText(e.modificationTimeNs, false), shown(name),
+                            timeText(e.modificationTimeNs), shown(name),
                             e.type == FVManifestEntryType::Link ? " -> " + shown(e.linkTarget) : "");
         }
         ++count_;
@@ -194,7 +194,8 @@ int listMain(const std::string& destinationArgument, const std::string& path, co
     const std::string original =
         opened->pointInTime.layout().originalPath(mirror).value_or(mirror.empty() ? destination : mirror);
     if (json)
-        FVOutput::print(stdout, "{{\"at\": {}, {}, \"entries\": [", FVJsonText::quoted(run->stamp),
+        FVOutput::print(stdout, "{{{}, \"at\": {}, {}, \"entries\": [", FVJsonText::formatVersionField(),
+                        FVJsonText::quoted(run->stamp),
                         FVJsonText::pathFields("path", original));
     else
         FVOutput::print(stdout, "{} as of the run {}\n", shown(original), shown(run->stamp));

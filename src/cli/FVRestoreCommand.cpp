@@ -35,14 +35,6 @@ namespace {
 
 std::string shown(std::string_view text) { return FVSearchText::printable(text); }
 
-std::string utcTime(int64_t seconds, const char* format) {
-    std::time_t at = static_cast<std::time_t>(seconds);
-    struct tm parts {};
-    gmtime_r(&at, &parts);
-    char buffer[64];
-    return std::string(buffer, std::strftime(buffer, sizeof buffer, format, &parts));
-}
-
 std::string localTime(int64_t seconds) {
     std::time_t at = static_cast<std::time_t>(seconds);
     struct tm parts {};
@@ -87,13 +79,14 @@ int versionsMain(const std::string& destination, const std::string& path, bool j
     std::vector<FVItemVersion> versions = catalog->versions(*mirror);
     auto original = catalog->originalPath(*mirror);
     if (json) {
-        FVOutput::print(stdout, "{{{}, \"versions\": [", FVJsonText::pathFields("path", original.value_or(*mirror)));
+        FVOutput::print(stdout, "{{{}, {}, \"versions\": [", FVJsonText::formatVersionField(),
+                        FVJsonText::pathFields("path", original.value_or(*mirror)));
         for (size_t k = 0; k < versions.size(); ++k) {
             const FVItemVersion& v = versions[k];
             FVOutput::print(stdout, "{}\n  {{\"version\": {}, \"kind\": \"{}\", \"type\": \"{}\", \"size\": {}, "
-                       "\"modified\": \"{}\", {}}}",
+                       "\"modified\": {}, {}}}",
                        k ? "," : "", FVJsonText::quoted(v.label()), versionKindName(v.kind), fileTypeName(v.type), v.size,
-                       utcTime(v.modificationTime, "%Y-%m-%dT%H:%M:%SZ"), FVJsonText::pathFields("location", v.path));
+                       FVJsonText::time(static_cast<std::time_t>(v.modificationTime)), FVJsonText::pathFields("location", v.path));
         }
         FVOutput::print(stdout, "{}]}}\n", versions.empty() ? "" : "\n");
     } else {

@@ -1,33 +1,21 @@
 #include "cli/FVRestoreProgress.h"
 
-#include "cli/FVOutput.h"
-
 #include <unistd.h>
 
 namespace ferrovane {
 
-namespace {
-constexpr uint64_t kProgressLineEvery = 1000;
-}
+FVRestoreProgress::FVRestoreProgress() : line_(stderr, FVProgressLine::styleFor(STDERR_FILENO)) {}
 
-FVRestoreProgress::FVRestoreProgress() : terminal_(isatty(STDERR_FILENO)) {}
-
-FVRestoreProgress::~FVRestoreProgress() {
-    if (terminal_ && shownPercent_ >= 0) FVOutput::print(stderr, "\n");
-}
+FVRestoreProgress::~FVRestoreProgress() { line_.finish(); }
 
 void FVRestoreProgress::update(uint64_t done, uint64_t total) {
     if (total == 0) return;
-    if (terminal_) {
-        int percent = static_cast<int>(done * 100 / total);
-        if (percent == shownPercent_) return;
-        shownPercent_ = percent;
-        FVOutput::print(stderr, "\rRestoring: {}%", percent);
-        std::fflush(stderr);
-    } else {
-        for (; nextLine_ <= done; nextLine_ += kProgressLineEvery)
-            if (nextLine_ > 0) FVOutput::print(stderr, "Restored {} of {} items\n", nextLine_, total);
-    }
+    FVProgressStep step;
+    step.task = "Restoring";
+    step.percent = static_cast<float>(static_cast<double>(done) * 100.0 / static_cast<double>(total));
+    step.files = done;
+    step.filesTotal = total;
+    line_.update(step);
 }
 
 }  // namespace ferrovane

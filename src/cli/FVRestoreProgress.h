@@ -1,6 +1,9 @@
 #pragma once
-// A restore's progress on standard error: on a terminal one percentage rewritten in place, anywhere
-// else a plain line every thousand items.
+// A restore's progress on standard error, in the backup's form (see FVProgressLine): on a
+// terminal one line rewritten in place with files done of all, rate and time left; anywhere else
+// a plain line now and then.
+
+#include "cli/FVProgressLine.h"
 
 #include <cstdint>
 
@@ -16,9 +19,7 @@ public:
     void update(uint64_t done, uint64_t total);
 
 private:
-    bool terminal_;
-    int shownPercent_ = -1;
-    uint64_t nextLine_ = 0;
+    FVProgressLine line_;
 };
 
 }  // namespace ferrovane

@@ -27,13 +27,6 @@ namespace {
 
 std::string shown(std::string_view text) { return FVSearchText::printable(text); }
 
-std::string utcTime(std::time_t at) {
-    struct tm parts {};
-    gmtime_r(&at, &parts);
-    char buffer[32];
-    return std::string(buffer, std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &parts));
-}
-
 std::string size(uint64_t bytes) { return FVNumber::formattedDiskSizeString(static_cast<double>(bytes)); }
 
 // The items whose results a run writes back: those it backs up, and any it once did.
@@ -84,12 +77,13 @@ void printText(const std::string& destination, const std::optional<FVOverdueNoti
 void printJson(const std::string& destination, const std::optional<FVOverdueNotice>& overdue,
                const std::vector<FVRunRecord>& records, const FVArchiveRuns& archives,
                const std::vector<FVSourceItemPtr>& items) {
-    fmt::print("{{{},\n \"overdue\": {},\n \"records\": [", FVJsonText::pathFields("destination", destination),
+    fmt::print("{{{}, {},\n \"overdue\": {},\n \"records\": [", FVJsonText::formatVersionField(),
+               FVJsonText::pathFields("destination", destination),
                FVOverdueJson::notice(overdue));
     const char* separator = "";
     for (auto run = records.rbegin(); run != records.rend(); ++run) {
-        fmt::print("{}\n  {{\"stamp\": {}, \"time\": \"{}\", \"outcome\": \"{}\", \"complete\": {}", separator,
-                   FVJsonText::quoted(run->stamp), utcTime(run->time), outcomeOf(*run), run->complete());
+        fmt::print("{}\n  {{\"stamp\": {}, \"time\": {}, \"outcome\": \"{}\", \"complete\": {}", separator,
+                   FVJsonText::quoted(run->stamp), FVJsonText::time(run->time), outcomeOf(*run), run->complete());
         if (const std::optional<FVManifestSummary>& summary = run->summary)
             fmt::print(", \"entries\": {}, \"files\": {}, \"bytes\": {}, \"copied\": {}, \"archived\": {}, "
                        "\"removed\": {}, \"errors\": {}}}",
@@ -102,9 +96,9 @@ void printJson(const std::string& destination, const std::optional<FVOverdueNoti
     fmt::print("],\n \"runs\": [");
     separator = "";
     for (const FVArchiveRun& run : archives.runs()) {
-        fmt::print("{}\n  {{\"stamp\": {}, \"time\": \"{}\", \"changed\": {{\"items\": {}, \"bytes\": {}}}, "
+        fmt::print("{}\n  {{\"stamp\": {}, \"time\": {}, \"changed\": {{\"items\": {}, \"bytes\": {}}}, "
                    "\"removed\": {{\"items\": {}, \"bytes\": {}}}}}",
-                   separator, FVJsonText::quoted(run.stamp), utcTime(run.time), run.changed.items, run.changed.bytes,
+                   separator, FVJsonText::quoted(run.stamp), FVJsonText::time(run.time), run.changed.items, run.changed.bytes,
                    run.removed.items, run.removed.bytes);
         separator = ",";
     }

@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include <dirent.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -28,6 +29,12 @@ public:
 private:
     FVRunLoop& loop_;
 };
+
+// The version's modification time (links not followed), null when it cannot be read.
+std::string modifiedTime(const std::string& path) {
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0 ? FVJsonText::time(st.st_mtime) : "null";
+}
 
 }  // namespace
 
@@ -56,16 +63,18 @@ int main(const std::string& destination, const std::string& text, bool json) {
         fmt::print(stderr, "ferrovane search: warning: {}\n", FVSearchText::printable(warning));
 
     const auto& results = search->searchResults();
+    if (json)
+        fmt::print("{{{}, {}, \"results\": [", FVJsonText::formatVersionField(),
+                   FVJsonText::pathFields("destination", destination));
     for (size_t k = 0; k < results.size() && json; ++k) {
         const auto& result = results[k];
-        fmt::print("{}\n  {{{}, \"versions\": [", k ? "," : "[", FVJsonText::pathFields("path", result.path));
+        fmt::print("{}\n  {{{}, \"versions\": [", k ? "," : "", FVJsonText::pathFields("path", result.path));
         for (size_t v = 0; v < result.fullpaths.size(); ++v)
-            fmt::print("{}{{\"date\": {}, {}}}", v ? ", " : "",
-                       result.timestamps[v].empty() ? "null" : FVJsonText::quoted(result.timestamps[v]),
+            fmt::print("{}{{\"modified\": {}, {}}}", v ? ", " : "", modifiedTime(result.fullpaths[v]),
                        FVJsonText::pathFields("location", result.fullpaths[v]));
         fmt::print("]}}");
     }
-    if (json) fmt::print("{}]\n", results.empty() ? "[" : "\n");
+    if (json) fmt::print("{}]}}\n", results.empty() ? "" : "\n");
     for (size_t k = 0; k < results.size() && !json; ++k) {
         const auto& result = results[k];
         fmt::print("{}{}\n", k ? "\n" : "", FVSearchText::printable(result.path));

@@ -1,5 +1,6 @@
 #include "cli/FVSourceResults.h"
 
+#include "cli/FVJsonText.h"
 #include "engine/FVAdditions.h"
 
 #include <fmt/format.h>
@@ -17,11 +18,10 @@ std::optional<double> lastBackup(const FVSourceItem& item) {
     return date->get<PlistDate>()->secondsSince1970;
 }
 
-std::string formatted(double secondsSince1970, const char* format, bool utc) {
+std::string formatted(double secondsSince1970, const char* format) {
     time_t t = static_cast<time_t>(secondsSince1970);
     tm parts {};
-    if (utc) gmtime_r(&t, &parts);
-    else localtime_r(&t, &parts);
+    localtime_r(&t, &parts);
     char buffer[64];
     return std::string(buffer, std::strftime(buffer, sizeof buffer, format, &parts));
 }
@@ -35,7 +35,7 @@ uint64_t bytesCopied(const FVSourceItem& item) {
 std::string line(const FVSourceItem& item) {
     auto date = lastBackup(item);
     if (!date) return "not backed up yet";
-    return fmt::format("last backup {}: {} files, {} updated, {} copied", formatted(*date, "%Y-%m-%d %H:%M:%S", false),
+    return fmt::format("last backup {}: {} files, {} updated, {} copied", formatted(*date, "%Y-%m-%d %H:%M:%S"),
                        item.integerValue(FVSourceKey::totalFilesCount),
                        item.integerValue(FVSourceKey::updatedFilesCount),
                        FVNumber::formattedDiskSizeString(static_cast<double>(bytesCopied(item))));
@@ -44,7 +44,7 @@ std::string line(const FVSourceItem& item) {
 std::string jsonFields(const FVSourceItem& item) {
     auto date = lastBackup(item);
     return fmt::format("\"lastBackup\": {}, \"totalFiles\": {}, \"updatedFiles\": {}, \"bytesCopied\": {}",
-                       date ? "\"" + formatted(*date, "%Y-%m-%dT%H:%M:%SZ", true) + "\"" : "null",
+                       date ? FVJsonText::time(static_cast<std::time_t>(*date)) : "null",
                        item.integerValue(FVSourceKey::totalFilesCount),
                        item.integerValue(FVSourceKey::updatedFilesCount), bytesCopied(item));
 }

@@ -45,12 +45,20 @@ const char* statusName(FVVerificationSummary::Status status) {
 int main(const Arguments& arguments) {
     FVRunSignals::block();
     FVRunSignals::listen(onSignal);
-    FVProgressLine progress(stderr, isatty(STDERR_FILENO));
+    FVProgressLine progress(stderr, FVProgressLine::styleFor(STDERR_FILENO));
     bool first = true;
-    if (arguments.json) FVOutput::print(stdout, "{{\"findings\": [");
+    if (arguments.json) FVOutput::print(stdout, "{{{}, \"findings\": [", FVJsonText::formatVersionField());
     FVVerification verification(
         {arguments.destination, arguments.at, arguments.sources},
-        [&](const FVVerification::Progress& p) { progress.update(p.task, p.percent, p.files, p.bytes); },
+        [&](const FVVerification::Progress& p) {
+            FVProgressStep step;
+            step.task = p.task;
+            step.percent = p.percent;
+            step.files = p.files;
+            step.filesVerb = "read";
+            step.bytes = p.bytes;
+            progress.update(step);
+        },
         [&](const FVVerificationFinding& finding) {
             const char* kind = FVVerificationFinding::kindName(finding.kind);
             if (arguments.json) {

@@ -79,6 +79,7 @@ void FVBackupSession::progressStep() {
 }
 
 void FVBackupSession::start() {
+    startedAt_ = FVDate::now();
     FVRunSettings settings;
     settings.targetPath = destinationPath_;
     settings.options = backupOptions_;
@@ -137,6 +138,7 @@ void FVBackupSession::start() {
 
 void FVBackupSession::beginJob() {
     syncingBackup_ = std::make_unique<FVSyncingBackup>(runSettings_, excludePaths_, [this] { progressStep(); });
+    syncingBackup_->setItemListener(itemListener_);
     job_.store(syncingBackup_.get());
     // A cancel that came while the job did not exist yet.
     if (cancelRequested_.load()) syncingBackup_->cancelUpdate();
@@ -223,6 +225,7 @@ void FVBackupSession::finish() {
     syncingBackup_->flushDestination();
     syncingBackup_->finishRecord(false);
     syncingBackup_->thinRuns();
+    logSummary(false);
     FVLog::currentLog().addLogLine(fmt::format("Sync finished (Duration: {}).\n", syncingBackup_->currentDurationString()));
     FVLog::currentLog().closeLog();
     // Released before the delegate hears of the end: it may destroy this session at once.
@@ -236,6 +239,7 @@ void FVBackupSession::refuse(const std::string& problem) {
     log.newLog();
     log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
     log.addLogLine("ERROR: " + problem);
+    logSummary(true);
     log.addLogLine("Sync cancelled: nothing was changed.\n");
     log.closeLog();
     setTaskDescription("Cancelled.");
@@ -248,6 +252,7 @@ void FVBackupSession::stopForSpace(const std::string& problem) {
     FVLog& log = FVLog::currentLog();
     log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
     log.addLogLine("ERROR: " + problem);
+    logSummary(true);
     log.addLogLine("Sync stopped before copying: not enough room.\n");
     log.closeLog();
     setTaskDescription("Stopped before copying: not enough room.");
@@ -262,6 +267,7 @@ void FVBackupSession::didCancel() {
 }
 
 void FVBackupSession::endCancelled(const std::string& lastLogLine) {
+    logSummary(true);
     FVLog::currentLog().addLogLine(lastLogLine);
     FVLog::currentLog().closeLog();
     setTaskDescription("Cancelled.");
@@ -290,6 +296,17 @@ std::vector<std::string> FVBackupSession::notes() const {
     std::vector<std::string> notes = roomNotes_;
     if (FVSyncingBackup* job = syncingBackup()) notes.insert(notes.end(), job->notes().begin(), job->notes().end());
     return notes;
+}
+
+void FVBackupSession::logSummary(bool stopped) {
+    finishedAt_ = FVDate::now();
+    summary_ = {totals(), errorMessages().size(), finishedAt_ - startedAt_, dryRun_, stopped};
+    FVLog::currentLog().addLogLine(summary_.line());
+}
+
+FVRunTotals FVBackupSession::totals() const {
+    FVSyncingBackup* job = syncingBackup();
+    return job ? job->totals() : FVRunTotals{};
 }
 
 uint64_t FVBackupSession::sessionTotalBytesCopied() const {

@@ -7,6 +7,7 @@
 #include "engine/FVOptions.h"
 #include "engine/FVRoomForRun.h"
 #include "engine/FVRunStatus.h"
+#include "engine/FVRunSummary.h"
 #include "engine/FVSourceItem.h"
 #include "engine/FVSyncingBackup.h"
 #include "platform/FVSleepInhibitor.h"
@@ -52,6 +53,10 @@ public:
     // The whole run's decisions, each reported as a log line ("Would copy: ..."), with nothing
     // changed: not the destination, not the items' results.
     void setDryRun(bool dryRun) { dryRun_ = dryRun; }
+    // Each item the run copies, archives or deletes, on the thread that did it; set before start.
+    void setItemListener(std::function<void(FVItemChange, const std::string&)> listener) {
+        itemListener_ = std::move(listener);
+    }
 
     // Starts the run on its own thread and returns at once.
     void start();
@@ -80,6 +85,16 @@ public:
     int32_t updatedFileCount() const;
     double changedPercent() const;
     std::string finishedSummary() const;
+    // What the run did so far; from any thread.
+    FVRunTotals totals() const;
+    // The line that ended the run (also its last line in the log), with the counts it was made
+    // of; read once the session has ended.
+    const FVRunSummary& summary() const { return summary_; }
+    // When the run started and ended, in seconds since 1970; the stamp of its archive folders and
+    // record, empty for a run refused before it had one. Read once the session has ended.
+    double startedAt() const { return startedAt_; }
+    double finishedAt() const { return finishedAt_; }
+    const std::string& stamp() const { return runSettings_.archiveFolderName; }
 
 private:
     // The run from the first source item to the end, on driver_.
@@ -98,6 +113,8 @@ private:
     void beginJob();
     void setTaskDescription(std::string text);
     void progressStep();
+    // Fixes the summary of the run's end and writes it to the log.
+    void logSummary(bool stopped);
 
     FVBackupSessionDelegate* delegate_ = nullptr;
     std::string destinationPath_;
@@ -108,6 +125,10 @@ private:
     std::vector<std::string> excludePaths_;
     std::vector<FVSourceItemPtr> enabledItems_;
     bool dryRun_ = false;
+    std::function<void(FVItemChange, const std::string&)> itemListener_;
+    double startedAt_ = 0;
+    double finishedAt_ = 0;
+    FVRunSummary summary_;
     FVRunSettings runSettings_;
     std::string probeProblem_;
 

@@ -45,6 +45,7 @@ bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination)
     }
     if (error == 0) {
         ++status_.archivedCount;
+        status_.changed(FVItemChange::Archived, path);
         status_.verboseLog(fmt::format("Archived {}: {}", what, path));
         return true;
     }

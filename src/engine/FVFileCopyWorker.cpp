@@ -276,6 +276,11 @@ void FVFileCopyWorkerImpl::workerEnded() {
     else if (outcome == Outcome::Finished) delegate->copyWorkerDidFinishCopy();
 }
 
+void FVFileCopyWorkerImpl::published(const std::string& sourcePath, uint64_t bytes) {
+    totalBytesCopied.fetch_add(bytes, std::memory_order_relaxed);
+    if (delegate) delegate->copyWorkerDidPublishItem(sourcePath, bytes);
+}
+
 void FVFileCopyWorkerImpl::sendMessage(const std::string& message, FVMessageLevel level) {
     if (delegate) delegate->copyWorkerDidGenerateMessage(message, level);
 }

@@ -64,6 +64,8 @@ public:
     virtual void copyWorkerDestinationDidFail(const FVDestinationFailure& failure) {
         copyWorkerDidGenerateMessage(failure.message(), FVMessageLevel::Error);
     }
+    // Each copy of a file, link or special file once it stands under its name; bytes is its size.
+    virtual void copyWorkerDidPublishItem(const std::string& sourcePath, uint64_t bytes) {}
     // After each item copied or failed, and each digest taken, when the worker records copies.
     virtual void copyWorkerDidRecordItem(const FVCopyRecord& record) {}
     virtual void copyWorkerDidFinishCopy() = 0;

@@ -110,6 +110,8 @@ struct FVFileCopyWorkerImpl {
     void workerBody();
     void workerEnded();
     void sendMessage(const std::string& message, FVMessageLevel level);
+    // A copy now stands under its name in the mirror.
+    void published(const std::string& sourcePath, uint64_t bytes);
     // A read-only, full or failing destination stops the session, reported once however many
     // threads meet it; false for an error of the item alone.
     bool stopOnDestinationFailure(const FVDestinationFailure& failure);

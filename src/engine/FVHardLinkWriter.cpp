@@ -36,8 +36,11 @@ std::vector<FVHardLinkWriter::CopyPair> FVHardLinkWriter::run(const std::vector<
 
 void FVHardLinkWriter::reportWouldLink(const FVHardLinkGroups::Request& request) {
     status_.planned("Would link: " + request.source->path());
-    if (settings_.options.moveChangedFiles && request.destination->fileExists() && !request.destinationCurrent)
+    status_.tally.add(FVItemChange::Copied);
+    if (settings_.options.moveChangedFiles && request.destination->fileExists() && !request.destinationCurrent) {
         status_.planned("Would archive: " + request.destination->path());
+        status_.tally.add(FVItemChange::Archived);
+    }
 }
 
 void FVHardLinkWriter::reportError(const std::string& message) {
@@ -116,7 +119,9 @@ FVHardLinkWriter::Outcome FVHardLinkWriter::replaceWithLink(const FVHardLinkGrou
         if (!status_.stopOnFatalDestinationError(error, "linking", path))
             reportError(fmt::format("Could not link {} to {} ({})", path, request.firstDestinationPath,
                                     std::strerror(error)));
+        return Outcome::Done;
     }
+    status_.changed(FVItemChange::Copied, request.source->path());
     return Outcome::Done;
 }
 

@@ -292,7 +292,7 @@ FVItemCloner::Result FVItemCloner::publish(FVTemporaryEntry& entry, const Item& 
     case FVTemporaryEntry::Published::DataNotSafe: return destinationFailure(Step::CopyData, errno);
     case FVTemporaryEntry::Published::Done: break;
     }
-    worker_.totalBytesCopied.fetch_add(static_cast<uint64_t>(size), std::memory_order_relaxed);
+    worker_.published(item.sourcePath, static_cast<uint64_t>(size));
     return done();
 }
 

@@ -94,8 +94,10 @@ bool FVMirrorCleanup::cleanFolder(const std::string& sourceRoot, const std::stri
             else destination_.keepingParentDates(path, [&] { destination_.removeItem(path); });
             break;
         case Decision::ArchiveOrRemove:
-            if (settings_.dryRun) status_.planned((archives() ? "Would archive: " : "Would remove: ") + path);
-            else destination_.keepingParentDates(path, [&] { removeDeletedItem(sourceRoot, relative, path); });
+            if (settings_.dryRun) {
+                status_.planned((archives() ? "Would archive: " : "Would remove: ") + path);
+                status_.tally.add(archives() ? FVItemChange::Archived : FVItemChange::Deleted);
+            } else destination_.keepingParentDates(path, [&] { removeDeletedItem(sourceRoot, relative, path); });
             ++handled_;
             break;
         }
@@ -176,6 +178,7 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
         if (error == 0) {
             ++status_.archivedCount;
             ++status_.removedCount;
+            status_.changed(FVItemChange::Archived, itemPath);
             return;
         }
         if (status_.stopOnFatalDestinationError(error, "archiving", itemPath)) return;
@@ -194,6 +197,7 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
     }
     if (error == 0) {
         ++status_.removedCount;
+        status_.changed(FVItemChange::Deleted, itemPath);
         return;
     }
     if (status_.stopOnFatalDestinationError(error, "removing", itemPath)) return;

@@ -23,6 +23,11 @@ void FVRunStatus::verboseLog(const std::string& line) const {
     if (verboseLogging_) log(line);
 }
 
+void FVRunStatus::changed(FVItemChange change, const std::string& path, uint64_t bytes) {
+    tally.add(change, bytes);
+    if (itemChanged_) itemChanged_(change, path);
+}
+
 void FVRunStatus::addError(std::string message) {
     std::lock_guard lock(errorsMutex_);
     errorMessages_.push_back(std::move(message));

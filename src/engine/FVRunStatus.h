@@ -5,6 +5,7 @@
 
 #include "engine/FVDestinationFailure.h"
 #include "engine/FVFileCopyWorker.h"
+#include "engine/FVRunTally.h"
 
 #include <atomic>
 #include <cstdint>
@@ -30,6 +31,11 @@ public:
     void planned(const std::string& line) const;
     void setPlannedChangeListener(std::function<void(const std::string&)> listener) { plannedChange_ = std::move(listener); }
     void verboseLog(const std::string& line) const;
+    // An item the run copied, archived or deleted: counted, and passed to the listener (set
+    // before the run's threads start; called on the thread that made the change).
+    void changed(FVItemChange change, const std::string& path, uint64_t bytes = 0);
+    void setItemListener(std::function<void(FVItemChange, const std::string&)> listener) { itemChanged_ = std::move(listener); }
+    FVRunTally tally;
     void addError(std::string message);
     std::vector<std::string> errorMessages() const;
 
@@ -68,6 +74,7 @@ private:
     bool quiet_ = false;
     std::function<void()> progressChanged_;
     std::function<void(const std::string&)> plannedChange_;
+    std::function<void(FVItemChange, const std::string&)> itemChanged_;
     std::atomic<bool> cancelled_{false};
     std::atomic<bool> destinationFailureReported_{false};
     std::atomic<float> analyseProgress_{0};

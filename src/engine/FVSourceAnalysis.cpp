@@ -121,10 +121,8 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
             };
         FVChangeDecision::Reason reason = decide(*root, *target, xattrsIdentical);
         const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch;
-        if (reason != FVChangeDecision::Reason::Unchanged) {
-            handOver(root, target, inPlace ? Work::ModeAndOwner : Work::Copy);
-            ++status_.totalFilesCount;
-        }
+        ++status_.totalFilesCount;
+        if (reason != FVChangeDecision::Reason::Unchanged) handOver(root, target, inPlace ? Work::ModeAndOwner : Work::Copy);
         if (reason == FVChangeDecision::Reason::Unchanged || inPlace) recordCurrent(relativeRoot, root, target);
         return;
     }

@@ -110,7 +110,8 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
     std::shared_ptr<FVFileCopyWorker> worker = settings_.dryRun ? nullptr : makeWorker(sourcePath);
     status_.setCurrentWorker(worker);
     status_.updateCount = 0;
-    status_.totalFilesCount = 0;
+    // The items the last source item checked now count for the whole run.
+    status_.tally.addChecked(status_.totalFilesCount.exchange(0));
     if (!FVFileManager::pathExists(sourcePath)) {
         status_.log(fmt::format("Source: {} (UNAVAILABLE AND NOT UPDATED).", sourcePath));
         // Its mirror stays as it was: recorded as not brought up to date.
@@ -207,14 +208,18 @@ std::vector<std::string> FVSyncingBackup::warnings() const {
 
 void FVSyncingBackup::reportWouldCopy(FVFileSystemItem& source, FVFileSystemItem& destination) {
     status_.planned("Would copy: " + source.path());
+    if (source.fileType() != FVFileType::Directory) status_.tally.add(FVItemChange::Copied, source.fileSize());
     // The copy archives whatever it replaces, except a folder's metadata applied to a folder; a
     // folder replaced by anything else goes the way of a removed folder.
     if (!destination.fileExists() || (!source.isFile() && destination.fileType() == FVFileType::Directory)) return;
     const bool replacedFolder = destination.fileType() == FVFileType::Directory;
-    if (replacedFolder ? settings_.options.moveDeletedFiles : settings_.options.moveChangedFiles)
+    if (replacedFolder ? settings_.options.moveDeletedFiles : settings_.options.moveChangedFiles) {
         status_.planned("Would archive: " + destination.path());
-    else if (replacedFolder)
+        status_.tally.add(FVItemChange::Archived);
+    } else if (replacedFolder) {
         status_.planned("Would remove: " + destination.path());
+        status_.tally.add(FVItemChange::Deleted);
+    }
 }
 
 bool FVSyncingBackup::waitForCopies(FVFileCopyWorker& worker) {
@@ -268,6 +273,12 @@ void FVSyncingBackup::checkVolumeDidUnmount(const std::string& mountPoint) {
     FVTestHook::reach("unmount-seen", mountPoint);
 }
 
+FVRunTotals FVSyncingBackup::totals() const {
+    FVRunTotals totals = status_.tally.totals();
+    totals.checked += currentTotalFilesCount();
+    return totals;
+}
+
 std::string FVSyncingBackup::currentDurationString() const {
     double elapsed = FVDate::now() - initTimeStamp_;
     auto whole = static_cast<long long>(elapsed);
@@ -295,6 +306,10 @@ void FVSyncingBackup::copyWorkerDestinationDidFail(const FVDestinationFailure& f
 
 void FVSyncingBackup::copyWorkerDidRecordItem(const FVCopyRecord& record) {
     if (recorder_) recorder_->recordCopy(record);
+}
+
+void FVSyncingBackup::copyWorkerDidPublishItem(const std::string& sourcePath, uint64_t bytes) {
+    status_.changed(FVItemChange::Copied, sourcePath, bytes);
 }
 
 void FVSyncingBackup::copyWorkerDidFinishCopy() { copiesEnded(status_.isCancelled()); }

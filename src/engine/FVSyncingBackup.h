@@ -62,6 +62,11 @@ public:
     uint64_t currentUpdateCount() const { return status_.updateCount.load(std::memory_order_relaxed); }
     uint64_t currentTotalFilesCount() const { return status_.totalFilesCount.load(std::memory_order_relaxed); }
     std::vector<std::string> errorMessages() const { return status_.errorMessages(); }
+    // What the run did so far, the source item in hand included.
+    FVRunTotals totals() const;
+    void setItemListener(std::function<void(FVItemChange, const std::string&)> listener) {
+        status_.setItemListener(std::move(listener));
+    }
     // What the user should know of this run that is no error of an item (what the destination
     // cannot keep), said once per run.
     const std::vector<std::string>& notes() const { return notes_; }
@@ -75,6 +80,7 @@ public:
     void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override;
     void copyWorkerDestinationDidFail(const FVDestinationFailure& failure) override;
     void copyWorkerDidRecordItem(const FVCopyRecord& record) override;
+    void copyWorkerDidPublishItem(const std::string& sourcePath, uint64_t bytes) override;
     void copyWorkerDidFinishCopy() override;
     void copyWorkerDidCancel() override;
 

@@ -77,6 +77,13 @@ protected:
 
     static constexpr const char* kUUID = "6A1C0E55-2D4B-4F3A-9E8D-7C6B5A4F3E2D";
 
+    // A run's last line, its summary, without the duration that ends it.
+    static std::string summary(const std::string& out) {
+        const size_t start = out.rfind('\n', out.size() - 2);
+        const std::string line = out.substr(start == std::string::npos ? 0 : start + 1);
+        return line.substr(0, line.rfind(" in "));
+    }
+
     static void setMtime(const std::string& path, time_t seconds) {
         timespec times[2] = {{seconds, 0}, {seconds, 0}};
         utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
@@ -102,7 +109,7 @@ TEST_F(BackupRun, MirrorsSeveralSourcesAndWritesTheResultsBack) {
 
     auto result = run();
     ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
-    EXPECT_EQ(result.out.substr(result.out.size() - 29), "\nSync finished successfully.\n");
+    EXPECT_NE(result.out.find("\nSync finished successfully.\nChecked "), std::string::npos) << result.out;
     // Through a pipe: one plain line per source item, no control codes.
     EXPECT_NE(result.out.find("\nBacking up Docs…\n"), std::string::npos) << result.out;
     EXPECT_EQ(result.out.find('\033'), std::string::npos) << result.out;
@@ -170,6 +177,11 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
         EXPECT_NE(dry.out.find(line), std::string::npos) << line << dry.out;
     auto second = run();
     ASSERT_EQ(second.exitStatus, 0) << second.out;
+    // Both end with the same counts, the run's also in the log: what it did, the dry run's what
+    // it would do.
+    EXPECT_EQ(summary(dry.out), "Checked 7 items, would copy 2 (20 bytes), archive 3, delete 0, 0 errors") << dry.out;
+    EXPECT_EQ(summary(second.out), "Checked 7 items, copied 2 (20 bytes), archived 3, deleted 0, 0 errors");
+    EXPECT_NE(readFile(logPath()).find(summary(second.out) + " in "), std::string::npos);
 
     EXPECT_EQ(readFile(destination + "/Docs/change.txt"), "version 2, longer");
     EXPECT_FALSE(exists(destination + "/Docs/sub"));
@@ -255,6 +267,7 @@ TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButNeverEmptiesAnUnmounte
     EXPECT_NE(second.err.find("Backup errors:\nNot removing the contents of " + destination + "/Volume"),
               std::string::npos)
         << second.err;
+    EXPECT_EQ(summary(second.out), "Checked 2 items, copied 1 (3 bytes), archived 0, deleted 1, 1 error") << second.out;
     EXPECT_EQ(readFile(destination + "/Volume/precious.txt"), "only copy");
     EXPECT_FALSE(exists(destination + "/Docs/old.txt"));
     EXPECT_FALSE(exists(destination + "/__removed"));
@@ -312,7 +325,7 @@ TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
     EXPECT_EQ(WEXITSTATUS(status), 128 + SIGINT);
     EXPECT_EQ(lastAttempt().outcome, FVJobOutcome::Stopped);
     std::string out = readFile(dir / "out.txt");
-    EXPECT_EQ(out.substr(out.size() - 15), "Sync canceled.\n");
+    EXPECT_NE(out.find("Sync canceled.\nStopped: checked "), std::string::npos) << out;
     EXPECT_EQ(readFile(FVConfigurationFile::formattedPath(destination)), before);
     for (const auto& e : fs::recursive_directory_iterator(destination))
         EXPECT_EQ(e.path().filename().string().rfind(".ferrovane-tmp", 0), std::string::npos) << e.path();

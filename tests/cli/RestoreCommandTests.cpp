@@ -134,9 +134,9 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
     r = ferrovane({"versions", destination, source + "/" + kOddName, "--json"});
     EXPECT_EQ(jsonQuery(r.out, "d['pathHex']"), hex(source + "/" + kOddName)) << r.err;
     r = ferrovane({"search", destination, "ird", "--json"});
-    EXPECT_EQ(jsonQuery(r.out, "d[0]['pathHex']"), hex(destination + "/docs/" + kOddName)) << r.err;
+    EXPECT_EQ(jsonQuery(r.out, "d['results'][0]['pathHex']"), hex(destination + "/docs/" + kOddName)) << r.err;
     r = ferrovane({"search", destination, "a.txt", "--json"});
-    EXPECT_EQ(jsonQuery(r.out, "[len(f['versions']) for f in d]"), "[3]") << r.out;
+    EXPECT_EQ(jsonQuery(r.out, "[len(f['versions']) for f in d['results']]"), "[3]") << r.out;
 
     EXPECT_EQ(ferrovane({"versions", destination, source + "/never.txt"}).exitStatus, 1);
     EXPECT_EQ(ferrovane({"versions", destination, "/elsewhere/x"}).exitStatus, 2);
