@@ -176,8 +176,10 @@ void FVCommanlineMode::printErrors(const std::vector<std::string>& errors) {
 void FVCommanlineMode::printNotes() {
     progress_->finish();
     std::fflush(stdout);
-    for (const std::string& note : backupSession_->notes())
-        std::fprintf(stderr, "Note: %s\n", FVLocaleText::shown(FVSearchText::printable(note)).c_str());
+    // Quiet output keeps what went wrong and what makes the exit status; a note is neither.
+    if (output_.verbosity != FVRunOutput::Verbosity::Quiet)
+        for (const std::string& note : backupSession_->notes())
+            std::fprintf(stderr, "Note: %s\n", FVLocaleText::shown(FVSearchText::printable(note)).c_str());
     for (const std::string& warning : backupSession_->warnings())
         std::fprintf(stderr, "Warning: %s\n", FVLocaleText::shown(FVSearchText::printable(warning)).c_str());
     std::fflush(stderr);

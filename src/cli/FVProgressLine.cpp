@@ -62,10 +62,10 @@ std::string FVProgressLine::text(const FVProgressStep& step, double elapsed) {
 std::string FVProgressLine::json(const FVProgressStep& step, double elapsed) {
     std::optional<double> left = secondsLeft(step, elapsed);
     return fmt::format("{{{}, \"type\": \"progress\", \"task\": {}, \"percent\": {:.1f}, \"checked\": {}, \"files\": {}, "
-                       "\"filesTotal\": {}, \"bytes\": {}, \"bytesPerSecond\": {:.0f}, "
+                       "\"bytes\": {}, \"bytesPerSecond\": {:.0f}, "
                        "\"secondsLeft\": {}, \"path\": {}}}",
                        FVJsonText::formatVersionField(), FVJsonText::quoted(step.task), step.percent,
-                       optionalNumber(step.checked), step.files, optionalNumber(step.filesTotal), step.bytes,
+                       optionalNumber(step.checked), step.files, step.bytes,
                        elapsed > 0 ? static_cast<double>(step.bytes) / elapsed : 0.0,
                        left ? fmt::format("{:.0f}", *left) : "null",
                        step.path.empty() ? "null" : FVJsonText::quoted(step.path));

@@ -151,6 +151,17 @@ TEST_F(BackupRun, MirrorsSeveralSourcesAndWritesTheResultsBack) {
     EXPECT_EQ(readBack().sources[0]->integerValue("updatedFilesCount"), 0);
     EXPECT_NE(again.out.find("\rBacking up "), std::string::npos) << again.out;
     EXPECT_NE(again.out.find("\033[K\r\n\r\nSync finished successfully."), std::string::npos) << again.out;
+
+    // A terminal that cannot redraw gets plain lines, and a C locale ASCII only.
+    writeFile(source + "/single.txt", "changed");
+    auto plain = runProcess({"/usr/bin/script", "-qec", std::string(FERROVANE_EXECUTABLE) + " '" + destination +
+                             "' -noUserNotifications", "/dev/null"},
+                            {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()}, {"TERM", "dumb"},
+                             {"LC_ALL", "C"}});
+    ASSERT_EQ(plain.exitStatus, 0) << plain.out;
+    EXPECT_NE(plain.out.find("\r\nBacking up Docs...\r\n"), std::string::npos) << plain.out;
+    EXPECT_EQ(plain.out.find('\033'), std::string::npos) << plain.out;
+    EXPECT_TRUE(std::all_of(plain.out.begin(), plain.out.end(), [](char c) { return (c & 0x80) == 0; })) << plain.out;
 }
 
 TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
@@ -293,6 +304,63 @@ TEST_F(BackupRun, ARunThatCannotBeRecordedMakesItsBackupAndEndsWithOneWarning) {
     EXPECT_NE(log.find("WARNING: This run is not recorded"), std::string::npos);
     EXPECT_EQ(lastAttempt().outcome, FVJobOutcome::Warnings);
     EXPECT_EQ(lastAttempt().message.rfind("This run is not recorded", 0), 0u) << lastAttempt().message;
+}
+
+TEST_F(BackupRun, ScriptsGetJsonSummariesProgressLinesAndVersionedJsonFromEveryCommand) {
+    buildTree(source, {{"Docs/a.txt", "alpha"}, {"Docs/b.txt", "beta"}});
+    PlistDict options = identified();
+    options.set("moveChangedFiles", int64_t{1});
+    configure({{source + "/Docs", FVSourceMode::Backup}}, options);
+
+    // One JSON object a line: the progress steps, then the summary.
+    auto stream = run({"--progress=json"});
+    ASSERT_EQ(stream.exitStatus, 0) << stream.err;
+    std::string array = stream.out;
+    for (size_t at = array.find('\n'); at + 1 < array.size(); at = array.find('\n', at + 1)) array[at] = ',';
+    EXPECT_EQ(jsonQuery("[" + array + "]", "sorted(set((x['formatVersion'], x['type']) for x in d[:-1])), d[-1]['type'], "
+                                           "d[-1]['copied'], d[-1]['checked']"),
+              "([(1, 'progress')], 'summary', 2, 3)") << stream.out;
+
+    writeFile(source + "/Docs/a.txt", "alpha 2");
+    auto json = run({"--json"});
+    ASSERT_EQ(json.exitStatus, 0) << json.err;
+    EXPECT_EQ(std::count(json.out.begin(), json.out.end(), '\n'), 1) << json.out;
+    EXPECT_EQ(jsonQuery(json.out, "d['formatVersion'], d['outcome'], d['dryRun'], d['copied'], d['bytesCopied'], "
+                                  "d['archived'], d['deleted'], d['errors'], d['stamp'] == sorted(__import__('os')"
+                                  ".listdir('" + destination + "/__changed'))[-1]"),
+              "(1, 'finished', False, 1, 7, 1, 0, [], True)") << json.out;
+
+    writeFile(source + "/Docs/a.txt", "alpha 3");
+    auto quiet = run({"-q"});
+    EXPECT_EQ(quiet.exitStatus, 0);
+    EXPECT_EQ(quiet.out, "");
+
+    writeFile(source + "/Docs/a.txt", "alpha 4");
+    fs::remove(source + "/Docs/b.txt");
+    auto verbose = run({"-v"});
+    EXPECT_NE(verbose.out.find("\nCopied: " + source + "/Docs/a.txt\n"), std::string::npos) << verbose.out;
+    EXPECT_NE(verbose.out.find("\nArchived: " + destination + "/Docs/b.txt\n"), std::string::npos) << verbose.out;
+    EXPECT_EQ(summary(verbose.out), "Checked 2 items, copied 1 (7 bytes), archived 2, deleted 0, 0 errors");
+
+    // Every command's JSON: versioned, ASCII, and its times in ISO 8601 with their offset.
+    const std::string times =
+        "(lambda f: f(f, d))(lambda f, x: [v for k, v in x.items() if k in ('time', 'started', 'finished', "
+        "'modified', 'lastBackup', 'lastGoodRun', 'nextRun') and isinstance(v, str)] + sum((f(f, v) for v in "
+        "x.values()), []) if isinstance(x, dict) else sum((f(f, v) for v in x), []) if isinstance(x, list) else [])";
+    const std::string check = "d['formatVersion'], len(" + times + ") > 0, all(__import__('re').fullmatch("
+                              "r'\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d[+-]\\d\\d:\\d\\d', t) for t in " + times + ")";
+    const std::vector<std::vector<std::string>> commands = {
+        {"runs", destination},          {"search", destination, "a.txt"}, {"versions", destination, source + "/Docs/a.txt"},
+        {"ls", destination, source + "/Docs"}, {"config", destination, "show"}};
+    for (std::vector<std::string> command : commands) {
+        command.push_back("--json");
+        auto listed = ferrovane(command);
+        EXPECT_EQ(jsonQuery(listed.out, check), "(1, True, True)") << command[0] << listed.out << listed.err;
+        EXPECT_TRUE(std::all_of(listed.out.begin(), listed.out.end(), [](char c) { return (c & 0x80) == 0; }));
+    }
+    EXPECT_EQ(jsonQuery(ferrovane({"verify", destination, "--json"}).out, "d['formatVersion']"), "1");
+    EXPECT_EQ(jsonQuery(ferrovane({"config", destination, "schedule", "--json"}).out, "d['formatVersion']"), "1");
+    EXPECT_EQ(jsonQuery(ferrovane({"check-overdue", "--json", "--no-notifications"}).out, "d['formatVersion']"), "1");
 }
 
 TEST_F(BackupRun, RebuildsFullSourcePathsWithoutSyncModeAndCountsAMissingThreadOption) {
