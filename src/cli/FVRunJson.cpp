@@ -16,9 +16,17 @@ std::string stringArray(const std::vector<std::string>& texts) {
     return out + "]";
 }
 
+// The log's level prefix says nothing inside a list of errors.
+std::string_view withoutLevel(std::string_view message) {
+    for (std::string_view level : {"ERROR: ", "Error: "})
+        if (message.starts_with(level)) return message.substr(level.size());
+    return message;
+}
+
 std::string errorObjects(const std::vector<std::string>& errors) {
     std::string out = "[";
-    for (size_t i = 0; i < errors.size(); ++i) out += fmt::format("{}{{\"message\": {}}}", i ? ", " : "", FVJsonText::quoted(errors[i]));
+    for (size_t i = 0; i < errors.size(); ++i)
+        out += fmt::format("{}{{\"message\": {}}}", i ? ", " : "", FVJsonText::quoted(withoutLevel(errors[i])));
     return out + "]";
 }
 

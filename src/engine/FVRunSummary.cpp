@@ -30,7 +30,7 @@ std::string FVRunSummary::duration(double seconds) {
 }
 
 std::string FVRunSummary::line() const {
-    return fmt::format("{}hecked {}, {} {} ({}), {} {}, {} {}, {} in {}.", stopped ? "Stopped: c" : "C",
+    return fmt::format("{} {}, {} {} ({}), {} {}, {} {}, {} in {}.", stopped ? "Stopped: checked" : "Checked",
                        counted(totals.checked, "item", "items"), dryRun ? "would copy" : "copied", count(totals.copied),
                        FVNumber::formattedDiskSizeString(static_cast<double>(totals.bytesCopied)),
                        dryRun ? "archive" : "archived", count(totals.archived), dryRun ? "delete" : "deleted",

@@ -116,6 +116,12 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
     EXPECT_EQ(readFile(restored + "/" + kOddName), "odd");
     EXPECT_EQ(fs::read_symlink(restored + "/link"), "a.txt");
     EXPECT_EQ(differences(destination + "/docs/", restored + "/"), "");
+    // On a terminal its progress is the backup's line: files done of all, rewritten in place.
+    auto shown = runProcess({"/usr/bin/script", "-qec", std::string(FERROVANE_EXECUTABLE) + " restore '" + destination +
+                             "' --all --to '" + (dir / "shown") + "'", "/dev/null"},
+                            {{"DISPLAY", std::nullopt}, {"TERM", "xterm"}, {"FERROVANE_LOG_FILE", logPath()}});
+    EXPECT_TRUE(std::regex_search(shown.out, std::regex("\rRestoring  100\\.0%  (\\d+) of \\1 files.*\033\\[K")))
+        << shown.out;
 
     // The machine died: every source back at its original place.
     fs::remove_all(dir / "home");
