@@ -33,7 +33,8 @@ TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
         {{"config", "--help"}, 0, "Usage: ferrovane config", ""},
         {{"config", d, "schedule", "--help"}, 0, "Usage: ferrovane config schedule", ""},
 
-        {{"--bogus"}, 2, "", "--bogus"}, {{"-v"}, 2, "", "-v"}, {{d, "-x"}, 2, "", "-x"},
+        {{"--bogus"}, 2, "", "--bogus"}, {{d, "-q", "-v"}, 2, "", "--quiet excludes --verbose"}, {{d, "-x"}, 2, "", "-x"},
+        {{d, "--progress", "fancy"}, 2, "", "fancy not in"},
         {{d, "extra"}, 2, "", "extra"},
         {{"relative/dest"}, 2, "", "must be an absolute path"},
         {{"--add", d, "--dry-run"}, 2, "", "takes no destination"},
