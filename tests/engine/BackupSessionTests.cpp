@@ -16,6 +16,8 @@
 #include <condition_variable>
 #include <filesystem>
 #include <mutex>
+#include <tuple>
+#include <utility>
 
 #include <sys/xattr.h>
 
@@ -130,6 +132,10 @@ TEST_F(BackupSessionTest, ThreeItemsWithoutCleanupFillTheWholeRangeAndNoneRunsTh
         EXPECT_EQ(item->integerValue("updatedFilesCount"), 152);
     }
     EXPECT_TRUE(session.errorMessages().empty());
+    // Folders are checked, not copied: the run's summary counts files once they are published.
+    const FVRunTotals totals = session.summary().totals;
+    EXPECT_EQ(std::pair(totals.checked, totals.copied), std::pair(uint64_t{456}, uint64_t{450}));
+    EXPECT_FALSE(session.summary().stopped);
 
     FVBackupSession nothing;
     Recorder idle;
@@ -171,6 +177,21 @@ TEST_F(BackupSessionTest, CancelInTheSecondItemKeepsTheFirstItemsResultsOnly) {
     EXPECT_FALSE(set[2]->value("lastBackupDate").has_value());
     EXPECT_EQ(session.currentTaskDescription(), "Cancelled.");
     EXPECT_FALSE(exists(dir / "dest/three"));
+    EXPECT_EQ(session.summary().line().rfind("Stopped: checked ", 0), 0u) << session.summary().line();
+}
+
+TEST(RunSummary, OneLineInWordsForEveryKindOfRun) {
+    const std::vector<std::pair<FVRunSummary, std::string>> cases = {
+        {{{12345, 12, 1'234'567, 3, 1}, 0, 64.4, false, false},
+         "Checked 12,345 items, copied 12 (1.2 MB), archived 3, deleted 1, 0 errors in 1 min 4 s."},
+        {{{1, 1, 999, 0, 0}, 1, 0.44, true, false},
+         "Checked 1 item, would copy 1 (999 bytes), archive 0, delete 0, 1 error in 0.4 s."},
+        {{{1'000'000, 0, 0, 0, 0}, 2, 7260, false, true},
+         "Stopped: checked 1,000,000 items, copied 0 (0 bytes), archived 0, deleted 0, 2 errors in 2 h 1 min."},
+        {{{100, 0, 0, 0, 0}, 0, 12.4, false, false},
+         "Checked 100 items, copied 0 (0 bytes), archived 0, deleted 0, 0 errors in 12 s."},
+    };
+    for (const auto& [summary, line] : cases) EXPECT_EQ(summary.line(), line);
 }
 
 TEST_F(BackupSessionTest, ADryRunReportsEachDecisionAndChangesNothing) {
@@ -208,6 +229,9 @@ TEST_F(BackupSessionTest, ADryRunReportsEachDecisionAndChangesNothing) {
     EXPECT_EQ(recorder.planned, (std::vector<std::string>{"Would archive: " + mirror + "/f1", "Would archive: " + mirror + "/f2",
                                                           "Would copy: " + source + "/f1", "Would copy: " + source + "/new",
                                                           "Would purge: " + oldArchive}));
+    const FVRunSummary& summary = session.summary();
+    EXPECT_EQ(std::tuple(summary.dryRun, summary.totals.copied, summary.totals.bytesCopied, summary.totals.archived),
+              std::tuple(true, uint64_t{2}, uint64_t{10}, uint64_t{2}));
 }
 
 TEST_F(BackupSessionTest, ARunThatCannotFitStopsBeforeCopyingAndACancelWhileItLooksAheadWritesNothing) {
