@@ -23,7 +23,7 @@ int exec(char** argv) {
     argv[0] = const_cast<char*>(window.c_str());
     execv(window.c_str(), argv);
     FVOutput::error("cannot start the window {}: {}", window, std::strerror(errno));
-    return FVExitStatus::kRunFailed;
+    return FVExitStatus::kUsage;
 }
 
 }  // namespace ferrovane::FVWindowLauncher

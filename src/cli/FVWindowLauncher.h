@@ -5,7 +5,7 @@
 namespace ferrovane::FVWindowLauncher {
 
 // Replaces this process with ferrovane-gui (beside this executable, else on PATH). Returns only
-// when that fails: the exit status after saying why.
+// when there is none or it cannot be started: the usage status (2), after saying why.
 int exec(char** argv);
 
 }  // namespace ferrovane::FVWindowLauncher

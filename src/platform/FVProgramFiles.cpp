@@ -1,5 +1,6 @@
 #include "platform/FVProgramFiles.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
@@ -13,7 +14,10 @@ std::string folderOf(const std::string& path) {
     return slash == std::string::npos ? "" : path.substr(0, slash + 1);
 }
 
-bool isExecutable(const std::string& path) { return access(path.c_str(), X_OK) == 0; }
+bool isExecutable(const std::string& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
+}
 
 }  // namespace
 
@@ -37,7 +41,7 @@ std::string windowFor(const std::string& runningPath, const std::string& searchP
     while (start <= searchPath.size()) {
         size_t end = searchPath.find(':', start);
         if (end == std::string::npos) end = searchPath.size();
-        // An empty entry means the current folder, as for the shell; a program never looks there.
+        // An empty entry would be the current folder, which is no place to take a program from.
         if (end > start) {
             std::string candidate = searchPath.substr(start, end - start) + "/" + kWindowName;
             if (isExecutable(candidate)) return candidate;

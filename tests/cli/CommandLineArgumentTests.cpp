@@ -84,10 +84,11 @@ TEST(CommandLineArguments, TheWindowIsStartedBesideTheCommandLineOrFromPath) {
     const std::string beside = dir / "bin", onPath = dir / "path", commandLine = beside + "/ferrovane";
     makeDirs(beside);
     makeDirs(onPath);
+    makeDirs(dir / "folder/ferrovane-gui");  // a folder of that name is no window
     std::filesystem::copy_file(FERROVANE_EXECUTABLE, commandLine);
     auto start = [&](std::vector<std::string> args) {
         args.insert(args.begin(), commandLine);
-        return runProcess(args, {{"PATH", onPath}, {"DISPLAY", ":0"}});
+        return runProcess(args, {{"PATH", dir / "folder:" + onPath}, {"DISPLAY", ":0"}});
     };
     ProcessResult missing = start({});
     EXPECT_EQ(missing.exitStatus, 2);
