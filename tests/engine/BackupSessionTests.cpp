@@ -203,7 +203,10 @@ TEST_F(BackupSessionTest, ADryRunReportsEachDecisionAndChangesNothing) {
     ASSERT_EQ(run(session, recorder, set), "finished");
     EXPECT_EQ(treeDigest(dir / "dest"), before);
     EXPECT_EQ(set[0]->snapshot(), results) << "no run results";
-    // The removed file would go to __removed (the default), so it is reported as archived.
+    // The removed file would go to __removed (the default), so it is reported as archived. The
+    // space line only comes when the quick check cannot tell that the run fits: on a disk more
+    // than half full, as here where source and destination share one.
+    std::erase_if(recorder.planned, [](const std::string& line) { return line.starts_with("Space on "); });
     std::sort(recorder.planned.begin(), recorder.planned.end());
     EXPECT_EQ(recorder.planned, (std::vector<std::string>{"Would archive: " + mirror + "/f1", "Would archive: " + mirror + "/f2",
                                                           "Would copy: " + source + "/f1", "Would copy: " + source + "/new",
