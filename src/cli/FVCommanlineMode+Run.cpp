@@ -4,6 +4,7 @@
 #include "cli/FVCommanlineMode.h"
 
 #include "cli/FVExitStatus.h"
+#include "cli/FVOutput.h"
 #include "cli/FVRunSignals.h"
 #include "fs/FVText.h"
 #include "search/FVSearchText.h"
@@ -31,6 +32,7 @@ int FVCommanlineMode::runBackup() {
     backupSession_->setBackupSet(backupSetController_->arrangedObjects());
     backupSession_->setExcludePaths(backupSetController_->excludePaths());
     backupSession_->setDryRun(dryRun_);
+    backupSession_->setTrigger(jobTriggerName(attempt_ ? attempt_->trigger() : FVJobTrigger::Manual));
 
     notify({"Starting sync to: " + FVText::lastPathComponent(destinationPath_), "", ""}, false);
     // A signal that came before the start (the cancel it posted found nothing to cancel) keeps
@@ -143,6 +145,15 @@ void FVCommanlineMode::printNotes() {
 }
 
 void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
+    // The user's own precondition said no: nothing was touched, and nothing more is to be said.
+    if (session.skippedByBeforeHook()) {
+        progress_.finish();
+        std::fflush(stdout);
+        FVOutput::error("{}", FVSearchText::printable(session.refusal()));
+        recordAttempt(FVJobOutcome::Failed, session.refusal());
+        runLoop_.stop(FVExitStatus::kIncomplete);
+        return;
+    }
     printNotes();
     // A run that a full or read-only destination stopped says why.
     std::vector<std::string> errors = session.errorMessages();
