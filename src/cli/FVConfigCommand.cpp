@@ -652,11 +652,15 @@ int main(const Arguments& a) {
                         printable(approvals.folder()) + ": " + error + "; the hook does not run until it is");
     }
     if (scheduleChange && !options.updateAutomations(config.destination, &error)) {
+        // systemctl's own lines ("System has not been booted with systemd...") on one line.
+        std::replace(error.begin(), error.end(), '\n', ' ');
         fmt::print(stderr, "ferrovane config: the schedule is saved, but the scheduled job could not be set up: {}\n",
                    printable(error));
         // The unit files are written before they are loaded: the user can load them by hand.
         std::vector<std::string> commands = options.manualSetupCommands();
         if (!commands.empty()) {
+            fmt::print(stderr, "Unit files written:\n");
+            for (const std::string& file : options.writtenJobFiles()) fmt::print(stderr, "  {}\n", printable(file));
             fmt::print(stderr, "To set it up by hand, run:\n");
             for (const std::string& command : commands) fmt::print(stderr, "  {}\n", command);
         }
