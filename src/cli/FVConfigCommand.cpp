@@ -405,7 +405,9 @@ int main(const Arguments& a) {
     const bool hookChange = command == "hook" && (a.hookCommand || a.hookRemove || a.hookApprove);
     if (command == "hook" && !hookChange) {
         if (!load(config, true, problem)) return fail(problem);
-        const std::vector<std::string> hooks = hookLines(*config.content.settings, config.destination);
+        std::vector<std::string> hooks = hookLines(*config.content.settings, config.destination);
+        // "hook before" alone: that one.
+        std::erase_if(hooks, [&](const std::string& line) { return line.rfind(a.hookKind, 0) != 0; });
         if (hooks.empty()) fmt::print("No hooks.\n");
         for (const std::string& line : hooks) fmt::print("{}\n", line);
         return FVExitStatus::kOk;
