@@ -77,6 +77,15 @@ void FVCommanlineMode::backupSessionWouldChange(FVBackupSession&, const std::str
     std::printf("%s\n", FVSearchText::printable(line).c_str());
 }
 
+// As the hook wrote it, on standard error: standard output stays the run's own (and JSON's).
+void FVCommanlineMode::backupSessionHookDidPrint(FVBackupSession&, std::string_view line) {
+    progress_.finish();
+    std::fflush(stdout);
+    std::fwrite(line.data(), 1, line.size(), stderr);
+    std::fputc('\n', stderr);
+    std::fflush(stderr);
+}
+
 void FVCommanlineMode::backupSessionDidFinish(FVBackupSession&) {
     runLoop_.post([this] { finishOnMainThread(); });
 }

@@ -121,7 +121,9 @@ void FVBackupSession::start() {
     currentItemIndex_ = 0;
     planningStatus_.setQuiet(true);
     room_ = std::make_unique<FVRoomForRun>(runSettings_, excludePaths_, planningStatus_, runSettings_.reportPlannedChange);
-    hooks_ = FVRunHooks(backupOptions_, hookApprovals_);
+    hooks_ = FVRunHooks(backupOptions_, hookApprovals_, [this](std::string_view line) {
+        if (delegate_) delegate_->backupSessionHookDidPrint(*this, line);
+    });
     hookRun_ = {destinationPath_, runSettings_.archiveFolderName, trigger_, dryRun_};
     const bool fits = room_->fitsWhateverItWrites();
     if (fits && !hooks_.hasBefore()) {

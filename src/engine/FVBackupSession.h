@@ -17,6 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -33,6 +34,8 @@ public:
     virtual void backupSessionDidCancel(FVBackupSession& session) {}
     // A dry run's decision, one line ("Would copy: PATH"), in the order the run makes them.
     virtual void backupSessionWouldChange(FVBackupSession& session, const std::string& line) {}
+    // A line that the before- or after-hook wrote; it is in the run log already.
+    virtual void backupSessionHookDidPrint(FVBackupSession& session, std::string_view line) {}
 };
 
 class FVBackupSession final {

@@ -4,7 +4,6 @@
 
 #include <fmt/format.h>
 
-#include <cstdio>
 
 namespace ferrovane {
 
@@ -33,8 +32,8 @@ FVHookProcess::Environment runEnvironment(const FVHookRun& run) {
 
 }  // namespace
 
-FVRunHooks::FVRunHooks(const FVOptions& options, FVHookApprovals approvals)
-    : options_(options), approvals_(std::move(approvals)) {}
+FVRunHooks::FVRunHooks(const FVOptions& options, FVHookApprovals approvals, FVHookProcess::LineHandler echo)
+    : options_(options), approvals_(std::move(approvals)), echo_(std::move(echo)) {}
 
 std::optional<std::string> FVRunHooks::runHook(FVHookKind kind, const std::string& command,
                                                FVHookProcess::Environment environment,
@@ -55,9 +54,7 @@ std::optional<std::string> FVRunHooks::runHook(FVHookKind kind, const std::strin
         command, environment, std::chrono::seconds(options_.hookTimeoutSeconds),
         [&](std::string_view line) {
             log.addLogLine(prefix + std::string(line));
-            std::fwrite(line.data(), 1, line.size(), stderr);
-            std::fputc('\n', stderr);
-            std::fflush(stderr);
+            if (echo_) echo_(line);
         },
         stop);
     if (result.succeeded() || result.stopped) return std::nullopt;

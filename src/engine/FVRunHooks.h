@@ -1,6 +1,6 @@
 #pragma once
 // The destination's before- and after-hooks around one run: each a command for /bin/sh with the
-// run's facts in FERROVANE_* variables, its output copied to the run log and standard error, and
+// run's facts in FERROVANE_* variables, its output copied to the run log (and the front end), and
 // a time limit. A hook runs only when this user approved that very command for the destination
 // (see FVHookApprovals); one that is not approved is reported and left alone.
 
@@ -34,7 +34,9 @@ struct FVHookRunEnd {
 
 class FVRunHooks {
 public:
-    explicit FVRunHooks(const FVOptions& options = {}, FVHookApprovals approvals = FVHookApprovals());
+    // echo, when set, gets each line a hook writes, besides the run log.
+    explicit FVRunHooks(const FVOptions& options = {}, FVHookApprovals approvals = FVHookApprovals(),
+                        FVHookProcess::LineHandler echo = {});
 
     bool hasBefore() const { return !options_.beforeHook.empty(); }
     bool hasAfter() const { return !options_.afterHook.empty(); }
@@ -55,6 +57,7 @@ private:
 
     FVOptions options_;
     FVHookApprovals approvals_;
+    FVHookProcess::LineHandler echo_;
     std::vector<std::string> warnings_;
 };
 
