@@ -4,7 +4,6 @@
 
 #include <fmt/format.h>
 
-
 namespace ferrovane {
 
 namespace {
