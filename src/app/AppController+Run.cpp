@@ -286,6 +286,7 @@ void AppController::handleCancel() {
     const bool noRoom = backupSession_->stoppedForSpace();
     recordRunOutcome(FVRunOutcome::State::Stopped, errors);
     if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, backupSession_->refusal());
+    else if (backupSession_->skippedByBeforeHook()) recordJobAttempt(FVJobOutcome::Failed, backupSession_->refusal());
     else recordJobAttempt(FVJobOutcome::Stopped, "stopped in the window");
     updateScheduleState();
     FVUserNotification notification{"Sync canceled: " + FVText::lastPathComponent(currentTargetPath_), "", ""};

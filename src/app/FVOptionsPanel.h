@@ -42,6 +42,8 @@ private:
     std::vector<std::pair<const char*, QCheckBox*>> checkBoxes_;
     std::vector<std::pair<const char*, QSpinBox*>> numberBoxes_;
     QComboBox* syncMode_;
+    // Says which hooks run around each run; set on the command line, shown here only.
+    QLabel* hooks_;
     QCheckBox* moveDeletedFiles_;
     QCheckBox* moveChangedFiles_;
     QCheckBox* purgeRemoved_;

@@ -49,7 +49,7 @@ const char* const kCommands =
     "                                       with --at, a file or folder as a run recorded it\n"
     "  ferrovane verify DESTINATION [--at STAMP] [--sources] [--json]\n"
     "                                       read every file again and compare it with its record\n"
-    "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty | retention) ...\n"
+    "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty | retention | hook) ...\n"
     "                                       edit the destination's sources, options and schedule\n"
     "  ferrovane check-overdue [--json] [--no-notifications]\n"
     "                                       tell which scheduled backups are overdue\n"
@@ -275,6 +275,13 @@ int config(std::vector<std::string> arguments) {
     auto* retention = app.add_subcommand("retention", "print or set which runs are kept: DAYS WEEKS MONTHS YEARS, on or off");
     retention->add_option("SETTING", a.retention, "DAYS WEEKS MONTHS YEARS (e.g. 7 4 6 5), on or off")->expected(0, 4);
     retention->add_flag("--dry-run", a.dryRun, "list what the policy would remove now; change nothing");
+    auto* hook = app.add_subcommand("hook", "without more: list the hooks; set, remove or approve the command run "
+                                            "before or after every run");
+    hook->add_option("WHEN", a.hookKind, "before or after")->check(CLI::IsMember({"before", "after"}));
+    hook->add_option("COMMAND", a.hookCommand, "the command for /bin/sh -c, as one argument");
+    auto* removeHook = hook->add_flag("--remove", a.hookRemove, "remove the hook");
+    hook->add_flag("--approve", a.hookApprove, "let the hook found in the configuration run as this user")
+        ->excludes(removeHook);
     if (auto status = parse(app, std::move(arguments))) return *status;
     a.action = app.get_subcommands().front()->get_name();
     return FVConfigCommand::main(a);

@@ -4,6 +4,7 @@
 #include "cli/FVCommanlineMode.h"
 
 #include "cli/FVExitStatus.h"
+#include "cli/FVOutput.h"
 #include "cli/FVRunSignals.h"
 #include "fs/FVText.h"
 #include "search/FVSearchText.h"
@@ -31,6 +32,7 @@ int FVCommanlineMode::runBackup() {
     backupSession_->setBackupSet(backupSetController_->arrangedObjects());
     backupSession_->setExcludePaths(backupSetController_->excludePaths());
     backupSession_->setDryRun(dryRun_);
+    backupSession_->setTrigger(jobTriggerName(attempt_ ? attempt_->trigger() : FVJobTrigger::Manual));
 
     notify({"Starting sync to: " + FVText::lastPathComponent(destinationPath_), "", ""}, false);
     // A signal that came before the start (the cancel it posted found nothing to cancel) keeps
@@ -73,6 +75,15 @@ void FVCommanlineMode::backupSessionProgressDidChange(FVBackupSession& session) 
 
 void FVCommanlineMode::backupSessionWouldChange(FVBackupSession&, const std::string& line) {
     std::printf("%s\n", FVSearchText::printable(line).c_str());
+}
+
+// As the hook wrote it, on standard error: standard output stays the run's own (and JSON's).
+void FVCommanlineMode::backupSessionHookDidPrint(FVBackupSession&, std::string_view line) {
+    progress_.finish();
+    std::fflush(stdout);
+    std::fwrite(line.data(), 1, line.size(), stderr);
+    std::fputc('\n', stderr);
+    std::fflush(stderr);
 }
 
 void FVCommanlineMode::backupSessionDidFinish(FVBackupSession&) {
@@ -143,6 +154,15 @@ void FVCommanlineMode::printNotes() {
 }
 
 void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
+    // The user's own precondition said no: nothing was touched, and nothing more is to be said.
+    if (session.skippedByBeforeHook()) {
+        progress_.finish();
+        std::fflush(stdout);
+        FVOutput::error("{}", FVSearchText::printable(session.refusal()));
+        recordAttempt(FVJobOutcome::Failed, session.refusal());
+        runLoop_.stop(FVExitStatus::kIncomplete);
+        return;
+    }
     printNotes();
     // A run that a full or read-only destination stopped says why.
     std::vector<std::string> errors = session.errorMessages();

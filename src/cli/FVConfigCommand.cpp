@@ -9,6 +9,7 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVDestinationLock.h"
+#include "engine/FVHookApprovals.h"
 #include "engine/FVMirrorLayout.h"
 #include "engine/FVOptions.h"
 #include "engine/FVStrings.h"
@@ -275,6 +276,25 @@ int showSchedule(const Configuration& config, FVLaunchAgentManager& jobs, bool j
     return FVExitStatus::kOk;
 }
 
+// One line per hook that is set, saying whether it may run here.
+std::vector<std::string> hookLines(const PlistDict& options, const std::string& destination) {
+    std::vector<std::string> lines;
+    const FVHookApprovals approvals;
+    const std::string uuid = options.stringValue(FVOptionKey::UUID).value_or("");
+    for (FVHookKind kind : {FVHookKind::Before, FVHookKind::After}) {
+        const char* name = hookKindName(kind);
+        const std::string command =
+            options.stringValue(kind == FVHookKind::Before ? FVOptionKey::beforeHook : FVOptionKey::afterHook).value_or("");
+        if (command.empty()) continue;
+        lines.push_back(fmt::format("{}-hook: {} ({})", name, printable(command),
+                                    approvals.isApproved(uuid, kind, command)
+                                        ? "approved"
+                                        : fmt::format("not approved, does not run; to approve: ferrovane config {} hook {} --approve",
+                                                      printable(destination), name)));
+    }
+    return lines;
+}
+
 int show(const Configuration& config, FVLaunchAgentManager& jobs) {
     fmt::print("Destination: {}\n", printable(config.destination));
     fmt::print("Configuration: {}\n", config.readFrom.empty() ? "none yet (defaults shown)" : printable(config.readFrom));
@@ -306,6 +326,9 @@ int show(const Configuration& config, FVLaunchAgentManager& jobs) {
         fmt::print("Job: {}{} ({})\n", printable(jobs.jobDirectory()), printable(FVLaunchAgentManager::jobLabel(*uuid)),
                    jobPresent(jobs, *uuid) ? "present" : "none");
     }
+    const std::vector<std::string> hooks = hookLines(options, config.destination);
+    fmt::print("\nHooks:{}\n", hooks.empty() ? " none" : "");
+    for (const std::string& line : hooks) fmt::print("  {}\n", line);
     return FVExitStatus::kOk;
 }
 
@@ -379,6 +402,19 @@ int main(const Arguments& a) {
         if (command == "schedule") return showSchedule(config, jobs, a.json);
         return a.json ? showJson(config, jobs) : show(config, jobs);
     }
+    const bool hookChange = command == "hook" && (a.hookCommand || a.hookRemove || a.hookApprove);
+    if (command == "hook" && !hookChange) {
+        if (!load(config, true, problem)) return fail(problem);
+        std::vector<std::string> hooks = hookLines(*config.content.settings, config.destination);
+        // "hook before" alone: that one.
+        std::erase_if(hooks, [&](const std::string& line) { return line.rfind(a.hookKind, 0) != 0; });
+        if (hooks.empty()) fmt::print("No hooks.\n");
+        for (const std::string& line : hooks) fmt::print("{}\n", line);
+        return FVExitStatus::kOk;
+    }
+    const FVHookKind hookKind = a.hookKind == "after" ? FVHookKind::After : FVHookKind::Before;
+    // The command the change leaves in place, approved once the configuration is written.
+    auto hookCommand = std::make_shared<std::string>();
 
     // Every argument is checked before anything is read or written; the change itself runs
     // on the loaded configuration and returns false (with a message) when it cannot be made.
@@ -423,6 +459,8 @@ int main(const Arguments& a) {
         const std::string& key = a.option;
         const FVOptionRule* rule = FVOptionTable::find(key);
         if (!rule || !rule->settable) {
+            if (key == FVOptionKey::beforeHook || key == FVOptionKey::afterHook)
+                return refuse("hooks are set with: hook before|after COMMAND");
             if (key.rfind("automation", 0) == 0) return refuse("the schedule is set with: schedule daily|weekly|off");
             if (key == FVOptionKey::backUpWhenConnected || key == FVOptionKey::connectedRunIntervalMinutes)
                 return refuse("a backup when the disk is connected is set with: schedule when-connected on [MINUTES] | off");
@@ -474,6 +512,35 @@ int main(const Arguments& a) {
             message = FVRetentionCommand::apply(*request, *options.allOptions());
             if (*request->enabled)
                 message += "\nThe next run removes the runs it lets go; to see which first: " + preview;
+            return true;
+        };
+    } else if (command == "hook") {
+        const std::string name = hookKindName(hookKind);
+        if (a.hookKind.empty()) return refuse("hook takes: before|after COMMAND | before|after --remove | before|after --approve");
+        if (a.hookCommand && (a.hookRemove || a.hookApprove)) return refuse("give a command, --remove or --approve, not two of them");
+        if (a.hookCommand && a.hookCommand->empty())
+            return refuse("the command is empty; to remove the hook: hook " + name + " --remove");
+        const char* key = hookKind == FVHookKind::Before ? FVOptionKey::beforeHook : FVOptionKey::afterHook;
+        const bool remove = a.hookRemove, approve = a.hookApprove;
+        const std::string given = a.hookCommand.value_or("");
+        change = [=](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
+            PlistDict& o = *options.allOptions();
+            const std::string current = o.stringValue(key).value_or("");
+            if (remove) {
+                o.remove(key);
+                message = current.empty() ? "No " + name + "-hook was set." : "Removed the " + name + "-hook.";
+            } else if (approve) {
+                if (current.empty()) {
+                    message = "no " + name + "-hook is set";
+                    return false;
+                }
+                *hookCommand = current;
+                message = "Approved the " + name + "-hook: " + printable(current);
+            } else {
+                o.set(key, given);
+                *hookCommand = given;
+                message = "Set the " + name + "-hook: " + printable(given);
+            }
             return true;
         };
     } else {
@@ -568,7 +635,7 @@ int main(const Arguments& a) {
             return refuse(printable(*problem) + " Nothing was changed.");
     }
     // The identity names the job, so it is saved before the job is written.
-    if (scheduleChange && options.uuid().empty())
+    if ((scheduleChange || hookChange) && options.uuid().empty())
         options.allOptions()->set(FVOptionKey::UUID, FVOptionsPanelController::makeUUID());
     if (getuid() == 0) options.allOptions()->set(FVOptionKey::isSuperuserBackup, true);
 
@@ -579,12 +646,23 @@ int main(const Arguments& a) {
         return fail("could not write " + printable(settingsPath) + ": " + error);
     fmt::print("{}\n", message);
 
+    // Kept outside the destination: only what this user set here runs as this user.
+    if (hookChange) {
+        FVHookApprovals approvals;
+        if (!approvals.approve(options.uuid(), hookKind, *hookCommand, &error))
+            return fail("the configuration is saved, but the approval could not be recorded in " +
+                        printable(approvals.folder()) + ": " + error + "; the hook does not run until it is");
+    }
     if (scheduleChange && !options.updateAutomations(config.destination, &error)) {
+        // systemctl's own lines ("System has not been booted with systemd...") on one line.
+        std::replace(error.begin(), error.end(), '\n', ' ');
         fmt::print(stderr, "ferrovane config: the schedule is saved, but the scheduled job could not be set up: {}\n",
                    printable(error));
         // The unit files are written before they are loaded: the user can load them by hand.
         std::vector<std::string> commands = options.manualSetupCommands();
         if (!commands.empty()) {
+            fmt::print(stderr, "Unit files written:\n");
+            for (const std::string& file : options.writtenJobFiles()) fmt::print(stderr, "  {}\n", printable(file));
             fmt::print(stderr, "To set it up by hand, run:\n");
             for (const std::string& command : commands) fmt::print(stderr, "  {}\n", command);
         }

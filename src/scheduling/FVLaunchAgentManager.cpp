@@ -89,8 +89,14 @@ std::optional<std::string> literalPath(std::string_view path) {
 
 // A path in a list that systemd splits at blanks and unquotes (RequiresMountsFor=): in double
 // quotes, with quotes and backslashes escaped. "\x20" would not do: that list is not C-unescaped.
+// A path no line can carry (not UTF-8, a line break) is replaced by its deepest folder that one
+// can: the mounts on the way there are still waited for.
 std::optional<std::string> quotedPath(std::string_view path) {
     std::optional<std::string> literal = literalPath(path);
+    while (!literal && path.size() > 1) {
+        path = path.substr(0, std::max<size_t>(path.find_last_of('/'), 1));
+        literal = literalPath(path);
+    }
     if (!literal) return std::nullopt;
     std::string out = "\"";
     for (char c : *literal) {

@@ -104,8 +104,10 @@ public:
                                 const std::string& destination, const FVJobSchedule& schedule,
                                 FVJobKind kind = FVJobKind::Backup);
 
-private:
+    // The files a job of this kind is written to.
     std::vector<std::string> jobFilePaths(const std::string& uuid, FVJobKind kind) const;
+
+private:
     void unloadJob(const std::string& uuid, FVJobKind kind);
     bool writeJob(const std::string& uuid, FVJobKind kind, const std::string& destination,
                   const FVJobSchedule& schedule, std::string* error);

@@ -547,8 +547,11 @@ private slots:
         openDestination(destination);
         QCOMPARE(app_->window()->scheduleLine()->text(), text("schedulelineoff"));
         // A weekly schedule on Friday at 03:30, and a run whenever the disk comes, at most every two hours.
+        // The hooks set on the command line are named, and only those.
+        app_->optionsPanelController().allOptions()->set(FVOptionKey::afterHook, "umount /backup");
         app_->window()->optionsButton()->click();
         auto* panel = awaitDialog<FVOptionsPanel>();
+        QCOMPARE(panel->findChild<QLabel*>("hooks")->text(), QString::fromStdString(FVStrings::format("optionshookafter", "umount /backup")));
         panel->findChild<QCheckBox*>("automationEnabled")->setChecked(true);
         auto* interval = panel->findChild<QComboBox*>("automationInterval");
         interval->setCurrentIndex(interval->findData(1));

@@ -41,6 +41,7 @@ protected:
         env.emplace("FERROVANE_JOB_DIRECTORY", jobs);
         env.emplace("HOME", dir.path());
         env.emplace("FERROVANE_JOB_STATUS_DIRECTORY", statusFolder());
+        env.emplace("FERROVANE_HOOK_APPROVAL_DIRECTORY", approvalFolder());
         return runProcess(argv, env, 30);
     }
 
@@ -223,8 +224,10 @@ TEST_F(ConfigCommand, JobFailuresAreReportedAndTheSettingIsKept) {
     // Said once, with what the user can run instead.
     const std::string user = getuid() == 0 ? "" : "--user ";
     const std::string failingUUID = readBack().settings->stringValue("UUID").value_or("");
-    EXPECT_NE(failing.err.find("To set it up by hand, run:\n  systemctl " + user + "daemon-reload\n  systemctl " + user +
-                               "enable --now com.quillmarsh.ferrovane." + failingUUID + ".timer\n"),
+    const std::string failingLabel = jobs + "/com.quillmarsh.ferrovane." + failingUUID;
+    EXPECT_NE(failing.err.find("Unit files written:\n  " + failingLabel + ".service\n  " + failingLabel +
+                               ".timer\nTo set it up by hand, run:\n  systemctl " + user + "daemon-reload\n  systemctl " +
+                               user + "enable --now com.quillmarsh.ferrovane." + failingUUID + ".timer\n"),
               std::string::npos) << failing.err;
     EXPECT_TRUE(readBack().settings->boolValue("automationEnabled"));
 

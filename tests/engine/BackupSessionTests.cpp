@@ -235,3 +235,25 @@ TEST_F(BackupSessionTest, ARunThatCannotFitStopsBeforeCopyingAndACancelWhileItLo
     EXPECT_TRUE(cancelled.errorMessages().empty());
     EXPECT_TRUE(std::filesystem::is_empty(dir / "dest"));
 }
+
+// A run stopped while its before-hook runs ends the hook at once, touches nothing, and its
+// after-hook is told that it stopped.
+TEST_F(BackupSessionTest, ACancelDuringTheBeforeHookEndsItAndTheAfterHookHearsTheRunStopped) {
+    const std::string uuid = "0F1E2D3C-4B5A-4978-8695-A4B3C2D1E0F9";
+    FVHookApprovals approvals(dir / "approvals");
+    options.UUID = uuid;
+    options.beforeHook = "sleep 60";
+    options.afterHook = "echo $FERROVANE_OUTCOME $FERROVANE_TRIGGER > '" + dir / "after" + "'";
+    ASSERT_TRUE(approvals.approve(uuid, FVHookKind::Before, options.beforeHook));
+    ASSERT_TRUE(approvals.approve(uuid, FVHookKind::After, options.afterHook));
+    FVBackupSession session;
+    session.setHookApprovals(approvals);
+    Recorder recorder;
+    recorder.cancelWhenTaskContains = "before-hook";
+    const auto started = std::chrono::steady_clock::now();
+    ASSERT_EQ(run(session, recorder, items({{"one", FVSourceMode::Backup}})), "cancelled");
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(30));
+    EXPECT_FALSE(session.skippedByBeforeHook());
+    EXPECT_EQ(readFile(dir / "after"), "stopped window\n");
+    EXPECT_FALSE(exists(dir / "dest/one"));
+}
