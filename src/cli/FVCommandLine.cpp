@@ -4,6 +4,7 @@
 #include "cli/FVCheckOverdueCommand.h"
 #include "cli/FVCommanlineMode.h"
 #include "cli/FVConfigCommand.h"
+#include "cli/FVDestinationArgument.h"
 #include "cli/FVExitStatus.h"
 #include "cli/FVPointInTimeCommand.h"
 #include "cli/FVRestoreCommand.h"
@@ -147,6 +148,7 @@ int search(std::vector<std::string> arguments) {
     if (auto status = parse(app, std::move(arguments))) return *status;
     std::string text;
     for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+    if (auto refused = FVDestinationArgument::refusal(destination)) return *refused;
     return FVSearchCommand::main(destination, text, json);
 }
 
@@ -161,6 +163,7 @@ int versions(std::vector<std::string> arguments) {
     app.add_option("PATH", path, "the original path, or a path inside the destination")->required();
     app.add_flag("--json", json, "print JSON for scripts");
     if (auto status = parse(app, std::move(arguments))) return *status;
+    if (auto refused = FVDestinationArgument::refusal(destination)) return *refused;
     return FVRestoreCommand::versionsMain(destination, path, json);
 }
 
@@ -179,6 +182,7 @@ int list(std::vector<std::string> arguments) {
         ->type_name("STAMP|DATE");
     app.add_flag("--json", json, "print JSON for scripts");
     if (auto status = parse(app, std::move(arguments))) return *status;
+    if (auto refused = FVDestinationArgument::refusal(destination)) return *refused;
     return FVPointInTimeCommand::listMain(destination, path, at, json);
 }
 
@@ -206,6 +210,7 @@ int restore(std::vector<std::string> arguments) {
     app.add_flag("--replace", a.replace, "move existing different items to the trash first");
     app.add_flag("--dry-run", a.dryRun, "list what would be restored and the conflicts; write nothing");
     if (auto status = parse(app, std::move(arguments))) return *status;
+    if (auto refused = FVDestinationArgument::refusal(a.destination)) return *refused;
     if (a.all == !a.what.empty()) return refuse(app, a.all ? "--all takes no PATH" : "PATH or --all is required");
     if (a.all && !a.version.empty()) return refuse(app, "--all restores the newest versions: it takes no --version");
     if (!a.at.empty() && (a.all || !a.version.empty()))
@@ -224,6 +229,7 @@ int runs(std::vector<std::string> arguments) {
     destinationOption(app, destination);
     app.add_flag("--json", json, "print JSON for scripts");
     if (auto status = parse(app, std::move(arguments))) return *status;
+    if (auto refused = FVDestinationArgument::refusal(destination)) return *refused;
     return FVRunsCommand::main(destination, json);
 }
 
@@ -240,6 +246,7 @@ int verify(std::vector<std::string> arguments) {
     app.add_flag("--sources", a.sources, "also compare each source file's bytes with its mirror copy's record");
     app.add_flag("--json", a.json, "print JSON for scripts");
     if (auto status = parse(app, std::move(arguments))) return *status;
+    if (auto refused = FVDestinationArgument::refusal(a.destination)) return *refused;
     return FVVerifyCommand::main(a);
 }
 
@@ -275,6 +282,7 @@ int config(std::vector<std::string> arguments) {
     retention->add_option("SETTING", a.retention, "DAYS WEEKS MONTHS YEARS (e.g. 7 4 6 5), on or off")->expected(0, 4);
     retention->add_flag("--dry-run", a.dryRun, "list what the policy would remove now; change nothing");
     if (auto status = parse(app, std::move(arguments))) return *status;
+    if (auto refused = FVDestinationArgument::refusal(a.destination)) return *refused;
     a.action = app.get_subcommands().front()->get_name();
     return FVConfigCommand::main(a);
 }
@@ -315,9 +323,7 @@ std::optional<int> run(int argc, char** argv) {
         return refuse(root.app, "--add opens the window: it takes no destination");
     if (window || arguments.empty()) return std::nullopt;
     if (root.destination.empty()) return refuse(root.app, "a destination is required");
-    if (root.destination.front() != '/')
-        return refuse(root.app,
-                      "the destination must be an absolute path: " + FVSearchText::printable(root.destination));
+    if (auto refused = FVDestinationArgument::refusal(root.destination)) return *refused;
     if (!root.job.empty() && !FVLaunchAgentManager::isValidJobIdentifier(root.job))
         return refuse(root.app, "--job takes a UUID: " + FVSearchText::printable(root.job));
     FVJobTrigger trigger = root.trigger == "schedule"  ? FVJobTrigger::Schedule

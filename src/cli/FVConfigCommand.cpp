@@ -364,8 +364,6 @@ int showJson(const Configuration& config, FVLaunchAgentManager& jobs) {
 int main(const Arguments& a) {
     const std::string& destinationArgument = a.destination;
     const std::string& command = a.action;
-    if (destinationArgument.empty() || destinationArgument[0] != '/')
-        return refuse("the destination must be an absolute path: " + printable(destinationArgument));
     Configuration config;
     config.destination = absolutePath(destinationArgument);
     struct stat st {};
