@@ -383,6 +383,7 @@ int main(const Arguments& a) {
     std::function<bool(BackupSetController&, FVOptionsPanelController&, std::string&)> change;
     bool scheduleChange = false;
     bool unknownSourceIsBadInput = false;
+    bool unchanged = false;  // the change found everything as asked: nothing to write
     if (command == "add") {
         FVSourceMode mode = FVSourceMode::Backup;
         if (!a.mode.empty()) {
@@ -394,11 +395,22 @@ int main(const Arguments& a) {
         if (a.path.empty() || a.path[0] != '/') return refuse("the source must be an absolute path: " + printable(a.path));
         std::string source = absolutePath(a.path);
         std::string destination = config.destination;
-        change = [source, mode, destination](BackupSetController& list, FVOptionsPanelController&, std::string& message) {
-            if (!list.addBackupPath(source, mode, list.count())) {
-                message = printable(source) + " is already in the list";
-                return false;
+        change = [source, mode, destination, &unchanged](BackupSetController& list, FVOptionsPanelController&,
+                                                         std::string& message) {
+            for (const FVSourceItemPtr& item : list.arrangedObjects()) {
+                if (item->sourcePath() != source) continue;
+                // Asking again for what is there is done; another mode is a different request.
+                if (item->enabled() != static_cast<int64_t>(mode)) {
+                    message = fmt::format("{} is already listed as {}; to list it as {}, remove it first",
+                                          printable(source), modeText(item->enabled()),
+                                          modeText(static_cast<int64_t>(mode)));
+                    return false;
+                }
+                message = fmt::format("{} is already listed ({}).", printable(source), modeText(item->enabled()));
+                unchanged = true;
+                return true;
             }
+            list.addBackupPath(source, mode, list.count());
             if (mode == FVSourceMode::Backup) warnAboutSource(source, destination);
             message = fmt::format("Added {} ({}).", printable(source), modeText(static_cast<int64_t>(mode)));
             return true;
@@ -557,6 +569,10 @@ int main(const Arguments& a) {
     std::string message;
     if (!change(list, options, message))
         return unknownSourceIsBadInput ? refuse(message + "; nothing was changed") : fail(message + "; nothing was changed");
+    if (unchanged) {
+        fmt::print("{}\n", message);
+        return FVExitStatus::kOk;
+    }
     // A source list whose mirrors would collide is never written: each run would remove the
     // other source's files.
     if (command == "add" || (command == "set" && a.option == FVOptionKey::syncMode)) {

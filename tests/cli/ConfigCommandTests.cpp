@@ -74,9 +74,14 @@ TEST_F(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
     EXPECT_EQ(config({"add", "--mode", "exclude", "/home/me/Documents/cache"}).exitStatus, 0);
     EXPECT_EQ(config({"add", "/x/node_modules", "--mode=exclude-name"}).exitStatus, 0);
     EXPECT_EQ(config({"add", "/old", "--mode", "disabled"}).exitStatus, 0);
+    const std::string listed = settingsBytes();
     ProcessResult duplicate = config({"add", "/home/me/Documents"});
-    EXPECT_EQ(duplicate.exitStatus, 1);
-    EXPECT_NE(duplicate.err.find("already in the list"), std::string::npos) << duplicate.err;
+    EXPECT_EQ(duplicate.exitStatus, 0) << duplicate.err;
+    EXPECT_EQ(duplicate.out, "/home/me/Documents is already listed (Back up).\n");
+    ProcessResult otherMode = config({"add", "/home/me/Documents", "--mode", "exclude"});
+    EXPECT_EQ(otherMode.exitStatus, 1);
+    EXPECT_NE(otherMode.err.find("already listed as Back up; to list it as "), std::string::npos) << otherMode.err;
+    EXPECT_EQ(settingsBytes(), listed);
     EXPECT_EQ(config({"remove", "/old"}).exitStatus, 0);
     EXPECT_EQ(config({"remove", "/old"}).exitStatus, 1);
     EXPECT_EQ(config({"set", "maxThreads", "4"}).exitStatus, 0);
