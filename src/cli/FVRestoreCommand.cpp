@@ -233,8 +233,9 @@ int restoreMain(const RestoreArguments& arguments) {
             for (const auto& [from, to] : plan.pairs()) FVOutput::print(stdout, "  {}\n", shown(to->path()));
             for (const std::string& problem : plan.problems()) FVOutput::print(stderr, "ERROR: {}\n", shown(problem));
         }
-        FVOutput::print(stdout, "Dry run: {} files ({}) would be restored, {} already identical, {} conflicts, {} errors.\n", files,
-                   FVNumber::formattedDiskSizeString(static_cast<double>(bytes)), identical, conflicts, problems);
+        FVOutput::print(stdout, "Dry run: {} ({}) would be restored, {} already identical, {}, {}.\n",
+                        FVNumber::counted(files, "file"), FVNumber::formattedDiskSizeString(static_cast<double>(bytes)),
+                        identical, FVNumber::counted(conflicts, "conflict"), FVNumber::counted(problems, "error"));
         return (conflicts && !arguments.replace) || problems ? FVExitStatus::kIncomplete : FVExitStatus::kOk;
     }
     if (conflicts && !arguments.replace) {
@@ -257,10 +258,10 @@ int restoreMain(const RestoreArguments& arguments) {
             });
     }
     FVRestoreSignals::copyFinished();
-    FVOutput::print(stdout, "Restore {}: {} files ({}), {} already identical, {} conflicts moved aside, {} errors.\n",
-               summary.cancelled ? "cancelled" : "finished", summary.files,
-               FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), identical, summary.replaced,
-               summary.errors);
+    FVOutput::print(stdout, "Restore {}: {} ({}), {} already identical, {} moved aside, {}.\n",
+                    summary.cancelled ? "stopped" : "finished", FVNumber::counted(summary.files, "file"),
+                    FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), identical,
+                    FVNumber::counted(summary.replaced, "conflict"), FVNumber::counted(summary.errors, "error"));
     if (summary.cancelled && FVRestoreSignals::cancellingSignal())
         return FVExitStatus::interrupted(FVRestoreSignals::cancellingSignal());
     return summary.cancelled || summary.errors ? FVExitStatus::kIncomplete : FVExitStatus::kOk;

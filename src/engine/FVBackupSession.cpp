@@ -238,7 +238,7 @@ void FVBackupSession::refuse(const std::string& problem) {
     log.addLogLine("ERROR: " + problem);
     log.addLogLine("Sync cancelled: nothing was changed.\n");
     log.closeLog();
-    setTaskDescription("Cancelled.");
+    setTaskDescription(FVStrings::localized("backupstopped"));
     if (delegate_) delegate_->backupSessionDidCancel(*this);
 }
 
@@ -264,7 +264,7 @@ void FVBackupSession::didCancel() {
 void FVBackupSession::endCancelled(const std::string& lastLogLine) {
     FVLog::currentLog().addLogLine(lastLogLine);
     FVLog::currentLog().closeLog();
-    setTaskDescription("Cancelled.");
+    setTaskDescription(FVStrings::localized("backupstopped"));
     progressStep();
     sleepInhibitor_.release();
     if (delegate_) delegate_->backupSessionDidCancel(*this);

@@ -130,11 +130,11 @@ FVPointInTimeRestore::Summary FVPointInTimeRestore::run(const Progress& progress
         if (progress) progress(done, plan_.entryCount());
     }
     summary_.cancelled = stopped();
-    log.addLogLine(fmt::format("Restore {}: {} files ({}), {} replaced items moved aside, {} errors, {} files whose "
-                               "bytes are gone.",
-                               summary_.cancelled ? "cancelled" : "finished", summary_.files,
+    log.addLogLine(fmt::format("Restore {}: {} ({}), {} moved aside, {}, {} whose bytes are gone.",
+                               summary_.cancelled ? "stopped" : "finished", FVNumber::counted(summary_.files, "file"),
                                FVNumber::formattedDiskSizeString(static_cast<double>(summary_.bytes)),
-                               summary_.replaced, summary_.errors, summary_.gone));
+                               FVNumber::counted(summary_.replaced, "replaced item"),
+                               FVNumber::counted(summary_.errors, "error"), FVNumber::counted(summary_.gone, "file")));
     log.closeLog();
     return summary_;
 }

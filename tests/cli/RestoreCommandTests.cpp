@@ -96,6 +96,8 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
         std::string into = dir / ("out" + std::to_string(k));
         auto r = ferrovane({"restore", destination, source + "/a.txt", "--version", listed[k].version, "--to", into});
         ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
+        EXPECT_NE(r.out.find("Restore finished: 1 file ("), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find(", 0 conflicts moved aside, 0 errors.\n"), std::string::npos) << r.out;
         EXPECT_EQ(readFile(into + "/a.txt"), contents[k]);
         EXPECT_EQ(differences(listed[k].location, into + "/a.txt"), "");
     }
