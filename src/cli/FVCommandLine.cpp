@@ -136,8 +136,8 @@ CLI::Option* destinationOption(CLI::App& app, std::string& destination) {
 
 int search(std::vector<std::string> arguments) {
     CLI::App app("Lists the files in the destination whose names contain every word (any case), each\n"
-                 "with its current copy and archived versions, newest first. Exit status 0 with\n"
-                 "matches, 1 without, 2 for bad usage or an unreadable destination.",
+                 "with its current copy, then its archived versions by run, newest first. Exit status 0\n"
+                 "with matches, 1 without, 2 for bad usage or an unreadable destination.",
                  "ferrovane search");
     std::string destination;
     std::vector<std::string> words;
@@ -155,7 +155,8 @@ int search(std::vector<std::string> arguments) {
 int versions(std::vector<std::string> arguments) {
     CLI::App app("Lists every version of the path held in the destination, newest first. The path is\n"
                  "the original path of a backed-up item or a path inside the destination. Exit status\n"
-                 "0, 1 when there is no version, 2 for bad usage.",
+                 "0, 1 when there is no version, 2 for bad usage or a path that is neither inside the\n"
+                 "destination nor below one of its sources.",
                  "ferrovane versions");
     std::string destination, path;
     bool json = false;
