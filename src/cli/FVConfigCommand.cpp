@@ -2,6 +2,7 @@
 
 #include "cli/FVExitStatus.h"
 #include "cli/FVJsonText.h"
+#include "cli/FVOutput.h"
 #include "cli/FVRetentionCommand.h"
 #include "cli/FVSourceResults.h"
 
@@ -11,6 +12,7 @@
 #include "engine/FVDestinationLock.h"
 #include "engine/FVMirrorLayout.h"
 #include "engine/FVOptions.h"
+#include "engine/FVPlacementChange.h"
 #include "engine/FVStrings.h"
 #include "fs/FVTestHook.h"
 #include "fs/FVText.h"
@@ -566,6 +568,7 @@ int main(const Arguments& a) {
     FVOptionsPanelController options(jobs);
     options.setAllOptions(config.content.settings);
 
+    const bool folderPerSourceBefore = FVOptionTable::read(*options.allOptions()).options.syncMode != 0;
     std::string message;
     if (!change(list, options, message))
         return unknownSourceIsBadInput ? refuse(message + "; nothing was changed") : fail(message + "; nothing was changed");
@@ -580,6 +583,15 @@ int main(const Arguments& a) {
             config.destination, FVOptionTable::read(*options.allOptions()).options.syncMode != 0, list.arrangedObjects());
         if (std::optional<std::string> problem = layout.validateAsSeen())
             return refuse(printable(*problem) + " Nothing was changed.");
+        // Checked under the lock: no run makes a mirror in between.
+        const FVPlacementChange placement(config.destination, folderPerSourceBefore, layout.folderPerSource(),
+                                          list.arrangedObjects());
+        const std::string repeat = "ferrovane config " + printable(config.destination) + " set " + a.option + " " +
+                                   printable(a.value);
+        if (std::optional<std::string> refusal = placement.refusal(repeat)) {
+            FVOutput::error("{}", *refusal);
+            return FVExitStatus::kIncomplete;
+        }
     }
     // The identity names the job, so it is saved before the job is written.
     if (scheduleChange && options.uuid().empty())

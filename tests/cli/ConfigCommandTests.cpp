@@ -358,3 +358,35 @@ TEST_F(ConfigCommand, AChangeWaitsForTheRunningBackupAndASecondRunIsRefused) {
     EXPECT_NE(change.err.find("waiting"), std::string::npos) << change.err;
     EXPECT_EQ(sources(readBack()).size(), 1u);
 }
+
+// A new placement never leaves a mirror behind: refused while one is in place, with commands that
+// move it; once they ran, the change goes through and the next run copies nothing again.
+TEST_F(ConfigCommand, APlacementChangeIsRefusedWhileAMirrorWouldBeLeftBehind) {
+    writeFile(source + "/a.txt", "a");
+    PlistDict options = defaults();
+    options.set(FVOptionKey::syncMode, int64_t{1});
+    configure({{source, FVSourceMode::Backup}}, options);
+    ASSERT_EQ(config({"set", "syncMode", "0"}).exitStatus, 0) << "nothing is in place yet";
+    ASSERT_EQ(config({"set", "syncMode", "1"}).exitStatus, 0);
+    ASSERT_EQ(run().exitStatus, 0);
+    const std::string before = settingsBytes();
+
+    ProcessResult refused = config({"set", "syncMode", "0"});
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_EQ(settingsBytes(), before);
+    EXPECT_EQ(differences(source + "/", destination + "/src/"), "");
+    const std::string move = "  mkdir -p -- '" + destination + source.substr(0, source.rfind('/')) + "' && mv -nT -- '" +
+                             destination + "/src' '" + destination + source + "'\n";
+    EXPECT_NE(refused.err.find("ferrovane: error: a new placement would leave the mirror already in the destination "
+                               "behind"), std::string::npos) << refused.err;
+    ASSERT_NE(refused.err.find(move), std::string::npos) << refused.err;
+    EXPECT_NE(refused.err.find("  ferrovane config " + destination + " set syncMode 0"), std::string::npos);
+
+    ASSERT_EQ(runProcess({"/bin/sh", "-c", move}).exitStatus, 0);
+    ASSERT_EQ(config({"set", "syncMode", "0"}).exitStatus, 0);
+    ProcessResult again = run();
+    ASSERT_EQ(again.exitStatus, 0) << again.err;
+    EXPECT_FALSE(exists(destination + "/src"));
+    EXPECT_EQ(readBack().sources[0]->integerValue(FVSourceKey::updatedFilesCount), 0) << "nothing copied again";
+    EXPECT_EQ(differences(source + "/", destination + source + "/"), "");
+}
