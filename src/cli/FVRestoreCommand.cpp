@@ -100,7 +100,7 @@ int versionsMain(const std::string& destination, const std::string& path, bool j
         FVOutput::print(stdout, "{}\n", shown(original.value_or(*mirror)));
         for (const FVItemVersion& v : versions)
             FVOutput::print(stdout, "  {:<26} {:<8} {:>14}  {}  {}\n", v.label(), versionKindName(v.kind),
-                       v.type == FVFileType::Directory ? std::string("folder") : fmt::format("{} bytes", v.size),
+                       v.type == FVFileType::Directory ? std::string("folder") : FVNumber::counted(v.size, "byte"),
                        localTime(v.modificationTime), shown(v.path));
     }
     if (versions.empty()) {

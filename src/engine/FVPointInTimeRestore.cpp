@@ -326,8 +326,8 @@ void FVPointInTimeRestore::restoreFile(const FileJob& job, Lane& lane) {
         return;
     }
     if (mismatches)
-        tell(fmt::format("{}: {} copies in the destination differ from the record; restored from one that matches",
-                         job.target, mismatches),
+        tell(fmt::format("{}: {} in the destination {} from the record; restored from one that matches",
+                         job.target, FVNumber::counted(mismatches, "copy", "copies"), mismatches == 1 ? "differs" : "differ"),
              false);
     if (!FVRecordedMetadata::apply(entry, {out.get(), false}, plan_.targetProfile(), &problem))
         tell(fmt::format("ERROR: Restored {} without all of its metadata: {}", job.target, problem), true);
