@@ -63,14 +63,14 @@ std::optional<FVVersionCatalog> openCatalog(const char* command, const std::stri
     return catalog;
 }
 
-std::optional<std::string> mirrorPathOrComplain(const char* command, const FVVersionCatalog& catalog,
-                                                const std::string& named) {
+std::optional<std::string> mirrorPathOrComplain(const FVVersionCatalog& catalog, const std::string& named) {
     std::string path = absolute(named);
     auto mirror = catalog.mirrorPath(path);
     if (!mirror) mirror = catalog.mirrorPath(resolved(path));
     if (!mirror)
-        FVOutput::print(stderr, "ferrovane {}: {} is neither inside the destination nor below one of its sources.\n",
-                   command, shown(named));
+        FVOutput::error("{} is neither inside the destination nor below one of its sources (ferrovane config {} show "
+                        "lists them)",
+                        shown(named), shown(catalog.destination()));
     return mirror;
 }
 
@@ -82,7 +82,7 @@ int versionsMain(const std::string& destination, const std::string& path, bool j
     // Listing changes nothing, so it goes on; but which source a mirror path belongs to is a guess.
     if (std::optional<std::string> problem = catalog->layout().validateAsSeen())
         FVOutput::print(stderr, "ferrovane versions: warning: {}\n", shown(*problem));
-    auto mirror = mirrorPathOrComplain("versions", *catalog, path);
+    auto mirror = mirrorPathOrComplain(*catalog, path);
     if (!mirror) return FVExitStatus::kUsage;
     std::vector<FVItemVersion> versions = catalog->versions(*mirror);
     auto original = catalog->originalPath(*mirror);
@@ -145,7 +145,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
             items.push_back(FVRestoreTarget::confined(catalog.layout().mirrorPath(original), anchor, target));
         }
     } else {
-        auto mirror = mirrorPathOrComplain("restore", catalog, a.what);
+        auto mirror = mirrorPathOrComplain(catalog, a.what);
         if (!mirror) return std::nullopt;
         std::vector<FVItemVersion> versions = catalog.versions(*mirror);
         const FVItemVersion* chosen = nullptr;

@@ -144,7 +144,10 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
               "[['current', '" + listed[1].version + "', '" + listed[2].version + "']]") << r.out;
 
     EXPECT_EQ(ferrovane({"versions", destination, source + "/never.txt"}).exitStatus, 1);
-    EXPECT_EQ(ferrovane({"versions", destination, "/elsewhere/x"}).exitStatus, 2);
+    r = ferrovane({"versions", destination, "/elsewhere/x"});
+    EXPECT_EQ(r.exitStatus, 2);
+    EXPECT_EQ(r.err, "ferrovane: error: /elsewhere/x is neither inside the destination nor below one of its "
+                     "sources (ferrovane config " + destination + " show lists them)\n");
     EXPECT_EQ(ferrovane({"restore", destination, source + "/a.txt", "--version", "1999"}).exitStatus, 1);
     EXPECT_EQ(ferrovane({"restore", destination, "--all", "--to", destination + "/inside"}).exitStatus, 2);
     EXPECT_EQ(ferrovane({"restore", destination}).exitStatus, 2);
