@@ -291,7 +291,7 @@ void AppController::handleCancel() {
     FVUserNotification notification{FVStrings::format("notificationstopped", FVText::lastPathComponent(currentTargetPath_)),
                                     "", ""};
     if (noRoom) {
-        notification = {"Backup not started: not enough room on " + FVText::lastPathComponent(currentTargetPath_), "",
+        notification = {FVStrings::format("notificationnoroom", FVText::lastPathComponent(currentTargetPath_)), "",
                         backupSession_->refusal(), false, true};
         cover->setMessage(QString::fromStdString(backupSession_->refusal()));
     } else if (!errors.empty()) {

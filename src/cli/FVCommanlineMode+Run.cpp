@@ -153,7 +153,7 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
     if (session.stoppedForSpace()) {
         std::printf("Sync stopped before copying: not enough room.\n");
         std::fflush(stdout);
-        FVUserNotification notification{"Sync stopped: not enough room on " + FVText::lastPathComponent(destinationPath_),
+        FVUserNotification notification{FVStrings::format("notificationnoroom", FVText::lastPathComponent(destinationPath_)),
                                         "", session.refusal(), true, true};
         notify(notification, false);
         recordAttempt(FVJobOutcome::NoSpace, session.refusal());
