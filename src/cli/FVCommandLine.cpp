@@ -131,7 +131,7 @@ int refuse(const CLI::App& app, const std::string& why) {
 
 CLI::Option* destinationOption(CLI::App& app, std::string& destination) {
     style(app);
-    return app.add_option("DESTINATION", destination, "the backup destination (its root folder)")->required();
+    return app.add_option("DESTINATION", destination, "the backup destination: the absolute path of its root folder")->required();
 }
 
 int search(std::vector<std::string> arguments) {

@@ -120,6 +120,13 @@ std::string modeText(int64_t mode) {
     return fmt::format("mode {}", mode);
 }
 
+// The name --mode takes for a mode.
+std::string modeArgument(int64_t mode) {
+    for (const ModeName& m : kModes)
+        if (static_cast<int64_t>(m.mode) == mode) return m.argument;
+    return fmt::format("mode {}", mode);
+}
+
 std::string absolutePath(const std::string& path) {
     // Only a trailing slash and repeated slashes go; the path is otherwise kept as given.
     std::string out;
@@ -403,9 +410,10 @@ int main(const Arguments& a) {
                 if (item->sourcePath() != source) continue;
                 // Asking again for what is there is done; another mode is a different request.
                 if (item->enabled() != static_cast<int64_t>(mode)) {
-                    message = fmt::format("{} is already listed as {}; to list it as {}, remove it first",
-                                          printable(source), modeText(item->enabled()),
-                                          modeText(static_cast<int64_t>(mode)));
+                    message = fmt::format("{} is already listed with --mode {}; to list it with --mode {}, remove "
+                                          "it first",
+                                          printable(source), modeArgument(item->enabled()),
+                                          modeArgument(static_cast<int64_t>(mode)));
                     return false;
                 }
                 message = fmt::format("{} is already listed ({}).", printable(source), modeText(item->enabled()));

@@ -80,7 +80,8 @@ TEST_F(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
     EXPECT_EQ(duplicate.out, "/home/me/Documents is already listed (Back up).\n");
     ProcessResult otherMode = config({"add", "/home/me/Documents", "--mode", "exclude"});
     EXPECT_EQ(otherMode.exitStatus, 1);
-    EXPECT_NE(otherMode.err.find("already listed as Back up; to list it as "), std::string::npos) << otherMode.err;
+    EXPECT_NE(otherMode.err.find("already listed with --mode backup; to list it with --mode exclude, remove it first"),
+              std::string::npos) << otherMode.err;
     EXPECT_EQ(settingsBytes(), listed);
     EXPECT_EQ(config({"remove", "/old"}).exitStatus, 0);
     EXPECT_EQ(config({"remove", "/old"}).exitStatus, 1);
