@@ -25,8 +25,7 @@ struct FVSearchResult {
 class FVSearchResultParser {
 public:
     // Entries ordered by logical path (bytes), so that a list that grows by one hit keeps its
-    // rows in place; versions of one run (a user's folder that carries an archive's name) keep
-    // hit order.
+    // rows in place; two versions of one run (changed and removed) keep hit order.
     static std::vector<FVSearchResult> parsedResults(const std::vector<std::string>& hits,
                                                      const std::string& destination);
 
