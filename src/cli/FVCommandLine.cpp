@@ -3,6 +3,7 @@
 #include "FVVersion.h"
 #include "cli/FVCheckOverdueCommand.h"
 #include "cli/FVCommanlineMode.h"
+#include "cli/FVCompletionCommand.h"
 #include "cli/FVConfigCommand.h"
 #include "cli/FVDestinationArgument.h"
 #include "cli/FVExitStatus.h"
@@ -308,7 +309,7 @@ std::optional<int> run(int argc, char** argv) {
     std::vector<std::string> arguments(argv + 1, argv + argc);
     static const std::map<std::string, std::function<int(std::vector<std::string>)>> commands = {
         {"search", search}, {"versions", versions}, {"restore", restore}, {"ls", list}, {"runs", runs}, {"verify", verify},
-        {"config", config}, {"check-overdue", checkOverdue}};
+        {"config", config}, {"check-overdue", checkOverdue}, {"__complete", FVCompletionCommand::main}};
     if (!arguments.empty())
         if (auto command = commands.find(arguments.front()); command != commands.end())
             return command->second({arguments.begin() + 1, arguments.end()});

@@ -40,7 +40,8 @@ public:
     static FVJobFormat platformFormat();
 
     // jobDirectory and executablePath replace the defaults when not empty: the directory by real
-    // user id (or $FERROVANE_JOB_DIRECTORY), and this process's own executable.
+    // user id (or $FERROVANE_JOB_DIRECTORY), and this process's own executable (from the window:
+    // the command line beside it).
     explicit FVLaunchAgentManager(std::shared_ptr<FVCommandRunner> runner,
                                   FVJobFormat format = platformFormat(), std::string jobDirectory = {},
                                   std::string executablePath = {});

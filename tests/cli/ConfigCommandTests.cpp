@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <thread>
 
 using namespace ferrovane;
@@ -34,7 +35,7 @@ protected:
     }
 
     ProcessResult config(std::vector<std::string> args, std::map<std::string, std::optional<std::string>> env = {}) {
-        std::vector<std::string> argv{FERROVANE_EXECUTABLE, "config", destination};
+        std::vector<std::string> argv{program, "config", destination};
         argv.insert(argv.end(), args.begin(), args.end());
         env.emplace("PATH", bin);
         env.emplace("FERROVANE_JOB_DIRECTORY", jobs);
@@ -47,6 +48,7 @@ protected:
     std::string settingsBytes() { return exists(settingsPath()) ? readFile(settingsPath()) : "(none)"; }
 
     std::string jobs = dir / "jobs", bin = dir / "bin", calls = dir / "systemctl.log";
+    std::string program = FERROVANE_EXECUTABLE;
 };
 
 std::vector<std::pair<std::string, int64_t>> sources(const FVConfiguration& c) {
@@ -198,6 +200,16 @@ TEST_F(ConfigCommand, ScheduleWritesUnitsThatStartFerrovaneOnExactlyThisDestinat
     EXPECT_EQ(readBack().settings->stringValue("UUID"), uuid);  // created once
     ProcessResult shown = config({"show"});
     EXPECT_NE(shown.out.find("weekly on Friday at 22:15"), std::string::npos) << shown.out;
+
+    // Set up from the window's executable, the job starts the command line beside it: a
+    // scheduled run must not need the window's package.
+    const std::string programs = dir / "programs";
+    makeDirs(programs);
+    std::filesystem::copy_file(FERROVANE_EXECUTABLE, programs + "/ferrovane-gui");
+    program = programs + "/ferrovane-gui";
+    ASSERT_EQ(config({"schedule", "daily", "3:30"}).exitStatus, 0);
+    EXPECT_NE(readFile(jobs + "/" + label + ".service").find("\nExecStart=:" + programs + "/ferrovane --trigger"),
+              std::string::npos) << readFile(jobs + "/" + label + ".service");
 
     ASSERT_EQ(config({"schedule", "off"}).exitStatus, 0);
     EXPECT_FALSE(exists(jobs + "/" + label + ".service"));
