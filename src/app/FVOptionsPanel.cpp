@@ -318,6 +318,11 @@ void FVOptionsPanel::updateEnabledState() {
     overdueDays_->setEnabled(automation || backUpWhenConnected_->isChecked());
 }
 
+void FVOptionsPanel::lockPlacement(const QString& why) {
+    syncMode_->setEnabled(false);
+    syncMode_->setToolTip(why);
+}
+
 void FVOptionsPanel::done(int result) {
     store();
     QDialog::done(result);

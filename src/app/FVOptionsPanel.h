@@ -25,6 +25,9 @@ class FVOptionsPanel : public QDialog {
 public:
     FVOptionsPanel(QWidget* window, FVOptionsPanelController& controller, bool runningAsRoot);
     void done(int result) override;
+    // The placement stays as it is while mirrors are in place (they would be left behind); the
+    // reason shows on the choice.
+    void lockPlacement(const QString& why);
 
 private:
     QWidget* makeCopyingGroup();

@@ -2,6 +2,7 @@
 
 #include "cli/FVExitStatus.h"
 #include "cli/FVJsonText.h"
+#include "cli/FVOutput.h"
 #include "cli/FVRetentionCommand.h"
 #include "cli/FVSourceResults.h"
 
@@ -12,6 +13,7 @@
 #include "engine/FVHookApprovals.h"
 #include "engine/FVMirrorLayout.h"
 #include "engine/FVOptions.h"
+#include "engine/FVPlacementChange.h"
 #include "engine/FVStrings.h"
 #include "fs/FVTestHook.h"
 #include "fs/FVText.h"
@@ -116,6 +118,13 @@ std::optional<int64_t> parseWeekday(const std::string& text) {
 std::string modeText(int64_t mode) {
     for (const ModeName& m : kModes)
         if (static_cast<int64_t>(m.mode) == mode) return FVStrings::localized(m.stringKey);
+    return fmt::format("mode {}", mode);
+}
+
+// The name --mode takes for a mode.
+std::string modeArgument(int64_t mode) {
+    for (const ModeName& m : kModes)
+        if (static_cast<int64_t>(m.mode) == mode) return m.argument;
     return fmt::format("mode {}", mode);
 }
 
@@ -387,8 +396,6 @@ int showJson(const Configuration& config, FVLaunchAgentManager& jobs) {
 int main(const Arguments& a) {
     const std::string& destinationArgument = a.destination;
     const std::string& command = a.action;
-    if (destinationArgument.empty() || destinationArgument[0] != '/')
-        return refuse("the destination must be an absolute path: " + printable(destinationArgument));
     Configuration config;
     config.destination = absolutePath(destinationArgument);
     struct stat st {};
@@ -421,6 +428,7 @@ int main(const Arguments& a) {
     std::function<bool(BackupSetController&, FVOptionsPanelController&, std::string&)> change;
     bool scheduleChange = false;
     bool unknownSourceIsBadInput = false;
+    bool unchanged = false;  // the change found everything as asked: nothing to write
     if (command == "add") {
         FVSourceMode mode = FVSourceMode::Backup;
         if (!a.mode.empty()) {
@@ -432,11 +440,23 @@ int main(const Arguments& a) {
         if (a.path.empty() || a.path[0] != '/') return refuse("the source must be an absolute path: " + printable(a.path));
         std::string source = absolutePath(a.path);
         std::string destination = config.destination;
-        change = [source, mode, destination](BackupSetController& list, FVOptionsPanelController&, std::string& message) {
-            if (!list.addBackupPath(source, mode, list.count())) {
-                message = printable(source) + " is already in the list";
-                return false;
+        change = [source, mode, destination, &unchanged](BackupSetController& list, FVOptionsPanelController&,
+                                                         std::string& message) {
+            for (const FVSourceItemPtr& item : list.arrangedObjects()) {
+                if (item->sourcePath() != source) continue;
+                // Asking again for what is there is done; another mode is a different request.
+                if (item->enabled() != static_cast<int64_t>(mode)) {
+                    message = fmt::format("{} is already listed with --mode {}; to list it with --mode {}, remove "
+                                          "it first",
+                                          printable(source), modeArgument(item->enabled()),
+                                          modeArgument(static_cast<int64_t>(mode)));
+                    return false;
+                }
+                message = fmt::format("{} is already listed ({}).", printable(source), modeText(item->enabled()));
+                unchanged = true;
+                return true;
             }
+            list.addBackupPath(source, mode, list.count());
             if (mode == FVSourceMode::Backup) warnAboutSource(source, destination);
             message = fmt::format("Added {} ({}).", printable(source), modeText(static_cast<int64_t>(mode)));
             return true;
@@ -623,9 +643,14 @@ int main(const Arguments& a) {
     FVOptionsPanelController options(jobs);
     options.setAllOptions(config.content.settings);
 
+    const bool folderPerSourceBefore = FVOptionTable::read(*options.allOptions()).options.syncMode != 0;
     std::string message;
     if (!change(list, options, message))
         return unknownSourceIsBadInput ? refuse(message + "; nothing was changed") : fail(message + "; nothing was changed");
+    if (unchanged) {
+        fmt::print("{}\n", message);
+        return FVExitStatus::kOk;
+    }
     // A source list whose mirrors would collide is never written: each run would remove the
     // other source's files.
     if (command == "add" || (command == "set" && a.option == FVOptionKey::syncMode)) {
@@ -633,6 +658,15 @@ int main(const Arguments& a) {
             config.destination, FVOptionTable::read(*options.allOptions()).options.syncMode != 0, list.arrangedObjects());
         if (std::optional<std::string> problem = layout.validateAsSeen())
             return refuse(printable(*problem) + " Nothing was changed.");
+        // Checked under the lock: no run makes a mirror in between.
+        const FVPlacementChange placement(config.destination, folderPerSourceBefore, layout.folderPerSource(),
+                                          list.arrangedObjects());
+        const std::string repeat = "ferrovane config " + printable(config.destination) + " set " + a.option + " " +
+                                   printable(a.value);
+        if (std::optional<std::string> refusal = placement.refusal(repeat)) {
+            FVOutput::error("{}", *refusal);
+            return FVExitStatus::kIncomplete;
+        }
     }
     // The identity names the job, so it is saved before the job is written.
     if ((scheduleChange || hookChange) && options.uuid().empty())

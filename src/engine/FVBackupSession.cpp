@@ -284,7 +284,7 @@ void FVBackupSession::refuse(const std::string& problem) {
     log.addLogLine("ERROR: " + problem);
     log.addLogLine("Sync cancelled: nothing was changed.\n");
     log.closeLog();
-    setTaskDescription("Cancelled.");
+    setTaskDescription(FVStrings::localized("backupstopped"));
     if (delegate_) delegate_->backupSessionDidCancel(*this);
 }
 
@@ -312,7 +312,7 @@ void FVBackupSession::endCancelled(const std::string& lastLogLine) {
     runAfterHook(cancelRequested_.load() ? "stopped" : "failed");
     FVLog::currentLog().addLogLine(lastLogLine);
     FVLog::currentLog().closeLog();
-    setTaskDescription("Cancelled.");
+    setTaskDescription(FVStrings::localized("backupstopped"));
     progressStep();
     sleepInhibitor_.release();
     if (delegate_) delegate_->backupSessionDidCancel(*this);

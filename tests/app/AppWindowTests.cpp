@@ -360,6 +360,8 @@ private slots:
         const QString calculating = text("sourcesizecalculating");
         QTRY_VERIFY_WITH_TIMEOUT(cell(0, FVSourceListModel::SizeColumn) != calculating, kPatience);
         app_->window()->optionsButton()->click();
+        // The mirror is in place: another placement would leave it behind, so none is offered.
+        QVERIFY(!app_->window()->findChild<FVOptionsPanel*>()->findChild<QComboBox*>("syncMode")->isEnabled());
         app_->window()->findChild<FVOptionsPanel*>()->accept();
         QTRY_VERIFY_WITH_TIMEOUT(cell(0, FVSourceListModel::SizeColumn) != calculating, kPatience);
         QTRY_VERIFY_WITH_TIMEOUT(app_->window()->summaryLine()->text().startsWith("1 item, "), kPatience);
@@ -552,6 +554,7 @@ private slots:
         app_->window()->optionsButton()->click();
         auto* panel = awaitDialog<FVOptionsPanel>();
         QCOMPARE(panel->findChild<QLabel*>("hooks")->text(), QString::fromStdString(FVStrings::format("optionshookafter", "umount /backup")));
+        QVERIFY(panel->findChild<QComboBox*>("syncMode")->isEnabled());
         panel->findChild<QCheckBox*>("automationEnabled")->setChecked(true);
         auto* interval = panel->findChild<QComboBox*>("automationInterval");
         interval->setCurrentIndex(interval->findData(1));

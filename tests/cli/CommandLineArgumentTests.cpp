@@ -2,13 +2,13 @@
 // and do nothing, every command's help goes to standard output, and the forms that have always
 // worked still do.
 
-#include "support/ProcessRunner.h"
-#include "support/TempDir.h"
+#include "cli/DestinationFixture.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
+using namespace ferrovane;
 using namespace ferrovane::test;
 
 TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
@@ -34,7 +34,6 @@ TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
 
         {{"--bogus"}, 2, "", "--bogus"}, {{"-v"}, 2, "", "-v"}, {{d, "-x"}, 2, "", "-x"},
         {{d, "extra"}, 2, "", "extra"},
-        {{"relative/dest"}, 2, "", "must be an absolute path"},
         {{"--add", d, "--dry-run"}, 2, "", "takes no destination"},
         {{d, "--", "-noUserNotifications"}, 2, "", "-noUserNotifications"},
         {{"--no-notifications"}, 2, "", "a destination is required"},
@@ -105,4 +104,41 @@ TEST(CommandLineArguments, TheWindowIsStartedBesideTheCommandLineOrFromPath) {
     EXPECT_EQ(fromPath.out, onPath + "/ferrovane-gui --add /a b c\n");
     fakeWindow(beside + "/ferrovane-gui");
     EXPECT_EQ(start({}).out, beside + "/ferrovane-gui \n");
+}
+
+namespace {
+
+class DestinationArgument : public DestinationFixture {};
+
+}  // namespace
+
+// Every command takes the destination as the run does, an absolute path: a relative one is refused
+// alike, with the path it may have meant, even where it names a real destination.
+TEST_F(DestinationArgument, EveryCommandRefusesARelativeDestinationAlike) {
+    writeFile(source + "/a.txt", "a");
+    configure({{source, FVSourceMode::Backup}}, defaults());
+    ASSERT_EQ(run().exitStatus, 0);
+    const std::string settings = readFile(FVConfigurationFile::formattedPath(destination));
+    const std::string a = source + "/a.txt";
+    for (const std::string& relative : std::vector<std::string>{"dest", "./dest/", "../" + std::filesystem::path(dir.path()).filename().string() + "/dest"}) {
+        const std::vector<std::vector<std::string>> commands = {
+            {relative, "--no-notifications"}, {relative, "--dry-run"}, {"runs", relative},
+            {"search", relative, "a.txt"},    {"versions", relative, a}, {"ls", relative, source},
+            {"restore", relative, a, "--dry-run"}, {"restore", relative, a, "--at", "2000-01-01"},
+            {"verify", relative},             {"config", relative, "show"}, {"config", relative, "add", "/x"},
+            {"config", relative, "schedule"},
+        };
+        for (const auto& args : commands) {
+            std::vector<std::string> argv{"/usr/bin/env", "-C", dir.path(), FERROVANE_EXECUTABLE};
+            argv.insert(argv.end(), args.begin(), args.end());
+            ProcessResult r = runProcess(argv, {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()}});
+            std::string shown;
+            for (const std::string& arg : args) shown += arg + " ";
+            EXPECT_EQ(r.exitStatus, 2) << shown << r.out << r.err;
+            EXPECT_EQ(r.out, "") << shown;
+            EXPECT_EQ(r.err, "ferrovane: error: the destination must be an absolute path: " + relative +
+                                 " (did you mean " + destination + "?)\n") << shown;
+        }
+    }
+    EXPECT_EQ(readFile(FVConfigurationFile::formattedPath(destination)), settings);
 }

@@ -77,9 +77,15 @@ TEST_F(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
     EXPECT_EQ(config({"add", "--mode", "exclude", "/home/me/Documents/cache"}).exitStatus, 0);
     EXPECT_EQ(config({"add", "/x/node_modules", "--mode=exclude-name"}).exitStatus, 0);
     EXPECT_EQ(config({"add", "/old", "--mode", "disabled"}).exitStatus, 0);
+    const std::string listed = settingsBytes();
     ProcessResult duplicate = config({"add", "/home/me/Documents"});
-    EXPECT_EQ(duplicate.exitStatus, 1);
-    EXPECT_NE(duplicate.err.find("already in the list"), std::string::npos) << duplicate.err;
+    EXPECT_EQ(duplicate.exitStatus, 0) << duplicate.err;
+    EXPECT_EQ(duplicate.out, "/home/me/Documents is already listed (Back up).\n");
+    ProcessResult otherMode = config({"add", "/home/me/Documents", "--mode", "exclude"});
+    EXPECT_EQ(otherMode.exitStatus, 1);
+    EXPECT_NE(otherMode.err.find("already listed with --mode backup; to list it with --mode exclude, remove it first"),
+              std::string::npos) << otherMode.err;
+    EXPECT_EQ(settingsBytes(), listed);
     EXPECT_EQ(config({"remove", "/old"}).exitStatus, 0);
     EXPECT_EQ(config({"remove", "/old"}).exitStatus, 1);
     EXPECT_EQ(config({"set", "maxThreads", "4"}).exitStatus, 0);
@@ -161,10 +167,6 @@ TEST_F(ConfigCommand, BadInputIsRefusedAndNothingIsWritten) {
     EXPECT_NE(config({"add", "/other/data"}).err.find("/data and /other/data would both be mirrored"), std::string::npos);
     EXPECT_FALSE(exists(calls));
     EXPECT_FALSE(exists(jobs));
-
-    ProcessResult relative = runProcess({FERROVANE_EXECUTABLE, "config", "dest", "show"});
-    EXPECT_EQ(relative.exitStatus, 2);
-    EXPECT_NE(relative.err.find("absolute path"), std::string::npos);
 
     // A file that is not a configuration is never overwritten.
     writeFile(settingsPath(), "not a property list");
@@ -371,4 +373,36 @@ TEST_F(ConfigCommand, AChangeWaitsForTheRunningBackupAndASecondRunIsRefused) {
     EXPECT_EQ(change.exitStatus, 0) << change.err;
     EXPECT_NE(change.err.find("waiting"), std::string::npos) << change.err;
     EXPECT_EQ(sources(readBack()).size(), 1u);
+}
+
+// A new placement never leaves a mirror behind: refused while one is in place, with commands that
+// move it; once they ran, the change goes through and the next run copies nothing again.
+TEST_F(ConfigCommand, APlacementChangeIsRefusedWhileAMirrorWouldBeLeftBehind) {
+    writeFile(source + "/a.txt", "a");
+    PlistDict options = defaults();
+    options.set(FVOptionKey::syncMode, int64_t{1});
+    configure({{source, FVSourceMode::Backup}}, options);
+    ASSERT_EQ(config({"set", "syncMode", "0"}).exitStatus, 0) << "nothing is in place yet";
+    ASSERT_EQ(config({"set", "syncMode", "1"}).exitStatus, 0);
+    ASSERT_EQ(run().exitStatus, 0);
+    const std::string before = settingsBytes();
+
+    ProcessResult refused = config({"set", "syncMode", "0"});
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_EQ(settingsBytes(), before);
+    EXPECT_EQ(differences(source + "/", destination + "/src/"), "");
+    const std::string move = "  mkdir -p -- '" + destination + source.substr(0, source.rfind('/')) + "' && mv -nT -- '" +
+                             destination + "/src' '" + destination + source + "'\n";
+    EXPECT_NE(refused.err.find("ferrovane: error: a new placement would leave the mirror already in the destination "
+                               "behind"), std::string::npos) << refused.err;
+    ASSERT_NE(refused.err.find(move), std::string::npos) << refused.err;
+    EXPECT_NE(refused.err.find("  ferrovane config " + destination + " set syncMode 0"), std::string::npos);
+
+    ASSERT_EQ(runProcess({"/bin/sh", "-c", move}).exitStatus, 0);
+    ASSERT_EQ(config({"set", "syncMode", "0"}).exitStatus, 0);
+    ProcessResult again = run();
+    ASSERT_EQ(again.exitStatus, 0) << again.err;
+    EXPECT_FALSE(exists(destination + "/src"));
+    EXPECT_EQ(readBack().sources[0]->integerValue(FVSourceKey::updatedFilesCount), 0) << "nothing copied again";
+    EXPECT_EQ(differences(source + "/", destination + source + "/"), "");
 }

@@ -169,7 +169,7 @@ TEST_F(BackupSessionTest, CancelInTheSecondItemKeepsTheFirstItemsResultsOnly) {
     EXPECT_TRUE(set[0]->value("lastBackupDate").has_value());
     EXPECT_FALSE(set[1]->value("lastBackupDate").has_value());
     EXPECT_FALSE(set[2]->value("lastBackupDate").has_value());
-    EXPECT_EQ(session.currentTaskDescription(), "Cancelled.");
+    EXPECT_EQ(session.currentTaskDescription(), "Backup stopped.");
     EXPECT_FALSE(exists(dir / "dest/three"));
 }
 
