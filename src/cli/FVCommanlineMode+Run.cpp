@@ -8,6 +8,7 @@
 #include "cli/FVOutput.h"
 #include "cli/FVRunJson.h"
 #include "cli/FVRunSignals.h"
+#include "engine/FVStrings.h"
 #include "fs/FVText.h"
 #include "search/FVSearchText.h"
 
@@ -65,14 +66,15 @@ int FVCommanlineMode::runBackup() {
     backupSession_->setExcludePaths(backupSetController_->excludePaths());
     backupSession_->setDryRun(dryRun_);
     backupSession_->setItemListener([this](FVItemChange change, const std::string& path) { itemChanged(change, path); });
+    backupSession_->setTrigger(jobTriggerName(attempt_ ? attempt_->trigger() : FVJobTrigger::Manual));
 
-    notify({"Starting sync to: " + FVText::lastPathComponent(destinationPath_), "", ""}, false);
+    notify({FVStrings::format("notificationbackingup", FVText::lastPathComponent(destinationPath_)), "", ""}, false);
     // A signal that came before the start (the cancel it posted found nothing to cancel) keeps
     // the run from starting at all.
     runLoop_.post([this] {
         if (int signal = cancellingSignal_.load()) {
             recordAttempt(FVJobOutcome::Stopped, fmt::format("stopped by signal {}", signal));
-            say("Sync canceled.");
+            say(FVStrings::localized("backupstopped"));
             end("stopped", FVRunSummary{{}, 0, 0, dryRun_, true}, FVExitStatus::interrupted(signal));
             return;
         }
@@ -85,7 +87,7 @@ void FVCommanlineMode::interrupt(int signal) {
     int first = 0;
     if (!cancellingSignal_.compare_exchange_strong(first, signal)) {
         if (signal != SIGINT) return;
-        if (output_.human()) std::fputs("\nSync canceled.\n", stdout);
+        if (output_.human()) std::printf("\n%s\n", FVStrings::localized("backupstopped").c_str());
         std::fflush(stdout);
         std::_Exit(FVExitStatus::interrupted(first));
     }
@@ -117,6 +119,15 @@ void FVCommanlineMode::backupSessionWouldChange(FVBackupSession&, const std::str
     say(FVSearchText::printable(line));
 }
 
+// As the hook wrote it, on standard error: standard output stays the run's own (and JSON's).
+void FVCommanlineMode::backupSessionHookDidPrint(FVBackupSession&, std::string_view line) {
+    progress_->finish();
+    std::fflush(stdout);
+    std::fwrite(line.data(), 1, line.size(), stderr);
+    std::fputc('\n', stderr);
+    std::fflush(stderr);
+}
+
 void FVCommanlineMode::backupSessionDidFinish(FVBackupSession&) {
     runLoop_.post([this] { finishOnMainThread(); });
 }
@@ -130,14 +141,14 @@ void FVCommanlineMode::finishOnMainThread() {
     if (!dryRun_ && !FVConfigurationFile::writeRunResults(backedUp, settingsPath_, &error))
         std::fprintf(stderr, "Warning: the results could not be saved in the configuration: %s\n", error.c_str());
 
-    FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(destinationPath_),
+    FVUserNotification notification{FVStrings::format("notificationfinished", FVText::lastPathComponent(destinationPath_)),
                                     backupSession_->finishedSummary(), ""};
     printNotes();
     std::vector<std::string> errors = backupSession_->errorMessages();
     notification.replacesPrevious = true;
     notification.critical = !errors.empty();
     if (!errors.empty()) {
-        notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());
+        notification.informativeText = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errors.size()));
         printErrors(errors);
         recordAttempt(FVJobOutcome::Errors, errors.front());
         notify(notification, true);
@@ -186,6 +197,15 @@ void FVCommanlineMode::printNotes() {
 }
 
 void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
+    // The user's own precondition said no: nothing was touched, and nothing more is to be said.
+    if (session.skippedByBeforeHook()) {
+        progress_->finish();
+        std::fflush(stdout);
+        FVOutput::error("{}", FVSearchText::printable(session.refusal()));
+        recordAttempt(FVJobOutcome::Failed, session.refusal());
+        end("skipped", session.summary(), FVExitStatus::kIncomplete);
+        return;
+    }
     printNotes();
     // A run that a full or read-only destination stopped says why.
     std::vector<std::string> errors = session.errorMessages();
@@ -194,15 +214,15 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
     // Nobody stopped this run: the destination is too full for it; told apart by its status.
     if (session.stoppedForSpace()) {
         say("Sync stopped before copying: not enough room.");
-        FVUserNotification notification{"Sync stopped: not enough room on " + FVText::lastPathComponent(destinationPath_),
+        FVUserNotification notification{FVStrings::format("notificationnoroom", FVText::lastPathComponent(destinationPath_)),
                                         "", session.refusal(), true, true};
         notify(notification, false);
         recordAttempt(FVJobOutcome::NoSpace, session.refusal());
         end("no-space", session.summary(), FVExitStatus::kIncomplete);
         return;
     }
-    say("Sync canceled.");
-    notify({"Sync canceled: " + FVText::lastPathComponent(destinationPath_), "", "", true}, false);
+    say(FVStrings::localized("backupstopped"));
+    notify({FVStrings::format("notificationstopped", FVText::lastPathComponent(destinationPath_)), "", "", true}, false);
     const int signal = cancellingSignal_.load();
     if (signal) recordAttempt(FVJobOutcome::Stopped, fmt::format("stopped by signal {}", signal));
     else recordAttempt(FVJobOutcome::Failed, errors.empty() ? std::string("the run stopped") : errors.front());

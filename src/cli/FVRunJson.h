@@ -9,7 +9,7 @@
 
 namespace ferrovane::FVRunJson {
 
-// outcome: finished, warnings, errors, stopped, failed or no-space; summary: the counts (the
+// outcome: finished, warnings, errors, stopped, failed, no-space or skipped; summary: the counts (the
 // session's own, or those of a run stopped before it started).
 std::string summary(const std::string& destination, const FVBackupSession& session, const FVRunSummary& summary,
                     std::string_view outcome);

@@ -6,6 +6,7 @@
 
 #include "engine/FVOptions.h"
 #include "engine/FVRoomForRun.h"
+#include "engine/FVRunHooks.h"
 #include "engine/FVRunStatus.h"
 #include "engine/FVRunSummary.h"
 #include "engine/FVSourceItem.h"
@@ -17,6 +18,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -33,6 +35,8 @@ public:
     virtual void backupSessionDidCancel(FVBackupSession& session) {}
     // A dry run's decision, one line ("Would copy: PATH"), in the order the run makes them.
     virtual void backupSessionWouldChange(FVBackupSession& session, const std::string& line) {}
+    // A line that the before- or after-hook wrote; it is in the run log already.
+    virtual void backupSessionHookDidPrint(FVBackupSession& session, std::string_view line) {}
 };
 
 class FVBackupSession final {
@@ -57,6 +61,10 @@ public:
     void setItemListener(std::function<void(FVItemChange, const std::string&)> listener) {
         itemListener_ = std::move(listener);
     }
+    // What started the run, as the hooks are told: manual, schedule, connect or window.
+    void setTrigger(std::string trigger) { trigger_ = std::move(trigger); }
+    // Where hook approvals are looked up; the user's own folder unless set.
+    void setHookApprovals(FVHookApprovals approvals) { hookApprovals_ = std::move(approvals); }
 
     // Starts the run on its own thread and returns at once.
     void start();
@@ -80,6 +88,9 @@ public:
     bool stoppedForSpace() const { return stoppedForSpace_.load(); }
     // Why the run ended before it touched anything (also among errorMessages()); empty otherwise.
     const std::string& refusal() const { return refusal_; }
+    // The before-hook failed and the run was skipped with nothing touched; the reason is refusal().
+    // Read once the session has ended.
+    bool skippedByBeforeHook() const { return skippedByBeforeHook_.load(); }
     // What the window and the command line say of a finished run: the files it changed, and
     // "Changed: 1.5% Duration: 3 seconds" (the share of the enabled items' files).
     int32_t updatedFileCount() const;
@@ -112,6 +123,10 @@ private:
     // Creates the sync job; from here on the run writes.
     void beginJob();
     void setTaskDescription(std::string text);
+    // The before-hook on the run's thread; false when the run ended there (skipped or cancelled).
+    bool runBeforeHook();
+    // The after-hook with how the run ended, before the front end hears of the end.
+    void runAfterHook(const char* outcome);
     void progressStep();
     // Fixes the summary of the run's end and writes it to the log.
     void logSummary(bool stopped);
@@ -138,6 +153,11 @@ private:
     std::vector<std::string> roomWarnings_;
     std::vector<std::string> roomNotes_;
     std::atomic<bool> stoppedForSpace_{false};
+    std::atomic<bool> skippedByBeforeHook_{false};
+    std::string trigger_ = "window";
+    FVHookApprovals hookApprovals_;
+    FVRunHooks hooks_;
+    FVHookRun hookRun_;
     std::atomic<bool> cancelRequested_{false};
 
     bool shouldPerformCleanup_ = false;
