@@ -126,9 +126,15 @@ FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot,
     if (sourceRoot == "/" &&
         FVExclusionRules::fileShouldBeExcluded(sourcePath, FVExclusionRules::rootClonePatterns(), nullptr))
         return Decision::Keep;
-    if (findings_.isWithinDestination(sourcePath) ||
-        FVExclusionRules::fileShouldBeExcluded(sourcePath, findings_.excludedFiles, nullptr))
-        return Decision::ArchiveOrRemove;
+    if (findings_.isWithinDestination(sourcePath)) return Decision::ArchiveOrRemove;
+    if (FVExclusionRules::fileShouldBeExcluded(sourcePath, findings_.excludedFiles, nullptr) ||
+        exclusions_.excludes(sourcePath, std::string_view(sourcePath).substr(sourceRoot.size()), entry.isDirectory())) {
+        // Leaving an item out is no reason to lose its backup: it goes to the archive like a
+        // removed item, or, where removed items are not kept, stays in the mirror as it is.
+        if (archives()) return Decision::ArchiveOrRemove;
+        status_.log(fmt::format("Kept {}: its source is excluded now, and removed items are not archived.", entry.path));
+        return Decision::Keep;
+    }
     int error = 0;
     mode_t type = 0;
     switch (FVFileManager::existenceAtPath(sourcePath, &error, &type)) {

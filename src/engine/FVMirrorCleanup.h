@@ -8,6 +8,7 @@
 #include "engine/FVRunFindings.h"
 #include "engine/FVRunSettings.h"
 #include "engine/FVRunStatus.h"
+#include "engine/FVSourceExclusions.h"
 #include "engine/FVSourceItem.h"
 
 #include <cstdint>
@@ -22,7 +23,8 @@ class FVMirrorCleanup {
 public:
     FVMirrorCleanup(const FVRunSettings& settings, FVRunFindings& findings, const FVDestinationTree& destination,
                     FVRunStatus& status)
-        : settings_(settings), findings_(findings), destination_(destination), status_(status) {}
+        : settings_(settings), findings_(findings), destination_(destination), status_(status),
+          exclusions_(settings.options) {}
 
     // Looks at the mirror folders of every enabled source item that hold what the source lacks; returns false when the run was cancelled.
     // expectedCount (the items' stored file counts) scales the progress.
@@ -43,6 +45,7 @@ private:
     FVRunFindings& findings_;
     const FVDestinationTree& destination_;
     FVRunStatus& status_;
+    const FVSourceExclusions exclusions_;
     // The folded names of the source folder whose mirror is being cleaned, read once when first
     // needed: a missing item renamed only in case is found without reading the folder again.
     std::optional<std::unordered_set<std::string>> sourceFolderNames_;
