@@ -4,6 +4,7 @@
 //   show [--json] | add <path> [--mode backup|disabled|exclude|exclude-name] | remove <path>
 //   | set <option> <value> | schedule daily HH:MM | weekly <weekday> HH:MM | off
 //   | confirm-empty <path> | retention [DAYS WEEKS MONTHS YEARS | on | off] [--dry-run]
+//   | exclude [--remove] <pattern>... | exclude-from <file>
 // Changes are made under the destination's lock; show reads without it.
 
 #include <string>
@@ -14,13 +15,15 @@ namespace ferrovane::FVConfigCommand {
 struct Arguments {
     std::string destination;
     std::string action;  // show, add, remove, set, schedule, confirm-empty or retention
-    std::string path;    // add, remove, confirm-empty
+    std::string path;    // add, remove, confirm-empty; exclude-from's file
     std::string mode;    // add; empty: backup
     std::string option, value;            // set
     std::vector<std::string> schedule;    // schedule's words
     bool json = false;                    // show
     std::vector<std::string> retention;   // retention's words
     bool dryRun = false;                  // retention: list what would go, change nothing
+    std::vector<std::string> patterns;    // exclude
+    bool remove = false;                  // exclude --remove
 };
 
 // Exit status 0 on success, 1 when the change could not be made or saved (or the scheduled job
