@@ -89,6 +89,7 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
     connect(w->verifyAction(), &QAction::triggered, this, &AppController::showVerifySheet);
     connect(w->addFoldersAction(), &QAction::triggered, this, &AppController::addSourceFolders);
     connect(w->addFilesAction(), &QAction::triggered, this, &AppController::addSourceFiles);
+    connect(w->excludeAction(), &QAction::triggered, this, [this] { showOptionsPanel()->focusExclusions(); });
     connect(w->backUpNowAction(), &QAction::triggered, this, [this] {
         if (!backupIsRunning_ && !starting_ && !restoreController_->isRunning() && window_->startButton()->isEnabled())
             startOrCancelSync();
@@ -568,10 +569,11 @@ void AppController::showAbout() {
 
 // ---- Sheets
 
-void AppController::showOptionsPanel() {
+FVOptionsPanel* AppController::showOptionsPanel() {
     auto* panel = new FVOptionsPanel(window_.get(), optionsPanelController_, environment_.runningAsRoot);
     connect(panel, &QDialog::finished, this, &AppController::updateAutomationsAfterOptions);
     panel->open();
+    return panel;
 }
 
 void AppController::updateAutomationsAfterOptions() {

@@ -134,6 +134,9 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     addFoldersAction_->setObjectName("addFoldersAction");
     addFilesAction_ = addMenu->addAction(localized("menuaddfiles"));
     addFilesAction_->setObjectName("addFilesAction");
+    // Names and patterns are typed, in the options' list of what is left out.
+    excludeAction_ = addMenu->addAction(localized("menuexclude"));
+    excludeAction_->setObjectName("excludeAction");
     addSourceButton_->setMenu(addMenu);
     addSourceButton_->setPopupMode(QToolButton::InstantPopup);
     addSourceButton_->setFixedWidth(40);
@@ -143,6 +146,7 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     file->addAction(localized("menuremovedestination"), removeTargetButton_, &QToolButton::click);
     file->addAction(addFoldersAction_);
     file->addAction(addFilesAction_);
+    file->addAction(excludeAction_);
     file->addSeparator();
     backUpNowAction_ = file->addAction(localized("menubackupnow"));
     backUpNowAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_B));

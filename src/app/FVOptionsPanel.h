@@ -1,7 +1,7 @@
 #pragma once
 // The options sheet of the open destination, grouped by what each setting keeps: the versions a
 // run keeps and for how long, the room it leaves on the disk, when runs start by themselves, and
-// how it copies. Edits FVOptionsPanelController's live dictionary when the sheet is closed. The
+// how it copies, and what it leaves out. Edits FVOptionsPanelController's live dictionary when the sheet is closed. The
 // content scrolls, so that the sheet fits a small screen.
 
 #include <QDialog>
@@ -12,6 +12,7 @@
 class QCheckBox;
 class QComboBox;
 class QLabel;
+class QPlainTextEdit;
 class QSpinBox;
 class QTimeEdit;
 class QWidget;
@@ -25,12 +26,17 @@ class FVOptionsPanel : public QDialog {
 public:
     FVOptionsPanel(QWidget* window, FVOptionsPanelController& controller, bool runningAsRoot);
     void done(int result) override;
+    // Shows the list of names and patterns left out, ready for typing at its end.
+    void focusExclusions();
 
 private:
     QWidget* makeCopyingGroup();
     QWidget* makeVersionsGroup();
     QWidget* makeDiskSpaceGroup();
     QWidget* makeScheduleGroup(bool runningAsRoot);
+    QWidget* makeExclusionsGroup();
+    // Stores the patterns; false (with the reason shown) when a line is no pattern.
+    bool storePatterns();
     // A box for a number option, with the option's own limits.
     QSpinBox* numberBox(const char* key, const char* suffixKey);
     void fitToScreen(QWidget* content, QWidget* buttons);
@@ -59,6 +65,8 @@ private:
     QCheckBox* backUpWhenConnected_;
     QSpinBox* connectedInterval_;
     QSpinBox* overdueDays_;
+    QPlainTextEdit* excludePatterns_;
+    QLabel* excludeProblem_;
 };
 
 }  // namespace ferrovane
