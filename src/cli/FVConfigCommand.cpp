@@ -505,8 +505,10 @@ int main(const Arguments& a) {
         };
     } else if (command == "exclude" || command == "exclude-from") {
         const bool fromFile = command == "exclude-from";
+        // What is removed is taken as stored, also a pattern that cannot be used.
         std::optional<std::vector<std::string>> patterns =
-            fromFile ? FVExcludeCommand::readFile(a.path, problem) : FVExcludeCommand::checkedPatterns(a.patterns, problem);
+            fromFile ? FVExcludeCommand::readFile(a.path, problem)
+            : a.remove ? a.patterns : FVExcludeCommand::checkedPatterns(a.patterns, problem);
         if (patterns && patterns->empty()) problem = printable(a.path) + " holds no pattern";
         if (!patterns || patterns->empty()) {
             for (size_t start = 0; start < problem.size();) {

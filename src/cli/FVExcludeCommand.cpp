@@ -91,14 +91,22 @@ std::vector<std::string> storedPatterns(const PlistDict& options) {
 
 bool apply(PlistDict& options, const std::vector<std::string>& patterns, bool remove, const std::string& from,
            std::string& message) {
+    // The stored texts as they are: a pattern that cannot be used can still be removed.
     std::vector<std::string> problems;
-    std::vector<FVExcludePattern> stored = FVOptionTable::readPatterns(options, &problems);
-    if (!problems.empty()) {
+    FVOptionTable::readPatterns(options, &problems);
+    std::vector<std::string> texts;
+    const PlistValue* value = options.find(FVOptionKey::excludePatterns);
+    const PlistArrayPtr* list = value ? value->array() : nullptr;
+    bool usable = !value || (list && *list);
+    if (list && *list)
+        for (const PlistValue& item : **list) {
+            if (const std::string* text = item.string()) texts.push_back(*text);
+            else usable = false;
+        }
+    if (!usable || (!remove && !problems.empty())) {
         message = printable(problems.front());
         return false;
     }
-    std::vector<std::string> texts;
-    for (const FVExcludePattern& pattern : stored) texts.push_back(pattern.text());
     size_t changed = 0;
     for (const std::string& pattern : patterns) {
         auto found = std::find(texts.begin(), texts.end(), pattern);
@@ -108,10 +116,10 @@ bool apply(PlistDict& options, const std::vector<std::string>& patterns, bool re
         if (!remove) warnAboutAnchoredPath(pattern);
         ++changed;
     }
-    auto list = std::make_shared<PlistArray>();
-    for (const std::string& text : texts) list->emplace_back(text);
+    auto stored = std::make_shared<PlistArray>();
+    for (const std::string& text : texts) stored->emplace_back(text);
     if (texts.empty()) options.remove(FVOptionKey::excludePatterns);
-    else options.set(FVOptionKey::excludePatterns, PlistValue(list));
+    else options.set(FVOptionKey::excludePatterns, PlistValue(stored));
     const size_t unchanged = patterns.size() - changed;
     if (remove)
         message = patterns.size() == 1 && changed == 1 ? "Removed the pattern " + printable(patterns.front()) + "."

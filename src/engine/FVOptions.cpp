@@ -144,8 +144,9 @@ std::vector<FVExcludePattern> readPatterns(const PlistDict& settings, std::vecto
         std::optional<FVExcludePattern> pattern = text ? FVExcludePattern::parse(*text, &why) : std::nullopt;
         if (pattern) patterns.push_back(std::move(*pattern));
         else if (problems)
-            problems->push_back(fmt::format("Option {}: pattern {} ({}) cannot be used: {}.", FVOptionKey::excludePatterns,
-                                            number, text ? quoted(*text) : describe(item), why));
+            problems->push_back(fmt::format("Option {}: pattern {} ({}) cannot be used: {}{}.", FVOptionKey::excludePatterns,
+                                            number, text ? quoted(*text) : describe(item), why,
+                                            text ? "; \"config exclude --remove\" takes it out" : ""));
     }
     return patterns;
 }

@@ -196,7 +196,8 @@ TEST_F(ConfigCommand, ExclusionsAreNamesAndPatternsStoredInTheDestination) {
               "([], ['*.tmp', '*.o', '**/build'], {'value': True, 'default': True})") << shown.out;
     EXPECT_NE(config({"show"}).out.find("Left out below every source (exclude patterns):\n  *.tmp\n  *.o\n  **/build\n"),
               std::string::npos);
-    // An unusable stored list is named and never overwritten.
+    // An unusable stored list is named and never overwritten; a pattern that cannot be used can
+    // still be taken out.
     PlistDict options;
     options.set("excludePatterns", std::string("*.tmp"));
     configure({}, options);
@@ -204,6 +205,12 @@ TEST_F(ConfigCommand, ExclusionsAreNamesAndPatternsStoredInTheDestination) {
     EXPECT_EQ(broken.exitStatus, 1);
     EXPECT_NE(broken.err.find("Option excludePatterns: expected a list of patterns, found the text \"*.tmp\""),
               std::string::npos) << broken.err;
+    auto list = std::make_shared<PlistArray>(PlistArray{PlistValue(std::string("ok")), PlistValue(std::string("[bad"))});
+    options.set("excludePatterns", PlistValue(list));
+    configure({}, options);
+    EXPECT_EQ(config({"exclude", "*.o"}).exitStatus, 1);
+    EXPECT_EQ(config({"exclude", "--remove", "[bad"}).exitStatus, 0);
+    EXPECT_EQ(jsonQuery(config({"show", "--json"}).out, "d['excludePatterns']"), "['ok']");
 }
 
 TEST_F(ConfigCommand, ScheduleWritesUnitsThatStartFerrovaneOnExactlyThisDestination) {
