@@ -30,7 +30,8 @@ public:
     // expectedCount (the items' stored file counts) scales the progress.
     bool run(const std::vector<FVSourceItemPtr>& backupSet, int32_t expectedCount);
 
-    enum class Decision { Keep, ArchiveOrRemove, RemoveLeftover };
+    // Archive: archived even where removed items are not kept (an excluded item's backup).
+    enum class Decision { Keep, ArchiveOrRemove, Archive, RemoveLeftover };
 
 private:
     bool archives() const { return settings_.options.moveDeletedFiles; }
@@ -39,7 +40,8 @@ private:
     // One mirror folder the analysis found holding names the source lacks; false when cancelled.
     bool cleanFolder(const std::string& sourceRoot, const std::string& mirror, const std::string& folder);
     Decision decide(const std::string& sourceRoot, const std::string& sourcePath, const FVDirectoryWalker::Entry& entry);
-    void removeDeletedItem(const std::string& sourceRoot, const std::string& relative, const std::string& itemPath);
+    void removeDeletedItem(const std::string& sourceRoot, const std::string& relative, const std::string& itemPath,
+                           bool archive);
 
     const FVRunSettings& settings_;
     FVRunFindings& findings_;
