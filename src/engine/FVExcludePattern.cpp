@@ -108,10 +108,15 @@ FVExcludePattern::Lines FVExcludePattern::parseLines(std::string_view text) {
 
 bool FVExcludePattern::matches(std::string_view relativePath, bool isDirectory) const {
     if (foldersOnly_ && !isDirectory) return false;
-    std::vector<std::string_view> path = components(relativePath);
-    if (path.empty()) return false;
-    if (!anchored_) return components_.front() == "**" || nameMatches(components_.front(), path.back());
-    return componentsMatch(components_, 0, path, 0);
+    while (relativePath.ends_with('/')) relativePath.remove_suffix(1);
+    if (relativePath.empty()) return false;
+    // Most patterns are names: only the last component counts, and nothing is split.
+    if (!anchored_) {
+        const size_t slash = relativePath.rfind('/');
+        return components_.front() == "**" ||
+               nameMatches(components_.front(), slash == std::string_view::npos ? relativePath : relativePath.substr(slash + 1));
+    }
+    return componentsMatch(components_, 0, components(relativePath), 0);
 }
 
 }  // namespace ferrovane
