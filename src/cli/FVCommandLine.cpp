@@ -50,7 +50,7 @@ const char* const kCommands =
     "                                       read every file again and compare it with its record\n"
     "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty | retention\n"
     "                   | exclude | exclude-from) ...\n"
-    "                                       edit the destination's sources, exclusions, options and schedule\n"
+    "                                       edit the sources, exclusions, options and schedule\n"
     "  ferrovane check-overdue [--json] [--no-notifications]\n"
     "                                       tell which scheduled backups are overdue\n"
     "\n"
