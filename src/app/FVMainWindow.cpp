@@ -146,7 +146,6 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     file->addAction(localized("menuremovedestination"), removeTargetButton_, &QToolButton::click);
     file->addAction(addFoldersAction_);
     file->addAction(addFilesAction_);
-    file->addAction(excludeAction_);
     file->addSeparator();
     backUpNowAction_ = file->addAction(localized("menubackupnow"));
     backUpNowAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_B));
