@@ -273,7 +273,7 @@ void AppController::handleCancel() {
     cover->setProgress(-1);
     cover->clearMessages();
     // Rather than an empty cover until the alert is dismissed.
-    cover->setMessage(localized("viewbackupcancelled"));
+    cover->setMessage(localized("backupstopped"));
     window_->startButton()->setText(localized("syncbutton"));
     window_->startButton()->setEnabled(true);
     setDestinationControlsEnabled(true);
@@ -286,15 +286,17 @@ void AppController::handleCancel() {
     const bool noRoom = backupSession_->stoppedForSpace();
     recordRunOutcome(FVRunOutcome::State::Stopped, errors);
     if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, backupSession_->refusal());
+    else if (backupSession_->skippedByBeforeHook()) recordJobAttempt(FVJobOutcome::Failed, backupSession_->refusal());
     else recordJobAttempt(FVJobOutcome::Stopped, "stopped in the window");
     updateScheduleState();
-    FVUserNotification notification{"Sync canceled: " + FVText::lastPathComponent(currentTargetPath_), "", ""};
+    FVUserNotification notification{FVStrings::format("notificationstopped", FVText::lastPathComponent(currentTargetPath_)),
+                                    "", ""};
     if (noRoom) {
-        notification = {"Backup not started: not enough room on " + FVText::lastPathComponent(currentTargetPath_), "",
+        notification = {FVStrings::format("notificationnoroom", FVText::lastPathComponent(currentTargetPath_)), "",
                         backupSession_->refusal(), false, true};
         cover->setMessage(QString::fromStdString(backupSession_->refusal()));
     } else if (!errors.empty()) {
-        notification.subtitle = fmt::format("{} Errors occurred, please check log.", errors.size());
+        notification.subtitle = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errors.size()));
     }
     notifyUnlessActive(notification);
 
@@ -365,9 +367,10 @@ void AppController::handleFinish() {
     window_->startButton()->setEnabled(true);
     updateSizeDisplay();
 
-    FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(currentTargetPath_),
+    FVUserNotification notification{FVStrings::format("notificationfinished", FVText::lastPathComponent(currentTargetPath_)),
                                     backupSession_->finishedSummary(), ""};
-    if (!errors.empty()) notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());
+    if (!errors.empty())
+        notification.informativeText = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errors.size()));
     notification.critical = !errors.empty();
     notifyUnlessActive(notification);
 

@@ -5,8 +5,10 @@
 //   | set <option> <value> | schedule daily HH:MM | weekly <weekday> HH:MM | off
 //   | confirm-empty <path> | retention [DAYS WEEKS MONTHS YEARS | on | off] [--dry-run]
 //   | exclude [--remove] <pattern>... | exclude-from <file>
+//   | hook [before|after [COMMAND | --remove | --approve]]
 // Changes are made under the destination's lock; show reads without it.
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,6 +26,9 @@ struct Arguments {
     bool dryRun = false;                  // retention: list what would go, change nothing
     std::vector<std::string> patterns;    // exclude
     bool remove = false;                  // exclude --remove
+    std::string hookKind;                 // hook: before or after; empty: list the hooks
+    std::optional<std::string> hookCommand;  // hook: the new command
+    bool hookRemove = false, hookApprove = false;
 };
 
 // Exit status 0 on success, 1 when the change could not be made or saved (or the scheduled job

@@ -52,6 +52,10 @@ inline constexpr const char* excludeCacheFolders = "excludeCacheFolders";
 inline constexpr const char* excludeNodumpItems = "excludeNodumpItems";
 // A list of texts, each an FVExcludePattern; no rule of the table (those hold one value each).
 inline constexpr const char* excludePatterns = "excludePatterns";
+inline constexpr const char* beforeHook = "beforeHook";
+inline constexpr const char* afterHook = "afterHook";
+inline constexpr const char* hookTimeoutSeconds = "hookTimeoutSeconds";
+inline constexpr const char* skipRunWhenBeforeHookFails = "skipRunWhenBeforeHookFails";
 }  // namespace FVOptionKey
 
 // The options as typed values. A missing key reads as 0 / no: only the window fills in defaults.
@@ -109,6 +113,13 @@ struct FVOptions {
     std::vector<FVExcludePattern> excludePatterns;
     bool excludeCacheFolders = false;
     bool excludeNodumpItems = false;
+    // Commands run through /bin/sh before and after each run (empty: none), each ended after
+    // hookTimeoutSeconds. A before-hook that fails or runs out of time skips the run when
+    // skipRunWhenBeforeHookFails is on; otherwise the run goes on with a warning.
+    std::string beforeHook;
+    std::string afterHook;
+    int64_t hookTimeoutSeconds = 600;
+    bool skipRunWhenBeforeHookFails = true;
 
     // Runs start by themselves: on the calendar or when the disk is connected.
     bool isScheduled() const { return automationEnabled || backUpWhenConnected; }
