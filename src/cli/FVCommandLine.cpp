@@ -50,12 +50,9 @@ const char* const kCommands =
     "                                       with --at, a file or folder as a run recorded it\n"
     "  ferrovane verify DESTINATION [--at STAMP] [--sources] [--json]\n"
     "                                       read every file again and compare it with its record\n"
-    "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty | retention
-"
-    "                   | exclude | exclude-from | hook) ...
-"
-    "                                       edit the sources, exclusions, hooks, options and schedule
-"
+    "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty | retention\n"
+    "                   | exclude | exclude-from | hook) ...\n"
+    "                                       edit the sources, exclusions, hooks, options and schedule\n"
     "  ferrovane check-overdue [--json] [--no-notifications]\n"
     "                                       tell which scheduled backups are overdue\n"
     "\n"
