@@ -1,7 +1,7 @@
 # fish completion for ferrovane(1)
 
 set -l commands runs search versions ls restore verify config check-overdue
-set -l config_subcommands show add remove set schedule confirm-empty retention
+set -l config_subcommands show add remove set schedule confirm-empty retention exclude exclude-from
 
 # Words only the destination knows come from "ferrovane __complete WHAT [DESTINATION]".
 function __ferrovane_known -a what
@@ -71,6 +71,10 @@ complete -c ferrovane -n '__ferrovane_config_at 3' -a set -d 'set an option'
 complete -c ferrovane -n '__ferrovane_config_at 3' -a schedule -d 'show or set when runs start by themselves'
 complete -c ferrovane -n '__ferrovane_config_at 3' -a confirm-empty -d 'let an empty source empty its mirror once'
 complete -c ferrovane -n '__ferrovane_config_at 3' -a retention -d 'thin out old versions by age'
+complete -c ferrovane -n '__ferrovane_config_at 3' -a exclude -d 'leave out what patterns match in every source'
+complete -c ferrovane -n '__ferrovane_config_at 3' -a exclude-from -d 'add the patterns of a file'
+complete -c ferrovane -n '__ferrovane_config_sub exclude' -l remove -d 'take the patterns out again'
+complete -c ferrovane -n '__ferrovane_config_sub exclude-from; and __ferrovane_config_at 4' -F
 complete -c ferrovane -n '__ferrovane_config_sub show; or __ferrovane_config_sub schedule' -l json -d 'print JSON for scripts'
 complete -c ferrovane -n '__ferrovane_config_sub add' -l mode -x -a 'backup disabled exclude exclude-name' -d 'how the source is used'
 complete -c ferrovane -n '__ferrovane_config_sub add' -F

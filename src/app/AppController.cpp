@@ -90,6 +90,7 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
     connect(w->verifyAction(), &QAction::triggered, this, &AppController::showVerifySheet);
     connect(w->addFoldersAction(), &QAction::triggered, this, &AppController::addSourceFolders);
     connect(w->addFilesAction(), &QAction::triggered, this, &AppController::addSourceFiles);
+    connect(w->excludeAction(), &QAction::triggered, this, [this] { showOptionsPanel()->focusExclusions(); });
     connect(w->backUpNowAction(), &QAction::triggered, this, [this] {
         if (!backupIsRunning_ && !starting_ && !restoreController_->isRunning() && window_->startButton()->isEnabled())
             startOrCancelSync();
@@ -569,7 +570,7 @@ void AppController::showAbout() {
 
 // ---- Sheets
 
-void AppController::showOptionsPanel() {
+FVOptionsPanel* AppController::showOptionsPanel() {
     auto* panel = new FVOptionsPanel(window_.get(), optionsPanelController_, environment_.runningAsRoot);
     const bool folderPerSource = FVOptionTable::read(*optionsPanelController_.allOptions()).options.syncMode != 0;
     if (!currentTargetPath_.empty() &&
@@ -579,6 +580,7 @@ void AppController::showOptionsPanel() {
         panel->lockPlacement(localizedFormat("optionssyncmodelocked", currentTargetPath_));
     connect(panel, &QDialog::finished, this, &AppController::updateAutomationsAfterOptions);
     panel->open();
+    return panel;
 }
 
 void AppController::updateAutomationsAfterOptions() {

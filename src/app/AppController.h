@@ -29,6 +29,7 @@ class QMessageBox;
 namespace ferrovane {
 
 class FVMainWindow;
+class FVOptionsPanel;
 class FVRestoreController;
 class FVSourceListModel;
 
@@ -82,7 +83,7 @@ public:
     // Runs.
     void startOrCancelSync();
 
-    void showOptionsPanel();
+    FVOptionsPanel* showOptionsPanel();
     void showSearchBackupPanel();
     void showBackupBrowser();
     void showVerifySheet();

@@ -134,6 +134,9 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     addFoldersAction_->setObjectName("addFoldersAction");
     addFilesAction_ = addMenu->addAction(localized("menuaddfiles"));
     addFilesAction_->setObjectName("addFilesAction");
+    // Names and patterns are typed, in the options' list of what is left out.
+    excludeAction_ = addMenu->addAction(localized("menuexclude"));
+    excludeAction_->setObjectName("excludeAction");
     addSourceButton_->setMenu(addMenu);
     addSourceButton_->setPopupMode(QToolButton::InstantPopup);
     addSourceButton_->setFixedWidth(40);

@@ -53,6 +53,7 @@ public:
     QPushButton* showErrorsButton() const { return showErrorsButton_; }
     QAction* addFoldersAction() const { return addFoldersAction_; }
     QAction* addFilesAction() const { return addFilesAction_; }
+    QAction* excludeAction() const { return excludeAction_; }
     QAction* backUpNowAction() const { return backUpNowAction_; }
     QAction* stopAction() const { return stopAction_; }
     QAction* showErrorsAction() const { return showErrorsAction_; }
@@ -95,6 +96,7 @@ private:
     QPushButton* showErrorsButton_;
     QAction* addFoldersAction_;
     QAction* addFilesAction_;
+    QAction* excludeAction_;
     QAction* backUpNowAction_;
     QAction* stopAction_;
     QAction* showErrorsAction_;

@@ -3,15 +3,20 @@
 #include "app/FVSourceListModel.h"
 
 #include <QComboBox>
+#include <QStandardItemModel>
 
 #include <algorithm>
 
 namespace ferrovane {
 
-QWidget* FVModePopupDelegate::createEditor(QWidget* parent, const QStyleOptionViewItem&, const QModelIndex&) const {
+QWidget* FVModePopupDelegate::createEditor(QWidget* parent, const QStyleOptionViewItem&, const QModelIndex& index) const {
     auto* popup = new QComboBox(parent);
     popup->setObjectName("modePopup");
     for (int mode = 0; mode <= 3; ++mode) popup->addItem(FVSourceListModel::modeTitle(mode), mode);
+    // A bare name is no path to back up or to leave out.
+    if (!FVSourceListModel::takesEveryMode(index.data(Qt::ToolTipRole).toString()))
+        for (FVSourceMode mode : {FVSourceMode::Backup, FVSourceMode::ExcludePath})
+            static_cast<QStandardItemModel*>(popup->model())->item(int(mode))->setEnabled(false);
     connect(popup, &QComboBox::activated, this, [this, popup] {
         emit const_cast<FVModePopupDelegate*>(this)->commitData(popup);
     });

@@ -2,6 +2,7 @@
 
 #include "app/FVQtStrings.h"
 #include "engine/FVConfigurationFile.h"
+#include "engine/FVExcludePattern.h"
 #include "scheduling/FVOptionsPanelController.h"
 
 #include <QCheckBox>
@@ -14,6 +15,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLocale>
+#include <QPlainTextEdit>
 #include <QScreen>
 #include <QScrollArea>
 #include <QScrollBar>
@@ -65,10 +67,11 @@ FVOptionsPanel::FVOptionsPanel(QWidget* window, FVOptionsPanelController& contro
     grid->addWidget(makeVersionsGroup(), 0, 0, 2, 1);
     grid->addWidget(makeDiskSpaceGroup(), 0, 1);
     grid->addWidget(makeScheduleGroup(runningAsRoot), 1, 1);
-    grid->addWidget(makeCopyingGroup(), 2, 0, 1, 2);
+    grid->addWidget(makeExclusionsGroup(), 2, 0, 1, 2);
+    grid->addWidget(makeCopyingGroup(), 3, 0, 1, 2);
     grid->setColumnStretch(0, 1);
     grid->setColumnStretch(1, 1);
-    grid->setRowStretch(3, 1);
+    grid->setRowStretch(4, 1);
 
     auto* scroll = new QScrollArea;
     scroll->setObjectName("optionsScrollArea");
@@ -218,6 +221,32 @@ QWidget* FVOptionsPanel::makeScheduleGroup(bool runningAsRoot) {
     return group;
 }
 
+QWidget* FVOptionsPanel::makeExclusionsGroup() {
+    auto* group = new QGroupBox(localized("optionsgroupexclusions"));
+    auto* column = new QVBoxLayout(group);
+    column->addWidget(new QLabel(localized("optionsexcludepatterns")));
+    excludePatterns_ = new QPlainTextEdit;
+    excludePatterns_->setObjectName(FVOptionKey::excludePatterns);
+    excludePatterns_->setPlaceholderText(localized("optionsexcludepatternsplaceholder"));
+    excludePatterns_->setTabChangesFocus(true);
+    excludePatterns_->setFixedHeight(excludePatterns_->fontMetrics().lineSpacing() * 5 + 12);
+    column->addWidget(excludePatterns_);
+    excludeProblem_ = new QLabel;
+    excludeProblem_->setObjectName("excludeProblem");
+    excludeProblem_->setWordWrap(true);
+    excludeProblem_->setStyleSheet("color: palette(highlight)");
+    excludeProblem_->hide();
+    column->addWidget(excludeProblem_);
+    QCheckBox* caches = checkBox("optionsexcludecaches", FVOptionKey::excludeCacheFolders);
+    QCheckBox* nodump = checkBox("optionsexcludenodump", FVOptionKey::excludeNodumpItems);
+    column->addWidget(caches);
+    column->addWidget(nodump);
+    column->addWidget(note(localized("optionsexclusionsnote")));
+    checkBoxes_.insert(checkBoxes_.end(), {{FVOptionKey::excludeCacheFolders, caches},
+                                           {FVOptionKey::excludeNodumpItems, nodump}});
+    return group;
+}
+
 QWidget* FVOptionsPanel::makeCopyingGroup() {
     auto* group = new QGroupBox(localized("optionsgroupcopying"));
     auto* form = new QFormLayout(group);
@@ -261,6 +290,10 @@ void FVOptionsPanel::fitToScreen(QWidget* content, QWidget* buttons) {
 
 void FVOptionsPanel::load() {
     const PlistDict& options = *controller_.allOptions();
+    QStringList patterns;
+    for (const FVExcludePattern& pattern : FVOptionTable::readPatterns(options, nullptr))
+        patterns << QString::fromStdString(pattern.text());
+    excludePatterns_->setPlainText(patterns.join('\n'));
     for (auto& [key, box] : checkBoxes_) box->setChecked(options.boolValue(key));
     for (auto& [key, box] : numberBoxes_)
         box->setValue(int(std::clamp<int64_t>(options.integerValue(key), box->minimum(), box->maximum())));
@@ -318,12 +351,43 @@ void FVOptionsPanel::updateEnabledState() {
     overdueDays_->setEnabled(automation || backUpWhenConnected_->isChecked());
 }
 
+void FVOptionsPanel::focusExclusions() {
+    excludePatterns_->setFocus();
+    excludePatterns_->moveCursor(QTextCursor::End);
+    if (!excludePatterns_->toPlainText().isEmpty()) excludePatterns_->insertPlainText("\n");
+    findChild<QScrollArea*>("optionsScrollArea")->ensureWidgetVisible(excludePatterns_);
+}
+
+bool FVOptionsPanel::storePatterns() {
+    PlistDict& options = *controller_.allOptions();
+    // A list stored by something else that this sheet cannot show is left as it is.
+    std::vector<std::string> unusable;
+    FVOptionTable::readPatterns(options, &unusable);
+    const QByteArray text = excludePatterns_->toPlainText().toUtf8();
+    if (!unusable.empty() && text.isEmpty()) return true;
+    FVExcludePattern::Lines lines = FVExcludePattern::parseLines(std::string_view(text.constData(), size_t(text.size())));
+    if (!lines.problems.empty()) {
+        excludeProblem_->setText(localizedFormat("optionsexcludeproblem", lines.problems.front()));
+        excludeProblem_->show();
+        excludePatterns_->setFocus();
+        return false;
+    }
+    excludeProblem_->hide();
+    auto list = std::make_shared<PlistArray>();
+    for (const FVExcludePattern& pattern : lines.patterns) list->emplace_back(pattern.text());
+    if (list->empty()) options.remove(FVOptionKey::excludePatterns);
+    else options.set(FVOptionKey::excludePatterns, PlistValue(list));
+    return true;
+}
+
 void FVOptionsPanel::lockPlacement(const QString& why) {
     syncMode_->setEnabled(false);
     syncMode_->setToolTip(why);
 }
 
 void FVOptionsPanel::done(int result) {
+    // A line that is no pattern keeps the sheet open, with the line named, until it is mended.
+    if (!storePatterns()) return;
     store();
     QDialog::done(result);
 }

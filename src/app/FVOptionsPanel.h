@@ -1,7 +1,7 @@
 #pragma once
 // The options sheet of the open destination, grouped by what each setting keeps: the versions a
 // run keeps and for how long, the room it leaves on the disk, when runs start by themselves, and
-// how it copies. Edits FVOptionsPanelController's live dictionary when the sheet is closed. The
+// how it copies, and what it leaves out. Edits FVOptionsPanelController's live dictionary when the sheet is closed. The
 // content scrolls, so that the sheet fits a small screen.
 
 #include <QDialog>
@@ -12,6 +12,7 @@
 class QCheckBox;
 class QComboBox;
 class QLabel;
+class QPlainTextEdit;
 class QSpinBox;
 class QTimeEdit;
 class QWidget;
@@ -25,6 +26,8 @@ class FVOptionsPanel : public QDialog {
 public:
     FVOptionsPanel(QWidget* window, FVOptionsPanelController& controller, bool runningAsRoot);
     void done(int result) override;
+    // Shows the list of names and patterns left out, ready for typing at its end.
+    void focusExclusions();
     // The placement stays as it is while mirrors are in place (they would be left behind); the
     // reason shows on the choice.
     void lockPlacement(const QString& why);
@@ -34,6 +37,9 @@ private:
     QWidget* makeVersionsGroup();
     QWidget* makeDiskSpaceGroup();
     QWidget* makeScheduleGroup(bool runningAsRoot);
+    QWidget* makeExclusionsGroup();
+    // Stores the patterns; false (with the reason shown) when a line is no pattern.
+    bool storePatterns();
     // A box for a number option, with the option's own limits.
     QSpinBox* numberBox(const char* key, const char* suffixKey);
     void fitToScreen(QWidget* content, QWidget* buttons);
@@ -64,6 +70,8 @@ private:
     QCheckBox* backUpWhenConnected_;
     QSpinBox* connectedInterval_;
     QSpinBox* overdueDays_;
+    QPlainTextEdit* excludePatterns_;
+    QLabel* excludeProblem_;
 };
 
 }  // namespace ferrovane

@@ -132,6 +132,9 @@ bool FVSourceListModel::setData(const QModelIndex& index, const QVariant& value,
     if (!item || index.column() != ModeColumn || role != Qt::EditRole) return false;
     int64_t mode = value.toLongLong();
     if (mode < 0 || mode > 3 || mode == item->enabled()) return false;
+    if (!takesEveryMode(qPath(item->sourcePath())) &&
+        (mode == int64_t(FVSourceMode::Backup) || mode == int64_t(FVSourceMode::ExcludePath)))
+        return false;
     item->setValue(FVSourceKey::enabled, mode);
     changingMode_ = true;
     controller_.evaluateItemModeChange();

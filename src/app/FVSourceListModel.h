@@ -42,6 +42,9 @@ public:
     // The last run's outcome, shown in each row beside the item's own last backup.
     void setRunOutcome(FVRunOutcome outcome);
     static QString modeTitle(int64_t mode);
+    // Whether an item of this path may be backed up or excluded as a path: an absolute path may,
+    // a bare name (an exclude-name item's) is left out by name or disabled only.
+    static bool takesEveryMode(const QString& path) { return path.startsWith('/'); }
 
 signals:
     // Rows were reordered by dragging; the moved rows now stand at first .. first + count - 1.

@@ -52,8 +52,9 @@ const char* const kCommands =
     "                                       with --at, a file or folder as a run recorded it\n"
     "  ferrovane verify DESTINATION [--at STAMP] [--sources] [--json]\n"
     "                                       read every file again and compare it with its record\n"
-    "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty | retention | hook) ...\n"
-    "                                       edit the destination's sources, options and schedule\n"
+    "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty | retention\n"
+    "                   | exclude | exclude-from | hook) ...\n"
+    "                                       edit the sources, exclusions, hooks, options and schedule\n"
     "  ferrovane check-overdue [--json] [--no-notifications]\n"
     "                                       tell which scheduled backups are overdue\n"
     "\n"
@@ -290,9 +291,15 @@ int config(std::vector<std::string> arguments) {
     app.require_subcommand(1, 1);
     app.add_subcommand("show", "print the sources with their last results, the options and the schedule")
         ->add_flag("--json", a.json, "print JSON for scripts");
-    auto* add = app.add_subcommand("add", "add an absolute path to the sources");
-    add->add_option("PATH", a.path, "the source, an absolute path")->required();
+    auto* add = app.add_subcommand("add", "add an absolute path to the sources, or a name to leave out everywhere");
+    add->add_option("PATH", a.path, "the source, an absolute path; with --mode exclude-name also a bare name")->required();
     add->add_option("--mode", a.mode, "backup (default), disabled, exclude or exclude-name")->type_name("MODE");
+    auto* exclude = app.add_subcommand("exclude", "leave out what a pattern matches below every source "
+                                                  "(*.tmp, node_modules, **/build, src/*/cache, cache/)");
+    exclude->add_option("PATTERN", a.patterns, "the patterns, quoted so that the shell leaves them alone")->required();
+    exclude->add_flag("--remove", a.remove, "take the patterns out of the list again");
+    app.add_subcommand("exclude-from", "add the patterns of a file, one a line (# comments, blank lines skipped)")
+        ->add_option("FILE", a.path, "the file, or - for standard input; it is read once, not linked")->required();
     app.add_subcommand("remove", "remove a source (its mirror and archives stay)")
         ->add_option("PATH", a.path, "the source as listed")->required();
     auto* set = app.add_subcommand("set", "set a run option; yes/no options take yes or no");

@@ -1,6 +1,8 @@
 #include "cli/FVConfigCommand.h"
 
+#include "cli/FVExcludeCommand.h"
 #include "cli/FVExitStatus.h"
+#include "cli/FVOutput.h"
 #include "cli/FVJsonText.h"
 #include "cli/FVOutput.h"
 #include "cli/FVRetentionCommand.h"
@@ -319,12 +321,17 @@ int show(const Configuration& config, FVLaunchAgentManager& jobs) {
     for (const std::string& skipped : config.skippedItems) fmt::print("  {}\n", printable(skipped));
 
     const PlistDict& options = *config.content.settings;
+    fmt::print("\nLeft out below every source (exclude patterns):\n");
+    const std::vector<std::string> patterns = FVExcludeCommand::storedPatterns(options);
+    if (patterns.empty()) fmt::print("  (none)\n");
+    for (const std::string& pattern : patterns) fmt::print("  {}\n", printable(pattern));
     fmt::print("\nOptions:{:<20}  {:<8}  {}\n", "", "value", "default");
     for (const FVOptionRule& rule : FVOptionTable::rules())
         if (rule.settable)
             fmt::print("  {:<26}  {:<8}  {}\n", rule.key, valueText(rule, options.find(rule.key)), defaultText(rule));
     for (const auto& [key, value] : options.entries())
-        if (!FVOptionTable::find(key)) fmt::print("  {:<26}  ({}, kept as stored)\n", printable(key), value.typeName());
+        if (!FVOptionTable::find(key) && key != FVOptionKey::excludePatterns)
+            fmt::print("  {:<26}  ({}, kept as stored)\n", printable(key), value.typeName());
     for (const std::string& problem : FVOptionTable::read(options).problems)
         fmt::print("{}\n", printable(problem));
 
@@ -354,6 +361,12 @@ int showJson(const Configuration& config, FVLaunchAgentManager& jobs) {
                    mode == std::end(kModes) ? std::to_string(item->enabled()) : FVJsonText::quoted(mode->argument),
                    FVSourceResults::jsonFields(*item));
         separator = ",";
+    }
+    fmt::print("],\n \"excludePatterns\": [");
+    separator = "";
+    for (const std::string& pattern : FVExcludeCommand::storedPatterns(*config.content.settings)) {
+        fmt::print("{}{}", separator, FVJsonText::quoted(pattern));
+        separator = ", ";
     }
     fmt::print("],\n \"skipped\": [");
     separator = "";
@@ -438,8 +451,19 @@ int main(const Arguments& a) {
             if (found == std::end(kModes)) return refuse("unknown mode: " + printable(a.mode));
             mode = found->mode;
         }
-        if (a.path.empty() || a.path[0] != '/') return refuse("the source must be an absolute path: " + printable(a.path));
-        std::string source = absolutePath(a.path);
+        // A name to leave out anywhere is a bare name; everything else is an absolute path.
+        const bool bareName = mode == FVSourceMode::ExcludeName && !a.path.empty() && a.path.find('/') == std::string::npos;
+        if (bareName && a.path.find_first_of("*?[\\") != std::string::npos)
+            return refuse("a name with wildcards is a pattern: ferrovane config " + printable(config.destination) +
+                          " exclude '" + printable(a.path) + "'");
+        if (bareName && (a.path == "." || a.path == ".."))
+            return refuse("not a name: " + printable(a.path));
+        if (!bareName && (a.path.empty() || a.path[0] != '/'))
+            return refuse(mode == FVSourceMode::ExcludeName
+                              ? "exclude-name takes a name without a slash, or an absolute path whose name is left out: " +
+                                    printable(a.path)
+                              : "the source must be an absolute path: " + printable(a.path));
+        std::string source = bareName ? a.path : absolutePath(a.path);
         std::string destination = config.destination;
         change = [source, mode, destination, &unchanged](BackupSetController& list, FVOptionsPanelController&,
                                                          std::string& message) {
@@ -463,7 +487,10 @@ int main(const Arguments& a) {
             return true;
         };
     } else if (command == "remove") {
-        if (a.path.empty() || a.path[0] != '/') return refuse("the source must be an absolute path: " + printable(a.path));
+        // A bare name is an exclude-name item's.
+        if (a.path.empty() || (a.path[0] != '/' && a.path.find('/') != std::string::npos))
+            return refuse("the source must be an absolute path: " + printable(a.path));
+        unknownSourceIsBadInput = a.path[0] != '/';
         std::string given = a.path;
         std::string source = absolutePath(given);
         change = [given, source](BackupSetController& list, FVOptionsPanelController&, std::string& message) {
@@ -534,6 +561,27 @@ int main(const Arguments& a) {
             if (*request->enabled)
                 message += "\nThe next run removes the runs it lets go; to see which first: " + preview;
             return true;
+        };
+    } else if (command == "exclude" || command == "exclude-from") {
+        const bool fromFile = command == "exclude-from";
+        // What is removed is taken as stored, also a pattern that cannot be used.
+        std::optional<std::vector<std::string>> patterns =
+            fromFile ? FVExcludeCommand::readFile(a.path, problem)
+            : a.remove ? a.patterns : FVExcludeCommand::checkedPatterns(a.patterns, problem);
+        if (patterns && patterns->empty()) problem = printable(a.path) + " holds no pattern";
+        if (!patterns || patterns->empty()) {
+            for (size_t start = 0; start < problem.size();) {
+                size_t end = std::min(problem.find('\n', start), problem.size());
+                FVOutput::error("{}", problem.substr(start, end - start));
+                start = end + 1;
+            }
+            FVOutput::error("nothing was changed");
+            return FVExitStatus::kUsage;
+        }
+        const bool remove = a.remove;
+        const std::string from = fromFile ? a.path : "";
+        change = [patterns, remove, from](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
+            return FVExcludeCommand::apply(*options.allOptions(), *patterns, remove, from, message);
         };
     } else if (command == "hook") {
         const std::string name = hookKindName(hookKind);

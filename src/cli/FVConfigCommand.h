@@ -4,6 +4,7 @@
 //   show [--json] | add <path> [--mode backup|disabled|exclude|exclude-name] | remove <path>
 //   | set <option> <value> | schedule daily HH:MM | weekly <weekday> HH:MM | off
 //   | confirm-empty <path> | retention [DAYS WEEKS MONTHS YEARS | on | off] [--dry-run]
+//   | exclude [--remove] <pattern>... | exclude-from <file>
 //   | hook [before|after [COMMAND | --remove | --approve]]
 // Changes are made under the destination's lock; show reads without it.
 
@@ -16,13 +17,15 @@ namespace ferrovane::FVConfigCommand {
 struct Arguments {
     std::string destination;
     std::string action;  // show, add, remove, set, schedule, confirm-empty or retention
-    std::string path;    // add, remove, confirm-empty
+    std::string path;    // add, remove, confirm-empty; exclude-from's file
     std::string mode;    // add; empty: backup
     std::string option, value;            // set
     std::vector<std::string> schedule;    // schedule's words
     bool json = false;                    // show
     std::vector<std::string> retention;   // retention's words
     bool dryRun = false;                  // retention: list what would go, change nothing
+    std::vector<std::string> patterns;    // exclude
+    bool remove = false;                  // exclude --remove
     std::string hookKind;                 // hook: before or after; empty: list the hooks
     std::optional<std::string> hookCommand;  // hook: the new command
     bool hookRemove = false, hookApprove = false;

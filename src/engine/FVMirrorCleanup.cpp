@@ -87,19 +87,23 @@ bool FVMirrorCleanup::cleanFolder(const std::string& sourceRoot, const std::stri
         const std::string& path = entry->path;
         std::string relative = folder + std::string(entry->relativePath());
         std::string sourcePath = FVText::appendingPathComponent(sourceRoot, relative);
-        switch (decide(sourceRoot, sourcePath, *entry)) {
+        const Decision decision = decide(sourceRoot, sourcePath, *entry);
+        switch (decision) {
         case Decision::Keep: break;
         case Decision::RemoveLeftover:
             if (settings_.dryRun) status_.planned("Would remove: " + path);
             else destination_.keepingParentDates(path, [&] { destination_.removeItem(path); });
             break;
         case Decision::ArchiveOrRemove:
+        case Decision::Archive: {
+            const bool archive = archives() || decision == Decision::Archive;
             if (settings_.dryRun) {
-                status_.planned((archives() ? "Would archive: " : "Would remove: ") + path);
-                status_.tally.add(archives() ? FVItemChange::Archived : FVItemChange::Deleted);
-            } else destination_.keepingParentDates(path, [&] { removeDeletedItem(sourceRoot, relative, path); });
+                status_.planned((archive ? "Would archive: " : "Would remove: ") + path);
+                status_.tally.add(archive ? FVItemChange::Archived : FVItemChange::Deleted);
+            } else destination_.keepingParentDates(path, [&] { removeDeletedItem(sourceRoot, relative, path, archive); });
             ++handled_;
             break;
+        }
         }
         ++visited_;
         float progress = static_cast<float>(visited_) * 100.0f / static_cast<float>(expectedCount_);
@@ -128,9 +132,16 @@ FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot,
     if (sourceRoot == "/" &&
         FVExclusionRules::fileShouldBeExcluded(sourcePath, FVExclusionRules::rootClonePatterns(), nullptr))
         return Decision::Keep;
-    if (findings_.isWithinDestination(sourcePath) ||
-        FVExclusionRules::fileShouldBeExcluded(sourcePath, findings_.excludedFiles, nullptr))
-        return Decision::ArchiveOrRemove;
+    if (findings_.isWithinDestination(sourcePath)) return Decision::ArchiveOrRemove;
+    if (FVExclusionRules::fileShouldBeExcluded(sourcePath, findings_.excludedFiles, nullptr) ||
+        exclusions_.excludes(sourcePath, std::string_view(sourcePath).substr(sourceRoot.size()), entry.isDirectory())) {
+        // Leaving an item out is no reason to lose its backup: it goes to the archive, also where
+        // removed items are not kept, so that the mirror is the sources without what is left out.
+        if (!archives())
+            status_.log(fmt::format("Archiving {}: its source is excluded now (its only backup is archived although "
+                                    "removed items are not kept).", entry.path));
+        return Decision::Archive;
+    }
     int error = 0;
     mode_t type = 0;
     switch (FVFileManager::existenceAtPath(sourcePath, &error, &type)) {
@@ -160,10 +171,10 @@ FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot,
 }
 
 void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std::string& relative,
-                                        const std::string& itemPath) {
+                                        const std::string& itemPath, bool archive) {
     destination_.unlock(itemPath);
     status_.verboseLog("Removing: " + itemPath);
-    if (archives()) {
+    if (archive) {
         const FVMirrorLayout layout = settings_.layout();
         const std::string archivePath = layout.archivePath(
             FVArchiveKind::Removed, settings_.archiveFolderName,

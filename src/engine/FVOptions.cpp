@@ -85,12 +85,16 @@ const std::vector<FVOptionRule>& rules() {
         boolean(FVOptionKey::retentionEnabled, &O::retentionEnabled, true, std::nullopt, 1),
         boolean(FVOptionKey::keepFreeSpace, &O::keepFreeSpace, true, std::nullopt, 1),
         boolean(FVOptionKey::purgeOldestForSpace, &O::purgeOldestForSpace, true, std::nullopt, 1),
+        // Caches are rebuilt by the programs that made them; a destination set up before the
+        // option existed keeps backing them up until told otherwise.
+        boolean(FVOptionKey::excludeCacheFolders, &O::excludeCacheFolders, true, std::nullopt, 1),
         boolean(FVOptionKey::backUpWhenConnected, &O::backUpWhenConnected, false),
         boolean(FVOptionKey::purgeRemovedArchive, &O::purgeRemovedArchive, true),
         boolean(FVOptionKey::purgeChangedArchive, &O::purgeChangedArchive, true),
         boolean(FVOptionKey::disableACLClone, &O::disableACLClone, true),
         boolean(FVOptionKey::preallocate, &O::preallocate, true),
         boolean(FVOptionKey::excludeSymlinks, &O::excludeSymlinks, true),
+        boolean(FVOptionKey::excludeNodumpItems, &O::excludeNodumpItems, true),
         boolean(FVOptionKey::performExtendedLogging, &O::performExtendedLogging, true),
         boolean(FVOptionKey::isSuperuserBackup, &O::isSuperuserBackup, false),
         text(FVOptionKey::UUID, &O::UUID),
@@ -131,8 +135,35 @@ std::optional<std::string> problem(const FVOptionRule& rule, const PlistValue& v
     return fmt::format("Option {}: expected {}, found {}.", rule.key, rule.expected, describe(value));
 }
 
+std::vector<FVExcludePattern> readPatterns(const PlistDict& settings, std::vector<std::string>* problems) {
+    std::vector<FVExcludePattern> patterns;
+    const PlistValue* value = settings.find(FVOptionKey::excludePatterns);
+    if (!value) return patterns;
+    const PlistArrayPtr* list = value->array();
+    if (!list || !*list) {
+        if (problems)
+            problems->push_back(fmt::format("Option {}: expected a list of patterns, found {}.",
+                                            FVOptionKey::excludePatterns, describe(*value)));
+        return patterns;
+    }
+    size_t number = 0;
+    for (const PlistValue& item : **list) {
+        ++number;
+        std::string why = "not a text";
+        const std::string* text = item.string();
+        std::optional<FVExcludePattern> pattern = text ? FVExcludePattern::parse(*text, &why) : std::nullopt;
+        if (pattern) patterns.push_back(std::move(*pattern));
+        else if (problems)
+            problems->push_back(fmt::format("Option {}: pattern {} ({}) cannot be used: {}{}.", FVOptionKey::excludePatterns,
+                                            number, text ? quoted(*text) : describe(item), why,
+                                            text ? "; \"config exclude --remove\" takes it out" : ""));
+    }
+    return patterns;
+}
+
 FVOptionsReadResult read(const PlistDict& settings) {
     FVOptionsReadResult result;
+    result.options.excludePatterns = readPatterns(settings, &result.problems);
     for (const FVOptionRule& rule : rules()) {
         const PlistValue* value = settings.find(rule.key);
         if (!value) continue;

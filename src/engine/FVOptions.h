@@ -4,6 +4,7 @@
 // window and "ferrovane config" share. A value of the wrong type or out of range is never
 // guessed at: it is a problem that names the key, and nothing runs on it.
 
+#include "engine/FVExcludePattern.h"
 #include "engine/FVPlist.h"
 
 #include <cstdint>
@@ -47,6 +48,10 @@ inline constexpr const char* purgeOldestForSpace = "purgeOldestForSpace";
 inline constexpr const char* backUpWhenConnected = "backUpWhenConnected";
 inline constexpr const char* connectedRunIntervalMinutes = "connectedRunIntervalMinutes";
 inline constexpr const char* overdueDays = "overdueDays";
+inline constexpr const char* excludeCacheFolders = "excludeCacheFolders";
+inline constexpr const char* excludeNodumpItems = "excludeNodumpItems";
+// A list of texts, each an FVExcludePattern; no rule of the table (those hold one value each).
+inline constexpr const char* excludePatterns = "excludePatterns";
 inline constexpr const char* beforeHook = "beforeHook";
 inline constexpr const char* afterHook = "afterHook";
 inline constexpr const char* hookTimeoutSeconds = "hookTimeoutSeconds";
@@ -103,6 +108,11 @@ struct FVOptions {
     // A scheduled destination whose last successful run is older than this is announced; 0: never.
     int64_t overdueDays = 7;
 
+    // Left out below every source root: what the patterns match, the contents of a folder tagged
+    // with a valid CACHEDIR.TAG (the folder and the tag stay), and items with the nodump flag.
+    std::vector<FVExcludePattern> excludePatterns;
+    bool excludeCacheFolders = false;
+    bool excludeNodumpItems = false;
     // Commands run through /bin/sh before and after each run (empty: none), each ended after
     // hookTimeoutSeconds. A before-hook that fails or runs out of time skips the run when
     // skipRunWhenBeforeHookFails is on; otherwise the run goes on with a warning.
@@ -164,6 +174,9 @@ const FVOptionRule* find(std::string_view key);
 // Why value cannot be used for rule ("Option maxThreads: expected ..., found the text "four"."),
 // or nothing when it can.
 std::optional<std::string> problem(const FVOptionRule& rule, const PlistValue& value);
+
+// The patterns stored under excludePatterns, or why that value cannot be used.
+std::vector<FVExcludePattern> readPatterns(const PlistDict& settings, std::vector<std::string>* problems);
 
 // The typed options of a "settings" dictionary. Unknown keys are left alone.
 FVOptionsReadResult read(const PlistDict& settings);

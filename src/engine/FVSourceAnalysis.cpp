@@ -45,7 +45,8 @@ FVSourceAnalysis::FVSourceAnalysis(const FVRunSettings& settings, FVRunFindings&
       status_(status),
       handOver_(std::move(handOver)),
       recorder_(recorder),
-      tolerance_(FVChangeDecision::Tolerance::of(settings.destinationProfile)) {}
+      tolerance_(FVChangeDecision::Tolerance::of(settings.destinationProfile)),
+      exclusions_(settings.options) {}
 
 void FVSourceAnalysis::analyse(const std::string& sourcePath, int64_t estimatedFileCount) {
     estimatedFileCount_ = estimatedFileCount;
@@ -142,6 +143,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
 
     FVSourceListing::Rules rules;
     rules.isExcluded = [this, &sourceRoot](const std::string& path) { return isExcluded(path, sourceRoot); };
+    rules.exclusions = &exclusions_;
     rules.destinationDevice = settings_.destinationDevice;
     rules.destinationInode = settings_.destinationInode;
     FVDestinationNames names(settings_.destinationProfile);

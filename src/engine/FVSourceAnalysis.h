@@ -8,6 +8,7 @@
 #include "engine/FVRunFindings.h"
 #include "engine/FVRunSettings.h"
 #include "engine/FVRunStatus.h"
+#include "engine/FVSourceExclusions.h"
 
 #include <cstdint>
 #include <functional>
@@ -58,6 +59,7 @@ private:
     FVRunRecorder* recorder_;
     uint64_t digestsToTake_ = 0;
     const FVChangeDecision::Tolerance tolerance_;
+    const FVSourceExclusions exclusions_;
     int64_t estimatedFileCount_ = 1;
     FVHardLinkGroups hardLinks_;
 };

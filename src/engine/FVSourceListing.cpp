@@ -1,5 +1,7 @@
 #include "engine/FVSourceListing.h"
 
+#include "engine/FVSourceExclusions.h"
+#include "fs/FVCacheDirectoryTag.h"
 #include "fs/FVDirectoryWalker.h"
 #include "fs/FVFileDescriptor.h"
 #include "fs/FVThreadWorkingFolder.h"
@@ -59,6 +61,17 @@ void FVSourceListing::walk() {
     // will be compared. Below a folder the mirror lacks, signatures would only be thrown away.
     std::vector<bool> mirrorHoldsFolder;
     FVThreadWorkingFolder workingFolder;
+    // The folder last found tagged as a cache: what it holds, but its tag, is left out.
+    std::string cacheFolder;
+    const FVSourceExclusions* exclusions = rules_.exclusions && rules_.exclusions->any() ? rules_.exclusions : nullptr;
+    auto leftOutByOptions = [&](const FVDirectoryWalker::Entry& found, const Entry& entry, bool isDirectory) {
+        if (entry.level == 0) return false;
+        if (!cacheFolder.empty() && entry.name() != FVCacheDirectoryTag::kName &&
+            std::string_view(entry.path).substr(0, entry.nameOffset - 1) == cacheFolder)
+            return true;
+        return exclusions->matchesPattern(entry.relativePath().substr(1), isDirectory) ||
+               exclusions->isNoDump(found.parentFd, found.nameCString());
+    };
     while (const FVDirectoryWalker::Entry* found = walker.next()) {
         if (stopping_.load(std::memory_order_relaxed)) break;
         Entry entry;
@@ -73,7 +86,7 @@ void FVSourceListing::walk() {
             entry.kind = Entry::Kind::Error;
         } else if (type != S_IFDIR && type != S_IFREG && type != S_IFLNK) {
             continue;  // sockets, FIFOs and devices are passed over
-        } else if (rules_.isExcluded(entry.path)) {
+        } else if (rules_.isExcluded(entry.path) || (exclusions && leftOutByOptions(*found, entry, type == S_IFDIR))) {
             entry.kind = Entry::Kind::Excluded;
             if (type == S_IFDIR) walker.skipChildren();
         } else if (type == S_IFDIR && found->st.st_dev == rules_.destinationDevice &&
@@ -103,6 +116,10 @@ void FVSourceListing::walk() {
                 if (readsSignature) entry.signature = rules_.signature(name);
                 if (readsAttributes) entry.attributes = rules_.attributes(name);
             }
+            if (type == S_IFDIR && exclusions &&
+                exclusions->isCacheFolder(entry.level == 0 ? AT_FDCWD : found->parentFd,
+                                          entry.level == 0 ? entry.path.c_str() : found->nameCString()))
+                cacheFolder = entry.path;
             if (type == S_IFDIR) {
                 struct stat mirror {};
                 mirrorHoldsFolder.resize(entry.level);

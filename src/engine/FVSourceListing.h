@@ -23,6 +23,8 @@
 
 namespace ferrovane {
 
+class FVSourceExclusions;
+
 class FVSourceListing {
 public:
     struct Entry {
@@ -56,6 +58,8 @@ public:
 
     struct Rules {
         std::function<bool(const std::string& path)> isExcluded;
+        // What the options leave out below the root (patterns, cache folders, nodump), if anything.
+        const FVSourceExclusions* exclusions = nullptr;
         dev_t destinationDevice = 0;
         ino_t destinationInode = 0;
         // The signature of a source path (relative to the thread's working folder, or whole), or

@@ -63,6 +63,16 @@ void clearLockingBelow(int fd) {
     closedir(dir);
 }
 
+bool hasNoDump(int dirFd, const char* name) {
+    struct statx stx {};
+    if (statx(dirFd, name, AT_SYMLINK_NOFOLLOW | AT_STATX_DONT_SYNC, 0, &stx) == 0 &&
+        (stx.stx_attributes_mask & STATX_ATTR_NODUMP))
+        return (stx.stx_attributes & STATX_ATTR_NODUMP) != 0;
+    FVFd fd = openForFlags(dirFd, name);
+    int flags = 0;
+    return fd.valid() && ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_NODUMP_FL);
+}
+
 bool hasCopiedFlags(int fd) {
     int flags = 0;
     return ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0 || (flags & kCopiedFlags) != 0;

@@ -21,6 +21,11 @@ bool clearLocking(int fd);
 // The same for the folder fd and everything below it.
 void clearLockingBelow(int fd);
 
+// Whether the entry name in dirFd (or a path, with AT_FDCWD) has the no-dump flag (chattr +d).
+// Read from statx where the file system reports it there, else through a descriptor; a link, a
+// special file or flags that cannot be read have none.
+bool hasNoDump(int dirFd, const char* name);
+
 // Whether the item has any of the flags a copy carries; true when they cannot be read.
 bool hasCopiedFlags(int fd);
 

@@ -29,6 +29,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
+#include <QPlainTextEdit>
 #include <QPushButton>
 #include <QSettings>
 #include <QSpinBox>
@@ -586,6 +587,32 @@ private slots:
         QCOMPARE(stored.integerValue(FVOptionKey::overdueDays), 3);
         QCOMPARE(stored.integerValue(FVOptionKey::retentionDailyWeeks), 8);
         QCOMPARE(stored.integerValue(FVOptionKey::keepFreeSpaceMB), 2048);
+
+        // "+" offers names and patterns to leave out: the options' list, where a line that is
+        // no pattern keeps the sheet open until it is mended.
+        app_->window()->excludeAction()->trigger();
+        panel = awaitDialog<FVOptionsPanel>();
+        QVERIFY(panel->findChild<QCheckBox*>(FVOptionKey::excludeCacheFolders)->isChecked());  // a new destination
+        auto* patterns = panel->findChild<QPlainTextEdit*>(FVOptionKey::excludePatterns);
+        patterns->insertPlainText("node_modules\n[bad\n");
+        panel->accept();
+        QVERIFY(panel->isVisible());
+        QVERIFY2(panel->findChild<QLabel*>("excludeProblem")->text().contains("line 2: a \"[\" without its \"]\""),
+                 qPrintable(panel->findChild<QLabel*>("excludeProblem")->text()));
+        patterns->setPlainText("node_modules\n*.tmp\n");
+        panel->findChild<QCheckBox*>(FVOptionKey::excludeNodumpItems)->setChecked(true);
+        panel->accept();
+        stored = readSettingsOf(destination);
+        std::vector<std::string> texts;
+        for (const FVExcludePattern& pattern : FVOptionTable::readPatterns(stored, nullptr)) texts.push_back(pattern.text());
+        QCOMPARE(texts, (std::vector<std::string>{"node_modules", "*.tmp"}));
+        QVERIFY(stored.boolValue(FVOptionKey::excludeNodumpItems) && stored.boolValue(FVOptionKey::excludeCacheFolders));
+        // A bare name in the source list is left out by name or disabled, never backed up.
+        app_->backupSetController().addBackupPath("build", FVSourceMode::ExcludeName, 0);
+        QAbstractItemModel* model = app_->window()->sourceListView()->model();
+        const QModelIndex mode = model->index(0, FVSourceListModel::ModeColumn);
+        QVERIFY(!model->setData(mode, qlonglong(FVSourceMode::Backup), Qt::EditRole));
+        QVERIFY(model->setData(mode, qlonglong(FVSourceMode::Disabled), Qt::EditRole));
         QString line = app_->window()->scheduleLine()->text();
         QVERIFY2(line.contains("weekly on Friday at 03:30 and when the disk is connected, at most once in 2 hours") &&
                      line.contains("Last scheduled run: none yet"), qPrintable(line));

@@ -174,6 +174,50 @@ TEST_F(ConfigCommand, BadInputIsRefusedAndNothingIsWritten) {
     EXPECT_EQ(readFile(settingsPath()), "not a property list");
 }
 
+TEST_F(ConfigCommand, ExclusionsAreNamesAndPatternsStoredInTheDestination) {
+    ProcessResult name = config({"add", "node_modules", "--mode", "exclude-name"});
+    EXPECT_EQ(name.exitStatus, 0) << name.err;
+    EXPECT_EQ(config({"add", "*.tmp", "--mode", "exclude-name"}).exitStatus, 2) << "a wildcard makes a pattern";
+    ProcessResult added = config({"exclude", "*.tmp", "cache/"});
+    EXPECT_EQ(added.out, "Added 2 patterns.\n") << added.err;
+    // An exclude file is read once: a later change to it changes nothing.
+    writeFile(dir / "excludes", "# build output\n\n*.o\r\n**/build   \n*.tmp\n");
+    EXPECT_EQ(config({"exclude-from", dir / "excludes"}).out,
+              "Added 2 patterns from " + (dir / "excludes") + ". 1 was already there.\n");
+    writeFile(dir / "excludes", "ok\n!negated\n[abc\n");
+    const std::string before = settingsBytes();
+    ProcessResult bad = config({"exclude-from", dir / "excludes"});
+    EXPECT_EQ(bad.exitStatus, 2);
+    EXPECT_EQ(bad.err, "ferrovane: error: " + (dir / "excludes") + ": line 2: \"!\" (an exception to the exclusions) "
+                       "is not supported\nferrovane: error: " + (dir / "excludes") + ": line 3: a \"[\" without its "
+                       "\"]\"\nferrovane: error: nothing was changed\n");
+    EXPECT_EQ(config({"exclude", "a/../b"}).exitStatus, 2);
+    EXPECT_EQ(settingsBytes(), before);
+    EXPECT_EQ(config({"exclude", "--remove", "cache/"}).out, "Removed the pattern cache/.\n");
+    EXPECT_EQ(config({"remove", "node_modules"}).exitStatus, 0);
+
+    ProcessResult shown = config({"show", "--json"});
+    EXPECT_EQ(jsonQuery(shown.out, "d['sources'], d['excludePatterns'], d['options']['excludeCacheFolders']"),
+              "([], ['*.tmp', '*.o', '**/build'], {'value': True, 'default': True})") << shown.out;
+    EXPECT_NE(config({"show"}).out.find("Left out below every source (exclude patterns):\n  *.tmp\n  *.o\n  **/build\n"),
+              std::string::npos);
+    // An unusable stored list is named and never overwritten; a pattern that cannot be used can
+    // still be taken out.
+    PlistDict options;
+    options.set("excludePatterns", std::string("*.tmp"));
+    configure({}, options);
+    ProcessResult broken = config({"exclude", "*.o"});
+    EXPECT_EQ(broken.exitStatus, 1);
+    EXPECT_NE(broken.err.find("Option excludePatterns: expected a list of patterns, found the text \"*.tmp\""),
+              std::string::npos) << broken.err;
+    auto list = std::make_shared<PlistArray>(PlistArray{PlistValue(std::string("ok")), PlistValue(std::string("[bad"))});
+    options.set("excludePatterns", PlistValue(list));
+    configure({}, options);
+    EXPECT_EQ(config({"exclude", "*.o"}).exitStatus, 1);
+    EXPECT_EQ(config({"exclude", "--remove", "[bad"}).exitStatus, 0);
+    EXPECT_EQ(jsonQuery(config({"show", "--json"}).out, "d['excludePatterns']"), "['ok']");
+}
+
 TEST_F(ConfigCommand, ScheduleWritesUnitsThatStartFerrovaneOnExactlyThisDestination) {
     ProcessResult daily = config({"schedule", "daily", "3:30"});
     ASSERT_EQ(daily.exitStatus, 0) << daily.err;

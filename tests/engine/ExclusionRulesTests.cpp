@@ -1,10 +1,20 @@
 // Which source paths are left out of the mirror.
 
 #include "engine/FVExclusionRules.h"
+#include "engine/FVExcludePattern.h"
+#include "engine/FVSourceExclusions.h"
+#include "engine/FVSourceListing.h"
+#include "fs/FVCacheDirectoryTag.h"
+#include "fs/FVFileDescriptor.h"
+#include "support/TreeLiteral.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 
 #include <gtest/gtest.h>
 
-using ferrovane::FVExclusionRules;
+using namespace ferrovane;
 
 TEST(ExclusionRules, PatternsMatchWholeComponentsOnly) {
     struct Case {
@@ -52,4 +62,138 @@ TEST(ExclusionRules, RootCloneListCoversLinuxVirtualTrees) {
         EXPECT_TRUE(FVExclusionRules::fileShouldBeExcluded(path, patterns, nullptr)) << path;
     for (const char* path : {"/proc", "/tmp", "/etc/passwd", "/var/lib/x", "/usr/share/lost+foundry"})
         EXPECT_FALSE(FVExclusionRules::fileShouldBeExcluded(path, patterns, nullptr)) << path;
+}
+
+TEST(ExclusionRules, UserPatternsMatchAsRsyncAndGitignoreDo) {
+    struct Case {
+        const char* pattern;
+        const char* path;  // below the source root
+        bool isDirectory;
+        bool excluded;
+    };
+    const Case cases[] = {
+        // A bare name, at any depth, never part of a name.
+        {"node_modules", "node_modules", true, true},
+        {"node_modules", "web/app/node_modules", true, true},
+        {"node_modules", "web/node_modules_old", true, false},
+        // A name glob: "*" takes dot files and any bytes, never a slash.
+        {"*.tmp", "a/b/x.tmp", false, true},
+        {"*.tmp", ".tmp", false, true},
+        {"*.tmp", "x.tmp/y", false, false},
+        {"*.tmp", "caf\xe9.tmp", false, true},
+        {"report-?.[ch]", "src/report-1.c", false, true},
+        {"report-?.[ch]", "src/report-12.c", false, false},
+        {"\\*.txt", "*.txt", false, true},
+        {"\\*.txt", "a.txt", false, false},
+        // "**" for any number of folders.
+        {"**/build", "build", true, true},
+        {"**/build", "a/b/build", true, true},
+        {"src/**/gen", "src/gen", true, true},
+        {"src/**/gen", "src/a/b/gen", true, true},
+        {"src/**/gen", "lib/src/gen", true, false},
+        {"logs/**", "logs/x/y.log", false, true},
+        {"logs/**", "logs", true, false},
+        // A trailing slash: folders only.
+        {"cache/", "a/cache", true, true},
+        {"cache/", "a/cache", false, false},
+        // A slash anywhere else anchors the pattern at the source root.
+        {"src/*/cache", "src/app/cache", true, true},
+        {"src/*/cache", "src/app/sub/cache", true, false},
+        {"src/*/cache", "x/src/app/cache", true, false},
+        {"/build", "build", true, true},
+        {"/build", "a/build", true, false},
+        {"*.tmp", "", true, false},  // the source root itself
+    };
+    for (const Case& c : cases) {
+        std::string why;
+        std::optional<FVExcludePattern> pattern = FVExcludePattern::parse(c.pattern, &why);
+        ASSERT_TRUE(pattern) << c.pattern << ": " << why;
+        EXPECT_EQ(pattern->matches(c.path, c.isDirectory), c.excluded) << c.pattern << " ~ " << c.path;
+    }
+}
+
+TEST(ExclusionRules, ExcludeFileSkipsCommentsAndNamesEachBadLine) {
+    const std::string file = "# build output\n"
+                             "\n"
+                             "*.o\r\n"
+                             "build/   \n"
+                             "   \n"
+                             "!keep.o\n"
+                             "a/../b\n"
+                             "[abc\n"
+                             "#[not a pattern\n"
+                             "**/node_modules";
+    FVExcludePattern::Lines lines = FVExcludePattern::parseLines(file);
+    std::vector<std::string> texts;
+    for (const FVExcludePattern& pattern : lines.patterns) texts.push_back(pattern.text());
+    EXPECT_EQ(texts, (std::vector<std::string>{"*.o", "build/", "**/node_modules"}));
+    EXPECT_EQ(lines.problems, (std::vector<std::string>{
+                                  "line 6: \"!\" (an exception to the exclusions) is not supported",
+                                  "line 7: \".\" or \"..\" as a folder in a pattern",
+                                  "line 8: a \"[\" without its \"]\"",
+                              }));
+    for (const char* bad : {"", "/", "//", "a\tb"}) EXPECT_FALSE(FVExcludePattern::parse(bad)) << bad;
+}
+
+namespace {
+
+// The entries a walk of root leaves out, by path below it.
+std::vector<std::string> leftOut(const std::string& root, const FVOptions& options) {
+    FVSourceExclusions exclusions(options);
+    FVSourceListing::Rules rules;
+    rules.isExcluded = [](const std::string&) { return false; };
+    rules.exclusions = &exclusions;
+    FVSourceListing listing(root, root + ".mirror", std::move(rules));
+    std::vector<std::string> excluded;
+    std::vector<FVSourceListing::Entry> batch;
+    while (listing.next(batch))
+        for (const FVSourceListing::Entry& entry : batch)
+            if (entry.kind == FVSourceListing::Entry::Kind::Excluded) excluded.emplace_back(entry.relativePath());
+    std::sort(excluded.begin(), excluded.end());
+    return excluded;
+}
+
+}  // namespace
+
+TEST(ExclusionRules, TaggedCacheFoldersKeepOnlyTheirTag) {
+    ferrovane::test::TempDir dir;
+    const std::string signature(FVCacheDirectoryTag::kSignature);
+    ferrovane::test::buildTree(dir.path(), {
+        {"src/thumbs/CACHEDIR.TAG", signature + "\n# made by a viewer\n"},
+        {"src/thumbs/a.png", "a"},
+        {"src/thumbs/sub/b.png", "b"},
+        {"src/short/CACHEDIR.TAG", signature.substr(0, 20)},
+        {"src/short/keep", "k"},
+        {"src/wrong/CACHEDIR.TAG", "Signature: 00000000000000000000000000000000"},
+        {"src/wrong/keep", "k"},
+        {"src/folder/CACHEDIR.TAG/x", "a folder named like the tag is none"},
+        {"src/folder/keep", "k"},
+        {"src/plain/CACHEDIR.TAG.bak", signature},
+    });
+    FVOptions options;
+    EXPECT_EQ(leftOut(dir / "src", options), std::vector<std::string>{});
+    options.excludeCacheFolders = true;
+    EXPECT_EQ(leftOut(dir / "src", options), (std::vector<std::string>{"/thumbs/a.png", "/thumbs/sub"}));
+    // A tagged source root keeps its tag and loses the rest, like any tagged folder.
+    EXPECT_EQ(leftOut(dir / "src/thumbs", options), (std::vector<std::string>{"/a.png", "/sub"}));
+}
+
+TEST(ExclusionRules, NodumpItemsAreLeftOutWhenAskedTo) {
+    ferrovane::test::TempDir dir;
+    ferrovane::test::buildTree(dir.path(), {{"src/plain", "p"}, {"src/scratch/x", "x"}, {"src/big.iso", "i"}});
+    for (const char* name : {"src/scratch", "src/big.iso"}) {
+        FVFd fd(open((dir / name).c_str(), O_RDONLY | O_NONBLOCK));
+        int flags = 0;
+        if (ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0) GTEST_SKIP() << "no inode flags here";
+        flags |= FS_NODUMP_FL;
+        if (ioctl(fd.get(), FS_IOC_SETFLAGS, &flags) != 0) GTEST_SKIP() << "cannot set the nodump flag here";
+    }
+    FVOptions options;
+    EXPECT_EQ(leftOut(dir / "src", options), std::vector<std::string>{});
+    options.excludeNodumpItems = true;
+    EXPECT_EQ(leftOut(dir / "src", options), (std::vector<std::string>{"/big.iso", "/scratch"}));
+    // The cleanup asks the same by path.
+    FVSourceExclusions exclusions(options);
+    EXPECT_TRUE(exclusions.excludes(dir / "src/big.iso", "/big.iso", false));
+    EXPECT_FALSE(exclusions.excludes(dir / "src/plain", "/plain", false));
 }

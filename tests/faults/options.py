@@ -13,14 +13,18 @@ from faultkit import (run_cases, CONF, Failure, build, content, expect, expect_k
 
 NAME = "data"
 BOOLEANS = ("moveDeletedFiles", "moveChangedFiles", "purgeRemovedArchive", "purgeChangedArchive",
-            "ignoreFileFlagChanges", "disableACLClone", "preallocate", "excludeSymlinks", "performExtendedLogging")
+            "ignoreFileFlagChanges", "disableACLClone", "preallocate", "excludeSymlinks", "performExtendedLogging",
+            "excludeCacheFolders", "excludeNodumpItems")
 INTEGERS = ("syncMode", "maxThreads", "purgeRemovedArchiveDays", "purgeChangedArchiveDays")
 WHEN = datetime.datetime(2020, 1, 1)
 WRONG_FOR_BOOLEANS = {"string yes": "yes", "string thirty": "thirty", "array": [True], "date": WHEN,
                       "dictionary": {"value": True}}
 WRONG_FOR_INTEGERS = {"string thirty": "thirty", "string 30": "30", "array": [30], "date": WHEN, "negative": -5,
                       "huge": 2**63 - 1}
+WRONG_FOR_PATTERNS = {"string": "*.tmp", "unclosed [": ["*.o", "[bad"], "number in the list": ["*.o", 3],
+                      "negation": ["!keep.o"]}
 OLD_STAMP = "2001-01-01 00.00.00 +0000"
+CACHE_TAG = b"Signature: 8a477f597d28d172789f06886806bc55"
 UNREADABLE = b"Failed to read destination configuration file"
 
 
@@ -129,8 +133,37 @@ def unusable_source_items(ferrovane, work):
     expect_mirror(d.source, os.path.join(d.destination, NAME))
 
 
+def excluded_later(ferrovane, work):
+    """What a pattern or a cache tag leaves out after it was backed up goes to the archive, with
+    removed items not kept too: every version stays, the rest of the mirror is exact, and the next
+    run has nothing to do."""
+    source = os.path.join(work, "src", NAME)
+    destination = os.path.join(work, "dest")
+    build(os.fsencode(source), {b"keep": ("file", 300, 1), b"a/x.tmp": ("file", 200, 2), b"a/b/build/o": ("file", 50, 3),
+                                b"cache/c": ("file", 70, 4)})
+    os.makedirs(destination)
+    ferrovane.configure(destination, [source], (("moveDeletedFiles", "no"),))
+    ferrovane.complete(destination)
+    before = versions(destination)
+    with open(os.path.join(source, "cache", "CACHEDIR.TAG"), "wb") as f:
+        f.write(CACHE_TAG + b"\n")
+    for args in (("exclude", "*.tmp", "**/build"), ("set", "excludeCacheFolders", "yes")):
+        r = ferrovane.config(destination, *args)
+        expect(r.returncode == 0, f"config {args[0]} failed: {r.stderr}")
+    ferrovane.complete(destination)
+    expect_kept(destination, before)
+    excluded = (b"a/x.tmp", b"a/b/build", b"cache/c")
+    for rel in excluded:
+        expect(not os.path.lexists(os.path.join(os.fsencode(destination), NAME.encode(), rel)), f"{rel} still mirrored")
+    expect_mirror(source, os.path.join(destination, NAME), excluded)
+    after = versions(destination)
+    ferrovane.complete(destination)
+    expect(versions(destination) == after, "the next run changed the destination")
+
+
 def run(ferrovane, work, tier):
-    cases = [("purge age of 0", lambda w: purge_age_zero(ferrovane, w)),
+    cases = [("excluded after a backup", lambda w: excluded_later(ferrovane, w)),
+             ("purge age of 0", lambda w: purge_age_zero(ferrovane, w)),
              ("source items without a dictionary or sourcePath", lambda w: unusable_source_items(ferrovane, w)),
              ("FIFO named .ferrovane.conf", lambda w: fifo_configuration(ferrovane, w))]
     yield from run_cases("options", cases, work)
@@ -140,6 +173,7 @@ def run(ferrovane, work, tier):
     if tier == "quick":  # every option once, every kind of wrong value once
         wrong = [w for i, w in enumerate(wrong) if i % 4 == 0] + [("purgeChangedArchiveDays", "string thirty", "thirty"),
                                                                  ("moveChangedFiles", "string yes", "yes")]
+    wrong += [("excludePatterns", n, v) for n, v in WRONG_FOR_PATTERNS.items()]
     for key, kind, value in wrong:
         try:
             wrong_value(d, key, value)
