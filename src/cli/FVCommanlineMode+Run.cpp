@@ -4,7 +4,9 @@
 #include "cli/FVCommanlineMode.h"
 
 #include "cli/FVExitStatus.h"
+#include "cli/FVOutput.h"
 #include "cli/FVRunSignals.h"
+#include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 #include "search/FVSearchText.h"
 
@@ -84,9 +86,11 @@ void FVCommanlineMode::finishOnMainThread() {
     std::vector<FVSourceItemPtr> backedUp;
     for (const FVSourceItemPtr& item : configuration_.sources)
         if (item->enabled() == int64_t(FVSourceMode::Backup)) backedUp.push_back(item);
+    FVTestHook::reach("saving-results", destinationPath_);
     std::string error;
     if (!dryRun_ && !FVConfigurationFile::writeRunResults(backedUp, settingsPath_, &error))
-        std::fprintf(stderr, "Warning: the results could not be saved in the configuration: %s\n", error.c_str());
+        FVOutput::warning("the results could not be saved in the configuration {}: {}",
+                          FVSearchText::printable(settingsPath_), FVSearchText::printable(error));
 
     FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(destinationPath_),
                                     backupSession_->finishedSummary(), ""};
@@ -99,7 +103,7 @@ void FVCommanlineMode::finishOnMainThread() {
         printErrors(errors);
         recordAttempt(FVJobOutcome::Errors, errors.front());
         notify(notification, true);
-        runLoop_.stop(255);
+        runLoop_.stop(finishedStatus(FVExitStatus::kRunFailed));
         return;
     }
     // A run that is not recorded made its backup, but not all the user asked of it.
@@ -110,24 +114,30 @@ void FVCommanlineMode::finishOnMainThread() {
         recordAttempt(FVJobOutcome::Warnings, warnings.front());
         std::fflush(stdout);
         notify(notification, true);
-        runLoop_.stop(1);
+        runLoop_.stop(finishedStatus(FVExitStatus::kIncomplete));
         return;
     }
     std::printf(dryRun_ ? "\nDry run finished: nothing was changed.\n" : "\nSync finished successfully.\n");
     recordAttempt(FVJobOutcome::Finished);
     std::fflush(stdout);
     notify(notification, true);
-    runLoop_.stop(0);
+    runLoop_.stop(finishedStatus(FVExitStatus::kOk));
+}
+
+// A signal that came while the run was saving its results (they are saved whole) still tells the
+// caller that the run was interrupted, as a signal at any earlier moment does.
+int FVCommanlineMode::finishedStatus(int status) const {
+    const int signal = cancellingSignal_.load();
+    return signal ? FVExitStatus::interrupted(signal) : status;
 }
 
 // On standard error, after the progress line, so that standard output stays the run's story.
 void FVCommanlineMode::printErrors(const std::vector<std::string>& errors) {
     progress_.finish();
     std::fflush(stdout);
-    std::string joined;
     // One line per error, whatever the names in it hold.
-    for (size_t i = 0; i < errors.size(); ++i) joined += (i ? "\n" : "") + FVSearchText::printable(errors[i]);
-    std::fprintf(stderr, "Backup errors:\n%s\n", joined.c_str());
+    for (const std::string& error : errors)
+        FVOutput::error("{}", FVSearchText::printable(FVOutput::withoutErrorTag(error)));
     std::fflush(stderr);
 }
 
@@ -135,10 +145,11 @@ void FVCommanlineMode::printErrors(const std::vector<std::string>& errors) {
 void FVCommanlineMode::printNotes() {
     progress_.finish();
     std::fflush(stdout);
-    for (const std::string& note : backupSession_->notes())
-        std::fprintf(stderr, "Note: %s\n", FVSearchText::printable(note).c_str());
+    for (const std::string& warning : backupSession_->environmentWarnings())
+        FVOutput::warning("{}", FVSearchText::printable(warning));
+    for (const std::string& note : backupSession_->notes()) FVOutput::warning("{}", FVSearchText::printable(note));
     for (const std::string& warning : backupSession_->warnings())
-        std::fprintf(stderr, "Warning: %s\n", FVSearchText::printable(warning).c_str());
+        FVOutput::warning("{}", FVSearchText::printable(warning));
     std::fflush(stderr);
 }
 
@@ -156,7 +167,7 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
                                         "", session.refusal(), true, true};
         notify(notification, false);
         recordAttempt(FVJobOutcome::NoSpace, session.refusal());
-        runLoop_.stop(1);
+        runLoop_.stop(FVExitStatus::kIncomplete);
         return;
     }
     std::printf("Sync canceled.\n");

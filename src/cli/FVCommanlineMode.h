@@ -51,7 +51,13 @@ public:
     void interrupt(int signal);
 
 private:
+    // A run that cannot start: the message on standard error and in the run log.
+    void refuseToLoad(const std::string& message);
+    // Why the configuration cannot be read: the destination or the file missing, or no access.
+    std::string unavailableReason() const;
     void finishOnMainThread();
+    // The status of a run that finished: the one given, or 128 + the signal that came meanwhile.
+    int finishedStatus(int status) const;
     void printErrors(const std::vector<std::string>& errors);
     void printNotes();
     void notify(const FVUserNotification& notification, bool wait);

@@ -58,7 +58,7 @@ std::optional<FVVersionCatalog> openCatalog(const char* command, const std::stri
     std::string problem;
     auto catalog = FVVersionCatalog::open(resolved(absolute(destination)), &problem);
     if (!catalog)
-        FVOutput::print(stderr, "ferrovane {}: cannot use the destination {}: {}\n", command, shown(destination),
+        FVOutput::error("cannot use the destination {}: {}", shown(destination),
                    shown(problem));
     return catalog;
 }
@@ -69,8 +69,8 @@ std::optional<std::string> mirrorPathOrComplain(const char* command, const FVVer
     auto mirror = catalog.mirrorPath(path);
     if (!mirror) mirror = catalog.mirrorPath(resolved(path));
     if (!mirror)
-        FVOutput::print(stderr, "ferrovane {}: {} is neither inside the destination nor below one of its sources.\n",
-                   command, shown(named));
+        FVOutput::error("{} is neither inside the destination nor below one of its sources.",
+                   shown(named));
     return mirror;
 }
 
@@ -81,7 +81,7 @@ int versionsMain(const std::string& destination, const std::string& path, bool j
     if (!catalog) return FVExitStatus::kUsage;
     // Listing changes nothing, so it goes on; but which source a mirror path belongs to is a guess.
     if (std::optional<std::string> problem = catalog->layout().validateAsSeen())
-        FVOutput::print(stderr, "ferrovane versions: warning: {}\n", shown(*problem));
+        FVOutput::warning("{}", shown(*problem));
     auto mirror = mirrorPathOrComplain("versions", *catalog, path);
     if (!mirror) return FVExitStatus::kUsage;
     std::vector<FVItemVersion> versions = catalog->versions(*mirror);
@@ -104,7 +104,7 @@ int versionsMain(const std::string& destination, const std::string& path, bool j
                        localTime(v.modificationTime), shown(v.path));
     }
     if (versions.empty()) {
-        FVOutput::print(stderr, "ferrovane versions: the destination holds no version of {}.\n", shown(path));
+        FVOutput::error("the destination holds no version of {}.", shown(path));
         return FVExitStatus::kIncomplete;
     }
     return FVExitStatus::kOk;
@@ -119,14 +119,14 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
     const std::string& destination = catalog.destination();
     std::string toFolder = a.to.empty() ? "" : resolved(absolute(a.to));
     if (!toFolder.empty() && FVText::isPathWithin(toFolder, destination)) {
-        FVOutput::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
+        FVOutput::error("{} is inside the destination; a restore never writes there.",
                    shown(a.to));
         return std::nullopt;
     }
     std::vector<FVRestoreTarget> items;
     if (a.all) {
         if (catalog.sources().empty()) {
-            FVOutput::print(stderr, "ferrovane restore: the destination has no source to restore.\n");
+            FVOutput::error("the destination has no source to restore.");
             *status = FVExitStatus::kIncomplete;
             return std::nullopt;
         }
@@ -155,7 +155,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
                 break;
             }
         if (!chosen) {
-            FVOutput::print(stderr, "ferrovane restore: the destination holds no {} of {}.\n",
+            FVOutput::error("the destination holds no {} of {}.",
                        a.version.empty() ? "version" : "version " + shown(a.version), shown(a.what));
             *status = FVExitStatus::kIncomplete;
             return std::nullopt;
@@ -163,7 +163,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
         std::string problem;
         auto item = FVRestoreTarget::forVersion(catalog, *mirror, chosen->path, toFolder, &problem);
         if (!item) {
-            FVOutput::print(stderr, "ferrovane restore: {}: {}; name a folder with --to.\n", shown(a.what), problem);
+            FVOutput::error("{}: {}; name a folder with --to.", shown(a.what), problem);
             return std::nullopt;
         }
         items.push_back(std::move(*item));
@@ -171,13 +171,13 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
     std::vector<FVRestorePlan> plans;
     for (const FVRestoreTarget& item : items) {
         if (FVText::isPathWithin(item.to, destination)) {
-            FVOutput::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
+            FVOutput::error("{} is inside the destination; a restore never writes there.",
                        shown(item.to));
             return std::nullopt;
         }
         struct stat st {};
         if (int error = FVRestorePlan::examine(destination, item.from, &st)) {
-            FVOutput::print(stderr, "ferrovane restore: the destination holds no copy of {} ({}).\n", shown(item.to),
+            FVOutput::error("the destination holds no copy of {} ({}).", shown(item.to),
                             std::strerror(error));
             *status = FVExitStatus::kIncomplete;
             return std::nullopt;
@@ -198,7 +198,7 @@ std::optional<FVVersionCatalog> lockedCatalog(const std::string& destination, FV
     if (!catalog) return std::nullopt;
     // Colliding mirrors hold one source's files under another's name: nothing is restored then.
     if (std::optional<std::string> problem = catalog->layout().validateAsSeen()) {
-        FVOutput::print(stderr, "ferrovane restore: cannot use the destination {}: {}\n", shown(destination),
+        FVOutput::error("cannot use the destination {}: {}", shown(destination),
                         shown(*problem));
         return std::nullopt;
     }
@@ -231,16 +231,15 @@ int restoreMain(const RestoreArguments& arguments) {
         for (const FVRestorePlan& plan : *plans) {
             FVOutput::print(stdout, "Would restore {} to {}\n", shown(plan.from()), shown(plan.to()));
             for (const auto& [from, to] : plan.pairs()) FVOutput::print(stdout, "  {}\n", shown(to->path()));
-            for (const std::string& problem : plan.problems()) FVOutput::print(stderr, "ERROR: {}\n", shown(problem));
+            for (const std::string& problem : plan.problems()) FVOutput::error("{}", shown(problem));
         }
         FVOutput::print(stdout, "Dry run: {} files ({}) would be restored, {} already identical, {} conflicts, {} errors.\n", files,
                    FVNumber::formattedDiskSizeString(static_cast<double>(bytes)), identical, conflicts, problems);
         return (conflicts && !arguments.replace) || problems ? FVExitStatus::kIncomplete : FVExitStatus::kOk;
     }
     if (conflicts && !arguments.replace) {
-        FVOutput::print(stderr,
-                   "ferrovane restore: nothing was restored: {} existing items differ from the backup. "
-                   "Restore --to another folder, or add --replace to move them to the trash first.\n",
+        FVOutput::error("nothing was restored: {} existing items differ from the backup. Restore --to another "
+                        "folder, or add --replace to move them to the trash first.",
                    conflicts);
         return FVExitStatus::kIncomplete;
     }
@@ -253,7 +252,8 @@ int restoreMain(const RestoreArguments& arguments) {
         summary = run.run(
             catalog->destination(), [&](uint64_t done, uint64_t total) { progress.update(done, total); },
             [](const std::string& line, bool isError) {
-                FVOutput::print(isError ? stderr : stdout, "{}\n", shown(line));
+                if (isError) FVOutput::error("{}", shown(FVOutput::withoutErrorTag(line)));
+                else FVOutput::print(stdout, "{}\n", shown(line));
             });
     }
     FVRestoreSignals::copyFinished();

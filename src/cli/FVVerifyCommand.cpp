@@ -89,15 +89,15 @@ int main(const Arguments& arguments) {
         if (!arguments.json) FVOutput::print(stdout, "Verify: {}\n", shown(line));
         return FVExitStatus::kIncomplete;
     case FVVerificationSummary::Status::Cancelled:
-        FVOutput::print(stderr, "ferrovane verify: {}\n", shown(line));
+        FVOutput::error("{}", shown(line));
         return FVExitStatus::interrupted(cancellingSignal.load());
     case FVVerificationSummary::Status::Busy:
-        FVOutput::print(stderr, "{}\n", shown(line));
+        FVOutput::error("{}", shown(line));
         return FVDestinationLock::busyExitStatus;
     case FVVerificationSummary::Status::CannotRun:
         break;
     }
-    FVOutput::print(stderr, "ferrovane verify: cannot verify {}: {}\n", shown(arguments.destination), shown(line));
+    FVOutput::error("cannot verify {}: {}", shown(arguments.destination), shown(line));
     return FVExitStatus::kRunFailed;
 }
 
