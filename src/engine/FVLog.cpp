@@ -109,9 +109,9 @@ void FVLog::addLogLine(std::string_view line) {
     bool failed = false;
     {
         std::shared_lock lock(mutex_);
-        if (journal_) FVJournalSink::send(FVJournalSink::fields(line, destination_, runStamp_));
+        const bool journaled = journal_ && FVJournalSink::send(FVJournalSink::fields(line, destination_, runStamp_));
         int fd = fd_.load();
-        if (fd < 0 && journal_) return;
+        if (fd < 0 && journaled) return;
         if (fd < 0) {
             FVSystemLog::error(kClassName, "No logfile: " + std::string(line));
             return;
