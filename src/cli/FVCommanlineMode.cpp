@@ -92,19 +92,20 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
             return 0;
         }
         recordAttempt(FVJobOutcome::Failed, "the destination is not available or not configured");
-        refuseToLoad(fmt::format("cannot read the configuration {} ({}). Is the disk connected? To make {} a "
-                                 "destination: ferrovane config {} add SOURCE",
-                                 shownSettings, unavailableReason(), shownDestination, shownDestination));
+        refuseToLoad(unavailableMessage());
         notify({"Cannot sync to: " + FVText::lastPathComponent(destinationPath_), "",
                 "Destination not available or unconfigured!"},
                true);
         return FVExitStatus::kRunFailed;
     case FVConfigurationReadStatus::NotPropertyList:
     case FVConfigurationReadStatus::Malformed:
-        refuseToLoad(fmt::format("cannot use the configuration {}: {}. The file was left as it is; check its "
-                                 "permissions, or move it away and set the destination up again with ferrovane "
-                                 "config {} add SOURCE",
-                                 shownSettings, FVSearchText::printable(loaded.problem), shownDestination));
+        // The reason may name the file itself.
+        refuseToLoad(fmt::format("cannot use {}. The file was left as it is; repair it, or move it away and set the "
+                                 "destination up again with ferrovane config {} add SOURCE",
+                                 loaded.problem.starts_with(settingsPath_)
+                                     ? FVSearchText::printable(loaded.problem)
+                                     : shownSettings + ": " + FVSearchText::printable(loaded.problem),
+                                 shownDestination));
         recordAttempt(FVJobOutcome::Failed, loaded.problem);
         return FVExitStatus::kRunFailed;
     case FVConfigurationReadStatus::Ok:
@@ -117,8 +118,8 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
                                                               : std::nullopt);
     if (!options.problems.empty()) {
         std::string problems;
-        for (const std::string& problem : options.problems) problems += FVSearchText::printable(problem) + "; ";
-        refuseToLoad(fmt::format("the configuration {} holds an option that cannot be used: {}nothing was changed. "
+        for (const std::string& problem : options.problems) problems += FVSearchText::printable(problem) + " ";
+        refuseToLoad(fmt::format("the configuration {} holds an option that cannot be used: {}Nothing was changed. "
                                  "Correct it with: ferrovane config {} set OPTION VALUE",
                                  shownSettings, problems, shownDestination));
         recordAttempt(FVJobOutcome::Failed, options.problems.front());
@@ -135,14 +136,24 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
     return runBackup();
 }
 
-std::string FVCommanlineMode::unavailableReason() const {
+std::string FVCommanlineMode::unavailableMessage() const {
+    const std::string destination = FVSearchText::printable(destinationPath_);
+    const std::string settings = FVSearchText::printable(settingsPath_);
+    const std::string toSetUp = fmt::format("To make {} a destination: ferrovane config {} add SOURCE", destination,
+                                            destination);
     struct stat st {};
     if (stat(destinationPath_.c_str(), &st) != 0)
-        return fmt::format("{}: {}", FVSearchText::printable(destinationPath_), std::strerror(errno));
-    if (!S_ISDIR(st.st_mode)) return FVSearchText::printable(destinationPath_) + " is not a folder";
-    if (stat(settingsPath_.c_str(), &st) != 0) return std::strerror(errno);
-    if (S_ISDIR(st.st_mode)) return "it is a folder";
-    return access(settingsPath_.c_str(), R_OK) == 0 ? "it cannot be read" : std::strerror(EACCES);
+        return fmt::format("cannot read the configuration {} ({}: {}). Is the disk connected? {}", settings,
+                           destination, std::strerror(errno), toSetUp);
+    if (!S_ISDIR(st.st_mode)) return fmt::format("{} is not a folder. {}", destination, toSetUp);
+    if (stat(settingsPath_.c_str(), &st) != 0)
+        return fmt::format("cannot read the configuration {} ({}). Is the disk connected? {}", settings,
+                           std::strerror(errno), toSetUp);
+    if (S_ISDIR(st.st_mode))
+        return fmt::format("the configuration {} is a folder. Move it away, then: ferrovane config {} add SOURCE",
+                           settings, destination);
+    return fmt::format("cannot read the configuration {} ({}). Check its permissions, or run as its owner",
+                       settings, std::strerror(access(settingsPath_.c_str(), R_OK) == 0 ? EIO : errno));
 }
 
 void FVCommanlineMode::refuseToLoad(const std::string& message) {

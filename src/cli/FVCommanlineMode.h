@@ -53,8 +53,9 @@ public:
 private:
     // A run that cannot start: the message on standard error and in the run log.
     void refuseToLoad(const std::string& message);
-    // Why the configuration cannot be read: the destination or the file missing, or no access.
-    std::string unavailableReason() const;
+    // Why the configuration cannot be read (the destination or the file missing, or no access),
+    // and what to do.
+    std::string unavailableMessage() const;
     void finishOnMainThread();
     // The status of a run that finished: the one given, or 128 + the signal that came meanwhile.
     int finishedStatus(int status) const;

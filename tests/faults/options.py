@@ -21,7 +21,7 @@ WRONG_FOR_BOOLEANS = {"string yes": "yes", "string thirty": "thirty", "array": [
 WRONG_FOR_INTEGERS = {"string thirty": "thirty", "string 30": "30", "array": [30], "date": WHEN, "negative": -5,
                       "huge": 2**63 - 1}
 OLD_STAMP = "2001-01-01 00.00.00 +0000"
-UNREADABLE = b"Failed to read destination configuration file"
+UNREADABLE = b"ferrovane: error: cannot use "
 
 
 def tree_state(root):
