@@ -128,7 +128,6 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
     // Only a run that starts says so: a refused one leaves standard output empty.
     std::printf("Ferrovane v%s (%s) launched.\n", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER);
     std::fflush(stdout);
-    for (const std::string& skipped : loaded.skippedItems) FVOutput::error("{}", FVSearchText::printable(skipped));
     configuration_ = std::move(loaded.configuration);
     skippedItems_ = std::move(loaded.skippedItems);
     options_ = options.options;

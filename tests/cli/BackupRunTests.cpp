@@ -425,6 +425,7 @@ TEST_F(BackupRun, UnusableSourceItemsAreSkippedReportedAndKeptInTheFile) {
     EXPECT_EQ(readFile(destination + "/Docs/a.txt"), "a") << "the usable item ran";
     EXPECT_NE(result.err.find("ferrovane: error: Source item 1 of " + path + " was skipped"), std::string::npos)
         << result.err;
+    EXPECT_EQ(result.err.find("Source item 1 of"), result.err.rfind("Source item 1 of")) << "said once";
     EXPECT_NE(result.err.find("Source item 3 of " + path + " was skipped: it has no \"sourcePath\""),
               std::string::npos) << result.err;
 
