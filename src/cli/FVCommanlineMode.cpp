@@ -163,9 +163,8 @@ void FVCommanlineMode::refuseToLoad(const std::string& message) {
     log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
     log.addLogLine("ERROR: " + message);
     log.closeLog();
-    if (std::string problem = log.openProblem(); !problem.empty())
-        FVOutput::warning("the run log could not be written ({}). Set FERROVANE_LOG_FILE to a file you can write",
-                          FVSearchText::printable(problem));
+    if (std::string warning = log.unwrittenWarning(); !warning.empty())
+        FVOutput::warning("{}", FVSearchText::printable(warning));
 }
 
 void FVCommanlineMode::recordAttempt(FVJobOutcome outcome, const std::string& message) {

@@ -10,6 +10,7 @@
 #include "cli/FVSharedLock.h"
 
 #include "engine/FVAdditions.h"
+#include "engine/FVLog.h"
 #include "engine/FVPointInTimePlan.h"
 #include "engine/FVPointInTimeRestore.h"
 #include "engine/FVRunRecords.h"
@@ -322,6 +323,8 @@ int restoreMain(const FVRestoreCommand::RestoreArguments& a) {
                               });
     }
     FVRestoreSignals::copyFinished();
+    if (std::string warning = FVLog::currentLog().unwrittenWarning(); !warning.empty())
+        FVOutput::warning("{}", shown(warning));
     FVOutput::print(stdout,
                     "Restore {}: {} files ({}), {} already identical, {} conflicts moved aside, {} errors, {} files "
                     "whose bytes are gone.\n",

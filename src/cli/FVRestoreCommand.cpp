@@ -11,6 +11,7 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVDestinationLock.h"
+#include "engine/FVLog.h"
 #include "engine/FVRestorePlan.h"
 #include "engine/FVRestoreRun.h"
 #include "engine/FVRestoreTarget.h"
@@ -257,6 +258,8 @@ int restoreMain(const RestoreArguments& arguments) {
             });
     }
     FVRestoreSignals::copyFinished();
+    if (std::string warning = FVLog::currentLog().unwrittenWarning(); !warning.empty())
+        FVOutput::warning("{}", shown(warning));
     FVOutput::print(stdout, "Restore {}: {} files ({}), {} already identical, {} conflicts moved aside, {} errors.\n",
                summary.cancelled ? "cancelled" : "finished", summary.files,
                FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), identical, summary.replaced,

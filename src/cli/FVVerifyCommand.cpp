@@ -6,6 +6,7 @@
 #include "cli/FVProgressLine.h"
 #include "cli/FVRunSignals.h"
 #include "engine/FVDestinationLock.h"
+#include "engine/FVLog.h"
 #include "engine/FVVerification.h"
 #include "search/FVSearchText.h"
 
@@ -68,6 +69,8 @@ int main(const Arguments& arguments) {
     activeVerification.store(&verification);
     if (cancellingSignal.load()) verification.cancel();
     FVVerificationSummary summary = verification.run();
+    if (std::string warning = FVLog::currentLog().unwrittenWarning(); !warning.empty())
+        FVOutput::warning("{}", shown(warning));
     activeVerification.store(nullptr);
     progress.finish();
 

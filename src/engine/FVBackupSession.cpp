@@ -296,10 +296,7 @@ std::vector<std::string> FVBackupSession::environmentWarnings() const {
     if (!sleepProblem_.empty())
         out.push_back(fmt::format("the computer may go to sleep during the run: sleep prevention is not available ({})",
                                   sleepProblem_));
-    if (std::string problem = FVLog::currentLog().openProblem(); !problem.empty())
-        out.push_back(fmt::format("the run log could not be written ({}); its lines went to the system log. Set "
-                                  "FERROVANE_LOG_FILE to a file you can write to keep them there",
-                                  problem));
+    if (std::string warning = FVLog::currentLog().unwrittenWarning(); !warning.empty()) out.push_back(warning);
     return out;
 }
 

@@ -60,6 +60,14 @@ std::string FVLog::openProblem() const {
     return openProblem_;
 }
 
+std::string FVLog::unwrittenWarning() const {
+    std::shared_lock lock(mutex_);
+    if (openProblem_.empty()) return {};
+    return fmt::format("the run log could not be written ({}); its lines went to the {}. Set FERROVANE_LOG_FILE "
+                       "to a file you can write to keep them there",
+                       openProblem_, journal_ ? "journal" : "system log");
+}
+
 void FVLog::setRunContext(std::string destination, std::string runStamp) {
     std::unique_lock lock(mutex_);
     destination_ = std::move(destination);

@@ -33,6 +33,9 @@ public:
     // Why the last newLog could not open the file ("cannot create PATH: reason"); empty when it
     // could. It stays after closeLog, so that a front end can tell the user once per run.
     std::string openProblem() const;
+    // The one warning a front end gives when openProblem() is not empty: where the log could not
+    // be written, where its lines went, and how to name another file. Empty when it could.
+    std::string unwrittenWarning() const;
 
     ~FVLog();
 

@@ -352,29 +352,40 @@ TEST_F(BackupRun, WhatTheMachineLacksIsOneWarningEachAndNoFailure) {
     // An ordinary user without a home has no log file; this machine has no logind either.
     writeFile(source + "/a.txt", "a");
     configure({{source, FVSourceMode::Backup}}, defaults());
-    std::vector<std::string> args = {"/usr/bin/env", "HOME=/nonexistent", FERROVANE_EXECUTABLE, destination,
-                                     "-noUserNotifications"};
     if (geteuid() == 0) {
         fs::permissions(dir.path(), fs::perms::all);
         fs::permissions(destination, fs::perms::all);
-        args.insert(args.begin(), {"/usr/sbin/runuser", "-u", "nobody", "--"});
     }
-    auto result = runProcess(args, {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", std::nullopt},
-                                    {"XDG_STATE_HOME", std::nullopt}});
-    EXPECT_EQ(result.exitStatus, 0) << result.err;
-    EXPECT_EQ(readFile(destination + "/src/a.txt"), "a");
-    std::istringstream lines(result.err);
-    int logWarnings = 0, others = 0;
-    for (std::string line; std::getline(lines, line);) {
-        EXPECT_EQ(line.rfind("ferrovane: warning: ", 0), 0u) << line;
-        if (line.find("the run log could not be written (cannot create /nonexistent/") != std::string::npos &&
-            line.find("FERROVANE_LOG_FILE") != std::string::npos)
-            ++logWarnings;
-        else if (line.find("sleep prevention is not available") == std::string::npos)
-            ++others;
+    auto homeless = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {"/usr/bin/env", "HOME=/nonexistent", FERROVANE_EXECUTABLE});
+        if (geteuid() == 0) args.insert(args.begin(), {"/usr/sbin/runuser", "-u", "nobody", "--"});
+        return runProcess(args, {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", std::nullopt},
+                                 {"XDG_STATE_HOME", std::nullopt}});
+    };
+    const std::vector<std::vector<std::string>> commands = {
+        {destination, "-noUserNotifications"}, {"verify", destination},
+        {"restore", destination, source + "/a.txt", "--to", destination + "-restored"}};
+    makeDirs(destination + "-restored");
+    fs::permissions(destination + "-restored", fs::perms::all);
+    for (const auto& command : commands) {
+        auto result = homeless(command);
+        EXPECT_EQ(result.exitStatus, 0) << command[0] << ": " << result.err;
+        std::istringstream lines(result.err);
+        int logWarnings = 0, others = 0;
+        // Besides verify's progress, only warnings.
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_EQ(line.find("ERROR"), std::string::npos) << line;
+            EXPECT_EQ(line.find("ferrovane: error"), std::string::npos) << line;
+            if (line.find("the run log could not be written (cannot create /nonexistent/") != std::string::npos &&
+                line.find("FERROVANE_LOG_FILE") != std::string::npos)
+                ++logWarnings;
+            else if (line.starts_with("ferrovane: ") && line.find("sleep prevention is not available") == std::string::npos)
+                ++others;
+        }
+        EXPECT_EQ(logWarnings, 1) << command[0] << ": " << result.err;
+        EXPECT_EQ(others, 0) << command[0] << ": " << result.err;
     }
-    EXPECT_EQ(logWarnings, 1) << result.err;
-    EXPECT_EQ(others, 0) << result.err;
+    EXPECT_EQ(readFile(destination + "-restored/a.txt"), "a");
 }
 
 TEST_F(BackupRun, AnOptionThatCannotBeUsedStopsTheRunBeforeItTouchesTheDestination) {
