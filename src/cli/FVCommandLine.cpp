@@ -7,6 +7,7 @@
 #include "cli/FVConfigCommand.h"
 #include "cli/FVDestinationArgument.h"
 #include "cli/FVExitStatus.h"
+#include "cli/FVOutput.h"
 #include "cli/FVPointInTimeCommand.h"
 #include "cli/FVRestoreCommand.h"
 #include "cli/FVRunsCommand.h"
@@ -134,6 +135,14 @@ struct RootCommand {
     }
 };
 
+// "search: " for a command's own arguments (its parser is named "ferrovane search"); nothing for
+// the program's.
+std::string commandPrefix(const CLI::App& app) {
+    const std::string name = app.get_name();
+    const size_t space = name.rfind(' ');
+    return space == std::string::npos ? std::string() : name.substr(space + 1) + ": ";
+}
+
 // Parses; prints the help on standard output (status 0) or the reason and the usage on
 // standard error (status 2), and then returns that status.
 std::optional<int> parse(CLI::App& app, std::vector<std::string> arguments) {
@@ -148,13 +157,15 @@ std::optional<int> parse(CLI::App& app, std::vector<std::string> arguments) {
         fmt::print("{}\n", version.what());
         return 0;
     } catch (const CLI::ParseError& error) {
-        fmt::print(stderr, "{}: {}\n\n{}", app.get_name(), FVSearchText::printable(error.what()), app.help());
+        FVOutput::error("{}{}", commandPrefix(app), FVSearchText::printable(error.what()));
+        FVOutput::print(stderr, "\n{}", app.help());
         return FVExitStatus::kUsage;
     }
 }
 
 int refuse(const CLI::App& app, const std::string& why) {
-    fmt::print(stderr, "{}: {}\n\n{}", app.get_name(), why, app.help());
+    FVOutput::error("{}{}", commandPrefix(app), why);
+    FVOutput::print(stderr, "\n{}", app.help());
     return FVExitStatus::kUsage;
 }
 

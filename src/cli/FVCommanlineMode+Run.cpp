@@ -9,6 +9,7 @@
 #include "cli/FVRunJson.h"
 #include "cli/FVRunSignals.h"
 #include "engine/FVStrings.h"
+#include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 #include "search/FVSearchText.h"
 
@@ -49,7 +50,7 @@ void FVCommanlineMode::end(std::string_view outcome, const FVRunSummary& summary
     if (output_.json) FVOutput::print(stdout, "{}\n", FVRunJson::summary(destinationPath_, *backupSession_, summary, outcome));
     else say(summary.line());
     std::fflush(stdout);
-    runLoop_.stop(status);
+    runLoop_.stop(finishedStatus(status));
 }
 
 int FVCommanlineMode::runBackup() {
@@ -137,9 +138,11 @@ void FVCommanlineMode::finishOnMainThread() {
     std::vector<FVSourceItemPtr> backedUp;
     for (const FVSourceItemPtr& item : configuration_.sources)
         if (item->enabled() == int64_t(FVSourceMode::Backup)) backedUp.push_back(item);
+    FVTestHook::reach("saving-results", destinationPath_);
     std::string error;
     if (!dryRun_ && !FVConfigurationFile::writeRunResults(backedUp, settingsPath_, &error))
-        std::fprintf(stderr, "Warning: the results could not be saved in the configuration: %s\n", error.c_str());
+        FVOutput::warning("the results could not be saved in the configuration {}: {}",
+                          FVSearchText::printable(settingsPath_), FVSearchText::printable(error));
 
     FVUserNotification notification{FVStrings::format("notificationfinished", FVText::lastPathComponent(destinationPath_)),
                                     backupSession_->finishedSummary(), ""};
@@ -171,15 +174,20 @@ void FVCommanlineMode::finishOnMainThread() {
     end("finished", backupSession_->summary(), FVExitStatus::kOk);
 }
 
+// A signal that came while the run was saving its results (they are saved whole) still tells the
+// caller that the run was interrupted, as a signal at any earlier moment does.
+int FVCommanlineMode::finishedStatus(int status) const {
+    const int signal = cancellingSignal_.load();
+    return signal ? FVExitStatus::interrupted(signal) : status;
+}
+
 // On standard error, after the progress line, so that standard output stays the run's story.
 void FVCommanlineMode::printErrors(const std::vector<std::string>& errors) {
     progress_->finish();
     std::fflush(stdout);
-    std::string joined;
     // One line per error, whatever the names in it hold.
-    for (size_t i = 0; i < errors.size(); ++i)
-        joined += (i ? "\n" : "") + FVLocaleText::shown(FVSearchText::printable(errors[i]));
-    std::fprintf(stderr, "Backup errors:\n%s\n", joined.c_str());
+    for (const std::string& error : errors)
+        FVOutput::error("{}", FVLocaleText::shown(FVSearchText::printable(FVOutput::withoutErrorTag(error))));
     std::fflush(stderr);
 }
 
@@ -187,12 +195,14 @@ void FVCommanlineMode::printErrors(const std::vector<std::string>& errors) {
 void FVCommanlineMode::printNotes() {
     progress_->finish();
     std::fflush(stdout);
+    for (const std::string& warning : backupSession_->environmentWarnings())
+        FVOutput::warning("{}", FVLocaleText::shown(FVSearchText::printable(warning)));
     // Quiet output keeps what went wrong and what makes the exit status; a note is neither.
     if (output_.verbosity != FVRunOutput::Verbosity::Quiet)
         for (const std::string& note : backupSession_->notes())
-            std::fprintf(stderr, "Note: %s\n", FVLocaleText::shown(FVSearchText::printable(note)).c_str());
+            FVOutput::warning("{}", FVLocaleText::shown(FVSearchText::printable(note)));
     for (const std::string& warning : backupSession_->warnings())
-        std::fprintf(stderr, "Warning: %s\n", FVLocaleText::shown(FVSearchText::printable(warning)).c_str());
+        FVOutput::warning("{}", FVLocaleText::shown(FVSearchText::printable(warning)));
     std::fflush(stderr);
 }
 

@@ -2,17 +2,22 @@
 
 #include "FVVersion.h"
 #include "cli/FVExitStatus.h"
+#include "cli/FVOutput.h"
 #include "cli/FVRunSignals.h"
 #include "engine/FVAdditions.h"
+#include "engine/FVLog.h"
 #include "fs/FVText.h"
 #include "scheduling/FVScheduleSummary.h"
 #include "search/FVSearchText.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <cstdio>
 #include <thread>
 
@@ -32,8 +37,6 @@ int FVCommanlineMode::main(const std::string& destinationPath, bool noNotificati
                            FVJobTrigger trigger, const std::string& jobID, const FVRunOutput& output) {
     FVRunSignals::block();
 
-    if (output.human()) std::printf("Ferrovane v%s (%s) launched.\n", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER);
-    std::fflush(stdout);
     // The argument is used as the bytes it is: Linux paths are bytes, not text in one encoding.
     std::string destination = destinationPath;
     if (destination.size() > 1 && destination.back() == '/')
@@ -61,14 +64,16 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
     destinationPath_ = destinationPath;
     settingsPath_ = FVConfigurationFile::formattedPath(destinationPath);
 
+    const std::string shownDestination = FVSearchText::printable(destinationPath_);
     // A missing destination falls through to the message for an unavailable configuration.
     switch (lock_.acquire(destinationPath_)) {
     case FVDestinationLock::Status::Busy:
-        std::fprintf(stderr, "%s\n", FVDestinationLock::busyMessage(destinationPath_).c_str());
+        FVOutput::error("{}", FVSearchText::printable(FVDestinationLock::busyMessage(destinationPath_)));
         return FVDestinationLock::busyExitStatus;
     case FVDestinationLock::Status::Failed:
-        std::fprintf(stderr, "Ferrovane cannot make sure that no other run uses this destination (%s). Aborting.\n",
-                     lock_.reason().c_str());
+        refuseToLoad(fmt::format("cannot make sure that no other run uses {} ({}); nothing was done. Check that "
+                                 "the destination is writable and try again",
+                                 shownDestination, lock_.reason()));
         recordAttempt(FVJobOutcome::Failed, "cannot lock the destination: " + lock_.reason());
         return FVExitStatus::kRunFailed;
     case FVDestinationLock::Status::Acquired:
@@ -77,6 +82,7 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
     }
 
     FVConfigurationReadResult loaded = FVConfigurationFile::read(settingsPath_);
+    const std::string shownSettings = FVSearchText::printable(settingsPath_);
     switch (loaded.status) {
     case FVConfigurationReadStatus::Unavailable:
         // A disk that is not plugged in is no failure of a job: it is recorded, and the overdue
@@ -88,20 +94,20 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
             return 0;
         }
         recordAttempt(FVJobOutcome::Failed, "the destination is not available or not configured");
-        std::printf("Could not read configuration at destination path or destination path unavailable. Aborting.\n");
-        std::fflush(stdout);
+        refuseToLoad(unavailableMessage());
         notify({"Cannot sync to: " + FVText::lastPathComponent(destinationPath_), "",
                 "Destination not available or unconfigured!"},
                true);
         return FVExitStatus::kRunFailed;
     case FVConfigurationReadStatus::NotPropertyList:
-        std::printf("Failed to read destination configuration file, check permissions and process disk access. Aborting.\n");
-        std::fprintf(stderr, "%s\n", loaded.problem.c_str());
-        recordAttempt(FVJobOutcome::Failed, loaded.problem);
-        return FVExitStatus::kRunFailed;
     case FVConfigurationReadStatus::Malformed:
-        std::printf("Failed to read destination configuration file, check permissions and process disk access. Aborting.\n");
-        std::fprintf(stderr, "%s. The file was left as it is.\n", loaded.problem.c_str());
+        // The reason may name the file itself.
+        refuseToLoad(fmt::format("cannot use {}. The file was left as it is; repair it, or move it away and set the "
+                                 "destination up again with ferrovane config {} add SOURCE",
+                                 loaded.problem.starts_with(settingsPath_)
+                                     ? FVSearchText::printable(loaded.problem)
+                                     : shownSettings + ": " + FVSearchText::printable(loaded.problem),
+                                 shownDestination));
         recordAttempt(FVJobOutcome::Failed, loaded.problem);
         return FVExitStatus::kRunFailed;
     case FVConfigurationReadStatus::Ok:
@@ -113,19 +119,54 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
                                      options.problems.empty() ? std::optional<int64_t>(options.options.overdueDays)
                                                               : std::nullopt);
     if (!options.problems.empty()) {
-        std::printf("The destination configuration holds an option that cannot be used. Aborting.\n");
-        for (const std::string& problem : options.problems) std::fprintf(stderr, "%s\n", problem.c_str());
-        std::fprintf(stderr, "Nothing was changed. Correct it with: ferrovane config %s set <option> <value>\n",
-                     destinationPath_.c_str());
+        std::string problems;
+        for (const std::string& problem : options.problems) problems += FVSearchText::printable(problem) + " ";
+        refuseToLoad(fmt::format("the configuration {} holds an option that cannot be used: {}Nothing was changed. "
+                                 "Correct it with: ferrovane config {} set OPTION VALUE",
+                                 shownSettings, problems, shownDestination));
         recordAttempt(FVJobOutcome::Failed, options.problems.front());
         return FVExitStatus::kRunFailed;
     }
-    for (const std::string& skipped : loaded.skippedItems) std::fprintf(stderr, "%s\n", skipped.c_str());
+    // Only a run that starts says so: a refused one leaves standard output empty.
+    if (output_.human()) std::printf("Ferrovane v%s (%s) launched.\n", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER);
+    std::fflush(stdout);
     configuration_ = std::move(loaded.configuration);
     skippedItems_ = std::move(loaded.skippedItems);
     options_ = options.options;
     if (skipsAsRecent()) return 0;
     return runBackup();
+}
+
+std::string FVCommanlineMode::unavailableMessage() const {
+    const std::string destination = FVSearchText::printable(destinationPath_);
+    const std::string settings = FVSearchText::printable(settingsPath_);
+    const std::string toSetUp = fmt::format("To make {} a destination: ferrovane config {} add SOURCE", destination,
+                                            destination);
+    struct stat st {};
+    if (stat(destinationPath_.c_str(), &st) != 0)
+        return fmt::format("cannot read the configuration {} ({}: {}). Is the disk connected? {}", settings,
+                           destination, std::strerror(errno), toSetUp);
+    if (!S_ISDIR(st.st_mode)) return fmt::format("{} is not a folder. {}", destination, toSetUp);
+    if (stat(settingsPath_.c_str(), &st) != 0)
+        return fmt::format("cannot read the configuration {} ({}). Is the disk connected? {}", settings,
+                           std::strerror(errno), toSetUp);
+    if (S_ISDIR(st.st_mode))
+        return fmt::format("the configuration {} is a folder. Move it away, then: ferrovane config {} add SOURCE",
+                           settings, destination);
+    return fmt::format("cannot read the configuration {} ({}). Check its permissions, or run as its owner",
+                       settings, std::strerror(access(settingsPath_.c_str(), R_OK) == 0 ? EIO : errno));
+}
+
+void FVCommanlineMode::refuseToLoad(const std::string& message) {
+    FVOutput::error("{}", message);
+    FVLog& log = FVLog::currentLog();
+    log.setRunContext(destinationPath_, "");
+    log.newLog();
+    log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
+    log.addLogLine("ERROR: " + message);
+    log.closeLog();
+    if (std::string warning = log.unwrittenWarning(); !warning.empty())
+        FVOutput::warning("{}", FVSearchText::printable(warning));
 }
 
 void FVCommanlineMode::recordAttempt(FVJobOutcome outcome, const std::string& message) {

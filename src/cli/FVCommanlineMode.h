@@ -59,6 +59,11 @@ public:
     void interrupt(int signal);
 
 private:
+    // A run that cannot start: the message on standard error and in the run log.
+    void refuseToLoad(const std::string& message);
+    // Why the configuration cannot be read (the destination or the file missing, or no access),
+    // and what to do.
+    std::string unavailableMessage() const;
     void finishOnMainThread();
     // The end of every run that started: the summary line (or the JSON summary) on standard
     // output, then the loop stops with status.
@@ -67,6 +72,8 @@ private:
     void say(const std::string& line);
     void itemChanged(FVItemChange change, const std::string& path);
     FVProgressStep progressStep(FVBackupSession& session);
+    // The status of a run that finished: the one given, or 128 + the signal that came meanwhile.
+    int finishedStatus(int status) const;
     void printErrors(const std::vector<std::string>& errors);
     void printNotes();
     void notify(const FVUserNotification& notification, bool wait);

@@ -4,7 +4,6 @@
 #include "cli/FVExitStatus.h"
 #include "cli/FVOutput.h"
 #include "cli/FVJsonText.h"
-#include "cli/FVOutput.h"
 #include "cli/FVRetentionCommand.h"
 #include "cli/FVSourceResults.h"
 
@@ -65,12 +64,12 @@ std::string printable(std::string_view text) { return FVSearchText::printable(te
 
 // Input that is well-formed but not acceptable: the message says why, without the whole usage.
 int refuse(const std::string& message) {
-    fmt::print(stderr, "ferrovane config: {}\n", message);
+    FVOutput::error("{}", message);
     return FVExitStatus::kUsage;
 }
 
 int fail(const std::string& message) {
-    fmt::print(stderr, "ferrovane config: {}\n", message);
+    FVOutput::error("{}", message);
     return FVExitStatus::kIncomplete;
 }
 
@@ -176,13 +175,10 @@ std::string resolved(const std::string& path) {
 void warnAboutSource(const std::string& source, const std::string& destination) {
     struct stat st {};
     if (lstat(source.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR))
-        fmt::print(stderr, "ferrovane config: warning: {} does not exist (yet); it will be skipped until it does.\n",
-                   printable(source));
+        FVOutput::warning("{} does not exist (yet); it will be skipped until it does.", printable(source));
     if (FVText::isPathWithin(destination, source) || FVText::isPathWithin(resolved(destination), resolved(source)))
-        fmt::print(stderr,
-                   "ferrovane config: warning: {} contains the destination; the destination will be left out of "
-                   "the backup.\n",
-                   printable(source));
+        FVOutput::warning("{} contains the destination; the destination will be left out of the backup.",
+                          printable(source));
 }
 
 struct Configuration {
@@ -671,20 +667,20 @@ int main(const Arguments& a) {
     FVDestinationLock lock;
     FVDestinationLock::Status locked = lock.acquire(config.destination);
     if (locked == FVDestinationLock::Status::Busy) {
-        fmt::print(stderr, "ferrovane config: the destination is in use; waiting up to {} seconds...\n",
+        FVOutput::warning("the destination is in use; waiting up to {} seconds...",
                    std::chrono::seconds(kLockWait).count());
         FVTestHook::reach("waiting-for-lock", config.destination);
         locked = lock.acquire(config.destination, kLockWait);
     }
     if (locked == FVDestinationLock::Status::Busy) {
-        fmt::print(stderr, "{}\n", FVDestinationLock::busyMessage(printable(config.destination)));
+        FVOutput::error("{}", FVDestinationLock::busyMessage(printable(config.destination)));
         return FVDestinationLock::busyExitStatus;
     }
     if (locked != FVDestinationLock::Status::Acquired) return fail(lock.reason());
     // The window converts an older destination's file when it opens it; so does the first change.
     FVConfigurationFile::convertLegacyFile(config.destination);
     if (!load(config, false, problem)) return fail(problem + "; nothing was changed");
-    for (const std::string& skipped : config.skippedItems) fmt::print(stderr, "ferrovane config: {}\n", printable(skipped));
+    for (const std::string& skipped : config.skippedItems) FVOutput::error("{}", printable(skipped));
 
     BackupSetController list;
     list.setDisableSizeEvaluation(true);
@@ -739,8 +735,7 @@ int main(const Arguments& a) {
     if (scheduleChange && !options.updateAutomations(config.destination, &error)) {
         // systemctl's own lines ("System has not been booted with systemd...") on one line.
         std::replace(error.begin(), error.end(), '\n', ' ');
-        fmt::print(stderr, "ferrovane config: the schedule is saved, but the scheduled job could not be set up: {}\n",
-                   printable(error));
+        FVOutput::error("the schedule is saved, but the scheduled job could not be set up: {}", printable(error));
         // The unit files are written before they are loaded: the user can load them by hand.
         std::vector<std::string> commands = options.manualSetupCommands();
         if (!commands.empty()) {
@@ -753,8 +748,8 @@ int main(const Arguments& a) {
     }
     if (scheduleChange && options.allOptions()->boolValue(FVOptionKey::automationEnabled) &&
         !FVLaunchAgentManager::jobsRunWhileLoggedOut())
-        fmt::print(stderr, "Note: scheduled backups run only while you are logged in, as your account does not "
-                           "linger. To run them at any time: loginctl enable-linger\n");
+        FVOutput::warning("scheduled backups run only while you are logged in, as your account does not linger. "
+                          "To run them at any time: loginctl enable-linger");
     return FVExitStatus::kOk;
 }
 

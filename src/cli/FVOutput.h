@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace ferrovane::FVOutput {
@@ -26,6 +27,11 @@ void error(fmt::format_string<Args...> format, Args&&... args) {
 template <typename... Args>
 void warning(fmt::format_string<Args...> format, Args&&... args) {
     print(stderr, "ferrovane: warning: {}\n", fmt::format(format, std::forward<Args>(args)...));
+}
+
+// An engine's error line without its "ERROR: " tag, which error() replaces with its own.
+inline std::string_view withoutErrorTag(std::string_view line) {
+    return line.starts_with("ERROR: ") ? line.substr(7) : line;
 }
 
 }  // namespace ferrovane::FVOutput

@@ -10,6 +10,7 @@
 #include "cli/FVSharedLock.h"
 
 #include "engine/FVAdditions.h"
+#include "engine/FVLog.h"
 #include "engine/FVPointInTimePlan.h"
 #include "engine/FVPointInTimeRestore.h"
 #include "engine/FVRunRecords.h"
@@ -40,16 +41,15 @@ std::optional<FVRunRecord> chosenRun(const char* command, const std::string& des
     std::string problem;
     if (!at.empty()) {
         auto run = records.resolve(at, &problem);
-        if (!run) FVOutput::print(stderr, "ferrovane {}: {}\n", command, shown(problem));
+        if (!run) FVOutput::error("{}", shown(problem));
         return run;
     }
     std::vector<FVRunRecord> runs = records.list();
     for (auto run = runs.rbegin(); run != runs.rend(); ++run)
         if (run->complete()) return *run;
-    FVOutput::print(stderr,
-                    "ferrovane {}: {} keeps no record of a complete run (made by an older version, or not run "
-                    "since); versions and restore without --at still work.\n",
-                    command, shown(destination));
+    FVOutput::error("{} keeps no record of a complete run (made by an older version, or not run since); versions "
+                    "and restore without --at still work.",
+                    shown(destination));
     return std::nullopt;
 }
 
@@ -64,7 +64,7 @@ std::optional<Opened> openNamed(const char* command, const std::string& destinat
     std::string problem;
     auto pointInTime = FVPointInTime::open(destination, run, &problem);
     if (!pointInTime) {
-        FVOutput::print(stderr, "ferrovane {}: cannot read the record of the run {}: {}\n", command, shown(run.stamp),
+        FVOutput::error("cannot read the record of the run {}: {}", shown(run.stamp),
                         shown(problem));
         return std::nullopt;
     }
@@ -73,8 +73,8 @@ std::optional<Opened> openNamed(const char* command, const std::string& destinat
     auto mirror = catalog.mirrorPath(path);
     if (!mirror) mirror = catalog.mirrorPath(FVNamedPath::resolved(path));
     if (!mirror) {
-        FVOutput::print(stderr, "ferrovane {}: {} is neither inside the destination nor below one of its sources.\n",
-                        command, shown(named));
+        FVOutput::error("{} is neither inside the destination nor below one of its sources.",
+                        shown(named));
         return std::nullopt;
     }
     return Opened{std::move(*pointInTime), std::move(*mirror)};
@@ -182,12 +182,12 @@ int listMain(const std::string& destinationArgument, const std::string& path, co
         previous = e.path;
     }, &problem);
     if (!whole) {
-        FVOutput::print(stderr, "ferrovane ls: the record of the run {} is damaged: {}\n", shown(run->stamp),
+        FVOutput::error("the record of the run {} is damaged: {}", shown(run->stamp),
                         shown(problem));
         return FVExitStatus::kIncomplete;
     }
     if (!item && !(mirror.empty() && children)) {
-        FVOutput::print(stderr, "ferrovane ls: the run {} recorded no {}.\n", shown(run->stamp), shown(path));
+        FVOutput::error("the run {} recorded no {}.", shown(run->stamp), shown(path));
         return FVExitStatus::kIncomplete;
     }
     // The destination's root, the mirror of no source when each has a folder, is shown as named.
@@ -213,7 +213,7 @@ int listMain(const std::string& destinationArgument, const std::string& path, co
     }
     if (json) FVOutput::print(stdout, "\n]}}\n");
     if (!whole) {
-        FVOutput::print(stderr, "ferrovane ls: the record of the run {} is damaged: {}\n", shown(run->stamp),
+        FVOutput::error("the record of the run {} is damaged: {}", shown(run->stamp),
                         shown(problem));
         return FVExitStatus::kIncomplete;
     }
@@ -260,8 +260,8 @@ int dryRun(const FVPointInTimePlan& plan, bool replace) {
         }
         FVOutput::print(stdout, "  {}\n", shown(*target));
     }, &problem);
-    for (const std::string& p : plan.problems()) FVOutput::print(stderr, "ERROR: {}\n", shown(p));
-    if (!whole) FVOutput::print(stderr, "ERROR: The record of the run is damaged: {}\n", shown(problem));
+    for (const std::string& p : plan.problems()) FVOutput::error("{}", shown(p));
+    if (!whole) FVOutput::error("The record of the run is damaged: {}", shown(problem));
     FVOutput::print(stdout,
                     "Dry run: {} ({}) would be restored, {} already identical, {}, {}, {} whose bytes are gone.\n",
                     FVNumber::counted(plan.fileCount() - gone, "file"),
@@ -287,19 +287,19 @@ int restoreMain(const FVRestoreCommand::RestoreArguments& a) {
     if (!opened) return FVExitStatus::kUsage;
     const std::string toFolder = a.to.empty() ? "" : FVNamedPath::resolved(FVNamedPath::absolute(a.to));
     if (!toFolder.empty() && FVText::isPathWithin(toFolder, destination)) {
-        FVOutput::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
+        FVOutput::error("{} is inside the destination; a restore never writes there.",
                         shown(a.to));
         return FVExitStatus::kUsage;
     }
     std::string problem;
     auto plan = FVPointInTimePlan::make(destination, *run, opened->mirrorPath, toFolder, &problem);
     if (!plan) {
-        FVOutput::print(stderr, "ferrovane restore: {}: {}{}.\n", shown(a.what), shown(problem),
+        FVOutput::error("{}: {}{}.", shown(a.what), shown(problem),
                         toFolder.empty() ? "; name a folder with --to" : "");
         return FVExitStatus::kIncomplete;
     }
     if (FVText::isPathWithin(plan->to(), destination)) {
-        FVOutput::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
+        FVOutput::error("{} is inside the destination; a restore never writes there.",
                         shown(plan->to()));
         return FVExitStatus::kUsage;
     }
@@ -307,9 +307,8 @@ int restoreMain(const FVRestoreCommand::RestoreArguments& a) {
         FVOutput::print(stdout, "Conflict: {} ({})\n", shown(conflict.target), conflict.reason);
     if (a.dryRun) return dryRun(*plan, a.replace);
     if (!plan->conflicts().empty() && !a.replace) {
-        FVOutput::print(stderr,
-                        "ferrovane restore: nothing was restored: {} existing items differ from the backup. "
-                        "Restore --to another folder, or add --replace to move them to the trash first.\n",
+        FVOutput::error("nothing was restored: {} existing items differ from the backup. Restore --to another "
+                        "folder, or add --replace to move them to the trash first.",
                         plan->conflicts().size());
         return FVExitStatus::kIncomplete;
     }
@@ -321,10 +320,13 @@ int restoreMain(const FVRestoreCommand::RestoreArguments& a) {
         FVRestoreProgress progress;
         summary = restore.run([&](uint64_t done, uint64_t total) { progress.update(done, total); },
                               [](const std::string& line, bool isError) {
-                                  FVOutput::print(isError ? stderr : stdout, "{}\n", shown(line));
+                                  if (isError) FVOutput::error("{}", shown(FVOutput::withoutErrorTag(line)));
+                                  else FVOutput::print(stdout, "{}\n", shown(line));
                               });
     }
     FVRestoreSignals::copyFinished();
+    if (std::string warning = FVLog::currentLog().unwrittenWarning(); !warning.empty())
+        FVOutput::warning("{}", shown(warning));
     FVOutput::print(stdout,
                     "Restore {}: {} ({}), {} already identical, {} moved aside, {}, {} whose bytes are gone.\n",
                     summary.cancelled ? "stopped" : "finished", FVNumber::counted(summary.files, "file"),

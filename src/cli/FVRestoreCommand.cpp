@@ -11,6 +11,7 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVDestinationLock.h"
+#include "engine/FVLog.h"
 #include "engine/FVRestorePlan.h"
 #include "engine/FVRestoreRun.h"
 #include "engine/FVRestoreTarget.h"
@@ -50,7 +51,7 @@ std::optional<FVVersionCatalog> openCatalog(const char* command, const std::stri
     std::string problem;
     auto catalog = FVVersionCatalog::open(resolved(absolute(destination)), &problem);
     if (!catalog)
-        FVOutput::print(stderr, "ferrovane {}: cannot use the destination {}: {}\n", command, shown(destination),
+        FVOutput::error("cannot use the destination {}: {}", shown(destination),
                    shown(problem));
     return catalog;
 }
@@ -73,7 +74,7 @@ int versionsMain(const std::string& destination, const std::string& path, bool j
     if (!catalog) return FVExitStatus::kUsage;
     // Listing changes nothing, so it goes on; but which source a mirror path belongs to is a guess.
     if (std::optional<std::string> problem = catalog->layout().validateAsSeen())
-        FVOutput::print(stderr, "ferrovane versions: warning: {}\n", shown(*problem));
+        FVOutput::warning("{}", shown(*problem));
     auto mirror = mirrorPathOrComplain(*catalog, path);
     if (!mirror) return FVExitStatus::kUsage;
     std::vector<FVItemVersion> versions = catalog->versions(*mirror);
@@ -97,7 +98,7 @@ int versionsMain(const std::string& destination, const std::string& path, bool j
                        localTime(v.modificationTime), shown(v.path));
     }
     if (versions.empty()) {
-        FVOutput::print(stderr, "ferrovane versions: the destination holds no version of {}.\n", shown(path));
+        FVOutput::error("the destination holds no version of {}.", shown(path));
         return FVExitStatus::kIncomplete;
     }
     return FVExitStatus::kOk;
@@ -112,14 +113,14 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
     const std::string& destination = catalog.destination();
     std::string toFolder = a.to.empty() ? "" : resolved(absolute(a.to));
     if (!toFolder.empty() && FVText::isPathWithin(toFolder, destination)) {
-        FVOutput::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
+        FVOutput::error("{} is inside the destination; a restore never writes there.",
                    shown(a.to));
         return std::nullopt;
     }
     std::vector<FVRestoreTarget> items;
     if (a.all) {
         if (catalog.sources().empty()) {
-            FVOutput::print(stderr, "ferrovane restore: the destination has no source to restore.\n");
+            FVOutput::error("the destination has no source to restore.");
             *status = FVExitStatus::kIncomplete;
             return std::nullopt;
         }
@@ -148,7 +149,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
                 break;
             }
         if (!chosen) {
-            FVOutput::print(stderr, "ferrovane restore: the destination holds no {} of {}.\n",
+            FVOutput::error("the destination holds no {} of {}.",
                        a.version.empty() ? "version" : "version " + shown(a.version), shown(a.what));
             *status = FVExitStatus::kIncomplete;
             return std::nullopt;
@@ -156,7 +157,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
         std::string problem;
         auto item = FVRestoreTarget::forVersion(catalog, *mirror, chosen->path, toFolder, &problem);
         if (!item) {
-            FVOutput::print(stderr, "ferrovane restore: {}: {}; name a folder with --to.\n", shown(a.what), problem);
+            FVOutput::error("{}: {}; name a folder with --to.", shown(a.what), problem);
             return std::nullopt;
         }
         items.push_back(std::move(*item));
@@ -164,13 +165,13 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
     std::vector<FVRestorePlan> plans;
     for (const FVRestoreTarget& item : items) {
         if (FVText::isPathWithin(item.to, destination)) {
-            FVOutput::print(stderr, "ferrovane restore: {} is inside the destination; a restore never writes there.\n",
+            FVOutput::error("{} is inside the destination; a restore never writes there.",
                        shown(item.to));
             return std::nullopt;
         }
         struct stat st {};
         if (int error = FVRestorePlan::examine(destination, item.from, &st)) {
-            FVOutput::print(stderr, "ferrovane restore: the destination holds no copy of {} ({}).\n", shown(item.to),
+            FVOutput::error("the destination holds no copy of {} ({}).", shown(item.to),
                             std::strerror(error));
             *status = FVExitStatus::kIncomplete;
             return std::nullopt;
@@ -191,7 +192,7 @@ std::optional<FVVersionCatalog> lockedCatalog(const std::string& destination, FV
     if (!catalog) return std::nullopt;
     // Colliding mirrors hold one source's files under another's name: nothing is restored then.
     if (std::optional<std::string> problem = catalog->layout().validateAsSeen()) {
-        FVOutput::print(stderr, "ferrovane restore: cannot use the destination {}: {}\n", shown(destination),
+        FVOutput::error("cannot use the destination {}: {}", shown(destination),
                         shown(*problem));
         return std::nullopt;
     }
@@ -224,7 +225,7 @@ int restoreMain(const RestoreArguments& arguments) {
         for (const FVRestorePlan& plan : *plans) {
             FVOutput::print(stdout, "Would restore {} to {}\n", shown(plan.from()), shown(plan.to()));
             for (const auto& [from, to] : plan.pairs()) FVOutput::print(stdout, "  {}\n", shown(to->path()));
-            for (const std::string& problem : plan.problems()) FVOutput::print(stderr, "ERROR: {}\n", shown(problem));
+            for (const std::string& problem : plan.problems()) FVOutput::error("{}", shown(problem));
         }
         FVOutput::print(stdout, "Dry run: {} ({}) would be restored, {} already identical, {}, {}.\n",
                         FVNumber::counted(files, "file"), FVNumber::formattedDiskSizeString(static_cast<double>(bytes)),
@@ -232,9 +233,8 @@ int restoreMain(const RestoreArguments& arguments) {
         return (conflicts && !arguments.replace) || problems ? FVExitStatus::kIncomplete : FVExitStatus::kOk;
     }
     if (conflicts && !arguments.replace) {
-        FVOutput::print(stderr,
-                   "ferrovane restore: nothing was restored: {} existing items differ from the backup. "
-                   "Restore --to another folder, or add --replace to move them to the trash first.\n",
+        FVOutput::error("nothing was restored: {} existing items differ from the backup. Restore --to another "
+                        "folder, or add --replace to move them to the trash first.",
                    conflicts);
         return FVExitStatus::kIncomplete;
     }
@@ -247,10 +247,13 @@ int restoreMain(const RestoreArguments& arguments) {
         summary = run.run(
             catalog->destination(), [&](uint64_t done, uint64_t total) { progress.update(done, total); },
             [](const std::string& line, bool isError) {
-                FVOutput::print(isError ? stderr : stdout, "{}\n", shown(line));
+                if (isError) FVOutput::error("{}", shown(FVOutput::withoutErrorTag(line)));
+                else FVOutput::print(stdout, "{}\n", shown(line));
             });
     }
     FVRestoreSignals::copyFinished();
+    if (std::string warning = FVLog::currentLog().unwrittenWarning(); !warning.empty())
+        FVOutput::warning("{}", shown(warning));
     FVOutput::print(stdout, "Restore {}: {} ({}), {} already identical, {} moved aside, {}.\n",
                     summary.cancelled ? "stopped" : "finished", FVNumber::counted(summary.files, "file"),
                     FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), identical,

@@ -1,5 +1,6 @@
 #include "cli/FVRunAttempt.h"
 
+#include "cli/FVOutput.h"
 #include "engine/FVRunRecords.h"
 #include "scheduling/FVOverdueNotifier.h"
 #include "search/FVSearchText.h"
@@ -49,7 +50,7 @@ void FVRunAttempt::record(FVJobOutcome outcome, const std::string& message) {
     std::string error;
     FVJobAttempt attempt{std::time(nullptr), trigger_, outcome, oneLine(message)};
     if (!store_.record(uuid_, destination_, attempt, overdueDays_, &error))
-        std::fprintf(stderr, "Warning: the outcome of this run could not be kept for the schedule: %s\n", error.c_str());
+        FVOutput::warning("the outcome of this run could not be kept for the schedule: {}", error);
     // A run nobody watched is where the user learns that backups have stopped.
     else if (startedByItself())
         FVOverdueNotifier::noticeIfOverdue(uuid_);

@@ -1,5 +1,6 @@
 #include "cli/FVRunSignals.h"
 
+#include "fs/FVTestHook.h"
 #include "platform/FVCancellingSignals.h"
 
 #include <pthread.h>
@@ -21,7 +22,9 @@ void listen(std::function<void(int signal)> onSignal) {
         const sigset_t set = FVCancellingSignals::set();
         for (;;) {
             int signal = 0;
-            if (sigwait(&set, &signal) == 0) onSignal(signal);
+            if (sigwait(&set, &signal) != 0) continue;
+            onSignal(signal);
+            FVTestHook::reach("signal-taken");
         }
     }).detach();
 }

@@ -2,6 +2,7 @@
 
 #include "cli/FVArchiveRuns.h"
 #include "cli/FVExitStatus.h"
+#include "cli/FVOutput.h"
 #include "cli/FVJsonText.h"
 #include "cli/FVOverdueJson.h"
 #include "cli/FVSourceResults.h"
@@ -113,7 +114,7 @@ void printJson(const std::string& destination, const std::optional<FVOverdueNoti
 }
 
 int cannotRead(const std::string& what, const std::string& why) {
-    fmt::print(stderr, "ferrovane runs: cannot read {}: {}\n", shown(what), shown(why));
+    FVOutput::error("cannot read {}: {}", shown(what), shown(why));
     return FVExitStatus::kIncomplete;
 }
 
@@ -140,7 +141,7 @@ int main(const std::string& destinationArgument, bool json) {
     if (json) printJson(destination, overdue, records, archives, items);
     else printText(destination, overdue, records, archives, items);
     for (const std::string& problem : archives.problems())
-        fmt::print(stderr, "ferrovane runs: cannot read {}; the runs hold more than is listed.\n", shown(problem));
+        FVOutput::error("cannot read {}; the runs hold more than is listed.", shown(problem));
     return archives.problems().empty() ? FVExitStatus::kOk : FVExitStatus::kIncomplete;
 }
 

@@ -1,6 +1,7 @@
 #include "cli/FVSearchCommand.h"
 
 #include "cli/FVExitStatus.h"
+#include "cli/FVOutput.h"
 #include "cli/FVJsonText.h"
 
 #include "engine/FVMainQueue.h"
@@ -41,7 +42,7 @@ std::string modifiedTime(const std::string& path) {
 int main(const std::string& destination, const std::string& text, bool json) {
     DIR* folder = opendir(destination.c_str());
     if (!folder) {
-        fmt::print(stderr, "ferrovane search: cannot read the destination {}: {}\n",
+        FVOutput::error("cannot read the destination {}: {}",
                    FVSearchText::printable(destination), std::strerror(errno));
         return FVExitStatus::kUsage;
     }
@@ -54,13 +55,13 @@ int main(const std::string& destination, const std::string& text, bool json) {
     search->setSearchFolderPath(destination);
     search->searchFieldChanged(text);
     if (!search->isSearching()) {
-        fmt::print(stderr, "ferrovane search: the search text needs at least {} bytes.\n",
+        FVOutput::error("the search text needs at least {} bytes.",
                    FVDestinationSearch::kMinimumSearchTextLength);
         return FVExitStatus::kUsage;
     }
     loop.run();
     for (const std::string& warning : search->warnings())
-        fmt::print(stderr, "ferrovane search: warning: {}\n", FVSearchText::printable(warning));
+        FVOutput::warning("{}", FVSearchText::printable(warning));
 
     const auto& results = search->searchResults();
     if (json)
@@ -89,7 +90,7 @@ int main(const std::string& destination, const std::string& text, bool json) {
         }
     }
     if (search->reachedMatchLimit())
-        fmt::print(stderr, "ferrovane search: stopped after {} matches; a longer text finds fewer.\n",
+        FVOutput::warning("stopped after {} matches; a longer text finds fewer.",
                    FVDestinationSearch::kMaximumMatchCount);
     if (results.empty()) {
         fmt::print(stderr, "ferrovane search: no file name in {} contains \"{}\".\n",

@@ -8,12 +8,11 @@ namespace ferrovane::FVSharedLock {
 bool acquire(const char* command, const std::string& destination, FVDestinationLock& lock, int* status) {
     switch (lock.acquire(destination, FVDestinationLock::Mode::Shared)) {
     case FVDestinationLock::Status::Busy:
-        FVOutput::print(stderr, "{}\n", FVSearchText::printable(FVDestinationLock::busyMessage(destination)));
+        FVOutput::error("{}", FVSearchText::printable(FVDestinationLock::busyMessage(destination)));
         *status = FVDestinationLock::busyExitStatus;
         return false;
     case FVDestinationLock::Status::Failed:
-        FVOutput::print(stderr, "ferrovane {}: cannot make sure that no run uses the destination ({}).\n", command,
-                        FVSearchText::printable(lock.reason()));
+        FVOutput::error("cannot make sure that no run uses the destination ({}).", FVSearchText::printable(lock.reason()));
         *status = 1;
         return false;
     case FVDestinationLock::Status::Acquired:

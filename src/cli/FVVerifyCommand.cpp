@@ -6,6 +6,7 @@
 #include "cli/FVProgressLine.h"
 #include "cli/FVRunSignals.h"
 #include "engine/FVDestinationLock.h"
+#include "engine/FVLog.h"
 #include "engine/FVVerification.h"
 #include "search/FVSearchText.h"
 
@@ -76,6 +77,8 @@ int main(const Arguments& arguments) {
     activeVerification.store(&verification);
     if (cancellingSignal.load()) verification.cancel();
     FVVerificationSummary summary = verification.run();
+    if (std::string warning = FVLog::currentLog().unwrittenWarning(); !warning.empty())
+        FVOutput::warning("{}", shown(warning));
     activeVerification.store(nullptr);
     progress.finish();
 
@@ -97,15 +100,15 @@ int main(const Arguments& arguments) {
         if (!arguments.json) FVOutput::print(stdout, "Verify: {}\n", shown(line));
         return FVExitStatus::kIncomplete;
     case FVVerificationSummary::Status::Cancelled:
-        FVOutput::print(stderr, "ferrovane verify: {}\n", shown(line));
+        FVOutput::error("{}", shown(line));
         return FVExitStatus::interrupted(cancellingSignal.load());
     case FVVerificationSummary::Status::Busy:
-        FVOutput::print(stderr, "{}\n", shown(line));
+        FVOutput::error("{}", shown(line));
         return FVDestinationLock::busyExitStatus;
     case FVVerificationSummary::Status::CannotRun:
         break;
     }
-    FVOutput::print(stderr, "ferrovane verify: cannot verify {}: {}\n", shown(arguments.destination), shown(line));
+    FVOutput::error("cannot verify {}: {}", shown(arguments.destination), shown(line));
     return FVExitStatus::kRunFailed;
 }
 

@@ -96,8 +96,11 @@ void FVBackupSession::start() {
         return refuse(FVDestinationFailure(probe.problemError(), "probing", destinationPath_).message().substr(7));
     if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
 
-    if (!sleepInhibitor_.acquire("Ferrovane is syncing files."))
+    sleepProblem_.clear();
+    if (!sleepInhibitor_.acquire("Ferrovane is syncing files.")) {
         FVSystemLog::error("FVBackupSession", "Sleep prevention failed...");
+        sleepProblem_ = sleepInhibitor_.problem();
+    }
     setTaskDescription("");
     shouldPerformCleanup_ = FVFileManager::pathContainsUserFilePaths(destinationPath_);
     enabledItems_.clear();
@@ -106,6 +109,7 @@ void FVBackupSession::start() {
     sessionTaskCount_ = enabledItems_.size() + (shouldPerformCleanup_ ? 1 : 0);
 
     settings.archiveFolderName = unusedArchiveStamp(layout);
+    FVLog::currentLog().setRunContext(destinationPath_, settings.archiveFolderName);
     for (const FVSourceItemPtr& item : enabledItems_) settings.recordedSources.push_back(item->sourcePath());
     // A clone of "/" (also a disabled one, which may be enabled again) keeps the destination's own files.
     for (const FVSourceItemPtr& item : backupSet_)
@@ -283,6 +287,7 @@ void FVBackupSession::finish() {
 void FVBackupSession::refuse(const std::string& problem) {
     refusal_ = problem;
     FVLog& log = FVLog::currentLog();
+    log.setRunContext(destinationPath_, "");
     log.newLog();
     log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
     log.addLogLine("ERROR: " + problem);
@@ -341,6 +346,15 @@ std::vector<std::string> FVBackupSession::warnings() const {
     std::vector<std::string> warnings = job ? job->warnings() : std::vector<std::string>();
     warnings.insert(warnings.end(), hooks_.warnings().begin(), hooks_.warnings().end());
     return warnings;
+}
+
+std::vector<std::string> FVBackupSession::environmentWarnings() const {
+    std::vector<std::string> out;
+    if (!sleepProblem_.empty())
+        out.push_back(fmt::format("the computer may go to sleep during the run: sleep prevention is not available ({})",
+                                  sleepProblem_));
+    if (std::string warning = FVLog::currentLog().unwrittenWarning(); !warning.empty()) out.push_back(warning);
+    return out;
 }
 
 std::vector<std::string> FVBackupSession::notes() const {

@@ -77,6 +77,9 @@ public:
     // What the user should know that is neither an error nor a note (see FVSyncingBackup::warnings):
     // a run with warnings did not finish successfully.
     std::vector<std::string> warnings() const;
+    // What the machine around the run lacks, once each (no sleep prevention, no log file): the
+    // run is not worse for it, and its outcome does not change. Read once the session has ended.
+    std::vector<std::string> environmentWarnings() const;
     uint64_t sessionTotalBytesCopied() const;
     std::string currentTaskDescription() const;
     bool shouldPerformCleanup() const { return shouldPerformCleanup_; }
@@ -169,6 +172,7 @@ private:
     std::string currentTaskDescription_;
 
     FVSleepInhibitor sleepInhibitor_;
+    std::string sleepProblem_;
     std::unique_ptr<FVSyncingBackup> syncingBackup_;
     // The job for the front ends' threads, published once it exists.
     std::atomic<FVSyncingBackup*> job_{nullptr};

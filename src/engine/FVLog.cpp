@@ -1,7 +1,9 @@
 #include "engine/FVLog.h"
 
 #include "engine/FVAdditions.h"
+#include "engine/FVLogRotation.h"
 #include "platform/FVHomeDirectory.h"
+#include "platform/FVJournalSink.h"
 #include "platform/FVSystemLog.h"
 
 #include <fcntl.h>
@@ -12,6 +14,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <mutex>
 
@@ -21,6 +24,8 @@ namespace {
 
 constexpr const char* kClassName = "FVLog";
 constexpr const char* kLogName = "Ferrovane.log";
+// Root's log, which the package's logrotate rule keeps.
+constexpr const char* kSystemLogPath = "/var/log/Ferrovane.log";
 
 }  // namespace
 
@@ -31,7 +36,7 @@ std::string FVLog::logFilePath() {
         std::filesystem::path folder = *path == '/' ? std::filesystem::path() : std::filesystem::current_path(error);
         return folder.empty() ? std::string(path) : (folder / path).string();
     }
-    if (geteuid() == 0) return std::string("/var/log/") + kLogName;
+    if (geteuid() == 0) return kSystemLogPath;
     std::string state;
     if (const char* xdg = std::getenv("XDG_STATE_HOME"); xdg && *xdg == '/') state = xdg;
     else state = homeDirectory() + "/.local/state";
@@ -50,16 +55,41 @@ std::string FVLog::logPath() const {
     return logPath_;
 }
 
+std::string FVLog::openProblem() const {
+    std::shared_lock lock(mutex_);
+    return openProblem_;
+}
+
+std::string FVLog::unwrittenWarning() const {
+    std::shared_lock lock(mutex_);
+    if (openProblem_.empty()) return {};
+    return fmt::format("the run log could not be written ({}); its lines went to the {}. Set FERROVANE_LOG_FILE "
+                       "to a file you can write to keep them there",
+                       openProblem_, journal_ ? "journal" : "system log");
+}
+
+void FVLog::setRunContext(std::string destination, std::string runStamp) {
+    std::unique_lock lock(mutex_);
+    destination_ = std::move(destination);
+    runStamp_ = std::move(runStamp);
+}
+
 void FVLog::newLog() {
     std::unique_lock lock(mutex_);
     closeLocked();
     logPath_ = logFilePath();
+    openProblem_.clear();
+    journal_ = FVJournalSink::connected();
+    if (logPath_ != kSystemLogPath)
+        if (std::string problem = FVLogRotation::rotateIfLarger(logPath_); !problem.empty())
+            FVSystemLog::error(kClassName, problem);
     struct stat st {};
     if (lstat(logPath_.c_str(), &st) != 0) {
         std::error_code ignored;
         std::filesystem::create_directories(std::filesystem::path(logPath_).parent_path(), ignored);
         int created = open(logPath_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
         if (created < 0) {
+            openProblem_ = fmt::format("cannot create {}: {}", logPath_, std::strerror(errno));
             FVSystemLog::error(kClassName, "Cannot create logfile: " + logPath_);
             return;
         }
@@ -67,6 +97,7 @@ void FVLog::newLog() {
     }
     int fd = open(logPath_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
     if (fd < 0) {
+        openProblem_ = fmt::format("cannot open {}: {}", logPath_, std::strerror(errno));
         FVSystemLog::error(kClassName, "Cannot open logfile: " + logPath_);
         return;
     }
@@ -86,7 +117,9 @@ void FVLog::addLogLine(std::string_view line) {
     bool failed = false;
     {
         std::shared_lock lock(mutex_);
+        const bool journaled = journal_ && FVJournalSink::send(FVJournalSink::fields(line, destination_, runStamp_));
         int fd = fd_.load();
+        if (fd < 0 && journaled) return;
         if (fd < 0) {
             FVSystemLog::error(kClassName, "No logfile: " + std::string(line));
             return;
@@ -108,6 +141,8 @@ void FVLog::closeLog() {
     std::unique_lock lock(mutex_);
     closeLocked();
     logPath_.clear();
+    destination_.clear();
+    runStamp_.clear();
 }
 
 void FVLog::closeLocked() {

@@ -5,6 +5,7 @@
 #include "engine/FVPointInTime.h"
 #include "engine/FVVersionCatalog.h"
 #include "fs/FVDirectoryWalker.h"
+#include "fs/FVTestHook.h"
 #include "manifest/FVManifestReader.h"
 #include "manifest/FVPathKey.h"
 
@@ -87,6 +88,7 @@ void FVVerificationPass::checked(const FVVerificationReaders::Job& job, const st
     else if (digest && *digest != job.expected)
         report(job.isSource ? Kind::SourceDiffers : Kind::Damaged, job.reported,
                fmt::format("read {}, recorded {}", digest->hex(), job.expected.hex()));
+    FVTestHook::reach("file-verified", job.reported);
     tick(false);
 }
 

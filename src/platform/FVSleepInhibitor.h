@@ -13,12 +13,15 @@ public:
     FVSleepInhibitor(const FVSleepInhibitor&) = delete;
     FVSleepInhibitor& operator=(const FVSleepInhibitor&) = delete;
 
-    // Takes the lock; false when there is no system bus or logind refuses.
+    // Takes the lock; false when there is no system bus or logind refuses, and problem() says which.
     bool acquire(const std::string& why);
     void release();
+    // Why the last acquire failed; empty after one that succeeded. Read on the acquiring thread.
+    const std::string& problem() const { return problem_; }
 
 private:
     std::atomic<int> fd_{-1};
+    std::string problem_;
 };
 
 }  // namespace ferrovane

@@ -1,6 +1,7 @@
 #pragma once
 // The process's own diagnostic channel, for internal problems that are not part of a run's
-// account: syslog(3) and standard error.
+// account: syslog(3) only (the journal under systemd). What the user must see on the terminal
+// the front ends print themselves, in their own form.
 
 #include <string_view>
 
@@ -8,9 +9,7 @@ namespace ferrovane::FVSystemLog {
 
 // Writes "ERROR: <className>: <message>" (the conventional form of internal errors).
 void error(std::string_view className, std::string_view message);
-// Writes the text as it is.
-void write(std::string_view text);
-// Only to syslog, as a warning: for the user's attention where standard output already tells it.
+// Writes the text as it is, as a warning.
 void warning(std::string_view text);
 
 }  // namespace ferrovane::FVSystemLog

@@ -68,7 +68,7 @@ TEST_F(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
 
     ProcessResult missing = config({"add", "/home/me/Documents/"});
     EXPECT_EQ(missing.exitStatus, 0);
-    EXPECT_EQ(missing.err, "ferrovane config: warning: /home/me/Documents does not exist (yet); it will be skipped "
+    EXPECT_EQ(missing.err, "ferrovane: warning: /home/me/Documents does not exist (yet); it will be skipped "
                            "until it does.\n");
     ProcessResult containing = config({"add", dir.path()});
     EXPECT_EQ(containing.exitStatus, 0);
@@ -161,7 +161,7 @@ TEST_F(ConfigCommand, BadInputIsRefusedAndNothingIsWritten) {
         std::string shown;
         for (const auto& a : args) shown += a + " ";
         EXPECT_EQ(result.exitStatus, 2) << shown;
-        EXPECT_NE(result.err.find("ferrovane config: "), std::string::npos) << shown << result.err;
+        EXPECT_NE(result.err.find("ferrovane: error: "), std::string::npos) << shown << result.err;
     }
     EXPECT_EQ(settingsBytes(), before);
     EXPECT_NE(config({"add", "/other/data"}).err.find("/data and /other/data would both be mirrored"), std::string::npos);
@@ -402,7 +402,7 @@ TEST_F(ConfigCommand, AChangeWaitsForTheRunningBackupAndASecondRunIsRefused) {
     ProcessResult run = runProcess({FERROVANE_EXECUTABLE, destination, "-noUserNotifications"},
                                    {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()}}, 30);
     EXPECT_EQ(run.exitStatus, 75);
-    EXPECT_EQ(run.err, "Another Ferrovane run is using this destination: " + destination +
+    EXPECT_EQ(run.err, "ferrovane: error: Another Ferrovane run is using this destination: " + destination +
                            ". Try again when it has finished.\n");
 
     // The lock goes once the change is waiting for it.

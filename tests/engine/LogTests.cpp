@@ -2,10 +2,16 @@
 
 #include "engine/FVAdditions.h"
 #include "engine/FVLog.h"
+#include "engine/FVLogRotation.h"
 #include "engine/FVStrings.h"
+#include "platform/FVJournalSink.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <set>
@@ -91,6 +97,64 @@ TEST_F(LogTest, LinesFromManyThreadsNeverInterleave) {
         seen.insert(line.substr(pos));
     }
     EXPECT_EQ(seen.size(), 4000u);
+}
+
+TEST_F(LogTest, ALogAboveItsCapIsRotatedAtTheNextRunWithoutLosingALine) {
+    const std::string path = dir / "logs/Ferrovane.log";
+    FVLog& log = FVLog::currentLog();
+    log.newLog();
+    log.closeLog();
+    // Just above the cap, ending in the last lines of earlier runs.
+    ASSERT_EQ(truncate(path.c_str(), FVLogRotation::kCapBytes), 0);
+    writeFile(path + ".1", "generation one\n");
+    writeFile(path + ".2", "generation two\n");
+    writeFile(path + ".3", "oldest, dropped\n");
+    int earlierRun = open(path.c_str(), O_WRONLY | O_APPEND);
+    ASSERT_GE(earlierRun, 0);
+    ASSERT_EQ(write(earlierRun, "end of an earlier run\n", 22), 22);
+
+    log.newLog();
+    // A run that started before the rotation goes on writing into the old file.
+    ASSERT_EQ(write(earlierRun, "still running\n", 14), 14);
+    close(earlierRun);
+    log.addLogLine("the new run");
+    log.closeLog();
+
+    const std::string old = readFile(path + ".1");
+    EXPECT_EQ(old.size(), FVLogRotation::kCapBytes + 22 + 14);
+    EXPECT_EQ(old.substr(old.size() - 36), "end of an earlier run\nstill running\n");
+    EXPECT_EQ(readFile(path + ".2"), "generation one\n");
+    EXPECT_EQ(readFile(path + ".3"), "generation two\n") << "three generations are kept";
+    ASSERT_EQ(lines().size(), 1u);
+    EXPECT_NE(lines()[0].find(": the new run"), std::string::npos);
+
+    // Runs that start at once rotate it once: none moves a generation the other just made.
+    writeFile(path, std::string(100, 'x'));
+    std::vector<std::thread> runs;
+    for (int i = 0; i < 8; ++i) runs.emplace_back([&] { EXPECT_EQ(FVLogRotation::rotateIfLarger(path, 50), ""); });
+    for (auto& run : runs) run.join();
+    EXPECT_EQ(readFile(path + ".1"), std::string(100, 'x'));
+    EXPECT_EQ(readFile(path + ".2").size(), old.size());
+}
+
+TEST(JournalSink, EntriesCarryTheDestinationTheRunAndAPriorityAndOnlyUnderSystemd) {
+    using Fields = std::vector<std::string>;
+    EXPECT_EQ(FVJournalSink::fields("ERROR: Copy failed: /a\n", "/media/x", "2026-11-24 09.00.00 +0000"),
+              (Fields{"MESSAGE=ERROR: Copy failed: /a", "PRIORITY=3", "SYSLOG_IDENTIFIER=ferrovane",
+                      "FERROVANE_DESTINATION=/media/x", "FERROVANE_RUN_STAMP=2026-11-24 09.00.00 +0000"}));
+    EXPECT_EQ(FVJournalSink::fields("Sync finished (Duration: 1 s).\n", "/media/x", ""),
+              (Fields{"MESSAGE=Sync finished (Duration: 1 s).", "PRIORITY=6", "SYSLOG_IDENTIFIER=ferrovane",
+                      "FERROVANE_DESTINATION=/media/x"}));
+
+    // systemd names the stream it connected; a program started from there on a terminal is not on it.
+    struct stat st {};
+    ASSERT_EQ(fstat(STDERR_FILENO, &st), 0);
+    setenv("JOURNAL_STREAM", (std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino)).c_str(), 1);
+    EXPECT_TRUE(FVJournalSink::connected());
+    setenv("JOURNAL_STREAM", (std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino + 1)).c_str(), 1);
+    EXPECT_FALSE(FVJournalSink::connected());
+    unsetenv("JOURNAL_STREAM");
+    EXPECT_FALSE(FVJournalSink::connected());
 }
 
 TEST(Formatting, DiskSizesUseDecimalUnitsAndCountsTheirPlurals) {

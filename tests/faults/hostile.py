@@ -125,7 +125,7 @@ def run(ferrovane, work):
         # and the second run finds nothing to do.
         for attempt in ("first", "second"):
             r = ferrovane.run(destination)
-            expect(r.returncode == 0 and b"Backup errors" not in r.stdout + r.stderr, f"{attempt} run: {tail(r)}")
+            expect(r.returncode == 0 and b"ferrovane: error:" not in r.stdout + r.stderr, f"{attempt} run: {tail(r)}")
             mirror = os.path.join(destination, SOURCE_NAME)
             expect_mirror(source, mirror, excluded=[DEEP[0]])  # rsync stops at PATH_MAX
             expect_same_deep_tree(source, mirror)

@@ -159,11 +159,12 @@ def checked(ferrovane, placement, items, destination, case_insensitive=False):
     if named is not None:
         expect(r.returncode == 255, f"not refused (exit {r.returncode}): {tail(r)}")
         expect(b"Sync finished" not in said, "the run said it finished")
-        errors = r.stderr.split(b"Backup errors:\n", 1)
-        expect(len(errors) == 2 and errors[1].count(b"\n") == 1, f"not one message: {r.stderr[-600:]}")
-        expect(any(all(name.encode() in errors[1] for name in violation) for violation in named),
-               f"the message names none of the violations {named}: {errors[1]}")
-        expect(errors[1].strip() in log_since(ferrovane, offset), "the message is not in the log")
+        errors = [line for line in r.stderr.split(b"\n") if line.startswith(b"ferrovane: error: ")]
+        expect(len(errors) == 1, f"not one message: {r.stderr[-600:]}")
+        message = errors[0][len(b"ferrovane: error: "):]
+        expect(any(all(name.encode() in message for name in violation) for violation in named),
+               f"the message names none of the violations {named}: {message}")
+        expect(message.strip() in log_since(ferrovane, offset), "the message is not in the log")
         expect(tree_state(destination) == before_tree, "the destination changed")
         return
     expect(r.returncode == 0, f"a list that is fine was not backed up (exit {r.returncode}): {tail(r)}")

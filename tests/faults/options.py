@@ -25,7 +25,7 @@ WRONG_FOR_PATTERNS = {"string": "*.tmp", "unclosed [": ["*.o", "[bad"], "number 
                       "negation": ["!keep.o"]}
 OLD_STAMP = "2001-01-01 00.00.00 +0000"
 CACHE_TAG = b"Signature: 8a477f597d28d172789f06886806bc55"
-UNREADABLE = b"Failed to read destination configuration file"
+UNREADABLE = b"ferrovane: error: cannot use "
 
 
 def tree_state(root):

@@ -18,7 +18,7 @@ TREE = {b"a.txt": ("file", 3000, 1), b"b.txt": ("file", 10, 2), b"c.txt": ("file
         b"sub": ("dir",), b"sub/d.txt": ("file", 5000, 4), b"sub/e.txt": ("file", 60, 5),
         b"sub/f.txt": ("file", 1, 6), b"gone": ("dir",), b"gone/g.txt": ("file", 70, 7), b"empty": ("dir",),
         b"private": ("dir",), b"private/key": ("file", 33, 8), b"link": ("link", b"a.txt")}
-GONE = b"not restored: bytes gone: "
+GONE = b"ferrovane: error: not restored: bytes gone: "
 
 
 def write(path, data):
