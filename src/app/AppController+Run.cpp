@@ -385,6 +385,9 @@ void AppController::handleFinish() {
 }
 
 void AppController::finishRunAndMaybeClose() {
+    // The ended session still holds the destination's folders open: the disk must be free to
+    // eject while the window idles.
+    backupSession_.reset();
     emit runEnded();
     if (closeAfterRun_) window_->close();
 }

@@ -87,6 +87,18 @@ PlistDict readSettingsOf(const std::string& destination) {
     return read.status == FVConfigurationReadStatus::Ok ? *read.configuration.settings : PlistDict{};
 }
 
+// What this process holds open on or below path: nothing may keep a destination busy while idle.
+QStringList descriptorsUnder(const std::string& path) {
+    QStringList held;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        const std::string target = fs::read_symlink(entry.path(), error).string();
+        if (!error && (target == path || target.rfind(path + "/", 0) == 0))
+            held << QString::fromStdString(entry.path().filename().string() + " -> " + target);
+    }
+    return held;
+}
+
 std::vector<FVSourceItemPtr> readSourcesOf(const std::string& destination) {
     return FVConfigurationFile::read(FVConfigurationFile::currentPath(destination)).configuration.sources;
 }
@@ -350,6 +362,7 @@ private slots:
 
         QVERIFY(cover()->message().startsWith(text("viewbackupfinished").section('{', 0, 0)));
         QVERIFY(!openDialog(app_->window()) && app_->window()->targetPopup()->isEnabled());
+        QCOMPARE(descriptorsUnder(destination).join(" | "), QString());
         // Written back: the folder and its three files.
         QCOMPARE(readSourcesOf(destination)[0]->integerValue(FVSourceKey::updatedFilesCount), 4);
         // The outcome at a glance, in the row and under the list.
@@ -405,6 +418,7 @@ private slots:
             QCOMPARE(ferrovane::test::readFile(restored + "/file2"), answer[0] == 'c' ? "mine" : std::string(3000, 'x'));
         }
         QCOMPARE(ferrovane::test::readFile(*home_ / "data/Trash/files/file2"), "mine");
+        QCOMPARE(descriptorsUnder(destination).join(" | "), QString());
     }
 
     void aFolderComesBackAsTheOlderRunRecordedItFromTheBrowserAndFromItsArchivedVersion() {
@@ -453,6 +467,7 @@ private slots:
         restoreInto(makeDir("fromSearch"));
         awaitDialog("restoreOutcome")->accept();
         QCOMPARE(ferrovane::test::treeDigest(*work_ / "fromSearch/Projects"), asFirstRecorded);
+        QCOMPARE(descriptorsUnder(destination).join(" | "), QString());
     }
 
     void verifySheetListsWhatDiffersFromTheRecord() {
@@ -472,6 +487,7 @@ private slots:
         QCOMPARE(sheet->findings()->topLevelItem(0)->text(1), QString::fromStdString(destination + "/Docs/notes.txt"));
         QVERIFY(sheet->outcome()->text().endsWith(": 1 damaged"));
         sheet->reject();
+        QCOMPARE(descriptorsUnder(destination).join(" | "), QString());
     }
 
     void aRunWithErrorsStaysVisibleAndOffersToEmptyAConfirmedSource() {
