@@ -272,8 +272,6 @@ void AppController::handleCancel() {
     window_->progressView()->setProgress(0);
     cover->setProgress(-1);
     cover->clearMessages();
-    // Rather than an empty cover until the alert is dismissed.
-    cover->setMessage(localized("viewbackupcancelled"));
     window_->startButton()->setText(localized("syncbutton"));
     window_->startButton()->setEnabled(true);
     setDestinationControlsEnabled(true);
@@ -284,29 +282,39 @@ void AppController::handleCancel() {
     const long long copied = job ? job->currentUpdateCount() : 0;
     // Nobody stopped a run that could not fit: it says why, and the schedule knows the disk is full.
     const bool noRoom = backupSession_->stoppedForSpace();
-    recordRunOutcome(FVRunOutcome::State::Stopped, errors);
-    if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, backupSession_->refusal());
+    const std::string refusal = backupSession_->refusal();
+    const std::string disk = FVText::lastPathComponent(currentTargetPath_);
+    // Rather than an empty cover until the alert is dismissed.
+    cover->setMessage(noRoom ? QString::fromStdString(refusal) : localized("viewbackupcancelled"));
+    recordRunOutcome(noRoom ? FVRunOutcome::State::NoRoom : FVRunOutcome::State::Stopped, errors);
+    if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, refusal);
     else recordJobAttempt(FVJobOutcome::Stopped, "stopped in the window");
     updateScheduleState();
-    FVUserNotification notification{"Sync canceled: " + FVText::lastPathComponent(currentTargetPath_), "", ""};
-    if (noRoom) {
-        notification = {"Backup not started: not enough room on " + FVText::lastPathComponent(currentTargetPath_), "",
-                        backupSession_->refusal(), false, true};
-        cover->setMessage(QString::fromStdString(backupSession_->refusal()));
-    } else if (!errors.empty()) {
+    FVUserNotification notification{"Sync canceled: " + disk, "", ""};
+    if (noRoom)
+        notification = {"Backup not started: not enough room on " + disk, "", refusal, false, true};
+    else if (!errors.empty())
         notification.subtitle = fmt::format("{} Errors occurred, please check log.", errors.size());
-    }
     notifyUnlessActive(notification);
 
     backupIsRunning_ = false;
     cancelling_ = false;
     runLock_.release();
     resumeSizeEvaluation();
+    updateSizeDisplay();
     if (closeAfterRun_) {
         finishRunAndMaybeClose();
         return;
     }
-    if (!errors.empty()) {
+    if (noRoom) {
+        // What the check found, not the errors of a run that never began: any others stay
+        // behind Show Errors….
+        QMessageBox* box = FVAlert::show(window_.get(), "noroomalert", "noroomalertlong", QMessageBox::Warning,
+                                         [this] { window_->coverView()->openView(); });
+        box->setText(localizedFormat("noroomalert", disk));
+        box->setInformativeText(QString::fromStdString(refusal) + "\n\n" + localized("noroomalertlong"));
+        box->raise();
+    } else if (!errors.empty()) {
         showErrorPanel(errors);
     } else {
         // The run has already stopped: this tells what is left, it asks nothing.

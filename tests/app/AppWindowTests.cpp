@@ -674,9 +674,14 @@ private slots:
         QVERIFY(ended.wait(kPatience));
         QVERIFY2(cover()->message().startsWith("Not enough room on "), qPrintable(cover()->message()));
         QVERIFY(store.read(uuid)->lastAttempt->outcome == FVJobOutcome::NoSpace);
-        auto* panel = app_->window()->findChild<FVErrorPanel*>();
-        QVERIFY(panel && panel->text().contains("Not enough room"));
-        panel->accept();
+        QMessageBox* noRoom = awaitDialog("alert-noroomalert");
+        QCOMPARE(noRoom->text(), QString("Not enough room on “Disk”"));
+        QVERIFY(noRoom->informativeText().startsWith(QString::fromStdString("Not enough room on " + destination + ": ")));
+        QCOMPARE(app_->runOutcome().state(), FVRunOutcome::State::NoRoom);
+        for (const QString& shown : {app_->window()->lastRunLine()->text(), cell(0, FVSourceListModel::LastRunColumn)})
+            QVERIFY2(!shown.contains("stopped") && !shown.isEmpty(), qPrintable(shown));
+        QVERIFY(app_->window()->lastRunLine()->text().endsWith("not started: not enough room on the disk"));
+        noRoom->accept();
         app_->optionsPanelController().allOptions()->set(FVOptionKey::keepFreeSpaceMB, int64_t{0});
 
         // Its Back Up Now runs; the good run ends the notice and is kept as the window's.
