@@ -84,6 +84,11 @@ bool AppController::passesStartChecks() {
     for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
         if (item->enabled() == int64_t(FVSourceMode::Backup)) paths.push_back(item->sourcePath());
 
+    if (!presence_.isPresent()) {
+        FVAlert::show(window_.get(), "backupnotfound", "backupnotfoundlong")->raise();
+        destinationWentAway();
+        return false;
+    }
     if (access(currentTargetPath_.c_str(), R_OK) != 0 || access(currentTargetPath_.c_str(), W_OK) != 0) {
         QMessageBox* box = FVAlert::show(window_.get(), "backupnotfound", "backupnotfoundlong");
         box->raise();
@@ -218,6 +223,7 @@ void AppController::showLastRunErrors() {
 }
 
 void AppController::confirmEmptiedSource(const QString& sourcePath) {
+    if (refusedWhileAway()) return;
     FVSourceItemPtr source;
     for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
         if (qPath(item->sourcePath()) == sourcePath) source = item;
@@ -396,6 +402,7 @@ void AppController::finishRunAndMaybeClose() {
     // The ended session still holds the destination's folders open: the disk must be free to
     // eject while the window idles.
     backupSession_.reset();
+    followDestination();
     emit runEnded();
     if (closeAfterRun_) window_->close();
 }

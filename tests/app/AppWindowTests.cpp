@@ -34,6 +34,7 @@
 #include <QSpinBox>
 #include <QSignalSpy>
 #include <QTimeEdit>
+#include <QToolButton>
 #include <QTest>
 #include <QTreeView>
 #include <QTreeWidget>
@@ -64,6 +65,11 @@ public:
 constexpr int kPatience = 60000;
 
 QString text(const char* key) { return QString::fromStdString(FVStrings::localized(key)); }
+
+// What the window says while a destination's disk is away.
+QString awayLine(const std::string& destination) {
+    return QString::fromStdString(FVStrings::format("destinationaway", fs::path(destination).filename().string()));
+}
 
 // The dialog of that name (of any name when none is given) currently open on the window.
 template <class T = QMessageBox>
@@ -243,7 +249,7 @@ private slots:
         openDestination(gone);
         fs::remove_all(gone);
         launch();
-        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationunavailable"), kPatience);
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), awayLine(gone), kPatience);
         QVERIFY(!app_->window()->startButton()->isEnabled());
 
         // Chosen in the popup, an unavailable destination is asked about over an empty window,
@@ -263,7 +269,7 @@ private slots:
         QVERIFY(app_->window()->progressInfo()->text().isEmpty() && !app_->window()->startButton()->isEnabled());
         QVERIFY(!app_->window()->optionsButton()->isEnabled());
         clickButton(question, "keepbutton");
-        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationunavailable"), kPatience);
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), awayLine(gone), kPatience);
 
         // The older file is renamed, read, and completed with the defaults.
         PlistDict old;
@@ -344,7 +350,7 @@ private slots:
         // A destination that went away comes first and closes the destination.
         fs::remove_all(destination);
         QCOMPARE(clickStartExpectingAlert()->text(), text("backupnotfound"));
-        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationunavailable"), kPatience);
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), awayLine(destination), kPatience);
         QVERIFY(!app_->window()->startButton()->isEnabled());
         QVERIFY(!app_->isBackupRunning());
     }
@@ -488,6 +494,33 @@ private slots:
         QVERIFY(sheet->outcome()->text().endsWith(": 1 damaged"));
         sheet->reject();
         QCOMPARE(descriptorsUnder(destination).join(" | "), QString());
+    }
+
+    void whileTheDiskIsAwayNothingChangesAndItsReturnReopensIt() {
+        std::string destination = makeDir("Disk"), docs = makeDir("Docs"), more = makeDir("More");
+        launch();
+        openDestination(destination);
+        app_->addSourcePaths({QString::fromStdString(docs)}, 0);
+        QVERIFY(app_->window()->progressInfo()->text().contains("free"));
+
+        fs::rename(destination, destination + ".away");
+        // The folder an unmounted disk leaves behind is no destination.
+        fs::create_directories(destination);
+        app_->addSourcePaths({QString::fromStdString(more)}, 0);
+        QMessageBox* refused = awaitDialog("alert-destinationaway");
+        QCOMPARE(refused->text(), awayLine(destination));
+        refused->accept();
+        QCOMPARE(cover()->message(), awayLine(destination));
+        QVERIFY(app_->window()->progressInfo()->text().isEmpty() && !app_->window()->startButton()->isEnabled());
+        QVERIFY(!app_->window()->optionsButton()->isEnabled() && !app_->window()->addSourceButton()->isEnabled());
+        QVERIFY(!fs::exists(FVConfigurationFile::currentPath(destination)));
+        QVERIFY(!cover()->isFullyHidden());
+
+        fs::remove(destination);
+        fs::rename(destination + ".away", destination);
+        QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
+        QCOMPARE(app_->backupSetController().backupSetPaths(), std::vector<std::string>{docs});
+        QVERIFY(app_->window()->startButton()->isEnabled() && app_->window()->progressInfo()->text().contains("free"));
     }
 
     void aRunWithErrorsStaysVisibleAndOffersToEmptyAConfirmedSource() {
@@ -657,14 +690,14 @@ private slots:
         // With the disk away, its job's status still tells, without a button that cannot run.
         fs::rename(destination, destination + ".away");
         launch();
-        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationunavailable"), kPatience);
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), awayLine(destination), kPatience);
         banner = app_->window()->overdueBanner();
         QCOMPARE(banner->text(), notice);
         QVERIFY(!banner->backUpNowButton()->isVisibleTo(banner));
+        // Back, it is opened by itself.
         fs::rename(destination + ".away", destination);
-        launch();
         QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
-        banner = app_->window()->overdueBanner();
+        QVERIFY(app_->window()->startButton()->isEnabled());
         QVERIFY(banner->backUpNowButton()->isVisibleTo(banner));
 
         // A run that cannot fit tells why (nobody stopped it), and the disk counts as full.
