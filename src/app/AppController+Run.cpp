@@ -318,7 +318,7 @@ void AppController::handleCancel() {
         QMessageBox* box = FVAlert::show(window_.get(), "noroomalert", "noroomalertlong", QMessageBox::Warning,
                                          [this] { window_->coverView()->openView(); });
         box->setText(localizedFormat("noroomalert", disk));
-        box->setInformativeText(QString::fromStdString(refusal) + "\n\n" + localized("noroomalertlong"));
+        box->setInformativeText(localized("noroomalertlong") + "\n\n" + QString::fromStdString(refusal));
         box->raise();
     } else if (!errors.empty()) {
         showErrorPanel(errors);

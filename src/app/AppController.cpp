@@ -351,6 +351,8 @@ void AppController::destinationWentAway() {
     showDestinationUnusable("destinationaway");
     window_->coverView()->setMessage(localizedFormat("destinationaway", stdPath(destinationName())));
     window_->coverView()->setHeld(true);
+    // How its last run ended is known without the disk.
+    setRunOutcome(FVRunOutcome::load(qPath(currentTargetPath_)));
     const int index = destinations_.indexOf(qPath(currentTargetPath_));
     if (index >= 0) showOverdueWhileAway(destinations_.at(index).uuid.toStdString());
 }
