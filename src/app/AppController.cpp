@@ -371,7 +371,8 @@ void AppController::destinationCameBack() {
 }
 
 bool AppController::refusedWhileAway() {
-    if (currentTargetPath_.empty() || (!presence_.isAway() && presence_.isPresent())) return false;
+    // A destination closed for another reason (permissions, root's) is not waited for.
+    if (!presence_.isWatching() || (!presence_.isAway() && presence_.isPresent())) return false;
     QMessageBox* box = FVAlert::show(window_.get(), "destinationaway", "destinationawaylong");
     box->setText(localizedFormat("destinationaway", stdPath(destinationName())));
     return true;

@@ -31,6 +31,7 @@ public:
     // Checks now; a destination found missing is reported by wentAway().
     bool isPresent();
     bool isAway() const { return away_; }
+    bool isWatching() const { return !path_.empty(); }
 
 signals:
     void wentAway();
