@@ -372,7 +372,7 @@ void AppController::destinationCameBack() {
 
 bool AppController::refusedWhileAway() {
     // A destination closed for another reason (permissions, root's) is not waited for.
-    if (!presence_.isWatching() || (!presence_.isAway() && presence_.isPresent())) return false;
+    if (!presence_.isWatching() || presence_.isPresent()) return false;
     QMessageBox* box = FVAlert::show(window_.get(), "destinationaway", "destinationawaylong");
     box->setText(localizedFormat("destinationaway", stdPath(destinationName())));
     return true;

@@ -58,7 +58,8 @@ void FVDestinationPresence::stop() {
 }
 
 bool FVDestinationPresence::isPresent() {
-    check();
+    // A return is taken up by the timer alone, never in the middle of what asked.
+    if (!away_) check();
     return !path_.empty() && !away_;
 }
 

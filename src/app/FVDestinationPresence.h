@@ -28,7 +28,8 @@ public:
     // Another destination, or none.
     void stop();
 
-    // Checks now; a destination found missing is reported by wentAway().
+    // Checks now whether a present destination is still there; one found missing is reported by
+    // wentAway(). Its return is noticed on its own time and reported by cameBack().
     bool isPresent();
     bool isAway() const { return away_; }
     bool isWatching() const { return !path_.empty(); }
