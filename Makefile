@@ -19,6 +19,7 @@ build: deps
 	cmake --preset release -DFERROVANE_BUILD_TESTS=OFF >/dev/null
 	cmake --build --preset release -j $(JOBS)
 
+# `ferrovane` without arguments starts the window, ferrovane-gui, from beside itself.
 run: build
 	./build/release/ferrovane
 
@@ -40,7 +41,8 @@ test-asan: deps-test
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan -j $(JOBS)
 
-# build/package/ferrovane_<version>_<arch>.deb: installed under /usr, hardened, stripped.
+# build/package/ferrovane_<version>_<arch>.deb (command line) and ferrovane-gui_<version>_<arch>.deb
+# (the window): installed under /usr, hardened, stripped; scripts/check-package checks them.
 package: deps-package
 	cmake --preset package >/dev/null
 	cmake --build --preset package -j $(JOBS)

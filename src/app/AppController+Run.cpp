@@ -291,16 +291,17 @@ void AppController::handleCancel() {
     const std::string refusal = backupSession_->refusal();
     const std::string disk = FVText::lastPathComponent(currentTargetPath_);
     // Rather than an empty cover until the alert is dismissed.
-    cover->setMessage(noRoom ? QString::fromStdString(refusal) : localized("viewbackupcancelled"));
+    cover->setMessage(noRoom ? QString::fromStdString(refusal) : localized("backupstopped"));
     recordRunOutcome(noRoom ? FVRunOutcome::State::NoRoom : FVRunOutcome::State::Stopped, errors);
     if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, refusal);
+    else if (backupSession_->skippedByBeforeHook()) recordJobAttempt(FVJobOutcome::Failed, refusal);
     else recordJobAttempt(FVJobOutcome::Stopped, "stopped in the window");
     updateScheduleState();
-    FVUserNotification notification{"Sync canceled: " + disk, "", ""};
+    FVUserNotification notification{FVStrings::format("notificationstopped", disk), "", ""};
     if (noRoom)
-        notification = {"Backup not started: not enough room on " + disk, "", refusal, false, true};
+        notification = {FVStrings::format("notificationnoroom", disk), "", refusal, false, true};
     else if (!errors.empty())
-        notification.subtitle = fmt::format("{} Errors occurred, please check log.", errors.size());
+        notification.subtitle = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errors.size()));
     notifyUnlessActive(notification);
 
     backupIsRunning_ = false;
@@ -379,9 +380,10 @@ void AppController::handleFinish() {
     window_->startButton()->setEnabled(true);
     updateSizeDisplay();
 
-    FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(currentTargetPath_),
+    FVUserNotification notification{FVStrings::format("notificationfinished", FVText::lastPathComponent(currentTargetPath_)),
                                     backupSession_->finishedSummary(), ""};
-    if (!errors.empty()) notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());
+    if (!errors.empty())
+        notification.informativeText = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errors.size()));
     notification.critical = !errors.empty();
     notifyUnlessActive(notification);
 

@@ -22,6 +22,7 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVLog.h"
+#include "engine/FVPlacementChange.h"
 #include "fs/FVText.h"
 
 #include <QApplication>
@@ -622,6 +623,12 @@ void AppController::showAbout() {
 void AppController::showOptionsPanel() {
     if (refusedWhileAway()) return;
     auto* panel = new FVOptionsPanel(window_.get(), optionsPanelController_, environment_.runningAsRoot);
+    const bool folderPerSource = FVOptionTable::read(*optionsPanelController_.allOptions()).options.syncMode != 0;
+    if (!currentTargetPath_.empty() &&
+        !FVPlacementChange(currentTargetPath_, folderPerSource, !folderPerSource, backupSetController_.arrangedObjects())
+             .strandedMirrors()
+             .empty())
+        panel->lockPlacement(localizedFormat("optionssyncmodelocked", currentTargetPath_));
     connect(panel, &QDialog::finished, this, &AppController::updateAutomationsAfterOptions);
     panel->open();
 }

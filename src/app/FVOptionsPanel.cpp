@@ -239,6 +239,10 @@ QWidget* FVOptionsPanel::makeCopyingGroup() {
         form->addRow(entry.second);
         checkBoxes_.push_back(entry);
     }
+    hooks_ = note({});
+    hooks_->setObjectName("hooks");
+    hooks_->setTextFormat(Qt::PlainText);
+    form->addRow(hooks_);
     return group;
 }
 
@@ -265,6 +269,13 @@ void FVOptionsPanel::load() {
     automationTime_->setTime(QTime(int(options.integerValue(FVOptionKey::automationTimeHours)) % 24,
                                    int(options.integerValue(FVOptionKey::automationTimeMinutes)) % 60));
     automationInterval_->setCurrentIndex(options.integerValue(FVOptionKey::automationIntervalSelection) != 0 ? 1 : 0);
+    QStringList hooks;
+    for (const auto& [key, text] : {std::pair{FVOptionKey::beforeHook, "optionshookbefore"},
+                                    std::pair{FVOptionKey::afterHook, "optionshookafter"}})
+        if (std::string command = options.stringValue(key).value_or(""); !command.empty())
+            hooks << localizedFormat(text, command);
+    hooks_->setText(hooks.join('\n'));
+    hooks_->setVisible(!hooks.isEmpty());
     if (options.contains(FVOptionKey::automationWeekdaySelection)) {
         int weekday = int(options.integerValue(FVOptionKey::automationWeekdaySelection)) % 7;
         automationWeekday_->setCurrentIndex(automationWeekday_->findData(weekday));
@@ -305,6 +316,11 @@ void FVOptionsPanel::updateEnabledState() {
     connectedInterval_->setEnabled(backUpWhenConnected_->isChecked());
     // Only runs that start by themselves can be missed.
     overdueDays_->setEnabled(automation || backUpWhenConnected_->isChecked());
+}
+
+void FVOptionsPanel::lockPlacement(const QString& why) {
+    syncMode_->setEnabled(false);
+    syncMode_->setToolTip(why);
 }
 
 void FVOptionsPanel::done(int result) {

@@ -25,6 +25,9 @@ class FVOptionsPanel : public QDialog {
 public:
     FVOptionsPanel(QWidget* window, FVOptionsPanelController& controller, bool runningAsRoot);
     void done(int result) override;
+    // The placement stays as it is while mirrors are in place (they would be left behind); the
+    // reason shows on the choice.
+    void lockPlacement(const QString& why);
 
 private:
     QWidget* makeCopyingGroup();
@@ -42,6 +45,8 @@ private:
     std::vector<std::pair<const char*, QCheckBox*>> checkBoxes_;
     std::vector<std::pair<const char*, QSpinBox*>> numberBoxes_;
     QComboBox* syncMode_;
+    // Says which hooks run around each run; set on the command line, shown here only.
+    QLabel* hooks_;
     QCheckBox* moveDeletedFiles_;
     QCheckBox* moveChangedFiles_;
     QCheckBox* purgeRemoved_;

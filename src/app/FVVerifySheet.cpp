@@ -104,8 +104,9 @@ void FVVerifySheet::stop() {
 void FVVerifySheet::showProgress(const FVVerification::Progress& progress) {
     if (!verification_) return;
     progress_->setValue(static_cast<int>(progress.percent * 10));
-    task_->setText(localizedFormat("verifyprogress", progress.task, progress.files,
-                                   FVNumber::formattedDiskSizeString(static_cast<double>(progress.bytes))));
+    task_->setText(QString::fromStdString(
+        FVStrings::formatPlural("verifyprogress", static_cast<long long>(progress.files), progress.task,
+                                FVNumber::formattedDiskSizeString(static_cast<double>(progress.bytes)))));
 }
 
 void FVVerifySheet::addFinding(const FVVerificationFinding& finding) {

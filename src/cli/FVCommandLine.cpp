@@ -3,7 +3,9 @@
 #include "FVVersion.h"
 #include "cli/FVCheckOverdueCommand.h"
 #include "cli/FVCommanlineMode.h"
+#include "cli/FVCompletionCommand.h"
 #include "cli/FVConfigCommand.h"
+#include "cli/FVDestinationArgument.h"
 #include "cli/FVExitStatus.h"
 #include "cli/FVPointInTimeCommand.h"
 #include "cli/FVRestoreCommand.h"
@@ -48,7 +50,7 @@ const char* const kCommands =
     "                                       with --at, a file or folder as a run recorded it\n"
     "  ferrovane verify DESTINATION [--at STAMP] [--sources] [--json]\n"
     "                                       read every file again and compare it with its record\n"
-    "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty | retention) ...\n"
+    "  ferrovane config DESTINATION (show | add | remove | set | schedule | confirm-empty | retention | hook) ...\n"
     "                                       edit the destination's sources, options and schedule\n"
     "  ferrovane check-overdue [--json] [--no-notifications]\n"
     "                                       tell which scheduled backups are overdue\n"
@@ -130,13 +132,13 @@ int refuse(const CLI::App& app, const std::string& why) {
 
 CLI::Option* destinationOption(CLI::App& app, std::string& destination) {
     style(app);
-    return app.add_option("DESTINATION", destination, "the backup destination (its root folder)")->required();
+    return app.add_option("DESTINATION", destination, "the backup destination: the absolute path of its root folder")->required();
 }
 
 int search(std::vector<std::string> arguments) {
     CLI::App app("Lists the files in the destination whose names contain every word (any case), each\n"
-                 "with its current copy and archived versions, newest first. Exit status 0 with\n"
-                 "matches, 1 without, 2 for bad usage or an unreadable destination.",
+                 "with its current copy, then its archived versions by run, newest first. Exit status 0\n"
+                 "with matches, 1 without, 2 for bad usage or an unreadable destination.",
                  "ferrovane search");
     std::string destination;
     std::vector<std::string> words;
@@ -147,13 +149,15 @@ int search(std::vector<std::string> arguments) {
     if (auto status = parse(app, std::move(arguments))) return *status;
     std::string text;
     for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+    if (auto refused = FVDestinationArgument::refusal(destination)) return *refused;
     return FVSearchCommand::main(destination, text, json);
 }
 
 int versions(std::vector<std::string> arguments) {
     CLI::App app("Lists every version of the path held in the destination, newest first. The path is\n"
                  "the original path of a backed-up item or a path inside the destination. Exit status\n"
-                 "0, 1 when there is no version, 2 for bad usage.",
+                 "0, 1 when there is no version, 2 for bad usage or a path that is neither inside the\n"
+                 "destination nor below one of its sources.",
                  "ferrovane versions");
     std::string destination, path;
     bool json = false;
@@ -161,6 +165,7 @@ int versions(std::vector<std::string> arguments) {
     app.add_option("PATH", path, "the original path, or a path inside the destination")->required();
     app.add_flag("--json", json, "print JSON for scripts");
     if (auto status = parse(app, std::move(arguments))) return *status;
+    if (auto refused = FVDestinationArgument::refusal(destination)) return *refused;
     return FVRestoreCommand::versionsMain(destination, path, json);
 }
 
@@ -179,6 +184,7 @@ int list(std::vector<std::string> arguments) {
         ->type_name("STAMP|DATE");
     app.add_flag("--json", json, "print JSON for scripts");
     if (auto status = parse(app, std::move(arguments))) return *status;
+    if (auto refused = FVDestinationArgument::refusal(destination)) return *refused;
     return FVPointInTimeCommand::listMain(destination, path, at, json);
 }
 
@@ -206,6 +212,7 @@ int restore(std::vector<std::string> arguments) {
     app.add_flag("--replace", a.replace, "move existing different items to the trash first");
     app.add_flag("--dry-run", a.dryRun, "list what would be restored and the conflicts; write nothing");
     if (auto status = parse(app, std::move(arguments))) return *status;
+    if (auto refused = FVDestinationArgument::refusal(a.destination)) return *refused;
     if (a.all == !a.what.empty()) return refuse(app, a.all ? "--all takes no PATH" : "PATH or --all is required");
     if (a.all && !a.version.empty()) return refuse(app, "--all restores the newest versions: it takes no --version");
     if (!a.at.empty() && (a.all || !a.version.empty()))
@@ -224,6 +231,7 @@ int runs(std::vector<std::string> arguments) {
     destinationOption(app, destination);
     app.add_flag("--json", json, "print JSON for scripts");
     if (auto status = parse(app, std::move(arguments))) return *status;
+    if (auto refused = FVDestinationArgument::refusal(destination)) return *refused;
     return FVRunsCommand::main(destination, json);
 }
 
@@ -240,6 +248,7 @@ int verify(std::vector<std::string> arguments) {
     app.add_flag("--sources", a.sources, "also compare each source file's bytes with its mirror copy's record");
     app.add_flag("--json", a.json, "print JSON for scripts");
     if (auto status = parse(app, std::move(arguments))) return *status;
+    if (auto refused = FVDestinationArgument::refusal(a.destination)) return *refused;
     return FVVerifyCommand::main(a);
 }
 
@@ -274,7 +283,15 @@ int config(std::vector<std::string> arguments) {
     auto* retention = app.add_subcommand("retention", "print or set which runs are kept: DAYS WEEKS MONTHS YEARS, on or off");
     retention->add_option("SETTING", a.retention, "DAYS WEEKS MONTHS YEARS (e.g. 7 4 6 5), on or off")->expected(0, 4);
     retention->add_flag("--dry-run", a.dryRun, "list what the policy would remove now; change nothing");
+    auto* hook = app.add_subcommand("hook", "without more: list the hooks; set, remove or approve the command run "
+                                            "before or after every run");
+    hook->add_option("WHEN", a.hookKind, "before or after")->check(CLI::IsMember({"before", "after"}));
+    hook->add_option("COMMAND", a.hookCommand, "the command for /bin/sh -c, as one argument");
+    auto* removeHook = hook->add_flag("--remove", a.hookRemove, "remove the hook");
+    hook->add_flag("--approve", a.hookApprove, "let the hook found in the configuration run as this user")
+        ->excludes(removeHook);
     if (auto status = parse(app, std::move(arguments))) return *status;
+    if (auto refused = FVDestinationArgument::refusal(a.destination)) return *refused;
     a.action = app.get_subcommands().front()->get_name();
     return FVConfigCommand::main(a);
 }
@@ -299,7 +316,7 @@ std::optional<int> run(int argc, char** argv) {
     std::vector<std::string> arguments(argv + 1, argv + argc);
     static const std::map<std::string, std::function<int(std::vector<std::string>)>> commands = {
         {"search", search}, {"versions", versions}, {"restore", restore}, {"ls", list}, {"runs", runs}, {"verify", verify},
-        {"config", config}, {"check-overdue", checkOverdue}};
+        {"config", config}, {"check-overdue", checkOverdue}, {"__complete", FVCompletionCommand::main}};
     if (!arguments.empty())
         if (auto command = commands.find(arguments.front()); command != commands.end())
             return command->second({arguments.begin() + 1, arguments.end()});
@@ -315,9 +332,7 @@ std::optional<int> run(int argc, char** argv) {
         return refuse(root.app, "--add opens the window: it takes no destination");
     if (window || arguments.empty()) return std::nullopt;
     if (root.destination.empty()) return refuse(root.app, "a destination is required");
-    if (root.destination.front() != '/')
-        return refuse(root.app,
-                      "the destination must be an absolute path: " + FVSearchText::printable(root.destination));
+    if (auto refused = FVDestinationArgument::refusal(root.destination)) return *refused;
     if (!root.job.empty() && !FVLaunchAgentManager::isValidJobIdentifier(root.job))
         return refuse(root.app, "--job takes a UUID: " + FVSearchText::printable(root.job));
     FVJobTrigger trigger = root.trigger == "schedule"  ? FVJobTrigger::Schedule

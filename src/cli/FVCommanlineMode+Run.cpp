@@ -4,7 +4,9 @@
 #include "cli/FVCommanlineMode.h"
 
 #include "cli/FVExitStatus.h"
+#include "cli/FVOutput.h"
 #include "cli/FVRunSignals.h"
+#include "engine/FVStrings.h"
 #include "fs/FVText.h"
 #include "search/FVSearchText.h"
 
@@ -31,14 +33,15 @@ int FVCommanlineMode::runBackup() {
     backupSession_->setBackupSet(backupSetController_->arrangedObjects());
     backupSession_->setExcludePaths(backupSetController_->excludePaths());
     backupSession_->setDryRun(dryRun_);
+    backupSession_->setTrigger(jobTriggerName(attempt_ ? attempt_->trigger() : FVJobTrigger::Manual));
 
-    notify({"Starting sync to: " + FVText::lastPathComponent(destinationPath_), "", ""}, false);
+    notify({FVStrings::format("notificationbackingup", FVText::lastPathComponent(destinationPath_)), "", ""}, false);
     // A signal that came before the start (the cancel it posted found nothing to cancel) keeps
     // the run from starting at all.
     runLoop_.post([this] {
         if (int signal = cancellingSignal_.load()) {
             recordAttempt(FVJobOutcome::Stopped, fmt::format("stopped by signal {}", signal));
-            std::printf("Sync canceled.\n");
+            std::printf("%s\n", FVStrings::localized("backupstopped").c_str());
             std::fflush(stdout);
             runLoop_.stop(FVExitStatus::interrupted(signal));
             return;
@@ -52,7 +55,7 @@ void FVCommanlineMode::interrupt(int signal) {
     int first = 0;
     if (!cancellingSignal_.compare_exchange_strong(first, signal)) {
         if (signal != SIGINT) return;
-        std::fputs("\nSync canceled.\n", stdout);
+        std::printf("\n%s\n", FVStrings::localized("backupstopped").c_str());
         std::fflush(stdout);
         std::_Exit(FVExitStatus::interrupted(first));
     }
@@ -75,6 +78,15 @@ void FVCommanlineMode::backupSessionWouldChange(FVBackupSession&, const std::str
     std::printf("%s\n", FVSearchText::printable(line).c_str());
 }
 
+// As the hook wrote it, on standard error: standard output stays the run's own (and JSON's).
+void FVCommanlineMode::backupSessionHookDidPrint(FVBackupSession&, std::string_view line) {
+    progress_.finish();
+    std::fflush(stdout);
+    std::fwrite(line.data(), 1, line.size(), stderr);
+    std::fputc('\n', stderr);
+    std::fflush(stderr);
+}
+
 void FVCommanlineMode::backupSessionDidFinish(FVBackupSession&) {
     runLoop_.post([this] { finishOnMainThread(); });
 }
@@ -88,14 +100,14 @@ void FVCommanlineMode::finishOnMainThread() {
     if (!dryRun_ && !FVConfigurationFile::writeRunResults(backedUp, settingsPath_, &error))
         std::fprintf(stderr, "Warning: the results could not be saved in the configuration: %s\n", error.c_str());
 
-    FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(destinationPath_),
+    FVUserNotification notification{FVStrings::format("notificationfinished", FVText::lastPathComponent(destinationPath_)),
                                     backupSession_->finishedSummary(), ""};
     printNotes();
     std::vector<std::string> errors = backupSession_->errorMessages();
     notification.replacesPrevious = true;
     notification.critical = !errors.empty();
     if (!errors.empty()) {
-        notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());
+        notification.informativeText = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errors.size()));
         printErrors(errors);
         recordAttempt(FVJobOutcome::Errors, errors.front());
         notify(notification, true);
@@ -143,6 +155,15 @@ void FVCommanlineMode::printNotes() {
 }
 
 void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
+    // The user's own precondition said no: nothing was touched, and nothing more is to be said.
+    if (session.skippedByBeforeHook()) {
+        progress_.finish();
+        std::fflush(stdout);
+        FVOutput::error("{}", FVSearchText::printable(session.refusal()));
+        recordAttempt(FVJobOutcome::Failed, session.refusal());
+        runLoop_.stop(FVExitStatus::kIncomplete);
+        return;
+    }
     printNotes();
     // A run that a full or read-only destination stopped says why.
     std::vector<std::string> errors = session.errorMessages();
@@ -152,16 +173,16 @@ void FVCommanlineMode::backupSessionDidCancel(FVBackupSession& session) {
     if (session.stoppedForSpace()) {
         std::printf("Sync stopped before copying: not enough room.\n");
         std::fflush(stdout);
-        FVUserNotification notification{"Sync stopped: not enough room on " + FVText::lastPathComponent(destinationPath_),
+        FVUserNotification notification{FVStrings::format("notificationnoroom", FVText::lastPathComponent(destinationPath_)),
                                         "", session.refusal(), true, true};
         notify(notification, false);
         recordAttempt(FVJobOutcome::NoSpace, session.refusal());
         runLoop_.stop(1);
         return;
     }
-    std::printf("Sync canceled.\n");
+    std::printf("%s\n", FVStrings::localized("backupstopped").c_str());
     std::fflush(stdout);
-    notify({"Sync canceled: " + FVText::lastPathComponent(destinationPath_), "", "", true}, false);
+    notify({FVStrings::format("notificationstopped", FVText::lastPathComponent(destinationPath_)), "", "", true}, false);
     const int signal = cancellingSignal_.load();
     if (signal) recordAttempt(FVJobOutcome::Stopped, fmt::format("stopped by signal {}", signal));
     else recordAttempt(FVJobOutcome::Failed, errors.empty() ? std::string("the run stopped") : errors.front());

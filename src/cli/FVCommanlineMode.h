@@ -44,6 +44,7 @@ public:
     void backupSessionDidFinish(FVBackupSession& session) override;
     void backupSessionDidCancel(FVBackupSession& session) override;
     void backupSessionWouldChange(FVBackupSession& session, const std::string& line) override;
+    void backupSessionHookDidPrint(FVBackupSession& session, std::string_view line) override;
 
     // Called from the signal thread: the first signal cancels the run like a cancel in the
     // window, and the run then exits with 128 + its number. A second Ctrl-C during the cancel

@@ -2,6 +2,7 @@
 
 #include "cli/FVExitStatus.h"
 #include "cli/FVJsonText.h"
+#include "cli/FVOutput.h"
 #include "cli/FVRetentionCommand.h"
 #include "cli/FVSourceResults.h"
 
@@ -9,8 +10,10 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVDestinationLock.h"
+#include "engine/FVHookApprovals.h"
 #include "engine/FVMirrorLayout.h"
 #include "engine/FVOptions.h"
+#include "engine/FVPlacementChange.h"
 #include "engine/FVStrings.h"
 #include "fs/FVTestHook.h"
 #include "fs/FVText.h"
@@ -115,6 +118,13 @@ std::optional<int64_t> parseWeekday(const std::string& text) {
 std::string modeText(int64_t mode) {
     for (const ModeName& m : kModes)
         if (static_cast<int64_t>(m.mode) == mode) return FVStrings::localized(m.stringKey);
+    return fmt::format("mode {}", mode);
+}
+
+// The name --mode takes for a mode.
+std::string modeArgument(int64_t mode) {
+    for (const ModeName& m : kModes)
+        if (static_cast<int64_t>(m.mode) == mode) return m.argument;
     return fmt::format("mode {}", mode);
 }
 
@@ -275,6 +285,25 @@ int showSchedule(const Configuration& config, FVLaunchAgentManager& jobs, bool j
     return FVExitStatus::kOk;
 }
 
+// One line per hook that is set, saying whether it may run here.
+std::vector<std::string> hookLines(const PlistDict& options, const std::string& destination) {
+    std::vector<std::string> lines;
+    const FVHookApprovals approvals;
+    const std::string uuid = options.stringValue(FVOptionKey::UUID).value_or("");
+    for (FVHookKind kind : {FVHookKind::Before, FVHookKind::After}) {
+        const char* name = hookKindName(kind);
+        const std::string command =
+            options.stringValue(kind == FVHookKind::Before ? FVOptionKey::beforeHook : FVOptionKey::afterHook).value_or("");
+        if (command.empty()) continue;
+        lines.push_back(fmt::format("{}-hook: {} ({})", name, printable(command),
+                                    approvals.isApproved(uuid, kind, command)
+                                        ? "approved"
+                                        : fmt::format("not approved, does not run; to approve: ferrovane config {} hook {} --approve",
+                                                      printable(destination), name)));
+    }
+    return lines;
+}
+
 int show(const Configuration& config, FVLaunchAgentManager& jobs) {
     fmt::print("Destination: {}\n", printable(config.destination));
     fmt::print("Configuration: {}\n", config.readFrom.empty() ? "none yet (defaults shown)" : printable(config.readFrom));
@@ -306,6 +335,9 @@ int show(const Configuration& config, FVLaunchAgentManager& jobs) {
         fmt::print("Job: {}{} ({})\n", printable(jobs.jobDirectory()), printable(FVLaunchAgentManager::jobLabel(*uuid)),
                    jobPresent(jobs, *uuid) ? "present" : "none");
     }
+    const std::vector<std::string> hooks = hookLines(options, config.destination);
+    fmt::print("\nHooks:{}\n", hooks.empty() ? " none" : "");
+    for (const std::string& line : hooks) fmt::print("  {}\n", line);
     return FVExitStatus::kOk;
 }
 
@@ -364,8 +396,6 @@ int showJson(const Configuration& config, FVLaunchAgentManager& jobs) {
 int main(const Arguments& a) {
     const std::string& destinationArgument = a.destination;
     const std::string& command = a.action;
-    if (destinationArgument.empty() || destinationArgument[0] != '/')
-        return refuse("the destination must be an absolute path: " + printable(destinationArgument));
     Configuration config;
     config.destination = absolutePath(destinationArgument);
     struct stat st {};
@@ -379,12 +409,26 @@ int main(const Arguments& a) {
         if (command == "schedule") return showSchedule(config, jobs, a.json);
         return a.json ? showJson(config, jobs) : show(config, jobs);
     }
+    const bool hookChange = command == "hook" && (a.hookCommand || a.hookRemove || a.hookApprove);
+    if (command == "hook" && !hookChange) {
+        if (!load(config, true, problem)) return fail(problem);
+        std::vector<std::string> hooks = hookLines(*config.content.settings, config.destination);
+        // "hook before" alone: that one.
+        std::erase_if(hooks, [&](const std::string& line) { return line.rfind(a.hookKind, 0) != 0; });
+        if (hooks.empty()) fmt::print("No hooks.\n");
+        for (const std::string& line : hooks) fmt::print("{}\n", line);
+        return FVExitStatus::kOk;
+    }
+    const FVHookKind hookKind = a.hookKind == "after" ? FVHookKind::After : FVHookKind::Before;
+    // The command the change leaves in place, approved once the configuration is written.
+    auto hookCommand = std::make_shared<std::string>();
 
     // Every argument is checked before anything is read or written; the change itself runs
     // on the loaded configuration and returns false (with a message) when it cannot be made.
     std::function<bool(BackupSetController&, FVOptionsPanelController&, std::string&)> change;
     bool scheduleChange = false;
     bool unknownSourceIsBadInput = false;
+    bool unchanged = false;  // the change found everything as asked: nothing to write
     if (command == "add") {
         FVSourceMode mode = FVSourceMode::Backup;
         if (!a.mode.empty()) {
@@ -396,11 +440,23 @@ int main(const Arguments& a) {
         if (a.path.empty() || a.path[0] != '/') return refuse("the source must be an absolute path: " + printable(a.path));
         std::string source = absolutePath(a.path);
         std::string destination = config.destination;
-        change = [source, mode, destination](BackupSetController& list, FVOptionsPanelController&, std::string& message) {
-            if (!list.addBackupPath(source, mode, list.count())) {
-                message = printable(source) + " is already in the list";
-                return false;
+        change = [source, mode, destination, &unchanged](BackupSetController& list, FVOptionsPanelController&,
+                                                         std::string& message) {
+            for (const FVSourceItemPtr& item : list.arrangedObjects()) {
+                if (item->sourcePath() != source) continue;
+                // Asking again for what is there is done; another mode is a different request.
+                if (item->enabled() != static_cast<int64_t>(mode)) {
+                    message = fmt::format("{} is already listed with --mode {}; to list it with --mode {}, remove "
+                                          "it first",
+                                          printable(source), modeArgument(item->enabled()),
+                                          modeArgument(static_cast<int64_t>(mode)));
+                    return false;
+                }
+                message = fmt::format("{} is already listed ({}).", printable(source), modeText(item->enabled()));
+                unchanged = true;
+                return true;
             }
+            list.addBackupPath(source, mode, list.count());
             if (mode == FVSourceMode::Backup) warnAboutSource(source, destination);
             message = fmt::format("Added {} ({}).", printable(source), modeText(static_cast<int64_t>(mode)));
             return true;
@@ -423,6 +479,8 @@ int main(const Arguments& a) {
         const std::string& key = a.option;
         const FVOptionRule* rule = FVOptionTable::find(key);
         if (!rule || !rule->settable) {
+            if (key == FVOptionKey::beforeHook || key == FVOptionKey::afterHook)
+                return refuse("hooks are set with: hook before|after COMMAND");
             if (key.rfind("automation", 0) == 0) return refuse("the schedule is set with: schedule daily|weekly|off");
             if (key == FVOptionKey::backUpWhenConnected || key == FVOptionKey::connectedRunIntervalMinutes)
                 return refuse("a backup when the disk is connected is set with: schedule when-connected on [MINUTES] | off");
@@ -474,6 +532,35 @@ int main(const Arguments& a) {
             message = FVRetentionCommand::apply(*request, *options.allOptions());
             if (*request->enabled)
                 message += "\nThe next run removes the runs it lets go; to see which first: " + preview;
+            return true;
+        };
+    } else if (command == "hook") {
+        const std::string name = hookKindName(hookKind);
+        if (a.hookKind.empty()) return refuse("hook takes: before|after COMMAND | before|after --remove | before|after --approve");
+        if (a.hookCommand && (a.hookRemove || a.hookApprove)) return refuse("give a command, --remove or --approve, not two of them");
+        if (a.hookCommand && a.hookCommand->empty())
+            return refuse("the command is empty; to remove the hook: hook " + name + " --remove");
+        const char* key = hookKind == FVHookKind::Before ? FVOptionKey::beforeHook : FVOptionKey::afterHook;
+        const bool remove = a.hookRemove, approve = a.hookApprove;
+        const std::string given = a.hookCommand.value_or("");
+        change = [=](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
+            PlistDict& o = *options.allOptions();
+            const std::string current = o.stringValue(key).value_or("");
+            if (remove) {
+                o.remove(key);
+                message = current.empty() ? "No " + name + "-hook was set." : "Removed the " + name + "-hook.";
+            } else if (approve) {
+                if (current.empty()) {
+                    message = "no " + name + "-hook is set";
+                    return false;
+                }
+                *hookCommand = current;
+                message = "Approved the " + name + "-hook: " + printable(current);
+            } else {
+                o.set(key, given);
+                *hookCommand = given;
+                message = "Set the " + name + "-hook: " + printable(given);
+            }
             return true;
         };
     } else {
@@ -556,9 +643,14 @@ int main(const Arguments& a) {
     FVOptionsPanelController options(jobs);
     options.setAllOptions(config.content.settings);
 
+    const bool folderPerSourceBefore = FVOptionTable::read(*options.allOptions()).options.syncMode != 0;
     std::string message;
     if (!change(list, options, message))
         return unknownSourceIsBadInput ? refuse(message + "; nothing was changed") : fail(message + "; nothing was changed");
+    if (unchanged) {
+        fmt::print("{}\n", message);
+        return FVExitStatus::kOk;
+    }
     // A source list whose mirrors would collide is never written: each run would remove the
     // other source's files.
     if (command == "add" || (command == "set" && a.option == FVOptionKey::syncMode)) {
@@ -566,9 +658,18 @@ int main(const Arguments& a) {
             config.destination, FVOptionTable::read(*options.allOptions()).options.syncMode != 0, list.arrangedObjects());
         if (std::optional<std::string> problem = layout.validateAsSeen())
             return refuse(printable(*problem) + " Nothing was changed.");
+        // Checked under the lock: no run makes a mirror in between.
+        const FVPlacementChange placement(config.destination, folderPerSourceBefore, layout.folderPerSource(),
+                                          list.arrangedObjects());
+        const std::string repeat = "ferrovane config " + printable(config.destination) + " set " + a.option + " " +
+                                   printable(a.value);
+        if (std::optional<std::string> refusal = placement.refusal(repeat)) {
+            FVOutput::error("{}", *refusal);
+            return FVExitStatus::kIncomplete;
+        }
     }
     // The identity names the job, so it is saved before the job is written.
-    if (scheduleChange && options.uuid().empty())
+    if ((scheduleChange || hookChange) && options.uuid().empty())
         options.allOptions()->set(FVOptionKey::UUID, FVOptionsPanelController::makeUUID());
     if (getuid() == 0) options.allOptions()->set(FVOptionKey::isSuperuserBackup, true);
 
@@ -579,12 +680,23 @@ int main(const Arguments& a) {
         return fail("could not write " + printable(settingsPath) + ": " + error);
     fmt::print("{}\n", message);
 
+    // Kept outside the destination: only what this user set here runs as this user.
+    if (hookChange) {
+        FVHookApprovals approvals;
+        if (!approvals.approve(options.uuid(), hookKind, *hookCommand, &error))
+            return fail("the configuration is saved, but the approval could not be recorded in " +
+                        printable(approvals.folder()) + ": " + error + "; the hook does not run until it is");
+    }
     if (scheduleChange && !options.updateAutomations(config.destination, &error)) {
+        // systemctl's own lines ("System has not been booted with systemd...") on one line.
+        std::replace(error.begin(), error.end(), '\n', ' ');
         fmt::print(stderr, "ferrovane config: the schedule is saved, but the scheduled job could not be set up: {}\n",
                    printable(error));
         // The unit files are written before they are loaded: the user can load them by hand.
         std::vector<std::string> commands = options.manualSetupCommands();
         if (!commands.empty()) {
+            fmt::print(stderr, "Unit files written:\n");
+            for (const std::string& file : options.writtenJobFiles()) fmt::print(stderr, "  {}\n", printable(file));
             fmt::print(stderr, "To set it up by hand, run:\n");
             for (const std::string& command : commands) fmt::print(stderr, "  {}\n", command);
         }

@@ -4,8 +4,10 @@
 //   show [--json] | add <path> [--mode backup|disabled|exclude|exclude-name] | remove <path>
 //   | set <option> <value> | schedule daily HH:MM | weekly <weekday> HH:MM | off
 //   | confirm-empty <path> | retention [DAYS WEEKS MONTHS YEARS | on | off] [--dry-run]
+//   | hook [before|after [COMMAND | --remove | --approve]]
 // Changes are made under the destination's lock; show reads without it.
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +23,9 @@ struct Arguments {
     bool json = false;                    // show
     std::vector<std::string> retention;   // retention's words
     bool dryRun = false;                  // retention: list what would go, change nothing
+    std::string hookKind;                 // hook: before or after; empty: list the hooks
+    std::optional<std::string> hookCommand;  // hook: the new command
+    bool hookRemove = false, hookApprove = false;
 };
 
 // Exit status 0 on success, 1 when the change could not be made or saved (or the scheduled job

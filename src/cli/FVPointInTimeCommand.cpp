@@ -262,10 +262,11 @@ int dryRun(const FVPointInTimePlan& plan, bool replace) {
     for (const std::string& p : plan.problems()) FVOutput::print(stderr, "ERROR: {}\n", shown(p));
     if (!whole) FVOutput::print(stderr, "ERROR: The record of the run is damaged: {}\n", shown(problem));
     FVOutput::print(stdout,
-                    "Dry run: {} files ({}) would be restored, {} already identical, {} conflicts, {} errors, {} "
-                    "files whose bytes are gone.\n",
-                    plan.fileCount() - gone, FVNumber::formattedDiskSizeString(static_cast<double>(plan.byteCount() - goneBytes)),
-                    plan.identicalCount(), plan.conflicts().size(), plan.problems().size() + (whole ? 0 : 1), gone);
+                    "Dry run: {} ({}) would be restored, {} already identical, {}, {}, {} whose bytes are gone.\n",
+                    FVNumber::counted(plan.fileCount() - gone, "file"),
+                    FVNumber::formattedDiskSizeString(static_cast<double>(plan.byteCount() - goneBytes)),
+                    plan.identicalCount(), FVNumber::counted(plan.conflicts().size(), "conflict"),
+                    FVNumber::counted(plan.problems().size() + (whole ? 0 : 1), "error"), FVNumber::counted(gone, "file"));
     return (!plan.conflicts().empty() && !replace) || !plan.problems().empty() || !whole || gone ? FVExitStatus::kIncomplete
                                                                                                  : FVExitStatus::kOk;
 }
@@ -324,11 +325,11 @@ int restoreMain(const FVRestoreCommand::RestoreArguments& a) {
     }
     FVRestoreSignals::copyFinished();
     FVOutput::print(stdout,
-                    "Restore {}: {} files ({}), {} already identical, {} conflicts moved aside, {} errors, {} files "
-                    "whose bytes are gone.\n",
-                    summary.cancelled ? "cancelled" : "finished", summary.files,
+                    "Restore {}: {} ({}), {} already identical, {} moved aside, {}, {} whose bytes are gone.\n",
+                    summary.cancelled ? "stopped" : "finished", FVNumber::counted(summary.files, "file"),
                     FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), plan->identicalCount(),
-                    summary.replaced, summary.errors - summary.gone, summary.gone);
+                    FVNumber::counted(summary.replaced, "conflict"),
+                    FVNumber::counted(summary.errors - summary.gone, "error"), FVNumber::counted(summary.gone, "file"));
     if (summary.cancelled && FVRestoreSignals::cancellingSignal())
         return FVExitStatus::interrupted(FVRestoreSignals::cancellingSignal());
     return summary.cancelled || summary.errors ? FVExitStatus::kIncomplete : FVExitStatus::kOk;

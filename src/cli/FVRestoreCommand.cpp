@@ -63,14 +63,14 @@ std::optional<FVVersionCatalog> openCatalog(const char* command, const std::stri
     return catalog;
 }
 
-std::optional<std::string> mirrorPathOrComplain(const char* command, const FVVersionCatalog& catalog,
-                                                const std::string& named) {
+std::optional<std::string> mirrorPathOrComplain(const FVVersionCatalog& catalog, const std::string& named) {
     std::string path = absolute(named);
     auto mirror = catalog.mirrorPath(path);
     if (!mirror) mirror = catalog.mirrorPath(resolved(path));
     if (!mirror)
-        FVOutput::print(stderr, "ferrovane {}: {} is neither inside the destination nor below one of its sources.\n",
-                   command, shown(named));
+        FVOutput::error("{} is neither inside the destination nor below one of its sources (ferrovane config {} show "
+                        "lists them)",
+                        shown(named), shown(catalog.destination()));
     return mirror;
 }
 
@@ -82,7 +82,7 @@ int versionsMain(const std::string& destination, const std::string& path, bool j
     // Listing changes nothing, so it goes on; but which source a mirror path belongs to is a guess.
     if (std::optional<std::string> problem = catalog->layout().validateAsSeen())
         FVOutput::print(stderr, "ferrovane versions: warning: {}\n", shown(*problem));
-    auto mirror = mirrorPathOrComplain("versions", *catalog, path);
+    auto mirror = mirrorPathOrComplain(*catalog, path);
     if (!mirror) return FVExitStatus::kUsage;
     std::vector<FVItemVersion> versions = catalog->versions(*mirror);
     auto original = catalog->originalPath(*mirror);
@@ -100,7 +100,7 @@ int versionsMain(const std::string& destination, const std::string& path, bool j
         FVOutput::print(stdout, "{}\n", shown(original.value_or(*mirror)));
         for (const FVItemVersion& v : versions)
             FVOutput::print(stdout, "  {:<26} {:<8} {:>14}  {}  {}\n", v.label(), versionKindName(v.kind),
-                       v.type == FVFileType::Directory ? std::string("folder") : fmt::format("{} bytes", v.size),
+                       v.type == FVFileType::Directory ? std::string("folder") : FVNumber::counted(v.size, "byte"),
                        localTime(v.modificationTime), shown(v.path));
     }
     if (versions.empty()) {
@@ -145,7 +145,7 @@ std::optional<std::vector<FVRestorePlan>> planRestore(const RestoreArguments& a,
             items.push_back(FVRestoreTarget::confined(catalog.layout().mirrorPath(original), anchor, target));
         }
     } else {
-        auto mirror = mirrorPathOrComplain("restore", catalog, a.what);
+        auto mirror = mirrorPathOrComplain(catalog, a.what);
         if (!mirror) return std::nullopt;
         std::vector<FVItemVersion> versions = catalog.versions(*mirror);
         const FVItemVersion* chosen = nullptr;
@@ -233,8 +233,9 @@ int restoreMain(const RestoreArguments& arguments) {
             for (const auto& [from, to] : plan.pairs()) FVOutput::print(stdout, "  {}\n", shown(to->path()));
             for (const std::string& problem : plan.problems()) FVOutput::print(stderr, "ERROR: {}\n", shown(problem));
         }
-        FVOutput::print(stdout, "Dry run: {} files ({}) would be restored, {} already identical, {} conflicts, {} errors.\n", files,
-                   FVNumber::formattedDiskSizeString(static_cast<double>(bytes)), identical, conflicts, problems);
+        FVOutput::print(stdout, "Dry run: {} ({}) would be restored, {} already identical, {}, {}.\n",
+                        FVNumber::counted(files, "file"), FVNumber::formattedDiskSizeString(static_cast<double>(bytes)),
+                        identical, FVNumber::counted(conflicts, "conflict"), FVNumber::counted(problems, "error"));
         return (conflicts && !arguments.replace) || problems ? FVExitStatus::kIncomplete : FVExitStatus::kOk;
     }
     if (conflicts && !arguments.replace) {
@@ -257,10 +258,10 @@ int restoreMain(const RestoreArguments& arguments) {
             });
     }
     FVRestoreSignals::copyFinished();
-    FVOutput::print(stdout, "Restore {}: {} files ({}), {} already identical, {} conflicts moved aside, {} errors.\n",
-               summary.cancelled ? "cancelled" : "finished", summary.files,
-               FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), identical, summary.replaced,
-               summary.errors);
+    FVOutput::print(stdout, "Restore {}: {} ({}), {} already identical, {} moved aside, {}.\n",
+                    summary.cancelled ? "stopped" : "finished", FVNumber::counted(summary.files, "file"),
+                    FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), identical,
+                    FVNumber::counted(summary.replaced, "conflict"), FVNumber::counted(summary.errors, "error"));
     if (summary.cancelled && FVRestoreSignals::cancellingSignal())
         return FVExitStatus::interrupted(FVRestoreSignals::cancellingSignal());
     return summary.cancelled || summary.errors ? FVExitStatus::kIncomplete : FVExitStatus::kOk;

@@ -77,7 +77,8 @@ int show(const std::string& destination, const PlistDict& stored, const Request&
     const std::vector<FVArchivedRun> runs = FVArchivedRuns(layout).list();
     const size_t points = static_cast<size_t>(
         std::count_if(runs.begin(), runs.end(), [](const FVArchivedRun& run) { return run.record && run.record->complete(); }));
-    fmt::print("The destination holds {} runs, {} of them complete points in time.\n", runs.size(), points);
+    fmt::print("The destination holds {}, {} of them complete points in time.\n", FVNumber::counted(runs.size(), "run"),
+               points);
     if (!preview) return 0;
     if (!typed.retentionEnabled) {
         fmt::print("Nothing would be removed: retention is off.\n");

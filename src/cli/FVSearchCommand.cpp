@@ -60,7 +60,9 @@ int main(const std::string& destination, const std::string& text, bool json) {
         const auto& result = results[k];
         fmt::print("{}\n  {{{}, \"versions\": [", k ? "," : "[", FVJsonText::pathFields("path", result.path));
         for (size_t v = 0; v < result.fullpaths.size(); ++v)
-            fmt::print("{}{{\"date\": {}, {}}}", v ? ", " : "",
+            fmt::print("{}{{\"current\": {}, \"run\": {}, \"date\": {}, {}}}", v ? ", " : "",
+                       result.runs[v].empty() ? "true" : "false",
+                       result.runs[v].empty() ? "null" : FVJsonText::quoted(result.runs[v]),
                        result.timestamps[v].empty() ? "null" : FVJsonText::quoted(result.timestamps[v]),
                        FVJsonText::pathFields("location", result.fullpaths[v]));
         fmt::print("]}}");
@@ -69,10 +71,11 @@ int main(const std::string& destination, const std::string& text, bool json) {
     for (size_t k = 0; k < results.size() && !json; ++k) {
         const auto& result = results[k];
         fmt::print("{}{}\n", k ? "\n" : "", FVSearchText::printable(result.path));
+        // As "ferrovane versions" labels them: the name a restore's --version takes.
         for (size_t v = 0; v < result.fullpaths.size(); ++v) {
-            const std::string& stamp = result.timestamps[v];
-            fmt::print("  {:<16}  {}\n", stamp.empty() ? "(gone)" : stamp,
-                       FVSearchText::printable(result.fullpaths[v]));
+            const std::string& modified = result.timestamps[v];
+            fmt::print("  {:<26}  {:<16}  {}\n", result.runs[v].empty() ? "current" : FVSearchText::printable(result.runs[v]),
+                       modified.empty() ? "(gone)" : modified, FVSearchText::printable(result.fullpaths[v]));
         }
     }
     if (search->reachedMatchLimit())

@@ -1,7 +1,7 @@
 #pragma once
 // "ferrovane search <destination> <words>...": the destination search for machines without a
-// display. Prints one block per file: its logical path, then each version's time stamp and real
-// path, newest first.
+// display. Prints one block per file: its logical path, then each version (the current copy, then
+// the archived ones by run, newest first) with its run, its modification time and its real path.
 
 #include <string>
 

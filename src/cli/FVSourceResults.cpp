@@ -35,8 +35,8 @@ uint64_t bytesCopied(const FVSourceItem& item) {
 std::string line(const FVSourceItem& item) {
     auto date = lastBackup(item);
     if (!date) return "not backed up yet";
-    return fmt::format("last backup {}: {} files, {} updated, {} copied", formatted(*date, "%Y-%m-%d %H:%M:%S", false),
-                       item.integerValue(FVSourceKey::totalFilesCount),
+    return fmt::format("last backup {}: {}, {} updated, {} copied", formatted(*date, "%Y-%m-%d %H:%M:%S", false),
+                       FVNumber::counted(static_cast<uint64_t>(item.integerValue(FVSourceKey::totalFilesCount)), "file"),
                        item.integerValue(FVSourceKey::updatedFilesCount),
                        FVNumber::formattedDiskSizeString(static_cast<double>(bytesCopied(item))));
 }

@@ -45,12 +45,12 @@ void FVArchivePurge::purgeFolder(const std::string& folder, int64_t age) {
         }
         const int error = destination_.removeUnlocking(path);
         if (error == 0) {
-            status_.log(fmt::format("Removed archive {} (age: {} days)", path, days));
+            status_.log(fmt::format("Removed archive {} (age: {})", path, FVNumber::counted(static_cast<uint64_t>(days), "day")));
         } else if (status_.stopOnFatalDestinationError(error, "purging", path)) {
             return;
         } else {
-            std::string message = fmt::format("WARNING: Could not remove archive {} (age: {} days): {}", path, days,
-                                              std::strerror(error));
+            std::string message = fmt::format("WARNING: Could not remove archive {} (age: {}): {}", path,
+                                              FVNumber::counted(static_cast<uint64_t>(days), "day"), std::strerror(error));
             status_.log(message);
             status_.addError(message);
         }

@@ -121,18 +121,63 @@ void FVBackupSession::start() {
     currentItemIndex_ = 0;
     planningStatus_.setQuiet(true);
     room_ = std::make_unique<FVRoomForRun>(runSettings_, excludePaths_, planningStatus_, runSettings_.reportPlannedChange);
-    if (room_->fitsWhateverItWrites()) {
+    hooks_ = FVRunHooks(backupOptions_, hookApprovals_, [this](std::string_view line) {
+        if (delegate_) delegate_->backupSessionHookDidPrint(*this, line);
+    });
+    hookRun_ = {destinationPath_, runSettings_.archiveFolderName, trigger_, dryRun_};
+    const bool fits = room_->fitsWhateverItWrites();
+    if (fits && !hooks_.hasBefore()) {
         FVTestHook::reach("space-checked", destinationPath_);
         beginJob();
         driver_ = std::thread([this] { run(); });
         return;
     }
-    // The look ahead walks the sources: on the run's thread.
-    driver_ = std::thread([this] {
-        if (!makeRoom()) return;
+    // The before-hook and the look ahead (which walks the sources) take their time: on the run's thread.
+    driver_ = std::thread([this, fits] {
+        if (!runBeforeHook()) return;
+        if (fits) FVTestHook::reach("space-checked", destinationPath_);
+        else if (!makeRoom()) return;
         beginJob();
         run();
     });
+}
+
+bool FVBackupSession::runBeforeHook() {
+    if (!hooks_.hasBefore()) return true;
+    FVLog& log = FVLog::currentLog();
+    log.newLog();
+    setTaskDescription("Running the before-hook...");
+    progressStep();
+    std::optional<std::string> skip = hooks_.runBefore(hookRun_, [this] { return cancelRequested_.load(); });
+    if (skip) {
+        refusal_ = *skip;
+        skippedByBeforeHook_.store(true);
+        log.addLogLine("Sync skipped: nothing was changed.\n");
+        log.closeLog();
+        setTaskDescription("Skipped: the before-hook failed.");
+        sleepInhibitor_.release();
+        if (delegate_) delegate_->backupSessionDidCancel(*this);
+        return false;
+    }
+    if (cancelRequested_.load()) {
+        endCancelled("Sync cancelled before copying.\n");
+        return false;
+    }
+    return true;
+}
+
+void FVBackupSession::runAfterHook(const char* outcome) {
+    if (!hooks_.hasAfter()) return;
+    FVHookRunEnd end;
+    end.outcome = outcome;
+    end.errors = errorMessages().size();
+    if (FVSyncingBackup* job = syncingBackup())
+        if (auto worker = job->backupCopyWorker()) end.filesCopied = worker->copiedFiles();
+    end.bytesCopied = sessionTotalBytesCopied();
+    end.logFile = FVLog::logFilePath();
+    setTaskDescription("Running the after-hook...");
+    progressStep();
+    hooks_.runAfter(hookRun_, end);
 }
 
 void FVBackupSession::beginJob() {
@@ -223,6 +268,7 @@ void FVBackupSession::finish() {
     syncingBackup_->flushDestination();
     syncingBackup_->finishRecord(false);
     syncingBackup_->thinRuns();
+    runAfterHook(!errorMessages().empty() ? "errors" : !warnings().empty() ? "warnings" : "finished");
     FVLog::currentLog().addLogLine(fmt::format("Sync finished (Duration: {}).\n", syncingBackup_->currentDurationString()));
     FVLog::currentLog().closeLog();
     // Released before the delegate hears of the end: it may destroy this session at once.
@@ -238,7 +284,7 @@ void FVBackupSession::refuse(const std::string& problem) {
     log.addLogLine("ERROR: " + problem);
     log.addLogLine("Sync cancelled: nothing was changed.\n");
     log.closeLog();
-    setTaskDescription("Cancelled.");
+    setTaskDescription(FVStrings::localized("backupstopped"));
     if (delegate_) delegate_->backupSessionDidCancel(*this);
 }
 
@@ -248,6 +294,7 @@ void FVBackupSession::stopForSpace(const std::string& problem) {
     FVLog& log = FVLog::currentLog();
     log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
     log.addLogLine("ERROR: " + problem);
+    runAfterHook("no-space");
     log.addLogLine("Sync stopped before copying: not enough room.\n");
     log.closeLog();
     setTaskDescription("Stopped before copying: not enough room.");
@@ -262,9 +309,10 @@ void FVBackupSession::didCancel() {
 }
 
 void FVBackupSession::endCancelled(const std::string& lastLogLine) {
+    runAfterHook(cancelRequested_.load() ? "stopped" : "failed");
     FVLog::currentLog().addLogLine(lastLogLine);
     FVLog::currentLog().closeLog();
-    setTaskDescription("Cancelled.");
+    setTaskDescription(FVStrings::localized("backupstopped"));
     progressStep();
     sleepInhibitor_.release();
     if (delegate_) delegate_->backupSessionDidCancel(*this);
@@ -283,7 +331,9 @@ std::vector<std::string> FVBackupSession::errorMessages() const {
 
 std::vector<std::string> FVBackupSession::warnings() const {
     FVSyncingBackup* job = syncingBackup();
-    return job ? job->warnings() : std::vector<std::string>();
+    std::vector<std::string> warnings = job ? job->warnings() : std::vector<std::string>();
+    warnings.insert(warnings.end(), hooks_.warnings().begin(), hooks_.warnings().end());
+    return warnings;
 }
 
 std::vector<std::string> FVBackupSession::notes() const {

@@ -6,6 +6,7 @@
 
 #include "engine/FVOptions.h"
 #include "engine/FVRoomForRun.h"
+#include "engine/FVRunHooks.h"
 #include "engine/FVRunStatus.h"
 #include "engine/FVSourceItem.h"
 #include "engine/FVSyncingBackup.h"
@@ -16,6 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -32,6 +34,8 @@ public:
     virtual void backupSessionDidCancel(FVBackupSession& session) {}
     // A dry run's decision, one line ("Would copy: PATH"), in the order the run makes them.
     virtual void backupSessionWouldChange(FVBackupSession& session, const std::string& line) {}
+    // A line that the before- or after-hook wrote; it is in the run log already.
+    virtual void backupSessionHookDidPrint(FVBackupSession& session, std::string_view line) {}
 };
 
 class FVBackupSession final {
@@ -52,6 +56,10 @@ public:
     // The whole run's decisions, each reported as a log line ("Would copy: ..."), with nothing
     // changed: not the destination, not the items' results.
     void setDryRun(bool dryRun) { dryRun_ = dryRun; }
+    // What started the run, as the hooks are told: manual, schedule, connect or window.
+    void setTrigger(std::string trigger) { trigger_ = std::move(trigger); }
+    // Where hook approvals are looked up; the user's own folder unless set.
+    void setHookApprovals(FVHookApprovals approvals) { hookApprovals_ = std::move(approvals); }
 
     // Starts the run on its own thread and returns at once.
     void start();
@@ -75,6 +83,9 @@ public:
     bool stoppedForSpace() const { return stoppedForSpace_.load(); }
     // Why the run ended before it touched anything (also among errorMessages()); empty otherwise.
     const std::string& refusal() const { return refusal_; }
+    // The before-hook failed and the run was skipped with nothing touched; the reason is refusal().
+    // Read once the session has ended.
+    bool skippedByBeforeHook() const { return skippedByBeforeHook_.load(); }
     // What the window and the command line say of a finished run: the files it changed, and
     // "Changed: 1.5% Duration: 3 seconds" (the share of the enabled items' files).
     int32_t updatedFileCount() const;
@@ -97,6 +108,10 @@ private:
     // Creates the sync job; from here on the run writes.
     void beginJob();
     void setTaskDescription(std::string text);
+    // The before-hook on the run's thread; false when the run ended there (skipped or cancelled).
+    bool runBeforeHook();
+    // The after-hook with how the run ended, before the front end hears of the end.
+    void runAfterHook(const char* outcome);
     void progressStep();
 
     FVBackupSessionDelegate* delegate_ = nullptr;
@@ -117,6 +132,11 @@ private:
     std::vector<std::string> roomWarnings_;
     std::vector<std::string> roomNotes_;
     std::atomic<bool> stoppedForSpace_{false};
+    std::atomic<bool> skippedByBeforeHook_{false};
+    std::string trigger_ = "window";
+    FVHookApprovals hookApprovals_;
+    FVRunHooks hooks_;
+    FVHookRun hookRun_;
     std::atomic<bool> cancelRequested_{false};
 
     bool shouldPerformCleanup_ = false;

@@ -37,8 +37,8 @@ bool FVMirrorCleanup::run(const std::vector<FVSourceItemPtr>& backupSet, int32_t
         if (!cleanSourceRoot(sourceRoot, confirmed && confirmed->boolValue())) return false;
     }
     if (!settings_.dryRun)
-        status_.log(archives() ? fmt::format("Archiving deleted items finished: archived {} items.", handled_)
-                               : fmt::format("Removing deleted items finished: removed {} items.", handled_));
+        status_.log((archives() ? "Archiving deleted items finished: archived " : "Removing deleted items finished: removed ") +
+                    FVNumber::counted(handled_, "item") + ".");
     status_.setCopyProgress(100);
     status_.setAnalyseProgress(100);
     status_.reportProgress();

@@ -126,6 +126,16 @@ std::optional<std::string> FVMirrorLayout::relativePathOfDestinationPath(const s
     return relative;
 }
 
+std::optional<std::string> FVMirrorLayout::archiveStampOfDestinationPath(const std::string& path) const {
+    if (!FVText::isPathWithin(path, destination_)) return std::nullopt;
+    const std::string relative = destination_ == "/" ? path : path.substr(destination_.size());
+    for (const char* archive : {kChangedFolder, kRemovedFolder}) {
+        const std::string prefix = std::string("/") + archive + "/";
+        if (relative.starts_with(prefix)) return relative.substr(prefix.size(), relative.find('/', prefix.size()) - prefix.size());
+    }
+    return std::nullopt;
+}
+
 std::optional<std::string> FVMirrorLayout::relativePathOfOriginal(const std::string& path) const {
     const std::string* best = nullptr;
     for (const std::string& source : sources_)

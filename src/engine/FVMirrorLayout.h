@@ -69,6 +69,9 @@ public:
     // A path inside the destination (mirror or archive) to its path relative to the mirror;
     // nothing outside the destination. An archive folder itself gives "".
     std::optional<std::string> relativePathOfDestinationPath(const std::string& path) const;
+    // The stamp of the run whose archive folder holds a path inside the destination; nothing for
+    // the mirror and for paths outside the destination.
+    std::optional<std::string> archiveStampOfDestinationPath(const std::string& path) const;
     // An original path to its path relative to the mirror, placed by the deepest source that holds it.
     std::optional<std::string> relativePathOfOriginal(const std::string& path) const;
     // The configured source whose mirror holds a relative path, and the original path there.

@@ -22,6 +22,10 @@ FVOptionRule integer(const char* key, int64_t FVOptions::*field, int64_t minimum
     return {key, T::Integer, minimum, maximum, expected, preset, std::nullopt, settable, nullptr, field, nullptr};
 }
 
+FVOptionRule text(const char* key, std::string FVOptions::*field) {
+    return {key, T::Text, 0, 0, "a text", std::nullopt, std::nullopt, false, nullptr, nullptr, field};
+}
+
 // Text shown in a message: control characters and overlong values never reach the terminal.
 std::string quoted(const std::string& text) {
     std::string out;
@@ -73,6 +77,9 @@ const std::vector<FVOptionRule>& rules() {
                 "a whole number of minutes from 0 to 525600", false, 60),
         integer(FVOptionKey::overdueDays, &O::overdueDays, 0, 3650, "a whole number of days from 0 (never) to 3650",
                 true, 7),
+        integer(FVOptionKey::hookTimeoutSeconds, &O::hookTimeoutSeconds, 1, 86400,
+                "a whole number of seconds from 1 to 86400", true, 600),
+        boolean(FVOptionKey::skipRunWhenBeforeHookFails, &O::skipRunWhenBeforeHookFails, true, 1),
         // Versions are kept by default: a new destination archives what a run replaces.
         boolean(FVOptionKey::moveChangedFiles, &O::moveChangedFiles, true, std::nullopt, 1),
         boolean(FVOptionKey::retentionEnabled, &O::retentionEnabled, true, std::nullopt, 1),
@@ -86,13 +93,16 @@ const std::vector<FVOptionRule>& rules() {
         boolean(FVOptionKey::excludeSymlinks, &O::excludeSymlinks, true),
         boolean(FVOptionKey::performExtendedLogging, &O::performExtendedLogging, true),
         boolean(FVOptionKey::isSuperuserBackup, &O::isSuperuserBackup, false),
-        {FVOptionKey::UUID, T::Text, 0, 0, "a text", std::nullopt, std::nullopt, false, nullptr, nullptr, &O::UUID},
+        text(FVOptionKey::UUID, &O::UUID),
         boolean(FVOptionKey::automationEnabled, &O::automationEnabled, false),
         integer(FVOptionKey::automationWeekdaySelection, &O::automationWeekdaySelection, 0, 7,
                 "a weekday number from 0 to 7 (0 and 7 are Sunday)", false),
         integer(FVOptionKey::automationIntervalSelection, &O::automationIntervalSelection, 0, 1,
                 "0 (daily) or 1 (weekly)", false),
         boolean(FVOptionKey::automationVerifyMonthly, &O::automationVerifyMonthly, false),
+        // Set with "config DEST hook", which also records the approval that lets them run.
+        text(FVOptionKey::beforeHook, &O::beforeHook),
+        text(FVOptionKey::afterHook, &O::afterHook),
     };
     return table;
 }

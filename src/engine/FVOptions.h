@@ -47,6 +47,10 @@ inline constexpr const char* purgeOldestForSpace = "purgeOldestForSpace";
 inline constexpr const char* backUpWhenConnected = "backUpWhenConnected";
 inline constexpr const char* connectedRunIntervalMinutes = "connectedRunIntervalMinutes";
 inline constexpr const char* overdueDays = "overdueDays";
+inline constexpr const char* beforeHook = "beforeHook";
+inline constexpr const char* afterHook = "afterHook";
+inline constexpr const char* hookTimeoutSeconds = "hookTimeoutSeconds";
+inline constexpr const char* skipRunWhenBeforeHookFails = "skipRunWhenBeforeHookFails";
 }  // namespace FVOptionKey
 
 // The options as typed values. A missing key reads as 0 / no: only the window fills in defaults.
@@ -98,6 +102,14 @@ struct FVOptions {
     int64_t connectedRunIntervalMinutes = 60;
     // A scheduled destination whose last successful run is older than this is announced; 0: never.
     int64_t overdueDays = 7;
+
+    // Commands run through /bin/sh before and after each run (empty: none), each ended after
+    // hookTimeoutSeconds. A before-hook that fails or runs out of time skips the run when
+    // skipRunWhenBeforeHookFails is on; otherwise the run goes on with a warning.
+    std::string beforeHook;
+    std::string afterHook;
+    int64_t hookTimeoutSeconds = 600;
+    bool skipRunWhenBeforeHookFails = true;
 
     // Runs start by themselves: on the calendar or when the disk is connected.
     bool isScheduled() const { return automationEnabled || backUpWhenConnected; }

@@ -130,11 +130,11 @@ FVPointInTimeRestore::Summary FVPointInTimeRestore::run(const Progress& progress
         if (progress) progress(done, plan_.entryCount());
     }
     summary_.cancelled = stopped();
-    log.addLogLine(fmt::format("Restore {}: {} files ({}), {} replaced items moved aside, {} errors, {} files whose "
-                               "bytes are gone.",
-                               summary_.cancelled ? "cancelled" : "finished", summary_.files,
+    log.addLogLine(fmt::format("Restore {}: {} ({}), {} moved aside, {}, {} whose bytes are gone.",
+                               summary_.cancelled ? "stopped" : "finished", FVNumber::counted(summary_.files, "file"),
                                FVNumber::formattedDiskSizeString(static_cast<double>(summary_.bytes)),
-                               summary_.replaced, summary_.errors, summary_.gone));
+                               FVNumber::counted(summary_.replaced, "replaced item"),
+                               FVNumber::counted(summary_.errors, "error"), FVNumber::counted(summary_.gone, "file")));
     log.closeLog();
     return summary_;
 }
@@ -326,8 +326,8 @@ void FVPointInTimeRestore::restoreFile(const FileJob& job, Lane& lane) {
         return;
     }
     if (mismatches)
-        tell(fmt::format("{}: {} copies in the destination differ from the record; restored from one that matches",
-                         job.target, mismatches),
+        tell(fmt::format("{}: {} in the destination {} from the record; restored from one that matches",
+                         job.target, FVNumber::counted(mismatches, "copy", "copies"), mismatches == 1 ? "differs" : "differ"),
              false);
     if (!FVRecordedMetadata::apply(entry, {out.get(), false}, plan_.targetProfile(), &problem))
         tell(fmt::format("ERROR: Restored {} without all of its metadata: {}", job.target, problem), true);

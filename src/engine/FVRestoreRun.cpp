@@ -64,10 +64,11 @@ FVRestoreRun::Summary FVRestoreRun::run(const std::string& destination, const Pr
     summary.bytes = bytes_;
     summary.replaced = replaced_;
     summary.errors = errors_;
-    log.addLogLine(fmt::format("Restore {}: {} files ({}), {} replaced items moved aside, {} errors.",
-                               summary.cancelled ? "cancelled" : "finished", summary.files,
+    log.addLogLine(fmt::format("Restore {}: {} ({}), {} moved aside, {}.", summary.cancelled ? "stopped" : "finished",
+                               FVNumber::counted(summary.files, "file"),
                                FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)),
-                               summary.replaced, summary.errors));
+                               FVNumber::counted(summary.replaced, "replaced item"),
+                               FVNumber::counted(summary.errors, "error")));
     log.closeLog();
     return summary;
 }

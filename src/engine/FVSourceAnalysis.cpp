@@ -54,8 +54,9 @@ void FVSourceAnalysis::analyse(const std::string& sourcePath, int64_t estimatedF
     status_.reportProgress();
     walk(sourcePath, settings_.itemTargetPath(sourcePath));
     if (digestsToTake_ > 0)
-        status_.log(fmt::format("Recording: {} files of {} have no recorded digest yet; their backups are read once "
-                                "to record it.", digestsToTake_, sourcePath));
+        status_.log(fmt::format("Recording: {} of {} {} no recorded digest yet; their backups are read once "
+                                "to record it.", FVNumber::counted(digestsToTake_, "file"), sourcePath,
+                                digestsToTake_ == 1 ? "has" : "have"));
 }
 
 void FVSourceAnalysis::recordCurrent(const std::string& relative, const FVFileSystemItemPtr& source,

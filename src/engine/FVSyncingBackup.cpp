@@ -139,8 +139,8 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
     if (worker) worker->startCopySession();
     analysis.analyse(sourcePath, fileCountEstimation && *fileCountEstimation > 0 ? *fileCountEstimation : kUnknownFileCount);
     if (!status_.isCancelled())
-        status_.log(fmt::format("Source finished analysing: {} ({} items changed).", sourcePath,
-                                static_cast<int>(currentUpdateCount())));
+        status_.log(fmt::format("Source finished analysing: {} ({} changed).", sourcePath,
+                                FVNumber::counted(currentUpdateCount(), "item")));
     status_.setAnalyseProgress(100);
     status_.reportProgress();
 

@@ -85,7 +85,7 @@ FVVerificationSummary FVVerification::run() {
 std::string FVVerification::describe(const FVVerificationSummary& summary) {
     using Status = FVVerificationSummary::Status;
     if (summary.status == Status::CannotRun || summary.status == Status::Busy) return summary.problem;
-    std::string text = fmt::format("{} files ({}) read against the run {}", summary.files,
+    std::string text = fmt::format("{} ({}) read against the run {}", FVNumber::counted(summary.files, "file"),
                                    FVNumber::formattedDiskSizeString(static_cast<double>(summary.bytes)), summary.run);
     std::string counts;
     auto add = [&](uint64_t count, const char* what) {

@@ -1,5 +1,6 @@
 #include "engine/FVVerificationPass.h"
 
+#include "engine/FVAdditions.h"
 #include "engine/FVMirrorLayout.h"
 #include "engine/FVPointInTime.h"
 #include "engine/FVVersionCatalog.h"
@@ -290,7 +291,7 @@ void FVVerificationPass::verifyArchives(const std::vector<FVRunRecord>& runs) {
             }
             if (unrecorded) {
                 report(FVVerificationFinding::Kind::Unrecorded, folder,
-                       fmt::format("{} files archived before the first record", unrecorded));
+                       FVNumber::counted(unrecorded, "file") + " archived before the first record");
                 summary_.unrecorded += unrecorded;
             }
         }

@@ -1,6 +1,7 @@
 #include "scheduling/FVLaunchAgentManager.h"
 
 #include "platform/FVHomeDirectory.h"
+#include "platform/FVProgramFiles.h"
 
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
@@ -29,13 +30,6 @@ namespace {
 
 constexpr const char* kClassName = "FVLaunchAgentManager";
 constexpr const char* kLaunchctl = "/bin/launchctl";
-
-std::string ownExecutable() {
-    char buffer[4096];
-    ssize_t length = readlink("/proc/self/exe", buffer, sizeof buffer);
-    if (length <= 0 || static_cast<size_t>(length) >= sizeof buffer) return "";
-    return std::string(buffer, static_cast<size_t>(length));
-}
 
 bool hasPrefix(std::string_view text, std::string_view prefix) { return text.substr(0, prefix.size()) == prefix; }
 bool hasSuffix(std::string_view text, std::string_view suffix) {
@@ -95,8 +89,14 @@ std::optional<std::string> literalPath(std::string_view path) {
 
 // A path in a list that systemd splits at blanks and unquotes (RequiresMountsFor=): in double
 // quotes, with quotes and backslashes escaped. "\x20" would not do: that list is not C-unescaped.
+// A path no line can carry (not UTF-8, a line break) is replaced by its deepest folder that one
+// can: the mounts on the way there are still waited for.
 std::optional<std::string> quotedPath(std::string_view path) {
     std::optional<std::string> literal = literalPath(path);
+    while (!literal && path.size() > 1) {
+        path = path.substr(0, std::max<size_t>(path.find_last_of('/'), 1));
+        literal = literalPath(path);
+    }
     if (!literal) return std::nullopt;
     std::string out = "\"";
     for (char c : *literal) {
@@ -147,7 +147,8 @@ FVLaunchAgentManager::FVLaunchAgentManager(std::shared_ptr<FVCommandRunner> runn
     : runner_(std::move(runner)),
       format_(format),
       jobDirectory_(std::move(jobDirectory)),
-      executablePath_(executablePath.empty() ? ownExecutable() : std::move(executablePath)) {}
+      executablePath_(executablePath.empty() ? FVProgramFiles::commandLineFor(FVProgramFiles::running())
+                                              : std::move(executablePath)) {}
 
 std::string FVLaunchAgentManager::jobDirectory() const {
     std::string directory = jobDirectory_;

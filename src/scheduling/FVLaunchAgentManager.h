@@ -40,7 +40,8 @@ public:
     static FVJobFormat platformFormat();
 
     // jobDirectory and executablePath replace the defaults when not empty: the directory by real
-    // user id (or $FERROVANE_JOB_DIRECTORY), and this process's own executable.
+    // user id (or $FERROVANE_JOB_DIRECTORY), and this process's own executable (from the window:
+    // the command line beside it).
     explicit FVLaunchAgentManager(std::shared_ptr<FVCommandRunner> runner,
                                   FVJobFormat format = platformFormat(), std::string jobDirectory = {},
                                   std::string executablePath = {});
@@ -103,8 +104,10 @@ public:
                                 const std::string& destination, const FVJobSchedule& schedule,
                                 FVJobKind kind = FVJobKind::Backup);
 
-private:
+    // The files a job of this kind is written to.
     std::vector<std::string> jobFilePaths(const std::string& uuid, FVJobKind kind) const;
+
+private:
     void unloadJob(const std::string& uuid, FVJobKind kind);
     bool writeJob(const std::string& uuid, FVJobKind kind, const std::string& destination,
                   const FVJobSchedule& schedule, std::string* error);

@@ -71,16 +71,28 @@ bool FVOptionsPanelController::updateAutomations(const std::string& destinationP
     return launchAgentManager_.writeVerifyJob(id, destinationPath, error);
 }
 
-std::vector<std::string> FVOptionsPanelController::manualSetupCommands() const {
+std::vector<FVJobKind> FVOptionsPanelController::writtenJobKinds() const {
     FVOptionsReadResult read = FVOptionTable::read(*options_);
-    std::vector<std::string> lines;
-    if (read.options.UUID.empty()) return lines;
     std::vector<FVJobKind> kinds;
+    if (read.options.UUID.empty()) return kinds;
     if (read.options.automationEnabled) kinds.push_back(FVJobKind::Backup);
     if (read.options.backUpWhenConnected) kinds.push_back(FVJobKind::Connect);
     if (read.options.automationVerifyMonthly) kinds.push_back(FVJobKind::Verify);
-    for (FVJobKind kind : kinds) {
-        if (!launchAgentManager_.isJobPresent(read.options.UUID, kind)) continue;
+    std::erase_if(kinds, [&](FVJobKind kind) { return !launchAgentManager_.isJobPresent(read.options.UUID, kind); });
+    return kinds;
+}
+
+std::vector<std::string> FVOptionsPanelController::writtenJobFiles() const {
+    std::vector<std::string> files;
+    for (FVJobKind kind : writtenJobKinds())
+        for (const std::string& path : launchAgentManager_.jobFilePaths(uuid(), kind)) files.push_back(path);
+    return files;
+}
+
+std::vector<std::string> FVOptionsPanelController::manualSetupCommands() const {
+    FVOptionsReadResult read = FVOptionTable::read(*options_);
+    std::vector<std::string> lines;
+    for (FVJobKind kind : writtenJobKinds()) {
         for (const std::vector<std::string>& command : launchAgentManager_.loadCommands(read.options.UUID, kind)) {
             std::string line;
             for (const std::string& word : command) line += (line.empty() ? "" : " ") + word;

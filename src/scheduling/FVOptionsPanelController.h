@@ -31,11 +31,16 @@ public:
     // The commands that load the written jobs the options ask for, one line each, for a user
     // whose service manager could not be reached; empty without a UUID.
     std::vector<std::string> manualSetupCommands() const;
+    // The unit files of those jobs that are written, for the same user.
+    std::vector<std::string> writtenJobFiles() const;
 
     // A new random UUID in upper-case text.
     static std::string makeUUID();
 
 private:
+    // The kinds of job the options ask for whose files are there.
+    std::vector<FVJobKind> writtenJobKinds() const;
+
     FVLaunchAgentManager& launchAgentManager_;
     PlistDictPtr options_;
 };

@@ -1,5 +1,7 @@
 #include "scheduling/FVScheduleSummary.h"
 
+#include "engine/FVAdditions.h"
+
 #include <fmt/format.h>
 
 namespace ferrovane {
@@ -12,7 +14,7 @@ std::string intervalText(int64_t minutes) {
     if (minutes <= 0) return "every time";
     if (minutes % 1440 == 0) return minutes == 1440 ? "at most once a day" : fmt::format("at most once in {} days", minutes / 1440);
     if (minutes % 60 == 0) return minutes == 60 ? "at most once an hour" : fmt::format("at most once in {} hours", minutes / 60);
-    return fmt::format("at most once in {} minutes", minutes);
+    return "at most once in " + FVNumber::counted(static_cast<uint64_t>(minutes), "minute");
 }
 
 // How an attempt ended, in the words a person reads; scripts get the stable names in JSON.

@@ -1,6 +1,7 @@
 #include "search/FVSearchResultParser.h"
 
 #include "engine/FVMirrorLayout.h"
+#include "engine/FVVersionCatalog.h"
 #include "fs/FVText.h"
 
 #include <sys/stat.h>
@@ -39,21 +40,30 @@ std::vector<FVSearchResult> FVSearchResultParser::parsedResults(const std::vecto
     struct Version {
         std::string timestamp;
         const std::string* fullpath;
+        std::string run;  // "" for the current copy
+        std::time_t runTime = 0;
     };
     std::map<std::string, std::vector<Version>> byPath;
-    for (const auto& hit : hits) byPath[pathInMirror(layout, hit)].push_back({timestamp(hit), &hit});
+    for (const auto& hit : hits) {
+        std::string run = layout.archiveStampOfDestinationPath(FVText::standardizedPath(hit)).value_or("");
+        // A stamp that is no time (a folder someone made there) sorts after every run.
+        std::time_t runTime = run.empty() ? 0 : FVVersionCatalog::stampTime(run).value_or(0);
+        byPath[pathInMirror(layout, hit)].push_back({timestamp(hit), &hit, std::move(run), runTime});
+    }
 
     std::vector<FVSearchResult> results;
     results.reserve(byPath.size());
     for (auto& [path, versions] : byPath) {
-        // The stamps are fixed-width numbers, so byte order is time order.
-        std::stable_sort(versions.begin(), versions.end(),
-                         [](const Version& a, const Version& b) { return a.timestamp > b.timestamp; });
+        std::stable_sort(versions.begin(), versions.end(), [](const Version& a, const Version& b) {
+            if (a.run.empty() != b.run.empty()) return a.run.empty();
+            return a.runTime != b.runTime ? a.runTime > b.runTime : a.run > b.run;
+        });
         FVSearchResult result;
         result.path = path;
         for (const auto& v : versions) {
             result.timestamps.push_back(v.timestamp);
             result.fullpaths.push_back(*v.fullpath);
+            result.runs.push_back(v.run);
         }
         result.hasMultipleVersions = versions.size() >= 2;
         results.push_back(std::move(result));

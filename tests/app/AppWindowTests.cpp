@@ -379,6 +379,8 @@ private slots:
         const QString calculating = text("sourcesizecalculating");
         QTRY_VERIFY_WITH_TIMEOUT(cell(0, FVSourceListModel::SizeColumn) != calculating, kPatience);
         app_->window()->optionsButton()->click();
+        // The mirror is in place: another placement would leave it behind, so none is offered.
+        QVERIFY(!app_->window()->findChild<FVOptionsPanel*>()->findChild<QComboBox*>("syncMode")->isEnabled());
         app_->window()->findChild<FVOptionsPanel*>()->accept();
         QTRY_VERIFY_WITH_TIMEOUT(cell(0, FVSourceListModel::SizeColumn) != calculating, kPatience);
         QTRY_VERIFY_WITH_TIMEOUT(app_->window()->summaryLine()->text().startsWith("1 item, "), kPatience);
@@ -596,8 +598,12 @@ private slots:
         openDestination(destination);
         QCOMPARE(app_->window()->scheduleLine()->text(), text("schedulelineoff"));
         // A weekly schedule on Friday at 03:30, and a run whenever the disk comes, at most every two hours.
+        // The hooks set on the command line are named, and only those.
+        app_->optionsPanelController().allOptions()->set(FVOptionKey::afterHook, "umount /backup");
         app_->window()->optionsButton()->click();
         auto* panel = awaitDialog<FVOptionsPanel>();
+        QCOMPARE(panel->findChild<QLabel*>("hooks")->text(), QString::fromStdString(FVStrings::format("optionshookafter", "umount /backup")));
+        QVERIFY(panel->findChild<QComboBox*>("syncMode")->isEnabled());
         panel->findChild<QCheckBox*>("automationEnabled")->setChecked(true);
         auto* interval = panel->findChild<QComboBox*>("automationInterval");
         interval->setCurrentIndex(interval->findData(1));

@@ -312,7 +312,7 @@ TEST_F(BackupRun, InterruptCancelsCleanlyAndLeavesTheConfigurationAlone) {
     EXPECT_EQ(WEXITSTATUS(status), 128 + SIGINT);
     EXPECT_EQ(lastAttempt().outcome, FVJobOutcome::Stopped);
     std::string out = readFile(dir / "out.txt");
-    EXPECT_EQ(out.substr(out.size() - 15), "Sync canceled.\n");
+    EXPECT_EQ(out.substr(out.size() - 16), "Backup stopped.\n");
     EXPECT_EQ(readFile(FVConfigurationFile::formattedPath(destination)), before);
     for (const auto& e : fs::recursive_directory_iterator(destination))
         EXPECT_EQ(e.path().filename().string().rfind(".ferrovane-tmp", 0), std::string::npos) << e.path();

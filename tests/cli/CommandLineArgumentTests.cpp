@@ -2,13 +2,13 @@
 // and do nothing, every command's help goes to standard output, and the forms that have always
 // worked still do.
 
-#include "support/ProcessRunner.h"
-#include "support/TempDir.h"
+#include "cli/DestinationFixture.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
+using namespace ferrovane;
 using namespace ferrovane::test;
 
 TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
@@ -22,8 +22,7 @@ TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
         const char* out;  // what standard output holds; "" for nothing at all
         const char* err;  // the same for standard error
     };
-    const char* noWindow = FERROVANE_HAS_WINDOW ? "no display" : "this build has no window";
-    const std::vector<Case> cases = {
+    std::vector<Case> cases = {
         {{"--help"}, 0, "Usage: ferrovane [OPTIONS] [DESTINATION]", ""},
         {{"-h"}, 0, "Commands (each with its own --help)", ""},
         {{"--version"}, 0, "Ferrovane 0.1.0 (1)\n", ""},
@@ -35,7 +34,6 @@ TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
 
         {{"--bogus"}, 2, "", "--bogus"}, {{"-v"}, 2, "", "-v"}, {{d, "-x"}, 2, "", "-x"},
         {{d, "extra"}, 2, "", "extra"},
-        {{"relative/dest"}, 2, "", "must be an absolute path"},
         {{"--add", d, "--dry-run"}, 2, "", "takes no destination"},
         {{d, "--", "-noUserNotifications"}, 2, "", "-noUserNotifications"},
         {{"--no-notifications"}, 2, "", "a destination is required"},
@@ -46,9 +44,6 @@ TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
         {{"runs", d, "--bogus"}, 2, "", "--bogus"},
         {{"config", d, "frobnicate"}, 2, "", "subcommand is required"},
         {{"config", d, "set", "maxThreads"}, 2, "", "VALUE is required"},
-        // The window's forms reach the window, which needs a display (and a build that has it).
-        {{}, 2, "", noWindow}, {{"--add", d}, 2, "", noWindow},
-
         // The historic forms reach the run, which finds no configuration here.
         {{d, "-noUserNotifications"}, 255, "Could not read configuration", ""},
         {{"--no-notifications", "--", d}, 255, "Could not read configuration", ""},
@@ -57,6 +52,10 @@ TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
         {{"search", d, "--", "-x-"}, 1, "", "no file name"},
         {{"runs", d}, 1, "", "not a backup destination"},
     };
+    // The window's forms reach the window beside the executable, which needs a display.
+    if (FERROVANE_HAS_WINDOW)
+        for (std::vector<std::string> args : {std::vector<std::string>{}, std::vector<std::string>{"--add", d}})
+            cases.push_back({args, 2, "", "no display"});
     for (const Case& c : cases) {
         std::vector<std::string> argv{FERROVANE_EXECUTABLE};
         argv.insert(argv.end(), c.args.begin(), c.args.end());
@@ -75,4 +74,71 @@ TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
         EXPECT_TRUE(c.status != 2 || r.err.find("Usage: ferrovane") != std::string::npos) << shown << r.err;
     }
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(d), {}), 1) << "nothing was written";
+}
+
+// The window is an executable of its own: the command line starts the one beside it, else one on
+// PATH, in its place and with the same arguments; without either it names the missing package.
+TEST(CommandLineArguments, TheWindowIsStartedBesideTheCommandLineOrFromPath) {
+    TempDir dir;
+    const std::string beside = dir / "bin", onPath = dir / "path", commandLine = beside + "/ferrovane";
+    makeDirs(beside);
+    makeDirs(onPath);
+    makeDirs(dir / "folder/ferrovane-gui");  // a folder of that name is no window
+    std::filesystem::copy_file(FERROVANE_EXECUTABLE, commandLine);
+    auto start = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), commandLine);
+        return runProcess(args, {{"PATH", dir / "folder:" + onPath}, {"DISPLAY", ":0"}});
+    };
+    ProcessResult missing = start({});
+    EXPECT_EQ(missing.exitStatus, 2);
+    EXPECT_EQ(missing.out, "");
+    EXPECT_EQ(missing.err, "ferrovane: error: the window is not installed (package ferrovane-gui)\n");
+
+    auto fakeWindow = [](const std::string& path) {
+        writeFile(path, "#!/bin/sh\necho \"$0 $*\"\n");
+        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+    };
+    fakeWindow(onPath + "/ferrovane-gui");
+    ProcessResult fromPath = start({"--add", "/a b", "c"});
+    EXPECT_EQ(fromPath.exitStatus, 0) << fromPath.err;
+    EXPECT_EQ(fromPath.out, onPath + "/ferrovane-gui --add /a b c\n");
+    fakeWindow(beside + "/ferrovane-gui");
+    EXPECT_EQ(start({}).out, beside + "/ferrovane-gui \n");
+}
+
+namespace {
+
+class DestinationArgument : public DestinationFixture {};
+
+}  // namespace
+
+// Every command takes the destination as the run does, an absolute path: a relative one is refused
+// alike, with the path it may have meant, even where it names a real destination.
+TEST_F(DestinationArgument, EveryCommandRefusesARelativeDestinationAlike) {
+    writeFile(source + "/a.txt", "a");
+    configure({{source, FVSourceMode::Backup}}, defaults());
+    ASSERT_EQ(run().exitStatus, 0);
+    const std::string settings = readFile(FVConfigurationFile::formattedPath(destination));
+    const std::string a = source + "/a.txt";
+    for (const std::string& relative : std::vector<std::string>{"dest", "./dest/", "../" + std::filesystem::path(dir.path()).filename().string() + "/dest"}) {
+        const std::vector<std::vector<std::string>> commands = {
+            {relative, "--no-notifications"}, {relative, "--dry-run"}, {"runs", relative},
+            {"search", relative, "a.txt"},    {"versions", relative, a}, {"ls", relative, source},
+            {"restore", relative, a, "--dry-run"}, {"restore", relative, a, "--at", "2000-01-01"},
+            {"verify", relative},             {"config", relative, "show"}, {"config", relative, "add", "/x"},
+            {"config", relative, "schedule"},
+        };
+        for (const auto& args : commands) {
+            std::vector<std::string> argv{"/usr/bin/env", "-C", dir.path(), FERROVANE_EXECUTABLE};
+            argv.insert(argv.end(), args.begin(), args.end());
+            ProcessResult r = runProcess(argv, {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()}});
+            std::string shown;
+            for (const std::string& arg : args) shown += arg + " ";
+            EXPECT_EQ(r.exitStatus, 2) << shown << r.out << r.err;
+            EXPECT_EQ(r.out, "") << shown;
+            EXPECT_EQ(r.err, "ferrovane: error: the destination must be an absolute path: " + relative +
+                                 " (did you mean " + destination + "?)\n") << shown;
+        }
+    }
+    EXPECT_EQ(readFile(FVConfigurationFile::formattedPath(destination)), settings);
 }

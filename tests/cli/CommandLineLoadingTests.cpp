@@ -117,9 +117,9 @@ TEST_F(CommandLineLoading, ARunAnnouncesItsStartAndItsOutcomeInOneNotification) 
     ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
     auto n = bus.recordedNotifications();
     ASSERT_EQ(n.size(), 2u);
-    EXPECT_EQ(n[0].text, "Starting sync to: Backup\t");
+    EXPECT_EQ(n[0].text, "Backing up to: Backup\t");
     // Both entries (the folder and its file) were copied out of the two counted.
-    EXPECT_EQ(n[1].text.rfind("Sync finished: Backup\tChanged: 100.0% Duration: ", 0), 0u) << n[1].text;
+    EXPECT_EQ(n[1].text.rfind("Backup finished: Backup\tChanged: 100.0% Duration: ", 0), 0u) << n[1].text;
     EXPECT_EQ(n[0].replacesId, 0u);
     EXPECT_EQ(n[1].replacesId, n[0].id) << "the outcome takes the place of the start";
     for (const RecordedNotification& each : n) {
@@ -136,4 +136,5 @@ TEST_F(CommandLineLoading, ARunAnnouncesItsStartAndItsOutcomeInOneNotification) 
     EXPECT_EQ(n[2].replacesId, 0u) << "a new run starts a notification of its own";
     EXPECT_EQ(n[3].replacesId, n[2].id);
     EXPECT_EQ(n[3].urgency, 2);
+    EXPECT_NE(n[3].text.find("1 error occurred, please check the log."), std::string::npos) << n[3].text;
 }

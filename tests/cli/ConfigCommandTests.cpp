@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <thread>
 
 using namespace ferrovane;
@@ -34,12 +35,13 @@ protected:
     }
 
     ProcessResult config(std::vector<std::string> args, std::map<std::string, std::optional<std::string>> env = {}) {
-        std::vector<std::string> argv{FERROVANE_EXECUTABLE, "config", destination};
+        std::vector<std::string> argv{program, "config", destination};
         argv.insert(argv.end(), args.begin(), args.end());
         env.emplace("PATH", bin);
         env.emplace("FERROVANE_JOB_DIRECTORY", jobs);
         env.emplace("HOME", dir.path());
         env.emplace("FERROVANE_JOB_STATUS_DIRECTORY", statusFolder());
+        env.emplace("FERROVANE_HOOK_APPROVAL_DIRECTORY", approvalFolder());
         return runProcess(argv, env, 30);
     }
 
@@ -47,6 +49,7 @@ protected:
     std::string settingsBytes() { return exists(settingsPath()) ? readFile(settingsPath()) : "(none)"; }
 
     std::string jobs = dir / "jobs", bin = dir / "bin", calls = dir / "systemctl.log";
+    std::string program = FERROVANE_EXECUTABLE;
 };
 
 std::vector<std::pair<std::string, int64_t>> sources(const FVConfiguration& c) {
@@ -74,9 +77,15 @@ TEST_F(ConfigCommand, SourcesAndOptionsAreWrittenWithTheSharedWriter) {
     EXPECT_EQ(config({"add", "--mode", "exclude", "/home/me/Documents/cache"}).exitStatus, 0);
     EXPECT_EQ(config({"add", "/x/node_modules", "--mode=exclude-name"}).exitStatus, 0);
     EXPECT_EQ(config({"add", "/old", "--mode", "disabled"}).exitStatus, 0);
+    const std::string listed = settingsBytes();
     ProcessResult duplicate = config({"add", "/home/me/Documents"});
-    EXPECT_EQ(duplicate.exitStatus, 1);
-    EXPECT_NE(duplicate.err.find("already in the list"), std::string::npos) << duplicate.err;
+    EXPECT_EQ(duplicate.exitStatus, 0) << duplicate.err;
+    EXPECT_EQ(duplicate.out, "/home/me/Documents is already listed (Back up).\n");
+    ProcessResult otherMode = config({"add", "/home/me/Documents", "--mode", "exclude"});
+    EXPECT_EQ(otherMode.exitStatus, 1);
+    EXPECT_NE(otherMode.err.find("already listed with --mode backup; to list it with --mode exclude, remove it first"),
+              std::string::npos) << otherMode.err;
+    EXPECT_EQ(settingsBytes(), listed);
     EXPECT_EQ(config({"remove", "/old"}).exitStatus, 0);
     EXPECT_EQ(config({"remove", "/old"}).exitStatus, 1);
     EXPECT_EQ(config({"set", "maxThreads", "4"}).exitStatus, 0);
@@ -159,10 +168,6 @@ TEST_F(ConfigCommand, BadInputIsRefusedAndNothingIsWritten) {
     EXPECT_FALSE(exists(calls));
     EXPECT_FALSE(exists(jobs));
 
-    ProcessResult relative = runProcess({FERROVANE_EXECUTABLE, "config", "dest", "show"});
-    EXPECT_EQ(relative.exitStatus, 2);
-    EXPECT_NE(relative.err.find("absolute path"), std::string::npos);
-
     // A file that is not a configuration is never overwritten.
     writeFile(settingsPath(), "not a property list");
     EXPECT_EQ(config({"add", "/b"}).exitStatus, 1);
@@ -197,6 +202,16 @@ TEST_F(ConfigCommand, ScheduleWritesUnitsThatStartFerrovaneOnExactlyThisDestinat
     ProcessResult shown = config({"show"});
     EXPECT_NE(shown.out.find("weekly on Friday at 22:15"), std::string::npos) << shown.out;
 
+    // Set up from the window's executable, the job starts the command line beside it: a
+    // scheduled run must not need the window's package.
+    const std::string programs = dir / "programs";
+    makeDirs(programs);
+    std::filesystem::copy_file(FERROVANE_EXECUTABLE, programs + "/ferrovane-gui");
+    program = programs + "/ferrovane-gui";
+    ASSERT_EQ(config({"schedule", "daily", "3:30"}).exitStatus, 0);
+    EXPECT_NE(readFile(jobs + "/" + label + ".service").find("\nExecStart=:" + programs + "/ferrovane --trigger"),
+              std::string::npos) << readFile(jobs + "/" + label + ".service");
+
     ASSERT_EQ(config({"schedule", "off"}).exitStatus, 0);
     EXPECT_FALSE(exists(jobs + "/" + label + ".service"));
     EXPECT_FALSE(exists(jobs + "/" + label + ".timer"));
@@ -211,8 +226,10 @@ TEST_F(ConfigCommand, JobFailuresAreReportedAndTheSettingIsKept) {
     // Said once, with what the user can run instead.
     const std::string user = getuid() == 0 ? "" : "--user ";
     const std::string failingUUID = readBack().settings->stringValue("UUID").value_or("");
-    EXPECT_NE(failing.err.find("To set it up by hand, run:\n  systemctl " + user + "daemon-reload\n  systemctl " + user +
-                               "enable --now com.quillmarsh.ferrovane." + failingUUID + ".timer\n"),
+    const std::string failingLabel = jobs + "/com.quillmarsh.ferrovane." + failingUUID;
+    EXPECT_NE(failing.err.find("Unit files written:\n  " + failingLabel + ".service\n  " + failingLabel +
+                               ".timer\nTo set it up by hand, run:\n  systemctl " + user + "daemon-reload\n  systemctl " +
+                               user + "enable --now com.quillmarsh.ferrovane." + failingUUID + ".timer\n"),
               std::string::npos) << failing.err;
     EXPECT_TRUE(readBack().settings->boolValue("automationEnabled"));
 
@@ -356,4 +373,36 @@ TEST_F(ConfigCommand, AChangeWaitsForTheRunningBackupAndASecondRunIsRefused) {
     EXPECT_EQ(change.exitStatus, 0) << change.err;
     EXPECT_NE(change.err.find("waiting"), std::string::npos) << change.err;
     EXPECT_EQ(sources(readBack()).size(), 1u);
+}
+
+// A new placement never leaves a mirror behind: refused while one is in place, with commands that
+// move it; once they ran, the change goes through and the next run copies nothing again.
+TEST_F(ConfigCommand, APlacementChangeIsRefusedWhileAMirrorWouldBeLeftBehind) {
+    writeFile(source + "/a.txt", "a");
+    PlistDict options = defaults();
+    options.set(FVOptionKey::syncMode, int64_t{1});
+    configure({{source, FVSourceMode::Backup}}, options);
+    ASSERT_EQ(config({"set", "syncMode", "0"}).exitStatus, 0) << "nothing is in place yet";
+    ASSERT_EQ(config({"set", "syncMode", "1"}).exitStatus, 0);
+    ASSERT_EQ(run().exitStatus, 0);
+    const std::string before = settingsBytes();
+
+    ProcessResult refused = config({"set", "syncMode", "0"});
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_EQ(settingsBytes(), before);
+    EXPECT_EQ(differences(source + "/", destination + "/src/"), "");
+    const std::string move = "  mkdir -p -- '" + destination + source.substr(0, source.rfind('/')) + "' && mv -nT -- '" +
+                             destination + "/src' '" + destination + source + "'\n";
+    EXPECT_NE(refused.err.find("ferrovane: error: a new placement would leave the mirror already in the destination "
+                               "behind"), std::string::npos) << refused.err;
+    ASSERT_NE(refused.err.find(move), std::string::npos) << refused.err;
+    EXPECT_NE(refused.err.find("  ferrovane config " + destination + " set syncMode 0"), std::string::npos);
+
+    ASSERT_EQ(runProcess({"/bin/sh", "-c", move}).exitStatus, 0);
+    ASSERT_EQ(config({"set", "syncMode", "0"}).exitStatus, 0);
+    ProcessResult again = run();
+    ASSERT_EQ(again.exitStatus, 0) << again.err;
+    EXPECT_FALSE(exists(destination + "/src"));
+    EXPECT_EQ(readBack().sources[0]->integerValue(FVSourceKey::updatedFilesCount), 0) << "nothing copied again";
+    EXPECT_EQ(differences(source + "/", destination + source + "/"), "");
 }

@@ -37,7 +37,8 @@ protected:
         args.insert(args.begin(), FERROVANE_EXECUTABLE);
         return runProcess(args, {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()},
                                  {"XDG_DATA_HOME", dir / "data"},
-                                 {"XDG_CACHE_HOME", dir / "cache"}, {"FERROVANE_JOB_STATUS_DIRECTORY", statusFolder()}});
+                                 {"XDG_CACHE_HOME", dir / "cache"}, {"FERROVANE_JOB_STATUS_DIRECTORY", statusFolder()},
+                                 {"FERROVANE_HOOK_APPROVAL_DIRECTORY", approvalFolder()}});
     }
 
     // A backup run, notifications off, with more arguments after the destination.
@@ -49,6 +50,8 @@ protected:
     std::string logPath() const { return dir / "Ferrovane.log"; }
     // Where runs record their attempts, instead of the user's own status.
     std::string statusFolder() const { return dir / "state"; }
+    // Where the hooks this user set are recorded, instead of the user's own folder.
+    std::string approvalFolder() const { return dir / "approvals"; }
 
     FVConfiguration readBack() {
         auto r = FVConfigurationFile::read(FVConfigurationFile::formattedPath(destination));

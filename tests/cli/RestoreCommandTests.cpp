@@ -96,6 +96,8 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
         std::string into = dir / ("out" + std::to_string(k));
         auto r = ferrovane({"restore", destination, source + "/a.txt", "--version", listed[k].version, "--to", into});
         ASSERT_EQ(r.exitStatus, 0) << r.out << r.err;
+        EXPECT_NE(r.out.find("Restore finished: 1 file ("), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find(", 0 conflicts moved aside, 0 errors.\n"), std::string::npos) << r.out;
         EXPECT_EQ(readFile(into + "/a.txt"), contents[k]);
         EXPECT_EQ(differences(listed[k].location, into + "/a.txt"), "");
     }
@@ -136,10 +138,16 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
     r = ferrovane({"search", destination, "ird", "--json"});
     EXPECT_EQ(jsonQuery(r.out, "d[0]['pathHex']"), hex(destination + "/docs/" + kOddName)) << r.err;
     r = ferrovane({"search", destination, "a.txt", "--json"});
-    EXPECT_EQ(jsonQuery(r.out, "[len(f['versions']) for f in d]"), "[3]") << r.out;
+    // In the order and with the names "versions" gives them: the current copy, then by run.
+    EXPECT_EQ(jsonQuery(r.out, "[[v['run'] or 'current' for v in f['versions'] if v['current'] == (v['run'] is None)] "
+                               "for f in d]"),
+              "[['current', '" + listed[1].version + "', '" + listed[2].version + "']]") << r.out;
 
     EXPECT_EQ(ferrovane({"versions", destination, source + "/never.txt"}).exitStatus, 1);
-    EXPECT_EQ(ferrovane({"versions", destination, "/elsewhere/x"}).exitStatus, 2);
+    r = ferrovane({"versions", destination, "/elsewhere/x"});
+    EXPECT_EQ(r.exitStatus, 2);
+    EXPECT_EQ(r.err, "ferrovane: error: /elsewhere/x is neither inside the destination nor below one of its "
+                     "sources (ferrovane config " + destination + " show lists them)\n");
     EXPECT_EQ(ferrovane({"restore", destination, source + "/a.txt", "--version", "1999"}).exitStatus, 1);
     EXPECT_EQ(ferrovane({"restore", destination, "--all", "--to", destination + "/inside"}).exitStatus, 2);
     EXPECT_EQ(ferrovane({"restore", destination}).exitStatus, 2);

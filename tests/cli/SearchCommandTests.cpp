@@ -33,10 +33,12 @@ protected:
 
 }  // namespace
 
-TEST_F(SearchCommand, ListsEachFileOnceWithItsVersionsNewestFirst) {
-    file("Documents/Letters/Tax Letter.txt", "2021-07-05 10:00");
+TEST_F(SearchCommand, ListsEachFileOnceWithItsCurrentCopyThenItsVersionsByRunNewestFirst) {
+    // A current copy older than its archived version (a restore brought an old one back) is still
+    // the current one.
+    file("Documents/Letters/Tax Letter.txt", "2021-06-01 10:00");
     file("__changed/2021-07-02 09.00.00 +0200/Documents/Letters/Tax Letter.txt", "2021-06-20 08:30");
-    // The archive folders' stamps say the opposite of the files' own times: the files' times decide.
+    // The archive folders' stamps say the opposite of the files' own times: the runs decide.
     file("__removed/2021-06-01 09.00.00 +0200/Documents/Letters/tax letter old.txt", "2021-05-01 12:00");
     file("__changed/2021-07-03 09.00.00 +0200/Documents/Letters/tax letter old.txt", "2021-04-01 12:00");
     file("Documents/Letters/letter.txt", "2021-07-05 10:00");  // only one of the two words
@@ -46,12 +48,12 @@ TEST_F(SearchCommand, ListsEachFileOnceWithItsVersionsNewestFirst) {
 
     EXPECT_EQ(result.exitStatus, 0) << result.err;
     EXPECT_EQ(result.out, dest + "/Documents/Letters/Tax Letter.txt\n"
-                          "  2021-07-05 10:00  " + dest + "/Documents/Letters/Tax Letter.txt\n"
-                          "  2021-06-20 08:30  " + dest + "/__changed/2021-07-02 09.00.00 +0200/Documents/Letters/Tax Letter.txt\n"
+                          "  current                     2021-06-01 10:00  " + dest + "/Documents/Letters/Tax Letter.txt\n"
+                          "  2021-07-02 09.00.00 +0200   2021-06-20 08:30  " + dest + "/__changed/2021-07-02 09.00.00 +0200/Documents/Letters/Tax Letter.txt\n"
                           "\n" +
                           dest + "/Documents/Letters/tax letter old.txt\n"
-                          "  2021-05-01 12:00  " + dest + "/__removed/2021-06-01 09.00.00 +0200/Documents/Letters/tax letter old.txt\n"
-                          "  2021-04-01 12:00  " + dest + "/__changed/2021-07-03 09.00.00 +0200/Documents/Letters/tax letter old.txt\n");
+                          "  2021-07-03 09.00.00 +0200   2021-04-01 12:00  " + dest + "/__changed/2021-07-03 09.00.00 +0200/Documents/Letters/tax letter old.txt\n"
+                          "  2021-06-01 09.00.00 +0200   2021-05-01 12:00  " + dest + "/__removed/2021-06-01 09.00.00 +0200/Documents/Letters/tax letter old.txt\n");
 }
 
 TEST_F(SearchCommand, ExitStatusSeparatesMatchesNoneAndBadUsage) {
@@ -107,7 +109,7 @@ TEST_F(SearchCommand, UnreadableFoldersArePassedOver) {
     auto result = search({dest, "report"}, asUser);
 
     EXPECT_EQ(result.exitStatus, 0) << result.err;
-    EXPECT_EQ(result.out, dest + "/open/report.txt\n  2021-07-05 10:00  " + dest + "/open/report.txt\n");
+    EXPECT_EQ(result.out, dest + "/open/report.txt\n  current                     2021-07-05 10:00  " + dest + "/open/report.txt\n");
     chmod((dest + "/closed").c_str(), 0755);
 }
 

@@ -20,7 +20,7 @@ TEST_F(VerifyCommandTest, ExitStatusSaysIntactDiffersOrCannotVerify) {
     ASSERT_EQ(run().exitStatus, 0);
     ProcessResult intact = ferrovane({"verify", destination});
     EXPECT_EQ(intact.exitStatus, 0) << intact.out << intact.err;
-    EXPECT_NE(intact.out.find("Verify: 1 files (9 bytes) read against the run "), std::string::npos) << intact.out;
+    EXPECT_NE(intact.out.find("Verify: 1 file (9 bytes) read against the run "), std::string::npos) << intact.out;
     EXPECT_NE(intact.out.find(": intact\n"), std::string::npos) << intact.out;
 
     // An edit inside the destination that keeps size and time: no run notices it, verify does.

@@ -113,7 +113,8 @@ TEST(ConfigurationFile, DefaultsComeInOrderNeverOverrideStoredValuesAndOnlyNewDe
                                               "purgeChangedArchiveDays", "ignoreFileFlagChanges", "syncMode",
                                               "automationTimeHours", "automationTimeMinutes", "retentionKeepAllDays",
                                               "retentionDailyWeeks", "retentionWeeklyMonths", "retentionMonthlyYears",
-                                              "keepFreeSpaceMB", "connectedRunIntervalMinutes", "overdueDays"}));
+                                              "keepFreeSpaceMB", "connectedRunIntervalMinutes", "overdueDays",
+                                              "hookTimeoutSeconds", "skipRunWhenBeforeHookFails"}));
     EXPECT_EQ(options.integerValue("purgeRemovedArchiveDays"), 30);
     EXPECT_EQ(options.integerValue("automationTimeHours"), 14);
     // An existing file keeps its meaning: no archiving of changed files, no retention, no

@@ -93,14 +93,18 @@ TEST_F(LogTest, LinesFromManyThreadsNeverInterleave) {
     EXPECT_EQ(seen.size(), 4000u);
 }
 
-TEST(Formatting, DiskSizesUseDecimalUnits) {
+TEST(Formatting, DiskSizesUseDecimalUnitsAndCountsTheirPlurals) {
     EXPECT_EQ(FVNumber::formattedDiskSizeString(0), "0 bytes");
+    EXPECT_EQ(FVNumber::formattedDiskSizeString(1), "1 byte");
     EXPECT_EQ(FVNumber::formattedDiskSizeString(999), "999 bytes");
     EXPECT_EQ(FVNumber::formattedDiskSizeString(1000), "1.0 KB");
     EXPECT_EQ(FVNumber::formattedDiskSizeString(999949), "999.9 KB");
     EXPECT_EQ(FVNumber::formattedDiskSizeString(1500000), "1.5 MB");
     EXPECT_EQ(FVNumber::formattedDiskSizeString(2e9), "2.0 GB");
     EXPECT_EQ(FVNumber::formattedDiskSizeString(2e12), "2000.0 GB");
+    EXPECT_EQ(FVNumber::counted(0, "file"), "0 files");
+    EXPECT_EQ(FVNumber::counted(1, "file"), "1 file");
+    EXPECT_EQ(FVNumber::counted(2, "match", "matches"), "2 matches");
 }
 
 TEST(StringTable, FormatsFillTheirPlaceholdersAndUnknownKeysShowThemselves) {

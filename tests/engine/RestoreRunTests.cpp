@@ -37,6 +37,6 @@ TEST(RestoreRun, CancelMidFileLeavesNothingHalfWritten) {
     EXPECT_EQ(summary.files, 0u);
     for (const auto& entry : fs::recursive_directory_iterator(target))
         EXPECT_TRUE(entry.is_directory()) << "left behind: " << entry.path();
-    EXPECT_NE(readFile(dir / "log").find("Restore cancelled: 0 files"), std::string::npos);
+    EXPECT_NE(readFile(dir / "log").find("Restore stopped: 0 files"), std::string::npos);
     unsetenv("FERROVANE_LOG_FILE");
 }

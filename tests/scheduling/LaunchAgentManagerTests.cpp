@@ -10,6 +10,7 @@
 #include "support/SystemdUnit.h"
 #include "support/TempDir.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -112,7 +113,7 @@ TEST(LaunchAgentManager, WrittenUnitsVerifyAndCarryHostilePathsExactly) {
     EXPECT_EQ(commandWords(service, "ExecStart"),
               (std::vector<std::string>{program, "--trigger=schedule", "--job=" + kUUID, destination}));
     // Nothing from the path reached a line of its own.
-    EXPECT_EQ(std::count(service.begin(), service.end(), '\n'), 8);
+    EXPECT_EQ(std::count(service.begin(), service.end(), '\n'), 9);
     EXPECT_EQ(service.find("\nExecStartPre"), std::string::npos);
     // A drive that is not there is the run's to record: nothing keeps the backup from starting.
     EXPECT_EQ(service.find("ExecCondition"), std::string::npos);
@@ -278,16 +279,48 @@ TEST(LaunchAgentManager, ConnectJobWaitsForTheConfigurationAndRunsOncePerMount) 
     const std::string path = dump(label + ".path");
     EXPECT_NE(path.find("\tPathExists: " + FVConfigurationFile::formattedPath(destination) + "\n"), std::string::npos) << path;
     EXPECT_NE(path.find("\tUnit: " + label + ".service\n"), std::string::npos) << path;
-    for (const std::string& unit : {label + ".service", kLabel + ".service"}) {
-        const std::string dumped = dump(unit);
-        EXPECT_NE(dumped.find("\tRequiresMountsFor: " + destination + " (origin-file)\n"), std::string::npos) << dumped;
-    }
     EXPECT_NE(dump(label + ".service").find("\tBindsTo: " + mount + " (origin-file)\n"), std::string::npos);
 
     // A path no unit line can carry is refused before anything is written.
     makeDirs(dir / "two\nlines");
     EXPECT_FALSE(manager.writeConnectJob(kUUID, dir / "two\nlines", &error));
     EXPECT_NE(error.find("cannot watch"), std::string::npos) << error;
+}
+
+// The mounts a scheduled run waits for, as systemd's own parser reads them from the written unit:
+// the destination itself, or, where no unit line can carry its path, its deepest folder that one can.
+TEST(LaunchAgentManager, RequiresMountsForNamesHostileDestinationsAsSystemdReadsThem) {
+    if (!exists("/lib/systemd/systemd")) GTEST_SKIP() << "no systemd to read the units back";
+    TempDir dir, runtime;
+    const std::string units = dir / "units";
+    makeDirs(units);
+    const std::string program = executableAt(dir / "ferrovane");
+    const std::string base = dir.path();
+    const std::pair<std::string, std::string> cases[] = {
+        {"/my disk", "/my disk"},          {"/q\"uote'", "/q\"uote'"},  {"/back\\slash", "/back\\slash"},
+        {"/50%n %%", "/50%n %%"},          {"/d$HOME;x", "/d$HOME;x"},   {"/tab\tx \xc3\xa9", "/tab\tx \xc3\xa9"},
+        {"/ok/bad\xff/deeper", "/ok"},     {"/two\nlines/x", ""},
+    };
+    int n = 0;
+    for (const auto& [destination, waited] : cases) {
+        const std::string uuid = fmt::format("0F1E2D3C-4B5A-4978-8695-A4B3C2D1E0{:02}", n++);
+        std::string error;
+        auto unit = FVLaunchAgentManager::systemdServiceUnit(uuid, program, base + destination, FVJobKind::Backup, "", &error);
+        ASSERT_TRUE(unit) << error;
+        EXPECT_EQ(commandWords(*unit, "ExecStart").back(), base + destination);
+        const std::string name = FVLaunchAgentManager::jobLabel(uuid) + ".service";
+        writeFile(units + "/" + name, *unit);
+        chmod((units + "/" + name).c_str(), 0644);
+        std::vector<std::string> argv{"/lib/systemd/systemd", "--test", "--user", "--no-pager", "--unit=" + name};
+        if (getuid() == 0) argv.insert(argv.begin(), {"/usr/sbin/runuser", "-u", "nobody", "--"});
+        chmod(dir.path().c_str(), 0755);
+        chmod(runtime.path().c_str(), 0777);
+        const ProcessResult dumped = runProcess(argv, {{"XDG_RUNTIME_DIR", runtime.path()}, {"HOME", runtime.path()},
+                                                       {"SYSTEMD_UNIT_PATH", units + ":"}});
+        EXPECT_EQ(dumped.err.find(name), std::string::npos) << dumped.err;
+        EXPECT_NE(dumped.out.find("\tRequiresMountsFor: " + base + waited + " (origin-file)\n"), std::string::npos)
+            << destination << "\n" << *unit;
+    }
 }
 
 TEST(LaunchAgentManager, LaunchdJobsHaveTheThreeKeysAndUseLaunchctl) {

@@ -129,6 +129,9 @@ TEST(ScheduleSummary, SaysWhenRunsStartAndWhenTheNextIsDue) {
     status.lastScheduledAttempt = FVJobAttempt{kNow - kDay, FVJobTrigger::Connect, FVJobOutcome::NoSpace, ""};
     FVScheduleSummary summary = FVScheduleSummary::of(options, status, kNow);
     EXPECT_EQ(summary.when, "weekly on Friday at 14:00 and when the disk is connected, at most once an hour");
+    options.connectedRunIntervalMinutes = 1;
+    EXPECT_EQ(FVScheduleSummary::of(options, status, kNow).when.substr(summary.when.find(", at")),
+              ", at most once in 1 minute");
     ASSERT_TRUE(summary.nextRun);
     EXPECT_EQ(FVScheduleSummary::localTimeText(*summary.nextRun), "Fri 2026-11-20 14:00");
     EXPECT_EQ(summary.lastScheduledRun, "Tue 2026-11-17 11:06, not enough room on the disk");

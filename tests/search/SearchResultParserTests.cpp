@@ -57,21 +57,25 @@ TEST_F(SearchResultParserTest, RemovesTheArchivePartBelowTheDestinationOnly) {
         EXPECT_EQ(FVSearchResultParser::parsedResults({c.hit}, "/T").at(0).path, c.logical) << c.hit;
 }
 
-// The order by modification time, whatever the archive folders' stamps say, is checked through
-// "ferrovane search"; here the rendering in local time, ties, vanished versions and a removed
-// item's path as the cleanup files it (with a doubled separator).
-TEST_F(SearchResultParserTest, EqualStampsKeepHitOrderAndVanishedVersionsComeLast) {
-    std::string early = file("__changed/S1/src/a.txt", "2021-06-30 12:05:01");
-    std::string late = file("src/a.txt", "2021-06-30 12:05:59");
-    std::string gone = dir / "__removed/S2/src//a.txt";
+// The current copy first, then the runs newest first by the time their stamps name (whatever the
+// files' own times or the stamps' bytes say), a folder that is no run last; the rendering in
+// local time, vanished versions and a removed item's path as the cleanup files it (with a doubled
+// separator).
+TEST_F(SearchResultParserTest, CurrentCopyFirstThenRunsNewestFirst) {
+    std::string noon = file("__changed/2021-06-30 14.00.00 +0200/src/a.txt", "2021-06-30 12:05:59");
+    std::string current = file("src/a.txt", "2021-06-30 12:05:01");
+    std::string gone = dir / "__removed/2021-06-30 13.30.00 +0000/src//a.txt";
+    std::string odd = file("__changed/S1/src/a.txt", "2021-07-01 00:00");
     std::string other = file("src/b.txt", "2021-07-01 00:00");
 
-    auto results = FVSearchResultParser::parsedResults({early, gone, other, late}, dir.path());
+    auto results = FVSearchResultParser::parsedResults({odd, noon, gone, other, current}, dir.path());
 
     ASSERT_EQ(results.size(), 2u);
     EXPECT_EQ(results[0].path, dir / "src/a.txt");
-    EXPECT_EQ(results[0].timestamps, (std::vector<std::string> {"2021-06-30 14:05", "2021-06-30 14:05", ""}));
-    EXPECT_EQ(results[0].fullpaths, (std::vector<std::string> {early, late, gone}));
+    EXPECT_EQ(results[0].timestamps,
+              (std::vector<std::string> {"2021-06-30 14:05", "", "2021-06-30 14:05", "2021-07-01 02:00"}));
+    EXPECT_EQ(results[0].fullpaths, (std::vector<std::string> {current, gone, noon, odd}));
+    EXPECT_EQ(results[0].runs, (std::vector<std::string> {"", "2021-06-30 13.30.00 +0000", "2021-06-30 14.00.00 +0200", "S1"}));
     EXPECT_TRUE(results[0].hasMultipleVersions);
     EXPECT_EQ(results[1].fullpaths, std::vector<std::string> {other});
     EXPECT_FALSE(results[1].hasMultipleVersions);
