@@ -84,6 +84,11 @@ bool AppController::passesStartChecks() {
     for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
         if (item->enabled() == int64_t(FVSourceMode::Backup)) paths.push_back(item->sourcePath());
 
+    if (!presence_.isPresent()) {
+        FVAlert::show(window_.get(), "backupnotfound", "backupnotfoundlong")->raise();
+        destinationWentAway();
+        return false;
+    }
     if (access(currentTargetPath_.c_str(), R_OK) != 0 || access(currentTargetPath_.c_str(), W_OK) != 0) {
         QMessageBox* box = FVAlert::show(window_.get(), "backupnotfound", "backupnotfoundlong");
         box->raise();
@@ -218,6 +223,7 @@ void AppController::showLastRunErrors() {
 }
 
 void AppController::confirmEmptiedSource(const QString& sourcePath) {
+    if (refusedWhileAway()) return;
     FVSourceItemPtr source;
     for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
         if (qPath(item->sourcePath()) == sourcePath) source = item;
@@ -272,8 +278,6 @@ void AppController::handleCancel() {
     window_->progressView()->setProgress(0);
     cover->setProgress(-1);
     cover->clearMessages();
-    // Rather than an empty cover until the alert is dismissed.
-    cover->setMessage(localized("backupstopped"));
     window_->startButton()->setText(localized("syncbutton"));
     window_->startButton()->setEnabled(true);
     setDestinationControlsEnabled(true);
@@ -284,31 +288,40 @@ void AppController::handleCancel() {
     const long long copied = job ? job->currentUpdateCount() : 0;
     // Nobody stopped a run that could not fit: it says why, and the schedule knows the disk is full.
     const bool noRoom = backupSession_->stoppedForSpace();
-    recordRunOutcome(FVRunOutcome::State::Stopped, errors);
-    if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, backupSession_->refusal());
-    else if (backupSession_->skippedByBeforeHook()) recordJobAttempt(FVJobOutcome::Failed, backupSession_->refusal());
+    const std::string refusal = backupSession_->refusal();
+    const std::string disk = FVText::lastPathComponent(currentTargetPath_);
+    // Rather than an empty cover until the alert is dismissed.
+    cover->setMessage(noRoom ? QString::fromStdString(refusal) : localized("backupstopped"));
+    recordRunOutcome(noRoom ? FVRunOutcome::State::NoRoom : FVRunOutcome::State::Stopped, errors);
+    if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, refusal);
+    else if (backupSession_->skippedByBeforeHook()) recordJobAttempt(FVJobOutcome::Failed, refusal);
     else recordJobAttempt(FVJobOutcome::Stopped, "stopped in the window");
     updateScheduleState();
-    FVUserNotification notification{FVStrings::format("notificationstopped", FVText::lastPathComponent(currentTargetPath_)),
-                                    "", ""};
-    if (noRoom) {
-        notification = {FVStrings::format("notificationnoroom", FVText::lastPathComponent(currentTargetPath_)), "",
-                        backupSession_->refusal(), false, true};
-        cover->setMessage(QString::fromStdString(backupSession_->refusal()));
-    } else if (!errors.empty()) {
+    FVUserNotification notification{FVStrings::format("notificationstopped", disk), "", ""};
+    if (noRoom)
+        notification = {FVStrings::format("notificationnoroom", disk), "", refusal, false, true};
+    else if (!errors.empty())
         notification.subtitle = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errors.size()));
-    }
     notifyUnlessActive(notification);
 
     backupIsRunning_ = false;
     cancelling_ = false;
     runLock_.release();
     resumeSizeEvaluation();
+    updateSizeDisplay();
     if (closeAfterRun_) {
         finishRunAndMaybeClose();
         return;
     }
-    if (!errors.empty()) {
+    if (noRoom) {
+        // What the check found, not the errors of a run that never began: any others stay
+        // behind Show Errors….
+        QMessageBox* box = FVAlert::show(window_.get(), "noroomalert", "noroomalertlong", QMessageBox::Warning,
+                                         [this] { window_->coverView()->openView(); });
+        box->setText(localizedFormat("noroomalert", disk));
+        box->setInformativeText(localized("noroomalertlong") + "\n\n" + QString::fromStdString(refusal));
+        box->raise();
+    } else if (!errors.empty()) {
         showErrorPanel(errors);
     } else {
         // The run has already stopped: this tells what is left, it asks nothing.
@@ -388,6 +401,10 @@ void AppController::handleFinish() {
 }
 
 void AppController::finishRunAndMaybeClose() {
+    // The ended session still holds the destination's folders open: the disk must be free to
+    // eject while the window idles.
+    backupSession_.reset();
+    followDestination();
     emit runEnded();
     if (closeAfterRun_) window_->close();
 }

@@ -131,7 +131,13 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
                 sourceModel_->setAcceptsDrops(window_->coverView()->isFullyHidden());
                 addPendingSourcePaths();
             });
+    connect(&presence_, &FVDestinationPresence::wentAway, this, [this] {
+        // A run notices it by itself and ends; the window follows once it has.
+        if (!backupIsRunning_ && !starting_ && !restoreController_->isRunning()) destinationWentAway();
+    });
+    connect(&presence_, &FVDestinationPresence::cameBack, this, &AppController::destinationCameBack);
     connect(w, &FVMainWindow::becameActive, this, [this] {
+        followDestination();
         // Scheduled runs may have come and gone while the window stood in the background.
         if (!backupIsRunning_ && window_->optionsButton()->isEnabled()) updateScheduleState();
         if (!coverViewShouldOpenOnBecomeMain_) return;
@@ -295,6 +301,7 @@ void AppController::performTargetMenuSelection(int index) {
     }
     // The question is about the new destination: nothing of the one before stays in view.
     currentTargetPath_.clear();
+    presence_.stop();
     backupSetController_.removeAllItems();
     setRunOutcome({});
     window_->destinationIcon()->setPixmap(noDestinationIcon(window_.get()));
@@ -336,10 +343,48 @@ void AppController::showDestinationUnusable(const char* messageKey) {
     clearScheduleState();
 }
 
+void AppController::destinationWentAway() {
+    if (currentTargetPath_.empty()) return;
+    presence_.awaitReturn(currentTargetPath_);
+    for (QDialog* sheet : window_->findChildren<QDialog*>())
+        if (qobject_cast<FVOptionsPanel*>(sheet) || qobject_cast<FVDestinationSearchSheet*>(sheet) ||
+            qobject_cast<FVBackupBrowser*>(sheet) || qobject_cast<FVVerifySheet*>(sheet))
+            sheet->reject();
+    showDestinationUnusable("destinationaway");
+    window_->coverView()->setMessage(localizedFormat("destinationaway", stdPath(destinationName())));
+    window_->coverView()->setHeld(true);
+    // How its last run ended is known without the disk.
+    setRunOutcome(FVRunOutcome::load(qPath(currentTargetPath_)));
+    const int index = destinations_.indexOf(qPath(currentTargetPath_));
+    if (index >= 0) showOverdueWhileAway(destinations_.at(index).uuid.toStdString());
+}
+
+void AppController::followDestination() {
+    if (currentTargetPath_.empty() || backupIsRunning_ || starting_ || restoreController_->isRunning()) return;
+    if (presence_.isAway() || !presence_.isPresent()) destinationWentAway();
+}
+
+void AppController::destinationCameBack() {
+    if (backupIsRunning_ || starting_ || restoreController_->isRunning()) return;
+    // Read again from its configuration: nothing of the list before it went away is kept.
+    window_->coverView()->clearMessages();
+    window_->coverView()->setMessage(localized("selectingbackup"));
+    performSelectTargetMenuItem();
+}
+
+bool AppController::refusedWhileAway() {
+    // A destination closed for another reason (permissions, root's) is not waited for.
+    if (!presence_.isWatching() || presence_.isPresent()) return false;
+    QMessageBox* box = FVAlert::show(window_.get(), "destinationaway", "destinationawaylong");
+    box->setText(localizedFormat("destinationaway", stdPath(destinationName())));
+    return true;
+}
+
 void AppController::openRecentTargetPath() {
     FVCoverView* cover = window_->coverView();
     if (destinations_.isEmpty()) {
         currentTargetPath_.clear();
+        presence_.stop();
         setRunOutcome({});
         window_->destinationIcon()->clear();
         window_->progressInfo()->clear();
@@ -355,20 +400,23 @@ void AppController::openRecentTargetPath() {
     cover->setMessage(localized("selectingbackup"));
     const int index = destinations_.selectedIndex();
     currentTargetPath_ = stdPath(destinations_.at(index).targetPath);
+    presence_.stop();
     if (access(currentTargetPath_.c_str(), F_OK) != 0) {
-        showDestinationUnusable("destinationunavailable");
-        showOverdueWhileAway(destinations_.at(index).uuid.toStdString());
+        destinationWentAway();
         return;
     }
     if (!isReadableAndWritable(currentTargetPath_)) {
         showDestinationUnusable("destinationnopermissions");
         return;
     }
+    presence_.watch(currentTargetPath_);
+    window_->coverView()->setHeld(false);
     if (access(FVConfigurationFile::currentPath(currentTargetPath_).c_str(), F_OK) != 0 &&
         access(FVConfigurationFile::legacyPath(currentTargetPath_).c_str(), F_OK) == 0)
         FVAlert::show(window_.get(), "Ferrovane3UpgradeAlertMessage", "Ferrovane3UpgradeAlertText", QMessageBox::Information);
     readSettings();
     if (optionsPanelController_.boolForOptionsKey(FVOptionKey::isSuperuserBackup) && !environment_.runningAsRoot) {
+        presence_.stop();
         showDestinationUnusable("destinationrequiressuperuser");
         return;
     }
@@ -454,7 +502,8 @@ void AppController::readSettings() {
 }
 
 void AppController::writeSettings() {
-    if (currentTargetPath_.empty()) return;
+    // Never into the empty folder an unmounted disk leaves behind.
+    if (currentTargetPath_.empty() || !presence_.isPresent()) return;
     if (environment_.runningAsRoot) optionsPanelController_.allOptions()->set(FVOptionKey::isSuperuserBackup, true);
     FVConfigurationFile::writeSettingsForSourceConfiguration(backupSetController_.arrangedObjects(),
                                                              *optionsPanelController_.allOptions(),
@@ -511,6 +560,7 @@ void AppController::addSourceFiles() {
 }
 
 void AppController::addSourcePaths(const QStringList& paths, int index) {
+    if (refusedWhileAway()) return;
     std::vector<std::string> items;
     for (const QString& path : paths) items.push_back(FVText::standardizedPath(stdPath(QFileInfo(path).absoluteFilePath())));
     std::vector<FVSourceItemPtr> wouldBe = backupSetController_.arrangedObjects();
@@ -528,6 +578,7 @@ void AppController::addSourcePaths(const QStringList& paths, int index) {
 }
 
 void AppController::removeSelectedSources() {
+    if (refusedWhileAway()) return;
     QList<int> rows = window_->sourceListView()->selectedRows();
     std::vector<size_t> indexes(rows.begin(), rows.end());
     if (!indexes.empty()) backupSetController_.removeItemsAtIndexes(indexes);
@@ -571,6 +622,7 @@ void AppController::showAbout() {
 // ---- Sheets
 
 FVOptionsPanel* AppController::showOptionsPanel() {
+    if (refusedWhileAway()) return nullptr;
     auto* panel = new FVOptionsPanel(window_.get(), optionsPanelController_, environment_.runningAsRoot);
     const bool folderPerSource = FVOptionTable::read(*optionsPanelController_.allOptions()).options.syncMode != 0;
     if (!currentTargetPath_.empty() &&
@@ -584,6 +636,8 @@ FVOptionsPanel* AppController::showOptionsPanel() {
 }
 
 void AppController::updateAutomationsAfterOptions() {
+    // Closed because the destination went away: what was changed waits for nothing, it is re-read.
+    if (presence_.isAway()) return;
     std::string error;
     bool scheduled = optionsPanelController_.updateAutomations(currentTargetPath_, &error);
     const std::string uuid = optionsPanelController_.uuid();
@@ -623,6 +677,7 @@ void AppController::clearScheduleState() {
 }
 
 void AppController::showSearchBackupPanel() {
+    if (refusedWhileAway()) return;
     if (currentTargetPath_.empty()) return;
     auto* sheet = new FVDestinationSearchSheet(window_.get(), mainQueue_, qPath(currentTargetPath_));
     connect(sheet, &FVDestinationSearchSheet::restoreRequested, this, [this, sheet](const QString& versionPath) {
@@ -632,7 +687,7 @@ void AppController::showSearchBackupPanel() {
 }
 
 void AppController::showBackupBrowser() {
-    if (currentTargetPath_.empty() || !window_->browseAction()->isEnabled()) return;
+    if (currentTargetPath_.empty() || !window_->browseAction()->isEnabled() || refusedWhileAway()) return;
     auto* browser = new FVBackupBrowser(window_.get(), currentTargetPath_);
     connect(browser, &FVBackupBrowser::restoreRequested, this, [this, browser] {
         if (const FVRunRecord* run = browser->shownRun())
@@ -642,6 +697,7 @@ void AppController::showBackupBrowser() {
 }
 
 void AppController::showVerifySheet() {
+    if (refusedWhileAway()) return;
     if (currentTargetPath_.empty()) return;
     auto* sheet = new FVVerifySheet(window_.get(), qPath(currentTargetPath_));
     sheet->open();
@@ -652,7 +708,7 @@ void AppController::showVerifySheet() {
 
 void AppController::restoreSelectedSource(int row) {
     std::vector<FVSourceItemPtr> items = backupSetController_.arrangedObjects();
-    if (row < 0 || size_t(row) >= items.size() || currentTargetPath_.empty()) return;
+    if (row < 0 || size_t(row) >= items.size() || currentTargetPath_.empty() || refusedWhileAway()) return;
     // The restore reads the sources from the destination's configuration.
     writeSettingsIfOpen();
     restoreController_->restoreSourceItem(qPath(currentTargetPath_), qPath(items[size_t(row)]->sourcePath()));
@@ -668,6 +724,7 @@ void AppController::setRestoreHoldsWindow(bool holds) {
     button->setEnabled(true);
     setDestinationControlsEnabled(!holds);
     setOptionWidgetsEnabled(!holds);
+    if (!holds) followDestination();
 }
 
 }  // namespace ferrovane

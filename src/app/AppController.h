@@ -5,6 +5,7 @@
 // and a restore from sharing the window.
 
 #include "app/FVDestinationList.h"
+#include "app/FVDestinationPresence.h"
 #include "app/FVQtMainQueue.h"
 #include "app/FVRunOutcome.h"
 #include "backupset/BackupSetController.h"
@@ -114,6 +115,14 @@ private:
     void setDestinationControlsEnabled(bool enabled);
     void setOptionWidgetsEnabled(bool enabled);
     void showDestinationUnusable(const char* messageKey);
+    // The open destination's disk is gone: its list is put away and nothing can be changed until
+    // it is back, which reopens it.
+    void destinationWentAway();
+    void destinationCameBack();
+    // Whether an edit must wait for the destination's return; says so when it must.
+    bool refusedWhileAway();
+    // After a run or a restore, which noticed a missing destination by itself.
+    void followDestination();
     void updateSizeDisplay();
     void updateSummaryLine();
     // The schedule line and the overdue banner of the open destination; both empty without one.
@@ -160,6 +169,7 @@ private:
     std::unique_ptr<FVMainWindow> window_;
     // After the window, which it drives while a restore runs.
     std::unique_ptr<FVRestoreController> restoreController_;
+    FVDestinationPresence presence_;
 
     FVRunOutcome runOutcome_;
     QStringList pendingSourcePaths_;

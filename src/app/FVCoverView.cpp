@@ -107,13 +107,21 @@ void FVCoverView::scrollIn(std::function<void()> done) {
     slideTo(0, std::move(done));
 }
 
+void FVCoverView::setHeld(bool held) {
+    held_ = held;
+    if (held) openTimer_.stop();
+}
+
 void FVCoverView::openView() {
     openTimer_.stop();
+    if (held_) return;
     wantShown_ = false;
     slideTo(-height(), [this] { hide(); });
 }
 
-void FVCoverView::openViewDelayedBy(double seconds) { openTimer_.start(static_cast<int>(seconds * 1000)); }
+void FVCoverView::openViewDelayedBy(double seconds) {
+    if (!held_) openTimer_.start(static_cast<int>(seconds * 1000));
+}
 
 bool FVCoverView::isFullyShown() const {
     return wantShown_ && isVisible() && animation_->state() != QAbstractAnimation::Running && y() == 0;

@@ -34,6 +34,8 @@ public:
     void scrollIn(std::function<void()> done = {});
     // Slides away, now or after the delay; scrollIn() cancels a pending delay.
     void openView();
+    // While held, the cover stays in: what is under it cannot be used.
+    void setHeld(bool held);
     void openViewDelayedBy(double seconds);
 
     bool isFullyShown() const;
@@ -56,6 +58,7 @@ private:
     QPropertyAnimation* animation_;
     QTimer openTimer_;
     bool wantShown_ = true;
+    bool held_ = false;
     uint64_t slideGeneration_ = 0;
 };
 

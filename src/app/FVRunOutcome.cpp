@@ -31,7 +31,8 @@ FVRunOutcome FVRunOutcome::load(const QString& destination) {
     outcome.state_ = static_cast<State>(settings.value("state", int(State::Never)).toInt());
     outcome.time_ = settings.value("time").toDateTime();
     for (const QString& error : settings.value("errors").toStringList()) outcome.errors_.push_back(error.toStdString());
-    if (outcome.state_ != State::Finished && outcome.state_ != State::Stopped) outcome.state_ = State::Never;
+    if (outcome.state_ != State::Finished && outcome.state_ != State::Stopped && outcome.state_ != State::NoRoom)
+        outcome.state_ = State::Never;
     return outcome;
 }
 
@@ -62,6 +63,8 @@ QString FVRunOutcome::headline() const {
         return count == 0 ? localizedFormat("lastrunfinished", when) : plural("lastrunerrors", count, when);
     case State::Stopped:
         return count == 0 ? localizedFormat("lastrunstopped", when) : plural("lastrunstoppederrors", count, when);
+    case State::NoRoom:
+        return localizedFormat("lastrunnoroom", when);
     }
     return {};
 }

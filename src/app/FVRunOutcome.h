@@ -1,5 +1,6 @@
 #pragma once
-// What the last run on a destination came to: finished, stopped or never, when, and its errors.
+// What the last run on a destination came to: finished, stopped, not started for lack of room or
+// never, when, and its errors.
 // Kept per destination in the user's settings until the next run, so that a failed or stopped
 // run never looks like a good one, also after a restart.
 
@@ -13,7 +14,8 @@ namespace ferrovane {
 
 class FVRunOutcome {
 public:
-    enum class State { Never, Finished, Stopped };
+    // NoRoom: the free-space check refused the run before it copied anything; nobody stopped it.
+    enum class State { Never, Finished, Stopped, NoRoom };
 
     FVRunOutcome() = default;
     FVRunOutcome(State state, QDateTime time, std::vector<std::string> errors)

@@ -35,6 +35,7 @@
 #include <QSpinBox>
 #include <QSignalSpy>
 #include <QTimeEdit>
+#include <QToolButton>
 #include <QTest>
 #include <QTreeView>
 #include <QTreeWidget>
@@ -66,6 +67,11 @@ constexpr int kPatience = 60000;
 
 QString text(const char* key) { return QString::fromStdString(FVStrings::localized(key)); }
 
+// What the window says while a destination's disk is away.
+QString awayLine(const std::string& destination) {
+    return QString::fromStdString(FVStrings::format("destinationaway", fs::path(destination).filename().string()));
+}
+
 // The dialog of that name (of any name when none is given) currently open on the window.
 template <class T = QMessageBox>
 T* openDialog(QWidget* window, const char* name = nullptr) {
@@ -86,6 +92,18 @@ void clickButton(QMessageBox* box, const char* key) {
 PlistDict readSettingsOf(const std::string& destination) {
     auto read = FVConfigurationFile::read(FVConfigurationFile::currentPath(destination));
     return read.status == FVConfigurationReadStatus::Ok ? *read.configuration.settings : PlistDict{};
+}
+
+// What this process holds open on or below path: nothing may keep a destination busy while idle.
+QStringList descriptorsUnder(const std::string& path) {
+    QStringList held;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        const std::string target = fs::read_symlink(entry.path(), error).string();
+        if (!error && (target == path || target.rfind(path + "/", 0) == 0))
+            held << QString::fromStdString(entry.path().filename().string() + " -> " + target);
+    }
+    return held;
 }
 
 std::vector<FVSourceItemPtr> readSourcesOf(const std::string& destination) {
@@ -232,7 +250,7 @@ private slots:
         openDestination(gone);
         fs::remove_all(gone);
         launch();
-        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationunavailable"), kPatience);
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), awayLine(gone), kPatience);
         QVERIFY(!app_->window()->startButton()->isEnabled());
 
         // Chosen in the popup, an unavailable destination is asked about over an empty window,
@@ -252,7 +270,7 @@ private slots:
         QVERIFY(app_->window()->progressInfo()->text().isEmpty() && !app_->window()->startButton()->isEnabled());
         QVERIFY(!app_->window()->optionsButton()->isEnabled());
         clickButton(question, "keepbutton");
-        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationunavailable"), kPatience);
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), awayLine(gone), kPatience);
 
         // The older file is renamed, read, and completed with the defaults.
         PlistDict old;
@@ -333,7 +351,7 @@ private slots:
         // A destination that went away comes first and closes the destination.
         fs::remove_all(destination);
         QCOMPARE(clickStartExpectingAlert()->text(), text("backupnotfound"));
-        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationunavailable"), kPatience);
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), awayLine(destination), kPatience);
         QVERIFY(!app_->window()->startButton()->isEnabled());
         QVERIFY(!app_->isBackupRunning());
     }
@@ -351,6 +369,7 @@ private slots:
 
         QVERIFY(cover()->message().startsWith(text("viewbackupfinished").section('{', 0, 0)));
         QVERIFY(!openDialog(app_->window()) && app_->window()->targetPopup()->isEnabled());
+        QCOMPARE(descriptorsUnder(destination).join(" | "), QString());
         // Written back: the folder and its three files.
         QCOMPARE(readSourcesOf(destination)[0]->integerValue(FVSourceKey::updatedFilesCount), 4);
         // The outcome at a glance, in the row and under the list.
@@ -408,6 +427,7 @@ private slots:
             QCOMPARE(ferrovane::test::readFile(restored + "/file2"), answer[0] == 'c' ? "mine" : std::string(3000, 'x'));
         }
         QCOMPARE(ferrovane::test::readFile(*home_ / "data/Trash/files/file2"), "mine");
+        QCOMPARE(descriptorsUnder(destination).join(" | "), QString());
     }
 
     void aFolderComesBackAsTheOlderRunRecordedItFromTheBrowserAndFromItsArchivedVersion() {
@@ -456,6 +476,7 @@ private slots:
         restoreInto(makeDir("fromSearch"));
         awaitDialog("restoreOutcome")->accept();
         QCOMPARE(ferrovane::test::treeDigest(*work_ / "fromSearch/Projects"), asFirstRecorded);
+        QCOMPARE(descriptorsUnder(destination).join(" | "), QString());
     }
 
     void verifySheetListsWhatDiffersFromTheRecord() {
@@ -475,6 +496,34 @@ private slots:
         QCOMPARE(sheet->findings()->topLevelItem(0)->text(1), QString::fromStdString(destination + "/Docs/notes.txt"));
         QVERIFY(sheet->outcome()->text().endsWith(": 1 damaged"));
         sheet->reject();
+        QCOMPARE(descriptorsUnder(destination).join(" | "), QString());
+    }
+
+    void whileTheDiskIsAwayNothingChangesAndItsReturnReopensIt() {
+        std::string destination = makeDir("Disk"), docs = makeDir("Docs"), more = makeDir("More");
+        launch();
+        openDestination(destination);
+        app_->addSourcePaths({QString::fromStdString(docs)}, 0);
+        QVERIFY(app_->window()->progressInfo()->text().contains("free"));
+
+        fs::rename(destination, destination + ".away");
+        // The folder an unmounted disk leaves behind is no destination.
+        fs::create_directories(destination);
+        app_->addSourcePaths({QString::fromStdString(more)}, 0);
+        QMessageBox* refused = awaitDialog("alert-destinationaway");
+        QCOMPARE(refused->text(), awayLine(destination));
+        refused->accept();
+        QCOMPARE(cover()->message(), awayLine(destination));
+        QVERIFY(app_->window()->progressInfo()->text().isEmpty() && !app_->window()->startButton()->isEnabled());
+        QVERIFY(!app_->window()->optionsButton()->isEnabled() && !app_->window()->addSourceButton()->isEnabled());
+        QVERIFY(!fs::exists(FVConfigurationFile::currentPath(destination)));
+        QVERIFY(!cover()->isFullyHidden());
+
+        fs::remove(destination);
+        fs::rename(destination + ".away", destination);
+        QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
+        QCOMPARE(app_->backupSetController().backupSetPaths(), std::vector<std::string>{docs});
+        QVERIFY(app_->window()->startButton()->isEnabled() && app_->window()->progressInfo()->text().contains("free"));
     }
 
     void aRunWithErrorsStaysVisibleAndOffersToEmptyAConfirmedSource() {
@@ -674,14 +723,14 @@ private slots:
         // With the disk away, its job's status still tells, without a button that cannot run.
         fs::rename(destination, destination + ".away");
         launch();
-        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), text("destinationunavailable"), kPatience);
+        QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), awayLine(destination), kPatience);
         banner = app_->window()->overdueBanner();
         QCOMPARE(banner->text(), notice);
         QVERIFY(!banner->backUpNowButton()->isVisibleTo(banner));
+        // Back, it is opened by itself.
         fs::rename(destination + ".away", destination);
-        launch();
         QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
-        banner = app_->window()->overdueBanner();
+        QVERIFY(app_->window()->startButton()->isEnabled());
         QVERIFY(banner->backUpNowButton()->isVisibleTo(banner));
 
         // A run that cannot fit tells why (nobody stopped it), and the disk counts as full.
@@ -691,9 +740,14 @@ private slots:
         QVERIFY(ended.wait(kPatience));
         QVERIFY2(cover()->message().startsWith("Not enough room on "), qPrintable(cover()->message()));
         QVERIFY(store.read(uuid)->lastAttempt->outcome == FVJobOutcome::NoSpace);
-        auto* panel = app_->window()->findChild<FVErrorPanel*>();
-        QVERIFY(panel && panel->text().contains("Not enough room"));
-        panel->accept();
+        QMessageBox* noRoom = awaitDialog("alert-noroomalert");
+        QCOMPARE(noRoom->text(), QString("Not enough room on “Disk”"));
+        QVERIFY(noRoom->informativeText().contains(QString::fromStdString("Not enough room on " + destination + ": ")));
+        QCOMPARE(app_->runOutcome().state(), FVRunOutcome::State::NoRoom);
+        for (const QString& shown : {app_->window()->lastRunLine()->text(), cell(0, FVSourceListModel::LastRunColumn)})
+            QVERIFY2(!shown.contains("stopped") && !shown.isEmpty(), qPrintable(shown));
+        QVERIFY(app_->window()->lastRunLine()->text().endsWith("not started: not enough room on the disk"));
+        noRoom->accept();
         app_->optionsPanelController().allOptions()->set(FVOptionKey::keepFreeSpaceMB, int64_t{0});
 
         // Its Back Up Now runs; the good run ends the notice and is kept as the window's.
