@@ -5,6 +5,7 @@
 
 #include "app/FVAlert.h"
 #include "app/FVCoverView.h"
+#include "app/FVDestinationPopup.h"
 #include "app/FVErrorPanel.h"
 #include "app/FVMainWindow.h"
 #include "app/FVQtStrings.h"
@@ -148,7 +149,7 @@ void AppController::abortStart() {
 
 void AppController::startSync() {
     starting_ = false;
-    notifyUnlessActive({"Sync started: " + FVText::lastPathComponent(currentTargetPath_), "", ""});
+    notifyUnlessActive({"Backup started: " + FVText::lastPathComponent(currentTargetPath_), "", ""});
     writeSettings();
     backupIsRunning_ = true;
     backupSetController_.setDisableSizeEvaluation(true);
@@ -288,7 +289,7 @@ void AppController::handleCancel() {
     if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, backupSession_->refusal());
     else recordJobAttempt(FVJobOutcome::Stopped, "stopped in the window");
     updateScheduleState();
-    FVUserNotification notification{"Sync canceled: " + FVText::lastPathComponent(currentTargetPath_), "", ""};
+    FVUserNotification notification{"Backup stopped: " + FVText::lastPathComponent(currentTargetPath_), "", ""};
     if (noRoom) {
         notification = {"Backup not started: not enough room on " + FVText::lastPathComponent(currentTargetPath_), "",
                         backupSession_->refusal(), false, true};
@@ -365,9 +366,9 @@ void AppController::handleFinish() {
     window_->startButton()->setEnabled(true);
     updateSizeDisplay();
 
-    FVUserNotification notification{"Sync finished: " + FVText::lastPathComponent(currentTargetPath_),
+    FVUserNotification notification{"Backup finished: " + FVText::lastPathComponent(currentTargetPath_),
                                     backupSession_->finishedSummary(), ""};
-    if (!errors.empty()) notification.informativeText = fmt::format("{} errors occured, please check log.", errors.size());
+    if (!errors.empty()) notification.informativeText = fmt::format("{} errors occurred; Show Errors… in the window lists them.", errors.size());
     notification.critical = !errors.empty();
     notifyUnlessActive(notification);
 
