@@ -628,25 +628,28 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(QApplication::activePopupWidget(), kPatience);
         QTest::keyClick(QApplication::activePopupWidget(), Qt::Key_Escape);
 
-        // One access key per item in each menu, and one per button in the window.
-        QList<QMenu*> menus{w->addSourceButton()->menu()};
-        for (QAction* action : w->menuBar()->actions()) menus << action->menu();
-        QList<QString> texts;
-        for (QAction* action : w->menuBar()->actions()) texts << action->text();
-        for (QAbstractButton* button : w->findChildren<QPushButton*>()) texts << button->text();
-        menus << nullptr;  // the window's own texts, gathered above
-        for (QMenu* menu : menus) {
-            if (menu) {
-                texts.clear();
-                for (QAction* action : menu->actions())
-                    if (!action->isSeparator()) texts << action->text();
-            }
+        // One access key per item in each menu, and one per menu title and button in the window.
+        auto eachHasItsOwnKey = [](const QStringList& texts) {
             QSet<QChar> keys;
             for (const QString& item : texts) {
                 const QChar key = accessKey(item);
                 QVERIFY2(!key.isNull() && !keys.contains(key), qPrintable(item));
                 keys << key;
             }
+        };
+        QStringList window{w->startButton()->text(), w->optionsButton()->text(), w->searchButton()->text(),
+                           w->showErrorsButton()->text()};
+        QList<QMenu*> menus{w->addSourceButton()->menu()};
+        for (QAction* action : w->menuBar()->actions()) {
+            window << action->text();
+            menus << action->menu();
+        }
+        eachHasItsOwnKey(window);
+        for (QMenu* menu : menus) {
+            QStringList items;
+            for (QAction* action : menu->actions())
+                if (!action->isSeparator()) items << action->text();
+            eachHasItsOwnKey(items);
         }
     }
 
