@@ -5,6 +5,7 @@
 
 #include "app/FVAlert.h"
 #include "app/FVCoverView.h"
+#include "app/FVDestinationPopup.h"
 #include "app/FVErrorPanel.h"
 #include "app/FVMainWindow.h"
 #include "app/FVQtStrings.h"
@@ -153,7 +154,7 @@ void AppController::abortStart() {
 
 void AppController::startSync() {
     starting_ = false;
-    notifyUnlessActive({"Sync started: " + FVText::lastPathComponent(currentTargetPath_), "", ""});
+    notifyUnlessActive({"Backup started: " + FVText::lastPathComponent(currentTargetPath_), "", ""});
     writeSettings();
     backupIsRunning_ = true;
     backupSetController_.setDisableSizeEvaluation(true);

@@ -3,6 +3,7 @@
 
 #include "app/FVAlert.h"
 #include "app/FVCoverView.h"
+#include "app/FVDestinationPopup.h"
 #include "app/FVBackupBrowser.h"
 #include "app/FVDestinationSchedule.h"
 #include "app/FVDestinationSearchSheet.h"
@@ -10,6 +11,7 @@
 #include "app/FVDropZone.h"
 #include "app/FVFileDialog.h"
 #include "app/FVFileReveal.h"
+#include "app/FVLogViewer.h"
 #include "app/FVMainWindow.h"
 #include "app/FVOptionsPanel.h"
 #include "app/FVOverdueBanner.h"
@@ -90,7 +92,9 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
     connect(w->verifyAction(), &QAction::triggered, this, &AppController::showVerifySheet);
     connect(w->addFoldersAction(), &QAction::triggered, this, &AppController::addSourceFolders);
     connect(w->addFilesAction(), &QAction::triggered, this, &AppController::addSourceFiles);
-    connect(w->excludeAction(), &QAction::triggered, this, [this] { showOptionsPanel()->focusExclusions(); });
+    connect(w->excludeAction(), &QAction::triggered, this, [this] {
+        if (FVOptionsPanel* panel = showOptionsPanel()) panel->focusExclusions();
+    });
     connect(w->backUpNowAction(), &QAction::triggered, this, [this] {
         if (!backupIsRunning_ && !starting_ && !restoreController_->isRunning() && window_->startButton()->isEnabled())
             startOrCancelSync();
@@ -98,7 +102,7 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
     connect(w->stopAction(), &QAction::triggered, this, [this] {
         if (starting_ || (backupIsRunning_ && !cancelling_) || restoreController_->isRunning()) startOrCancelSync();
     });
-    connect(w->sourceListView(), &FVSourceListView::restoreRequested, this, &AppController::restoreSelectedSource);
+    connect(w->sourceListView(), &FVSourceListView::restoreRequested, this, &AppController::restoreSelectedSources);
     connect(restoreController_.get(), &FVRestoreController::restoreStarted, this, [this] { setRestoreHoldsWindow(true); });
     connect(restoreController_.get(), &FVRestoreController::restoreEnded, this, [this] { setRestoreHoldsWindow(false); });
     connect(w->overdueBanner()->backUpNowButton(), &QPushButton::clicked, w->backUpNowAction(), &QAction::trigger);
@@ -225,7 +229,7 @@ void AppController::checkForUpdates() {
 // ---- Destinations
 
 void AppController::reloadTargetPopup() {
-    QComboBox* popup = window_->targetPopup();
+    FVDestinationPopup* popup = window_->targetPopup();
     popup->clear();
     QHash<QString, int> nameCounts;
     for (const FVDestination& entry : destinations_.entries()) ++nameCounts[QFileInfo(entry.targetPath).fileName()];
@@ -233,8 +237,8 @@ void AppController::reloadTargetPopup() {
         QString name = QFileInfo(entry.targetPath).fileName();
         // Two disks both called "Backup" are told apart by where they are.
         if (nameCounts.value(name) > 1) name = localizedFormat("destinationwithpath", stdPath(name), stdPath(entry.targetPath));
-        popup->addItem(QFileIconProvider().icon(QFileInfo(entry.targetPath)), name.isEmpty() ? entry.targetPath : name);
-        popup->setItemData(popup->count() - 1, entry.targetPath, Qt::ToolTipRole);
+        popup->addDestination(QFileIconProvider().icon(QFileInfo(entry.targetPath)), name.isEmpty() ? entry.targetPath : name,
+                              entry.targetPath);
     }
     popup->setCurrentIndex(destinations_.isEmpty() ? -1 : destinations_.selectedIndex());
     window_->removeTargetButton()->setEnabled(!destinations_.isEmpty());
@@ -459,10 +463,11 @@ void AppController::resetInterface() {
 void AppController::removeTargetWidgetClicked() {
     if (destinations_.isEmpty() || backupIsRunning_) return;
     writeSettingsIfOpen();
-    FVAlert::ask(window_.get(), "removetargetclicked", "removetargetclickedlong", "cancelbuttontitle", "removebutton",
-                 [this](bool remove) {
-                     if (remove) removeSelectedDestinationAndUpdateForSelectedItem();
-                 });
+    QMessageBox* box = FVAlert::ask(window_.get(), "removetargetclicked", "removetargetclickedlong", "cancelbuttontitle",
+                                    "removebutton", [this](bool remove) {
+                                        if (remove) removeSelectedDestinationAndUpdateForSelectedItem();
+                                    });
+    box->setText(localizedFormat("removetargetclicked", stdPath(window_->targetPopup()->currentText())));
 }
 
 void AppController::removeSelectedDestinationAndUpdateForSelectedItem() {
@@ -596,6 +601,11 @@ void AppController::tableViewDoubleAction() {
 }
 
 void AppController::showLog() {
+    if (currentTargetPath_.empty()) return openLogFile();
+    (new FVLogViewer(window_.get(), qPath(currentTargetPath_), qPath(FVLog::logFilePath())))->open();
+}
+
+void AppController::openLogFile() {
     QString path = qPath(FVLog::logFilePath());
     if (QFileInfo::exists(path) && QDesktopServices::openUrl(QUrl::fromLocalFile(path))) return;
     QMessageBox* box = FVAlert::show(window_.get(), "logopenfailed", "logopenfailedlong");
@@ -614,7 +624,7 @@ void AppController::showAbout() {
     QPushButton* openLog = box->addButton(localized("aboutopenlog"), QMessageBox::ActionRole);
     box->setEscapeButton(box->addButton(localized("closebutton"), QMessageBox::AcceptRole));
     connect(box, &QMessageBox::finished, this, [this, box, openLog] {
-        if (box->clickedButton() == openLog) showLog();
+        if (box->clickedButton() == openLog) openLogFile();
     });
     box->open();
 }
@@ -706,12 +716,15 @@ void AppController::showVerifySheet() {
 
 // ---- Restores
 
-void AppController::restoreSelectedSource(int row) {
+void AppController::restoreSelectedSources(const QList<int>& rows) {
     std::vector<FVSourceItemPtr> items = backupSetController_.arrangedObjects();
-    if (row < 0 || size_t(row) >= items.size() || currentTargetPath_.empty() || refusedWhileAway()) return;
+    QStringList paths;
+    for (int row : rows)
+        if (row >= 0 && size_t(row) < items.size()) paths << qPath(items[size_t(row)]->sourcePath());
+    if (paths.isEmpty() || currentTargetPath_.empty() || refusedWhileAway()) return;
     // The restore reads the sources from the destination's configuration.
     writeSettingsIfOpen();
-    restoreController_->restoreSourceItem(qPath(currentTargetPath_), qPath(items[size_t(row)]->sourcePath()));
+    restoreController_->restoreSourceItems(qPath(currentTargetPath_), paths);
 }
 
 void AppController::setRestoreHoldsWindow(bool holds) {

@@ -88,7 +88,9 @@ public:
     void showSearchBackupPanel();
     void showBackupBrowser();
     void showVerifySheet();
+    // The open destination's recent runs; without one, the log file in another program.
     void showLog();
+    void openLogFile();
     void showLastRunErrors();
     void showAbout();
 
@@ -153,7 +155,7 @@ private:
     void resumeSizeEvaluation();
     void finishRunAndMaybeClose();
     bool windowShouldClose();
-    void restoreSelectedSource(int row);
+    void restoreSelectedSources(const QList<int>& rows);
     void setRestoreHoldsWindow(bool holds);
     QString destinationName() const;
 

@@ -1,6 +1,7 @@
 #include "app/FVBackupBrowser.h"
 
 #include "app/FVQtStrings.h"
+#include "app/FVScreenFit.h"
 #include "app/FVRunTreeModel.h"
 #include "engine/FVPointInTime.h"
 
@@ -45,7 +46,7 @@ FVBackupBrowser::FVBackupBrowser(QWidget* window, const std::string& destination
     setAttribute(Qt::WA_DeleteOnClose);
     setWindowModality(Qt::WindowModal);
     setWindowTitle(localizedFormat("browsetitle", destination));
-    resize(760, 560);
+    FVScreenFit::resize(this, {760, 560});
 
     runs_ = new QTreeWidget;
     runs_->setObjectName("browseRuns");

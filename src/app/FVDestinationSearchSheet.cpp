@@ -3,6 +3,7 @@
 #include "app/FVAlert.h"
 #include "app/FVFileReveal.h"
 #include "app/FVQtStrings.h"
+#include "app/FVScreenFit.h"
 
 #include <QPointer>
 #include <QComboBox>
@@ -33,7 +34,7 @@ FVDestinationSearchSheet::FVDestinationSearchSheet(QWidget* window, FVMainQueue&
     setAttribute(Qt::WA_DeleteOnClose);
     setWindowModality(Qt::WindowModal);
     setWindowTitle(localized("searchtitle"));
-    resize(720, 440);
+    FVScreenFit::resize(this, {720, 440});
     search_->setObserver(this);
     search_->setSearchFolderPath(stdPath(destination));
 

@@ -1,6 +1,7 @@
 #include "app/FVErrorPanel.h"
 
 #include "app/FVQtStrings.h"
+#include "app/FVScreenFit.h"
 
 #include <QDialogButtonBox>
 #include <QLabel>
@@ -17,7 +18,7 @@ FVErrorPanel::FVErrorPanel(QWidget* window, const std::vector<std::string>& erro
     setAttribute(Qt::WA_DeleteOnClose);
     setWindowModality(Qt::WindowModal);
     setWindowTitle(localized(titleKey));
-    resize(620, 360);
+    FVScreenFit::resize(this, {620, 360});
 
     auto* heading = new QLabel(QString::fromStdString(FVStrings::formatPlural(messageKey, (long long)errors.size())));
     QFont bold = heading->font();

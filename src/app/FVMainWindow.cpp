@@ -1,9 +1,12 @@
 #include "app/FVMainWindow.h"
 
 #include "app/FVCoverView.h"
+#include "app/FVDestinationPopup.h"
+#include "app/FVFocusRingStyle.h"
 #include "app/FVDropZone.h"
 #include "app/FVOverdueBanner.h"
 #include "app/FVQtStrings.h"
+#include "app/FVScreenFit.h"
 #include "app/FVSourceListModel.h"
 #include "app/FVSourceListView.h"
 #include "app/FVThinProgressBar.h"
@@ -36,7 +39,7 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     setObjectName("mainWindow");
     setWindowTitle("Ferrovane");
     setWindowIcon(QIcon::fromTheme("ferrovane"));
-    resize(1040, 600);
+    FVFocusRingStyle::install();
 
     auto* central = new QWidget;
     auto* column = new QVBoxLayout(central);
@@ -50,10 +53,10 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     auto* bar = new QHBoxLayout;
     destinationIcon_ = new QLabel;
     destinationIcon_->setFixedSize(32, 32);
-    targetPopup_ = new QComboBox;
+    targetPopup_ = new FVDestinationPopup;
     targetPopup_->setObjectName("targetPopup");
     targetPopup_->setPlaceholderText(localized("nodestination"));
-    targetPopup_->setMinimumWidth(300);
+    targetPopup_->setMinimumContentsLength(12);
     targetPopup_->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
     addTargetButton_ = smallButton("+", localized("adddestinationtip"), "addTargetButton");
     removeTargetButton_ = smallButton("−", localized("removedestinationtip"), "removeTargetButton");
@@ -64,7 +67,6 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     startButton_ = new QPushButton(localized("syncbutton"));
     startButton_->setObjectName("startButton");
     startButton_->setDefault(true);
-    startButton_->setMinimumWidth(130);
     bar->addWidget(destinationIcon_);
     auto* destinationColumn = new QVBoxLayout;
     destinationColumn->setSpacing(1);
@@ -143,7 +145,9 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
 
     QMenu* file = menuBar()->addMenu(localized("menufile"));
     file->addAction(localized("menuadddestination"), addTargetButton_, &QToolButton::click);
-    file->addAction(localized("menuremovedestination"), removeTargetButton_, &QToolButton::click);
+    removeDestinationAction_ = file->addAction(localized("menuremovedestination"), removeTargetButton_, &QToolButton::click);
+    removeDestinationAction_->setObjectName("removeDestinationAction");
+    connect(targetPopup_, &QComboBox::currentIndexChanged, this, &FVMainWindow::nameDestinationToRemove);
     file->addAction(addFoldersAction_);
     file->addAction(addFilesAction_);
     file->addSeparator();
@@ -171,6 +175,19 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     QMenu* help = menuBar()->addMenu(localized("menuhelp"));
     aboutAction_ = help->addAction(localized("menuabout"));
     aboutAction_->setMenuRole(QAction::AboutRole);
+
+    // Tab goes along the destination bar, into the list, then along the line under it.
+    const QList<QWidget*> chain{targetPopup_,   addTargetButton_, removeTargetButton_, optionsButton_,      searchButton_,
+                                startButton_,   sourceList_,      addSourceButton_,    removeSourceButton_, showErrorsButton_};
+    for (qsizetype i = 1; i < chain.size(); ++i) setTabOrder(chain[i - 1], chain[i]);
+    FVScreenFit::resize(this, {1040, 600});
+}
+
+void FVMainWindow::nameDestinationToRemove() {
+    const QString name = targetPopup_->currentText();
+    removeDestinationAction_->setText(name.isEmpty() ? localized("menuremovedestination")
+                                                     : localizedFormat("menuremovedestinationnamed",
+                                                                       stdPath(QString(name).replace('&', "&&"))));
 }
 
 void FVMainWindow::setSourceModel(FVSourceListModel* model) {

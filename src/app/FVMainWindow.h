@@ -17,6 +17,7 @@ class QToolButton;
 namespace ferrovane {
 
 class FVCoverView;
+class FVDestinationPopup;
 class FVDropZone;
 class FVOverdueBanner;
 class FVSourceListModel;
@@ -32,7 +33,7 @@ public:
     // Asked before the window closes; false keeps it open.
     void setCloseHandler(std::function<bool()> handler) { closeHandler_ = std::move(handler); }
 
-    QComboBox* targetPopup() const { return targetPopup_; }
+    FVDestinationPopup* targetPopup() const { return targetPopup_; }
     QLabel* destinationIcon() const { return destinationIcon_; }
     QToolButton* addTargetButton() const { return addTargetButton_; }
     QToolButton* removeTargetButton() const { return removeTargetButton_; }
@@ -62,6 +63,7 @@ public:
     QAction* aboutAction() const { return aboutAction_; }
     QAction* showLogAction() const { return showLogAction_; }
     QAction* quitAction() const { return quitAction_; }
+    QAction* removeDestinationAction() const { return removeDestinationAction_; }
 
 signals:
     void becameActive();
@@ -72,9 +74,11 @@ protected:
 
 private:
     void updateEmptyState();
+    // The menu item says which destination it removes.
+    void nameDestinationToRemove();
 
     std::function<bool()> closeHandler_;
-    QComboBox* targetPopup_;
+    FVDestinationPopup* targetPopup_;
     QLabel* destinationIcon_;
     QToolButton* addTargetButton_;
     QToolButton* removeTargetButton_;
@@ -105,6 +109,7 @@ private:
     QAction* aboutAction_;
     QAction* showLogAction_;
     QAction* quitAction_;
+    QAction* removeDestinationAction_;
 };
 
 }  // namespace ferrovane

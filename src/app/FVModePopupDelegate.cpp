@@ -1,6 +1,7 @@
 #include "app/FVModePopupDelegate.h"
 
 #include "app/FVSourceListModel.h"
+#include "app/FVSourceListView.h"
 
 #include <QComboBox>
 #include <QStandardItemModel>
@@ -12,6 +13,8 @@ namespace ferrovane {
 QWidget* FVModePopupDelegate::createEditor(QWidget* parent, const QStyleOptionViewItem&, const QModelIndex& index) const {
     auto* popup = new QComboBox(parent);
     popup->setObjectName("modePopup");
+    // Tab passes the list as one stop; Space on a row opens its popup.
+    popup->setFocusPolicy(Qt::ClickFocus);
     for (int mode = 0; mode <= 3; ++mode) popup->addItem(FVSourceListModel::modeTitle(mode), mode);
     // A bare name is no path to back up or to leave out.
     if (!FVSourceListModel::takesEveryMode(index.data(Qt::ToolTipRole).toString()))
@@ -29,7 +32,14 @@ void FVModePopupDelegate::setEditorData(QWidget* editor, const QModelIndex& inde
 }
 
 void FVModePopupDelegate::setModelData(QWidget* editor, QAbstractItemModel* model, const QModelIndex& index) const {
-    model->setData(index, static_cast<QComboBox*>(editor)->currentData(), Qt::EditRole);
+    const int64_t mode = static_cast<QComboBox*>(editor)->currentData().toLongLong();
+    // A choice in a selected row is for every selected row.
+    auto* view = qobject_cast<FVSourceListView*>(parent());
+    auto* sources = qobject_cast<FVSourceListModel*>(model);
+    QList<int> rows = view ? view->selectedRows() : QList<int>();
+    if (!rows.contains(index.row())) rows = {index.row()};
+    if (sources) sources->setMode(rows, mode);
+    else model->setData(index, qlonglong(mode), Qt::EditRole);
 }
 
 }  // namespace ferrovane

@@ -1,5 +1,6 @@
 #pragma once
-// The mode column's popup: a combo box that stays open in every row and applies a choice at once.
+// The mode column's popup: a combo box that stays open in every row and applies a choice at once,
+// to every selected row when its own row is one of them.
 
 #include <QStyledItemDelegate>
 

@@ -1,6 +1,7 @@
 #include "app/FVOptionsPanel.h"
 
 #include "app/FVQtStrings.h"
+#include "app/FVTimeField.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVExcludePattern.h"
 #include "scheduling/FVOptionsPanelController.h"
@@ -177,9 +178,8 @@ QWidget* FVOptionsPanel::makeScheduleGroup(bool runningAsRoot) {
     automationWeekday_->setObjectName("automationWeekday");
     // Monday first; the value is the job launcher's weekday number (0 Sunday ... 6 Saturday).
     for (int day = 1; day <= 7; ++day) automationWeekday_->addItem(QLocale().dayName(day), day % 7);
-    automationTime_ = new QTimeEdit;
+    automationTime_ = new FVTimeField;
     automationTime_->setObjectName("automationTime");
-    automationTime_->setDisplayFormat("HH:mm");
     auto* when = new QHBoxLayout;
     when->setContentsMargins(20, 0, 0, 0);
     when->addWidget(automationInterval_);

@@ -20,7 +20,7 @@ FVOverdueBanner::FVOverdueBanner(QWidget* parent) : QFrame(parent) {
     label_->setObjectName("overdueText");
     label_->setWordWrap(true);
     label_->setTextInteractionFlags(Qt::TextSelectableByMouse);
-    backUpNow_ = new QPushButton(localized("menubackupnow"));
+    backUpNow_ = new QPushButton(localized("bannerbackupnow"));
     backUpNow_->setObjectName("overdueBackUpNow");
     auto* line = new QHBoxLayout(this);
     line->setContentsMargins(8, 6, 8, 6);

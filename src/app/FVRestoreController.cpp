@@ -105,17 +105,41 @@ void FVRestoreController::restoreVersion(const QString& destination, const QStri
     askTarget(versionRequest(*catalog, *mirror, stdPath(versionPath)), dialogParent);
 }
 
-void FVRestoreController::restoreSourceItem(const QString& destination, const QString& sourcePath) {
+void FVRestoreController::restoreSourceItems(const QString& destination, const QStringList& sourcePaths) {
     std::string problem;
-    auto catalog = openValidCatalog(stdPath(destination), &problem);
+    auto catalog = sourcePaths.isEmpty() ? std::nullopt : openValidCatalog(stdPath(destination), &problem);
     if (!catalog) {
         QMessageBox* box = FVAlert::show(window_, "restorefailed", "restorefailed");
         box->setInformativeText(QString::fromStdString(problem));
         return;
     }
-    std::string mirror = catalog->sourceMirrorPath(stdPath(sourcePath));
-    Request request = versionRequest(*catalog, mirror, catalog->layout().destinationPath(mirror));
-    request.name = FVText::lastPathComponent(stdPath(sourcePath));
+    std::vector<std::string> mirrors;
+    for (const QString& sourcePath : sourcePaths) mirrors.push_back(catalog->sourceMirrorPath(stdPath(sourcePath)));
+    if (mirrors.size() == 1) {
+        Request request = versionRequest(*catalog, mirrors.front(), catalog->layout().destinationPath(mirrors.front()));
+        request.name = FVText::lastPathComponent(stdPath(sourcePaths.front()));
+        return askTarget(request, window_);
+    }
+    Request request;
+    request.destination = catalog->destination();
+    request.several = true;
+    request.name = FVStrings::format("browseselection", mirrors.size());
+    std::vector<std::string> folders;
+    for (const QString& sourcePath : sourcePaths) folders.push_back(FVText::deletingLastPathComponent(stdPath(sourcePath)));
+    std::sort(folders.begin(), folders.end());
+    folders.erase(std::unique(folders.begin(), folders.end()), folders.end());
+    std::string places;
+    for (const std::string& folder : folders) places += (places.empty() ? "" : ", ") + folder;
+    request.original = places;
+    request.job = [catalog = *catalog, mirrors](const std::string& toFolder, std::string* problem) -> std::unique_ptr<FVRestoreJob> {
+        std::vector<FVRestoreTarget> targets;
+        for (const std::string& mirror : mirrors) {
+            auto target = FVRestoreTarget::forVersion(catalog, mirror, catalog.layout().destinationPath(mirror), toFolder, problem);
+            if (!target) return nullptr;
+            targets.push_back(std::move(*target));
+        }
+        return std::make_unique<FVVersionRestoreJob>(catalog.destination(), std::move(targets));
+    };
     askTarget(request, window_);
 }
 
@@ -172,7 +196,9 @@ FVRestoreController::Request FVRestoreController::versionRequest(const FVVersion
     request.job = [catalog, mirror, versionPath](const std::string& toFolder, std::string* problem) -> std::unique_ptr<FVRestoreJob> {
         auto target = FVRestoreTarget::forVersion(catalog, mirror, versionPath, toFolder, problem);
         if (!target) return nullptr;
-        return std::make_unique<FVVersionRestoreJob>(catalog.destination(), std::move(*target));
+        std::vector<FVRestoreTarget> targets;
+        targets.push_back(std::move(*target));
+        return std::make_unique<FVVersionRestoreJob>(catalog.destination(), std::move(targets));
     };
     return request;
 }

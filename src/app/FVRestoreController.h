@@ -13,6 +13,7 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <QStringList>
 
 #include <atomic>
 #include <functional>
@@ -43,8 +44,8 @@ public:
     // dialogParent. An archived folder comes back whole, as the run before its archiving recorded
     // it, when a complete run did.
     void restoreVersion(const QString& destination, const QString& versionPath, QWidget* dialogParent);
-    // A whole source item, from the mirror.
-    void restoreSourceItem(const QString& destination, const QString& sourcePath);
+    // Whole source items, from the mirror.
+    void restoreSourceItems(const QString& destination, const QStringList& sourcePaths);
     // Items (mirror paths, none inside another) as a complete run recorded them.
     void restorePointInTime(const QString& destination, const FVRunRecord& run, const std::vector<std::string>& mirrorPaths,
                             QWidget* dialogParent);

@@ -128,19 +128,30 @@ Qt::ItemFlags FVSourceListModel::flags(const QModelIndex& index) const {
 }
 
 bool FVSourceListModel::setData(const QModelIndex& index, const QVariant& value, int role) {
-    FVSourceItemPtr item = itemAt(index.row());
-    if (!item || index.column() != ModeColumn || role != Qt::EditRole) return false;
-    int64_t mode = value.toLongLong();
-    if (mode < 0 || mode > 3 || mode == item->enabled()) return false;
-    if (!takesEveryMode(qPath(item->sourcePath())) &&
-        (mode == int64_t(FVSourceMode::Backup) || mode == int64_t(FVSourceMode::ExcludePath)))
-        return false;
-    item->setValue(FVSourceKey::enabled, mode);
+    if (!itemAt(index.row()) || index.column() != ModeColumn || role != Qt::EditRole) return false;
+    return setMode({index.row()}, value.toLongLong());
+}
+
+bool FVSourceListModel::setMode(const QList<int>& rows, int64_t mode) {
+    if (mode < 0 || mode > 3) return false;
+    int first = rowCount(), last = -1;
+    for (int row : rows) {
+        FVSourceItemPtr item = itemAt(row);
+        if (!item || item->enabled() == mode) continue;
+        // A bare name or a pattern is no path: it can only be left out or disabled.
+        if (!takesEveryMode(qPath(item->sourcePath())) &&
+            (mode == int64_t(FVSourceMode::Backup) || mode == int64_t(FVSourceMode::ExcludePath)))
+            continue;
+        item->setValue(FVSourceKey::enabled, mode);
+        first = std::min(first, row);
+        last = std::max(last, row);
+    }
+    if (last < 0) return false;
     changingMode_ = true;
     controller_.evaluateItemModeChange();
     changingMode_ = false;
-    emit dataChanged(this->index(index.row(), 0), this->index(index.row(), ColumnCount - 1));
-    emit dataChanged(this->index(0, SizeColumn), this->index(rowCount() - 1, SizeColumn));
+    emit dataChanged(index(first, 0), index(last, ColumnCount - 1));
+    emit dataChanged(index(0, SizeColumn), index(rowCount() - 1, SizeColumn));
     emit summaryChanged();
     return true;
 }

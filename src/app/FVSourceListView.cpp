@@ -4,6 +4,8 @@
 #include "app/FVQtStrings.h"
 #include "app/FVSourceListModel.h"
 
+#include <QApplication>
+#include <QComboBox>
 #include <QContextMenuEvent>
 #include <QMenu>
 
@@ -20,6 +22,7 @@ FVSourceListView::FVSourceListView(QWidget* parent) : QTableView(parent) {
     setItemDelegateForColumn(FVSourceListModel::ModeColumn, new FVModePopupDelegate(this));
     setSelectionBehavior(SelectRows);
     setSelectionMode(ExtendedSelection);
+    setTabKeyNavigation(false);
     setEditTriggers(NoEditTriggers);
     setDragEnabled(true);
     setAcceptDrops(true);
@@ -40,19 +43,40 @@ FVSourceListView::FVSourceListView(QWidget* parent) : QTableView(parent) {
 void FVSourceListView::setModel(QAbstractItemModel* model) {
     QTableView::setModel(model);
     QHeaderView* header = horizontalHeader();
-    header->setSectionResizeMode(FVSourceListModel::NameColumn, QHeaderView::Interactive);
+    // Name and path share the room a wider window gives.
+    header->setSectionResizeMode(FVSourceListModel::NameColumn, QHeaderView::Stretch);
     header->setSectionResizeMode(FVSourceListModel::PathColumn, QHeaderView::Stretch);
     header->setSectionResizeMode(FVSourceListModel::ModeColumn, QHeaderView::Fixed);
     // Widths set once, so that a run's longer texts never squeeze the path.
     header->setSectionResizeMode(FVSourceListModel::SizeColumn, QHeaderView::Interactive);
     header->setSectionResizeMode(FVSourceListModel::LastRunColumn, QHeaderView::Interactive);
-    setColumnWidth(FVSourceListModel::NameColumn, 140);
     setColumnWidth(FVSourceListModel::ModeColumn, 200);
     setColumnWidth(FVSourceListModel::SizeColumn, 110);  // room for "Calculating size…"
     setColumnWidth(FVSourceListModel::LastRunColumn, 310);
     connect(model, &QAbstractItemModel::modelReset, this, &FVSourceListView::openPopups);
     connect(model, &QAbstractItemModel::rowsInserted, this, &FVSourceListView::openPopups);
+    connect(model, &QAbstractItemModel::dataChanged, this, &FVSourceListView::refreshPopups);
     openPopups();
+}
+
+void FVSourceListView::refreshPopups(const QModelIndex& topLeft, const QModelIndex& bottomRight) {
+    if (topLeft == bottomRight || topLeft.column() > FVSourceListModel::ModeColumn ||
+        bottomRight.column() < FVSourceListModel::ModeColumn)
+        return;
+    for (int row = topLeft.row(); row <= bottomRight.row(); ++row) {
+        QModelIndex index = model()->index(row, FVSourceListModel::ModeColumn);
+        if (QWidget* popup = indexWidget(index)) itemDelegateForColumn(FVSourceListModel::ModeColumn)->setEditorData(popup, index);
+    }
+}
+
+QItemSelectionModel::SelectionFlags FVSourceListView::selectionCommand(const QModelIndex& index, const QEvent* event) const {
+    // A row's mode popup taking the focus makes its row current; a selection holding that row stays,
+    // so that the choice applies to all of it.
+    QWidget* focus = QApplication::focusWidget();
+    if (!event && index.isValid() && selectionModel()->isRowSelected(index.row(), {}) && focus &&
+        focus == indexWidget(model()->index(index.row(), FVSourceListModel::ModeColumn)))
+        return QItemSelectionModel::NoUpdate;
+    return QTableView::selectionCommand(index, event);
 }
 
 void FVSourceListView::openPopups() {
@@ -81,20 +105,33 @@ void FVSourceListView::selectRows(int first, int count) {
 void FVSourceListView::contextMenuEvent(QContextMenuEvent* event) {
     const int row = indexAt(event->pos()).row();
     if (row < 0) return;
-    selectRows(row, 1);
+    // The menu is about the selection when the row belongs to it, else about that row alone.
+    if (!selectionModel()->isRowSelected(row, {})) selectRows(row, 1);
+    const QList<int> rows = selectedRows();
     // Only what is backed up has a copy to restore.
-    const bool backedUp = model()->index(row, FVSourceListModel::ModeColumn).data(Qt::EditRole).toLongLong() ==
-                          int64_t(FVSourceMode::Backup);
+    const bool backedUp = std::all_of(rows.begin(), rows.end(), [this](int selected) {
+        return model()->index(selected, FVSourceListModel::ModeColumn).data(Qt::EditRole).toLongLong() ==
+               int64_t(FVSourceMode::Backup);
+    });
     QMenu menu(this);
     QAction* restore = menu.addAction(localized("menurestoresource"));
     restore->setEnabled(restoreEnabled_ && backedUp);
-    if (menu.exec(event->globalPos()) == restore) emit restoreRequested(row);
+    if (menu.exec(event->globalPos()) == restore) emit restoreRequested(rows);
 }
 
 void FVSourceListView::keyPressEvent(QKeyEvent* event) {
     if ((event->key() == Qt::Key_Delete || event->key() == Qt::Key_Backspace) && !selectedRows().isEmpty()) {
         emit removeRequested();
         return;
+    }
+    const bool opensPopup = event->key() == Qt::Key_Space || event->key() == Qt::Key_F4 ||
+                            (event->key() == Qt::Key_Down && event->modifiers() & Qt::AltModifier);
+    if (opensPopup && currentIndex().isValid()) {
+        if (auto* popup = qobject_cast<QComboBox*>(indexWidget(model()->index(currentIndex().row(), FVSourceListModel::ModeColumn)))) {
+            popup->setFocus(Qt::OtherFocusReason);
+            popup->showPopup();
+            return;
+        }
     }
     QTableView::keyPressEvent(event);
 }

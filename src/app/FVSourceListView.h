@@ -1,6 +1,7 @@
 #pragma once
 // The source list's table: mode popups open in every row, rows dragged to reorder, files dropped
-// from a file manager, Delete removes the selected rows, a row's context menu restores it.
+// from a file manager, Delete removes the selected rows, a row's context menu restores them. Tab
+// leaves the table: arrows move within it, Space opens the current row's mode popup.
 
 #include <QTableView>
 
@@ -21,14 +22,17 @@ public:
 
 signals:
     void removeRequested();
-    void restoreRequested(int row);
+    void restoreRequested(const QList<int>& rows);
 
 protected:
     void keyPressEvent(QKeyEvent* event) override;
+    QItemSelectionModel::SelectionFlags selectionCommand(const QModelIndex& index, const QEvent* event) const override;
     void contextMenuEvent(QContextMenuEvent* event) override;
 
 private:
     void openPopups();
+    // Persistent editors hear only of single-cell changes: a change of many rows is shown here.
+    void refreshPopups(const QModelIndex& topLeft, const QModelIndex& bottomRight);
 
     bool restoreEnabled_ = false;
 };

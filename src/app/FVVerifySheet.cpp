@@ -1,6 +1,7 @@
 #include "app/FVVerifySheet.h"
 
 #include "app/FVQtStrings.h"
+#include "app/FVScreenFit.h"
 #include "engine/FVAdditions.h"
 
 #include <QCheckBox>
@@ -20,7 +21,7 @@ FVVerifySheet::FVVerifySheet(QWidget* window, const QString& destination) : QDia
     setAttribute(Qt::WA_DeleteOnClose);
     setWindowModality(Qt::WindowModal);
     setWindowTitle(localized("verifytitle"));
-    resize(680, 400);
+    FVScreenFit::resize(this, {680, 400});
 
     auto* intro = new QLabel(localizedFormat("verifyintro", stdPath(destination)));
     intro->setWordWrap(true);

@@ -8,13 +8,21 @@
 
 namespace ferrovane {
 
+std::vector<std::string> FVVersionRestoreJob::targets() const {
+    std::vector<std::string> paths;
+    for (const FVRestoreTarget& target : targets_) paths.push_back(target.to);
+    return paths;
+}
+
 bool FVVersionRestoreJob::plan(std::string* problem) {
-    struct stat st {};
-    if (int error = FVRestorePlan::examine(destination_, target_.from, &st)) {
-        *problem = FVStrings::format("restorenocopy", target_.to, std::strerror(error));
-        return false;
+    for (const FVRestoreTarget& target : targets_) {
+        struct stat st {};
+        if (int error = FVRestorePlan::examine(destination_, target.from, &st)) {
+            *problem = FVStrings::format("restorenocopy", target.to, std::strerror(error));
+            return false;
+        }
+        plans_.emplace_back(destination_, target.from, target.to, target.root, target.parentMirrors);
     }
-    plans_.emplace_back(destination_, target_.from, target_.to, target_.root, target_.parentMirrors);
     return true;
 }
 

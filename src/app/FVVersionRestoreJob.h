@@ -1,6 +1,6 @@
 #pragma once
-// Restores one version inside the destination (its copy in the mirror or an archived one) as it
-// stands there, folders with everything inside them.
+// Restores versions inside the destination (copies in the mirror or archived ones) as they stand
+// there, folders with everything inside them.
 
 #include "app/FVRestoreJob.h"
 #include "engine/FVRestorePlan.h"
@@ -10,10 +10,10 @@ namespace ferrovane {
 
 class FVVersionRestoreJob final : public FVRestoreJob {
 public:
-    FVVersionRestoreJob(std::string destination, FVRestoreTarget target)
-        : destination_(std::move(destination)), target_(std::move(target)) {}
+    FVVersionRestoreJob(std::string destination, std::vector<FVRestoreTarget> targets)
+        : destination_(std::move(destination)), targets_(std::move(targets)) {}
 
-    std::vector<std::string> targets() const override { return {target_.to}; }
+    std::vector<std::string> targets() const override;
     bool plan(std::string* problem) override;
     std::vector<Conflict> conflicts() const override;
     uint64_t itemCount() const override;
@@ -22,7 +22,7 @@ public:
 
 private:
     std::string destination_;
-    FVRestoreTarget target_;
+    std::vector<FVRestoreTarget> targets_;
     std::vector<FVRestorePlan> plans_;
 };
 

@@ -4,8 +4,10 @@
 #include "app/AppController.h"
 #include "app/FVBackupBrowser.h"
 #include "app/FVCoverView.h"
+#include "app/FVDestinationPopup.h"
 #include "app/FVDestinationSearchSheet.h"
 #include "app/FVErrorPanel.h"
+#include "app/FVLogViewer.h"
 #include "app/FVMainWindow.h"
 #include "app/FVOptionsPanel.h"
 #include "app/FVOverdueBanner.h"
@@ -28,6 +30,10 @@
 #include <QFileDialog>
 #include <QLabel>
 #include <QLineEdit>
+#include <QListWidget>
+#include <QMenu>
+#include <QMenuBar>
+#include <QScreen>
 #include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QPushButton>
@@ -37,7 +43,10 @@
 #include <QTimeEdit>
 #include <QToolButton>
 #include <QTest>
+#include <QTimer>
+#include <QToolButton>
 #include <QTreeView>
+#include <QHeaderView>
 #include <QTreeWidget>
 
 #include <filesystem>
@@ -60,6 +69,25 @@ public:
     // systemctl fails with this when set, as without a service manager.
     std::string failWith;
 };
+
+class RecordingNotifier final : public FVUserNotifier {
+public:
+    bool deliver(const FVUserNotification& notification) override {
+        titles.push_back(notification.title);
+        return true;
+    }
+    std::vector<std::string> titles;
+};
+
+// The access key of a menu or button text: the letter after a single '&', or none.
+QChar accessKey(const QString& text) {
+    for (qsizetype i = 0; i + 1 < text.size(); ++i)
+        if (text[i] == '&') {
+            if (text[i + 1] != '&') return text[i + 1].toLower();
+            ++i;
+        }
+    return {};
+}
 
 // How long a condition the window reaches by itself may take on a loaded machine: a wait ends as
 // soon as it holds, so only a failing test waits this long.
@@ -119,11 +147,13 @@ private:
     std::unique_ptr<TempDir> home_;
     std::unique_ptr<TempDir> work_;
     std::shared_ptr<RecordingRunner> runner_;
+    std::shared_ptr<RecordingNotifier> notifier_;
     std::unique_ptr<AppController> app_;
 
     AppController& launch(bool root = false) {
         app_.reset();
-        app_ = std::make_unique<AppController>(AppEnvironment{root, runner_, nullptr, statusFolder()});
+        notifier_ = std::make_shared<RecordingNotifier>();
+        app_ = std::make_unique<AppController>(AppEnvironment{root, runner_, notifier_, statusFolder()});
         app_->initialiseApplication();
         return *app_;
     }
@@ -234,9 +264,13 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
         QCOMPARE(app_->currentTargetPath(), b);
 
+        // The popup tells where each destination is and its room; removing names the one removed.
+        const QString hover = app_->window()->targetPopup()->describe(1);
+        QVERIFY2(hover.startsWith(QString::fromStdString(b + "\n")) && hover.endsWith(" free"), qPrintable(hover));
+        QCOMPARE(app_->window()->removeDestinationAction()->text(), "&Remove “B”…");
         // Removing the last entry selects the first.
         app_->removeTargetWidgetClicked();
-        QCOMPARE(awaitDialog()->text(), text("removetargetclicked"));
+        QCOMPARE(awaitDialog()->text(), "Remove “B” from the list of destinations?");
         clickButton(awaitDialog(), "removebutton");
         QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
         QCOMPARE(app_->destinations().count(), 1);
@@ -364,8 +398,16 @@ private slots:
         openDestination(destination);
         app_->addSourcePaths({QString::fromStdString(source)}, 0);
         QSignalSpy ended(app_.get(), &AppController::runEnded);
+        // Another window in front: the run's start and end are told on the desktop, as backups.
+        QWidget front;
+        front.show();
+        front.activateWindow();
+        QTRY_VERIFY_WITH_TIMEOUT(!app_->window()->isActiveWindow(), kPatience);
         app_->window()->startButton()->click();
         QVERIFY(ended.wait(kPatience));
+        QCOMPARE(notifier_->titles, (std::vector<std::string>{"Backup started: dest", "Backup finished: dest"}));
+        front.close();
+        app_->window()->activateWindow();
 
         QVERIFY(cover()->message().startsWith(text("viewbackupfinished").section('{', 0, 0)));
         QVERIFY(!openDialog(app_->window()) && app_->window()->targetPopup()->isEnabled());
@@ -392,6 +434,16 @@ private slots:
         fs::remove(source + "/file0");
         app_->window()->startButton()->click();
         QVERIFY(ended.wait(kPatience));
+        // Show Log…: this destination's two runs, newest first, and a search among the lines.
+        app_->window()->showLogAction()->trigger();
+        auto* log = awaitDialog<FVLogViewer>("logViewer");
+        QCOMPARE(log->runList()->count(), 2);
+        QVERIFY2(log->runList()->item(0)->text().contains("\nBackup, finished, "),
+                 qPrintable(log->runList()->item(0)->text()));
+        log->searchField()->setText("source finished analysing");
+        QCOMPARE(log->lineList()->count(), 1);
+        QVERIFY(log->lineList()->item(0)->text().contains(QString::fromStdString(source + " (")));
+        log->reject();
         app_->window()->searchButton()->click();
         auto* sheet = app_->window()->findChild<FVDestinationSearchSheet*>();
         sheet->findChild<QLineEdit*>("searchField")->setText("FILE");
@@ -593,6 +645,159 @@ private slots:
         QVERIFY(!readSourcesOf(destination)[0]->value(FVSourceKey::lastBackupDate).has_value());
     }
 
+    void theKeyboardReachesEveryControlWithAVisibleFocusAndAccessKeys() {
+        std::string destination = makeDir("dest"), a = makeDir("A"), b = makeDir("B");
+        launch();
+        openDestination(destination);
+        app_->addSourcePaths({QString::fromStdString(a), QString::fromStdString(b)}, 0);
+        FVMainWindow* w = app_->window();
+        w->activateWindow();
+        QTRY_VERIFY_WITH_TIMEOUT(w->isActiveWindow(), kPatience);
+        // Tab leaves the list and goes round every control, the list one stop among them.
+        w->sourceListView()->setFocus(Qt::TabFocusReason);
+        QList<QWidget*> visited;
+        for (int press = 0; press < 12; ++press) {
+            QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+            visited << QApplication::focusWidget();
+        }
+        for (QWidget* control : std::initializer_list<QWidget*>{w->addSourceButton(), w->removeSourceButton(), w->targetPopup(),
+                                                                 w->optionsButton(), w->searchButton(), w->startButton()})
+            QVERIFY2(visited.contains(control), qPrintable(control->objectName()));
+        QCOMPARE(visited.count(w->sourceListView()), 1);
+        // The focused button is ringed in the highlight colour; the others are not.
+        w->startButton()->setFocus(Qt::TabFocusReason);
+        auto ringed = [](QWidget* button) {
+            const QImage image = button->grab().toImage();
+            const QRgb highlight = button->palette().color(QPalette::Highlight).rgb();
+            int count = 0;
+            for (int x = 0; x < image.width(); ++x) count += image.pixel(x, 1) == highlight || image.pixel(x, 2) == highlight;
+            return count > image.width() / 2;
+        };
+        QVERIFY(ringed(w->startButton()) && !ringed(w->optionsButton()));
+        // Space on a row opens its mode popup.
+        QTest::keyClick(w->sourceListView(), Qt::Key_Down);
+        QTest::keyClick(w->sourceListView(), Qt::Key_Space);
+        QTRY_VERIFY_WITH_TIMEOUT(QApplication::activePopupWidget(), kPatience);
+        QTest::keyClick(QApplication::activePopupWidget(), Qt::Key_Escape);
+
+        // One access key per item in each menu, and one per menu title and button in the window.
+        auto eachHasItsOwnKey = [](const QStringList& texts) {
+            QSet<QChar> keys;
+            for (const QString& item : texts) {
+                const QChar key = accessKey(item);
+                QVERIFY2(!key.isNull() && !keys.contains(key), qPrintable(item));
+                keys << key;
+            }
+        };
+        QStringList window{w->startButton()->text(), w->optionsButton()->text(), w->searchButton()->text(),
+                           w->showErrorsButton()->text()};
+        QList<QMenu*> menus{w->addSourceButton()->menu()};
+        for (QAction* action : w->menuBar()->actions()) {
+            window << action->text();
+            menus << action->menu();
+        }
+        eachHasItsOwnKey(window);
+        for (QMenu* menu : menus) {
+            QStringList items;
+            for (QAction* action : menu->actions())
+                if (!action->isSeparator()) items << action->text();
+            eachHasItsOwnKey(items);
+        }
+    }
+
+    void aChoiceInASelectedRowChangesTheWholeSelectionAsDoRemovalAndRestore() {
+        std::string destination = makeDir("dest");
+        QStringList sources;
+        for (int i = 0; i < 50; ++i) {
+            const std::string source = makeDir("source" + std::to_string(100 + i));
+            ferrovane::test::writeFile(source + "/note", "note " + std::to_string(i));
+            sources << QString::fromStdString(source);
+        }
+        launch();
+        openDestination(destination);
+        app_->addSourcePaths(sources, 0);
+        FVSourceListView* list = app_->window()->sourceListView();
+        QCOMPARE(list->model()->rowCount(), 50);
+        // Rows 10 to 19 chosen, then a click on the popup of row 12 and a choice there.
+        list->selectRows(10, 10);
+        auto* popup = qobject_cast<QComboBox*>(list->indexWidget(list->model()->index(12, FVSourceListModel::ModeColumn)));
+        list->scrollTo(list->model()->index(12, 0));
+        QTest::mouseClick(popup, Qt::LeftButton);
+        if (QApplication::activePopupWidget()) QTest::keyClick(QApplication::activePopupWidget(), Qt::Key_Escape);
+        popup->setCurrentIndex(popup->findData(int(FVSourceMode::ExcludePath)));
+        emit popup->activated(popup->currentIndex());
+        QCOMPARE(list->selectedRows().size(), 10);
+        const std::vector<FVSourceItemPtr> stored = readSourcesOf(destination);
+        for (int row = 0; row < 50; ++row) {
+            const int64_t want = row >= 10 && row < 20 ? int64_t(FVSourceMode::ExcludePath) : int64_t(FVSourceMode::Backup);
+            QCOMPARE(stored[size_t(row)]->enabled(), want);
+            auto* shown = qobject_cast<QComboBox*>(list->indexWidget(list->model()->index(row, FVSourceListModel::ModeColumn)));
+            QCOMPARE(shown->currentData().toLongLong(), want);
+        }
+        // Delete removes the selection.
+        QTest::keyClick(list, Qt::Key_Delete);
+        QCOMPARE(readSourcesOf(destination).size(), size_t(40));
+
+        // After a backup, Restore from Backup… on two selected rows brings both back.
+        QSignalSpy ended(app_.get(), &AppController::runEnded);
+        app_->window()->startButton()->click();
+        QVERIFY(ended.wait(kPatience));
+        const std::string first = sources[0].toStdString(), last = sources[49].toStdString();
+        fs::remove(first + "/note");
+        fs::remove(last + "/note");
+        list->selectRows(0, 1);
+        list->selectionModel()->select(list->model()->index(39, 0), QItemSelectionModel::Select | QItemSelectionModel::Rows);
+        list->setRestoreEnabled(true);
+        QTimer::singleShot(0, [] {
+            QTRY_VERIFY_WITH_TIMEOUT(QApplication::activePopupWidget(), kPatience);
+            QTest::keyClick(QApplication::activePopupWidget(), Qt::Key_Down);
+            QTest::keyClick(QApplication::activePopupWidget(), Qt::Key_Return);
+        });
+        const QRect row = list->visualRect(list->model()->index(0, 0));
+        QContextMenuEvent click(QContextMenuEvent::Mouse, row.center(), list->viewport()->mapToGlobal(row.center()));
+        QApplication::sendEvent(list->viewport(), &click);
+        QMessageBox* where = awaitDialog("restoreTargetDialog");
+        QVERIFY(where);
+        QCOMPARE(where->text(), "Restore “2 items”");
+        clickButton(where, "restoreoriginal");
+        awaitDialog("restoreOutcome")->accept();
+        QCOMPARE(ferrovane::test::readFile(first + "/note"), "note 0");
+        QCOMPARE(ferrovane::test::readFile(last + "/note"), "note 49");
+    }
+
+    void everyWindowFitsALaptopAtScaleTwo() {
+        // 1366 by 768 pixels at a scale of 2.
+        const QSize room(683, 384);
+        std::string destination = makeDir("dest"), source = makeDir("Letters");
+        ferrovane::test::writeFile(source + "/a", "a");
+        launch();
+        openDestination(destination);
+        app_->addSourcePaths({QString::fromStdString(source)}, 0);
+        QSignalSpy ended(app_.get(), &AppController::runEnded);
+        app_->window()->startButton()->click();
+        QVERIFY(ended.wait(kPatience));
+        FVMainWindow* w = app_->window();
+        QVERIFY(w->screen()->availableGeometry().contains(w->frameGeometry()));
+        auto fits = [&room](QWidget* window) {
+            const QSize least = window->minimumSizeHint();
+            return least.width() <= room.width() && least.height() <= room.height();
+        };
+        QVERIFY2(fits(w), qPrintable(QString("%1x%2").arg(w->minimumSizeHint().width()).arg(w->minimumSizeHint().height())));
+        w->optionsButton()->click();
+        w->searchButton()->click();
+        w->browseAction()->trigger();
+        w->verifyAction()->trigger();
+        w->showLogAction()->trigger();
+        w->aboutAction()->trigger();
+        app_->restoreController().restoreSourceItems(QString::fromStdString(destination), {QString::fromStdString(source)});
+        for (const char* name : {"optionsPanel", "searchSheet", "backupBrowser", "verifySheet", "logViewer", "aboutBox",
+                                 "restoreTargetDialog"}) {
+            QDialog* dialog = awaitDialog<QDialog>(name);
+            QVERIFY2(fits(dialog), qPrintable(QString("%1: %2x%3").arg(name).arg(dialog->minimumSizeHint().width())
+                                                  .arg(dialog->minimumSizeHint().height())));
+        }
+    }
+
     void optionsSheetSchedulesTheDestination() {
         std::string destination = makeDir("B");
         launch();
@@ -610,7 +815,17 @@ private slots:
         interval->setCurrentIndex(interval->findData(1));
         auto* weekday = panel->findChild<QComboBox*>("automationWeekday");
         weekday->setCurrentIndex(weekday->findData(5));
-        panel->findChild<QTimeEdit*>("automationTime")->setTime(QTime(3, 30));
+        // The time takes typing as soon as it has the focus, wherever it was clicked.
+        auto* time = panel->findChild<QTimeEdit*>("automationTime");
+        auto* digits = time->findChild<QLineEdit*>();
+        QTest::mouseClick(digits, Qt::LeftButton, {}, {4, digits->height() / 2});  // on the hour
+        QTest::keyClicks(time, "0330");
+        QCOMPARE(time->time(), QTime(3, 30));
+        QTest::mouseClick(digits, Qt::LeftButton, {}, {digits->width() - 4, digits->height() / 2});
+        QTest::keyClicks(time, "45");
+        QCOMPARE(time->time(), QTime(3, 45));
+        time->setTime(QTime(3, 30));
+        QCOMPARE(time->time(), QTime(3, 30));
         panel->findChild<QCheckBox*>("automationVerifyMonthly")->setChecked(true);
         panel->findChild<QCheckBox*>("backUpWhenConnected")->setChecked(true);
         panel->findChild<QSpinBox*>(FVOptionKey::connectedRunIntervalMinutes)->setValue(120);
@@ -780,6 +995,11 @@ private slots:
         files->selectFile(QString::fromStdString(*work_ / "notes.txt"));
         QMetaObject::invokeMethod(files, "accept");
         QCOMPARE(app_->backupSetController().backupSetPaths(), (std::vector<std::string>{*work_ / "notes.txt", a, b}));
+        // A wider window widens the names too.
+        QTableView* list = app_->window()->sourceListView();
+        const int narrow = list->columnWidth(FVSourceListModel::NameColumn);
+        app_->window()->resize(app_->window()->width() + 400, app_->window()->height());
+        QTRY_VERIFY_WITH_TIMEOUT(list->columnWidth(FVSourceListModel::NameColumn) > narrow + 100, kPatience);
         // Another start of the program hands its paths over to this one.
         connect(&first, &FVSingleInstance::activationRequested, app_.get(), &AppController::activateFromAnotherStart);
         QVERIFY(second.handOverToRunningInstance({QString::fromStdString(dropped)}));

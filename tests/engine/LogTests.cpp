@@ -1,8 +1,9 @@
-// The run log and the small formatting helpers.
+// The run log, read back as runs, and the small formatting helpers.
 
 #include "engine/FVAdditions.h"
 #include "engine/FVLog.h"
 #include "engine/FVLogRotation.h"
+#include "engine/FVRunLogReader.h"
 #include "engine/FVStrings.h"
 #include "platform/FVJournalSink.h"
 #include "support/TempDir.h"
@@ -179,4 +180,69 @@ TEST(StringTable, FormatsFillTheirPlaceholdersAndUnknownKeysShowThemselves) {
     EXPECT_EQ(FVStrings::formatPlural("sourceiteminformationMB", 1, 0.5), "1 item, 0.5 MB");
     EXPECT_EQ(FVStrings::formatPlural("errorpanelmessage", 1), "The backup reported 1 error. It is also in the log.");
     EXPECT_EQ(FVStrings::localized("no-such-key"), "no-such-key");
+}
+
+TEST(RunLogReaderTest, SplitsTheLogIntoEachDestinationsRunsWithTheirOutcomesCountsAndErrorsFirst) {
+    const std::string text =
+        "2026-11-20 10:00:00: Thinning removed 2 runs\n"  // before any run: belongs to none
+        "2026-11-20 10:00:01: Ferrovane 1.0(7) starting sync to: /media/disk (one) (ext4)\n"
+        "2026-11-20 10:00:02: Source finished analysing: /home/a (12 items changed).\n"
+        "2026-11-20 10:00:03: ERROR: Cannot read file: /home/a/key (Permission denied)\n"
+        "2026-11-20 10:00:04: Source finished analysing: /home/b (3 items changed).\n"
+        "2026-11-20 10:00:05: \n"
+        "Destination volume unmounted unexpectedly!\n"
+        "\n"
+        "2026-11-20 10:00:06: Sync cancelled.\n"
+        "\n"
+        "2026-11-20 11:00:00: Ferrovane 1.0(7) starting sync to: /media/other (ext4)\n"
+        "2026-11-20 11:00:01: Sync finished (Duration: 1 s).\n"
+        "2026-11-20 12:00:00: Ferrovane cannot sync to: /media/disk (one)\n"
+        "2026-11-20 12:00:00: ERROR: The destination is read-only\n"
+        "2026-11-20 12:00:00: Sync cancelled: nothing was changed.\n"
+        "2026-11-20 13:00:00: Ferrovane cannot sync to: /media/disk (one)\n"
+        "2026-11-20 13:00:00: Sync stopped before copying: not enough room.\n"
+        "2026-11-20 14:00:00: Ferrovane 1.0(7) starting restore from: /media/disk (one)\n"
+        "2026-11-20 14:00:01: Restore finished: 5 files (1 KB), 0 replaced items moved aside, 0 errors.\n"
+        "2026-11-20 15:00:00: Verify of /media/disk (one): no problems\n"
+        "2026-11-20 16:00:00: Ferrovane 1.0(7) starting sync to: /media/disk (one) (ext4)\n"
+        "2026-11-20 16:00:01: Source started analysing: /home/a\n";
+    const std::vector<FVLoggedRun> runs = FVRunLogReader::parse(text);
+    ASSERT_EQ(runs.size(), 6u);
+    using Outcome = FVLoggedRun::Outcome;
+    const FVLoggedRun& stopped = runs[0];
+    EXPECT_EQ(stopped.destination, "/media/disk (one)");
+    EXPECT_EQ(stopped.time, "2026-11-20 10:00:01");
+    EXPECT_EQ(stopped.outcome, Outcome::Stopped);
+    EXPECT_EQ(stopped.changedItems, 15u);
+    ASSERT_EQ(stopped.errorCount, 2u);
+    EXPECT_EQ(stopped.lines[0], "10:00:03 ERROR: Cannot read file: /home/a/key (Permission denied)");
+    EXPECT_EQ(stopped.lines[1], "Destination volume unmounted unexpectedly!");
+    EXPECT_EQ(stopped.lines[2], "10:00:01 Ferrovane 1.0(7) starting sync to: /media/disk (one) (ext4)");
+    EXPECT_EQ(stopped.lines.back(), "10:00:06 Sync cancelled.");
+    EXPECT_EQ(runs[1].outcome, Outcome::Finished);
+    EXPECT_EQ(runs[2].outcome, Outcome::Refused);
+    EXPECT_EQ(runs[2].errorCount, 1u);
+    EXPECT_EQ(runs[3].outcome, Outcome::NoRoom);
+    EXPECT_EQ(runs[4].kind, FVLoggedRun::Kind::Restore);
+    EXPECT_EQ(runs[4].changedItems, 5u);
+    EXPECT_EQ(runs[4].lines.size(), 2u) << "the verify after it is no part of it";
+    EXPECT_EQ(runs[5].outcome, Outcome::Unfinished);
+
+    // From the file: only that destination's, newest first, at most as many as asked; a read
+    // from the middle of the file drops the cut line.
+    TempDir dir;
+    writeFile(dir / "Ferrovane.log", text);
+    std::string problem;
+    std::vector<FVLoggedRun> recent = FVRunLogReader::recentRuns(dir / "Ferrovane.log", "/media/disk (one)", 3, &problem);
+    ASSERT_EQ(recent.size(), 3u);
+    EXPECT_EQ(recent[0].time, "2026-11-20 16:00:00");
+    EXPECT_EQ(recent[2].time, "2026-11-20 13:00:00");
+    recent = FVRunLogReader::recentRuns(dir / "Ferrovane.log", "/media/disk (one)", 10, &problem,
+                                        text.size() - text.find("2026-11-20 14:00:00") - 5);
+    ASSERT_EQ(recent.size(), 1u);
+    EXPECT_EQ(recent[0].time, "2026-11-20 16:00:00");
+    EXPECT_TRUE(FVRunLogReader::recentRuns(dir / "none.log", "/media/disk (one)", 10, &problem).empty());
+    EXPECT_TRUE(problem.empty()) << "no log yet is no problem";
+    FVRunLogReader::recentRuns(dir.path(), "/media/disk (one)", 10, &problem);
+    EXPECT_FALSE(problem.empty()) << "a folder cannot be read as the log";
 }
