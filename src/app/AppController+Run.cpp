@@ -194,10 +194,11 @@ void AppController::handleProgress() {
     cover->setProgress(percent);
     cover->setMessage(QString::fromStdString(backupSession_->currentTaskDescription()));
     FVSyncingBackup* job = backupSession_->syncingBackup();
-    cover->setDetailMessage(QString::fromStdString(
-        FVStrings::formatPlural("viewbackupprogressnumdetail", job ? (long long)job->currentUpdateCount() : 0)));
+    const long long updated = job ? (long long)job->currentUpdateCount() : 0;
+    cover->setDetailMessage(QString::fromStdString(FVStrings::formatPlural("viewbackupprogressnumdetail", updated)));
     cover->setSmallMessage({});
     window_->progressView()->setProgress(percent);
+    launcherEntry_.setProgress(percent / 100.0, updated);
 }
 
 void AppController::notifyUnlessActive(const FVUserNotification& notification) {
@@ -243,8 +244,11 @@ void AppController::setRunOutcome(FVRunOutcome outcome) {
 }
 
 // Kept until the next run, also across starts.
-void AppController::recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors) {
+void AppController::recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors,
+                                     std::string interruptedSource, std::string destinationFailure) {
     FVRunOutcome outcome(state, QDateTime::currentDateTime(), errors);
+    outcome.setInterruptedSource(std::move(interruptedSource));
+    outcome.setDestinationFailure(std::move(destinationFailure));
     outcome.save(qPath(currentTargetPath_));
     setRunOutcome(std::move(outcome));
 }
@@ -284,8 +288,13 @@ void AppController::handleCancel() {
     const long long copied = job ? job->currentUpdateCount() : 0;
     // Nobody stopped a run that could not fit: it says why, and the schedule knows the disk is full.
     const bool noRoom = backupSession_->stoppedForSpace();
-    recordRunOutcome(FVRunOutcome::State::Stopped, errors);
+    // Nor one whose disk failed or went away: the cause comes first, the errors it caused after.
+    const std::string diskFailure = backupSession_->destinationFailure();
+    if (!diskFailure.empty())
+        std::stable_partition(errors.begin(), errors.end(), [&](const std::string& error) { return error == diskFailure; });
+    recordRunOutcome(FVRunOutcome::State::Stopped, errors, backupSession_->interruptedSourcePath(), diskFailure);
     if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, backupSession_->refusal());
+    else if (!diskFailure.empty()) recordJobAttempt(FVJobOutcome::Failed, diskFailure);
     else if (backupSession_->skippedByBeforeHook()) recordJobAttempt(FVJobOutcome::Failed, backupSession_->refusal());
     else recordJobAttempt(FVJobOutcome::Stopped, "stopped in the window");
     updateScheduleState();
@@ -295,6 +304,12 @@ void AppController::handleCancel() {
         notification = {FVStrings::format("notificationnoroom", FVText::lastPathComponent(currentTargetPath_)), "",
                         backupSession_->refusal(), false, true};
         cover->setMessage(QString::fromStdString(backupSession_->refusal()));
+    } else if (!diskFailure.empty()) {
+        const std::string cause = FVRunOutcome::causeOf(diskFailure);
+        notification = {FVStrings::format("notificationdiskfailed", FVText::lastPathComponent(currentTargetPath_)), "", cause,
+                        false, true};
+        cover->setMessage(localizedFormat("backupdiskfailed", FVText::lastPathComponent(currentTargetPath_)));
+        cover->setDetailMessage(QString::fromStdString(cause));
     } else if (!errors.empty()) {
         notification.subtitle = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errors.size()));
     }

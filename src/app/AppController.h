@@ -5,6 +5,7 @@
 // and a restore from sharing the window.
 
 #include "app/FVDestinationList.h"
+#include "app/FVLauncherEntry.h"
 #include "app/FVQtMainQueue.h"
 #include "app/FVRunOutcome.h"
 #include "backupset/BackupSetController.h"
@@ -134,7 +135,8 @@ private:
     void showErrorPanel(const std::vector<std::string>& errors);
     void confirmEmptiedSource(const QString& sourcePath);
     void setRunOutcome(FVRunOutcome outcome);
-    void recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors);
+    void recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors,
+                          std::string interruptedSource = {}, std::string destinationFailure = {});
     // Kept outside the destination for the schedule line and overdue notices, when it has an identity.
     void recordJobAttempt(FVJobOutcome outcome, const std::string& message);
     void measureAfterWrite();
@@ -161,6 +163,7 @@ private:
     std::unique_ptr<FVRestoreController> restoreController_;
 
     FVRunOutcome runOutcome_;
+    FVLauncherEntry launcherEntry_;
     QStringList pendingSourcePaths_;
     std::unique_ptr<FVBackupSession> backupSession_;
     // Held from the start checks until the run's outcome is written.

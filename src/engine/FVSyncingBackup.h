@@ -62,6 +62,7 @@ public:
     uint64_t currentUpdateCount() const { return status_.updateCount.load(std::memory_order_relaxed); }
     uint64_t currentTotalFilesCount() const { return status_.totalFilesCount.load(std::memory_order_relaxed); }
     std::vector<std::string> errorMessages() const { return status_.errorMessages(); }
+    std::string destinationFailureMessage() const { return status_.destinationFailureMessage(); }
     // What the user should know of this run that is no error of an item (what the destination
     // cannot keep), said once per run.
     const std::vector<std::string>& notes() const { return notes_; }
