@@ -200,10 +200,11 @@ void AppController::handleProgress() {
     cover->setProgress(percent);
     cover->setMessage(QString::fromStdString(backupSession_->currentTaskDescription()));
     FVSyncingBackup* job = backupSession_->syncingBackup();
-    cover->setDetailMessage(QString::fromStdString(
-        FVStrings::formatPlural("viewbackupprogressnumdetail", job ? (long long)job->currentUpdateCount() : 0)));
+    const long long updated = job ? (long long)job->currentUpdateCount() : 0;
+    cover->setDetailMessage(QString::fromStdString(FVStrings::formatPlural("viewbackupprogressnumdetail", updated)));
     cover->setSmallMessage({});
     window_->progressView()->setProgress(percent);
+    launcherEntry_.setProgress(percent / 100.0, updated);
 }
 
 void AppController::notifyUnlessActive(const FVUserNotification& notification) {
@@ -250,8 +251,11 @@ void AppController::setRunOutcome(FVRunOutcome outcome) {
 }
 
 // Kept until the next run, also across starts.
-void AppController::recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors) {
+void AppController::recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors,
+                                     std::string interruptedSource, std::string destinationFailure) {
     FVRunOutcome outcome(state, QDateTime::currentDateTime(), errors);
+    outcome.setInterruptedSource(std::move(interruptedSource));
+    outcome.setDestinationFailure(std::move(destinationFailure));
     outcome.save(qPath(currentTargetPath_));
     setRunOutcome(std::move(outcome));
 }
@@ -291,17 +295,28 @@ void AppController::handleCancel() {
     const bool noRoom = backupSession_->stoppedForSpace();
     const std::string refusal = backupSession_->refusal();
     const std::string disk = FVText::lastPathComponent(currentTargetPath_);
+    // Nor one whose disk failed or went away: the cause comes first, the errors it caused after.
+    const std::string diskFailure = backupSession_->destinationFailure();
+    if (!diskFailure.empty())
+        std::stable_partition(errors.begin(), errors.end(), [&](const std::string& error) { return error == diskFailure; });
     // Rather than an empty cover until the alert is dismissed.
     cover->setMessage(noRoom ? QString::fromStdString(refusal) : localized("backupstopped"));
-    recordRunOutcome(noRoom ? FVRunOutcome::State::NoRoom : FVRunOutcome::State::Stopped, errors);
+    recordRunOutcome(noRoom ? FVRunOutcome::State::NoRoom : FVRunOutcome::State::Stopped, errors,
+                     backupSession_->interruptedSourcePath(), diskFailure);
     if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, refusal);
+    else if (!diskFailure.empty()) recordJobAttempt(FVJobOutcome::Failed, diskFailure);
     else if (backupSession_->skippedByBeforeHook()) recordJobAttempt(FVJobOutcome::Failed, refusal);
     else recordJobAttempt(FVJobOutcome::Stopped, "stopped in the window");
     updateScheduleState();
     FVUserNotification notification{FVStrings::format("notificationstopped", disk), "", ""};
-    if (noRoom)
+    if (noRoom) {
         notification = {FVStrings::format("notificationnoroom", disk), "", refusal, false, true};
-    else if (!errors.empty())
+    } else if (!diskFailure.empty()) {
+        const std::string cause = FVRunOutcome::causeOf(diskFailure);
+        notification = {FVStrings::format("notificationdiskfailed", disk), "", cause, false, true};
+        cover->setMessage(localizedFormat("backupdiskfailed", disk));
+        cover->setDetailMessage(QString::fromStdString(cause));
+    } else if (!errors.empty())
         notification.subtitle = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errors.size()));
     notifyUnlessActive(notification);
 

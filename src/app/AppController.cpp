@@ -104,7 +104,12 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
     });
     connect(w->sourceListView(), &FVSourceListView::restoreRequested, this, &AppController::restoreSelectedSources);
     connect(restoreController_.get(), &FVRestoreController::restoreStarted, this, [this] { setRestoreHoldsWindow(true); });
-    connect(restoreController_.get(), &FVRestoreController::restoreEnded, this, [this] { setRestoreHoldsWindow(false); });
+    connect(restoreController_.get(), &FVRestoreController::restoreEnded, this, [this] {
+        setRestoreHoldsWindow(false);
+        launcherEntry_.clear();
+    });
+    connect(restoreController_.get(), &FVRestoreController::progressChanged, &launcherEntry_, &FVLauncherEntry::setProgress);
+    connect(this, &AppController::runEnded, &launcherEntry_, &FVLauncherEntry::clear);
     connect(w->overdueBanner()->backUpNowButton(), &QPushButton::clicked, w->backUpNowAction(), &QAction::trigger);
     connect(w->showErrorsAction(), &QAction::triggered, this, &AppController::showLastRunErrors);
     connect(w->aboutAction(), &QAction::triggered, this, &AppController::showAbout);

@@ -6,6 +6,7 @@
 
 #include "app/FVDestinationList.h"
 #include "app/FVDestinationPresence.h"
+#include "app/FVLauncherEntry.h"
 #include "app/FVQtMainQueue.h"
 #include "app/FVRunOutcome.h"
 #include "backupset/BackupSetController.h"
@@ -146,7 +147,8 @@ private:
     void showErrorPanel(const std::vector<std::string>& errors);
     void confirmEmptiedSource(const QString& sourcePath);
     void setRunOutcome(FVRunOutcome outcome);
-    void recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors);
+    void recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors,
+                          std::string interruptedSource = {}, std::string destinationFailure = {});
     // Kept outside the destination for the schedule line and overdue notices, when it has an identity.
     void recordJobAttempt(FVJobOutcome outcome, const std::string& message);
     void measureAfterWrite();
@@ -174,6 +176,7 @@ private:
     FVDestinationPresence presence_;
 
     FVRunOutcome runOutcome_;
+    FVLauncherEntry launcherEntry_;
     QStringList pendingSourcePaths_;
     std::unique_ptr<FVBackupSession> backupSession_;
     // Held from the start checks until the run's outcome is written.

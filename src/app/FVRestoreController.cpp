@@ -370,6 +370,7 @@ void FVRestoreController::showProgress() {
     window_->coverView()->setProgress(percent);
     window_->progressView()->setProgress(percent);
     window_->coverView()->setDetailMessage(plural("restoreprogressdetail", (long long)total, (long long)done));
+    emit progressChanged(percent / 100.0, qint64(done));
 }
 
 void FVRestoreController::stop() {

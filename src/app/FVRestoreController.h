@@ -56,6 +56,8 @@ signals:
     // The window is the restore's from here until restoreEnded.
     void restoreStarted();
     void restoreEnded();
+    // fraction from 0 to 1 of the items to restore, done of them restored.
+    void progressChanged(double fraction, qint64 done);
 
 private:
     struct Request {

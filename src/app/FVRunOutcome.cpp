@@ -31,6 +31,8 @@ FVRunOutcome FVRunOutcome::load(const QString& destination) {
     outcome.state_ = static_cast<State>(settings.value("state", int(State::Never)).toInt());
     outcome.time_ = settings.value("time").toDateTime();
     for (const QString& error : settings.value("errors").toStringList()) outcome.errors_.push_back(error.toStdString());
+    outcome.interruptedSource_ = settings.value("interrupted").toString().toStdString();
+    outcome.destinationFailure_ = settings.value("destinationFailure").toString().toStdString();
     if (outcome.state_ != State::Finished && outcome.state_ != State::Stopped && outcome.state_ != State::NoRoom)
         outcome.state_ = State::Never;
     return outcome;
@@ -44,6 +46,8 @@ void FVRunOutcome::save(const QString& destination) const {
     QStringList errors;
     for (const std::string& error : errors_) errors << QString::fromStdString(error);
     settings.setValue("errors", errors);
+    settings.setValue("interrupted", QString::fromStdString(interruptedSource_));
+    settings.setValue("destinationFailure", QString::fromStdString(destinationFailure_));
 }
 
 // Short enough for a row: the date in the locale's short form, minutes without seconds.
@@ -51,6 +55,17 @@ QString FVRunOutcome::stamp(const QDateTime& time) {
     QLocale locale;
     QString minutes = locale.timeFormat(QLocale::ShortFormat).remove(QStringLiteral(":ss"));
     return locale.toString(time.date(), QLocale::NarrowFormat) + ' ' + locale.toString(time.time(), minutes);
+}
+
+// The failure's line without its log prefix and closing words, for a sentence of the window.
+std::string FVRunOutcome::causeOf(const std::string& line) {
+    std::string cause = line;
+    for (const char* prefix : {"ERROR: ", "Aborting: "})
+        if (cause.rfind(prefix, 0) == 0) cause.erase(0, std::strlen(prefix));
+    for (const char* suffix : {" Aborting backup.", "."})
+        if (cause.size() > std::strlen(suffix) && cause.compare(cause.size() - std::strlen(suffix), std::string::npos, suffix) == 0)
+            cause.erase(cause.size() - std::strlen(suffix));
+    return cause;
 }
 
 QString FVRunOutcome::headline() const {
@@ -62,6 +77,7 @@ QString FVRunOutcome::headline() const {
     case State::Finished:
         return count == 0 ? localizedFormat("lastrunfinished", when) : plural("lastrunerrors", count, when);
     case State::Stopped:
+        if (!destinationFailure_.empty()) return localizedFormat("lastrundiskfailed", when, causeOf(destinationFailure_));
         return count == 0 ? localizedFormat("lastrunstopped", when) : plural("lastrunstoppederrors", count, when);
     case State::NoRoom:
         return localizedFormat("lastrunnoroom", when);

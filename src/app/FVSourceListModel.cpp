@@ -99,19 +99,22 @@ void FVSourceListModel::setRunOutcome(FVRunOutcome outcome) {
 
 QString FVSourceListModel::lastRunText(const FVSourceItem& item) const {
     if (item.enabled() >= int64_t(FVSourceMode::ExcludePath)) return QString();  // exclusions never run
+    // Only the source the stop interrupted is news; the others keep their last backup.
+    if (outcome_.state() == FVRunOutcome::State::Stopped && item.enabled() == int64_t(FVSourceMode::Backup) &&
+        !outcome_.interruptedSource().empty() && item.sourcePath() == outcome_.interruptedSource()) {
+        const std::string when = FVRunOutcome::stamp(outcome_.time()).toStdString();
+        return localizedFormat(outcome_.destinationFailure().empty() ? "sourcelaststopped" : "sourcelastdiskfailed", when);
+    }
     auto date = item.value(FVSourceKey::lastBackupDate);
     const PlistDate* when = date ? date->get<PlistDate>() : nullptr;
     QDateTime finished = when ? QDateTime::fromMSecsSinceEpoch(qint64(when->secondsSince1970 * 1000)) : QDateTime();
-    // A stop leaves the item's own date as it was: the stop is the newer news.
-    if (outcome_.state() == FVRunOutcome::State::Stopped && item.enabled() == int64_t(FVSourceMode::Backup) &&
-        (!finished.isValid() || finished < outcome_.time()))
-        return localizedFormat("sourcelaststopped", FVRunOutcome::stamp(outcome_.time()).toStdString());
     if (!finished.isValid()) return localized("sourcenotbackedup");
     const std::string stamp = FVRunOutcome::stamp(finished).toStdString();
     long long errors = outcome_.state() == FVRunOutcome::State::Finished ? outcome_.errorCountFor(item.sourcePath()) : 0;
     if (errors > 0) return QString::fromStdString(FVStrings::formatPlural("sourcelastrunerrors", errors, stamp));
-    return localizedFormat("sourcelastrun", stamp, item.integerValue(FVSourceKey::updatedFilesCount),
-                           item.integerValue(FVSourceKey::totalFilesCount));
+    const int64_t updated = item.integerValue(FVSourceKey::updatedFilesCount);
+    if (updated == 0) return localizedFormat("sourcelastrununchanged", stamp);
+    return localizedFormat("sourcelastrun", stamp, updated, item.integerValue(FVSourceKey::totalFilesCount));
 }
 
 QVariant FVSourceListModel::headerData(int section, Qt::Orientation orientation, int role) const {

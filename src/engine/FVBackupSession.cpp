@@ -233,9 +233,11 @@ void FVBackupSession::run() {
         setTaskDescription(FVStrings::format("progresssyncing", FVText::lastPathComponent(sourcePath)));
         std::optional<int64_t> estimate;
         if (auto stored = item.value(FVSourceKey::totalFilesCount)) estimate = stored->integerValue();
+        itemInProgress_ = static_cast<int64_t>(i);
         if (!syncingBackup_->backUpSourceItem(sourcePath, estimate)) return didCancel();
         currentItemIndex_ = i + 1;
         recordResults(item);
+        itemInProgress_ = -1;
     }
     if (shouldPerformCleanup_) {
         setTaskDescription(FVStrings::localized("progressremoving"));
@@ -252,6 +254,17 @@ void FVBackupSession::recordResults(FVSourceItem& item) const {
     item.setValue(FVSourceKey::totalFilesCount, static_cast<int64_t>(static_cast<int32_t>(syncingBackup_->currentTotalFilesCount())));
     item.setValue(FVSourceKey::updatedFilesCount, static_cast<int64_t>(static_cast<int32_t>(syncingBackup_->currentUpdateCount())));
     item.setValue(FVSourceKey::totalBytesCopied, static_cast<uint64_t>(sessionTotalBytesCopied()));
+}
+
+std::string FVBackupSession::interruptedSourcePath() const {
+    const int64_t index = itemInProgress_.load();
+    return index >= 0 && static_cast<size_t>(index) < enabledItems_.size() ? enabledItems_[static_cast<size_t>(index)]->sourcePath()
+                                                                          : std::string();
+}
+
+std::string FVBackupSession::destinationFailure() const {
+    FVSyncingBackup* job = syncingBackup();
+    return job ? job->destinationFailureMessage() : std::string();
 }
 
 float FVBackupSession::progressPercent() const {

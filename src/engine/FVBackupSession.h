@@ -89,6 +89,10 @@ public:
     // The run stopped before copying because it did not fit on the destination, nobody stopped
     // it; its one message is in errorMessages(). Read once the session has ended.
     bool stoppedForSpace() const { return stoppedForSpace_.load(); }
+    // The source a stop or failure interrupted; empty when it struck before or after the items.
+    std::string interruptedSourcePath() const;
+    // The line that ended the run for its destination (failed, gone); empty while it held.
+    std::string destinationFailure() const;
     // Why the run ended before it touched anything (also among errorMessages()); empty otherwise.
     const std::string& refusal() const { return refusal_; }
     // The before-hook failed and the run was skipped with nothing touched; the reason is refusal().
@@ -167,6 +171,8 @@ private:
     uint64_t sessionTaskCount_ = 0;
     // The step in hand: the source item's index, then the number of items for the cleanup.
     std::atomic<uint64_t> currentItemIndex_{0};
+    // The enabled item being backed up, -1 between and outside them.
+    std::atomic<int64_t> itemInProgress_{-1};
 
     mutable std::mutex taskMutex_;
     std::string currentTaskDescription_;

@@ -8,7 +8,8 @@
 namespace ferrovane {
 
 bool FVDestinationFailure::isFatal(int error) {
-    return error == EROFS || error == ENOSPC || error == EDQUOT || error == EIO;
+    // ENOTCONN: its FUSE driver has gone; ENODEV: the device itself.
+    return error == EROFS || error == ENOSPC || error == EDQUOT || error == EIO || error == ENOTCONN || error == ENODEV;
 }
 
 std::string FVDestinationFailure::message() const {

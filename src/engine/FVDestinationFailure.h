@@ -1,6 +1,6 @@
 #pragma once
-// A failure of the destination disk itself rather than of one item: read-only, full or failing
-// (EIO). Any step that meets one ends the run at once with a single line naming the cause and
+// A failure of the destination disk itself rather than of one item: read-only, full, failing
+// (EIO) or gone (its driver or device). Any step that meets one ends the run at once with a single line naming the cause and
 // the item it struck; every other errno is an error of that item only.
 
 #include <string>

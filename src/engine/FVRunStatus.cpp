@@ -52,13 +52,22 @@ bool FVRunStatus::stopOnFatalDestinationError(int error, std::string_view action
 }
 
 void FVRunStatus::destinationFailed(const FVDestinationFailure& failure) {
-    if (!destinationFailureReported_.exchange(true)) {
-        const std::string message = failure.message();
-        log(message);
-        addError(message);
-    }
+    reportDestinationFailure(failure.message());
     log("Aborting sync...");
     cancelled_.store(true, std::memory_order_relaxed);
+}
+
+void FVRunStatus::reportDestinationFailure(const std::string& message) {
+    if (destinationFailureReported_.exchange(true)) return;
+    log(message);
+    addError(message);
+    std::lock_guard lock(errorsMutex_);
+    destinationFailureMessage_ = message;
+}
+
+std::string FVRunStatus::destinationFailureMessage() const {
+    std::lock_guard lock(errorsMutex_);
+    return destinationFailureMessage_;
 }
 
 void FVRunStatus::setCurrentWorker(std::shared_ptr<FVFileCopyWorker> worker) {

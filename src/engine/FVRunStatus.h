@@ -50,6 +50,11 @@ public:
     // has stopped itself.
     void destinationFailed(const FVDestinationFailure& failure);
     bool destinationHasFailed() const { return destinationFailureReported_.load(std::memory_order_relaxed); }
+    // Records the line of the destination's failure (also one unmounted under the run) as the
+    // run's error, once; the caller ends the run.
+    void reportDestinationFailure(const std::string& message);
+    // The line that ended the run for its destination, empty while it held.
+    std::string destinationFailureMessage() const;
 
     void setCurrentWorker(std::shared_ptr<FVFileCopyWorker> worker);
     std::shared_ptr<FVFileCopyWorker> currentWorker() const;
@@ -83,6 +88,7 @@ private:
 
     mutable std::mutex errorsMutex_;
     std::vector<std::string> errorMessages_;
+    std::string destinationFailureMessage_;
 
     mutable std::mutex workerMutex_;
     std::shared_ptr<FVFileCopyWorker> worker_;

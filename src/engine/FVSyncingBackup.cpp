@@ -266,7 +266,7 @@ void FVSyncingBackup::checkVolumeDidUnmount(const std::string& mountPoint) {
     // Whole components: unmounting /mnt/backup says nothing about /mnt/backup2.
     if (mountPoint != "/" && FVText::isPathWithin(settings_.targetPath, mountPoint)) {
         status_.log("\nDestination volume unmounted unexpectedly!\n");
-        status_.addError(fmt::format("Aborting: Destination unmounted unexpectedly ({}).", mountPoint));
+        status_.reportDestinationFailure(fmt::format("Aborting: Destination unmounted unexpectedly ({}).", mountPoint));
         cancelUpdate();
     }
     // Once the unmount is handled: tests hold a run until then.

@@ -67,6 +67,7 @@ public:
     void setItemListener(std::function<void(FVItemChange, const std::string&)> listener) {
         status_.setItemListener(std::move(listener));
     }
+    std::string destinationFailureMessage() const { return status_.destinationFailureMessage(); }
     // What the user should know of this run that is no error of an item (what the destination
     // cannot keep), said once per run.
     const std::vector<std::string>& notes() const { return notes_; }

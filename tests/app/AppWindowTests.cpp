@@ -8,6 +8,7 @@
 #include "app/FVDestinationSearchSheet.h"
 #include "app/FVErrorPanel.h"
 #include "app/FVLogViewer.h"
+#include "app/FVLauncherEntry.h"
 #include "app/FVMainWindow.h"
 #include "app/FVOptionsPanel.h"
 #include "app/FVOverdueBanner.h"
@@ -20,13 +21,17 @@
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVStrings.h"
 #include "scheduling/FVJobStatus.h"
+#include "support/PrivateBus.h"
 #include "support/RecordedRun.h"
+#include "support/TestHooks.h"
 #include "support/TempDir.h"
 #include "support/TreeLiteral.h"
 
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QDBusArgument>
+#include <QDBusMessage>
 #include <QFileDialog>
 #include <QLabel>
 #include <QLineEdit>
@@ -50,6 +55,8 @@
 #include <QTreeWidget>
 
 #include <filesystem>
+#include <sys/mount.h>
+#include <unistd.h>
 #include <memory>
 
 using namespace ferrovane;
@@ -140,6 +147,20 @@ std::vector<FVSourceItemPtr> readSourcesOf(const std::string& destination) {
 
 }  // namespace
 
+// Hears the launcher-entry signals on a private bus.
+class LauncherListener : public QObject {
+    Q_OBJECT
+public:
+    std::vector<QVariantMap> updates;
+    QStringList applications;
+
+public slots:
+    void update(const QDBusMessage& message) {
+        applications << message.arguments().value(0).toString();
+        updates.push_back(qdbus_cast<QVariantMap>(message.arguments().value(1)));
+    }
+};
+
 class AppWindowTest : public QObject {
     Q_OBJECT
 
@@ -207,6 +228,7 @@ private slots:
         qputenv("FERROVANE_LOG_FILE", (*home_ / "Ferrovane.log").c_str());
         qputenv("FERROVANE_JOB_DIRECTORY", (*home_ / "jobs").c_str());
         qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent");
+        qputenv("FERROVANE_TEST_HOOKS", (*home_ / "hooks").c_str());
         QApplication::setOrganizationName("Ferrovane");
         QApplication::setApplicationName("Ferrovane");
     }
@@ -628,7 +650,9 @@ private slots:
         QCOMPARE(box->text(), text("cancelalert"));
         QVERIFY(box->icon() == QMessageBox::Information && box->buttons().size() == 1);
         QCOMPARE(app_->runOutcome().state(), FVRunOutcome::State::Stopped);
-        QVERIFY(cell(0, FVSourceListModel::LastRunColumn).endsWith("stopped") && app_->window()->lastRunLine()->text().endsWith("stopped"));
+        // It stopped before reaching the source, which says so.
+        QCOMPARE(cell(0, FVSourceListModel::LastRunColumn), text("sourcenotbackedup"));
+        QVERIFY(app_->window()->lastRunLine()->text().endsWith("stopped"));
         QVERIFY(app_->window()->startButton()->isEnabled() && !app_->isBackupRunning());
         box->accept();
         QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
@@ -1004,6 +1028,102 @@ private slots:
         connect(&first, &FVSingleInstance::activationRequested, app_.get(), &AppController::activateFromAnotherStart);
         QVERIFY(second.handOverToRunningInstance({QString::fromStdString(dropped)}));
         QTRY_COMPARE_WITH_TIMEOUT(app_->backupSetController().backupSetPaths().front(), dropped, kPatience);
+    }
+
+    void aStopOrAGoneDiskMarksOnlyTheSourceItInterrupted() {
+        // On a disk of its own where it may be unmounted under the run.
+        std::string destination = makeDir("disk");
+        const bool ownDisk = geteuid() == 0 && mount("tmpfs", destination.c_str(), "tmpfs", 0, "size=64m") == 0;
+        struct Unmount {
+            std::string path;
+            ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
+        } unmount{ownDisk ? destination : ""};
+        std::string single = *work_ / "notes.txt", busy = makeDir("Busy"), later = makeDir("Later");
+        ferrovane::test::writeFile(single, "a single file");
+        for (const std::string& folder : {busy, later})
+            for (int i = 0; i < 3; ++i) ferrovane::test::writeFile(folder + "/f" + std::to_string(i), std::string(5000, 'z'));
+        launch();
+        openDestination(destination);
+        app_->addSourcePaths({QString::fromStdString(single), QString::fromStdString(busy), QString::fromStdString(later)}, 0);
+        auto lastRun = [this](const std::string& path) {
+            const auto& items = app_->backupSetController().arrangedObjects();
+            for (size_t row = 0; row < items.size(); ++row)
+                if (items[row]->sourcePath() == path) return cell(int(row), FVSourceListModel::LastRunColumn);
+            return QString();
+        };
+        QSignalSpy ended(app_.get(), &AppController::runEnded);
+        app_->window()->startButton()->click();
+        QVERIFY(ended.wait(kPatience));
+        const QString laterBefore = lastRun(later);
+        QVERIFY2(laterBefore.contains("finished, 4 of"), qPrintable(laterBefore));
+
+        // Stopped while copying into Busy: the file before it is unchanged, Later was never reached.
+        ferrovane::test::writeFile(busy + "/new", "new");
+        // The run starts once the cover has scrolled in: the hooks are awaited with events going.
+        ferrovane::test::TestHooks hooks(*home_ / "hooks");
+        hooks.arm("between-files", "Busy/new");
+        app_->window()->startButton()->click();
+        QTRY_VERIFY_WITH_TIMEOUT(hooks.waitUntilReached("between-files", 0), kPatience);
+        app_->window()->startButton()->click();
+        hooks.release("between-files");
+        QVERIFY(ended.wait(kPatience));
+        if (auto* panel = app_->window()->findChild<FVErrorPanel*>()) panel->accept();
+        if (QMessageBox* box = openDialog(app_->window())) box->accept();
+        QVERIFY2(lastRun(single).endsWith(text("sourcelastrununchanged").section("{}", 1)), qPrintable(lastRun(single)));
+        QVERIFY2(lastRun(busy).endsWith("stopped"), qPrintable(lastRun(busy)));
+        QCOMPARE(lastRun(later), laterBefore);
+        if (!ownDisk) QSKIP("unmounting the destination under a run needs root");
+
+        // Unmounted under the run: one outcome that names the cause, in the row, the line under
+        // the list, the cover and first in the error panel.
+        ferrovane::test::writeFile(busy + "/newer", "newer");
+        hooks.arm("between-files", "Busy/newer");
+        hooks.arm("unmount-seen", "", false);
+        app_->window()->startButton()->click();
+        QTRY_VERIFY_WITH_TIMEOUT(hooks.waitUntilReached("between-files", 0), kPatience);
+        QVERIFY(umount2(destination.c_str(), MNT_DETACH) == 0);
+        QTRY_VERIFY_WITH_TIMEOUT(hooks.waitUntilReached("unmount-seen", 0), kPatience);
+        hooks.release("between-files");
+        QVERIFY(ended.wait(kPatience));
+        const std::string failure = app_->runOutcome().destinationFailure();
+        QVERIFY2(failure.find("unmounted unexpectedly (" + destination + ")") != std::string::npos, failure.c_str());
+        QVERIFY2(lastRun(busy).endsWith(text("sourcelastdiskfailed").section("{}", 1)), qPrintable(lastRun(busy)));
+        QVERIFY(app_->window()->lastRunLine()->text().endsWith(QString::fromStdString(FVRunOutcome::causeOf(failure))));
+        QCOMPARE(cover()->message(), QString::fromStdString(FVStrings::format("backupdiskfailed", "disk")));
+        auto* panel = awaitDialog<FVErrorPanel>();
+        QVERIFY(panel->text().startsWith(QString::fromStdString(failure)));
+        panel->accept();
+    }
+
+    void launcherEntryShowsThrottledProgressAndClearsIt() {
+        ferrovane::test::PrivateBus bus("");
+        QVERIFY(bus.ok());
+        const QString address = QString::fromStdString(bus.address());
+        QDBusConnection sender = QDBusConnection::connectToBus(address, "launcherSender");
+        QDBusConnection receiver = QDBusConnection::connectToBus(address, "launcherReceiver");
+        QVERIFY(sender.isConnected() && receiver.isConnected());
+        LauncherListener listener;
+        QVERIFY(receiver.connect({}, {}, "com.canonical.Unity.LauncherEntry", "Update", &listener,
+                                 SLOT(update(QDBusMessage))));
+        {
+            FVLauncherEntry entry(sender);
+            entry.setProgress(0.1, 1);
+            // Within the interval: only the latest of these goes out, once it has passed.
+            entry.setProgress(0.3, 3);
+            entry.setProgress(0.5, 5);
+            QTRY_COMPARE_WITH_TIMEOUT(listener.updates.size(), size_t(2), kPatience);
+            entry.clear();
+            QTRY_COMPARE_WITH_TIMEOUT(listener.updates.size(), size_t(3), kPatience);
+        }
+        QCOMPARE(listener.applications, QStringList(3, "application://ferrovane.desktop"));
+        QCOMPARE(listener.updates[0]["progress"].toDouble(), 0.1);
+        const QVariantMap& latest = listener.updates[1];
+        QCOMPARE(latest["progress"].toDouble(), 0.5);
+        QCOMPARE(latest["count"].toLongLong(), 5);
+        QVERIFY(latest["progress-visible"].toBool() && latest["count-visible"].toBool());
+        QVERIFY(!listener.updates[2]["progress-visible"].toBool() && !listener.updates[2]["count-visible"].toBool());
+        QDBusConnection::disconnectFromBus("launcherSender");
+        QDBusConnection::disconnectFromBus("launcherReceiver");
     }
 };
 

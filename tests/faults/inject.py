@@ -23,11 +23,13 @@ DESTINATION_CALLS = {"mkdirat", "renameat2", "copy_file_range", "fchown", "fsetx
 ERRORS = ("EIO", "ENOSPC", "EACCES", "EROFS")
 # The disk's own failures, and the words of the line that names each.
 FATAL = {"EIO": b"Destination failed: Input/output error (EIO) while ", "ENOSPC": b"No free space left at destination",
-         "EROFS": b"Destination is read-only"}
+         "EROFS": b"Destination is read-only",
+         # A FUSE driver that died under the run.
+         "ENOTCONN": b"Destination failed: Transport endpoint is not connected (ENOTCONN) while "}
 # Where in the run's calls of that kind the fault starts; the last call of a kind is the last
 # folder's metadata for utimensat and fchmod.
 POSITIONS = (0.3, 0.6, 0.9, 1.0)
-QUICK = (("renameat2", "EIO", 0.3), ("copy_file_range", "ENOSPC", 0.6), ("openat", "EACCES", 0.6),
+QUICK = (("renameat2", "EIO", 0.3), ("copy_file_range", "ENOSPC", 0.6), ("mkdirat", "ENOTCONN", 0.6), ("openat", "EACCES", 0.6),
          ("mkdirat", "EROFS", 0.6), ("mkdirat", "EIO", 0.3), ("syncfs", "EIO", 1.0),
          ("fchown", "EIO", 0.6), ("fsetxattr", "EIO", 0.3), ("fsetxattr", "EACCES", 0.3), ("utimensat", "EIO", 1.0),
          ("fchmod", "EIO", 1.0),
