@@ -1087,9 +1087,8 @@ private slots:
         QVERIFY(ended.wait(kPatience));
         const std::string failure = app_->runOutcome().destinationFailure();
         QVERIFY2(failure.find("unmounted unexpectedly (" + destination + ")") != std::string::npos, failure.c_str());
-        QVERIFY2(lastRun(busy).endsWith(text("sourcelastdiskfailed").section("{}", 1)), qPrintable(lastRun(busy)));
+        // The disk is away now: the list waits for its return, the outcome line keeps the cause.
         QVERIFY(app_->window()->lastRunLine()->text().endsWith(QString::fromStdString(FVRunOutcome::causeOf(failure))));
-        QCOMPARE(cover()->message(), QString::fromStdString(FVStrings::format("backupdiskfailed", "disk")));
         auto* panel = awaitDialog<FVErrorPanel>();
         QVERIFY(panel->text().startsWith(QString::fromStdString(failure)));
         panel->accept();
