@@ -1,7 +1,7 @@
 # fish completion for ferrovane(1)
 
 set -l commands runs search versions ls restore verify config check-overdue
-set -l config_subcommands show add remove set schedule confirm-empty retention exclude exclude-from
+set -l config_subcommands show add remove set schedule confirm-empty retention exclude exclude-from hook
 
 # Words only the destination knows come from "ferrovane __complete WHAT [DESTINATION]".
 function __ferrovane_known -a what
@@ -27,6 +27,10 @@ complete -c ferrovane -f
 # Before a command: a backup run's options (the harmless one first), or the window's.
 set -l first "not __fish_seen_subcommand_from $commands"
 complete -c ferrovane -n $first -s n -l dry-run -d 'list what the backup would do; change nothing'
+complete -c ferrovane -n $first -s q -l quiet -d 'print only errors'
+complete -c ferrovane -n $first -s v -l verbose -d 'add a line for each item copied, archived or deleted'
+complete -c ferrovane -n $first -l json -d 'print a JSON summary at the end instead of the lines'
+complete -c ferrovane -n $first -l progress -x -a 'auto none json' -d 'how progress is shown'
 complete -c ferrovane -n $first -l no-notifications -d 'no desktop notification'
 complete -c ferrovane -n $first -o noUserNotifications -d 'no desktop notification'
 complete -c ferrovane -n $first -l trigger -x -a 'schedule connect manual' -d 'what started the run'
@@ -73,6 +77,10 @@ complete -c ferrovane -n '__ferrovane_config_at 3' -a confirm-empty -d 'let an e
 complete -c ferrovane -n '__ferrovane_config_at 3' -a retention -d 'thin out old versions by age'
 complete -c ferrovane -n '__ferrovane_config_at 3' -a exclude -d 'leave out what patterns match in every source'
 complete -c ferrovane -n '__ferrovane_config_at 3' -a exclude-from -d 'add the patterns of a file'
+complete -c ferrovane -n '__ferrovane_config_at 3' -a hook -d 'show or set a command to run before or after each run'
+complete -c ferrovane -n '__ferrovane_config_sub hook; and __ferrovane_config_at 4' -x -a 'before after'
+complete -c ferrovane -n '__ferrovane_config_sub hook' -l remove -d 'take the hook out'
+complete -c ferrovane -n '__ferrovane_config_sub hook' -l approve -d 'let the hook stored on the disk run here'
 complete -c ferrovane -n '__ferrovane_config_sub exclude' -l remove -d 'take the patterns out again'
 complete -c ferrovane -n '__ferrovane_config_sub exclude-from; and __ferrovane_config_at 4' -F
 complete -c ferrovane -n '__ferrovane_config_sub show; or __ferrovane_config_sub schedule' -l json -d 'print JSON for scripts'
