@@ -2,6 +2,7 @@
 
 #include "engine/FVPlist.h"
 #include "fs/FVAtomicFile.h"
+#include "fs/FVPrivateFolder.h"
 #include "platform/FVHomeDirectory.h"
 
 #include <sys/stat.h>
@@ -63,15 +64,7 @@ bool FVHookApprovals::approve(const std::string& uuid, FVHookKind kind, const st
         if (error) *error = folder_.empty() ? "there is no home folder to keep approvals in" : "not a destination identity";
         return false;
     }
-    // The folder and its parents, private to the user.
-    for (size_t slash = folder_.find('/', 1);; slash = folder_.find('/', slash + 1)) {
-        std::string part = folder_.substr(0, slash);
-        if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
-            if (error) *error = "cannot create " + part + ": " + std::strerror(errno);
-            return false;
-        }
-        if (slash == std::string::npos) break;
-    }
+    if (!FVPrivateFolder::make(folder_, error)) return false;
     auto dict = std::make_shared<PlistDict>();
     for (FVHookKind other : {FVHookKind::Before, FVHookKind::After})
         if (other != kind)

@@ -2,6 +2,7 @@
 
 #include "engine/FVPlist.h"
 #include "fs/FVAtomicFile.h"
+#include "fs/FVPrivateFolder.h"
 #include "platform/FVHomeDirectory.h"
 #include "scheduling/FVLaunchAgentManager.h"
 
@@ -145,15 +146,7 @@ bool FVJobStatusStore::write(const FVJobStatus& status, std::string* error) {
         if (error) *error = folder_.empty() ? "there is no home folder to keep the status in" : "not a job identity";
         return false;
     }
-    // The folder and its parents, private to the user: the status names the user's destinations.
-    for (size_t slash = folder_.find('/', 1);; slash = folder_.find('/', slash + 1)) {
-        std::string part = folder_.substr(0, slash);
-        if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
-            if (error) *error = "cannot create " + part + ": " + std::strerror(errno);
-            return false;
-        }
-        if (slash == std::string::npos) break;
-    }
+    if (!FVPrivateFolder::make(folder_, error)) return false;
     PlistDict dict;
     dict.set("destination", status.destination);
     if (status.lastAttempt) dict.set("lastAttempt", attemptDict(*status.lastAttempt));
