@@ -37,12 +37,7 @@ FVCommandResult FVProcessCommandRunner::run(const std::vector<std::string>& argv
     // The command starts with the signals a run blocks or ignores back at their defaults.
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
-    sigset_t none, defaults = FVCancellingSignals::set();
-    sigemptyset(&none);
-    sigaddset(&defaults, SIGPIPE);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setflags(&attributes, FVCancellingSignals::restoreDefaultsInChild(attributes));
     pid_t pid = 0;
     int error = posix_spawnp(&pid, args[0], &actions, &attributes, args.data(), environ);
     posix_spawnattr_destroy(&attributes);

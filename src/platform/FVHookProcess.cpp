@@ -90,13 +90,9 @@ FVHookProcessResult FVHookProcess::run(const std::string& command, const Environ
     posix_spawn_file_actions_addchdir_np(&actions, "/");
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
-    sigset_t none, defaults = FVCancellingSignals::set();
-    sigemptyset(&none);
-    sigaddset(&defaults, SIGPIPE);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    const short signalFlags = FVCancellingSignals::restoreDefaultsInChild(attributes);
     posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setflags(&attributes, signalFlags | POSIX_SPAWN_SETPGROUP);
 
     std::vector<std::string> entries = environmentWith(environment);
     std::vector<char*> envp;
