@@ -288,14 +288,13 @@ int showSchedule(const Configuration& config, FVLaunchAgentManager& jobs, bool j
 std::vector<std::string> hookLines(const PlistDict& options, const std::string& destination) {
     std::vector<std::string> lines;
     const FVHookApprovals approvals;
-    const std::string uuid = options.stringValue(FVOptionKey::UUID).value_or("");
+    const FVOptions typed = FVOptionTable::read(options).options;
     for (FVHookKind kind : {FVHookKind::Before, FVHookKind::After}) {
         const char* name = hookKindName(kind);
-        const std::string command =
-            options.stringValue(kind == FVHookKind::Before ? FVOptionKey::beforeHook : FVOptionKey::afterHook).value_or("");
+        const std::string& command = kind == FVHookKind::Before ? typed.beforeHook : typed.afterHook;
         if (command.empty()) continue;
         lines.push_back(fmt::format("{}-hook: {} ({})", name, printable(command),
-                                    approvals.isApproved(uuid, kind, command)
+                                    approvals.isApproved(typed.UUID, kind, command)
                                         ? "approved"
                                         : fmt::format("not approved, does not run; to approve: ferrovane config {} hook {} --approve",
                                                       printable(destination), name)));
@@ -332,12 +331,13 @@ int show(const Configuration& config, FVLaunchAgentManager& jobs) {
     for (const std::string& problem : FVOptionTable::read(options).problems)
         fmt::print("{}\n", printable(problem));
 
-    if (options.boolValue(FVOptionKey::isSuperuserBackup))
+    const FVOptions typed = FVOptionTable::read(options).options;
+    if (typed.isSuperuserBackup)
         fmt::print("\nSet up by root: the window opens this destination only when run as root.\n");
     fmt::print("\nSchedule: {}\n", scheduleText(options));
-    if (auto uuid = options.stringValue(FVOptionKey::UUID)) {
-        fmt::print("Job: {}{} ({})\n", printable(jobs.jobDirectory()), printable(FVLaunchAgentManager::jobLabel(*uuid)),
-                   jobPresent(jobs, *uuid) ? "present" : "none");
+    if (!typed.UUID.empty()) {
+        fmt::print("Job: {}{} ({})\n", printable(jobs.jobDirectory()), printable(FVLaunchAgentManager::jobLabel(typed.UUID)),
+                   jobPresent(jobs, typed.UUID) ? "present" : "none");
     }
     const std::vector<std::string> hooks = hookLines(options, config.destination);
     fmt::print("\nHooks:{}\n", hooks.empty() ? " none" : "");
@@ -392,9 +392,9 @@ int showJson(const Configuration& config, FVLaunchAgentManager& jobs) {
         separator = ", ";
     }
     fmt::print("],\n \"schedule\": {}, \"job\": ", FVJsonText::quoted(scheduleText(options)));
-    if (auto uuid = options.stringValue(FVOptionKey::UUID)) {
-        fmt::print("{{\"label\": {}, \"present\": {}}}", FVJsonText::quoted(FVLaunchAgentManager::jobLabel(*uuid)),
-                   jobPresent(jobs, *uuid) ? "true" : "false");
+    if (const std::string uuid = FVOptionTable::read(options).options.UUID; !uuid.empty()) {
+        fmt::print("{{\"label\": {}, \"present\": {}}}", FVJsonText::quoted(FVLaunchAgentManager::jobLabel(uuid)),
+                   jobPresent(jobs, uuid) ? "true" : "false");
     } else {
         fmt::print("null");
     }
@@ -589,15 +589,15 @@ std::optional<int> planHook(const Arguments& a, Change& change) {
     if (a.hookCommand && (a.hookRemove || a.hookApprove)) return refuse("give a command, --remove or --approve, not two of them");
     if (a.hookCommand && a.hookCommand->empty())
         return refuse("the command is empty; to remove the hook: hook " + name + " --remove");
-    const char* key = change.hookKind == FVHookKind::Before ? FVOptionKey::beforeHook : FVOptionKey::afterHook;
+    std::string FVOptions::*field = change.hookKind == FVHookKind::Before ? &FVOptions::beforeHook : &FVOptions::afterHook;
     const bool remove = a.hookRemove, approve = a.hookApprove;
     const std::string given = a.hookCommand.value_or("");
     change.apply = [=, hookCommand = change.hookCommand](BackupSetController&, FVOptionsPanelController& options,
                                                          std::string& message) {
         PlistDict& o = *options.allOptions();
-        const std::string current = o.stringValue(key).value_or("");
+        const std::string current = options.options().*field;
         if (remove) {
-            o.remove(key);
+            o.remove(FVOptionTable::rule(field).key);
             message = current.empty() ? "No " + name + "-hook was set." : "Removed the " + name + "-hook.";
         } else if (approve) {
             if (current.empty()) {
@@ -607,7 +607,7 @@ std::optional<int> planHook(const Arguments& a, Change& change) {
             *hookCommand = current;
             message = "Approved the " + name + "-hook: " + printable(current);
         } else {
-            o.set(key, given);
+            FVOptionTable::store(o, field, given);
             *hookCommand = given;
             message = "Set the " + name + "-hook: " + printable(given);
         }
@@ -619,7 +619,7 @@ std::optional<int> planHook(const Arguments& a, Change& change) {
 std::optional<int> planWhenConnected(const std::vector<std::string>& args, Change& change) {
     std::optional<bool> on = args.size() >= 2 ? parseBoolean(args[1]) : std::nullopt;
     std::optional<int64_t> minutes;
-    const FVOptionRule* interval = FVOptionTable::find(FVOptionKey::connectedRunIntervalMinutes);
+    const FVOptionRule* interval = &FVOptionTable::rule(&FVOptions::connectedRunIntervalMinutes);
     if (on && *on && args.size() == 3) {
         minutes = parseInteger(args[2]);
         if (!minutes || FVOptionTable::problem(*interval, PlistValue(*minutes)))
@@ -629,8 +629,8 @@ std::optional<int> planWhenConnected(const std::vector<std::string>& args, Chang
         return refuse("schedule when-connected takes: on [MINUTES] | off");
     change.apply = [on, minutes](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
         PlistDict& o = *options.allOptions();
-        o.set(FVOptionKey::backUpWhenConnected, *on);
-        if (minutes) o.set(FVOptionKey::connectedRunIntervalMinutes, *minutes);
+        FVOptionTable::store(o, &FVOptions::backUpWhenConnected, *on);
+        if (minutes) FVOptionTable::store(o, &FVOptions::connectedRunIntervalMinutes, *minutes);
         message = "Schedule: " + scheduleText(o) + ".";
         return true;
     };
@@ -658,14 +658,14 @@ std::optional<int> planSchedule(const Arguments& a, Change& change) {
     if (!off && !(at = parseTime(time))) return refuse("the time must be HH:MM within 00:00-23:59, not " + printable(time));
     change.apply = [off, at, weekday](BackupSetController&, FVOptionsPanelController& options, std::string& message) {
         PlistDict& o = *options.allOptions();
-        o.set(FVOptionKey::automationEnabled, !off);
+        FVOptionTable::store(o, &FVOptions::automationEnabled, !off);
         // "off": no run starts by itself, the disk's neither.
-        if (off) o.set(FVOptionKey::backUpWhenConnected, false);
+        if (off) FVOptionTable::store(o, &FVOptions::backUpWhenConnected, false);
         if (!off) {
-            o.set(FVOptionKey::automationTimeHours, at->first);
-            o.set(FVOptionKey::automationTimeMinutes, at->second);
-            o.set(FVOptionKey::automationIntervalSelection, int64_t{weekday ? 1 : 0});
-            if (weekday) o.set(FVOptionKey::automationWeekdaySelection, *weekday);
+            FVOptionTable::store(o, &FVOptions::automationTimeHours, at->first);
+            FVOptionTable::store(o, &FVOptions::automationTimeMinutes, at->second);
+            FVOptionTable::store(o, &FVOptions::automationIntervalSelection, int64_t{weekday ? 1 : 0});
+            if (weekday) FVOptionTable::store(o, &FVOptions::automationWeekdaySelection, *weekday);
         }
         message = "Schedule: " + scheduleText(o) + ".";
         return true;
@@ -768,7 +768,7 @@ int setUpAfterWrite(const Change& change, const std::string& destination, FVOpti
         }
         return FVExitStatus::kIncomplete;
     }
-    if (options.allOptions()->boolValue(FVOptionKey::automationEnabled) && !FVLaunchAgentManager::jobsRunWhileLoggedOut())
+    if (options.options().automationEnabled && !FVLaunchAgentManager::jobsRunWhileLoggedOut())
         FVOutput::warning("scheduled backups run only while you are logged in, as your account does not linger. "
                           "To run them at any time: loginctl enable-linger");
     return FVExitStatus::kOk;
@@ -806,8 +806,8 @@ int applyChange(const Arguments& a, Configuration& config, FVLaunchAgentManager&
             return *status;
     // The identity names the job, so it is saved before the job is written.
     if ((change.schedule || change.hook) && options.uuid().empty())
-        options.allOptions()->set(FVOptionKey::UUID, FVOptionsPanelController::makeUUID());
-    if (getuid() == 0) options.allOptions()->set(FVOptionKey::isSuperuserBackup, true);
+        FVOptionTable::store(*options.allOptions(), &FVOptions::UUID, FVOptionsPanelController::makeUUID());
+    if (getuid() == 0) FVOptionTable::store(*options.allOptions(), &FVOptions::isSuperuserBackup, true);
 
     std::string settingsPath = FVConfigurationFile::formattedPath(config.destination);
     std::string error;
