@@ -26,11 +26,6 @@ def write(path, data):
         f.write(data)
 
 
-def ferrovane_command(ferrovane, *args, timeout=300):
-    return subprocess.run([*ferrovane.prefix, ferrovane.executable, *args], env=ferrovane.env, capture_output=True,
-                          timeout=timeout)
-
-
 class History:
     """A source and its destination, backed up run after run, with a copy of the source and the
     run's stamp kept after each."""
@@ -61,7 +56,7 @@ class History:
         self.copies.append(os.path.join(copy, NAME))
 
     def restore(self, stamp, *args):
-        return ferrovane_command(self.ferrovane, "restore", self.destination, self.source, "--at", stamp, *args)
+        return self.ferrovane.command("restore", self.destination, self.source, "--at", stamp, *args)
 
 
 def expect_state(copy, restored, gone=()):
@@ -74,7 +69,7 @@ def expect_state(copy, restored, gone=()):
 
 def every_run(ferrovane, work):
     h = History(ferrovane, work, os.path.join(work, "dest"), TREE)
-    before = ferrovane_command(ferrovane, "ls", h.destination, h.source)
+    before = ferrovane.command("ls", h.destination, h.source)
     expect(before.returncode == 1 and b"no record" in before.stderr, f"ls without records: {tail(before)}")
     s = h.source
     h.run()
@@ -109,7 +104,7 @@ def every_run(ferrovane, work):
         expect(r.returncode == (1 if lost else 0), f"run {i}: restore exit {r.returncode}: {tail(r)}")
         expect_state(h.copies[i], restored, [n.decode() for n in lost])
 
-    listed = ferrovane_command(ferrovane, "ls", h.destination, s, "--at", h.stamps[1])
+    listed = ferrovane.command("ls", h.destination, s, "--at", h.stamps[1])
     names = sorted(line.split()[-1] for line in listed.stdout.decode().splitlines()[1:] if not line.startswith("link"))
     expect(names == ["a.txt", "empty", "gone", "new.txt", "private", "sub"], f"ls --at of run 1: {tail(listed)}")
 

@@ -9,10 +9,10 @@ import signal
 import subprocess
 import sys
 
-from faultkit import (RUNS, TEMPORARY_PREFIX, Failure, expect, expect_clean_rerun, expect_kept, is_root, run_cases,
+from faultkit import (RUNS, TEMPORARY_PREFIX, Failure, expect, expect_clean_rerun, expect_kept, run_cases,
                       tail, unmount)
 from filesystems import FILESYSTEMS
-from signals import MOMENT, Destination
+from signals import Destination
 
 TYPES = {1: "file", 2: "dir", 3: "link", 4: "other"}
 
