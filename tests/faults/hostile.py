@@ -5,7 +5,6 @@ deeply for a recursive parser. (Search output and unit files get such names in t
 
 import os
 import plistlib
-import subprocess
 
 from faultkit import CONF, Failure, build, expect, expect_mirror, read_configuration, tail
 
@@ -91,12 +90,10 @@ def deep_configuration(ferrovane, destination):
     for form, content in (("XML", xml), ("binary", binary)):
         with open(os.path.join(destination, os.fsencode(CONF)), "wb") as f:
             f.write(content)
-        for command in ([ferrovane.executable, os.fsdecode(destination), "-noUserNotifications"],
-                        [ferrovane.executable, "config", destination, "show"],
-                        [ferrovane.executable, "runs", destination]):
-            r = subprocess.run(command, env=ferrovane.env, capture_output=True, timeout=60)
+        for command in ([destination, "-noUserNotifications"], ["config", destination, "show"], ["runs", destination]):
+            r = ferrovane.command(*command, timeout=60)
             expect(r.returncode > 0 and b"nest more than 64 levels deep" in r.stdout + r.stderr,
-                   f"{command[1:3]} on the deep {form} file: status {r.returncode}: {tail(r)}")
+                   f"{command[:2]} on the deep {form} file: status {r.returncode}: {tail(r)}")
 
 
 def run(ferrovane, work):

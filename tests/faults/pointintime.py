@@ -9,8 +9,8 @@ import os
 import shutil
 import subprocess
 
-from faultkit import build, expect, mirror_differences, next_second, run_cases, tail, unmount
-from filesystems import block_fuse
+from faultkit import build, expect, mirror_differences, next_second, run_cases, tail
+from filesystems import EXFAT
 
 NAME = "data"
 ARCHIVING = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"))
@@ -116,14 +116,7 @@ def every_run(ferrovane, work):
 
 
 def from_exfat(ferrovane, work):
-    image, mnt = os.path.join(work, "image"), os.path.join(work, "mnt")
-    os.makedirs(mnt)
-    with open(image, "wb") as f:
-        f.truncate(32 << 20)
-    subprocess.run(["mkfs.exfat", image], check=True, capture_output=True)
-    mounted, device = block_fuse("mount.exfat-fuse")(image, mnt)
-    expect(mounted.returncode == 0, f"cannot mount exFAT: {mounted.stderr[-200:]}")
-    try:
+    with EXFAT.mounted(work) as mnt:
         tree = {k: v for k, v in TREE.items() if v[0] != "link"}
         h = History(ferrovane, work, os.path.join(mnt, "dest"), tree)
         os.chown(os.path.join(h.source, "private", "key"), 65534, 65534)
@@ -136,17 +129,13 @@ def from_exfat(ferrovane, work):
         r = h.restore(h.stamps[0], "--to", out)
         expect(r.returncode == 0, f"restore from exFAT exit {r.returncode}: {tail(r)}")
         expect_state(h.copies[0], os.path.join(out, NAME))
-    finally:
-        unmount(mnt)
-        if device:
-            subprocess.run(["losetup", "-d", device], capture_output=True)
 
 
 def run(ferrovane, work):
     cases = [("five runs, one without archiving: each run's state restored exactly, lost files named",
               lambda w: every_run(ferrovane, w))]
     exfat = "restore --at from an exFAT destination brings back owners, modes and attributes"
-    if all(shutil.which(t) for t in ("mkfs.exfat", "mount.exfat-fuse", "losetup")):
+    if all(shutil.which(t) for t in EXFAT.tools):
         cases.append((exfat, lambda w: from_exfat(ferrovane, w)))
     else:
         yield ("pointintime", exfat, "no mkfs.exfat, mount.exfat-fuse or losetup", "skipped")
