@@ -41,7 +41,7 @@ protected:
             for (int f = 0; f < 250; ++f) writeFile(folder + "/f" + std::to_string(f), std::string(4096, 'x'));
             // Dated well before the runs, as real folders are: a folder that an interrupted run
             // made but could not date then differs from its source and is dated next time.
-            setMtime(folder, 1'000'000'000);
+            setModificationTime(folder, 1'000'000'000);
         }
     }
 
@@ -90,11 +90,6 @@ protected:
         const std::string line = out.substr(start == std::string::npos ? 0 : start + 1);
         return line.substr(0, line.rfind(" in "));
     }
-
-    static void setMtime(const std::string& path, time_t seconds) {
-        timespec times[2] = {{seconds, 0}, {seconds, 0}};
-        utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
-    }
 };
 
 }  // namespace
@@ -103,7 +98,7 @@ TEST_F(BackupRun, MirrorsSeveralSourcesAndWritesTheResultsBack) {
     buildTree(source, {{"Docs/a.txt", "alpha"}, {"Docs/letters/b.txt", std::string(3'000'000, 'b')},
                        {"Docs/letters/old/c.txt", "c"}, {"Docs/empty/", ""}, {"single.txt", "one file as a source"}});
     symlink("a.txt", (source + "/Docs/link").c_str());
-    setMtime(source + "/Docs/letters/old", 1'000'000'000);
+    setModificationTime(source + "/Docs/letters/old", 1'000'000'000);
 
     configure({{source + "/Docs", FVSourceMode::Backup},
                {source + "/single.txt", FVSourceMode::Backup},
