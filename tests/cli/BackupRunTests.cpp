@@ -134,7 +134,7 @@ TEST_F(BackupRun, MirrorsSeveralSourcesAndWritesTheResultsBack) {
     // line rewritten in place and ended before the outcome.
     auto again = runProcess({"/usr/bin/script", "-qec", std::string(FERROVANE_EXECUTABLE) + " '" + destination +
                              "' -noUserNotifications", "/dev/null"},
-                            {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()}});
+                            environment());
     ASSERT_EQ(again.exitStatus, 0) << again.out;
     EXPECT_EQ(readBack().sources[0]->integerValue("updatedFilesCount"), 0);
     EXPECT_NE(again.out.find("\rBacking up "), std::string::npos) << again.out;
@@ -147,8 +147,7 @@ TEST_F(BackupRun, MirrorsSeveralSourcesAndWritesTheResultsBack) {
     writeFile(source + "/single.txt", "changed");
     auto plain = runProcess({"/usr/bin/script", "-qec", std::string(FERROVANE_EXECUTABLE) + " '" + destination +
                              "' -noUserNotifications", "/dev/null"},
-                            {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()}, {"TERM", "dumb"},
-                             {"LC_ALL", "C"}});
+                            environment({{"TERM", "dumb"}, {"LC_ALL", "C"}}));
     ASSERT_EQ(plain.exitStatus, 0) << plain.out;
     EXPECT_NE(plain.out.find("\r\nBacking up Docs...\r\n"), std::string::npos) << plain.out;
     EXPECT_EQ(plain.out.find('\033'), std::string::npos) << plain.out;

@@ -120,7 +120,7 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
     // On a terminal its progress is the backup's line: files done of all, rewritten in place.
     auto shown = runProcess({"/usr/bin/script", "-qec", std::string(FERROVANE_EXECUTABLE) + " restore '" + destination +
                              "' --all --to '" + (dir / "shown") + "'", "/dev/null"},
-                            {{"DISPLAY", std::nullopt}, {"TERM", "xterm"}, {"FERROVANE_LOG_FILE", logPath()}});
+                            environment({{"TERM", "xterm"}}));
     EXPECT_TRUE(std::regex_search(shown.out, std::regex("\rRestoring  100\\.0%  (\\d+) of \\1 files.*\033\\[K")))
         << shown.out;
 
