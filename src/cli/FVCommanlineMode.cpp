@@ -4,7 +4,7 @@
 #include "cli/FVExitStatus.h"
 #include "cli/FVOutput.h"
 #include "cli/FVRunSignals.h"
-#include "engine/FVAdditions.h"
+#include "fs/FVFileStatus.h"
 #include "engine/FVLog.h"
 #include "fs/FVText.h"
 #include "scheduling/FVScheduleSummary.h"
@@ -87,7 +87,7 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
     case FVConfigurationReadStatus::Unavailable:
         // A disk that is not plugged in is no failure of a job: it is recorded, and the overdue
         // notice tells the user when it lasts.
-        if (attempt_ && attempt_->startedByItself() && !FVFileManager::pathExists(settingsPath_)) {
+        if (attempt_ && attempt_->startedByItself() && !FVFileStatus::pathExists(settingsPath_)) {
             say(fmt::format("The destination {} is not connected: nothing to back up now.",
                             FVSearchText::printable(destinationPath_)));
             recordAttempt(FVJobOutcome::NotConnected);

@@ -1,7 +1,7 @@
 #include "engine/FVRunThinning.h"
 
-#include "engine/FVAdditions.h"
 #include "engine/FVArchivedRuns.h"
+#include "engine/FVNumber.h"
 #include "engine/FVThinningPlan.h"
 
 #include <fmt/format.h>
