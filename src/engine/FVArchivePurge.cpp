@@ -49,13 +49,13 @@ void FVArchivePurge::purgeFolder(const std::string& folder, int64_t age) {
         const int error = destination_.removeUnlocking(path);
         if (error == 0) {
             status_.log(fmt::format("Removed archive {} (age: {})", path, FVNumber::counted(static_cast<uint64_t>(days), "day")));
-        } else if (status_.stopOnFatalDestinationError(error, "purging", path)) {
-            return;
         } else {
-            std::string message = fmt::format("WARNING: Could not remove archive {} (age: {}): {}", path,
-                                              FVNumber::counted(static_cast<uint64_t>(days), "day"), std::strerror(error));
-            status_.log(message);
-            status_.addError(message);
+            FVRunError failure = FVRunError::atDestination(
+                "purging", error, path,
+                fmt::format("Could not remove archive {} (age: {}): {}", path,
+                            FVNumber::counted(static_cast<uint64_t>(days), "day"), std::strerror(error)));
+            if (failure.kind != FVRunError::Kind::Fatal) failure.kind = FVRunError::Kind::Warning;
+            if (status_.report(std::move(failure).listedWithLevel())) return;
         }
     }
 }

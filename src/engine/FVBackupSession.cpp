@@ -5,6 +5,7 @@
 #include "engine/FVDestinationFailure.h"
 #include "engine/FVExclusionRules.h"
 #include "engine/FVLog.h"
+#include "engine/FVRunError.h"
 #include "engine/FVRunRecords.h"
 #include "engine/FVStrings.h"
 #include "engine/FVVersionCatalog.h"
@@ -94,7 +95,7 @@ void FVBackupSession::start() {
     if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
     // Before anything is written. A dry run writes nothing, so it only looks.
     if (!dryRun_) settings.destinationProfile = probe.probe();
-    if (FVDestinationFailure::isFatal(probe.problemError()))
+    if (FVRunError::isFatal(probe.problemError()))
         return refuse(FVDestinationFailure(probe.problemError(), "probing", destinationPath_).message().substr(7));
     if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
 

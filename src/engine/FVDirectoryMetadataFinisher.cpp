@@ -1,6 +1,7 @@
 #include "engine/FVDirectoryMetadataFinisher.h"
 
 #include "engine/FVFileCopyWorkerImpl.h"
+#include "engine/FVRunError.h"
 #include "fs/FVFileStatus.h"
 #include "fs/FVInodeFlags.h"
 #include "fs/FVItemMetadata.h"
@@ -44,7 +45,7 @@ void FVDirectoryMetadataFinisher::finish() {
                                                            !worker_.disableACLClone, &error, nullptr,
                                                            &worker_.destinationProfile) &&
                   FVItemMetadata::cloneTimes(st, {target.get(), false}, &error);
-        if (!ok && FVDestinationFailure::isFatal(error)) {
+        if (!ok && FVRunError::isFatal(error)) {
             worker_.stopOnDestinationFailure(FVDestinationFailure(error, "setting the metadata of", store_.destination(i)));
             break;
         }

@@ -2,6 +2,7 @@
 
 #include "engine/FVFileCopyWorkerImpl.h"
 #include "engine/FVItemCloner.h"
+#include "engine/FVRunError.h"
 #include "fs/FVDataCopier.h"
 #include "fs/FVFileStatus.h"
 #include "fs/FVOpenFiles.h"
@@ -288,7 +289,7 @@ void FVFileCopyWorkerImpl::sendMessage(const std::string& message, FVMessageLeve
 }
 
 bool FVFileCopyWorkerImpl::stopOnDestinationFailure(const FVDestinationFailure& failure) {
-    if (!FVDestinationFailure::isFatal(failure.error())) return false;
+    if (!FVRunError::isFatal(failure.error())) return false;
     cancelled.store(true, std::memory_order_relaxed);
     if (!destinationFailureReported.exchange(true) && delegate) delegate->copyWorkerDestinationDidFail(failure);
     return true;

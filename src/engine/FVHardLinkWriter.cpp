@@ -47,8 +47,7 @@ void FVHardLinkWriter::reportWouldLink(const FVHardLinkGroups::Request& request)
 }
 
 void FVHardLinkWriter::reportError(const std::string& message) {
-    status_.log("ERROR: " + message);
-    status_.addError(message);
+    status_.report(FVRunError::item("linking", 0, {}, message));
 }
 
 int FVHardLinkWriter::folderAt(OpenFolder& cache, const std::string& path) {

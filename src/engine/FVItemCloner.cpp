@@ -1,6 +1,7 @@
 #include "engine/FVItemCloner.h"
 
 #include "engine/FVFileCopyWorkerImpl.h"
+#include "engine/FVRunError.h"
 #include "engine/FVRunRecorder.h"
 #include "engine/FVTemporaryEntry.h"
 #include "fs/FVDataCopier.h"
@@ -77,7 +78,7 @@ void FVItemCloner::clone(FVFileSystemItem& source, const std::string& destinatio
 }
 
 FVItemCloner::Result FVItemCloner::destinationFailure(Step step, int error) {
-    bool fatal = FVDestinationFailure::isFatal(error);
+    bool fatal = FVRunError::isFatal(error);
     return {fatal ? Result::Kind::FatalDestinationError : Result::Kind::ItemError, step, error};
 }
 
@@ -123,7 +124,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     // Owner, mode, attributes and ACLs before the times: none of them moves the modification time.
     if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !worker_.disableACLClone,
                                                   &error, start, &worker_.destinationProfile)) {
-        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
         // A copy without all of its metadata is not the source: dated before it, it is copied
         // again by the next run instead of passing for current.
         send(fmt::format("ERROR: Could not copy the metadata of file {} (Reason: {}); the next run copies it again.",
@@ -134,7 +135,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
                          item.destinationPath, item.typeName), FVMessageLevel::Info);
     }
     if (!FVItemMetadata::cloneTimes(st, {out.get(), false}, &error)) {
-        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
         send(fmt::format("WARNING: Could not preserve creation date on file {}. Type: {} (Reason: {})",
                          item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
     } else if (verbose) {
@@ -259,7 +260,7 @@ FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
         return destinationFailure(Step::CreateLink, errno);
     int error = 0;
     if (!clonePathOnlyMetadata(link.get(), st, entry, item.dirFd, false, &error)) {
-        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
         worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on symlink {}. (Reason: {})",
                                         item.destinationPath, strerror(error)), FVMessageLevel::Warning);
     }
@@ -284,7 +285,7 @@ FVItemCloner::Result FVItemCloner::cloneNode(const Item& item, mode_t kind) {
         return destinationFailure(Step::CreateNode, errno);
     int error = 0;
     if (!clonePathOnlyMetadata(node.get(), st, entry, item.dirFd, !worker_.disableACLClone, &error)) {
-        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
         worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}. (Reason: {})",
                                         item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
     }

@@ -55,13 +55,13 @@ bool FVMirrorCleanup::cleanSourceRoot(const std::string& sourceRoot, bool emptyS
     // until the user confirms that the folder really was emptied.
     if (!archives() && !emptySourceConfirmed && isEmptyDirectory(sourceRoot) &&
         FVFileSystemItem(mirror).fileType() == FVFileType::Directory && FVFolderContents::folderHasEntries(mirror) != false) {
-        std::string message = fmt::format(
-            "ERROR: Not removing the contents of {}: its source {} is empty (a volume that is not mounted?). "
-            "If the folder really was emptied, confirm it (\"ferrovane config {} confirm-empty {}\" or "
-            "\"Confirm Emptied Folder…\" in the window's error list); the next run then removes the backup's contents.",
-            mirror, sourceRoot, settings_.targetPath, sourceRoot);
-        status_.log(message);
-        status_.addError(message.substr(7));
+        status_.report(FVRunError::item(
+            "removing", 0, mirror,
+            fmt::format("Not removing the contents of {}: its source {} is empty (a volume that is not mounted?). "
+                        "If the folder really was emptied, confirm it (\"ferrovane config {} confirm-empty {}\" or "
+                        "\"Confirm Emptied Folder…\" in the window's error list); the next run then removes the "
+                        "backup's contents.",
+                        mirror, sourceRoot, settings_.targetPath, sourceRoot)));
         return true;
     }
 
@@ -165,10 +165,10 @@ FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot,
         break;
     }
     findings_.unreadableSourcePaths.push_back(sourcePath);
-    std::string message = fmt::format("ERROR: Could not check whether {} still exists ({}); its backup {} is kept.",
-                                      sourcePath, std::strerror(error), entry.path);
-    status_.log(message);
-    status_.addError(message);
+    status_.report(FVRunError::item("checking", error, sourcePath,
+                                    fmt::format("Could not check whether {} still exists ({}); its backup {} is kept.",
+                                                sourcePath, std::strerror(error), entry.path))
+                       .listedWithLevel());
     return Decision::Keep;
 }
 
@@ -194,12 +194,10 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
             status_.changed(FVItemChange::Archived, itemPath);
             return;
         }
-        if (status_.stopOnFatalDestinationError(error, "archiving", itemPath)) return;
         // The item stays in the mirror: it is never deleted in place of a failed archive move.
         // The error list carries the reason too: it is all a user sees of the failure.
-        std::string message = fmt::format("Archiving deleted file failed: {} ({})", itemPath, std::strerror(error));
-        status_.log("ERROR: " + message);
-        status_.addError(message);
+        status_.report(FVRunError::atDestination(
+            "archiving", error, itemPath, fmt::format("Archiving deleted file failed: {} ({})", itemPath, std::strerror(error))));
         return;
     }
     int error = destination_.removeItem(itemPath);
@@ -213,10 +211,8 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
         status_.changed(FVItemChange::Deleted, itemPath);
         return;
     }
-    if (status_.stopOnFatalDestinationError(error, "removing", itemPath)) return;
-    std::string message = fmt::format("Deleting failed: {} ({})", itemPath, std::strerror(error));
-    status_.log("ERROR: " + message);
-    status_.addError(message);
+    status_.report(FVRunError::atDestination("removing", error, itemPath,
+                                             fmt::format("Deleting failed: {} ({})", itemPath, std::strerror(error))));
 }
 
 }  // namespace ferrovane

@@ -41,10 +41,11 @@ void FVRunThinning::run() {
             bytes += removal.bytes;
             continue;
         }
-        if (status_.stopOnFatalDestinationError(error, "purging", removal.path)) return;
-        std::string message = fmt::format("WARNING: Could not remove {} (retention): {}", removal.path, std::strerror(error));
-        status_.log(message);
-        status_.addError(message);
+        FVRunError failure = FVRunError::atDestination(
+            "purging", error, removal.path,
+            fmt::format("Could not remove {} (retention): {}", removal.path, std::strerror(error)));
+        if (failure.kind != FVRunError::Kind::Fatal) failure.kind = FVRunError::Kind::Warning;
+        if (status_.report(std::move(failure).listedWithLevel())) return;
         // The versions a record still names stay with it.
         if (removal.record) break;
     }

@@ -72,10 +72,10 @@ void FVSourceAnalysis::recordCurrent(const std::string& relative, const FVFileSy
 
 void FVSourceAnalysis::reportUnreadableSource(const std::string& path, int error) {
     findings_.unreadableSourcePaths.push_back(path);
-    std::string message = fmt::format("ERROR: Could not analyse {} ({}); its backup is kept as it is.", path,
-                                      std::strerror(error));
-    status_.log(message);
-    status_.addError(message);
+    status_.report(FVRunError::item("analysing", error, path,
+                                    fmt::format("Could not analyse {} ({}); its backup is kept as it is.", path,
+                                                std::strerror(error)))
+                       .listedWithLevel());
 }
 
 bool FVSourceAnalysis::isExcluded(const std::string& path, const std::string& sourceRoot) const {
@@ -199,9 +199,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
             case Kind::Unmirrorable: {
                 // Not copied, and no match of its folder's mirror names: whatever the mirror holds
                 // under a name like it belongs to the entry that is backed up.
-                std::string message = fmt::format("Cannot back up {}: {}.", path, entry.reason);
-                status_.log("ERROR: " + message);
-                status_.addError(std::move(message));
+                status_.report(FVRunError::item("analysing", 0, path, fmt::format("Cannot back up {}: {}.", path, entry.reason)));
                 continue;
             }
             case Kind::Item: break;
@@ -218,10 +216,10 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 continue;
             }
             if (type == S_IFLNK && !settings_.destinationProfile.symbolicLinks) {
-                std::string message = fmt::format("Cannot back up {}: the destination ({}) cannot hold symbolic links.",
-                                                  path, settings_.destinationProfile.fileSystemType);
-                status_.log("ERROR: " + message);
-                status_.addError(std::move(message));
+                status_.report(FVRunError::item(
+                    "analysing", 0, path,
+                    fmt::format("Cannot back up {}: the destination ({}) cannot hold symbolic links.", path,
+                                settings_.destinationProfile.fileSystemType)));
                 continue;
             }
             std::string destinationPath = targetRoot + std::string(entry.relativePath());

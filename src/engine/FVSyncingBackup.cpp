@@ -260,10 +260,10 @@ void FVSyncingBackup::thinRuns() { FVRunThinning(settings_, destination_, status
 void FVSyncingBackup::flushDestination() {
     if (settings_.dryRun) return;
     int error = destination_.flush();
-    if (error == 0 || status_.stopOnFatalDestinationError(error, "flushing", settings_.targetPath)) return;
-    std::string message = fmt::format("Could not write the destination's data to its disk: {}", std::strerror(error));
-    status_.log("ERROR: " + message);
-    status_.addError(message);
+    if (error == 0) return;
+    status_.report(FVRunError::atDestination("flushing", error, settings_.targetPath,
+                                             fmt::format("Could not write the destination's data to its disk: {}",
+                                                         std::strerror(error))));
 }
 
 void FVSyncingBackup::checkVolumeDidUnmount(const std::string& mountPoint) {

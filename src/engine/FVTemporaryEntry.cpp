@@ -1,6 +1,6 @@
 #include "engine/FVTemporaryEntry.h"
 
-#include "engine/FVDestinationFailure.h"
+#include "engine/FVRunError.h"
 #include "fs/FVConfinedDirectory.h"
 #include "fs/FVFileStatus.h"
 #include "fs/FVFileSystemFlush.h"
@@ -49,7 +49,7 @@ FVTemporaryEntry::Published FVTemporaryEntry::publish(const std::string& name, i
         return Published::Done;
     }
     // A failing, full or read-only disk is not worked around: the caller ends the run.
-    if (FVDestinationFailure::isFatal(errno)) return Published::CouldNotReplace;
+    if (FVRunError::isFatal(errno)) return Published::CouldNotReplace;
     // Something is in the way, the file system has no RENAME_NOREPLACE, or the folder is locked.
     struct stat st {};
     bool exists = FVFileStatus::fstatat(dirFd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
