@@ -50,12 +50,12 @@ void FVArchivePurge::purgeFolder(const std::string& folder, int64_t age) {
         if (error == 0) {
             status_.log(fmt::format("Removed archive {} (age: {})", path, FVNumber::counted(static_cast<uint64_t>(days), "day")));
         } else {
-            FVRunError failure = FVRunError::atDestination(
-                "purging", error, path,
-                fmt::format("Could not remove archive {} (age: {}): {}", path,
-                            FVNumber::counted(static_cast<uint64_t>(days), "day"), std::strerror(error)));
-            if (failure.kind != FVRunError::Kind::Fatal) failure.kind = FVRunError::Kind::Warning;
-            if (status_.report(std::move(failure).listedWithLevel())) return;
+            const std::string message = fmt::format("Could not remove archive {} (age: {}): {}", path,
+                                                    FVNumber::counted(static_cast<uint64_t>(days), "day"),
+                                                    std::strerror(error));
+            if (status_.report(
+                    FVRunError::atDestination("purging", error, path, message, FVRunError::Kind::Warning).listedWithLevel()))
+                return;
         }
     }
 }

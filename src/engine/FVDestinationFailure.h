@@ -1,5 +1,5 @@
 #pragma once
-// A failure of the destination disk itself rather than of one item (FVRunError::classify says
+// A failure of the destination disk itself rather than of one item (FVRunError::isFatal says
 // which errnos): read-only, full, failing (EIO) or gone (its driver or device). Any step that
 // meets one ends the run at once with a single line naming the cause and the item it struck.
 

@@ -5,23 +5,18 @@
 
 namespace ferrovane {
 
-FVRunError::Kind FVRunError::classify(int error) {
+bool FVRunError::isFatal(int error) {
     // ENOTCONN: its FUSE driver has gone; ENODEV: the device itself.
-    const bool disk =
-        error == EROFS || error == ENOSPC || error == EDQUOT || error == EIO || error == ENOTCONN || error == ENODEV;
-    return disk ? Kind::Fatal : Kind::Item;
+    return error == EROFS || error == ENOSPC || error == EDQUOT || error == EIO || error == ENOTCONN || error == ENODEV;
 }
 
-FVRunError FVRunError::atDestination(std::string_view step, int error, std::string path, std::string message) {
-    return {classify(error), step, error, std::move(path), std::move(message)};
+FVRunError FVRunError::atDestination(std::string_view step, int error, std::string path, std::string message,
+                                     Kind otherwise) {
+    return {isFatal(error) ? Kind::Fatal : otherwise, step, error, std::move(path), std::move(message)};
 }
 
 FVRunError FVRunError::item(std::string_view step, int error, std::string path, std::string message) {
     return {Kind::Item, step, error, std::move(path), std::move(message)};
-}
-
-FVRunError FVRunError::warning(std::string_view step, int error, std::string path, std::string message) {
-    return {Kind::Warning, step, error, std::move(path), std::move(message)};
 }
 
 FVRunError FVRunError::listedWithLevel() && {

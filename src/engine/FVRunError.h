@@ -13,14 +13,14 @@ struct FVRunError {
     // Item: the item is left as it is, the run goes on. Warning: the item was done, not wholly.
     enum class Kind { Fatal, Item, Warning };
 
-    // The one classification of an errno met while changing the destination.
-    static Kind classify(int error);
-    static bool isFatal(int error) { return classify(error) == Kind::Fatal; }
+    // The one classification of an errno met while changing the destination: whether it is of
+    // the disk rather than of the item.
+    static bool isFatal(int error);
 
-    // A failed change of the destination: fatal where the disk failed, else of the item.
-    static FVRunError atDestination(std::string_view step, int error, std::string path, std::string message);
+    // A failed change of the destination: fatal where the disk failed, else of the kind given.
+    static FVRunError atDestination(std::string_view step, int error, std::string path, std::string message,
+                                    Kind otherwise = Kind::Item);
     static FVRunError item(std::string_view step, int error, std::string path, std::string message);
-    static FVRunError warning(std::string_view step, int error, std::string path, std::string message);
 
     // The same error whose entry in the error list shows the log line's "ERROR: " or "WARNING: "
     // as well (users and scripts match these entries as they always were).

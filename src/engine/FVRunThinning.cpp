@@ -41,11 +41,10 @@ void FVRunThinning::run() {
             bytes += removal.bytes;
             continue;
         }
-        FVRunError failure = FVRunError::atDestination(
-            "purging", error, removal.path,
-            fmt::format("Could not remove {} (retention): {}", removal.path, std::strerror(error)));
-        if (failure.kind != FVRunError::Kind::Fatal) failure.kind = FVRunError::Kind::Warning;
-        if (status_.report(std::move(failure).listedWithLevel())) return;
+        const std::string message = fmt::format("Could not remove {} (retention): {}", removal.path, std::strerror(error));
+        if (status_.report(
+                FVRunError::atDestination("purging", error, removal.path, message, FVRunError::Kind::Warning).listedWithLevel()))
+            return;
         // The versions a record still names stay with it.
         if (removal.record) break;
     }
