@@ -3,6 +3,8 @@
 // pairs off a first-in first-out queue while the analysis is still adding them, clones each
 // item with its metadata, and applies directory metadata once all copies are done.
 
+#include "engine/FVCopyRecord.h"
+#include "engine/FVCurrentCopy.h"
 #include "engine/FVDestinationFailure.h"
 #include "engine/FVFileSystemItem.h"
 #include "engine/FVMirrorLayout.h"
@@ -33,20 +35,6 @@ inline constexpr const char* kTemporaryFilePrefix = FVMirrorLayout::kTemporaryPr
 struct FVFileCopyWorkerImpl;
 struct CopyPair;
 
-// What a copy thread left at a destination path, for the run's record of the mirror.
-struct FVCopyRecord {
-    const std::string& sourcePath;
-    const std::string& destinationPath;
-    // The source as copied, with the modification time its copy was given.
-    const struct stat& source;
-    std::string_view linkTarget;        // links only
-    std::optional<FVContentHash> hash;  // a regular file's published bytes, when they were seen whole
-    bool copied = false;                // false: the digest of a current copy was taken, nothing copied
-    bool failed = false;                // not brought up to date: the mirror holds what it held
-    // The source's attributes when the copy read them; else the record reads them.
-    const FVManifestAttributes* attributes = nullptr;
-};
-
 // Callbacks arrive on worker threads, never on the main thread.
 class FVFileCopyWorkerDelegate {
 public:
@@ -75,10 +63,10 @@ public:
 // The delegate gets exactly one finish step per batch of threads: copyWorkerDidFinishCopy or
 // copyWorkerDidCancel, plus copyWorkerDidFinishCopy from endCopySession when no thread is left
 // then. The worker may be destroyed from inside either callback.
-class FVFileCopyWorker {
+class FVFileCopyWorker final : public FVCurrentCopy {
 public:
     FVFileCopyWorker();
-    ~FVFileCopyWorker();  // stops and waits for its threads; no callback arrives afterwards
+    ~FVFileCopyWorker() override;  // stops and waits for its threads; no callback arrives afterwards
     FVFileCopyWorker(const FVFileCopyWorker&) = delete;
     FVFileCopyWorker& operator=(const FVFileCopyWorker&) = delete;
 
@@ -112,12 +100,12 @@ public:
     // The destination item is current: only the digest of its bytes is taken, for the record.
     void addDigestItem(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
     void endCopySession();
-    void cancel();
+    void cancel() override;
 
     bool isCancelled() const;
     uint64_t requestedFiles() const;
     uint64_t copiedFiles() const;
-    uint64_t totalBytesCopied() const;
+    uint64_t totalBytesCopied() const override;
 
 private:
     void addPair(CopyPair pair);

@@ -154,9 +154,19 @@ struct FVOptionRule {
     bool FVOptions::*flag;
     int64_t FVOptions::*number;
     std::string FVOptions::*text;
+    // The text the options sheet shows for it and the unit after a number (string keys); null
+    // where the sheet shows none.
+    const char* label = nullptr;
+    const char* unit = nullptr;
 
     // What a new destination starts with.
     int64_t initialValue() const { return newDestinationDefault.value_or(windowDefault.value_or(0)); }
+    FVOptionRule shown(const char* labelKey, const char* unitKey = nullptr) const {
+        FVOptionRule rule = *this;
+        rule.label = labelKey;
+        rule.unit = unitKey;
+        return rule;
+    }
 };
 
 struct FVOptionsReadResult {
@@ -170,6 +180,14 @@ namespace FVOptionTable {
 // Every known option; those with a window default come first, in the order they are filled in.
 const std::vector<FVOptionRule>& rules();
 const FVOptionRule* find(std::string_view key);
+// The rule of a typed field; every field but excludePatterns has one.
+const FVOptionRule& rule(bool FVOptions::*field);
+const FVOptionRule& rule(int64_t FVOptions::*field);
+const FVOptionRule& rule(std::string FVOptions::*field);
+// Stores a value under its field's key, as the value's own type (a flag as true or false).
+void store(PlistDict& settings, bool FVOptions::*field, bool value);
+void store(PlistDict& settings, int64_t FVOptions::*field, int64_t value);
+void store(PlistDict& settings, std::string FVOptions::*field, std::string value);
 
 // Why value cannot be used for rule ("Option maxThreads: expected ..., found the text "four"."),
 // or nothing when it can.

@@ -6,8 +6,8 @@
 // several names are recorded once they are linked. A record that cannot be written never stops
 // the run: it is said once, as a warning, and the run ends unrecorded.
 
+#include "engine/FVCopyRecord.h"
 #include "engine/FVDigestIndex.h"
-#include "engine/FVFileCopyWorker.h"
 #include "engine/FVMirrorLayout.h"
 #include "engine/FVRunSettings.h"
 #include "engine/FVRunStatus.h"

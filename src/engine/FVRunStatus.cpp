@@ -77,8 +77,8 @@ std::string FVRunStatus::destinationFailureMessage() const {
     return destinationFailureMessage_;
 }
 
-void FVRunStatus::setCurrentWorker(std::shared_ptr<FVFileCopyWorker> worker) {
-    std::shared_ptr<FVFileCopyWorker> previous;
+void FVRunStatus::setCurrentWorker(std::shared_ptr<FVCurrentCopy> worker) {
+    std::shared_ptr<FVCurrentCopy> previous;
     {
         std::lock_guard lock(workerMutex_);
         previous = std::exchange(worker_, std::move(worker));
@@ -86,7 +86,7 @@ void FVRunStatus::setCurrentWorker(std::shared_ptr<FVFileCopyWorker> worker) {
     // The previous item's worker has finished; it goes outside the lock, joining its threads.
 }
 
-std::shared_ptr<FVFileCopyWorker> FVRunStatus::currentWorker() const {
+std::shared_ptr<FVCurrentCopy> FVRunStatus::currentWorker() const {
     std::lock_guard lock(workerMutex_);
     return worker_;
 }

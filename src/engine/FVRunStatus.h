@@ -3,8 +3,8 @@
 // lines and errors it reports, its progress, its cancellation, and the copy worker of the source
 // item in hand (which a cancellation or a full destination has to stop as well).
 
+#include "engine/FVCurrentCopy.h"
 #include "engine/FVDestinationFailure.h"
-#include "engine/FVFileCopyWorker.h"
 #include "engine/FVRunError.h"
 #include "engine/FVRunTally.h"
 
@@ -60,8 +60,8 @@ public:
     // The line that ended the run for its destination, empty while it held.
     std::string destinationFailureMessage() const;
 
-    void setCurrentWorker(std::shared_ptr<FVFileCopyWorker> worker);
-    std::shared_ptr<FVFileCopyWorker> currentWorker() const;
+    void setCurrentWorker(std::shared_ptr<FVCurrentCopy> worker);
+    std::shared_ptr<FVCurrentCopy> currentWorker() const;
 
     // The current step's progress is the mean of its analysis and copy shares, each 0 to 100.
     void setAnalyseProgress(float percent) { analyseProgress_.store(percent, std::memory_order_relaxed); }
@@ -95,7 +95,7 @@ private:
     std::string destinationFailureMessage_;
 
     mutable std::mutex workerMutex_;
-    std::shared_ptr<FVFileCopyWorker> worker_;
+    std::shared_ptr<FVCurrentCopy> worker_;
 };
 
 }  // namespace ferrovane

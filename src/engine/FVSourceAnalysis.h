@@ -9,6 +9,7 @@
 #include "engine/FVRunSettings.h"
 #include "engine/FVRunStatus.h"
 #include "engine/FVSourceExclusions.h"
+#include "manifest/FVManifestEntry.h"
 
 #include <cstdint>
 #include <functional>

@@ -71,7 +71,7 @@ public:
     // What the user should know of this run that is no error of an item (what the destination
     // cannot keep), said once per run.
     const std::vector<std::string>& notes() const { return notes_; }
-    std::shared_ptr<FVFileCopyWorker> backupCopyWorker() const { return status_.currentWorker(); }
+    std::shared_ptr<FVCurrentCopy> backupCopyWorker() const { return status_.currentWorker(); }
 
     // The copy worker's delegate.
     bool respondsToWillOverwriteDestination() const override { return true; }

@@ -1,39 +1,34 @@
-#include "cli/FVCommanlineMode.h"
+#include "cli/FVCommandLineMode.h"
 
 #include "FVVersion.h"
 #include "cli/FVExitStatus.h"
 #include "cli/FVOutput.h"
 #include "cli/FVRunSignals.h"
-#include "fs/FVFileStatus.h"
 #include "engine/FVLog.h"
+#include "engine/FVStrings.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVText.h"
 #include "scheduling/FVScheduleSummary.h"
 #include "search/FVSearchText.h"
 
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <cstdio>
-#include <thread>
 
 namespace ferrovane {
 
-namespace {
+FVCommandLineMode::FVCommandLineMode(std::unique_ptr<FVUserNotifier> notifier, std::unique_ptr<FVRunAttempt> attempt)
+    : report_(std::move(notifier), std::move(attempt)) {}
 
-// Give the notification server time to take the message before the process ends.
-void waitForNotificationHandOver() { std::this_thread::sleep_for(std::chrono::milliseconds(500)); }
+FVCommandLineMode::~FVCommandLineMode() = default;
 
-}  // namespace
-
-FVCommanlineMode::FVCommanlineMode(std::unique_ptr<FVUserNotifier> notifier)
-    : notifier_(std::move(notifier)) {}
-
-int FVCommanlineMode::main(const std::string& destinationPath, bool noNotifications, bool dryRun,
+int FVCommandLineMode::main(const std::string& destinationPath, bool noNotifications, bool dryRun,
                            FVJobTrigger trigger, const std::string& jobID, const FVRunOutput& output) {
     FVRunSignals::block();
 
@@ -41,11 +36,10 @@ int FVCommanlineMode::main(const std::string& destinationPath, bool noNotificati
     std::string destination = destinationPath;
     if (destination.size() > 1 && destination.back() == '/')
         destination = FVText::standardizedPath(destination);
-    FVCommanlineMode runner(makeDesktopNotifier());
-    runner.setDisableUserNotifications(noNotifications || dryRun);
-    runner.setDryRun(dryRun);
-    runner.setOutput(output);
-    runner.setAttempt(std::make_unique<FVRunAttempt>(destination, trigger, jobID));
+    FVCommandLineMode runner(makeDesktopNotifier(), std::make_unique<FVRunAttempt>(destination, trigger, jobID));
+    runner.report().setDisableUserNotifications(noNotifications || dryRun);
+    runner.report().setDryRun(dryRun);
+    runner.report().setOutput(output);
     FVRunSignals::listen([&runner](int signal) { runner.interrupt(signal); });
     int status = runner.startBackupWithDestinationPath(destination);
     std::fflush(stdout);
@@ -54,13 +48,7 @@ int FVCommanlineMode::main(const std::string& destinationPath, bool noNotificati
     std::_Exit(status);
 }
 
-void FVCommanlineMode::notify(const FVUserNotification& notification, bool wait) {
-    if (disableUserNotifications_) return;
-    notifier_->deliver(notification);
-    if (wait) waitForNotificationHandOver();
-}
-
-int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinationPath) {
+int FVCommandLineMode::startBackupWithDestinationPath(const std::string& destinationPath) {
     destinationPath_ = destinationPath;
     settingsPath_ = FVConfigurationFile::formattedPath(destinationPath);
 
@@ -74,7 +62,7 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
         refuseToLoad(fmt::format("cannot make sure that no other run uses {} ({}); nothing was done. Check that "
                                  "the destination is writable and try again",
                                  shownDestination, lock_.reason()));
-        recordAttempt(FVJobOutcome::Failed, "cannot lock the destination: " + lock_.reason());
+        report_.recordAttempt(FVJobOutcome::Failed, "cannot lock the destination: " + lock_.reason());
         return FVExitStatus::kRunFailed;
     case FVDestinationLock::Status::Acquired:
     case FVDestinationLock::Status::Missing:
@@ -87,15 +75,15 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
     case FVConfigurationReadStatus::Unavailable:
         // A disk that is not plugged in is no failure of a job: it is recorded, and the overdue
         // notice tells the user when it lasts.
-        if (attempt_ && attempt_->startedByItself() && !FVFileStatus::pathExists(settingsPath_)) {
-            say(fmt::format("The destination {} is not connected: nothing to back up now.",
+        if (report_.attempt() && report_.attempt()->startedByItself() && !FVFileStatus::pathExists(settingsPath_)) {
+            report_.say(fmt::format("The destination {} is not connected: nothing to back up now.",
                             FVSearchText::printable(destinationPath_)));
-            recordAttempt(FVJobOutcome::NotConnected);
+            report_.recordAttempt(FVJobOutcome::NotConnected);
             return 0;
         }
-        recordAttempt(FVJobOutcome::Failed, "the destination is not available or not configured");
+        report_.recordAttempt(FVJobOutcome::Failed, "the destination is not available or not configured");
         refuseToLoad(unavailableMessage());
-        notify({"Cannot sync to: " + FVText::lastPathComponent(destinationPath_), "",
+        report_.notify({"Cannot sync to: " + FVText::lastPathComponent(destinationPath_), "",
                 "Destination not available or unconfigured!"},
                true);
         return FVExitStatus::kRunFailed;
@@ -108,36 +96,55 @@ int FVCommanlineMode::startBackupWithDestinationPath(const std::string& destinat
                                      ? FVSearchText::printable(loaded.problem)
                                      : shownSettings + ": " + FVSearchText::printable(loaded.problem),
                                  shownDestination));
-        recordAttempt(FVJobOutcome::Failed, loaded.problem);
+        report_.recordAttempt(FVJobOutcome::Failed, loaded.problem);
         return FVExitStatus::kRunFailed;
     case FVConfigurationReadStatus::Ok:
         break;
     }
     // Nothing is touched on a value the program cannot trust.
     FVOptionsReadResult options = FVOptionTable::read(*loaded.configuration.settings);
-    if (attempt_) attempt_->identify(loaded.configuration.settings->stringValue(FVOptionKey::UUID).value_or(""),
-                                     options.problems.empty() ? std::optional<int64_t>(options.options.overdueDays)
-                                                              : std::nullopt);
+    if (FVRunAttempt* attempt = report_.attempt())
+        attempt->identify(options.options.UUID, options.problems.empty()
+                                                    ? std::optional<int64_t>(options.options.overdueDays)
+                                                    : std::nullopt);
     if (!options.problems.empty()) {
         std::string problems;
         for (const std::string& problem : options.problems) problems += FVSearchText::printable(problem) + " ";
         refuseToLoad(fmt::format("the configuration {} holds an option that cannot be used: {}Nothing was changed. "
                                  "Correct it with: ferrovane config {} set OPTION VALUE",
                                  shownSettings, problems, shownDestination));
-        recordAttempt(FVJobOutcome::Failed, options.problems.front());
+        report_.recordAttempt(FVJobOutcome::Failed, options.problems.front());
         return FVExitStatus::kRunFailed;
     }
     // Only a run that starts says so: a refused one leaves standard output empty.
-    if (output_.human()) std::printf("Ferrovane v%s (%s) launched.\n", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER);
+    if (report_.output().human()) std::printf("Ferrovane v%s (%s) launched.\n", FERROVANE_VERSION, FERROVANE_BUILD_NUMBER);
     std::fflush(stdout);
-    configuration_ = std::move(loaded.configuration);
-    skippedItems_ = std::move(loaded.skippedItems);
-    options_ = options.options;
-    if (skipsAsRecent()) return 0;
-    return runBackup();
+    if (skipsAsRecent(options.options.connectedRunIntervalMinutes)) return 0;
+    return runBackup(std::move(loaded.configuration), std::move(loaded.skippedItems), options.options);
 }
 
-std::string FVCommanlineMode::unavailableMessage() const {
+int FVCommandLineMode::runBackup(FVConfiguration configuration, std::vector<std::string> skippedItems,
+                                 const FVOptions& options) {
+    run_ = std::make_unique<FVCommandLineRun>(report_, runLoop_, cancellingSignal_, destinationPath_, settingsPath_,
+                                              std::move(configuration), std::move(skippedItems), options);
+    run_->start();
+    return runLoop_.run();
+}
+
+void FVCommandLineMode::interrupt(int signal) {
+    int first = 0;
+    if (!cancellingSignal_.compare_exchange_strong(first, signal)) {
+        if (signal != SIGINT) return;
+        if (report_.output().human()) std::printf("\n%s\n", FVStrings::localized("backupstopped").c_str());
+        std::fflush(stdout);
+        std::_Exit(FVExitStatus::interrupted(first));
+    }
+    runLoop_.post([this] {
+        if (run_) run_->cancel();
+    });
+}
+
+std::string FVCommandLineMode::unavailableMessage() const {
     const std::string destination = FVSearchText::printable(destinationPath_);
     const std::string settings = FVSearchText::printable(settingsPath_);
     const std::string toSetUp = fmt::format("To make {} a destination: ferrovane config {} add SOURCE", destination,
@@ -157,7 +164,7 @@ std::string FVCommanlineMode::unavailableMessage() const {
                        settings, std::strerror(access(settingsPath_.c_str(), R_OK) == 0 ? EIO : errno));
 }
 
-void FVCommanlineMode::refuseToLoad(const std::string& message) {
+void FVCommandLineMode::refuseToLoad(const std::string& message) {
     FVOutput::error("{}", message);
     FVLog& log = FVLog::currentLog();
     log.setRunContext(destinationPath_, "");
@@ -169,18 +176,15 @@ void FVCommanlineMode::refuseToLoad(const std::string& message) {
         FVOutput::warning("{}", FVSearchText::printable(warning));
 }
 
-void FVCommanlineMode::recordAttempt(FVJobOutcome outcome, const std::string& message) {
-    if (attempt_ && !dryRun_) attempt_->record(outcome, message);
-}
-
-bool FVCommanlineMode::skipsAsRecent() {
-    if (!attempt_ || attempt_->trigger() != FVJobTrigger::Connect) return false;
-    std::optional<std::time_t> last = attempt_->recentSuccess(options_.connectedRunIntervalMinutes, std::time(nullptr));
+bool FVCommandLineMode::skipsAsRecent(int64_t intervalMinutes) {
+    FVRunAttempt* attempt = report_.attempt();
+    if (!attempt || attempt->trigger() != FVJobTrigger::Connect) return false;
+    std::optional<std::time_t> last = attempt->recentSuccess(intervalMinutes, std::time(nullptr));
     if (!last) return false;
-    say(fmt::format("Skipped: the last good run to {} was at {}, less than {} minutes ago.",
+    report_.say(fmt::format("Skipped: the last good run to {} was at {}, less than {} minutes ago.",
                     FVSearchText::printable(destinationPath_), FVScheduleSummary::localTimeText(*last),
-                    options_.connectedRunIntervalMinutes));
-    recordAttempt(FVJobOutcome::Skipped);
+                    intervalMinutes));
+    report_.recordAttempt(FVJobOutcome::Skipped);
     return true;
 }
 
