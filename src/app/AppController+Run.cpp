@@ -12,7 +12,6 @@
 #include "app/FVRestoreController.h"
 #include "app/FVSourceListModel.h"
 #include "app/FVThinProgressBar.h"
-#include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVLog.h"
 #include "engine/FVMirrorLayout.h"

@@ -21,7 +21,6 @@
 #include "app/FVSourceListModel.h"
 #include "app/FVSourceListView.h"
 #include "app/FVThinProgressBar.h"
-#include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVLog.h"
 #include "engine/FVPlacementChange.h"

@@ -9,7 +9,7 @@
 #include "app/FVPointInTimeRestoreJob.h"
 #include "app/FVThinProgressBar.h"
 #include "app/FVVersionRestoreJob.h"
-#include "engine/FVAdditions.h"
+#include "engine/FVNumber.h"
 #include "engine/FVPointInTime.h"
 #include "engine/FVRestorePlan.h"
 #include "engine/FVRestoreTarget.h"

@@ -4,9 +4,9 @@
 #include "cli/FVExitStatus.h"
 #include "cli/FVOutput.h"
 #include "cli/FVRunSignals.h"
-#include "engine/FVAdditions.h"
 #include "engine/FVLog.h"
 #include "engine/FVStrings.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVText.h"
 #include "scheduling/FVScheduleSummary.h"
 #include "search/FVSearchText.h"
@@ -75,7 +75,7 @@ int FVCommandLineMode::startBackupWithDestinationPath(const std::string& destina
     case FVConfigurationReadStatus::Unavailable:
         // A disk that is not plugged in is no failure of a job: it is recorded, and the overdue
         // notice tells the user when it lasts.
-        if (report_.attempt() && report_.attempt()->startedByItself() && !FVFileManager::pathExists(settingsPath_)) {
+        if (report_.attempt() && report_.attempt()->startedByItself() && !FVFileStatus::pathExists(settingsPath_)) {
             report_.say(fmt::format("The destination {} is not connected: nothing to back up now.",
                             FVSearchText::printable(destinationPath_)));
             report_.recordAttempt(FVJobOutcome::NotConnected);

@@ -8,7 +8,6 @@
 #include "cli/FVSourceResults.h"
 
 #include "backupset/BackupSetController.h"
-#include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVDestinationLock.h"
 #include "engine/FVHookApprovals.h"

@@ -9,7 +9,7 @@
 #include "cli/FVRunSignals.h"
 #include "cli/FVSharedLock.h"
 
-#include "engine/FVAdditions.h"
+#include "engine/FVNumber.h"
 #include "engine/FVLog.h"
 #include "engine/FVPointInTimePlan.h"
 #include "engine/FVPointInTimeRestore.h"

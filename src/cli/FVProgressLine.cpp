@@ -2,7 +2,7 @@
 
 #include "cli/FVJsonText.h"
 #include "cli/FVLocaleText.h"
-#include "engine/FVAdditions.h"
+#include "engine/FVNumber.h"
 #include "engine/FVRunSummary.h"
 
 #include <fmt/format.h>

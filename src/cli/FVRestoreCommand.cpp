@@ -9,7 +9,7 @@
 #include "cli/FVRunSignals.h"
 #include "cli/FVSharedLock.h"
 
-#include "engine/FVAdditions.h"
+#include "engine/FVNumber.h"
 #include "engine/FVDestinationLock.h"
 #include "engine/FVLog.h"
 #include "engine/FVRestorePlan.h"

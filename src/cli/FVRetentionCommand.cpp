@@ -1,6 +1,6 @@
 #include "cli/FVRetentionCommand.h"
 
-#include "engine/FVAdditions.h"
+#include "engine/FVNumber.h"
 #include "engine/FVArchivedRuns.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVOptions.h"

@@ -6,7 +6,7 @@
 #include "cli/FVJsonText.h"
 #include "cli/FVOverdueJson.h"
 #include "cli/FVSourceResults.h"
-#include "engine/FVAdditions.h"
+#include "engine/FVNumber.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVRunRecords.h"
 #include "fs/FVText.h"

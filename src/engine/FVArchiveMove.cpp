@@ -3,9 +3,14 @@
 #include "engine/FVTemporaryEntry.h"
 #include "fs/FVDataCopier.h"
 #include "fs/FVDirectoryWalker.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVFileSystemFlush.h"
 #include "fs/FVItemMetadata.h"
+#include "fs/FVOpenFiles.h"
+#include "fs/FVRemovals.h"
 #include "fs/FVTestHook.h"
 #include "fs/FVText.h"
+#include "fs/FVTimestamps.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -45,9 +50,9 @@ int FVArchiveMove::copyThenRemove(const std::string& from, const std::string& to
     FVFd fromFolder = destination_.openFolder(FVText::deletingLastPathComponent(from), false, &error);
     if (!fromFolder.valid()) return error;
     const std::string name = FVText::lastPathComponent(from);
-    FVFd in(openat(fromFolder.get(), name.c_str(), kReadFlags));
+    FVFd in(FVOpenFiles::openat(fromFolder.get(), name.c_str(), kReadFlags));
     struct stat st {};
-    if (!in.valid() || fstat(in.get(), &st) != 0) return errno;
+    if (!in.valid() || FVFileStatus::fstat(in.get(), &st) != 0) return errno;
     if (!isShared(st)) {
         in.reset();
         return destination_.moveItem(from, to);
@@ -60,17 +65,17 @@ int FVArchiveMove::copyThenRemove(const std::string& from, const std::string& to
     if (!copyInto(in.get(), st, entry, fromFolder.get(), from).valid() ||
         !entry.publishAsNew(toFolder.get(), archivedName))
         return errno;
-    if (unlinkat(fromFolder.get(), name.c_str(), 0) == 0) return 0;
+    if (FVRemovals::unlinkat(fromFolder.get(), name.c_str(), 0) == 0) return 0;
     // The mirror name stays, so the copy goes again: the version is kept once, in the mirror.
     error = errno;
-    unlinkat(toFolder.get(), archivedName.c_str(), 0);
+    FVRemovals::unlinkat(toFolder.get(), archivedName.c_str(), 0);
     return error;
 }
 
 FVFd FVArchiveMove::copyInto(int in, const struct stat& st, FVTemporaryEntry& entry, int dirFd,
                              const std::string& path) const {
     FVFd out(entry.create([&](const char* name) {
-        return openat(dirFd, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        return FVOpenFiles::openat(dirFd, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     }));
     if (!out.valid()) return out;
     auto buffer = std::make_unique<char[]>(kCopyBufferSize);
@@ -84,7 +89,7 @@ FVFd FVArchiveMove::copyInto(int in, const struct stat& st, FVTemporaryEntry& en
                                                   &keeps_))
         status_.log(fmt::format("WARNING: Could not preserve metadata on the archived copy of {} ({})", path,
                                 std::strerror(error)));
-    if (fsync(out.get()) != 0) return FVFd();
+    if (FVFileSystemFlush::fsync(out.get()) != 0) return FVFd();
     return out;
 }
 
@@ -95,7 +100,7 @@ int FVArchiveMove::unshareBelow(const std::string& folder) const {
     int error = 0;
     FVFd besideFd = destination_.openFolder(FVText::deletingLastPathComponent(folder), false, &error);
     if (!besideFd.valid()) return error;
-    FVFd walkFrom(fcntl(besideFd.get(), F_DUPFD_CLOEXEC, 0));
+    FVFd walkFrom(FVOpenFiles::duplicate(besideFd.get()));
     if (!walkFrom.valid()) return errno;
     FVDirectoryWalker walker(folder, std::move(walkFrom));
     int firstFailure = 0;
@@ -103,9 +108,9 @@ int FVArchiveMove::unshareBelow(const std::string& folder) const {
         if (entry->error != 0 || entry->level == 0 || !isShared(entry->st)) continue;
         const int dirFd = entry->parentFd;
         struct stat folderSt {};
-        bool folderKnown = fstat(dirFd, &folderSt) == 0;
+        bool folderKnown = FVFileStatus::fstat(dirFd, &folderSt) == 0;
         errno = 0;
-        FVFd in(openat(dirFd, entry->nameCString(), kReadFlags));
+        FVFd in(FVOpenFiles::openat(dirFd, entry->nameCString(), kReadFlags));
         FVTemporaryEntry copy(besideFd.get());
         bool done = in.valid() && copyInto(in.get(), entry->st, copy, besideFd.get(), entry->path).valid();
         if (done) {
@@ -115,7 +120,7 @@ int FVArchiveMove::unshareBelow(const std::string& folder) const {
         const int failure = errno != 0 ? errno : EIO;
         if (folderKnown) {
             timespec times[2] = {folderSt.st_atim, folderSt.st_mtim};
-            futimens(dirFd, times);
+            FVTimestamps::futimens(dirFd, times);
         }
         if (done) continue;
         if (status_.stopOnFatalDestinationError(failure, "archiving", entry->path)) return failure;

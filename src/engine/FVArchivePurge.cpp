@@ -1,6 +1,9 @@
 #include "engine/FVArchivePurge.h"
 
-#include "engine/FVAdditions.h"
+#include "engine/FVDate.h"
+#include "engine/FVNumber.h"
+#include "fs/FVDirectoryEntries.h"
+#include "fs/FVFileStatus.h"
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -22,20 +25,20 @@ void FVArchivePurge::run() {
 }
 
 void FVArchivePurge::purgeFolder(const std::string& folder, int64_t age) {
-    DIR* dir = opendir(folder.c_str());
+    DIR* dir = FVDirectoryEntries::opendir(folder.c_str());
     if (!dir) return;
     std::vector<std::string> names;
-    while (dirent* e = readdir(dir)) {
+    while (dirent* e = FVDirectoryEntries::readdir(dir)) {
         std::string_view name = e->d_name;
         if (name != "." && name != "..") names.emplace_back(name);
     }
-    closedir(dir);
+    FVDirectoryEntries::closedir(dir);
     const double now = FVDate::now();
     for (const std::string& name : names) {
         if (status_.isCancelled()) return;
         std::string path = folder + "/" + name;
         struct stat st {};
-        if (lstat(path.c_str(), &st) != 0) continue;
+        if (FVFileStatus::lstat(path.c_str(), &st) != 0) continue;
         double offset = static_cast<double>(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9 - now;
         int32_t days = static_cast<int32_t>(offset) / -86400;
         if (days < static_cast<int32_t>(age)) continue;
@@ -46,13 +49,13 @@ void FVArchivePurge::purgeFolder(const std::string& folder, int64_t age) {
         const int error = destination_.removeUnlocking(path);
         if (error == 0) {
             status_.log(fmt::format("Removed archive {} (age: {})", path, FVNumber::counted(static_cast<uint64_t>(days), "day")));
-        } else if (status_.stopOnFatalDestinationError(error, "purging", path)) {
-            return;
         } else {
-            std::string message = fmt::format("WARNING: Could not remove archive {} (age: {}): {}", path,
-                                              FVNumber::counted(static_cast<uint64_t>(days), "day"), std::strerror(error));
-            status_.log(message);
-            status_.addError(message);
+            const std::string message = fmt::format("Could not remove archive {} (age: {}): {}", path,
+                                                    FVNumber::counted(static_cast<uint64_t>(days), "day"),
+                                                    std::strerror(error));
+            if (status_.report(
+                    FVRunError::atDestination("purging", error, path, message, FVRunError::Kind::Warning).listedWithLevel()))
+                return;
         }
     }
 }

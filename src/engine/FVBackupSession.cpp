@@ -1,16 +1,19 @@
 #include "engine/FVBackupSession.h"
 
-#include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
+#include "engine/FVDate.h"
 #include "engine/FVDestinationFailure.h"
 #include "engine/FVExclusionRules.h"
 #include "engine/FVLog.h"
+#include "engine/FVRunError.h"
 #include "engine/FVRunRecords.h"
 #include "engine/FVStrings.h"
-#include "fs/FVDestinationProbe.h"
 #include "engine/FVVersionCatalog.h"
-#include "fs/FVText.h"
+#include "fs/FVDestinationProbe.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVFolderContents.h"
 #include "fs/FVTestHook.h"
+#include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
 #include <fmt/format.h>
@@ -45,9 +48,9 @@ std::string unusedArchiveStamp(const FVMirrorLayout& layout) {
     const FVRunRecords records(layout.destination());
     for (int tries = 0; tries < 3600; ++tries, ++at) {
         std::string stamp = FVDate::archiveStamp(at);
-        if (FVFileManager::existenceAtPath(layout.archiveFolder(FVArchiveKind::Changed, stamp)) == FVExistence::Missing &&
-            FVFileManager::existenceAtPath(layout.archiveFolder(FVArchiveKind::Removed, stamp)) == FVExistence::Missing &&
-            FVFileManager::existenceAtPath(records.pathOf(stamp)) == FVExistence::Missing)
+        if (FVFileStatus::existenceAtPath(layout.archiveFolder(FVArchiveKind::Changed, stamp)) == FVExistence::Missing &&
+            FVFileStatus::existenceAtPath(layout.archiveFolder(FVArchiveKind::Removed, stamp)) == FVExistence::Missing &&
+            FVFileStatus::existenceAtPath(records.pathOf(stamp)) == FVExistence::Missing)
             return stamp;
     }
     return FVDate::archiveStamp(at);
@@ -92,7 +95,7 @@ void FVBackupSession::start() {
     if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
     // Before anything is written. A dry run writes nothing, so it only looks.
     if (!dryRun_) settings.destinationProfile = probe.probe();
-    if (FVDestinationFailure::isFatal(probe.problemError()))
+    if (FVRunError::isFatal(probe.problemError()))
         return refuse(FVDestinationFailure(probe.problemError(), "probing", destinationPath_).message().substr(7));
     if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
 
@@ -102,7 +105,7 @@ void FVBackupSession::start() {
         sleepProblem_ = sleepInhibitor_.problem();
     }
     setTaskDescription("");
-    shouldPerformCleanup_ = FVFileManager::pathContainsUserFilePaths(destinationPath_);
+    shouldPerformCleanup_ = FVFolderContents::pathContainsUserFilePaths(destinationPath_);
     enabledItems_.clear();
     for (const FVSourceItemPtr& item : backupSet_)
         if (item->mode() == FVSourceMode::Backup) enabledItems_.push_back(item);

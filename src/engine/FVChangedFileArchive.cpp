@@ -30,9 +30,8 @@ bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination)
     // A path outside the destination has no place in an archive: it is kept, never moved into
     // the stamp folder itself.
     if (!archived) {
-        const std::string message = fmt::format("Archiving {} failed: {} lies outside the destination", what, path);
-        status_.log("ERROR: " + message);
-        status_.addError(message);
+        status_.report(FVRunError::item("archiving", 0, path,
+                                        fmt::format("Archiving {} failed: {} lies outside the destination", what, path)));
         return false;
     }
     const FVArchiveMove archive(destination_, status_, !settings_.options.disableACLClone,

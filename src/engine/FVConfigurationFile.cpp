@@ -2,6 +2,8 @@
 
 #include "engine/FVByteSafeEntry.h"
 #include "fs/FVAtomicFile.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVRenames.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,7 +24,7 @@ std::string joinComponent(const std::string& folder, const char* name) {
 
 bool exists(const std::string& path) {
     struct stat st {};
-    return lstat(path.c_str(), &st) == 0;
+    return FVFileStatus::lstat(path.c_str(), &st) == 0;
 }
 
 }  // namespace
@@ -34,7 +36,7 @@ std::string legacyPath(const std::string& destination) { return joinComponent(de
 bool isNewDestination(const std::string& destination) {
     struct stat st {};
     for (const std::string& path : {currentPath(destination), legacyPath(destination)})
-        if (lstat(path.c_str(), &st) == 0 || errno != ENOENT) return false;
+        if (FVFileStatus::lstat(path.c_str(), &st) == 0 || errno != ENOENT) return false;
     return true;
 }
 
@@ -42,12 +44,12 @@ bool convertLegacyFile(const std::string& destination) {
     std::string current = currentPath(destination);
     std::string legacy = legacyPath(destination);
     if (exists(current) || !exists(legacy)) return false;
-    return std::rename(legacy.c_str(), current.c_str()) == 0;
+    return FVRenames::rename(legacy.c_str(), current.c_str()) == 0;
 }
 
 FVConfigurationReadResult read(const std::string& path) {
     FVConfigurationReadResult result;
-    if (access(path.c_str(), R_OK) != 0) {
+    if (FVFileStatus::access(path.c_str(), R_OK) != 0) {
         result.status = FVConfigurationReadStatus::Unavailable;
         result.problem = path + " is missing or not readable";
         return result;

@@ -7,11 +7,6 @@
 
 namespace ferrovane {
 
-bool FVDestinationFailure::isFatal(int error) {
-    // ENOTCONN: its FUSE driver has gone; ENODEV: the device itself.
-    return error == EROFS || error == ENOSPC || error == EDQUOT || error == EIO || error == ENOTCONN || error == ENODEV;
-}
-
 std::string FVDestinationFailure::message() const {
     // The first two lines are matched by scripts and stay as they are.
     if (error_ == EROFS) return "ERROR: Destination is read-only. Aborting backup.";

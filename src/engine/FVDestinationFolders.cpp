@@ -1,7 +1,10 @@
 #include "engine/FVDestinationFolders.h"
 
-#include "engine/FVAdditions.h"
 #include "engine/FVFileCopyWorkerImpl.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVInodeFlags.h"
+#include "fs/FVItemCreation.h"
+#include "fs/FVOpenFiles.h"
 #include "fs/FVText.h"
 
 #include <fcntl.h>
@@ -88,15 +91,15 @@ void FVDestinationFolders::ensureDirectoryItem(FVCopyThreadState& state, FVFileS
     if (!parent.valid()) return;
 
     struct stat st {};
-    bool exists = fstatat(parent.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+    bool exists = FVFileStatus::fstatat(parent.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
     if (exists && !S_ISDIR(st.st_mode)) {
         if (!worker_.mayOverwrite(destinationItem)) {
             state.lastDirectoryError = EEXIST;
             return;
         }
         if (FVConfinedDirectory::removeRecursivelyAt(parent.get(), name) != 0) {
-            FVFileManager::unlockFileAt(parent.get(), name);
-            FVFileManager::unlockFileAt(parent.get(), "");
+            FVInodeFlags::unlockFileAt(parent.get(), name);
+            FVInodeFlags::unlockFileAt(parent.get(), "");
             FVConfinedDirectory::removeRecursivelyAt(parent.get(), name);
         }
         exists = false;
@@ -104,11 +107,11 @@ void FVDestinationFolders::ensureDirectoryItem(FVCopyThreadState& state, FVFileS
         worker_.sendMessage(fmt::format("Creating directory {}", path), FVMessageLevel::Info);
     }
     int made = 0;
-    if (!exists && mkdirat(parent.get(), name.c_str(), 0777) != 0 && errno != EEXIST) {
-        FVFileManager::unlockFileAt(parent.get(), "");
-        if (mkdirat(parent.get(), name.c_str(), 0777) != 0 && errno != EEXIST) made = errno;
+    if (!exists && FVItemCreation::mkdirat(parent.get(), name.c_str(), 0777) != 0 && errno != EEXIST) {
+        FVInodeFlags::unlockFileAt(parent.get(), "");
+        if (FVItemCreation::mkdirat(parent.get(), name.c_str(), 0777) != 0 && errno != EEXIST) made = errno;
     }
-    state.lastDirectoryFd.reset(openat(parent.get(), name.c_str(), kFolderFlags));
+    state.lastDirectoryFd.reset(FVOpenFiles::openat(parent.get(), name.c_str(), kFolderFlags));
     // A folder that could not be made is missing: its reason is the one that counts.
     state.lastDirectoryError = state.lastDirectoryFd.valid() ? 0 : errno == ENOENT && made ? made : errno;
 }

@@ -1,5 +1,8 @@
 #include "engine/FVDestinationLock.h"
 
+#include "fs/FVFileLocks.h"
+#include "fs/FVOpenFiles.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 
@@ -25,14 +28,14 @@ FVDestinationLock::Status FVDestinationLock::acquire(const std::string& destinat
                                                      std::chrono::milliseconds wait, Mode mode) {
     release();
     reason_.clear();
-    FVFd fd(open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    FVFd fd(FVOpenFiles::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fd.valid()) {
         reason_ = "cannot open " + destination + ": " + std::strerror(errno);
         return errno == ENOENT || errno == ENOTDIR ? Status::Missing : Status::Failed;
     }
     const auto deadline = std::chrono::steady_clock::now() + wait;
     for (;;) {
-        if (flock(fd.get(), (mode == Mode::Shared ? LOCK_SH : LOCK_EX) | LOCK_NB) == 0) {
+        if (FVFileLocks::flock(fd.get(), (mode == Mode::Shared ? LOCK_SH : LOCK_EX) | LOCK_NB) == 0) {
             fd_ = std::move(fd);
             return Status::Acquired;
         }

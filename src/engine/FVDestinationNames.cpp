@@ -1,6 +1,8 @@
 #include "engine/FVDestinationNames.h"
 
+#include "fs/FVDirectoryEntries.h"
 #include "fs/FVFileDescriptor.h"
+#include "fs/FVOpenFiles.h"
 #include "fs/FVText.h"
 
 #include <dirent.h>
@@ -29,20 +31,20 @@ std::string shownByte(char c) {
 // The first entry in the folder, in listing order (the walk's), other than name whose folded
 // name is key; "" when there is none.
 std::string firstWithFoldedName(int folderFd, const std::string& key, std::string_view name) {
-    int fd = openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int fd = FVOpenFiles::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return "";
-    DIR* dir = fdopendir(fd);
+    DIR* dir = FVDirectoryEntries::fdopendir(fd);
     if (!dir) {
-        close(fd);
+        FVOpenFiles::close(fd);
         return "";
     }
     std::string found;
-    while (dirent* entry = readdir(dir))
+    while (dirent* entry = FVDirectoryEntries::readdir(dir))
         if (name != entry->d_name && FVDestinationNames::folded(entry->d_name) == key) {
             found = entry->d_name;
             break;
         }
-    closedir(dir);
+    FVDirectoryEntries::closedir(dir);
     return found;
 }
 
@@ -91,13 +93,13 @@ std::unordered_set<std::string> FVDestinationNames::foldedNamesIn(const std::str
     std::unordered_set<std::string> names;
     int fd = FVLongPath::open(folder, O_RDONLY | O_DIRECTORY);
     if (fd < 0) return names;
-    DIR* dir = fdopendir(fd);
+    DIR* dir = FVDirectoryEntries::fdopendir(fd);
     if (!dir) {
-        close(fd);
+        FVOpenFiles::close(fd);
         return names;
     }
-    while (dirent* entry = readdir(dir)) names.insert(folded(entry->d_name));
-    closedir(dir);
+    while (dirent* entry = FVDirectoryEntries::readdir(dir)) names.insert(folded(entry->d_name));
+    FVDirectoryEntries::closedir(dir);
     return names;
 }
 

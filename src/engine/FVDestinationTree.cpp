@@ -1,7 +1,10 @@
 #include "engine/FVDestinationTree.h"
 
-#include "engine/FVAdditions.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVFileSystemFlush.h"
+#include "fs/FVInodeFlags.h"
 #include "fs/FVText.h"
+#include "fs/FVTimestamps.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -51,14 +54,14 @@ void FVDestinationTree::unlock(const std::string& path, bool recursively) const 
     int error = 0;
     if (below->empty()) {
         FVFd root = destination_.openFolder("", false, &error);
-        if (root.valid()) FVFileManager::unlockFileAt(root.get(), "");
+        if (root.valid()) FVInodeFlags::unlockFileAt(root.get(), "");
         return;
     }
     FVFd parent = destination_.openFolder(FVText::deletingLastPathComponent(*below), false, &error);
     if (!parent.valid()) return;
     const std::string name = FVText::lastPathComponent(*below);
-    if (recursively) FVFileManager::unlockRecursivelyAt(parent.get(), name);
-    else FVFileManager::unlockFileAt(parent.get(), name);
+    if (recursively) FVInodeFlags::unlockRecursivelyAt(parent.get(), name);
+    else FVInodeFlags::unlockFileAt(parent.get(), name);
 }
 
 // The copy pass has given the folder the source folder's dates; taking an entry out must not
@@ -68,18 +71,18 @@ void FVDestinationTree::keepingParentDates(const std::string& itemPath, const st
     int error = 0;
     FVFd parent = parentRelative ? destination_.openFolder(*parentRelative, false, &error) : FVFd();
     struct stat st {};
-    bool known = parent.valid() && fstat(parent.get(), &st) == 0;
+    bool known = parent.valid() && FVFileStatus::fstat(parent.get(), &st) == 0;
     change();
     if (!known) return;
     timespec times[2] = {st.st_atim, st.st_mtim};
-    futimens(parent.get(), times);
+    FVTimestamps::futimens(parent.get(), times);
 }
 
 int FVDestinationTree::flush() const {
     int error = 0;
     FVFd root = destination_.openFolder("", false, &error);
     if (!root.valid()) return error;
-    return syncfs(root.get()) == 0 ? 0 : errno;
+    return FVFileSystemFlush::syncfs(root.get()) == 0 ? 0 : errno;
 }
 
 }  // namespace ferrovane

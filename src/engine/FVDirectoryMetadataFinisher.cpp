@@ -1,6 +1,8 @@
 #include "engine/FVDirectoryMetadataFinisher.h"
 
 #include "engine/FVFileCopyWorkerImpl.h"
+#include "engine/FVRunError.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVInodeFlags.h"
 #include "fs/FVItemMetadata.h"
 
@@ -38,12 +40,12 @@ void FVDirectoryMetadataFinisher::finish() {
         int error = 0;
         std::optional<std::string> relative = worker_.destination->relativePath(store_.destination(i));
         FVFd target = relative ? worker_.destination->openFolder(*relative, false, &error) : FVFd();
-        bool ok = source.valid() && fstat(source.get(), &st) == 0 && target.valid() &&
+        bool ok = source.valid() && FVFileStatus::fstat(source.get(), &st) == 0 && target.valid() &&
                   FVItemMetadata::cloneStatusAndAttributes({source.get(), false}, st, {target.get(), false},
                                                            !worker_.disableACLClone, &error, nullptr,
                                                            &worker_.destinationProfile) &&
                   FVItemMetadata::cloneTimes(st, {target.get(), false}, &error);
-        if (!ok && FVDestinationFailure::isFatal(error)) {
+        if (!ok && FVRunError::isFatal(error)) {
             worker_.stopOnDestinationFailure(FVDestinationFailure(error, "setting the metadata of", store_.destination(i)));
             break;
         }

@@ -2,7 +2,10 @@
 
 #include "engine/FVFileCopyWorkerImpl.h"
 #include "engine/FVItemCloner.h"
+#include "engine/FVRunError.h"
 #include "fs/FVDataCopier.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVOpenFiles.h"
 #include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
@@ -286,7 +289,7 @@ void FVFileCopyWorkerImpl::sendMessage(const std::string& message, FVMessageLeve
 }
 
 bool FVFileCopyWorkerImpl::stopOnDestinationFailure(const FVDestinationFailure& failure) {
-    if (!FVDestinationFailure::isFatal(failure.error())) return false;
+    if (!FVRunError::isFatal(failure.error())) return false;
     cancelled.store(true, std::memory_order_relaxed);
     if (!destinationFailureReported.exchange(true) && delegate) delegate->copyWorkerDestinationDidFail(failure);
     return true;
@@ -328,9 +331,9 @@ void FVFileCopyWorkerImpl::digestDestination(CopyPair& pair, FVCopyThreadState& 
         error = state.lastDirectoryError;
     } else {
         const std::string name = FVText::lastPathComponent(path);
-        FVFd file(openat(state.lastDirectoryFd.get(), name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+        FVFd file(FVOpenFiles::openat(state.lastDirectoryFd.get(), name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
         struct stat st {};
-        if (file.valid() && fstat(file.get(), &st) == 0 && S_ISREG(st.st_mode))
+        if (file.valid() && FVFileStatus::fstat(file.get(), &st) == 0 && S_ISREG(st.st_mode))
             hash = FVContentHasher::ofDescriptor(file.get(), state.buffer.get(), kCopyBufferSize);
         else if (file.valid())
             errno = EINVAL;  // no longer the regular file the walk found
@@ -355,7 +358,7 @@ int FVFileCopyWorkerImpl::openSource(const std::string& path, int flags, FVCopyT
     const char* name = relative->c_str() + (slash == std::string::npos ? 0 : slash + 1);
     flags |= O_NOFOLLOW | O_CLOEXEC;
     if (state && state->sourceFolderFd.valid() && state->sourceFolder == folderPath) {
-        int fd = openat(state->sourceFolderFd.get(), name, flags);
+        int fd = FVOpenFiles::openat(state->sourceFolderFd.get(), name, flags);
         // A folder removed and made anew since it was opened is reached afresh below.
         if (fd >= 0 || errno != ENOENT) return fd;
     }
@@ -365,7 +368,7 @@ int FVFileCopyWorkerImpl::openSource(const std::string& path, int flags, FVCopyT
         errno = error;
         return -1;
     }
-    int fd = openat(folder.get(), name, flags);
+    int fd = FVOpenFiles::openat(folder.get(), name, flags);
     if (state) {
         state->sourceFolder = std::move(folderPath);
         state->sourceFolderFd = std::move(folder);

@@ -1,6 +1,8 @@
 #include "engine/FVFileSystemItem.h"
 
 #include "fs/FVFileDescriptor.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVOpenFiles.h"
 
 #include <fcntl.h>
 #include <limits.h>
@@ -72,11 +74,11 @@ bool FVFileSystemItem::fileExists() {
 bool FVFileSystemItem::isReadable() {
     if (!readableLoaded_) {
         readableLoaded_ = true;
-        readable_ = faccessat(AT_FDCWD, path_.c_str(), R_OK, AT_EACCESS) == 0;
+        readable_ = FVFileStatus::faccessat(AT_FDCWD, path_.c_str(), R_OK, AT_EACCESS) == 0;
         if (!readable_ && errno == ENAMETOOLONG) {
             int fd = FVLongPath::open(path_, O_RDONLY | O_NONBLOCK | O_NOCTTY);
             readable_ = fd >= 0;
-            if (fd >= 0) close(fd);
+            if (fd >= 0) FVOpenFiles::close(fd);
         }
     }
     return readable_;
@@ -113,11 +115,11 @@ std::optional<struct timespec> FVFileSystemItem::fileCreationDate() {
     struct statx stx {};
     int result;
     if (path_.size() < PATH_MAX) {
-        result = statx(AT_FDCWD, path_.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &stx);
+        result = FVFileStatus::statx(AT_FDCWD, path_.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &stx);
     } else {
         std::string name;
         FVFd parent = FVLongPath::openParent(path_, name);
-        result = parent.valid() ? statx(parent.get(), name.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &stx) : -1;
+        result = parent.valid() ? FVFileStatus::statx(parent.get(), name.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &stx) : -1;
     }
     if (result != 0 || !(stx.stx_mask & STATX_BTIME)) return std::nullopt;
     return timespec{stx.stx_btime.tv_sec, static_cast<long>(stx.stx_btime.tv_nsec)};

@@ -2,7 +2,10 @@
 
 #include "engine/FVChangeDecision.h"
 #include "engine/FVTemporaryEntry.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVLinks.h"
 #include "fs/FVText.h"
+#include "fs/FVTimestamps.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -44,8 +47,7 @@ void FVHardLinkWriter::reportWouldLink(const FVHardLinkGroups::Request& request)
 }
 
 void FVHardLinkWriter::reportError(const std::string& message) {
-    status_.log("ERROR: " + message);
-    status_.addError(message);
+    status_.report(FVRunError::item("linking", 0, {}, message));
 }
 
 int FVHardLinkWriter::folderAt(OpenFolder& cache, const std::string& path) {
@@ -63,7 +65,7 @@ FVHardLinkWriter::Outcome FVHardLinkWriter::link(const FVHardLinkGroups::Request
     const int firstFolder = folderAt(firstFolder_, FVText::deletingLastPathComponent(firstPath));
     int error = firstFolder < 0 ? firstFolder_.error : 0;
     struct stat first {};
-    if (firstFolder >= 0 && fstatat(firstFolder, firstName.c_str(), &first, AT_SYMLINK_NOFOLLOW) != 0) error = errno;
+    if (firstFolder >= 0 && FVFileStatus::fstatat(firstFolder, firstName.c_str(), &first, AT_SYMLINK_NOFOLLOW) != 0) error = errno;
     // The first name's copy failed (and said so): this name waits for it, as it is, until a later run.
     FVFileSystemItem firstItem(firstPath, first);
     if (error != 0 || FVChangeDecision::decide(FVChangeDecision::sideOf(*request.source),
@@ -80,17 +82,17 @@ FVHardLinkWriter::Outcome FVHardLinkWriter::link(const FVHardLinkGroups::Request
     }
     const std::string name = FVText::lastPathComponent(path);
     struct stat old {};
-    const bool exists = fstatat(folder, name.c_str(), &old, AT_SYMLINK_NOFOLLOW) == 0;
+    const bool exists = FVFileStatus::fstatat(folder, name.c_str(), &old, AT_SYMLINK_NOFOLLOW) == 0;
     if (exists && old.st_dev == first.st_dev && old.st_ino == first.st_ino) return Outcome::Done;
 
     status_.verboseLog(fmt::format("Linking {} to {}", path, firstPath));
     // The folder keeps the dates the copy gave it.
     struct stat folderSt {};
-    const bool folderDated = fstat(folder, &folderSt) == 0;
+    const bool folderDated = FVFileStatus::fstat(folder, &folderSt) == 0;
     Outcome outcome = replaceWithLink(request, firstFolder, firstName, folder, name, exists ? &old : nullptr);
     if (folderDated) {
         timespec times[2] = {folderSt.st_atim, folderSt.st_mtim};
-        futimens(folder, times);
+        FVTimestamps::futimens(folder, times);
     }
     return outcome;
 }
@@ -101,7 +103,7 @@ FVHardLinkWriter::Outcome FVHardLinkWriter::replaceWithLink(const FVHardLinkGrou
     const std::string& path = request.destination->path();
     FVTemporaryEntry entry(folder);
     if (entry.create([&](const char* temporary) {
-            return linkat(firstFolder, firstName.c_str(), folder, temporary, 0);
+            return FVLinks::linkat(firstFolder, firstName.c_str(), folder, temporary, 0);
         }) != 0) {
         const int error = errno;
         if (status_.stopOnFatalDestinationError(error, "linking", path)) return Outcome::Done;

@@ -2,7 +2,10 @@
 
 #include "engine/FVPlist.h"
 #include "fs/FVAtomicFile.h"
+#include "fs/FVFileModes.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVPrivateFolder.h"
+#include "fs/FVRemovals.h"
 #include "platform/FVHomeDirectory.h"
 
 #include <sys/stat.h>
@@ -43,7 +46,7 @@ std::optional<std::string> FVHookApprovals::approved(const std::string& uuid, FV
     if (folder_.empty() || !isUsableIdentity(uuid)) return std::nullopt;
     const std::string path = pathOf(uuid);
     struct stat st {};
-    if (lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid() || (st.st_mode & 022))
+    if (FVFileStatus::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid() || (st.st_mode & 022))
         return std::nullopt;
     std::string bytes;
     if (!FVAtomicFile::read(path, kLargestFile, bytes, nullptr)) return std::nullopt;
@@ -72,7 +75,7 @@ bool FVHookApprovals::approve(const std::string& uuid, FVHookKind kind, const st
     if (!command.empty()) dict->set(hookKindName(kind), command);
     const std::string path = pathOf(uuid);
     if (dict->size() == 0) {
-        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        if (FVRemovals::unlink(path.c_str()) != 0 && errno != ENOENT) {
             if (error) *error = "cannot remove " + path + ": " + std::strerror(errno);
             return false;
         }
@@ -80,7 +83,7 @@ bool FVHookApprovals::approve(const std::string& uuid, FVHookKind kind, const st
     }
     if (!FVAtomicFile::write(path, serializePlistXML(PlistValue(dict)), error)) return false;
     // Only the owner may change what runs as the owner.
-    if (chmod(path.c_str(), 0600) != 0) {
+    if (FVFileModes::chmod(path.c_str(), 0600) != 0) {
         if (error) *error = "cannot make " + path + " private: " + std::strerror(errno);
         return false;
     }

@@ -1,15 +1,21 @@
 #include "engine/FVItemCloner.h"
 
-#include "engine/FVAdditions.h"
 #include "engine/FVFileCopyWorkerImpl.h"
+#include "engine/FVRunError.h"
 #include "engine/FVRunRecorder.h"
-#include "fs/FVExtendedAttributes.h"
 #include "engine/FVTemporaryEntry.h"
 #include "fs/FVDataCopier.h"
+#include "fs/FVExtendedAttributes.h"
+#include "fs/FVFileData.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVInodeFlags.h"
+#include "fs/FVItemCreation.h"
 #include "fs/FVItemMetadata.h"
+#include "fs/FVLinks.h"
+#include "fs/FVOpenFiles.h"
 #include "fs/FVTestHook.h"
 #include "fs/FVText.h"
+#include "fs/FVTimestamps.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -72,7 +78,7 @@ void FVItemCloner::clone(FVFileSystemItem& source, const std::string& destinatio
 }
 
 FVItemCloner::Result FVItemCloner::destinationFailure(Step step, int error) {
-    bool fatal = FVDestinationFailure::isFatal(error);
+    bool fatal = FVRunError::isFatal(error);
     return {fatal ? Result::Kind::FatalDestinationError : Result::Kind::ItemError, step, error};
 }
 
@@ -81,15 +87,15 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     FVFd in(worker_.openSource(item.sourcePath, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY, &state_));
     if (!in.valid()) return itemError(Step::OpenSource, errno);
     struct stat st {};
-    if (fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return itemError(Step::OpenSource, 0);
+    if (FVFileStatus::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return itemError(Step::OpenSource, 0);
 
     FVTemporaryEntry entry(item.dirFd);
     auto create = [&](const char* name) {
-        return openat(item.dirFd, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        return FVOpenFiles::openat(item.dirFd, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     };
     FVFd out(entry.create(create));
     if (!out.valid() && (errno == EPERM || errno == EACCES)) {
-        FVFileManager::unlockFileAt(item.dirFd, "");
+        FVInodeFlags::unlockFileAt(item.dirFd, "");
         state_.newFiles.forget();
         out.reset(entry.create(create));
     }
@@ -118,7 +124,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     // Owner, mode, attributes and ACLs before the times: none of them moves the modification time.
     if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !worker_.disableACLClone,
                                                   &error, start, &worker_.destinationProfile)) {
-        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
         // A copy without all of its metadata is not the source: dated before it, it is copied
         // again by the next run instead of passing for current.
         send(fmt::format("ERROR: Could not copy the metadata of file {} (Reason: {}); the next run copies it again.",
@@ -129,7 +135,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
                          item.destinationPath, item.typeName), FVMessageLevel::Info);
     }
     if (!FVItemMetadata::cloneTimes(st, {out.get(), false}, &error)) {
-        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
         send(fmt::format("WARNING: Could not preserve creation date on file {}. Type: {} (Reason: {})",
                          item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
     } else if (verbose) {
@@ -147,7 +153,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     // Where a rename stamps the file with the time of the rename (fusefat), its times go on again.
     if (!worker_.destinationProfile.renameKeepsTimes) {
         const timespec times[2] = {st.st_atim, st.st_mtim};
-        if (utimensat(item.dirFd, item.name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
+        if (FVTimestamps::utimensat(item.dirFd, item.name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
             send(fmt::format("WARNING: Could not preserve the modification date of {} ({})", item.destinationPath,
                              strerror(errno)), FVMessageLevel::Warning);
     }
@@ -167,7 +173,7 @@ FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, s
         if (hasher) hasher->reset();
         bool sparse = static_cast<uint64_t>(st.st_blocks) * 512 < static_cast<uint64_t>(st.st_size);
         if (worker_.preallocate && !sparse && st.st_size > 0)
-            fallocate(out, FALLOC_FL_KEEP_SIZE, 0, st.st_size);  // only a hint against fragmentation
+            FVFileData::fallocate(out, FALLOC_FL_KEEP_SIZE, 0, st.st_size);  // only a hint against fragmentation
         FVDataCopier copier(in, out, state_.buffer.get(), worker_.cancelled, worker_.chunkHook, item.sourcePath, hasher);
         const FVDataCopier::Outcome outcome = copier.run(st);
         hashedWhole_ = copier.sinkSawWholeCopy();
@@ -178,14 +184,14 @@ FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, s
         }
         FVTestHook::reach("after-data-copy", item.sourcePath);
         struct stat now {};
-        if (fstat(in, &now) != 0) return itemError(Step::OpenSource, errno);
+        if (FVFileStatus::fstat(in, &now) != 0) return itemError(Step::OpenSource, errno);
         *settled = sameState(st, now);
         if (*settled || copy == kRecopies) return done();
         worker_.sendMessage(fmt::format("NOTE: {} changed while it was copied; copying it again.", item.sourcePath),
                             FVMessageLevel::Info);
         st = now;
-        if (ftruncate(out, 0) != 0 || lseek(out, 0, SEEK_SET) != 0) return destinationFailure(Step::CopyData, errno);
-        if (lseek(in, 0, SEEK_SET) != 0) return itemError(Step::OpenSource, errno);
+        if (FVFileData::ftruncate(out, 0) != 0 || FVFileData::lseek(out, 0, SEEK_SET) != 0) return destinationFailure(Step::CopyData, errno);
+        if (FVFileData::lseek(in, 0, SEEK_SET) != 0) return itemError(Step::OpenSource, errno);
     }
 }
 
@@ -200,7 +206,7 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
     if (dirFd < 0) return failed(state_.lastDirectoryError);
     struct stat st {}, current {};
     FVFd from(worker_.openSource(source.path(), O_PATH | O_NOFOLLOW, &state_));
-    if (!from.valid() || fstat(from.get(), &st) != 0) {
+    if (!from.valid() || FVFileStatus::fstat(from.get(), &st) != 0) {
         if (errno == ENOENT || errno == ENOTDIR)
             worker_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", source.path()),
                                 FVMessageLevel::Info);
@@ -209,8 +215,8 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
                                 FVMessageLevel::Error);
         return;
     }
-    FVFd to(openat(dirFd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    if (!to.valid() || fstat(to.get(), &current) != 0) return failed(errno);
+    FVFd to(FVOpenFiles::openat(dirFd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!to.valid() || FVFileStatus::fstat(to.get(), &current) != 0) return failed(errno);
     // Either side replaced since the analysis: the next run compares them afresh.
     if ((st.st_mode & S_IFMT) != (current.st_mode & S_IFMT)) {
         worker_.sendMessage(fmt::format("NOTE: {} changed since analysing; it is compared again on the next run.",
@@ -228,7 +234,7 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
     if (error != EPERM || !S_ISREG(st.st_mode)) return failed(error);
     // A locked (immutable or append-only) copy refuses every change: it is unlocked, changed, and
     // given the source's flags again.
-    FVFileManager::unlockFileAt(dirFd, name);
+    FVInodeFlags::unlockFileAt(dirFd, name);
     if (!FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error, nullptr,
                                                   keeps))
         failed(error);
@@ -242,19 +248,19 @@ FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
     FVFd link(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW, &state_));
     struct stat st {};
     ssize_t length = -1;
-    if (link.valid() && fstat(link.get(), &st) == 0 && S_ISLNK(st.st_mode))
-        length = readlinkat(link.get(), "", state_.buffer.get(), kCopyBufferSize - 1);
+    if (link.valid() && FVFileStatus::fstat(link.get(), &st) == 0 && S_ISLNK(st.st_mode))
+        length = FVLinks::readlinkat(link.get(), "", state_.buffer.get(), kCopyBufferSize - 1);
     if (length < 0) return itemError(Step::ReadLink, errno);
     state_.buffer[static_cast<size_t>(length)] = '\0';
     linkTarget_.assign(state_.buffer.get(), static_cast<size_t>(length));
     published_ = st;
 
     FVTemporaryEntry entry(item.dirFd);
-    if (entry.create([&](const char* name) { return symlinkat(state_.buffer.get(), item.dirFd, name); }) != 0)
+    if (entry.create([&](const char* name) { return FVLinks::symlinkat(state_.buffer.get(), item.dirFd, name); }) != 0)
         return destinationFailure(Step::CreateLink, errno);
     int error = 0;
     if (!clonePathOnlyMetadata(link.get(), st, entry, item.dirFd, false, &error)) {
-        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
         worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on symlink {}. (Reason: {})",
                                         item.destinationPath, strerror(error)), FVMessageLevel::Warning);
     }
@@ -268,18 +274,18 @@ FVItemCloner::Result FVItemCloner::cloneNode(const Item& item, mode_t kind) {
     FVFd node(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW, &state_));
     if (!node.valid()) return itemError(Step::OpenSource, errno);
     struct stat st {};
-    if (fstat(node.get(), &st) != 0 || S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode))
+    if (FVFileStatus::fstat(node.get(), &st) != 0 || S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode))
         return itemError(Step::OpenSource, 0);
 
     published_ = st;
     FVTemporaryEntry entry(item.dirFd);
     if (entry.create([&](const char* name) {
-            return mknodat(item.dirFd, name, (st.st_mode & S_IFMT) | 0600, st.st_rdev);
+            return FVItemCreation::mknodat(item.dirFd, name, (st.st_mode & S_IFMT) | 0600, st.st_rdev);
         }) != 0)
         return destinationFailure(Step::CreateNode, errno);
     int error = 0;
     if (!clonePathOnlyMetadata(node.get(), st, entry, item.dirFd, !worker_.disableACLClone, &error)) {
-        if (FVDestinationFailure::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
         worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}. (Reason: {})",
                                         item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
     }
@@ -298,7 +304,7 @@ FVItemCloner::Result FVItemCloner::publish(FVTemporaryEntry& entry, const Item& 
 
 bool FVItemCloner::clonePathOnlyMetadata(int sourceFd, const struct stat& st, const FVTemporaryEntry& entry, int dirFd,
                                          bool cloneACL, int* error) {
-    FVFd created(openat(dirFd, entry.name().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    FVFd created(FVOpenFiles::openat(dirFd, entry.name().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!created.valid()) {
         *error = errno;
         return false;

@@ -1,7 +1,12 @@
 #include "engine/FVLog.h"
 
-#include "engine/FVAdditions.h"
+#include "engine/FVDate.h"
 #include "engine/FVLogRotation.h"
+#include "fs/FVFileData.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVItemCreation.h"
+#include "fs/FVOpenFiles.h"
+#include "fs/FVPathResolution.h"
 #include "platform/FVHomeDirectory.h"
 #include "platform/FVJournalSink.h"
 #include "platform/FVSystemLog.h"
@@ -15,7 +20,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <mutex>
 
 namespace ferrovane {
@@ -32,9 +36,7 @@ constexpr const char* kSystemLogPath = "/var/log/Ferrovane.log";
 std::string FVLog::logFilePath() {
     // Made absolute at once: threads that walk folders move their own working folder.
     if (const char* path = std::getenv("FERROVANE_LOG_FILE"); path && *path) {
-        std::error_code error;
-        std::filesystem::path folder = *path == '/' ? std::filesystem::path() : std::filesystem::current_path(error);
-        return folder.empty() ? std::string(path) : (folder / path).string();
+        return FVPathResolution::absolute(path);
     }
     if (geteuid() == 0) return kSystemLogPath;
     std::string state;
@@ -84,18 +86,17 @@ void FVLog::newLog() {
         if (std::string problem = FVLogRotation::rotateIfLarger(logPath_); !problem.empty())
             FVSystemLog::error(kClassName, problem);
     struct stat st {};
-    if (lstat(logPath_.c_str(), &st) != 0) {
-        std::error_code ignored;
-        std::filesystem::create_directories(std::filesystem::path(logPath_).parent_path(), ignored);
-        int created = open(logPath_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (FVFileStatus::lstat(logPath_.c_str(), &st) != 0) {
+        FVItemCreation::makeParentFolders(logPath_);
+        int created = FVOpenFiles::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
         if (created < 0) {
             openProblem_ = fmt::format("cannot create {}: {}", logPath_, std::strerror(errno));
             FVSystemLog::error(kClassName, "Cannot create logfile: " + logPath_);
             return;
         }
-        close(created);
+        FVOpenFiles::close(created);
     }
-    int fd = open(logPath_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    int fd = FVOpenFiles::open(logPath_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
     if (fd < 0) {
         openProblem_ = fmt::format("cannot open {}: {}", logPath_, std::strerror(errno));
         FVSystemLog::error(kClassName, "Cannot open logfile: " + logPath_);
@@ -126,7 +127,7 @@ void FVLog::addLogLine(std::string_view line) {
         }
         // O_APPEND and one write per line keep lines from many threads whole.
         ssize_t n;
-        do n = ::write(fd, text.data(), text.size());
+        do n = FVFileData::write(fd, text.data(), text.size());
         while (n < 0 && errno == EINTR);
         failed = n != static_cast<ssize_t>(text.size());
     }
@@ -147,7 +148,7 @@ void FVLog::closeLog() {
 
 void FVLog::closeLocked() {
     int fd = fd_.exchange(-1);
-    if (fd >= 0) close(fd);
+    if (fd >= 0) FVOpenFiles::close(fd);
 }
 
 }  // namespace ferrovane

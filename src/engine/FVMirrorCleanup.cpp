@@ -1,10 +1,12 @@
 #include "engine/FVMirrorCleanup.h"
 
-#include "engine/FVAdditions.h"
 #include "engine/FVArchiveMove.h"
 #include "engine/FVDestinationNames.h"
 #include "engine/FVExclusionRules.h"
 #include "engine/FVFileCopyWorker.h"
+#include "engine/FVNumber.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVFolderContents.h"
 #include "fs/FVText.h"
 
 #include <sys/stat.h>
@@ -19,7 +21,7 @@ namespace ferrovane {
 namespace {
 
 bool isEmptyDirectory(const std::string& path) {
-    return FVFileSystemItem(path).fileType() == FVFileType::Directory && FVFileManager::folderHasEntries(path) == false;
+    return FVFileSystemItem(path).fileType() == FVFileType::Directory && FVFolderContents::folderHasEntries(path) == false;
 }
 
 }  // namespace
@@ -32,7 +34,7 @@ bool FVMirrorCleanup::run(const std::vector<FVSourceItemPtr>& backupSet, int32_t
         if (item->mode() != FVSourceMode::Backup) continue;
         std::string sourceRoot = item->sourcePath();
         // A missing source (an unmounted volume) keeps its mirror untouched until it is back.
-        if (!FVFileManager::pathExists(sourceRoot)) continue;
+        if (!FVFileStatus::pathExists(sourceRoot)) continue;
         auto confirmed = item->value(FVSourceKey::emptySourceConfirmed);
         if (!cleanSourceRoot(sourceRoot, confirmed && confirmed->boolValue())) return false;
     }
@@ -52,14 +54,14 @@ bool FVMirrorCleanup::cleanSourceRoot(const std::string& sourceRoot, bool emptyS
     // deleting the mirror would destroy the only copy. Archiving keeps it, so only deletion waits
     // until the user confirms that the folder really was emptied.
     if (!archives() && !emptySourceConfirmed && isEmptyDirectory(sourceRoot) &&
-        FVFileSystemItem(mirror).fileType() == FVFileType::Directory && FVFileManager::folderHasEntries(mirror) != false) {
-        std::string message = fmt::format(
-            "ERROR: Not removing the contents of {}: its source {} is empty (a volume that is not mounted?). "
-            "If the folder really was emptied, confirm it (\"ferrovane config {} confirm-empty {}\" or "
-            "\"Confirm Emptied Folder…\" in the window's error list); the next run then removes the backup's contents.",
-            mirror, sourceRoot, settings_.targetPath, sourceRoot);
-        status_.log(message);
-        status_.addError(message.substr(7));
+        FVFileSystemItem(mirror).fileType() == FVFileType::Directory && FVFolderContents::folderHasEntries(mirror) != false) {
+        status_.report(FVRunError::item(
+            "removing", 0, mirror,
+            fmt::format("Not removing the contents of {}: its source {} is empty (a volume that is not mounted?). "
+                        "If the folder really was emptied, confirm it (\"ferrovane config {} confirm-empty {}\" or "
+                        "\"Confirm Emptied Folder…\" in the window's error list); the next run then removes the "
+                        "backup's contents.",
+                        mirror, sourceRoot, settings_.targetPath, sourceRoot)));
         return true;
     }
 
@@ -123,7 +125,7 @@ FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot,
     const bool probeFolder = entry.name() == FVMirrorLayout::kProbeFolder &&
                              entry.path == FVText::appendingPathComponent(settings_.targetPath, FVMirrorLayout::kProbeFolder);
     if (((FVMirrorLayout::isTemporaryName(entry.name()) && !S_ISDIR(entry.st.st_mode)) || probeFolder) &&
-        FVFileManager::existenceAtPath(sourcePath) == FVExistence::Missing)
+        FVFileStatus::existenceAtPath(sourcePath) == FVExistence::Missing)
         return Decision::RemoveLeftover;
     if (FVExclusionRules::fileShouldBeExcluded(sourcePath, settings_.protectedPaths, nullptr) ||
         FVText::lastPathComponent(sourcePath).rfind("._", 0) == 0 || findings_.isBelowUnreadableSource(sourcePath))
@@ -144,7 +146,7 @@ FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot,
     }
     int error = 0;
     mode_t type = 0;
-    switch (FVFileManager::existenceAtPath(sourcePath, &error, &type)) {
+    switch (FVFileStatus::existenceAtPath(sourcePath, &error, &type)) {
     case FVExistence::Exists:
         // A source that became a FIFO, socket or device is passed over by the walk: what its
         // name held before is gone from the source.
@@ -163,10 +165,10 @@ FVMirrorCleanup::Decision FVMirrorCleanup::decide(const std::string& sourceRoot,
         break;
     }
     findings_.unreadableSourcePaths.push_back(sourcePath);
-    std::string message = fmt::format("ERROR: Could not check whether {} still exists ({}); its backup {} is kept.",
-                                      sourcePath, std::strerror(error), entry.path);
-    status_.log(message);
-    status_.addError(message);
+    status_.report(FVRunError::item("checking", error, sourcePath,
+                                    fmt::format("Could not check whether {} still exists ({}); its backup {} is kept.",
+                                                sourcePath, std::strerror(error), entry.path))
+                       .listedWithLevel());
     return Decision::Keep;
 }
 
@@ -192,12 +194,10 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
             status_.changed(FVItemChange::Archived, itemPath);
             return;
         }
-        if (status_.stopOnFatalDestinationError(error, "archiving", itemPath)) return;
         // The item stays in the mirror: it is never deleted in place of a failed archive move.
         // The error list carries the reason too: it is all a user sees of the failure.
-        std::string message = fmt::format("Archiving deleted file failed: {} ({})", itemPath, std::strerror(error));
-        status_.log("ERROR: " + message);
-        status_.addError(message);
+        status_.report(FVRunError::atDestination(
+            "archiving", error, itemPath, fmt::format("Archiving deleted file failed: {} ({})", itemPath, std::strerror(error))));
         return;
     }
     int error = destination_.removeItem(itemPath);
@@ -211,10 +211,8 @@ void FVMirrorCleanup::removeDeletedItem(const std::string& sourceRoot, const std
         status_.changed(FVItemChange::Deleted, itemPath);
         return;
     }
-    if (status_.stopOnFatalDestinationError(error, "removing", itemPath)) return;
-    std::string message = fmt::format("Deleting failed: {} ({})", itemPath, std::strerror(error));
-    status_.log("ERROR: " + message);
-    status_.addError(message);
+    status_.report(FVRunError::atDestination("removing", error, itemPath,
+                                             fmt::format("Deleting failed: {} ({})", itemPath, std::strerror(error))));
 }
 
 }  // namespace ferrovane

@@ -1,6 +1,9 @@
 #include "engine/FVMirrorFolders.h"
 
-#include "engine/FVAdditions.h"
+#include "engine/FVAttributeSignature.h"
+#include "fs/FVDirectoryEntries.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVOpenFiles.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -19,7 +22,7 @@ std::optional<size_t> countNames(int fd) {
     alignas(8) char buffer[32768];
     size_t count = 0;
     for (;;) {
-        ssize_t size = getdents64(fd, buffer, sizeof buffer);
+        ssize_t size = FVDirectoryEntries::getdents64(fd, buffer, sizeof buffer);
         if (size == 0) return count;
         if (size < 0) {
             if (errno == EINTR) continue;
@@ -39,7 +42,7 @@ FVFileSystemItemPtr FVMirrorFolders::item(size_t level, const char* name, const 
     if (level == 0 || level > folders_.size() || !folders_[level - 1].fd.valid())
         return std::make_shared<FVFileSystemItem>(path);
     struct stat st {};
-    if (fstatat(folders_[level - 1].fd.get(), name, &st, AT_SYMLINK_NOFOLLOW) == 0)
+    if (FVFileStatus::fstatat(folders_[level - 1].fd.get(), name, &st, AT_SYMLINK_NOFOLLOW) == 0)
         return std::make_shared<FVFileSystemItem>(path, st);
     if (errno == ENOENT) return FVFileSystemItem::missingItem(path);
     return std::make_shared<FVFileSystemItem>(path);
@@ -48,7 +51,7 @@ FVFileSystemItemPtr FVMirrorFolders::item(size_t level, const char* name, const 
 std::string FVMirrorFolders::signature(size_t level, const char* name, const std::string& path, bool includeACL) {
     const bool inFolder = level > 0 && level <= folders_.size() &&
                           workingFolder_.moveTo(folders_[level - 1].fd.get(), folders_[level - 1].relativePath);
-    return FVFileManager::xattrNameAndDataStringForFileAtPath(inFolder ? std::string(name) : path, includeACL);
+    return FVAttributeSignature::xattrNameAndDataStringForFileAtPath(inFolder ? std::string(name) : path, includeACL);
 }
 
 void FVMirrorFolders::leaveBelow(size_t level) {
@@ -68,7 +71,7 @@ void FVMirrorFolders::enter(size_t level, const char* name, std::string relative
         if (level == 0)
             folder.fd.reset(FVLongPath::open(mirror.path(), flags));
         else if (level <= folders_.size() && folders_[level - 1].fd.valid())
-            folder.fd.reset(openat(folders_[level - 1].fd.get(), name, flags));
+            folder.fd.reset(FVOpenFiles::openat(folders_[level - 1].fd.get(), name, flags));
         if (countNames_ && folder.fd.valid()) {
             std::optional<size_t> names = countNames(folder.fd.get());
             folder.counted = names.has_value();

@@ -1,6 +1,7 @@
 #include "engine/FVPlacementChange.h"
 
 #include "engine/FVMirrorLayout.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVText.h"
 
 #include <fmt/format.h>
@@ -35,7 +36,7 @@ std::string shellWord(const std::string& bytes) {
 // may well be one.
 bool somethingAt(const std::string& path) {
     struct stat st {};
-    return lstat(path.c_str(), &st) == 0 || (errno != ENOENT && errno != ENOTDIR);
+    return FVFileStatus::lstat(path.c_str(), &st) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
 }  // namespace

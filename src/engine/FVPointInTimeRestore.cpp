@@ -1,13 +1,15 @@
 #include "engine/FVPointInTimeRestore.h"
 
 #include "FVVersion.h"
-#include "engine/FVAdditions.h"
 #include "engine/FVLog.h"
+#include "engine/FVNumber.h"
 #include "engine/FVRecordedFileCopy.h"
 #include "engine/FVRecordedMetadata.h"
 #include "engine/FVTemporaryEntry.h"
 #include "engine/FVTrash.h"
 #include "fs/FVDataCopier.h"
+#include "fs/FVLinks.h"
+#include "fs/FVOpenFiles.h"
 #include "fs/FVText.h"
 
 #include <fcntl.h>
@@ -195,7 +197,7 @@ void FVPointInTimeRestore::restoreEntry(const FVManifestEntry& entry, Lane& lane
     case FVPointInTimePlan::State::SameBytes: {
         std::string name;
         int parent = lane.parentFolder(*relative, &name);
-        FVFd item(parent < 0 ? -1 : openat(parent, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        FVFd item(parent < 0 ? -1 : FVOpenFiles::openat(parent, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         std::string problem;
         if (!item.valid() || !FVRecordedMetadata::apply(entry, {item.get(), false}, plan_.targetProfile(), &problem))
             tell(fmt::format("ERROR: Could not give {} its recorded mode and owner: {}", *target,
@@ -243,11 +245,11 @@ void FVPointInTimeRestore::restoreEntry(const FVManifestEntry& entry, Lane& lane
 void FVPointInTimeRestore::restoreLink(const FVManifestEntry& entry, const std::string& target, int parent,
                                        const std::string& name) {
     FVTemporaryEntry made(parent);
-    if (made.create([&](const char* temporary) { return symlinkat(entry.linkTarget.c_str(), parent, temporary); }) < 0) {
+    if (made.create([&](const char* temporary) { return FVLinks::symlinkat(entry.linkTarget.c_str(), parent, temporary); }) < 0) {
         tell(fmt::format("ERROR: Could not make the link {} ({})", target, std::strerror(errno)), true);
         return;
     }
-    FVFd item(openat(parent, made.name().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    FVFd item(FVOpenFiles::openat(parent, made.name().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     std::string problem;
     if (!item.valid() || !FVRecordedMetadata::apply(entry, {item.get(), true}, plan_.targetProfile(), &problem))
         tell(fmt::format("ERROR: Restored {} without all of its metadata: {}", target,
@@ -273,7 +275,7 @@ bool FVPointInTimeRestore::linkToGroup(const FileJob& job, int parent, const std
     FVFd firstFolder = target_->openFolder(folder, false, &error);
     FVTemporaryEntry made(parent);
     if (!firstFolder.valid() || made.create([&](const char* temporary) {
-            return linkat(firstFolder.get(), firstName.c_str(), parent, temporary, 0);
+            return FVLinks::linkat(firstFolder.get(), firstName.c_str(), parent, temporary, 0);
         }) < 0)
         return false;
     if (!made.publishAsNew(parent, name))
@@ -296,7 +298,7 @@ void FVPointInTimeRestore::restoreFile(const FileJob& job, Lane& lane) {
     if (entry.linkGroup && linkToGroup(job, parent, name)) return;
     FVTemporaryEntry made(parent);
     FVFd out(made.create([&](const char* temporary) {
-        return openat(parent, temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        return FVOpenFiles::openat(parent, temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     }));
     if (!out.valid()) {
         tell(fmt::format("ERROR: Could not make {} ({})", job.target, std::strerror(errno)), true);

@@ -1,5 +1,9 @@
 #include "engine/FVRecordedFileCopy.h"
 
+#include "fs/FVFileData.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVOpenFiles.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,7 +28,7 @@ FVFd FVRecordedFileCopy::openPlace(const std::string& place) {
         }
     }
     const std::string name = slash == std::string::npos ? place : place.substr(slash + 1);
-    return FVFd(openat(folder_.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    return FVFd(FVOpenFiles::openat(folder_.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
 }
 
 FVRecordedFileCopy::Read FVRecordedFileCopy::copyFrom(const std::string& place,
@@ -36,13 +40,13 @@ FVRecordedFileCopy::Read FVRecordedFileCopy::copyFrom(const std::string& place,
         *problem = fmt::format("could not read {} ({})", place, std::strerror(errno));
         return Read::Unreadable;
     }
-    if (!in.valid() || fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return Read::Missing;
+    if (!in.valid() || FVFileStatus::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return Read::Missing;
     if (digest && static_cast<uint64_t>(st.st_size) != size) return Read::Differs;
     FVContentHasher hasher;
     uint64_t copied = 0;
     for (;;) {
         if (cancelled_()) return Read::Cancelled;
-        ssize_t n = read(in.get(), buffer_, bufferSize_);
+        ssize_t n = FVFileData::read(in.get(), buffer_, bufferSize_);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
             *problem = fmt::format("could not read {} ({})", place, std::strerror(errno));
@@ -51,7 +55,7 @@ FVRecordedFileCopy::Read FVRecordedFileCopy::copyFrom(const std::string& place,
         if (n == 0) break;
         hasher.update(buffer_, static_cast<size_t>(n));
         for (ssize_t written = 0; written < n;) {
-            ssize_t w = write(out, buffer_ + written, static_cast<size_t>(n - written));
+            ssize_t w = FVFileData::write(out, buffer_ + written, static_cast<size_t>(n - written));
             if (w < 0 && errno == EINTR) continue;
             if (w < 0) {
                 *problem = fmt::format("could not write it ({})", std::strerror(errno));
@@ -81,7 +85,7 @@ FVRecordedFileCopy::Outcome FVRecordedFileCopy::copy(const std::vector<std::stri
         case Read::Differs: ++*mismatches; break;
         }
         *bytes = 0;
-        if (ftruncate(out, 0) != 0 || lseek(out, 0, SEEK_SET) != 0) {
+        if (FVFileData::ftruncate(out, 0) != 0 || FVFileData::lseek(out, 0, SEEK_SET) != 0) {
             *problem = fmt::format("could not empty it again ({})", std::strerror(errno));
             return Outcome::Failed;
         }

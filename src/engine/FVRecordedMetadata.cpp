@@ -1,6 +1,8 @@
 #include "engine/FVRecordedMetadata.h"
 
 #include "fs/FVExtendedAttributes.h"
+#include "fs/FVFileModes.h"
+#include "fs/FVOwnership.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,8 +19,8 @@ namespace ferrovane::FVRecordedMetadata {
 namespace {
 
 int changeOwner(FVItemHandle item, uid_t owner, gid_t group) {
-    return item.pathOnly ? fchownat(item.fd, "", owner, group, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW)
-                         : fchown(item.fd, owner, group);
+    return item.pathOnly ? FVOwnership::fchownat(item.fd, "", owner, group, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW)
+                         : FVOwnership::fchown(item.fd, owner, group);
 }
 
 void note(std::string* problem, const std::string& what, int error) {
@@ -48,7 +50,7 @@ bool apply(const FVManifestEntry& entry, FVItemHandle item, const FVDestinationP
         }
     }
     // After the owner: a change of owner clears the set-id bits.
-    if (target.keepsModes && !link && fchmod(item.fd, entry.mode & 07777) != 0)
+    if (target.keepsModes && !link && FVFileModes::fchmod(item.fd, entry.mode & 07777) != 0)
         note(problem, "could not set its mode", errno);
     struct stat times {};
     times.st_mtim = {static_cast<time_t>(entry.modificationTimeNs / 1000000000),

@@ -2,12 +2,13 @@
 
 #include "engine/FVChangeDecision.h"
 #include "engine/FVConfigurationFile.h"
+#include "engine/FVFileCopyWorker.h"
+#include "engine/FVVersionCatalog.h"
 #include "fs/FVDestinationProbe.h"
 #include "fs/FVDirectoryWalker.h"
+#include "fs/FVLinks.h"
 #include "fs/FVMountTable.h"
-#include "engine/FVFileCopyWorker.h"
 #include "fs/FVText.h"
-#include "engine/FVVersionCatalog.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -27,7 +28,7 @@ namespace {
 // reached) by descriptor.
 std::string linkText(int folderFd, const std::string& name) {
     std::string text(4096, '\0');
-    ssize_t n = readlinkat(folderFd, name.c_str(), text.data(), text.size());
+    ssize_t n = FVLinks::readlinkat(folderFd, name.c_str(), text.data(), text.size());
     text.resize(n < 0 ? 0 : static_cast<size_t>(n));
     return text;
 }

@@ -1,8 +1,8 @@
 #include "engine/FVRestoreRun.h"
 
 #include "FVVersion.h"
-#include "engine/FVAdditions.h"
 #include "engine/FVLog.h"
+#include "engine/FVNumber.h"
 #include "engine/FVTrash.h"
 #include "fs/FVFileDescriptor.h"
 

@@ -1,9 +1,9 @@
 #include "engine/FVRestoreTarget.h"
 
+#include "fs/FVFileStatus.h"
+#include "fs/FVPathResolution.h"
 #include "fs/FVText.h"
 
-#include <limits.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 
 namespace ferrovane {
@@ -11,10 +11,10 @@ namespace ferrovane {
 FVRestoreTarget FVRestoreTarget::confined(std::string from, const std::string& anchor, const std::string& to) {
     std::string existing = anchor;
     struct stat st {};
-    while (existing != "/" && !(stat(existing.c_str(), &st) == 0 && S_ISDIR(st.st_mode)))
+    while (existing != "/" && !(FVFileStatus::stat(existing.c_str(), &st) == 0 && S_ISDIR(st.st_mode)))
         existing = FVText::deletingLastPathComponent(existing);
-    char buffer[PATH_MAX];
-    std::string root = realpath(existing.c_str(), buffer) ? std::string(buffer) : existing;
+    std::string root;
+    if (!FVPathResolution::realPath(existing.c_str(), root)) root = existing;
     std::string rest = existing == "/" ? to : to.substr(existing.size());
     std::string target = root == "/" ? (rest.empty() ? "/" : rest) : root + rest;
     return {std::move(from), std::move(target), std::move(root), {}};

@@ -1,8 +1,8 @@
 #include "engine/FVRoomForRun.h"
 
-#include "engine/FVAdditions.h"
 #include "engine/FVArchivedRuns.h"
 #include "engine/FVLog.h"
+#include "engine/FVNumber.h"
 #include "engine/FVRunPlanner.h"
 #include "fs/FVSpaceUsage.h"
 

@@ -1,6 +1,9 @@
 #include "engine/FVRunLogReader.h"
 
+#include "fs/FVFileData.h"
 #include "fs/FVFileDescriptor.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVOpenFiles.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -130,13 +133,13 @@ std::vector<FVLoggedRun> FVRunLogReader::parse(std::string_view text) {
 
 std::vector<FVLoggedRun> FVRunLogReader::recentRuns(const std::string& path, const std::string& destination, size_t limit,
                                                     std::string* problem, size_t tailBytes) {
-    FVFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    FVFd file(FVOpenFiles::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.valid()) {
         if (errno != ENOENT) *problem = path + ": " + std::strerror(errno);
         return {};
     }
     struct stat st {};
-    if (fstat(file.get(), &st) != 0) {
+    if (FVFileStatus::fstat(file.get(), &st) != 0) {
         *problem = path + ": " + std::strerror(errno);
         return {};
     }
@@ -144,7 +147,7 @@ std::vector<FVLoggedRun> FVRunLogReader::recentRuns(const std::string& path, con
     std::string text(size_t(st.st_size - start), '\0');
     size_t got = 0;
     while (got < text.size()) {
-        const ssize_t n = pread(file.get(), text.data() + got, text.size() - got, start + off_t(got));
+        const ssize_t n = FVFileData::pread(file.get(), text.data() + got, text.size() - got, start + off_t(got));
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
             *problem = path + ": " + std::strerror(errno);

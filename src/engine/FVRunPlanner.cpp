@@ -1,8 +1,8 @@
 #include "engine/FVRunPlanner.h"
 
-#include "engine/FVAdditions.h"
 #include "engine/FVRunFindings.h"
 #include "engine/FVSourceAnalysis.h"
+#include "fs/FVFileStatus.h"
 
 namespace ferrovane {
 
@@ -27,7 +27,7 @@ uint64_t FVRunPlanner::bytesToWrite(const std::vector<std::string>& sources) {
     findings.excludedFiles = excludedFiles_;
     for (const std::string& source : sources) {
         if (status_.isCancelled()) break;
-        if (!FVFileManager::pathExists(source)) continue;
+        if (!FVFileStatus::pathExists(source)) continue;
         FVSourceAnalysis analysis(
             settings_, findings, status_,
             [&bytes](FVFileSystemItemPtr item, FVFileSystemItemPtr, FVSourceAnalysis::Work work) {

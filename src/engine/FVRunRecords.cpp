@@ -2,6 +2,8 @@
 
 #include "engine/FVMirrorLayout.h"
 #include "engine/FVVersionCatalog.h"
+#include "fs/FVDirectoryEntries.h"
+#include "fs/FVOpenFiles.h"
 #include "manifest/FVManifestReader.h"
 #include "manifest/FVManifestWriter.h"
 
@@ -25,15 +27,15 @@ std::string FVRunRecords::pathOf(const std::string& stamp) const {
 
 std::vector<FVRunRecord> FVRunRecords::list() const {
     std::vector<FVRunRecord> runs;
-    int fd = open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    int fd = FVOpenFiles::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return runs;
-    DIR* dir = fdopendir(fd);
+    DIR* dir = FVDirectoryEntries::fdopendir(fd);
     if (!dir) {
-        close(fd);
+        FVOpenFiles::close(fd);
         return runs;
     }
     const std::string extension = FVManifestWriter::kExtension;
-    while (dirent* e = readdir(dir)) {
+    while (dirent* e = FVDirectoryEntries::readdir(dir)) {
         std::string name = e->d_name;
         if (name.size() <= extension.size() || name.compare(name.size() - extension.size(), extension.size(), extension))
             continue;
@@ -47,7 +49,7 @@ std::vector<FVRunRecord> FVRunRecords::list() const {
         run.summary = FVManifestReader::readSummary(run.path, &run.problem);
         runs.push_back(std::move(run));
     }
-    closedir(dir);
+    FVDirectoryEntries::closedir(dir);
     std::sort(runs.begin(), runs.end(), [](const FVRunRecord& a, const FVRunRecord& b) {
         return a.time != b.time ? a.time < b.time : a.stamp < b.stamp;
     });

@@ -5,6 +5,7 @@
 #include "engine/FVMirrorLayout.h"
 #include "engine/FVOptions.h"
 #include "fs/FVDestinationProfile.h"
+#include "fs/FVFileStatus.h"
 
 #include <functional>
 #include <string>
@@ -34,7 +35,7 @@ struct FVRunSettings {
     ino_t destinationInode = 0;
     void identifyDestination() {
         struct stat destination {};
-        if (stat(targetPath.c_str(), &destination) == 0) {
+        if (FVFileStatus::stat(targetPath.c_str(), &destination) == 0) {
             destinationDevice = destination.st_dev;
             destinationInode = destination.st_ino;
         }

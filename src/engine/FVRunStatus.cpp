@@ -28,6 +28,13 @@ void FVRunStatus::changed(FVItemChange change, const std::string& path, uint64_t
     if (itemChanged_) itemChanged_(change, path);
 }
 
+bool FVRunStatus::report(const FVRunError& error) {
+    if (error.kind == FVRunError::Kind::Fatal) return stopOnFatalDestinationError(error.error, error.step, error.path);
+    log(error.logLine());
+    addError(error.listText());
+    return false;
+}
+
 void FVRunStatus::addError(std::string message) {
     std::lock_guard lock(errorsMutex_);
     errorMessages_.push_back(std::move(message));
@@ -45,7 +52,7 @@ void FVRunStatus::cancel() {
 }
 
 bool FVRunStatus::stopOnFatalDestinationError(int error, std::string_view action, const std::string& path) {
-    if (!FVDestinationFailure::isFatal(error)) return false;
+    if (!FVRunError::isFatal(error)) return false;
     destinationFailed(FVDestinationFailure(error, action, path));
     if (auto worker = currentWorker()) worker->cancel();
     return true;

@@ -5,6 +5,7 @@
 
 #include "engine/FVCurrentCopy.h"
 #include "engine/FVDestinationFailure.h"
+#include "engine/FVRunError.h"
 #include "engine/FVRunTally.h"
 
 #include <atomic>
@@ -36,6 +37,9 @@ public:
     void changed(FVItemChange change, const std::string& path, uint64_t bytes = 0);
     void setItemListener(std::function<void(FVItemChange, const std::string&)> listener) { itemChanged_ = std::move(listener); }
     FVRunTally tally;
+    // The one place an error becomes its log line and its entry in the error list; a fatal one
+    // ends the run as stopOnFatalDestinationError does. Returns whether it was fatal.
+    bool report(const FVRunError& error);
     void addError(std::string message);
     std::vector<std::string> errorMessages() const;
 

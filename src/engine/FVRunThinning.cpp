@@ -1,7 +1,7 @@
 #include "engine/FVRunThinning.h"
 
-#include "engine/FVAdditions.h"
 #include "engine/FVArchivedRuns.h"
+#include "engine/FVNumber.h"
 #include "engine/FVThinningPlan.h"
 
 #include <fmt/format.h>
@@ -41,10 +41,10 @@ void FVRunThinning::run() {
             bytes += removal.bytes;
             continue;
         }
-        if (status_.stopOnFatalDestinationError(error, "purging", removal.path)) return;
-        std::string message = fmt::format("WARNING: Could not remove {} (retention): {}", removal.path, std::strerror(error));
-        status_.log(message);
-        status_.addError(message);
+        const std::string message = fmt::format("Could not remove {} (retention): {}", removal.path, std::strerror(error));
+        if (status_.report(
+                FVRunError::atDestination("purging", error, removal.path, message, FVRunError::Kind::Warning).listedWithLevel()))
+            return;
         // The versions a record still names stay with it.
         if (removal.record) break;
     }

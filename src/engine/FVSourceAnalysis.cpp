@@ -1,14 +1,17 @@
 #include "engine/FVSourceAnalysis.h"
 
-#include "engine/FVAdditions.h"
+#include "engine/FVAttributeSignature.h"
 #include "engine/FVChangeDecision.h"
 #include "engine/FVDestinationNames.h"
+#include "engine/FVExclusionRules.h"
 #include "engine/FVMirrorFolders.h"
+#include "engine/FVNumber.h"
 #include "engine/FVRunRecorder.h"
 #include "engine/FVSourceListing.h"
-#include "fs/FVFileDescriptor.h"
-#include "engine/FVExclusionRules.h"
 #include "fs/FVExtendedAttributes.h"
+#include "fs/FVFileDescriptor.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVFolderContents.h"
 #include "fs/FVText.h"
 
 #include <sys/stat.h>
@@ -69,10 +72,10 @@ void FVSourceAnalysis::recordCurrent(const std::string& relative, const FVFileSy
 
 void FVSourceAnalysis::reportUnreadableSource(const std::string& path, int error) {
     findings_.unreadableSourcePaths.push_back(path);
-    std::string message = fmt::format("ERROR: Could not analyse {} ({}); its backup is kept as it is.", path,
-                                      std::strerror(error));
-    status_.log(message);
-    status_.addError(message);
+    status_.report(FVRunError::item("analysing", error, path,
+                                    fmt::format("Could not analyse {} ({}); its backup is kept as it is.", path,
+                                                std::strerror(error)))
+                       .listedWithLevel());
 }
 
 bool FVSourceAnalysis::isExcluded(const std::string& path, const std::string& sourceRoot) const {
@@ -82,12 +85,12 @@ bool FVSourceAnalysis::isExcluded(const std::string& path, const std::string& so
 void FVSourceAnalysis::addFixedPatterns(const std::string& sourcePath) {
     std::vector<std::string>& excluded = findings_.excludedFiles;
     for (const auto& named : FVExclusionRules::perItemNamePatterns())
-        if (FVFileManager::pathExists(FVText::appendingPathComponent(sourcePath, named.testedName)))
+        if (FVFileStatus::pathExists(FVText::appendingPathComponent(sourcePath, named.testedName)))
             excluded.push_back(named.pattern);
     if (sourcePath != "/") return;
     status_.log("macOS clone detected and configured.");
     for (const std::string& name : FVExclusionRules::rootCloneConditionalNames())
-        if (FVFileManager::pathExists("/" + name)) excluded.push_back(name);
+        if (FVFileStatus::pathExists("/" + name)) excluded.push_back(name);
     for (const std::string& pattern : FVExclusionRules::rootClonePatterns()) excluded.push_back(pattern);
 }
 
@@ -119,7 +122,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
         std::function<bool()> xattrsIdentical;
         if (!settings_.options.ignoreFileFlagChanges)
             xattrsIdentical = [&] {
-                return FVFileManager::xattrIdentialforFileAtPath(sourceRoot, targetRoot, !settings_.options.disableACLClone);
+                return FVAttributeSignature::xattrIdentialforFileAtPath(sourceRoot, targetRoot, !settings_.options.disableACLClone);
             };
         FVChangeDecision::Reason reason = decide(*root, *target, xattrsIdentical);
         const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch;
@@ -130,7 +133,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
     }
     // An empty folder is neither compared nor created at the destination; an unreadable one
     // keeps its mirror exactly as it is.
-    std::optional<bool> hasEntries = FVFileManager::folderHasEntries(sourceRoot);
+    std::optional<bool> hasEntries = FVFolderContents::folderHasEntries(sourceRoot);
     if (!hasEntries) {
         reportUnreadableSource(sourceRoot, errno);
         return;
@@ -154,7 +157,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
     const bool compareAttributes = !settings_.options.ignoreFileFlagChanges;
     if (compareAttributes)
         rules.signature = [includeACL](const std::string& path) {
-            return FVFileManager::xattrNameAndDataStringForFileAtPath(path, includeACL);
+            return FVAttributeSignature::xattrNameAndDataStringForFileAtPath(path, includeACL);
         };
     if (recorder_)
         rules.attributes = [](const std::string& path) { return FVRunRecorder::attributesOf(FVExtendedAttributes(path)); };
@@ -196,9 +199,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
             case Kind::Unmirrorable: {
                 // Not copied, and no match of its folder's mirror names: whatever the mirror holds
                 // under a name like it belongs to the entry that is backed up.
-                std::string message = fmt::format("Cannot back up {}: {}.", path, entry.reason);
-                status_.log("ERROR: " + message);
-                status_.addError(std::move(message));
+                status_.report(FVRunError::item("analysing", 0, path, fmt::format("Cannot back up {}: {}.", path, entry.reason)));
                 continue;
             }
             case Kind::Item: break;
@@ -215,10 +216,10 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                 continue;
             }
             if (type == S_IFLNK && !settings_.destinationProfile.symbolicLinks) {
-                std::string message = fmt::format("Cannot back up {}: the destination ({}) cannot hold symbolic links.",
-                                                  path, settings_.destinationProfile.fileSystemType);
-                status_.log("ERROR: " + message);
-                status_.addError(std::move(message));
+                status_.report(FVRunError::item(
+                    "analysing", 0, path,
+                    fmt::format("Cannot back up {}: the destination ({}) cannot hold symbolic links.", path,
+                                settings_.destinationProfile.fileSystemType)));
                 continue;
             }
             std::string destinationPath = targetRoot + std::string(entry.relativePath());
@@ -244,7 +245,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
             std::function<bool()> xattrsIdentical;
             if (compareAttributes)
                 xattrsIdentical = [&] {
-                    if (!entry.signature) return FVFileManager::xattrIdentialforFileAtPath(path, destinationPath, includeACL);
+                    if (!entry.signature) return FVAttributeSignature::xattrIdentialforFileAtPath(path, destinationPath, includeACL);
                     return *entry.signature == mirrorFolders.signature(level, entry.nameCString(), destinationPath, includeACL);
                 };
             const FVChangeDecision::Reason reason =

@@ -4,6 +4,7 @@
 #include "fs/FVCacheDirectoryTag.h"
 #include "fs/FVDirectoryWalker.h"
 #include "fs/FVFileDescriptor.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVThreadWorkingFolder.h"
 
 #include <fcntl.h>
@@ -94,7 +95,7 @@ void FVSourceListing::walk() {
             entry.kind = Entry::Kind::DestinationInside;
             walker.skipChildren();
         } else if (type == S_IFDIR && found->level > 0 &&
-                   faccessat(found->parentFd, found->nameCString(), R_OK | X_OK, AT_EACCESS) != 0) {
+                   FVFileStatus::faccessat(found->parentFd, found->nameCString(), R_OK | X_OK, AT_EACCESS) != 0) {
             entry.kind = Entry::Kind::UnreadableFolder;
             entry.error = errno;
             walker.skipChildren();

@@ -1,6 +1,6 @@
 #include "engine/FVSpaceBudget.h"
 
-#include "engine/FVAdditions.h"
+#include "engine/FVNumber.h"
 
 #include <fmt/format.h>
 

@@ -2,16 +2,20 @@
 #include "fs/FVMountTable.h"
 
 #include "FVVersion.h"
-#include "engine/FVAdditions.h"
 #include "engine/FVArchivePurge.h"
-#include "engine/FVRunThinning.h"
+#include "engine/FVDate.h"
 #include "engine/FVHardLinkWriter.h"
 #include "engine/FVLog.h"
 #include "engine/FVMirrorCleanup.h"
+#include "engine/FVNumber.h"
 #include "engine/FVRunRecorder.h"
+#include "engine/FVRunThinning.h"
 #include "engine/FVSourceAnalysis.h"
 #include "engine/FVStrings.h"
 #include "fs/FVDestinationProbe.h"
+#include "fs/FVFileModes.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVOwnership.h"
 #include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 #include "platform/FVMountWatcher.h"
@@ -112,12 +116,12 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
     status_.updateCount = 0;
     // The items the last source item checked now count for the whole run.
     status_.tally.addChecked(status_.totalFilesCount.exchange(0));
-    if (!FVFileManager::pathExists(sourcePath)) {
+    if (!FVFileStatus::pathExists(sourcePath)) {
         status_.log(fmt::format("Source: {} (UNAVAILABLE AND NOT UPDATED).", sourcePath));
         // Its mirror stays as it was: recorded as not brought up to date.
         struct stat mirror {};
         const std::string mirrorPath = settings_.itemTargetPath(sourcePath);
-        if (recorder_ && lstat(mirrorPath.c_str(), &mirror) == 0)
+        if (recorder_ && FVFileStatus::lstat(mirrorPath.c_str(), &mirror) == 0)
             recorder_->recordNotUpdated(settings_.layout().mirrorRelativePath(sourcePath), mirrorPath, mirror);
         return true;
     }
@@ -152,10 +156,10 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
     if (sourcePath == "/" && !settings_.dryRun) {
         // A clone of the whole system: the destination root takes the root folder's attributes.
         struct stat st {};
-        if (lstat("/", &st) == 0) {
-            int ignored = lchown(settings_.targetPath.c_str(), st.st_uid, st.st_gid);
+        if (FVFileStatus::lstat("/", &st) == 0) {
+            int ignored = FVOwnership::lchown(settings_.targetPath.c_str(), st.st_uid, st.st_gid);
             (void)ignored;
-            chmod(settings_.targetPath.c_str(), st.st_mode & 07777);
+            FVFileModes::chmod(settings_.targetPath.c_str(), st.st_mode & 07777);
         }
     }
     status_.log(fmt::format("Source finished: {} ({} copied).", sourcePath,
@@ -256,10 +260,10 @@ void FVSyncingBackup::thinRuns() { FVRunThinning(settings_, destination_, status
 void FVSyncingBackup::flushDestination() {
     if (settings_.dryRun) return;
     int error = destination_.flush();
-    if (error == 0 || status_.stopOnFatalDestinationError(error, "flushing", settings_.targetPath)) return;
-    std::string message = fmt::format("Could not write the destination's data to its disk: {}", std::strerror(error));
-    status_.log("ERROR: " + message);
-    status_.addError(message);
+    if (error == 0) return;
+    status_.report(FVRunError::atDestination("flushing", error, settings_.targetPath,
+                                             fmt::format("Could not write the destination's data to its disk: {}",
+                                                         std::strerror(error))));
 }
 
 void FVSyncingBackup::checkVolumeDidUnmount(const std::string& mountPoint) {

@@ -1,8 +1,12 @@
 #include "engine/FVTemporaryEntry.h"
 
-#include "engine/FVAdditions.h"
-#include "engine/FVDestinationFailure.h"
+#include "engine/FVRunError.h"
 #include "fs/FVConfinedDirectory.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVFileSystemFlush.h"
+#include "fs/FVInodeFlags.h"
+#include "fs/FVRemovals.h"
+#include "fs/FVRenames.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -18,7 +22,7 @@ namespace ferrovane {
 FVTemporaryEntry::~FVTemporaryEntry() {
     if (published_ || name_.empty()) return;
     int saved = errno;
-    unlinkat(dirFd_, name_.c_str(), 0);
+    FVRemovals::unlinkat(dirFd_, name_.c_str(), 0);
     errno = saved;
 }
 
@@ -35,32 +39,32 @@ bool FVTemporaryEntry::publishAsNew(int toDirFd, const std::string& name) {
 }
 
 bool FVTemporaryEntry::replaceIn(int toDirFd, const char* name) {
-    published_ = renameat(dirFd_, name_.c_str(), toDirFd, name) == 0;
+    published_ = FVRenames::renameat(dirFd_, name_.c_str(), toDirFd, name) == 0;
     return published_;
 }
 
 FVTemporaryEntry::Published FVTemporaryEntry::publish(const std::string& name, int dataFd) {
-    if (renameat2(dirFd_, name_.c_str(), dirFd_, name.c_str(), RENAME_NOREPLACE) == 0) {
+    if (FVRenames::renameat2(dirFd_, name_.c_str(), dirFd_, name.c_str(), RENAME_NOREPLACE) == 0) {
         published_ = true;
         return Published::Done;
     }
     // A failing, full or read-only disk is not worked around: the caller ends the run.
-    if (FVDestinationFailure::isFatal(errno)) return Published::CouldNotReplace;
+    if (FVRunError::isFatal(errno)) return Published::CouldNotReplace;
     // Something is in the way, the file system has no RENAME_NOREPLACE, or the folder is locked.
     struct stat st {};
-    bool exists = fstatat(dirFd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
-    if (exists && dataFd >= 0 && fsync(dataFd) != 0) return Published::DataNotSafe;
+    bool exists = FVFileStatus::fstatat(dirFd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+    if (exists && dataFd >= 0 && FVFileSystemFlush::fsync(dataFd) != 0) return Published::DataNotSafe;
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (exists && S_ISDIR(st.st_mode)) FVConfinedDirectory::removeRecursivelyAt(dirFd_, name);
-        if (renameat(dirFd_, name_.c_str(), dirFd_, name.c_str()) == 0) {
+        if (FVRenames::renameat(dirFd_, name_.c_str(), dirFd_, name.c_str()) == 0) {
             published_ = true;
             return Published::Done;
         }
         if (attempt == 0) {
             int saved = errno;
-            FVFileManager::unlockFileAt(dirFd_, name);
-            FVFileManager::unlockFileAt(dirFd_, "");
-            exists = fstatat(dirFd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+            FVInodeFlags::unlockFileAt(dirFd_, name);
+            FVInodeFlags::unlockFileAt(dirFd_, "");
+            exists = FVFileStatus::fstatat(dirFd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
             errno = saved;
         }
     }

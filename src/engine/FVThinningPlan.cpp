@@ -2,6 +2,10 @@
 
 #include "engine/FVDestinationTree.h"
 #include "engine/FVVersionCatalog.h"
+#include "fs/FVDirectoryEntries.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVLinks.h"
+#include "fs/FVOpenFiles.h"
 #include "manifest/FVManifestReader.h"
 
 #include <dirent.h>
@@ -62,9 +66,9 @@ bool FVThinningPlan::list(Folder& folder) const {
     std::vector<Folder::Item>& items = folder.items;
     // Each open folder with the index of its item (kNone for the root); depth first.
     std::function<bool(int, std::string, size_t)> walk = [&](int fd, std::string prefix, size_t parent) {
-        DIR* dir = fdopendir(fd);
+        DIR* dir = FVDirectoryEntries::fdopendir(fd);
         if (!dir) {
-            close(fd);
+            FVOpenFiles::close(fd);
             return false;
         }
         std::vector<std::string> names;
@@ -72,7 +76,7 @@ bool FVThinningPlan::list(Folder& folder) const {
         bool whole = true;
         for (;;) {
             errno = 0;
-            dirent* e = readdir(dir);
+            dirent* e = FVDirectoryEntries::readdir(dir);
             if (!e) {
                 whole = errno == 0;
                 break;
@@ -83,7 +87,7 @@ bool FVThinningPlan::list(Folder& folder) const {
         std::sort(names.begin(), names.end());
         for (const std::string& name : names) {
             struct stat st {};
-            if (fstatat(dirfd(dir), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (FVFileStatus::fstatat(FVDirectoryEntries::dirfd(dir), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
                 whole = false;
                 continue;
             }
@@ -96,7 +100,7 @@ bool FVThinningPlan::list(Folder& folder) const {
             item.parent = parent;
             if (S_ISLNK(st.st_mode)) {
                 std::string target(static_cast<size_t>(st.st_size) + 1, '\0');
-                ssize_t n = readlinkat(dirfd(dir), name.c_str(), target.data(), target.size());
+                ssize_t n = FVLinks::readlinkat(FVDirectoryEntries::dirfd(dir), name.c_str(), target.data(), target.size());
                 // A link whose target cannot be read cannot be matched against a record.
                 if (n >= 0) item.linkTarget.assign(target.data(), static_cast<size_t>(n));
                 else whole = false;
@@ -104,11 +108,11 @@ bool FVThinningPlan::list(Folder& folder) const {
             if (parent != kNone) items[parent].hasChildren = true;
             items.push_back(std::move(item));
             if (S_ISDIR(st.st_mode)) {
-                int child = openat(dirfd(dir), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+                int child = FVOpenFiles::openat(FVDirectoryEntries::dirfd(dir), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
                 if (child < 0 || !walk(child, items.back().path, items.size() - 1)) whole = false;
             }
         }
-        closedir(dir);
+        FVDirectoryEntries::closedir(dir);
         return whole;
     };
     if (!walk(rootFd.release(), "", kNone)) return false;
@@ -203,7 +207,7 @@ std::vector<FVThinningRemoval> FVThinningPlan::removals(const std::vector<FVArch
         const FVArchivedRun& run = *runs[i];
         if (!run.record || keptRecord[i]) continue;
         struct stat st {};
-        uint64_t bytes = lstat(run.record->path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+        uint64_t bytes = FVFileStatus::lstat(run.record->path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
         out.push_back({run.record->path, run.stamp, true, 0, bytes});
     }
 

@@ -1,6 +1,11 @@
 #include "engine/FVTrash.h"
 
 #include "fs/FVConfinedDirectory.h"
+#include "fs/FVFileData.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVItemCreation.h"
+#include "fs/FVOpenFiles.h"
+#include "fs/FVRemovals.h"
 #include "fs/FVText.h"
 
 #include <fcntl.h>
@@ -25,12 +30,12 @@ constexpr int kMaximumNameTries = 10000;
 bool isRealDirectory(const std::string& path, struct stat* st = nullptr) {
     struct stat local {};
     struct stat& s = st ? *st : local;
-    return lstat(path.c_str(), &s) == 0 && S_ISDIR(s.st_mode);
+    return FVFileStatus::lstat(path.c_str(), &s) == 0 && S_ISDIR(s.st_mode);
 }
 
 // A private folder, made when missing; an existing one must be a real folder.
 bool ensurePrivateFolder(const std::string& path) {
-    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return false;
+    if (FVItemCreation::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return false;
     return isRealDirectory(path);
 }
 
@@ -48,7 +53,7 @@ std::string topDirectory(const std::string& path, dev_t device) {
     while (top != "/") {
         std::string parent = FVText::deletingLastPathComponent(top);
         struct stat st {};
-        if (stat(parent.c_str(), &st) != 0 || st.st_dev != device) break;
+        if (FVFileStatus::stat(parent.c_str(), &st) != 0 || st.st_dev != device) break;
         top = parent;
     }
     return top;
@@ -67,7 +72,7 @@ std::optional<TrashFolder> homeTrashFor(dev_t device) {
     std::vector<std::string> missing;
     std::string existing = trash;
     struct stat st {};
-    while (stat(existing.c_str(), &st) != 0) {
+    while (FVFileStatus::stat(existing.c_str(), &st) != 0) {
         if (errno != ENOENT || existing == "/") return std::nullopt;
         missing.push_back(existing);
         existing = FVText::deletingLastPathComponent(existing);
@@ -93,7 +98,7 @@ std::optional<TrashFolder> topTrashFor(const std::string& path, dev_t device) {
         const std::string& trash = candidates[k];
         struct stat st {};
         if (!ensurePrivateFolder(trash) || !ensurePrivateFolder(trash + "/files") ||
-            !ensurePrivateFolder(trash + "/info") || stat(trash.c_str(), &st) != 0 || st.st_dev != device ||
+            !ensurePrivateFolder(trash + "/info") || FVFileStatus::stat(trash.c_str(), &st) != 0 || st.st_dev != device ||
             st.st_uid != uid)
             continue;
         return TrashFolder{trash, top};
@@ -113,15 +118,15 @@ bool moveIntoTrash(const TrashFolder& trash, const std::string& path, std::time_
     for (int k = 1; k <= kMaximumNameTries; ++k) {
         std::string candidate = k == 1 ? name : fmt::format("{}.{}", name, k);
         std::string infoPath = trash.root + "/info/" + candidate + ".trashinfo";
-        int fd = open(infoPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        int fd = FVOpenFiles::open(infoPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
         if (fd < 0) {
             if (errno == EEXIST) continue;
             *error = errno;
             return false;
         }
-        bool written = write(fd, info.data(), info.size()) == static_cast<ssize_t>(info.size());
+        bool written = FVFileData::write(fd, info.data(), info.size()) == static_cast<ssize_t>(info.size());
         int writeError = errno;
-        if (close(fd) != 0 && written) {
+        if (FVOpenFiles::close(fd) != 0 && written) {
             written = false;
             writeError = errno;
         }
@@ -133,7 +138,7 @@ bool moveIntoTrash(const TrashFolder& trash, const std::string& path, std::time_
             *placedAt = target;
             return true;
         }
-        unlink(infoPath.c_str());
+        FVRemovals::unlink(infoPath.c_str());
         if (moveError == EEXIST) continue;
         *error = moveError;
         return false;
@@ -182,7 +187,7 @@ std::string FVTrash::percentEncoded(const std::string& path) {
 FVTrash::Outcome FVTrash::moveAside(const std::string& path, std::time_t now) {
     Outcome outcome;
     struct stat st {};
-    if (lstat(path.c_str(), &st) != 0) {
+    if (FVFileStatus::lstat(path.c_str(), &st) != 0) {
         outcome.problem = std::strerror(errno);
         return outcome;
     }

@@ -1,8 +1,8 @@
 #include "engine/FVVerification.h"
 
-#include "engine/FVAdditions.h"
 #include "engine/FVDestinationLock.h"
 #include "engine/FVLog.h"
+#include "engine/FVNumber.h"
 #include "engine/FVVerificationPass.h"
 
 #include <fmt/format.h>

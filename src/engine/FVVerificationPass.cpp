@@ -1,10 +1,11 @@
 #include "engine/FVVerificationPass.h"
 
-#include "engine/FVAdditions.h"
 #include "engine/FVMirrorLayout.h"
+#include "engine/FVNumber.h"
 #include "engine/FVPointInTime.h"
 #include "engine/FVVersionCatalog.h"
 #include "fs/FVDirectoryWalker.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVTestHook.h"
 #include "manifest/FVManifestReader.h"
 #include "manifest/FVPathKey.h"
@@ -210,7 +211,7 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
         struct stat st {};
         for (size_t i = latest + 1; i < runs.size(); ++i)
             for (FVArchiveKind kind : {FVArchiveKind::Changed, FVArchiveKind::Removed})
-                if (lstat(archives.archivePath(kind, runs[i].stamp, path).c_str(), &st) == 0) return true;
+                if (FVFileStatus::lstat(archives.archivePath(kind, runs[i].stamp, path).c_str(), &st) == 0) return true;
         return false;
     };
     std::optional<std::string> missingFolder;
@@ -258,7 +259,7 @@ void FVVerificationPass::verifyArchives(const std::vector<FVRunRecord>& runs) {
         for (FVArchiveKind kind : {FVArchiveKind::Changed, FVArchiveKind::Removed}) {
             const std::string folder = archives.archiveFolder(kind, point.stamp);
             struct stat st {};
-            if (lstat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) continue;
+            if (FVFileStatus::lstat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) continue;
             uint64_t unrecorded = 0;
             FVDirectoryWalker walker(folder);
             while (const FVDirectoryWalker::Entry* entry = walker.next()) {
@@ -340,7 +341,7 @@ void FVVerificationPass::locateVersions(const std::vector<FVRunRecord>& runs, si
         const std::string& stamp = runs[record->mark].stamp;
         struct stat st {};
         for (FVArchiveKind kind : {FVArchiveKind::Changed, FVArchiveKind::Removed})
-            if (lstat(archives.archivePath(kind, stamp, entry.path).c_str(), &st) == 0) return;
+            if (FVFileStatus::lstat(archives.archivePath(kind, stamp, entry.path).c_str(), &st) == 0) return;
         report(FVVerificationFinding::Kind::Gone, archives.destinationPath(entry.path),
                "the run " + stamp + " replaced or removed it, and no archive kept it");
     }, &problem);

@@ -1,5 +1,8 @@
 #include "engine/FVVerificationReaders.h"
 
+#include "fs/FVFileData.h"
+#include "fs/FVOpenFiles.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -66,28 +69,28 @@ void FVVerificationReaders::work() {
 std::optional<FVContentHash> FVVerificationReaders::digestOf(const std::string& path, std::vector<char>& buffer,
                                                              int& error) {
     // Reading leaves the access time alone where the reader owns the file.
-    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOATIME);
-    if (fd < 0 && errno == EPERM) fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    int fd = FVOpenFiles::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOATIME);
+    if (fd < 0 && errno == EPERM) fd = FVOpenFiles::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
         error = errno;
         return std::nullopt;
     }
-    posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    FVFileData::adviseSequential(fd);
     FVContentHasher hasher;
     for (;;) {
         if (cancel_.load(std::memory_order_relaxed)) break;
-        ssize_t n = read(fd, buffer.data(), buffer.size());
+        ssize_t n = FVFileData::read(fd, buffer.data(), buffer.size());
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
             error = errno;
-            close(fd);
+            FVOpenFiles::close(fd);
             return std::nullopt;
         }
         if (n == 0) break;
         hasher.update(buffer.data(), static_cast<size_t>(n));
         bytesRead_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
     }
-    close(fd);
+    FVOpenFiles::close(fd);
     filesRead_.fetch_add(1, std::memory_order_relaxed);
     return hasher.digest();
 }

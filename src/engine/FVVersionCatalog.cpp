@@ -2,6 +2,7 @@
 
 #include "engine/FVConfigurationFile.h"
 #include "fs/FVConfinedDirectory.h"
+#include "fs/FVDirectoryEntries.h"
 #include "fs/FVText.h"
 
 #include <dirent.h>
@@ -21,13 +22,13 @@ std::vector<std::string> folderNames(const FVConfinedDirectory& destination, con
     int error = 0;
     FVFd folder = relative ? destination.openFolder(*relative, false, &error) : FVFd();
     if (!folder.valid()) return names;
-    DIR* listing = fdopendir(folder.get());
+    DIR* listing = FVDirectoryEntries::fdopendir(folder.get());
     if (!listing) return names;
     folder.release();
-    while (const dirent* entry = readdir(listing))
+    while (const dirent* entry = FVDirectoryEntries::readdir(listing))
         if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
             names.emplace_back(entry->d_name);
-    closedir(listing);
+    FVDirectoryEntries::closedir(listing);
     return names;
 }
 

@@ -4,7 +4,7 @@
 // ever followed; folders made again keep their backed-up metadata.
 
 #include "cli/DestinationFixture.h"
-#include "engine/FVAdditions.h"
+#include "engine/FVDate.h"
 #include "engine/FVTrash.h"
 #include "fs/FVFileDescriptor.h"
 #include "support/JsonQuery.h"

@@ -1,7 +1,6 @@
 // The session over several items: progress across steps, the cleanup decision, results written
 // into the items, cancellation in the middle, and the copy-worker callbacks of the job.
 
-#include "engine/FVAdditions.h"
 #include "engine/FVBackupSession.h"
 #include "engine/FVConfigurationFile.h"
 #include "support/TempDir.h"

@@ -1,6 +1,7 @@
 // The run log, read back as runs, and the small formatting helpers.
 
-#include "engine/FVAdditions.h"
+#include "engine/FVDate.h"
+#include "engine/FVNumber.h"
 #include "engine/FVLog.h"
 #include "engine/FVLogRotation.h"
 #include "engine/FVRunLogReader.h"

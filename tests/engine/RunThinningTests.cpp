@@ -2,7 +2,7 @@
 // as real runs leave them: a mirror, archive folders and records. A kept point in time keeps every
 // version it needs; the rest goes, records first; a dry run only lists it.
 
-#include "engine/FVAdditions.h"
+#include "engine/FVDate.h"
 #include "engine/FVArchivedRuns.h"
 #include "engine/FVLog.h"
 #include "engine/FVRunThinning.h"

@@ -1,7 +1,7 @@
 // The status kept per destination outside it, the last good run a destination shows, when a
 // scheduled destination is overdue, and how its schedule is shown.
 
-#include "engine/FVAdditions.h"
+#include "engine/FVDate.h"
 #include "engine/FVRunRecords.h"
 #include "manifest/FVManifestWriter.h"
 #include "scheduling/FVJobStatus.h"
