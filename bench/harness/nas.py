@@ -109,7 +109,10 @@ class NasTools:
         if archive:
             rsync += ["--backup", f"--backup-dir={remote}/rsync over ssh-archive"]
         out["rsync over ssh"] = rsync + [source, f"root@127.0.0.1:{remote}/rsync over ssh/"]
-        rclone = ["rclone", "--config", self.server.rclone_config, "sync", "--transfers", "2", "--checkers", "8"]
+        # Without --sftp-disable-hashcheck rclone runs md5sum on the server through a new ssh
+        # session per file: 30 times slower here, which would flatter everyone beside it.
+        rclone = ["rclone", "--config", self.server.rclone_config, "sync", "--transfers", "2", "--checkers", "8",
+                  "--sftp-disable-hashcheck"]
         if archive:
             rclone += ["--backup-dir", f"nas:{remote}/rclone sftp-archive"]
         out["rclone sftp"] = rclone + [source, f"nas:{remote}/rclone sftp/{name}"]

@@ -14,7 +14,7 @@ def median_wall(cmd, env, rounds):
     times = []
     for _ in range(rounds):
         start = time.monotonic()
-        subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=env)
+        subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=env, check=True)
         times.append(time.monotonic() - start)
     return statistics.median(times)
 
