@@ -47,6 +47,7 @@ class CpuLock:
         self.path = path
         self.depth = 0
         self.file = None
+        self.waited = 0.0  # seconds spent waiting for others to let go
 
     @contextlib.contextmanager
     def held(self):
@@ -55,7 +56,9 @@ class CpuLock:
             return
         if self.depth == 0:
             self.file = open(self.path, "a")
+            start = time.monotonic()
             fcntl.flock(self.file, fcntl.LOCK_EX)
+            self.waited += time.monotonic() - start
         self.depth += 1
         try:
             yield
