@@ -10,6 +10,7 @@
 #include "app/FVMainWindow.h"
 #include "app/FVQtStrings.h"
 #include "app/FVRestoreController.h"
+#include "app/FVRunProgress.h"
 #include "app/FVSourceListModel.h"
 #include "app/FVThinProgressBar.h"
 #include "engine/FVAdditions.h"
@@ -171,6 +172,8 @@ void AppController::startSync() {
         FVConfigurationFile::read(FVConfigurationFile::formattedPath(currentTargetPath_)).skippedItems);
     backupSession_->setBackupSet(backupSetController_.arrangedObjects());
     backupSession_->setExcludePaths(backupSetController_.excludePaths());
+    runClock_.start();
+    progressTimer_.start();
     backupSession_->start();
     emit runStarted();
 }
@@ -195,16 +198,15 @@ void AppController::backupSessionDidFinish(FVBackupSession&) {
 
 void AppController::handleProgress() {
     if (!backupIsRunning_ || !backupSession_) return;
-    double percent = backupSession_->progressPercent();
+    const FVRunProgress progress{backupSession_->totals(), backupSession_->progressPercent(), runClock_.elapsed() / 1000.0,
+                                 backupSession_->currentFile()};
     FVCoverView* cover = window_->coverView();
-    cover->setProgress(percent);
+    cover->setProgress(progress.percent);
     cover->setMessage(QString::fromStdString(backupSession_->currentTaskDescription()));
-    FVSyncingBackup* job = backupSession_->syncingBackup();
-    const long long updated = job ? (long long)job->currentUpdateCount() : 0;
-    cover->setDetailMessage(QString::fromStdString(FVStrings::formatPlural("viewbackupprogressnumdetail", updated)));
-    cover->setSmallMessage({});
-    window_->progressView()->setProgress(percent);
-    launcherEntry_.setProgress(percent / 100.0, updated);
+    cover->setDetailMessage(progress.counts());
+    cover->setSmallMessage(progress.pace());
+    window_->progressView()->setProgress(progress.percent);
+    launcherEntry_.setProgress(progress.percent / 100.0, static_cast<qint64>(progress.totals.copied));
 }
 
 void AppController::notifyUnlessActive(const FVUserNotification& notification) {
@@ -252,9 +254,9 @@ void AppController::setRunOutcome(FVRunOutcome outcome) {
 
 // Kept until the next run, also across starts.
 void AppController::recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors,
-                                     std::string interruptedSource, std::string destinationFailure) {
+                                     std::pair<std::string, long long> interrupted, std::string destinationFailure) {
     FVRunOutcome outcome(state, QDateTime::currentDateTime(), errors);
-    outcome.setInterruptedSource(std::move(interruptedSource));
+    outcome.setInterruptedSource(std::move(interrupted.first), interrupted.second);
     outcome.setDestinationFailure(std::move(destinationFailure));
     outcome.save(qPath(currentTargetPath_));
     setRunOutcome(std::move(outcome));
@@ -279,6 +281,7 @@ void AppController::resumeSizeEvaluation() {
 }
 
 void AppController::handleCancel() {
+    progressTimer_.stop();
     FVCoverView* cover = window_->coverView();
     window_->progressView()->setProgress(0);
     cover->setProgress(-1);
@@ -289,8 +292,8 @@ void AppController::handleCancel() {
     setOptionWidgetsEnabled(true);
 
     std::vector<std::string> errors = backupSession_->errorMessages();
-    FVSyncingBackup* job = backupSession_->syncingBackup();
-    const long long copied = job ? job->currentUpdateCount() : 0;
+    // What stands in the mirror, not what the analysis had queued.
+    const auto copied = static_cast<long long>(backupSession_->totals().copied);
     // Nobody stopped a run that could not fit: it says why, and the schedule knows the disk is full.
     const bool noRoom = backupSession_->stoppedForSpace();
     const std::string refusal = backupSession_->refusal();
@@ -301,8 +304,10 @@ void AppController::handleCancel() {
         std::stable_partition(errors.begin(), errors.end(), [&](const std::string& error) { return error == diskFailure; });
     // Rather than an empty cover until the alert is dismissed.
     cover->setMessage(noRoom ? QString::fromStdString(refusal) : localized("backupstopped"));
+    if (!noRoom) cover->setDetailMessage(FVRunProgress{backupSession_->totals(), 0, 0, {}}.counts());
     recordRunOutcome(noRoom ? FVRunOutcome::State::NoRoom : FVRunOutcome::State::Stopped, errors,
-                     backupSession_->interruptedSourcePath(), diskFailure);
+                     {backupSession_->interruptedSourcePath(), static_cast<long long>(backupSession_->copiedInSourceItem())},
+                     diskFailure);
     if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, refusal);
     else if (!diskFailure.empty()) recordJobAttempt(FVJobOutcome::Failed, diskFailure);
     else if (backupSession_->skippedByBeforeHook()) recordJobAttempt(FVJobOutcome::Failed, refusal);
@@ -356,6 +361,7 @@ void AppController::handleFinish() {
         handleCancel();
         return;
     }
+    progressTimer_.stop();
     writeSettings();
     runLock_.release();
     backupIsRunning_ = false;

@@ -79,6 +79,10 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
       window_(std::make_unique<FVMainWindow>()),
       restoreController_(std::make_unique<FVRestoreController>(window_.get(), [this] { return backupIsRunning_ || starting_; })) {
     FVMainWindow* w = window_.get();
+    // Copies are published without a progress report of their own: the counts are read again
+    // a few times a second while a run goes on.
+    progressTimer_.setInterval(250);
+    connect(&progressTimer_, &QTimer::timeout, this, &AppController::handleProgress);
     w->setSourceModel(sourceModel_.get());
     w->setCloseHandler([this] { return windowShouldClose(); });
 

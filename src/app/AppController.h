@@ -18,13 +18,16 @@
 #include "scheduling/FVJobStatus.h"
 #include "scheduling/FVOptionsPanelController.h"
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
 #include <QStringList>
+#include <QTimer>
 
 #include <atomic>
 #include <memory>
 #include <string>
+#include <utility>
 
 class QMessageBox;
 
@@ -148,7 +151,7 @@ private:
     void confirmEmptiedSource(const QString& sourcePath);
     void setRunOutcome(FVRunOutcome outcome);
     void recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors,
-                          std::string interruptedSource = {}, std::string destinationFailure = {});
+                          std::pair<std::string, long long> interrupted = {{}, -1}, std::string destinationFailure = {});
     // Kept outside the destination for the schedule line and overdue notices, when it has an identity.
     void recordJobAttempt(FVJobOutcome outcome, const std::string& message);
     void measureAfterWrite();
@@ -187,6 +190,8 @@ private:
     bool closeAfterRun_ = false;
     bool coverViewShouldOpenOnBecomeMain_ = false;
     std::atomic<bool> progressPosted_{false};
+    QElapsedTimer runClock_;
+    QTimer progressTimer_;
 };
 
 }  // namespace ferrovane
