@@ -1,7 +1,6 @@
 // Starting and cancelling a run from the window, following it, and showing its outcome.
 
 #include "app/AppController.h"
-#include "fs/FVMountTable.h"
 
 #include "app/FVAlert.h"
 #include "app/FVCoverView.h"
@@ -16,7 +15,6 @@
 #include "engine/FVAdditions.h"
 #include "engine/FVConfigurationFile.h"
 #include "engine/FVLog.h"
-#include "engine/FVMirrorLayout.h"
 #include "fs/FVText.h"
 
 #include <QApplication>
@@ -27,8 +25,6 @@
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <set>
-#include <unistd.h>
 
 namespace ferrovane {
 
@@ -36,12 +32,6 @@ namespace {
 
 // Set on a source whose folder was emptied on purpose: the next run may empty its mirror.
 constexpr const char* kEmptySourceConfirmedKey = "emptySourceConfirmed";
-
-// A clone of "/" needs a file system that keeps Unix owners and modes.
-bool keepsOwnersAndModes(const std::string& type) {
-    static const std::set<std::string> types = {"ext2", "ext3", "ext4", "xfs", "btrfs", "f2fs", "zfs"};
-    return types.count(type) > 0;
-}
 
 }  // namespace
 
@@ -82,64 +72,14 @@ void AppController::startOrCancelSync() {
 }
 
 bool AppController::passesStartChecks() {
-    std::vector<std::string> paths;
-    for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
-        if (item->enabled() == int64_t(FVSourceMode::Backup)) paths.push_back(item->sourcePath());
-
-    if (!presence_.isPresent()) {
-        FVAlert::show(window_.get(), "backupnotfound", "backupnotfoundlong")->raise();
-        destinationWentAway();
-        return false;
+    using Verdict = FVRunStartChecks::Verdict;
+    switch (startChecks_.check(currentTargetPath_, presence_.isPresent(), backupSetController_.arrangedObjects(),
+                               FVOptionTable::read(*optionsPanelController_.allOptions()), runLock_)) {
+    case Verdict::Passed: return true;
+    case Verdict::Refused: return false;
+    case Verdict::Away: destinationWentAway(); return false;
+    case Verdict::Unusable: resetInterface(); return false;
     }
-    if (access(currentTargetPath_.c_str(), R_OK) != 0 || access(currentTargetPath_.c_str(), W_OK) != 0) {
-        QMessageBox* box = FVAlert::show(window_.get(), "backupnotfound", "backupnotfoundlong");
-        box->raise();
-        resetInterface();
-        return false;
-    }
-    if (paths.empty()) {
-        FVAlert::show(window_.get(), "nosources", "nosourceslong");
-        return false;
-    }
-    if (std::find(paths.begin(), paths.end(), "/") != paths.end()) {
-        if (!environment_.runningAsRoot) {
-            FVAlert::show(window_.get(), "cloningbutnotroot", "cloningbutnotrootlong");
-            return false;
-        }
-        if (!keepsOwnersAndModes(FVMountTable::fileSystemTypeAtPath(currentTargetPath_))) {
-            FVAlert::show(window_.get(), "cloningbutnothfs", "cloningbutnothfslong");
-            return false;
-        }
-        if (paths.size() >= 2) {
-            FVAlert::show(window_.get(), "cloningwithothersources", "cloningwithothersourceslong");
-            return false;
-        }
-    }
-    if (!acceptsLayout(backupSetController_.arrangedObjects())) return false;
-    std::vector<std::string> problems = FVOptionTable::read(*optionsPanelController_.allOptions()).problems;
-    if (!problems.empty()) {
-        QMessageBox* box = FVAlert::show(window_.get(), "optionsinvalid", "optionsinvalidlong");
-        box->setInformativeText(QString::fromStdString(problems.front()) + "\n\n" + localized("optionsinvalidlong"));
-        return false;
-    }
-    if (runLock_.acquire(currentTargetPath_) != FVDestinationLock::Status::Acquired) {
-        QMessageBox* box = FVAlert::show(window_.get(), "destinationbusy", "destinationbusylong");
-        box->setInformativeText(QString::fromStdString(runLock_.reason().empty()
-                                                           ? FVDestinationLock::busyMessage(currentTargetPath_)
-                                                           : runLock_.reason()));
-        return false;
-    }
-    return true;
-}
-
-// The same check as the run's: sources whose mirrors would collide are refused with the reason.
-bool AppController::acceptsLayout(const std::vector<FVSourceItemPtr>& items) {
-    const FVMirrorLayout layout = FVMirrorLayout::fromItems(
-        currentTargetPath_, FVOptionTable::read(*optionsPanelController_.allOptions()).options.syncMode != 0, items);
-    std::optional<std::string> problem = layout.validateAsSeen();
-    if (!problem) return true;
-    QMessageBox* box = FVAlert::show(window_.get(), "layoutinvalid", "layoutinvalid");
-    box->setInformativeText(qPath(*problem));
     return false;
 }
 

@@ -9,6 +9,7 @@
 #include "app/FVLauncherEntry.h"
 #include "app/FVQtMainQueue.h"
 #include "app/FVRunOutcome.h"
+#include "app/FVRunStartChecks.h"
 #include "backupset/BackupSetController.h"
 #include "engine/FVBackupSession.h"
 #include "engine/FVDestinationLock.h"
@@ -140,8 +141,6 @@ private:
     void checkForUpdates();
 
     bool passesStartChecks();
-    // Whether the destination can hold these items' mirrors side by side; else says why.
-    bool acceptsLayout(const std::vector<FVSourceItemPtr>& items);
     void startSync();
     void abortStart();
     void handleProgress();
@@ -174,6 +173,7 @@ private:
     // After the source list, which the model observes; the window goes first.
     std::unique_ptr<FVSourceListModel> sourceModel_;
     std::unique_ptr<FVMainWindow> window_;
+    FVRunStartChecks startChecks_;
     // After the window, which it drives while a restore runs.
     std::unique_ptr<FVRestoreController> restoreController_;
     FVDestinationPresence presence_;
