@@ -103,7 +103,9 @@ QString FVSourceListModel::lastRunText(const FVSourceItem& item) const {
     if (outcome_.state() == FVRunOutcome::State::Stopped && item.enabled() == int64_t(FVSourceMode::Backup) &&
         !outcome_.interruptedSource().empty() && item.sourcePath() == outcome_.interruptedSource()) {
         const std::string when = FVRunOutcome::stamp(outcome_.time()).toStdString();
-        return localizedFormat(outcome_.destinationFailure().empty() ? "sourcelaststopped" : "sourcelastdiskfailed", when);
+        if (!outcome_.destinationFailure().empty()) return localizedFormat("sourcelastdiskfailed", when);
+        if (outcome_.interruptedCopied() < 0) return localizedFormat("sourcelaststopped", when);
+        return QString::fromStdString(FVStrings::formatPlural("sourcelaststoppedcopied", outcome_.interruptedCopied(), when));
     }
     auto date = item.value(FVSourceKey::lastBackupDate);
     const PlistDate* when = date ? date->get<PlistDate>() : nullptr;

@@ -390,6 +390,16 @@ FVRunTotals FVBackupSession::totals() const {
     return job ? job->totals() : FVRunTotals{};
 }
 
+std::string FVBackupSession::currentFile() const {
+    FVSyncingBackup* job = syncingBackup();
+    return job ? job->currentFile() : std::string();
+}
+
+uint64_t FVBackupSession::copiedInSourceItem() const {
+    FVSyncingBackup* job = syncingBackup();
+    return job ? job->copiedInSourceItem() : 0;
+}
+
 uint64_t FVBackupSession::sessionTotalBytesCopied() const {
     FVSyncingBackup* job = syncingBackup();
     auto worker = job ? job->backupCopyWorker() : nullptr;

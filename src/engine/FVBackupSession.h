@@ -105,6 +105,10 @@ public:
     std::string finishedSummary() const;
     // What the run did so far; from any thread.
     FVRunTotals totals() const;
+    // The file whose data was written last, and the copies published in the source item in
+    // hand (the one interruptedSourcePath names); from any thread.
+    std::string currentFile() const;
+    uint64_t copiedInSourceItem() const;
     // The line that ended the run (also its last line in the log), with the counts it was made
     // of; read once the session has ended.
     const FVRunSummary& summary() const { return summary_; }

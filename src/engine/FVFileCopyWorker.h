@@ -47,6 +47,9 @@ public:
     // destination exactly as it is: the item is then not copied in this run.
     virtual bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) { return true; }
     virtual void copyWorkerProgressDidChange(float fraction) {}
+    // Data of a file written (bytes since the last call for it), after every chunk on the
+    // copying thread, before the copy is published.
+    virtual void copyWorkerDidWriteData(const std::string& sourcePath, uint64_t bytes) {}
     virtual void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) {}
     // Once per session, when a read-only, full or failing destination stopped it.
     virtual void copyWorkerDestinationDidFail(const FVDestinationFailure& failure) {

@@ -174,7 +174,13 @@ FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, s
         bool sparse = static_cast<uint64_t>(st.st_blocks) * 512 < static_cast<uint64_t>(st.st_size);
         if (worker_.preallocate && !sparse && st.st_size > 0)
             FVFileData::fallocate(out, FALLOC_FL_KEEP_SIZE, 0, st.st_size);  // only a hint against fragmentation
-        FVDataCopier copier(in, out, state_.buffer.get(), worker_.cancelled, worker_.chunkHook, item.sourcePath, hasher);
+        uint64_t reported = 0;
+        const FVDataCopier::ChunkHook chunkDone = [&](const std::string& path, uint64_t copied) {
+            if (worker_.delegate) worker_.delegate->copyWorkerDidWriteData(path, copied - reported);
+            reported = copied;
+            if (worker_.chunkHook) worker_.chunkHook(path, copied);
+        };
+        FVDataCopier copier(in, out, state_.buffer.get(), worker_.cancelled, chunkDone, item.sourcePath, hasher);
         const FVDataCopier::Outcome outcome = copier.run(st);
         hashedWhole_ = copier.sinkSawWholeCopy();
         switch (outcome) {

@@ -2,6 +2,7 @@
 
 #include "engine/FVLog.h"
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
@@ -25,6 +26,7 @@ void FVRunStatus::verboseLog(const std::string& line) const {
 
 void FVRunStatus::changed(FVItemChange change, const std::string& path, uint64_t bytes) {
     tally.add(change, bytes);
+    if (change == FVItemChange::Copied) itemCopied_.fetch_add(1, std::memory_order_relaxed);
     if (itemChanged_) itemChanged_(change, path);
 }
 
@@ -91,8 +93,41 @@ std::shared_ptr<FVCurrentCopy> FVRunStatus::currentWorker() const {
     return worker_;
 }
 
+void FVRunStatus::setCopiedFilesShare(float percent) {
+    copiedFilesShare_.store(percent, std::memory_order_relaxed);
+    const uint64_t total = itemBytesToCopy_.load(std::memory_order_relaxed);
+    if (total == 0) return setCopyProgress(percent);
+    const double bytes = std::min(1.0, double(itemBytesWritten_.load(std::memory_order_relaxed)) / double(total));
+    setCopyProgress((percent + static_cast<float>(bytes * 100.0)) * 0.5f);
+}
+
+void FVRunStatus::queuedForCopy(uint64_t bytes) {
+    tally.addToCopy(bytes);
+    itemBytesToCopy_.fetch_add(bytes, std::memory_order_relaxed);
+}
+
+void FVRunStatus::dataWritten(const std::string& sourcePath, uint64_t bytes) {
+    tally.addWritten(bytes);
+    itemBytesWritten_.fetch_add(bytes, std::memory_order_relaxed);
+    {
+        std::lock_guard lock(currentFileMutex_);
+        if (currentFile_ != sourcePath) currentFile_ = sourcePath;
+    }
+    setCopiedFilesShare(copiedFilesShare_.load(std::memory_order_relaxed));
+    reportProgress();
+}
+
+std::string FVRunStatus::currentFile() const {
+    std::lock_guard lock(currentFileMutex_);
+    return currentFile_;
+}
+
 void FVRunStatus::restartProgress(float analyse) {
     copyProgress_.store(0, std::memory_order_relaxed);
+    copiedFilesShare_.store(0, std::memory_order_relaxed);
+    itemBytesToCopy_.store(0, std::memory_order_relaxed);
+    itemBytesWritten_.store(0, std::memory_order_relaxed);
+    itemCopied_.store(0, std::memory_order_relaxed);
     lastReportedProgress_.store(0, std::memory_order_relaxed);
     analyseProgress_.store(analyse, std::memory_order_relaxed);
 }

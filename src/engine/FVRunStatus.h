@@ -40,6 +40,8 @@ public:
     // The one place an error becomes its log line and its entry in the error list; a fatal one
     // ends the run as stopOnFatalDestinationError does. Returns whether it was fatal.
     bool report(const FVRunError& error);
+    // Copies published since the source item in hand began (since restartProgress).
+    uint64_t copiedInItem() const { return itemCopied_.load(std::memory_order_relaxed); }
     void addError(std::string message);
     std::vector<std::string> errorMessages() const;
 
@@ -66,6 +68,15 @@ public:
     // The current step's progress is the mean of its analysis and copy shares, each 0 to 100.
     void setAnalyseProgress(float percent) { analyseProgress_.store(percent, std::memory_order_relaxed); }
     void setCopyProgress(float percent) { copyProgress_.store(percent, std::memory_order_relaxed); }
+    // The copy share of a source item is the mean of its files done and its bytes written, so
+    // that it moves within a large file.
+    void setCopiedFilesShare(float percent);
+    // A file, link or special file the analysis handed over for copying.
+    void queuedForCopy(uint64_t bytes);
+    // Data of a file written, before the copy is published; from the copying threads.
+    void dataWritten(const std::string& sourcePath, uint64_t bytes);
+    // The file whose data was written last, empty before any.
+    std::string currentFile() const;
     void restartProgress(float analyse);
     void reportProgress();
     float progressStatus() const;
@@ -89,6 +100,13 @@ private:
     std::atomic<float> analyseProgress_{0};
     std::atomic<float> copyProgress_{0};
     std::atomic<float> lastReportedProgress_{0};
+    // The source item in hand's share of copies: files done (0 to 100), bytes handed over and written.
+    std::atomic<float> copiedFilesShare_{0};
+    std::atomic<uint64_t> itemBytesToCopy_{0};
+    std::atomic<uint64_t> itemBytesWritten_{0};
+    std::atomic<uint64_t> itemCopied_{0};
+    mutable std::mutex currentFileMutex_;
+    std::string currentFile_;
 
     mutable std::mutex errorsMutex_;
     std::vector<std::string> errorMessages_;

@@ -16,7 +16,8 @@ void FVRunTally::add(FVItemChange change, uint64_t bytes) {
 FVRunTotals FVRunTally::totals() const {
     return {checked_.load(std::memory_order_relaxed), copied_.load(std::memory_order_relaxed),
             bytesCopied_.load(std::memory_order_relaxed), archived_.load(std::memory_order_relaxed),
-            deleted_.load(std::memory_order_relaxed)};
+            deleted_.load(std::memory_order_relaxed), toCopy_.load(std::memory_order_relaxed),
+            bytesToCopy_.load(std::memory_order_relaxed), bytesWritten_.load(std::memory_order_relaxed)};
 }
 
 }  // namespace ferrovane

@@ -14,6 +14,12 @@ struct FVRunTotals {
     uint64_t bytesCopied = 0;
     uint64_t archived = 0;
     uint64_t deleted = 0;
+    // What the analysis has found to copy so far (files, links and special files, and their
+    // bytes): the total that the copies count towards.
+    uint64_t toCopy = 0;
+    uint64_t bytesToCopy = 0;
+    // File data written so far, also of files not published yet: what moves within a large file.
+    uint64_t bytesWritten = 0;
 };
 
 enum class FVItemChange { Copied, Archived, Deleted };
@@ -22,6 +28,11 @@ class FVRunTally {
 public:
     void add(FVItemChange change, uint64_t bytes = 0);
     void addChecked(uint64_t items) { checked_.fetch_add(items, std::memory_order_relaxed); }
+    void addToCopy(uint64_t bytes) {
+        toCopy_.fetch_add(1, std::memory_order_relaxed);
+        bytesToCopy_.fetch_add(bytes, std::memory_order_relaxed);
+    }
+    void addWritten(uint64_t bytes) { bytesWritten_.fetch_add(bytes, std::memory_order_relaxed); }
     FVRunTotals totals() const;
 
 private:
@@ -30,6 +41,9 @@ private:
     std::atomic<uint64_t> bytesCopied_{0};
     std::atomic<uint64_t> archived_{0};
     std::atomic<uint64_t> deleted_{0};
+    std::atomic<uint64_t> toCopy_{0};
+    std::atomic<uint64_t> bytesToCopy_{0};
+    std::atomic<uint64_t> bytesWritten_{0};
 };
 
 }  // namespace ferrovane

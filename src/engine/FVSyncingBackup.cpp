@@ -132,9 +132,12 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
                                   using Work = FVSourceAnalysis::Work;
                                   if (worker && work == Work::Digest)
                                       worker->addDigestItem(std::move(source), std::move(destination));
-                                  else if (worker)
+                                  else if (worker) {
+                                      if (work == Work::Copy && source->fileType() != FVFileType::Directory)
+                                          status_.queuedForCopy(source->fileSize());
                                       worker->addCopyItemFromSource(std::move(source), std::move(destination),
                                                                     work == Work::ModeAndOwner);
+                                  }
                                   else if (work == Work::ModeAndOwner)
                                       status_.planned("Would update mode and owner: " + destination->path());
                                   else if (work == Work::Copy)
@@ -295,8 +298,12 @@ bool FVSyncingBackup::copyWorkerWillOverwriteDestination(FVFileSystemItem& desti
 }
 
 void FVSyncingBackup::copyWorkerProgressDidChange(float fraction) {
-    status_.setCopyProgress(fraction * 100.0f);
+    status_.setCopiedFilesShare(fraction * 100.0f);
     status_.reportProgress();
+}
+
+void FVSyncingBackup::copyWorkerDidWriteData(const std::string& sourcePath, uint64_t bytes) {
+    status_.dataWritten(sourcePath, bytes);
 }
 
 void FVSyncingBackup::copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) {

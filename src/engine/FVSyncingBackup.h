@@ -64,6 +64,8 @@ public:
     std::vector<std::string> errorMessages() const { return status_.errorMessages(); }
     // What the run did so far, the source item in hand included.
     FVRunTotals totals() const;
+    std::string currentFile() const { return status_.currentFile(); }
+    uint64_t copiedInSourceItem() const { return status_.copiedInItem(); }
     void setItemListener(std::function<void(FVItemChange, const std::string&)> listener) {
         status_.setItemListener(std::move(listener));
     }
@@ -78,6 +80,7 @@ public:
     bool respondsToProgressDidChange() const override { return true; }
     bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override;
     void copyWorkerProgressDidChange(float fraction) override;
+    void copyWorkerDidWriteData(const std::string& sourcePath, uint64_t bytes) override;
     void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override;
     void copyWorkerDestinationDidFail(const FVDestinationFailure& failure) override;
     void copyWorkerDidRecordItem(const FVCopyRecord& record) override;
