@@ -97,6 +97,12 @@ void FVSourceListModel::setRunOutcome(FVRunOutcome outcome) {
     if (!rows_.empty()) emit dataChanged(index(0, LastRunColumn), index(int(rows_.size()) - 1, LastRunColumn));
 }
 
+QDateTime FVSourceListModel::dateOf(const FVSourceItem& item, const char* key) {
+    auto value = item.value(key);
+    const PlistDate* date = value ? value->get<PlistDate>() : nullptr;
+    return date ? QDateTime::fromMSecsSinceEpoch(qint64(date->secondsSince1970 * 1000)) : QDateTime();
+}
+
 QString FVSourceListModel::lastRunText(const FVSourceItem& item) const {
     if (item.enabled() >= int64_t(FVSourceMode::ExcludePath)) return QString();  // exclusions never run
     // Only the source the stop interrupted is news; the others keep their last backup.
@@ -105,9 +111,13 @@ QString FVSourceListModel::lastRunText(const FVSourceItem& item) const {
         const std::string when = FVRunOutcome::stamp(outcome_.time()).toStdString();
         return localizedFormat(outcome_.destinationFailure().empty() ? "sourcelaststopped" : "sourcelastdiskfailed", when);
     }
-    auto date = item.value(FVSourceKey::lastBackupDate);
-    const PlistDate* when = date ? date->get<PlistDate>() : nullptr;
-    QDateTime finished = when ? QDateTime::fromMSecsSinceEpoch(qint64(when->secondsSince1970 * 1000)) : QDateTime();
+    const QDateTime finished = dateOf(item, FVSourceKey::lastBackupDate);
+    const QDateTime unreadable = dateOf(item, FVSourceKey::lastUnreadableDate);
+    // The attempt that could not read it is news; the backup it kept is still there.
+    if (unreadable.isValid())
+        return finished.isValid() ? localizedFormat("sourcelastunreadable", FVRunOutcome::stamp(unreadable).toStdString(),
+                                                    FVRunOutcome::stamp(finished).toStdString())
+                                  : localizedFormat("sourceunreadable", FVRunOutcome::stamp(unreadable).toStdString());
     if (!finished.isValid()) return localized("sourcenotbackedup");
     const std::string stamp = FVRunOutcome::stamp(finished).toStdString();
     long long errors = outcome_.state() == FVRunOutcome::State::Finished ? outcome_.errorCountFor(item.sourcePath()) : 0;
