@@ -72,7 +72,9 @@ void FVErrorPanel::openBelow(int top) {
     const QRect screen = window->screen()->availableGeometry();
     const int frameHeight = window->frameGeometry().height() - window->height();
     const int least = minimumSizeHint().height();
-    const int height = std::max(least, std::min(this->height(), screen.bottom() - top - frameHeight));
+    // Within the window when it leaves room, else within the screen.
+    const int bottom = std::min(screen.bottom(), std::max(window->frameGeometry().bottom(), top + least + frameHeight));
+    const int height = std::max(least, std::min(this->height(), bottom - top - frameHeight));
     resize(width(), height);
     move(window->frameGeometry().center().x() - frameGeometry().width() / 2,
          std::max(screen.top(), std::min(top, screen.bottom() - height - frameHeight)));

@@ -78,6 +78,8 @@ QVariant FVSourceListModel::data(const QModelIndex& index, int role) const {
         if (role == Qt::TextAlignmentRole) return int(Qt::AlignRight | Qt::AlignVCenter);
         if (role == Qt::DisplayRole) {
             if (item->enabled() != int64_t(FVSourceMode::Backup)) return QString();
+            // What cannot be read measures nothing, which is not its size.
+            if (item->value(FVSourceKey::lastUnreadableDate)) return QStringLiteral("—");
             auto size = item->value(FVSourceKey::sizeInMB);
             if (!size || size->integerValue() == -1) return localized("sourcesizecalculating");
             return QString::fromStdString(FVNumber::formattedDiskSizeString(size->doubleValue() * 1e6));
@@ -112,12 +114,11 @@ QString FVSourceListModel::lastRunText(const FVSourceItem& item) const {
         return localizedFormat(outcome_.destinationFailure().empty() ? "sourcelaststopped" : "sourcelastdiskfailed", when);
     }
     const QDateTime finished = dateOf(item, FVSourceKey::lastBackupDate);
-    const QDateTime unreadable = dateOf(item, FVSourceKey::lastUnreadableDate);
-    // The attempt that could not read it is news; the backup it kept is still there.
-    if (unreadable.isValid())
-        return finished.isValid() ? localizedFormat("sourcelastunreadable", FVRunOutcome::stamp(unreadable).toStdString(),
-                                                    FVRunOutcome::stamp(finished).toStdString())
-                                  : localizedFormat("sourceunreadable", FVRunOutcome::stamp(unreadable).toStdString());
+    // The attempt that could not read it is news (first, as the column may cut the end); the
+    // backup it kept is still there.
+    if (item.value(FVSourceKey::lastUnreadableDate))
+        return finished.isValid() ? localizedFormat("sourcelastunreadable", FVRunOutcome::stamp(finished).toStdString())
+                                  : localized("sourceunreadable");
     if (!finished.isValid()) return localized("sourcenotbackedup");
     const std::string stamp = FVRunOutcome::stamp(finished).toStdString();
     long long errors = outcome_.state() == FVRunOutcome::State::Finished ? outcome_.errorCountFor(item.sourcePath()) : 0;

@@ -72,9 +72,11 @@ void FVSourceListView::fitColumns() {
     const int size = metrics.horizontalAdvance(localized("sourcesizecalculating")) + padding;
     const QString stamp = FVRunOutcome::stamp(QDateTime(QDate(2026, 12, 28), QTime(23, 59)));
     const int lastRun = metrics.horizontalAdvance(localizedFormat("sourcelastrun", stamp.toStdString(), 88888, 88888)) + padding;
+    // The popup is a control and keeps its width while it can; the texts give way first.
     const int room = viewport()->width() * 2 / 3;
-    const double share = std::min(1.0, double(room) / (mode + size + lastRun));
-    setColumnWidth(FVSourceListModel::ModeColumn, int(mode * share));
+    mode = std::min(mode, room / 2);
+    const double share = std::min(1.0, double(room - mode) / (size + lastRun));
+    setColumnWidth(FVSourceListModel::ModeColumn, mode);
     setColumnWidth(FVSourceListModel::SizeColumn, int(size * share));
     setColumnWidth(FVSourceListModel::LastRunColumn, int(lastRun * share));
 }
