@@ -158,7 +158,10 @@ void AppController::showErrorPanel(const std::vector<std::string>& errors) {
     connect(panel, &QDialog::finished, this, [this] {
         if (!currentTargetPath_.empty()) window_->coverView()->openViewDelayedBy(0.5);
     });
-    panel->open();
+    // The cover, when it is in, says what happened: the list of errors goes under its text.
+    FVCoverView* cover = window_->coverView();
+    if (cover->isFullyHidden()) panel->open();
+    else panel->openBelow(cover->textBottom());
 }
 
 void AppController::showLastRunErrors() {

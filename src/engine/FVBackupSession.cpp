@@ -239,7 +239,8 @@ void FVBackupSession::run() {
         itemInProgress_ = static_cast<int64_t>(i);
         if (!syncingBackup_->backUpSourceItem(sourcePath, estimate)) return didCancel();
         currentItemIndex_ = i + 1;
-        recordResults(item);
+        if (syncingBackup_->lastSourceUnreadable()) recordUnreadable(item);
+        else recordResults(item);
         itemInProgress_ = -1;
     }
     if (shouldPerformCleanup_) {
@@ -257,6 +258,11 @@ void FVBackupSession::recordResults(FVSourceItem& item) const {
     item.setValue(FVSourceKey::totalFilesCount, static_cast<int64_t>(static_cast<int32_t>(syncingBackup_->currentTotalFilesCount())));
     item.setValue(FVSourceKey::updatedFilesCount, static_cast<int64_t>(static_cast<int32_t>(syncingBackup_->currentUpdateCount())));
     item.setValue(FVSourceKey::totalBytesCopied, static_cast<uint64_t>(sessionTotalBytesCopied()));
+    item.removeValue(FVSourceKey::lastUnreadableDate);
+}
+
+void FVBackupSession::recordUnreadable(FVSourceItem& item) const {
+    if (!dryRun_) item.setValue(FVSourceKey::lastUnreadableDate, PlistDate{FVDate::now()});
 }
 
 std::string FVBackupSession::interruptedSourcePath() const {

@@ -122,6 +122,8 @@ private:
     // The run from the first source item to the end, on driver_.
     void run();
     void recordResults(FVSourceItem& item) const;
+    // A source that could not be read keeps the results of its last good backup.
+    void recordUnreadable(FVSourceItem& item) const;
     void finish();
     void didCancel();
     // Ends the run before it touches anything: the problem goes to the log and the errors.

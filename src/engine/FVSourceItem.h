@@ -29,10 +29,13 @@ inline constexpr const char* url = "url";
 // really was emptied, so the next run may empty its mirror although archiving of removed items
 // is off. The cleanup that has used it clears it.
 inline constexpr const char* emptySourceConfirmed = "emptySourceConfirmed";
+// When the latest run could not read the source at all (gone, or its folder refused): its mirror
+// and the results above stay those of its last good backup. A good backup removes it.
+inline constexpr const char* lastUnreadableDate = "lastUnreadableDate";
 
 // What a run owns in an item: the write-back after a run changes these and nothing else.
 inline constexpr const char* runResultKeys[] = {lastBackupDate, totalFilesCount, updatedFilesCount,
-                                                totalBytesCopied, emptySourceConfirmed};
+                                                totalBytesCopied, emptySourceConfirmed, lastUnreadableDate};
 }  // namespace FVSourceKey
 
 class FVSourceItem {

@@ -25,6 +25,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include <unordered_set>
@@ -116,7 +117,8 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
     status_.updateCount = 0;
     // The items the last source item checked now count for the whole run.
     status_.tally.addChecked(status_.totalFilesCount.exchange(0));
-    if (!FVFileStatus::pathExists(sourcePath)) {
+    lastSourceUnreadable_ = !FVFileStatus::pathExists(sourcePath);
+    if (lastSourceUnreadable_) {
         status_.log(fmt::format("Source: {} (UNAVAILABLE AND NOT UPDATED).", sourcePath));
         // Its mirror stays as it was: recorded as not brought up to date.
         struct stat mirror {};
@@ -151,6 +153,8 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
                                 FVNumber::counted(currentUpdateCount(), "item")));
     status_.setAnalyseProgress(100);
     status_.reportProgress();
+    const std::vector<std::string>& unreadable = findings_.unreadableSourcePaths;
+    lastSourceUnreadable_ = std::find(unreadable.begin(), unreadable.end(), sourcePath) != unreadable.end();
 
     if (worker ? waitForCopies(*worker) : status_.isCancelled()) return false;
     if (!linkLaterNames(sourcePath, analysis.hardLinks())) return false;

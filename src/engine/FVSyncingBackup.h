@@ -41,6 +41,9 @@ public:
     // Archives or removes what vanished from the sources; false when the run was cancelled.
     bool removeDeletedFiles(const std::vector<FVSourceItemPtr>& backupSet, int32_t cleanupFileCount);
     void purgeArchives();
+    // Whether the source item backUpSourceItem last took could not be read at all (gone, or its
+    // folder refused): its mirror was kept as it was.
+    bool lastSourceUnreadable() const { return lastSourceUnreadable_; }
     // Removes the runs the retention policy lets go; after the run's record is written.
     void thinRuns();
     // Puts what the run wrote on the destination's disk; a failure is an error of the run.
@@ -108,6 +111,7 @@ private:
     double initTimeStamp_ = 0;
     std::vector<std::string> notes_;
     std::unique_ptr<FVRunRecorder> recorder_;
+    bool lastSourceUnreadable_ = false;
 
     std::mutex copiesMutex_;
     std::condition_variable copiesEndedCondition_;

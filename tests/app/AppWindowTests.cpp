@@ -811,6 +811,14 @@ private slots:
             return least.width() <= room.width() && least.height() <= room.height();
         };
         QVERIFY2(fits(w), qPrintable(QString("%1x%2").arg(w->minimumSizeHint().width()).arg(w->minimumSizeHint().height())));
+        // As small as that, Name and Path still share a third of the list.
+        w->resize(room);
+        FVSourceListView* list = w->sourceListView();
+        auto namesRoom = [list] {
+            return list->columnWidth(FVSourceListModel::NameColumn) + list->columnWidth(FVSourceListModel::PathColumn);
+        };
+        QTRY_VERIFY2_WITH_TIMEOUT(list->viewport()->width() < room.width() && namesRoom() * 3 >= list->viewport()->width(),
+                                  qPrintable(QString("%1 of %2").arg(namesRoom()).arg(list->viewport()->width())), kPatience);
         w->optionsButton()->click();
         w->searchButton()->click();
         w->browseAction()->trigger();
@@ -1093,6 +1101,16 @@ private slots:
         QVERIFY2(lastRun(single).endsWith(text("sourcelastrununchanged").section("{}", 1)), qPrintable(lastRun(single)));
         QVERIFY2(lastRun(busy).endsWith("stopped, 1 item copied"), qPrintable(lastRun(busy)));
         QCOMPARE(lastRun(later), laterBefore);
+
+        // A source the run cannot read (gone, as under a FUSE driver that died) says so and
+        // keeps its last backup, also in the destination's configuration.
+        fs::rename(later, later + ".gone");
+        app_->window()->startButton()->click();
+        QVERIFY(ended.wait(kPatience));
+        QCOMPARE(lastRun(later), "Could not be read · last backup " + laterBefore.section(" · ", 0, 0));
+        for (const FVSourceItemPtr& stored : readSourcesOf(destination))
+            QCOMPARE(stored->value("lastUnreadableDate").has_value(), stored->sourcePath() == later);
+        fs::rename(later + ".gone", later);
         if (!ownDisk) QSKIP("unmounting the destination under a run needs root");
 
         // Unmounted under the run: one outcome that names the cause, in the row, the line under
@@ -1112,6 +1130,10 @@ private slots:
         QVERIFY(app_->window()->lastRunLine()->text().endsWith(QString::fromStdString(FVRunOutcome::causeOf(failure))));
         auto* panel = awaitDialog<FVErrorPanel>();
         QVERIFY(panel->text().startsWith(QString::fromStdString(failure)));
+        // The cover's text stays in view above the panel.
+        QCOMPARE(cover()->message(), awayLine(destination));
+        auto* message = cover()->findChild<QLabel*>("coverMessage");
+        QVERIFY(!panel->frameGeometry().intersects(QRect(message->mapToGlobal(QPoint()), message->size())));
         panel->accept();
     }
 

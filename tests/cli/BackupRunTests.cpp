@@ -121,7 +121,9 @@ TEST_F(BackupRun, MirrorsSeveralSourcesAndWritesTheResultsBack) {
     EXPECT_TRUE(saved.sources[0]->value("lastBackupDate").has_value());
     EXPECT_EQ(saved.sources[1]->integerValue("updatedFilesCount"), 1);
     EXPECT_GE(saved.sources[0]->integerValue("totalBytesCopied"), 3'000'000);
-    EXPECT_TRUE(saved.sources[2]->value("lastBackupDate").has_value()) << "a missing source is dated too";
+    // A missing source was not backed up: it keeps no date of a backup, only that of the attempt.
+    EXPECT_FALSE(saved.sources[2]->value("lastBackupDate").has_value());
+    EXPECT_TRUE(saved.sources[2]->value("lastUnreadableDate").has_value());
     EXPECT_FALSE(saved.sources[3]->value("lastBackupDate").has_value());
 
     std::string log = readFile(logPath());
