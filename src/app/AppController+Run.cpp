@@ -12,8 +12,8 @@
 #include "app/FVRunProgress.h"
 #include "app/FVSourceListModel.h"
 #include "app/FVThinProgressBar.h"
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVLog.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/run/FVLog.h"
 #include "fs/FVText.h"
 
 #include <QApplication>

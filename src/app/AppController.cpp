@@ -21,9 +21,9 @@
 #include "app/FVSourceListModel.h"
 #include "app/FVSourceListView.h"
 #include "app/FVThinProgressBar.h"
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVLog.h"
-#include "engine/FVPlacementChange.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/config/FVPlacementChange.h"
+#include "engine/run/FVLog.h"
 #include "fs/FVText.h"
 
 #include <QApplication>

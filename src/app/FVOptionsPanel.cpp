@@ -2,8 +2,8 @@
 
 #include "app/FVQtStrings.h"
 #include "app/FVTimeField.h"
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVExcludePattern.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/config/FVExcludePattern.h"
 #include "scheduling/FVOptionsPanelController.h"
 
 #include <QCheckBox>

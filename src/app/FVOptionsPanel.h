@@ -4,7 +4,7 @@
 // how it copies, and what it leaves out. Edits FVOptionsPanelController's live dictionary when the sheet is closed. The
 // content scrolls, so that the sheet fits a small screen.
 
-#include "engine/FVOptions.h"
+#include "engine/config/FVOptions.h"
 
 #include <QDialog>
 

@@ -1,7 +1,7 @@
 #include "app/FVRunProgress.h"
 
 #include "app/FVQtStrings.h"
-#include "engine/FVNumber.h"
+#include "engine/run/FVNumber.h"
 #include "fs/FVText.h"
 
 #include <QStringList>

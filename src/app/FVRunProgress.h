@@ -4,7 +4,7 @@
 // the time left and the file being written. Nothing counts as copied before it stands under its
 // name in the mirror.
 
-#include "engine/FVRunTally.h"
+#include "engine/run/FVRunTally.h"
 
 #include <QString>
 

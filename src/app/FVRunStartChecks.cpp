@@ -2,7 +2,7 @@
 
 #include "app/FVAlert.h"
 #include "app/FVQtStrings.h"
-#include "engine/FVMirrorLayout.h"
+#include "engine/config/FVMirrorLayout.h"
 #include "fs/FVMountTable.h"
 
 #include <QMessageBox>

@@ -4,9 +4,9 @@
 // made, the sources' mirrors do not collide, the options are usable, and no other run holds the
 // destination (whose lock is then held for the run).
 
-#include "engine/FVDestinationLock.h"
-#include "engine/FVOptions.h"
-#include "engine/FVSourceItem.h"
+#include "engine/config/FVDestinationLock.h"
+#include "engine/config/FVOptions.h"
+#include "engine/config/FVSourceItem.h"
 
 #include <string>
 #include <vector>

@@ -1,7 +1,7 @@
 #include "app/FVSourceListModel.h"
 
 #include "app/FVQtStrings.h"
-#include "engine/FVNumber.h"
+#include "engine/run/FVNumber.h"
 
 #include <QDataStream>
 #include <QDateTime>

@@ -1,7 +1,7 @@
 #include "backupset/BackupSetController.h"
 
-#include "engine/FVExclusionRules.h"
-#include "engine/FVStrings.h"
+#include "engine/analysis/FVExclusionRules.h"
+#include "engine/run/FVStrings.h"
 #include "fs/FVFileStatus.h"
 #include "fs/FVText.h"
 

@@ -6,8 +6,8 @@
 #include "cli/FVCommandLineRun.h"
 #include "cli/FVRunAttempt.h"
 #include "cli/FVRunOutput.h"
-#include "engine/FVDestinationLock.h"
-#include "engine/FVMainQueue.h"
+#include "engine/config/FVDestinationLock.h"
+#include "engine/run/FVMainQueue.h"
 #include "platform/FVUserNotifier.h"
 
 #include <atomic>

@@ -2,7 +2,7 @@
 
 #include "cli/FVLocaleText.h"
 #include "cli/FVOutput.h"
-#include "engine/FVBackupSession.h"
+#include "engine/session/FVBackupSession.h"
 #include "search/FVSearchText.h"
 
 #include <unistd.h>

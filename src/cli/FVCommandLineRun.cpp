@@ -3,7 +3,7 @@
 #include "cli/FVExitStatus.h"
 #include "cli/FVOutput.h"
 #include "cli/FVRunJson.h"
-#include "engine/FVStrings.h"
+#include "engine/run/FVStrings.h"
 #include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 #include "search/FVSearchText.h"

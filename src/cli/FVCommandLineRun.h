@@ -4,9 +4,9 @@
 
 #include "backupset/BackupSetController.h"
 #include "cli/FVCommandLineReport.h"
-#include "engine/FVBackupSession.h"
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVMainQueue.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/run/FVMainQueue.h"
+#include "engine/session/FVBackupSession.h"
 
 #include <atomic>
 #include <memory>

@@ -1,6 +1,6 @@
 #include "scheduling/FVJobStatus.h"
 
-#include "engine/FVPlist.h"
+#include "engine/config/FVPlist.h"
 #include "fs/FVAtomicFile.h"
 #include "fs/FVDirectoryEntries.h"
 #include "fs/FVPrivateFolder.h"

@@ -3,7 +3,7 @@
 #include "platform/FVHomeDirectory.h"
 #include "platform/FVProgramFiles.h"
 
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
 #include "fs/FVAtomicFile.h"
 #include "fs/FVDirectoryEntries.h"
 #include "fs/FVFileStatus.h"

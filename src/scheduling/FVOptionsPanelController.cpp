@@ -1,6 +1,6 @@
 #include "scheduling/FVOptionsPanelController.h"
 
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
 
 #include <fmt/format.h>
 

@@ -2,8 +2,8 @@
 // The options of the open destination in memory (the run options and the schedule), and bringing
 // the destination's scheduled job in line with them. The sheet that edits them belongs to the window.
 
-#include "engine/FVOptions.h"
-#include "engine/FVPlist.h"
+#include "engine/config/FVOptions.h"
+#include "engine/config/FVPlist.h"
 #include "scheduling/FVLaunchAgentManager.h"
 
 #include <string>

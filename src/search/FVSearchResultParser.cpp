@@ -1,7 +1,7 @@
 #include "search/FVSearchResultParser.h"
 
-#include "engine/FVMirrorLayout.h"
-#include "engine/FVVersionCatalog.h"
+#include "engine/config/FVMirrorLayout.h"
+#include "engine/record/FVVersionCatalog.h"
 #include "fs/FVFileStatus.h"
 #include "fs/FVText.h"
 

@@ -2,7 +2,7 @@
 // A source folder and a destination in a temporary folder, configured with the shared writer,
 // and the built executable run on them without a display.
 
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
 #include "support/ProcessRunner.h"
 #include "support/TempDir.h"
 

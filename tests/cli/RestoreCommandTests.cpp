@@ -4,8 +4,8 @@
 // ever followed; folders made again keep their backed-up metadata.
 
 #include "cli/DestinationFixture.h"
-#include "engine/FVDate.h"
-#include "engine/FVTrash.h"
+#include "engine/restore/FVTrash.h"
+#include "engine/run/FVDate.h"
 #include "fs/FVFileDescriptor.h"
 #include "support/JsonQuery.h"
 #include "support/TreeLiteral.h"

@@ -1,9 +1,9 @@
 // The destination configuration file: reading every property-list form, writing back without
 // loss, the two path forms, the legacy rename and malformed input.
 
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVOptions.h"
-#include "engine/FVStrings.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/config/FVOptions.h"
+#include "engine/run/FVStrings.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>

@@ -1,11 +1,11 @@
 // The lazily loaded file item and the file-manager helpers.
 
-#include "engine/FVAttributeSignature.h"
+#include "engine/analysis/FVAttributeSignature.h"
 #include "fs/FVFolderContents.h"
 #include "fs/FVInodeFlags.h"
 #include "fs/FVExtendedAttributes.h"
 #include "fs/FVFileDescriptor.h"
-#include "engine/FVFileSystemItem.h"
+#include "engine/run/FVFileSystemItem.h"
 #include "support/TempDir.h"
 
 #include <fcntl.h>

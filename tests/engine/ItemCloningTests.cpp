@@ -4,7 +4,7 @@
 // runs (tests/faults: storage, hostile).
 
 #include "fs/FVInodeFlags.h"
-#include "engine/FVFileCopyWorker.h"
+#include "engine/copy/FVFileCopyWorker.h"
 #include "support/ProcessRunner.h"
 #include "support/TempDir.h"
 #include "support/TreeLiteral.h"

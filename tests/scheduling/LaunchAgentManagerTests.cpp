@@ -2,7 +2,7 @@
 // paths through a written unit, the systemctl/launchctl calls through a recording runner, and
 // the options model that drives them.
 
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
 #include "scheduling/FVLaunchAgentManager.h"
 #include "scheduling/FVOptionsPanelController.h"
 #include "fs/FVMountTable.h"

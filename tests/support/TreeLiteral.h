@@ -3,7 +3,7 @@
 // given content; parent folders are made as needed. And a digest of a whole tree, to check that
 // something left it exactly as it was.
 
-#include "engine/FVAttributeSignature.h"
+#include "engine/analysis/FVAttributeSignature.h"
 #include "support/TempDir.h"
 
 #include <sys/stat.h>
