@@ -12,10 +12,12 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <initializer_list>
+#include <string_view>
 
 namespace ferrovane {
 
@@ -27,6 +29,15 @@ constexpr timespec kProbeTime{1'000'000'001, 987'654'321};
 constexpr int64_t kOneSecond = 1'000'000'000;
 constexpr int64_t kTwoSeconds = 2 * kOneSecond;
 // What FAT and exFAT refuse besides control characters; NTFS refuses the same to Windows only.
+// Types whose every request is a round trip to a server; the type name is all a run can go by,
+// since a loopback server answers as fast as a slow disk.
+bool servedOverNetwork(const std::string& type) {
+    static constexpr std::string_view kNetworkTypes[] = {"nfs",   "nfs4",       "cifs",       "smb3",     "9p",
+                                                         "ceph",  "glusterfs",  "fuse.sshfs", "fuse.davfs", "davfs",
+                                                         "fuse.rclone", "fuse.glusterfs", "afs", "fuse.s3fs"};
+    return std::find(std::begin(kNetworkTypes), std::end(kNetworkTypes), type) != std::end(kNetworkTypes);
+}
+
 constexpr const char* kFatRefusedPunctuation = "\\:*?\"<>|";
 
 int64_t nanoseconds(const timespec& t) { return static_cast<int64_t>(t.tv_sec) * 1'000'000'000 + t.tv_nsec; }
@@ -72,6 +83,7 @@ std::string swappedCase(const std::string& name) {
 FVDestinationProfile FVDestinationProbe::defaultsForType(const std::string& type) {
     FVDestinationProfile profile;
     profile.fileSystemType = type;
+    profile.remote = servedOverNetwork(type);
     const bool fat = type == "vfat" || type == "msdos" || type == "fuse.fusefat";
     const bool exfat = type == "exfat" || type == "fuse.exfat";
     const bool ntfs = type == "ntfs" || type == "ntfs3" || type == "fuse.ntfs-3g";
@@ -129,6 +141,7 @@ FVDestinationProfile FVDestinationProbe::probe() {
     }
     FVDestinationProfile profile;
     profile.fileSystemType = type;
+    profile.remote = servedOverNetwork(type);
     FVFd folder(openat(root.get(), folderName, kFolderFlags));
     FVFd file(folder.valid() ? openat(folder.get(), "Probe", O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644)
                              : -1);
@@ -197,6 +210,7 @@ FVDestinationProfile FVDestinationProbe::probe() {
 
 std::string FVDestinationProbe::describe(const FVDestinationProfile& p) {
     std::string text = p.fileSystemType.empty() ? "unknown type" : p.fileSystemType;
+    if (p.remote) text += ", over the network";
     if (p.timeGranularityNs == 1) text += ", exact times";
     else if (p.timeGranularityNs < 1'000'000) text += fmt::format(", times to {} ns", p.timeGranularityNs);
     else if (p.timeGranularityNs < 1'000'000'000) text += fmt::format(", times to {} ms", p.timeGranularityNs / 1'000'000);
