@@ -152,10 +152,14 @@ void AppController::notifyUnlessActive(const FVUserNotification& notification) {
     if (environment_.notifier && !window_->isActiveWindow()) environment_.notifier->deliver(notification);
 }
 
-void AppController::showErrorPanel(const std::vector<std::string>& errors) {
-    auto* panel = new FVErrorPanel(window_.get(), errors);
+// The errors of the last run, headed by the failure of its disk when it had one.
+void AppController::showErrorPanel() {
+    auto* panel = new FVErrorPanel(window_.get(), runOutcome_.errors());
+    if (!runOutcome_.destinationFailure().empty()) panel->setHeading(runOutcome_.diskFailureSummary(stdPath(destinationName())));
     connect(panel, &FVErrorPanel::emptiedSourceConfirmationRequested, this, &AppController::confirmEmptiedSource);
     connect(panel, &QDialog::finished, this, [this] {
+        // Seen: the count of what the failed disk kept out goes from the launcher too.
+        if (!backupIsRunning_) launcherEntry_.clear();
         if (!currentTargetPath_.empty()) window_->coverView()->openViewDelayedBy(0.5);
     });
     // The cover, when it is in, says what happened: the list of errors goes under its text.
@@ -165,7 +169,7 @@ void AppController::showErrorPanel(const std::vector<std::string>& errors) {
 }
 
 void AppController::showLastRunErrors() {
-    if (!runOutcome_.errors().empty() && !backupIsRunning_) showErrorPanel(runOutcome_.errors());
+    if (!runOutcome_.errors().empty() && !backupIsRunning_) showErrorPanel();
 }
 
 void AppController::confirmEmptiedSource(const QString& sourcePath) {
@@ -196,10 +200,11 @@ void AppController::setRunOutcome(FVRunOutcome outcome) {
 
 // Kept until the next run, also across starts.
 void AppController::recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors,
-                                     std::pair<std::string, long long> interrupted, std::string destinationFailure) {
+                                     std::pair<std::string, long long> interrupted, std::string destinationFailure,
+                                     long long notCopied) {
     FVRunOutcome outcome(state, QDateTime::currentDateTime(), errors);
     outcome.setInterruptedSource(std::move(interrupted.first), interrupted.second);
-    outcome.setDestinationFailure(std::move(destinationFailure));
+    outcome.setDestinationFailure(std::move(destinationFailure), notCopied);
     outcome.save(qPath(currentTargetPath_));
     setRunOutcome(std::move(outcome));
 }
@@ -235,7 +240,8 @@ void AppController::handleCancel() {
 
     std::vector<std::string> errors = backupSession_->errorMessages();
     // What stands in the mirror, not what the analysis had queued.
-    const auto copied = static_cast<long long>(backupSession_->totals().copied);
+    const FVRunTotals totals = backupSession_->totals();
+    const auto copied = static_cast<long long>(totals.copied);
     // Nobody stopped a run that could not fit: it says why, and the schedule knows the disk is full.
     const bool noRoom = backupSession_->stoppedForSpace();
     const std::string refusal = backupSession_->refusal();
@@ -246,10 +252,10 @@ void AppController::handleCancel() {
         std::stable_partition(errors.begin(), errors.end(), [&](const std::string& error) { return error == diskFailure; });
     // Rather than an empty cover until the alert is dismissed.
     cover->setMessage(noRoom ? QString::fromStdString(refusal) : localized("backupstopped"));
-    if (!noRoom) cover->setDetailMessage(FVRunProgress{backupSession_->totals(), 0, 0, {}}.counts());
+    if (!noRoom) cover->setDetailMessage(FVRunProgress{totals, 0, 0, {}}.counts());
     recordRunOutcome(noRoom ? FVRunOutcome::State::NoRoom : FVRunOutcome::State::Stopped, errors,
                      {backupSession_->interruptedSourcePath(), static_cast<long long>(backupSession_->copiedInSourceItem())},
-                     diskFailure);
+                     diskFailure, totals.toCopy > totals.copied ? static_cast<long long>(totals.toCopy - totals.copied) : 0);
     if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, refusal);
     else if (!diskFailure.empty()) recordJobAttempt(FVJobOutcome::Failed, diskFailure);
     else if (backupSession_->skippedByBeforeHook()) recordJobAttempt(FVJobOutcome::Failed, refusal);
@@ -260,8 +266,9 @@ void AppController::handleCancel() {
         notification = {FVStrings::format("notificationnoroom", disk), "", refusal, false, true};
     } else if (!diskFailure.empty()) {
         const std::string cause = FVRunOutcome::causeOf(diskFailure);
-        notification = {FVStrings::format("notificationdiskfailed", disk), "", cause, false, true};
-        cover->setMessage(localizedFormat("backupdiskfailed", disk));
+        notification = {FVStrings::format("notificationdiskfailed", disk),
+                        FVStrings::formatPlural("notificationnotcopied", runOutcome_.notCopied()), cause, false, true};
+        cover->setMessage(runOutcome_.diskFailureSummary(disk));
         cover->setDetailMessage(QString::fromStdString(cause));
     } else if (!errors.empty())
         notification.subtitle = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errors.size()));
@@ -285,7 +292,7 @@ void AppController::handleCancel() {
         box->setInformativeText(localized("noroomalertlong") + "\n\n" + QString::fromStdString(refusal));
         box->raise();
     } else if (!errors.empty()) {
-        showErrorPanel(errors);
+        showErrorPanel();
     } else {
         // The run has already stopped: this tells what is left, it asks nothing.
         QMessageBox* box = FVAlert::show(window_.get(), "cancelalert", "cancelalertlong", QMessageBox::Information,
@@ -354,7 +361,7 @@ void AppController::handleFinish() {
     resumeSizeEvaluation();
     if (!closeAfterRun_) {
         if (!errors.empty()) {
-            showErrorPanel(errors);
+            showErrorPanel();
         } else {
             QApplication::alert(window_.get());
             if (window_->isActiveWindow()) cover->openViewDelayedBy(4.0);
@@ -370,6 +377,9 @@ void AppController::finishRunAndMaybeClose() {
     backupSession_.reset();
     followDestination();
     emit runEnded();
+    // Until its errors are seen, the launcher counts what a failed disk kept out of the mirror.
+    if (!runOutcome_.destinationFailure().empty() && runOutcome_.notCopied() > 0)
+        launcherEntry_.showCount(runOutcome_.notCopied());
     if (closeAfterRun_) window_->close();
 }
 

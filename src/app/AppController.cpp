@@ -368,6 +368,8 @@ void AppController::destinationWentAway() {
     window_->coverView()->setHeld(true);
     // How its last run ended is known without the disk.
     setRunOutcome(FVRunOutcome::load(qPath(currentTargetPath_)));
+    if (!runOutcome_.destinationFailure().empty())
+        window_->coverView()->setDetailMessage(runOutcome_.diskFailureSummary(stdPath(destinationName())));
     const int index = destinations_.indexOf(qPath(currentTargetPath_));
     if (index >= 0) showOverdueWhileAway(destinations_.at(index).uuid.toStdString());
 }

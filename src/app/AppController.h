@@ -63,6 +63,7 @@ public:
     FVBackupSession* backupSession() const { return backupSession_.get(); }
     bool isBackupRunning() const { return backupIsRunning_; }
     const FVRunOutcome& runOutcome() const { return runOutcome_; }
+    const FVLauncherEntry& launcherEntry() const { return launcherEntry_; }
     FVRestoreController& restoreController() { return *restoreController_; }
 
     // Start-up: shows the window, asks for a donation unless suppressed, checks for updates
@@ -146,11 +147,12 @@ private:
     void handleProgress();
     void handleCancel();
     void handleFinish();
-    void showErrorPanel(const std::vector<std::string>& errors);
+    void showErrorPanel();
     void confirmEmptiedSource(const QString& sourcePath);
     void setRunOutcome(FVRunOutcome outcome);
     void recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors,
-                          std::pair<std::string, long long> interrupted = {{}, -1}, std::string destinationFailure = {});
+                          std::pair<std::string, long long> interrupted = {{}, -1}, std::string destinationFailure = {},
+                          long long notCopied = 0);
     // Kept outside the destination for the schedule line and overdue notices, when it has an identity.
     void recordJobAttempt(FVJobOutcome outcome, const std::string& message);
     void measureAfterWrite();
