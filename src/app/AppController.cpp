@@ -1,4 +1,5 @@
 #include "app/AppController.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVMountTable.h"
 
 #include "app/FVAlert.h"
@@ -52,7 +53,7 @@ namespace ferrovane {
 
 namespace {
 
-bool isReadableAndWritable(const std::string& path) { return access(path.c_str(), R_OK | W_OK) == 0; }
+bool isReadableAndWritable(const std::string& path) { return FVFileStatus::access(path.c_str(), R_OK | W_OK) == 0; }
 
 QPixmap iconFor(const QString& path) { return QFileIconProvider().icon(QFileInfo(path)).pixmap(32, 32); }
 
@@ -416,7 +417,7 @@ void AppController::openRecentTargetPath() {
     const int index = destinations_.selectedIndex();
     currentTargetPath_ = stdPath(destinations_.at(index).targetPath);
     presence_.stop();
-    if (access(currentTargetPath_.c_str(), F_OK) != 0) {
+    if (FVFileStatus::access(currentTargetPath_.c_str(), F_OK) != 0) {
         destinationWentAway();
         return;
     }
@@ -426,8 +427,8 @@ void AppController::openRecentTargetPath() {
     }
     presence_.watch(currentTargetPath_);
     window_->coverView()->setHeld(false);
-    if (access(FVConfigurationFile::currentPath(currentTargetPath_).c_str(), F_OK) != 0 &&
-        access(FVConfigurationFile::legacyPath(currentTargetPath_).c_str(), F_OK) == 0)
+    if (FVFileStatus::access(FVConfigurationFile::currentPath(currentTargetPath_).c_str(), F_OK) != 0 &&
+        FVFileStatus::access(FVConfigurationFile::legacyPath(currentTargetPath_).c_str(), F_OK) == 0)
         FVAlert::show(window_.get(), "Ferrovane3UpgradeAlertMessage", "Ferrovane3UpgradeAlertText", QMessageBox::Information);
     readSettings();
     if (optionsPanelController_.boolForOptionsKey(FVOptionKey::isSuperuserBackup) && !environment_.runningAsRoot) {
@@ -451,7 +452,7 @@ void AppController::openRecentTargetPath() {
     for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects()) {
         if (item->enabled() != int64_t(FVSourceMode::Backup)) continue;
         struct stat st;
-        if (lstat(item->sourcePath().c_str(), &st) != 0) {
+        if (FVFileStatus::lstat(item->sourcePath().c_str(), &st) != 0) {
             FVAlert::show(window_.get(), "sourcesunavailable", "sourcesunavailablelong", QMessageBox::Critical);
             break;
         }

@@ -1,5 +1,7 @@
 #include "platform/FVHookProcess.h"
 
+#include "fs/FVFileData.h"
+#include "fs/FVOpenFiles.h"
 #include "platform/FVCancellingSignals.h"
 
 #include <fcntl.h>
@@ -104,9 +106,9 @@ FVHookProcessResult FVHookProcess::run(const std::string& command, const Environ
     const int error = posix_spawn(&pid, "/bin/sh", &actions, &attributes, argv, envp.data());
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
-    close(pipeFds[1]);
+    FVOpenFiles::close(pipeFds[1]);
     if (error != 0) {
-        close(pipeFds[0]);
+        FVOpenFiles::close(pipeFds[0]);
         result.error = std::string("cannot run /bin/sh: ") + std::strerror(error);
         return result;
     }
@@ -131,11 +133,11 @@ FVHookProcessResult FVHookProcess::run(const std::string& command, const Environ
         pollfd fd{readEnd, POLLIN, 0};
         // Once the output is closed, poll only waits out the slice.
         if (poll(&fd, 1, static_cast<int>(kSlice.count())) > 0) {
-            ssize_t n = read(readEnd, buffer, sizeof buffer);
+            ssize_t n = FVFileData::read(readEnd, buffer, sizeof buffer);
             if (n > 0) {
                 lines.add(buffer, static_cast<size_t>(n));
             } else if (n == 0 || errno != EINTR) {
-                close(readEnd);
+                FVOpenFiles::close(readEnd);
                 readEnd = -1;
             }
         }
@@ -144,10 +146,10 @@ FVHookProcessResult FVHookProcess::run(const std::string& command, const Environ
     if (terminating) kill(-pid, SIGKILL);
     if (readEnd >= 0) {
         // What is already written is read; a process the command left running does not hold the run.
-        fcntl(readEnd, F_SETFL, O_NONBLOCK);
-        for (ssize_t n; (n = read(readEnd, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR);)
+        FVOpenFiles::setNonBlocking(readEnd);
+        for (ssize_t n; (n = FVFileData::read(readEnd, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR);)
             if (n > 0) lines.add(buffer, static_cast<size_t>(n));
-        close(readEnd);
+        FVOpenFiles::close(readEnd);
     }
     lines.finish();
     int status = 0;
