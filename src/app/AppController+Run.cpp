@@ -105,7 +105,7 @@ void AppController::startSync() {
     backupSession_ = std::make_unique<FVBackupSession>();
     backupSession_->setDelegate(this);
     backupSession_->setDestinationPath(currentTargetPath_);
-    backupSession_->setBackupOptions(FVOptionTable::read(*optionsPanelController_.allOptions()).options);
+    backupSession_->setBackupOptions(optionsPanelController_.options());
     // Items of the file that the list could not take are kept there and reported by the run.
     backupSession_->setConfigurationProblems(
         FVConfigurationFile::read(FVConfigurationFile::formattedPath(currentTargetPath_)).skippedItems);
@@ -214,7 +214,7 @@ void AppController::recordJobAttempt(FVJobOutcome outcome, const std::string& me
     if (uuid.empty()) return;
     std::string line = message.substr(0, message.find('\n'));
     const FVJobAttempt attempt{std::time(nullptr), FVJobTrigger::Manual, outcome, std::move(line)};
-    const int64_t overdueDays = FVOptionTable::read(*optionsPanelController_.allOptions()).options.overdueDays;
+    const int64_t overdueDays = optionsPanelController_.options().overdueDays;
     std::string error;
     // The run itself is done and recorded in the destination; only the status outside it is missing.
     if (!FVJobStatusStore(environment_.jobStatusFolder).record(uuid, currentTargetPath_, attempt, overdueDays, &error))

@@ -431,7 +431,7 @@ void AppController::openRecentTargetPath() {
         FVFileStatus::access(FVConfigurationFile::legacyPath(currentTargetPath_).c_str(), F_OK) == 0)
         FVAlert::show(window_.get(), "Ferrovane3UpgradeAlertMessage", "Ferrovane3UpgradeAlertText", QMessageBox::Information);
     readSettings();
-    if (optionsPanelController_.boolForOptionsKey(FVOptionKey::isSuperuserBackup) && !environment_.runningAsRoot) {
+    if (optionsPanelController_.options().isSuperuserBackup && !environment_.runningAsRoot) {
         presence_.stop();
         showDestinationUnusable("destinationrequiressuperuser");
         return;
@@ -521,7 +521,7 @@ void AppController::readSettings() {
 void AppController::writeSettings() {
     // Never into the empty folder an unmounted disk leaves behind.
     if (currentTargetPath_.empty() || !presence_.isPresent()) return;
-    if (environment_.runningAsRoot) optionsPanelController_.allOptions()->set(FVOptionKey::isSuperuserBackup, true);
+    if (environment_.runningAsRoot) FVOptionTable::store(*optionsPanelController_.allOptions(), &FVOptions::isSuperuserBackup, true);
     FVConfigurationFile::writeSettingsForSourceConfiguration(backupSetController_.arrangedObjects(),
                                                              *optionsPanelController_.allOptions(),
                                                              FVConfigurationFile::formattedPath(currentTargetPath_));
@@ -582,7 +582,7 @@ void AppController::addSourcePaths(const QStringList& paths, int index) {
     for (const QString& path : paths) items.push_back(FVText::standardizedPath(stdPath(QFileInfo(path).absoluteFilePath())));
     std::vector<FVSourceItemPtr> wouldBe = backupSetController_.arrangedObjects();
     for (const std::string& item : items) wouldBe.push_back(FVSourceItem::make(item, FVSourceMode::Backup));
-    if (!startChecks_.acceptsLayout(currentTargetPath_, FVOptionTable::read(*optionsPanelController_.allOptions()).options, wouldBe))
+    if (!startChecks_.acceptsLayout(currentTargetPath_, optionsPanelController_.options(), wouldBe))
         return;
     if (backupSetController_.addBackupPaths(items, size_t(std::max(index, 0))) < items.size()) QApplication::beep();
     // Added all the same: the run leaves the destination out of that source's walk.
@@ -647,7 +647,7 @@ void AppController::showAbout() {
 FVOptionsPanel* AppController::showOptionsPanel() {
     if (refusedWhileAway()) return nullptr;
     auto* panel = new FVOptionsPanel(window_.get(), optionsPanelController_, environment_.runningAsRoot);
-    const bool folderPerSource = FVOptionTable::read(*optionsPanelController_.allOptions()).options.syncMode != 0;
+    const bool folderPerSource = optionsPanelController_.options().syncMode != 0;
     if (!currentTargetPath_.empty() &&
         !FVPlacementChange(currentTargetPath_, folderPerSource, !folderPerSource, backupSetController_.arrangedObjects())
              .strandedMirrors()
@@ -677,7 +677,7 @@ void AppController::updateAutomationsAfterOptions() {
 
 void AppController::updateScheduleState() {
     if (currentTargetPath_.empty()) return clearScheduleState();
-    const FVOptions options = FVOptionTable::read(*optionsPanelController_.allOptions()).options;
+    const FVOptions options = optionsPanelController_.options();
     const std::string uuid = optionsPanelController_.uuid();
     const std::optional<FVJobStatus> status =
         uuid.empty() ? std::nullopt : FVJobStatusStore(environment_.jobStatusFolder).read(uuid);

@@ -727,7 +727,7 @@ std::optional<int> lockForChange(FVDestinationLock& lock, const std::string& des
 std::optional<int> checkPlacement(const Arguments& a, const std::string& destination, bool folderPerSourceBefore,
                                   BackupSetController& list, FVOptionsPanelController& options) {
     const FVMirrorLayout layout = FVMirrorLayout::fromItems(
-        destination, FVOptionTable::read(*options.allOptions()).options.syncMode != 0, list.arrangedObjects());
+        destination, options.options().syncMode != 0, list.arrangedObjects());
     if (std::optional<std::string> problem = layout.validateAsSeen())
         return refuse(printable(*problem) + " Nothing was changed.");
     const FVPlacementChange placement(destination, folderPerSourceBefore, layout.folderPerSource(),
@@ -790,7 +790,7 @@ int applyChange(const Arguments& a, Configuration& config, FVLaunchAgentManager&
     FVOptionsPanelController options(jobs);
     options.setAllOptions(config.content.settings);
 
-    const bool folderPerSourceBefore = FVOptionTable::read(*options.allOptions()).options.syncMode != 0;
+    const bool folderPerSourceBefore = options.options().syncMode != 0;
     std::string message;
     if (!change.apply(list, options, message))
         return change.unknownSourceIsBadInput ? refuse(message + "; nothing was changed")
