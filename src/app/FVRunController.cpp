@@ -1,23 +1,23 @@
-// Starting and cancelling a run from the window, following it, and showing its outcome.
-
-#include "app/AppController.h"
+#include "app/FVRunController.h"
 
 #include "app/FVAlert.h"
 #include "app/FVCoverView.h"
 #include "app/FVDestinationPopup.h"
+#include "app/FVDestinationPresence.h"
 #include "app/FVErrorPanel.h"
 #include "app/FVMainWindow.h"
 #include "app/FVQtStrings.h"
-#include "app/FVRestoreController.h"
 #include "app/FVRunProgress.h"
 #include "app/FVSourceListModel.h"
 #include "app/FVThinProgressBar.h"
+#include "backupset/BackupSetController.h"
 #include "engine/config/FVConfigurationFile.h"
 #include "engine/run/FVLog.h"
 #include "fs/FVText.h"
+#include "scheduling/FVOptionsPanelController.h"
 
 #include <QApplication>
-#include <QComboBox>
+#include <QEventLoop>
 #include <QLabel>
 #include <QPushButton>
 #include <QSettings>
@@ -27,23 +27,28 @@
 
 namespace ferrovane {
 
-namespace {
+FVRunController::FVRunController(Parts parts, Host host, QObject* parent)
+    : QObject(parent), parts_(std::move(parts)), host_(std::move(host)) {
+    // Copies are published without a progress report of their own: the counts are read again
+    // a few times a second while a run goes on.
+    progressTimer_.setInterval(250);
+    connect(&progressTimer_, &QTimer::timeout, this, &FVRunController::handleProgress);
+}
 
-// Set on a source whose folder was emptied on purpose: the next run may empty its mirror.
-constexpr const char* kEmptySourceConfirmedKey = "emptySourceConfirmed";
-
-}  // namespace
-
-QString AppController::destinationName() const { return qPath(FVText::lastPathComponent(currentTargetPath_)); }
-
-void AppController::startOrCancelSync() {
-    QPushButton* button = window_->startButton();
-    FVCoverView* cover = window_->coverView();
-    if (restoreController_->isRunning()) {
-        button->setEnabled(false);
-        restoreController_->stop();
-        return;
+FVRunController::~FVRunController() {
+    if (backupSession_ && backupIsRunning_) {
+        backupSession_->cancel();
+        QEventLoop loop;
+        connect(this, &FVRunController::runEnded, &loop, &QEventLoop::quit);
+        if (backupIsRunning_) loop.exec();
     }
+}
+
+std::string FVRunController::diskName() const { return FVText::lastPathComponent(host_.destination()); }
+
+void FVRunController::startOrCancel() {
+    QPushButton* button = parts_.window->startButton();
+    FVCoverView* cover = parts_.window->coverView();
     if (backupIsRunning_) {
         button->setEnabled(false);
         cover->clearMessages();
@@ -58,59 +63,59 @@ void AppController::startOrCancelSync() {
         return;
     }
     if (!passesStartChecks()) return;
-    window_->targetPopup()->setEnabled(false);
-    window_->progressView()->setProgress(0);
+    parts_.window->targetPopup()->setEnabled(false);
+    parts_.window->progressView()->setProgress(0);
     cover->clearMessages();
     cover->setProgress(0);
     cover->setMessage(localized("viewstartingbackup"));
     button->setText(localized("cancelbutton"));
-    setDestinationControlsEnabled(false);
-    setOptionWidgetsEnabled(false);
+    host_.setControlsEnabled(false);
     starting_ = true;
     cover->scrollIn([this] { startSync(); });
 }
 
-bool AppController::passesStartChecks() {
+bool FVRunController::passesStartChecks() {
     using Verdict = FVRunStartChecks::Verdict;
-    switch (startChecks_.check(currentTargetPath_, presence_.isPresent(), backupSetController_.arrangedObjects(),
-                               FVOptionTable::read(*optionsPanelController_.allOptions()), runLock_)) {
+    switch (parts_.startChecks.check(host_.destination(), parts_.presence.isPresent(), parts_.sources.arrangedObjects(),
+                                     FVOptionTable::read(*parts_.options.allOptions()), runLock_)) {
     case Verdict::Passed: return true;
     case Verdict::Refused: return false;
-    case Verdict::Away: destinationWentAway(); return false;
-    case Verdict::Unusable: resetInterface(); return false;
+    case Verdict::Away: host_.destinationWentAway(); return false;
+    case Verdict::Unusable: host_.destinationUnusable(); return false;
     }
     return false;
 }
 
-void AppController::abortStart() {
+void FVRunController::abortStart() {
+    if (!starting_) return;
     starting_ = false;
     runLock_.release();
-    window_->startButton()->setText(localized("syncbutton"));
-    window_->coverView()->setProgress(-1);
-    window_->coverView()->openView();
-    setDestinationControlsEnabled(true);
-    setOptionWidgetsEnabled(true);
+    parts_.window->startButton()->setText(localized("syncbutton"));
+    parts_.window->coverView()->setProgress(-1);
+    parts_.window->coverView()->openView();
+    host_.setControlsEnabled(true);
 }
 
-void AppController::startSync() {
+void FVRunController::startSync() {
     starting_ = false;
-    notifyUnlessActive({"Backup started: " + FVText::lastPathComponent(currentTargetPath_), "", ""});
-    writeSettings();
+    const std::string& destination = host_.destination();
+    notifyUnlessActive({"Backup started: " + diskName(), "", ""});
+    host_.writeSettings();
     backupIsRunning_ = true;
-    backupSetController_.setDisableSizeEvaluation(true);
-    backupSetController_.cancelSizeEvaluation();
-    window_->progressView()->setProgress(1.0);
-    window_->coverView()->setProgress(1.0);
+    parts_.sources.setDisableSizeEvaluation(true);
+    parts_.sources.cancelSizeEvaluation();
+    parts_.window->progressView()->setProgress(1.0);
+    parts_.window->coverView()->setProgress(1.0);
 
     backupSession_ = std::make_unique<FVBackupSession>();
     backupSession_->setDelegate(this);
-    backupSession_->setDestinationPath(currentTargetPath_);
-    backupSession_->setBackupOptions(optionsPanelController_.options());
+    backupSession_->setDestinationPath(destination);
+    backupSession_->setBackupOptions(parts_.options.options());
     // Items of the file that the list could not take are kept there and reported by the run.
     backupSession_->setConfigurationProblems(
-        FVConfigurationFile::read(FVConfigurationFile::formattedPath(currentTargetPath_)).skippedItems);
-    backupSession_->setBackupSet(backupSetController_.arrangedObjects());
-    backupSession_->setExcludePaths(backupSetController_.excludePaths());
+        FVConfigurationFile::read(FVConfigurationFile::formattedPath(destination)).skippedItems);
+    backupSession_->setBackupSet(parts_.sources.arrangedObjects());
+    backupSession_->setExcludePaths(parts_.sources.excludePaths());
     runClock_.start();
     progressTimer_.start();
     backupSession_->start();
@@ -118,7 +123,7 @@ void AppController::startSync() {
 }
 
 // The session calls these on its threads; the window's work is queued to the GUI thread.
-void AppController::backupSessionProgressDidChange(FVBackupSession&) {
+void FVRunController::backupSessionProgressDidChange(FVBackupSession&) {
     // Progress arrives per file: one queued update at a time is enough.
     if (progressPosted_.exchange(true)) return;
     QMetaObject::invokeMethod(this, [this] {
@@ -127,125 +132,106 @@ void AppController::backupSessionProgressDidChange(FVBackupSession&) {
     }, Qt::QueuedConnection);
 }
 
-void AppController::backupSessionDidCancel(FVBackupSession&) {
-    QMetaObject::invokeMethod(this, &AppController::handleCancel, Qt::QueuedConnection);
+void FVRunController::backupSessionDidCancel(FVBackupSession&) {
+    QMetaObject::invokeMethod(this, &FVRunController::handleCancel, Qt::QueuedConnection);
 }
 
-void AppController::backupSessionDidFinish(FVBackupSession&) {
-    QMetaObject::invokeMethod(this, &AppController::handleFinish, Qt::QueuedConnection);
+void FVRunController::backupSessionDidFinish(FVBackupSession&) {
+    QMetaObject::invokeMethod(this, &FVRunController::handleFinish, Qt::QueuedConnection);
 }
 
-void AppController::handleProgress() {
+void FVRunController::handleProgress() {
     if (!backupIsRunning_ || !backupSession_) return;
     const FVRunProgress progress{backupSession_->totals(), backupSession_->progressPercent(), runClock_.elapsed() / 1000.0,
                                  backupSession_->currentFile()};
-    FVCoverView* cover = window_->coverView();
+    FVCoverView* cover = parts_.window->coverView();
     cover->setProgress(progress.percent);
     cover->setMessage(QString::fromStdString(backupSession_->currentTaskDescription()));
     cover->setDetailMessage(progress.counts());
     cover->setSmallMessage(progress.pace());
-    window_->progressView()->setProgress(progress.percent);
-    launcherEntry_.setProgress(progress.percent / 100.0, static_cast<qint64>(progress.totals.copied));
+    parts_.window->progressView()->setProgress(progress.percent);
+    parts_.launcherEntry.setProgress(progress.percent / 100.0, static_cast<qint64>(progress.totals.copied));
 }
 
-void AppController::notifyUnlessActive(const FVUserNotification& notification) {
-    if (environment_.notifier && !window_->isActiveWindow()) environment_.notifier->deliver(notification);
+void FVRunController::notifyUnlessActive(const FVUserNotification& notification) {
+    if (parts_.notifier && !parts_.window->isActiveWindow()) parts_.notifier->deliver(notification);
 }
 
 // The errors of the last run, headed by the failure of its disk when it had one.
-void AppController::showErrorPanel() {
-    auto* panel = new FVErrorPanel(window_.get(), runOutcome_.errors());
-    if (!runOutcome_.destinationFailure().empty()) panel->setHeading(runOutcome_.diskFailureSummary(stdPath(destinationName())));
-    connect(panel, &FVErrorPanel::emptiedSourceConfirmationRequested, this, &AppController::confirmEmptiedSource);
+void FVRunController::showErrorPanel() {
+    auto* panel = new FVErrorPanel(parts_.window, runOutcome_.errors());
+    if (!runOutcome_.destinationFailure().empty()) panel->setHeading(runOutcome_.diskFailureSummary(diskName()));
+    connect(panel, &FVErrorPanel::emptiedSourceConfirmationRequested, this, &FVRunController::emptiedSourceConfirmationRequested);
     connect(panel, &QDialog::finished, this, [this] {
         // Seen: the count of what the failed disk kept out goes from the launcher too.
-        if (!backupIsRunning_) launcherEntry_.clear();
-        if (!currentTargetPath_.empty()) window_->coverView()->openViewDelayedBy(0.5);
+        if (!backupIsRunning_) parts_.launcherEntry.clear();
+        if (!host_.destination().empty()) parts_.window->coverView()->openViewDelayedBy(0.5);
     });
     // The cover, when it is in, says what happened: the list of errors goes under its text.
-    FVCoverView* cover = window_->coverView();
+    FVCoverView* cover = parts_.window->coverView();
     if (cover->isFullyHidden()) panel->open();
     else panel->openBelow(cover->textBottom());
 }
 
-void AppController::showLastRunErrors() {
+void FVRunController::showLastRunErrors() {
     if (!runOutcome_.errors().empty() && !backupIsRunning_) showErrorPanel();
 }
 
-void AppController::confirmEmptiedSource(const QString& sourcePath) {
-    if (refusedWhileAway()) return;
-    FVSourceItemPtr source;
-    for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
-        if (qPath(item->sourcePath()) == sourcePath) source = item;
-    if (!source || backupIsRunning_) return;
-    QMessageBox* box = FVAlert::ask(window_.get(), "confirmempty", "confirmemptylong", "cancelbuttontitle", "confirmemptyaction",
-                                    [this, source](bool confirmed) {
-                                        if (!confirmed || backupIsRunning_) return;
-                                        source->setValue(kEmptySourceConfirmedKey, true);
-                                        writeSettings();
-                                    });
-    box->setText(localizedFormat("confirmempty", FVText::lastPathComponent(source->sourcePath())));
-    box->setInformativeText(localizedFormat("confirmemptylong", source->sourcePath()));
-}
-
-void AppController::setRunOutcome(FVRunOutcome outcome) {
+void FVRunController::setOutcome(FVRunOutcome outcome) {
     runOutcome_ = std::move(outcome);
-    sourceModel_->setRunOutcome(runOutcome_);
-    const bool known = !currentTargetPath_.empty();
-    window_->lastRunLine()->setText(known ? runOutcome_.headline() : QString());
+    parts_.sourceModel.setRunOutcome(runOutcome_);
+    const bool known = !host_.destination().empty();
+    parts_.window->lastRunLine()->setText(known ? runOutcome_.headline() : QString());
     const bool hasErrors = known && !runOutcome_.errors().empty();
-    window_->showErrorsButton()->setVisible(hasErrors);
-    window_->showErrorsAction()->setEnabled(hasErrors);
+    parts_.window->showErrorsButton()->setVisible(hasErrors);
+    parts_.window->showErrorsAction()->setEnabled(hasErrors);
 }
 
 // Kept until the next run, also across starts.
-void AppController::recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors,
-                                     std::pair<std::string, long long> interrupted, std::string destinationFailure,
-                                     long long notCopied) {
+void FVRunController::recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors,
+                                       std::pair<std::string, long long> interrupted, std::string destinationFailure,
+                                       long long notCopied) {
     FVRunOutcome outcome(state, QDateTime::currentDateTime(), errors);
     outcome.setInterruptedSource(std::move(interrupted.first), interrupted.second);
     outcome.setDestinationFailure(std::move(destinationFailure), notCopied);
-    outcome.save(qPath(currentTargetPath_));
-    setRunOutcome(std::move(outcome));
+    outcome.save(qPath(host_.destination()));
+    setOutcome(std::move(outcome));
 }
 
-void AppController::recordJobAttempt(FVJobOutcome outcome, const std::string& message) {
-    const std::string uuid = optionsPanelController_.uuid();
+void FVRunController::recordJobAttempt(FVJobOutcome outcome, const std::string& message) {
+    const std::string uuid = parts_.options.uuid();
     if (uuid.empty()) return;
     std::string line = message.substr(0, message.find('\n'));
     const FVJobAttempt attempt{std::time(nullptr), FVJobTrigger::Manual, outcome, std::move(line)};
-    const int64_t overdueDays = optionsPanelController_.options().overdueDays;
     std::string error;
     // The run itself is done and recorded in the destination; only the status outside it is missing.
-    if (!FVJobStatusStore(environment_.jobStatusFolder).record(uuid, currentTargetPath_, attempt, overdueDays, &error))
+    if (!FVJobStatusStore(parts_.jobStatusFolder)
+             .record(uuid, host_.destination(), attempt, parts_.options.options().overdueDays, &error))
         FVLog::currentLog().addLogLine("Could not record the run in the job status: " + error);
 }
 
-void AppController::resumeSizeEvaluation() {
-    backupSetController_.setDisableSizeEvaluation(false);
+void FVRunController::resumeSizeEvaluation() {
+    parts_.sources.setDisableSizeEvaluation(false);
     // The run's write removed every measured size; this measures them all again.
-    backupSetController_.evaluateItemModeChange();
+    parts_.sources.evaluateItemModeChange();
 }
 
-void AppController::handleCancel() {
+void FVRunController::handleCancel() {
     progressTimer_.stop();
-    FVCoverView* cover = window_->coverView();
-    window_->progressView()->setProgress(0);
+    FVCoverView* cover = parts_.window->coverView();
+    parts_.window->progressView()->setProgress(0);
     cover->setProgress(-1);
     cover->clearMessages();
-    window_->startButton()->setText(localized("syncbutton"));
-    window_->startButton()->setEnabled(true);
-    setDestinationControlsEnabled(true);
-    setOptionWidgetsEnabled(true);
+    parts_.window->startButton()->setText(localized("syncbutton"));
+    parts_.window->startButton()->setEnabled(true);
+    host_.setControlsEnabled(true);
 
     std::vector<std::string> errors = backupSession_->errorMessages();
     // What stands in the mirror, not what the analysis had queued.
     const FVRunTotals totals = backupSession_->totals();
-    const auto copied = static_cast<long long>(totals.copied);
     // Nobody stopped a run that could not fit: it says why, and the schedule knows the disk is full.
     const bool noRoom = backupSession_->stoppedForSpace();
     const std::string refusal = backupSession_->refusal();
-    const std::string disk = FVText::lastPathComponent(currentTargetPath_);
     // Nor one whose disk failed or went away: the cause comes first, the errors it caused after.
     const std::string diskFailure = backupSession_->destinationFailure();
     if (!diskFailure.empty())
@@ -256,11 +242,28 @@ void AppController::handleCancel() {
     recordRunOutcome(noRoom ? FVRunOutcome::State::NoRoom : FVRunOutcome::State::Stopped, errors,
                      {backupSession_->interruptedSourcePath(), static_cast<long long>(backupSession_->copiedInSourceItem())},
                      diskFailure, totals.toCopy > totals.copied ? static_cast<long long>(totals.toCopy - totals.copied) : 0);
+    if (!diskFailure.empty()) {
+        cover->setMessage(runOutcome_.diskFailureSummary(diskName()));
+        cover->setDetailMessage(QString::fromStdString(FVRunOutcome::causeOf(diskFailure)));
+    }
     if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, refusal);
     else if (!diskFailure.empty()) recordJobAttempt(FVJobOutcome::Failed, diskFailure);
     else if (backupSession_->skippedByBeforeHook()) recordJobAttempt(FVJobOutcome::Failed, refusal);
     else recordJobAttempt(FVJobOutcome::Stopped, "stopped in the window");
-    updateScheduleState();
+    host_.updateScheduleState();
+    notifyStop(noRoom, refusal, diskFailure, errors.size());
+
+    backupIsRunning_ = false;
+    cancelling_ = false;
+    runLock_.release();
+    resumeSizeEvaluation();
+    host_.updateSizeDisplay();
+    if (!closeAfterRun_) showStopAlert(noRoom, refusal, static_cast<long long>(totals.copied));
+    finishRunAndMaybeClose();
+}
+
+void FVRunController::notifyStop(bool noRoom, const std::string& refusal, const std::string& diskFailure, size_t errorCount) {
+    const std::string disk = diskName();
     FVUserNotification notification{FVStrings::format("notificationstopped", disk), "", ""};
     if (noRoom) {
         notification = {FVStrings::format("notificationnoroom", disk), "", refusal, false, true};
@@ -268,55 +271,44 @@ void AppController::handleCancel() {
         const std::string cause = FVRunOutcome::causeOf(diskFailure);
         notification = {FVStrings::format("notificationdiskfailed", disk),
                         FVStrings::formatPlural("notificationnotcopied", runOutcome_.notCopied()), cause, false, true};
-        cover->setMessage(runOutcome_.diskFailureSummary(disk));
-        cover->setDetailMessage(QString::fromStdString(cause));
-    } else if (!errors.empty())
-        notification.subtitle = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errors.size()));
+    } else if (errorCount > 0)
+        notification.subtitle = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errorCount));
     notifyUnlessActive(notification);
+}
 
-    backupIsRunning_ = false;
-    cancelling_ = false;
-    runLock_.release();
-    resumeSizeEvaluation();
-    updateSizeDisplay();
-    if (closeAfterRun_) {
-        finishRunAndMaybeClose();
-        return;
-    }
+void FVRunController::showStopAlert(bool noRoom, const std::string& refusal, long long copied) {
     if (noRoom) {
         // What the check found, not the errors of a run that never began: any others stay
         // behind Show Errors….
-        QMessageBox* box = FVAlert::show(window_.get(), "noroomalert", "noroomalertlong", QMessageBox::Warning,
-                                         [this] { window_->coverView()->openView(); });
-        box->setText(localizedFormat("noroomalert", disk));
+        QMessageBox* box = FVAlert::show(parts_.window, "noroomalert", "noroomalertlong", QMessageBox::Warning,
+                                         [this] { parts_.window->coverView()->openView(); });
+        box->setText(localizedFormat("noroomalert", diskName()));
         box->setInformativeText(localized("noroomalertlong") + "\n\n" + QString::fromStdString(refusal));
         box->raise();
-    } else if (!errors.empty()) {
+    } else if (!runOutcome_.errors().empty()) {
         showErrorPanel();
     } else {
         // The run has already stopped: this tells what is left, it asks nothing.
-        QMessageBox* box = FVAlert::show(window_.get(), "cancelalert", "cancelalertlong", QMessageBox::Information,
-                                         [this] { window_->coverView()->openView(); });
+        QMessageBox* box = FVAlert::show(parts_.window, "cancelalert", "cancelalertlong", QMessageBox::Information,
+                                         [this] { parts_.window->coverView()->openView(); });
         box->setInformativeText(copied == 0 ? localized("cancelalertnone")
                                             : QString::fromStdString(FVStrings::formatPlural("cancelalertlong", copied)));
         box->raise();
     }
-    finishRunAndMaybeClose();
 }
 
-void AppController::handleFinish() {
+void FVRunController::handleFinish() {
     // A stop that came too late to interrupt the last step is still a stop for the user.
     if (cancelling_) {
         handleCancel();
         return;
     }
     progressTimer_.stop();
-    writeSettings();
+    host_.writeSettings();
     runLock_.release();
     backupIsRunning_ = false;
     cancelling_ = false;
-    setDestinationControlsEnabled(true);
-    setOptionWidgetsEnabled(true);
+    host_.setControlsEnabled(true);
 
     const int32_t updated = backupSession_->updatedFileCount();
     const double share = backupSession_->changedPercent();
@@ -335,10 +327,10 @@ void AppController::handleFinish() {
         recordJobAttempt(FVJobOutcome::Warnings, errors.front());
     else
         recordJobAttempt(FVJobOutcome::Finished, "");
-    updateScheduleState();
+    host_.updateScheduleState();
     QSettings().setValue("backupCompleted", true);
 
-    FVCoverView* cover = window_->coverView();
+    FVCoverView* cover = parts_.window->coverView();
     cover->clearMessages();
     if (errors.empty())
         cover->setMessage(QString::fromStdString(FVStrings::formatPlural("viewbackupfinished", updated, share)));
@@ -346,13 +338,12 @@ void AppController::handleFinish() {
         cover->setMessage(QString::fromStdString(FVStrings::formatPlural("viewbackupfinishederrors", (long long)errors.size(), updated)));
     cover->setDetailMessage(localizedFormat("backupduration", duration));
     cover->setProgress(-1);
-    window_->progressView()->setProgress(0);
-    window_->startButton()->setText(localized("syncbutton"));
-    window_->startButton()->setEnabled(true);
-    updateSizeDisplay();
+    parts_.window->progressView()->setProgress(0);
+    parts_.window->startButton()->setText(localized("syncbutton"));
+    parts_.window->startButton()->setEnabled(true);
+    host_.updateSizeDisplay();
 
-    FVUserNotification notification{FVStrings::format("notificationfinished", FVText::lastPathComponent(currentTargetPath_)),
-                                    backupSession_->finishedSummary(), ""};
+    FVUserNotification notification{FVStrings::format("notificationfinished", diskName()), backupSession_->finishedSummary(), ""};
     if (!errors.empty())
         notification.informativeText = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errors.size()));
     notification.critical = !errors.empty();
@@ -363,41 +354,38 @@ void AppController::handleFinish() {
         if (!errors.empty()) {
             showErrorPanel();
         } else {
-            QApplication::alert(window_.get());
-            if (window_->isActiveWindow()) cover->openViewDelayedBy(4.0);
-            else coverViewShouldOpenOnBecomeMain_ = true;
+            QApplication::alert(parts_.window);
+            if (parts_.window->isActiveWindow()) cover->openViewDelayedBy(4.0);
+            else coverOpensOnActivation_ = true;
         }
     }
     finishRunAndMaybeClose();
 }
 
-void AppController::finishRunAndMaybeClose() {
+void FVRunController::finishRunAndMaybeClose() {
     // The ended session still holds the destination's folders open: the disk must be free to
     // eject while the window idles.
     backupSession_.reset();
-    followDestination();
+    host_.followDestination();
     emit runEnded();
     // Until its errors are seen, the launcher counts what a failed disk kept out of the mirror.
     if (!runOutcome_.destinationFailure().empty() && runOutcome_.notCopied() > 0)
-        launcherEntry_.showCount(runOutcome_.notCopied());
-    if (closeAfterRun_) window_->close();
+        parts_.launcherEntry.showCount(runOutcome_.notCopied());
+    if (closeAfterRun_) parts_.window->close();
 }
 
-bool AppController::windowShouldClose() {
-    if (starting_) abortStart();
-    // A restore stops with the window; what it restored so far stays, whole.
-    restoreController_->stop();
+bool FVRunController::windowMayClose() {
+    abortStart();
     if (!backupIsRunning_) {
-        writeSettingsIfOpen();
         closeAfterRun_ = false;
         return true;
     }
     if (closeAfterRun_) return false;  // already stopping; the window closes when the run has ended
-    FVAlert::ask(window_.get(), "quitwhilerunning", "quitwhilerunninglong", "continuebutton", "stopandquitbutton",
+    FVAlert::ask(parts_.window, "quitwhilerunning", "quitwhilerunninglong", "continuebutton", "stopandquitbutton",
                  [this](bool stop) {
                      if (!stop || !backupIsRunning_) return;
                      closeAfterRun_ = true;
-                     if (!cancelling_) startOrCancelSync();
+                     if (!cancelling_) startOrCancel();
                  });
     return false;
 }
