@@ -72,22 +72,14 @@ bool hasEnded(pid_t pid) {
     return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid;
 }
 
-}  // namespace
-
-FVHookProcessResult FVHookProcess::run(const std::string& command, const Environment& environment,
-                                       std::chrono::milliseconds limit, const LineHandler& output,
-                                       const StopRequest& stop) {
-    FVHookProcessResult result;
-    int pipeFds[2];
-    if (pipe2(pipeFds, O_CLOEXEC) != 0) {
-        result.error = std::string("cannot create a pipe: ") + std::strerror(errno);
-        return result;
-    }
+// Starts the command under /bin/sh in a process group of its own, its output and errors into
+// outputFd. Returns 0, or the error number of a start that failed.
+int spawnShell(const std::string& command, const FVHookProcess::Environment& environment, int outputFd, pid_t& pid) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, outputFd, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, outputFd, STDERR_FILENO);
     // Not the destination: a hook that unmounts it would find its own working folder in the way.
     posix_spawn_file_actions_addchdir_np(&actions, "/");
     posix_spawnattr_t attributes;
@@ -102,10 +94,25 @@ FVHookProcessResult FVHookProcess::run(const std::string& command, const Environ
     envp.push_back(nullptr);
     std::string shell = "/bin/sh", dashC = "-c", text = command;
     char* argv[] = {shell.data(), dashC.data(), text.data(), nullptr};
-    pid_t pid = 0;
     const int error = posix_spawn(&pid, "/bin/sh", &actions, &attributes, argv, envp.data());
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
+    return error;
+}
+
+}  // namespace
+
+FVHookProcessResult FVHookProcess::run(const std::string& command, const Environment& environment,
+                                       std::chrono::milliseconds limit, const LineHandler& output,
+                                       const StopRequest& stop) {
+    FVHookProcessResult result;
+    int pipeFds[2];
+    if (pipe2(pipeFds, O_CLOEXEC) != 0) {
+        result.error = std::string("cannot create a pipe: ") + std::strerror(errno);
+        return result;
+    }
+    pid_t pid = 0;
+    const int error = spawnShell(command, environment, pipeFds[1], pid);
     FVOpenFiles::close(pipeFds[1]);
     if (error != 0) {
         FVOpenFiles::close(pipeFds[0]);
