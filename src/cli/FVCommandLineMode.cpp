@@ -150,18 +150,18 @@ std::string FVCommandLineMode::unavailableMessage() const {
     const std::string toSetUp = fmt::format("To make {} a destination: ferrovane config {} add SOURCE", destination,
                                             destination);
     struct stat st {};
-    if (stat(destinationPath_.c_str(), &st) != 0)
+    if (FVFileStatus::stat(destinationPath_.c_str(), &st) != 0)
         return fmt::format("cannot read the configuration {} ({}: {}). Is the disk connected? {}", settings,
                            destination, std::strerror(errno), toSetUp);
     if (!S_ISDIR(st.st_mode)) return fmt::format("{} is not a folder. {}", destination, toSetUp);
-    if (stat(settingsPath_.c_str(), &st) != 0)
+    if (FVFileStatus::stat(settingsPath_.c_str(), &st) != 0)
         return fmt::format("cannot read the configuration {} ({}). Is the disk connected? {}", settings,
                            std::strerror(errno), toSetUp);
     if (S_ISDIR(st.st_mode))
         return fmt::format("the configuration {} is a folder. Move it away, then: ferrovane config {} add SOURCE",
                            settings, destination);
     return fmt::format("cannot read the configuration {} ({}). Check its permissions, or run as its owner",
-                       settings, std::strerror(access(settingsPath_.c_str(), R_OK) == 0 ? EIO : errno));
+                       settings, std::strerror(FVFileStatus::access(settingsPath_.c_str(), R_OK) == 0 ? EIO : errno));
 }
 
 void FVCommandLineMode::refuseToLoad(const std::string& message) {
