@@ -152,10 +152,11 @@ bool FVRestoreRun::copyWorkerWillOverwriteDestination(FVFileSystemItem& destinat
     return true;
 }
 
-void FVRestoreRun::copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) {
-    if (level == FVMessageLevel::Info) FVLog::currentLog().addLogLine(message);
-    else tell(message, level == FVMessageLevel::Error);
+void FVRestoreRun::copyWorkerDidGenerateMessage(const std::string& message) {
+    FVLog::currentLog().addLogLine(message);
 }
+
+void FVRestoreRun::copyWorkerDidFail(const FVRunError& error) { tell(error.logLine(), error.kind != FVRunError::Kind::Warning); }
 
 void FVRestoreRun::copyWorkerDidFinishCopy() {
     std::lock_guard lock(mutex_);

@@ -48,7 +48,8 @@ public:
 
     bool respondsToWillOverwriteDestination() const override { return true; }
     bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override;
-    void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override;
+    void copyWorkerDidGenerateMessage(const std::string& message) override;
+    void copyWorkerDidFail(const FVRunError& error) override;
     void copyWorkerDidFinishCopy() override;
     void copyWorkerDidCancel() override;
 
