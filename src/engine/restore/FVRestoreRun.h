@@ -18,6 +18,8 @@
 
 namespace ferrovane {
 
+struct FVRunError;
+
 class FVRestoreRun final : public FVFileCopyWorkerDelegate {
 public:
     struct Summary {
@@ -57,6 +59,8 @@ private:
     bool runPlan(const FVRestorePlan& plan, const std::string& destination, uint64_t doneBefore, uint64_t total,
                  const Progress& progress, const std::atomic<bool>& interrupt);
     void tell(const std::string& line, bool isError);
+    // An error or warning: its log line, counted as an error unless a warning.
+    void fail(const FVRunError& error);
 
     const std::vector<FVRestorePlan>& plans_;
     bool replace_;

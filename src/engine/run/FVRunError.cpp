@@ -48,14 +48,15 @@ FVRunError FVRunError::retried() && {
 }
 
 std::string FVRunError::logLine() const {
-    if (kind == Kind::Fatal) return destinationFailure().message();
     if (!level.empty()) return std::string(level) + message;
-    return (kind == Kind::Warning ? "WARNING: " : "ERROR: ") + message;
+    // A fatal error's words are those of the failure that ends the run.
+    return (kind == Kind::Warning ? "WARNING: " : "ERROR: ") +
+           (kind == Kind::Fatal ? destinationFailure().message() : message);
 }
 
 std::string FVRunError::listText() const {
     switch (listed) {
-    case Listed::Message: return kind == Kind::Fatal ? logLine() : message;
+    case Listed::Message: return message;
     case Listed::LogLine: return logLine();
     case Listed::Nothing: break;
     }

@@ -32,7 +32,7 @@ void FVRunStatus::changed(FVItemChange change, const std::string& path, uint64_t
 
 bool FVRunStatus::report(const FVRunError& error) {
     if (error.kind == FVRunError::Kind::Fatal) {
-        destinationFailed(error.destinationFailure());
+        destinationFailed(error);
         if (auto worker = currentWorker()) worker->cancel();
         return true;
     }
@@ -61,8 +61,8 @@ bool FVRunStatus::stopOnFatalDestinationError(int error, std::string_view action
     return FVRunError::isFatal(error) && report(FVRunError::atDestination(action, error, path, {}));
 }
 
-void FVRunStatus::destinationFailed(const FVDestinationFailure& failure) {
-    reportDestinationFailure(failure.message());
+void FVRunStatus::destinationFailed(const FVRunError& failure) {
+    reportDestinationFailure(failure.logLine());
     log("Aborting sync...");
     cancelled_.store(true, std::memory_order_relaxed);
 }

@@ -314,7 +314,7 @@ void FVSyncingBackup::copyWorkerDidGenerateMessage(const std::string& message) {
 
 void FVSyncingBackup::copyWorkerDidFail(const FVRunError& error) {
     // The worker has stopped itself on a fatal error: only the run is left to end.
-    if (error.kind == FVRunError::Kind::Fatal) status_.destinationFailed(error.destinationFailure());
+    if (error.kind == FVRunError::Kind::Fatal) status_.destinationFailed(error);
     else status_.report(error);
 }
 
