@@ -48,10 +48,10 @@ FVRunError FVRunError::retried() && {
 }
 
 std::string FVRunError::logLine() const {
-    if (!level.empty()) return std::string(level) + message;
     // A fatal error's words are those of the failure that ends the run.
-    return (kind == Kind::Warning ? "WARNING: " : "ERROR: ") +
-           (kind == Kind::Fatal ? destinationFailure().message() : message);
+    if (kind == Kind::Fatal) return "ERROR: " + destinationFailure().message();
+    if (!level.empty()) return std::string(level) + message;
+    return (kind == Kind::Warning ? "WARNING: " : "ERROR: ") + message;
 }
 
 std::string FVRunError::listText() const {
