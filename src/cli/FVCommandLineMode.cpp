@@ -5,6 +5,7 @@
 #include "cli/FVOutput.h"
 #include "cli/FVRunSignals.h"
 #include "engine/run/FVLog.h"
+#include "engine/run/FVRunError.h"
 #include "engine/run/FVStrings.h"
 #include "fs/FVFileStatus.h"
 #include "fs/FVText.h"
@@ -170,7 +171,7 @@ void FVCommandLineMode::refuseToLoad(const std::string& message) {
     log.setRunContext(destinationPath_, "");
     log.newLog();
     log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
-    log.addLogLine("ERROR: " + message);
+    log.addLogLine(FVRunError::item("starting", 0, destinationPath_, message).logLine());
     log.closeLog();
     if (std::string warning = log.unwrittenWarning(); !warning.empty())
         FVOutput::warning("{}", FVSearchText::printable(warning));

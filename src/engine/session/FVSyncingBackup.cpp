@@ -319,13 +319,12 @@ void FVSyncingBackup::copyWorkerDidWriteData(const std::string& sourcePath, uint
     status_.dataWritten(sourcePath, bytes);
 }
 
-void FVSyncingBackup::copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) {
-    status_.log(message);
-    if (level == FVMessageLevel::Error) status_.addError(message);
-}
+void FVSyncingBackup::copyWorkerDidGenerateMessage(const std::string& message) { status_.log(message); }
 
-void FVSyncingBackup::copyWorkerDestinationDidFail(const FVDestinationFailure& failure) {
-    status_.destinationFailed(failure);
+void FVSyncingBackup::copyWorkerDidFail(const FVRunError& error) {
+    // The worker has stopped itself on a fatal error: only the run is left to end.
+    if (error.kind == FVRunError::Kind::Fatal) status_.destinationFailed(error);
+    else status_.report(error);
 }
 
 void FVSyncingBackup::copyWorkerDidRecordItem(const FVCopyRecord& record) {
