@@ -11,7 +11,6 @@
 #include "app/FVVerifySheet.h"
 #include "app/FVDropZone.h"
 #include "app/FVFileDialog.h"
-#include "app/FVFileReveal.h"
 #include "app/FVLogViewer.h"
 #include "app/FVMainWindow.h"
 #include "app/FVOptionsPanel.h"
@@ -52,9 +51,6 @@ namespace ferrovane {
 
 namespace {
 
-// Set on a source whose folder was emptied on purpose: the next run may empty its mirror.
-constexpr const char* kEmptySourceConfirmedKey = "emptySourceConfirmed";
-
 bool isReadableAndWritable(const std::string& path) { return FVFileStatus::access(path.c_str(), R_OK | W_OK) == 0; }
 
 QPixmap iconFor(const QString& path) { return QFileIconProvider().icon(QFileInfo(path)).pixmap(32, 32); }
@@ -81,6 +77,7 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
       window_(std::make_unique<FVMainWindow>()),
       startChecks_(window_.get(), environment_.runningAsRoot),
       restoreController_(std::make_unique<FVRestoreController>(window_.get(), [this] { return runs_->isRunning() || runs_->isStarting(); })),
+      sourceEditor_(makeSourceEditor()),
       runs_(makeRunController()) {
     window_->setSourceModel(sourceModel_.get());
     window_->setCloseHandler([this] { return windowShouldClose(); });
@@ -110,8 +107,8 @@ void AppController::connectWindowControls() {
     connect(w->searchButton(), &QPushButton::clicked, this, &AppController::showSearchBackupPanel);
     connect(w->browseAction(), &QAction::triggered, this, &AppController::showBackupBrowser);
     connect(w->verifyAction(), &QAction::triggered, this, &AppController::showVerifySheet);
-    connect(w->addFoldersAction(), &QAction::triggered, this, &AppController::addSourceFolders);
-    connect(w->addFilesAction(), &QAction::triggered, this, &AppController::addSourceFiles);
+    connect(w->addFoldersAction(), &QAction::triggered, sourceEditor_.get(), &FVSourceEditor::addFolders);
+    connect(w->addFilesAction(), &QAction::triggered, sourceEditor_.get(), &FVSourceEditor::addFiles);
     connect(w->excludeAction(), &QAction::triggered, this, [this] {
         if (FVOptionsPanel* panel = showOptionsPanel()) panel->focusExclusions();
     });
@@ -132,9 +129,9 @@ void AppController::connectWindowControls() {
 void AppController::connectSourceList() {
     FVMainWindow* w = window_.get();
     connect(w->sourceListView(), &FVSourceListView::restoreRequested, this, &AppController::restoreSelectedSources);
-    connect(w->removeSourceButton(), &QToolButton::clicked, this, &AppController::removeSelectedSources);
-    connect(w->sourceListView(), &FVSourceListView::removeRequested, this, &AppController::removeSelectedSources);
-    connect(w->sourceListView(), &QAbstractItemView::doubleClicked, this, &AppController::tableViewDoubleAction);
+    connect(w->removeSourceButton(), &QToolButton::clicked, sourceEditor_.get(), &FVSourceEditor::removeSelected);
+    connect(w->sourceListView(), &FVSourceListView::removeRequested, sourceEditor_.get(), &FVSourceEditor::removeSelected);
+    connect(w->sourceListView(), &QAbstractItemView::doubleClicked, sourceEditor_.get(), &FVSourceEditor::revealSelected);
     connect(w->dropZone(), &FVDropZone::pathsDropped, this, [this](const QStringList& paths) { addSourcePaths(paths, 0); });
     connect(sourceModel_.get(), &FVSourceListModel::pathsDropped, this, &AppController::addSourcePaths);
     connect(sourceModel_.get(), &FVSourceListModel::summaryChanged, this, &AppController::updateSummaryLine);
@@ -156,7 +153,7 @@ void AppController::connectSourceList() {
     connect(w->coverView(), &FVCoverView::coverStateChanged, this,
             [this] {
                 sourceModel_->setAcceptsDrops(window_->coverView()->isFullyHidden());
-                addPendingSourcePaths();
+                sourceEditor_->addPendingPaths();
             });
 }
 
@@ -171,7 +168,8 @@ void AppController::connectRunsAndRestores() {
     connect(runs_.get(), &FVRunController::runStarted, this, &AppController::runStarted);
     connect(runs_.get(), &FVRunController::runEnded, &launcherEntry_, &FVLauncherEntry::clear);
     connect(runs_.get(), &FVRunController::runEnded, this, &AppController::runEnded);
-    connect(runs_.get(), &FVRunController::emptiedSourceConfirmationRequested, this, &AppController::confirmEmptiedSource);
+    connect(runs_.get(), &FVRunController::emptiedSourceConfirmationRequested, sourceEditor_.get(),
+            &FVSourceEditor::confirmEmptiedSource);
 }
 
 // The destination's disk going and coming back, and the window coming to the front.
@@ -205,6 +203,16 @@ std::unique_ptr<FVRunController> AppController::makeRunController() {
     host.updateSizeDisplay = [this] { updateSizeDisplay(); };
     host.followDestination = [this] { followDestination(); };
     return std::make_unique<FVRunController>(std::move(parts), std::move(host));
+}
+
+std::unique_ptr<FVSourceEditor> AppController::makeSourceEditor() {
+    FVSourceEditor::Host host;
+    host.destination = [this]() -> const std::string& { return currentTargetPath_; };
+    host.refusedWhileAway = [this] { return refusedWhileAway(); };
+    host.runIsGoing = [this] { return runs_->isRunning(); };
+    host.writeSettings = [this] { writeSettings(); };
+    return std::make_unique<FVSourceEditor>(window_.get(), backupSetController_, optionsPanelController_, startChecks_,
+                                            std::move(host));
 }
 
 bool AppController::isBusy() const { return runs_->isRunning() || runs_->isStarting() || restoreController_->isRunning(); }
@@ -244,13 +252,7 @@ void AppController::activateFromAnotherStart(const QStringList& paths) {
     window_->raise();
     window_->activateWindow();
     // Taken as sources once a destination is open and no run is under way.
-    pendingSourcePaths_ << paths;
-    addPendingSourcePaths();
-}
-
-void AppController::addPendingSourcePaths() {
-    if (pendingSourcePaths_.isEmpty() || !window_->coverView()->isFullyHidden() || runs_->isRunning()) return;
-    addSourcePaths(std::exchange(pendingSourcePaths_, {}), 0);
+    sourceEditor_->addWhenIdle(paths);
 }
 
 void AppController::checkForUpdates() {
@@ -591,60 +593,7 @@ void AppController::updateSummaryLine() {
 
 // ---- Sources
 
-void AppController::addSourceFolders() {
-    QFileDialog* panel = FVFileDialog::make(window_.get(), localized("addfolderstitle"), "addFoldersDialog",
-                                            QFileDialog::Directory, localized("addsourcebutton"));
-    // Several folders at once: the dialog's own views allow it once asked to.
-    for (QAbstractItemView* view : panel->findChildren<QAbstractItemView*>())
-        if (view->objectName() == "listView" || view->objectName() == "treeView")
-            view->setSelectionMode(QAbstractItemView::ExtendedSelection);
-    connect(panel, &QFileDialog::filesSelected, this, [this](const QStringList& paths) { addSourcePaths(paths, 0); });
-    panel->open();
-}
-
-void AppController::addSourceFiles() {
-    QFileDialog* panel = FVFileDialog::make(window_.get(), localized("addfilestitle"), "addFilesDialog",
-                                            QFileDialog::ExistingFiles, localized("addsourcebutton"));
-    connect(panel, &QFileDialog::filesSelected, this, [this](const QStringList& paths) { addSourcePaths(paths, 0); });
-    panel->open();
-}
-
-void AppController::addSourcePaths(const QStringList& paths, int index) {
-    if (refusedWhileAway()) return;
-    std::vector<std::string> items;
-    for (const QString& path : paths) items.push_back(FVText::standardizedPath(stdPath(QFileInfo(path).absoluteFilePath())));
-    std::vector<FVSourceItemPtr> wouldBe = backupSetController_.arrangedObjects();
-    for (const std::string& item : items) wouldBe.push_back(FVSourceItem::make(item, FVSourceMode::Backup));
-    if (!startChecks_.acceptsLayout(currentTargetPath_, optionsPanelController_.options(), wouldBe))
-        return;
-    if (backupSetController_.addBackupPaths(items, size_t(std::max(index, 0))) < items.size()) QApplication::beep();
-    // Added all the same: the run leaves the destination out of that source's walk.
-    for (const std::string& item : items) {
-        if (currentTargetPath_.empty() || !FVText::isPathWithin(currentTargetPath_, item)) continue;
-        QMessageBox* box = FVAlert::show(window_.get(), "sourcecontainsdestination", "sourcecontainsdestinationlong",
-                                         QMessageBox::Warning);
-        box->setInformativeText(localizedFormat("sourcecontainsdestinationlong", item));
-        break;
-    }
-}
-
-void AppController::removeSelectedSources() {
-    if (refusedWhileAway()) return;
-    QList<int> rows = window_->sourceListView()->selectedRows();
-    std::vector<size_t> indexes(rows.begin(), rows.end());
-    if (!indexes.empty()) backupSetController_.removeItemsAtIndexes(indexes);
-}
-
-void AppController::tableViewDoubleAction() {
-    QList<int> rows = window_->sourceListView()->selectedRows();
-    if (rows.isEmpty()) return;
-    std::vector<FVSourceItemPtr> items = backupSetController_.arrangedObjects();
-    if (size_t(rows.first()) >= items.size()) return;
-    QPointer<FVMainWindow> window = window_.get();
-    FVFileReveal::revealPath(qPath(items[size_t(rows.first())]->sourcePath()), [window] {
-        if (window) FVAlert::show(window, "revealfailed", "revealfailedlong");
-    });
-}
+void AppController::addSourcePaths(const QStringList& paths, int index) { sourceEditor_->addPaths(paths, index); }
 
 void AppController::showLog() {
     if (currentTargetPath_.empty()) return openLogFile();
@@ -800,22 +749,6 @@ void AppController::startOrCancelSync() {
 }
 
 void AppController::showLastRunErrors() { runs_->showLastRunErrors(); }
-
-void AppController::confirmEmptiedSource(const QString& sourcePath) {
-    if (refusedWhileAway()) return;
-    FVSourceItemPtr source;
-    for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
-        if (qPath(item->sourcePath()) == sourcePath) source = item;
-    if (!source || runs_->isRunning()) return;
-    QMessageBox* box = FVAlert::ask(window_.get(), "confirmempty", "confirmemptylong", "cancelbuttontitle", "confirmemptyaction",
-                                    [this, source](bool confirmed) {
-                                        if (!confirmed || runs_->isRunning()) return;
-                                        source->setValue(kEmptySourceConfirmedKey, true);
-                                        writeSettings();
-                                    });
-    box->setText(localizedFormat("confirmempty", FVText::lastPathComponent(source->sourcePath())));
-    box->setInformativeText(localizedFormat("confirmemptylong", source->sourcePath()));
-}
 
 bool AppController::windowShouldClose() {
     runs_->abortStart();

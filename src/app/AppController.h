@@ -1,8 +1,8 @@
 #pragma once
 // The main window's controller: the destinations and the opening of one, the source list, the
 // options and search sheets, and writing the destination's configuration. Runs are
-// FVRunController's and restores FVRestoreController's; this one wires them to the window and
-// keeps a backup and a restore from sharing it.
+// FVRunController's, edits of the source list FVSourceEditor's and restores FVRestoreController's;
+// this one wires them to the window and keeps a backup and a restore from sharing it.
 
 #include "app/FVDestinationList.h"
 #include "app/FVDestinationPresence.h"
@@ -10,6 +10,7 @@
 #include "app/FVQtMainQueue.h"
 #include "app/FVRunController.h"
 #include "app/FVRunStartChecks.h"
+#include "app/FVSourceEditor.h"
 #include "backupset/BackupSetController.h"
 #include "platform/FVCommandRunner.h"
 #include "platform/FVUserNotifier.h"
@@ -72,12 +73,8 @@ public:
     void removeTargetWidgetClicked();
     void openRecentTargetPath();
 
-    // Sources.
-    void addSourceFolders();
-    void addSourceFiles();
+    // Sources, at index of the list.
     void addSourcePaths(const QStringList& paths, int index);
-    void removeSelectedSources();
-    void tableViewDoubleAction();
 
     // Runs.
     void startOrCancelSync();
@@ -136,10 +133,9 @@ private:
     // A backup, starting or running, or a restore holds the window.
     bool isBusy() const;
     std::unique_ptr<FVRunController> makeRunController();
-    void confirmEmptiedSource(const QString& sourcePath);
+    std::unique_ptr<FVSourceEditor> makeSourceEditor();
     void setRunOutcome(FVRunOutcome outcome) { runs_->setOutcome(std::move(outcome)); }
     void measureAfterWrite();
-    void addPendingSourcePaths();
     bool windowShouldClose();
     void restoreSelectedSources(const QList<int>& rows);
     void setRestoreHoldsWindow(bool holds);
@@ -161,7 +157,7 @@ private:
     FVDestinationPresence presence_;
 
     FVLauncherEntry launcherEntry_;
-    QStringList pendingSourcePaths_;
+    std::unique_ptr<FVSourceEditor> sourceEditor_;
     // Last: a run still going when the window closes is stopped and awaited while all else stands.
     std::unique_ptr<FVRunController> runs_;
 };
