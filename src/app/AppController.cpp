@@ -1,6 +1,4 @@
 #include "app/AppController.h"
-#include "fs/FVFileStatus.h"
-#include "fs/FVMountTable.h"
 
 #include "app/FVAlert.h"
 #include "app/FVCoverView.h"
@@ -10,8 +8,6 @@
 #include "app/FVDestinationSearchSheet.h"
 #include "app/FVVerifySheet.h"
 #include "app/FVDropZone.h"
-#include "app/FVFileDialog.h"
-#include "app/FVFileReveal.h"
 #include "app/FVLogViewer.h"
 #include "app/FVMainWindow.h"
 #include "app/FVOptionsPanel.h"
@@ -21,49 +17,27 @@
 #include "app/FVScheduleFailureAlert.h"
 #include "app/FVSourceListModel.h"
 #include "app/FVSourceListView.h"
-#include "app/FVThinProgressBar.h"
 #include "engine/config/FVConfigurationFile.h"
 #include "engine/config/FVPlacementChange.h"
 #include "engine/run/FVLog.h"
-#include "fs/FVText.h"
 
 #include <QApplication>
 #include <QComboBox>
 #include <QDesktopServices>
-#include <QFileDialog>
-#include <QFileIconProvider>
 #include <QFileInfo>
-#include <QHash>
 #include <QLabel>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QPushButton>
 #include <QSettings>
 #include <QStatusBar>
-#include <QStorageInfo>
 #include <QToolButton>
 #include <QUrl>
 #include <QVersionNumber>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace ferrovane {
-
-namespace {
-
-// Set on a source whose folder was emptied on purpose: the next run may empty its mirror.
-constexpr const char* kEmptySourceConfirmedKey = "emptySourceConfirmed";
-
-bool isReadableAndWritable(const std::string& path) { return FVFileStatus::access(path.c_str(), R_OK | W_OK) == 0; }
-
-QPixmap iconFor(const QString& path) { return QFileIconProvider().icon(QFileInfo(path)).pixmap(32, 32); }
-
-QPixmap noDestinationIcon(QWidget* widget) {
-    return widget->style()->standardIcon(QStyle::SP_MessageBoxQuestion).pixmap(32, 32, QIcon::Disabled);
-}
-
-}  // namespace
 
 AppEnvironment AppEnvironment::system() {
     return {geteuid() == 0, std::make_shared<FVProcessCommandRunner>(), makeDesktopNotifier(),
@@ -81,6 +55,8 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
       window_(std::make_unique<FVMainWindow>()),
       startChecks_(window_.get(), environment_.runningAsRoot),
       restoreController_(std::make_unique<FVRestoreController>(window_.get(), [this] { return runs_->isRunning() || runs_->isStarting(); })),
+      destination_(makeDestinationController()),
+      sourceEditor_(makeSourceEditor()),
       runs_(makeRunController()) {
     window_->setSourceModel(sourceModel_.get());
     window_->setCloseHandler([this] { return windowShouldClose(); });
@@ -88,11 +64,9 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
     connectWindowControls();
     connectSourceList();
     connectRunsAndRestores();
-    connectDestinationPresence();
+    connectWindowActivation();
 
-    QSettings settings;
-    destinations_.load(settings);
-    reloadTargetPopup();
+    destination_->load();
     window_->startButton()->setEnabled(false);
     setOptionWidgetsEnabled(false);
 }
@@ -102,16 +76,16 @@ AppController::~AppController() = default;
 // The destination controls, the buttons and the menus.
 void AppController::connectWindowControls() {
     FVMainWindow* w = window_.get();
-    connect(w->targetPopup(), &QComboBox::activated, this, &AppController::performTargetMenuSelection);
-    connect(w->addTargetButton(), &QToolButton::clicked, this, &AppController::showNewBackupPanel);
-    connect(w->removeTargetButton(), &QToolButton::clicked, this, &AppController::removeTargetWidgetClicked);
+    connect(w->targetPopup(), &QComboBox::activated, destination_.get(), &FVDestinationController::select);
+    connect(w->addTargetButton(), &QToolButton::clicked, destination_.get(), &FVDestinationController::showNewDestinationPanel);
+    connect(w->removeTargetButton(), &QToolButton::clicked, destination_.get(), &FVDestinationController::askToRemoveSelected);
     connect(w->startButton(), &QPushButton::clicked, this, &AppController::startOrCancelSync);
     connect(w->optionsButton(), &QPushButton::clicked, this, &AppController::showOptionsPanel);
     connect(w->searchButton(), &QPushButton::clicked, this, &AppController::showSearchBackupPanel);
     connect(w->browseAction(), &QAction::triggered, this, &AppController::showBackupBrowser);
     connect(w->verifyAction(), &QAction::triggered, this, &AppController::showVerifySheet);
-    connect(w->addFoldersAction(), &QAction::triggered, this, &AppController::addSourceFolders);
-    connect(w->addFilesAction(), &QAction::triggered, this, &AppController::addSourceFiles);
+    connect(w->addFoldersAction(), &QAction::triggered, sourceEditor_.get(), &FVSourceEditor::addFolders);
+    connect(w->addFilesAction(), &QAction::triggered, sourceEditor_.get(), &FVSourceEditor::addFiles);
     connect(w->excludeAction(), &QAction::triggered, this, [this] {
         if (FVOptionsPanel* panel = showOptionsPanel()) panel->focusExclusions();
     });
@@ -132,9 +106,9 @@ void AppController::connectWindowControls() {
 void AppController::connectSourceList() {
     FVMainWindow* w = window_.get();
     connect(w->sourceListView(), &FVSourceListView::restoreRequested, this, &AppController::restoreSelectedSources);
-    connect(w->removeSourceButton(), &QToolButton::clicked, this, &AppController::removeSelectedSources);
-    connect(w->sourceListView(), &FVSourceListView::removeRequested, this, &AppController::removeSelectedSources);
-    connect(w->sourceListView(), &QAbstractItemView::doubleClicked, this, &AppController::tableViewDoubleAction);
+    connect(w->removeSourceButton(), &QToolButton::clicked, sourceEditor_.get(), &FVSourceEditor::removeSelected);
+    connect(w->sourceListView(), &FVSourceListView::removeRequested, sourceEditor_.get(), &FVSourceEditor::removeSelected);
+    connect(w->sourceListView(), &QAbstractItemView::doubleClicked, sourceEditor_.get(), &FVSourceEditor::revealSelected);
     connect(w->dropZone(), &FVDropZone::pathsDropped, this, [this](const QStringList& paths) { addSourcePaths(paths, 0); });
     connect(sourceModel_.get(), &FVSourceListModel::pathsDropped, this, &AppController::addSourcePaths);
     connect(sourceModel_.get(), &FVSourceListModel::summaryChanged, this, &AppController::updateSummaryLine);
@@ -156,7 +130,7 @@ void AppController::connectSourceList() {
     connect(w->coverView(), &FVCoverView::coverStateChanged, this,
             [this] {
                 sourceModel_->setAcceptsDrops(window_->coverView()->isFullyHidden());
-                addPendingSourcePaths();
+                sourceEditor_->addPendingPaths();
             });
 }
 
@@ -171,18 +145,14 @@ void AppController::connectRunsAndRestores() {
     connect(runs_.get(), &FVRunController::runStarted, this, &AppController::runStarted);
     connect(runs_.get(), &FVRunController::runEnded, &launcherEntry_, &FVLauncherEntry::clear);
     connect(runs_.get(), &FVRunController::runEnded, this, &AppController::runEnded);
-    connect(runs_.get(), &FVRunController::emptiedSourceConfirmationRequested, this, &AppController::confirmEmptiedSource);
+    connect(runs_.get(), &FVRunController::emptiedSourceConfirmationRequested, sourceEditor_.get(),
+            &FVSourceEditor::confirmEmptiedSource);
 }
 
-// The destination's disk going and coming back, and the window coming to the front.
-void AppController::connectDestinationPresence() {
-    connect(&presence_, &FVDestinationPresence::wentAway, this, [this] {
-        // A run notices it by itself and ends; the window follows once it has.
-        if (!isBusy()) destinationWentAway();
-    });
-    connect(&presence_, &FVDestinationPresence::cameBack, this, &AppController::destinationCameBack);
+// The window coming to the front: what changed while it stood behind is looked at again.
+void AppController::connectWindowActivation() {
     connect(window_.get(), &FVMainWindow::becameActive, this, [this] {
-        followDestination();
+        destination_->follow();
         // Scheduled runs may have come and gone while the window stood in the background.
         if (!runs_->isRunning() && window_->optionsButton()->isEnabled()) updateScheduleState();
         if (runs_->takeCoverOpenOnActivation()) window_->coverView()->openViewDelayedBy(0.5);
@@ -190,21 +160,49 @@ void AppController::connectDestinationPresence() {
 }
 
 std::unique_ptr<FVRunController> AppController::makeRunController() {
-    FVRunController::Parts parts{window_.get(), *sourceModel_, backupSetController_, optionsPanelController_, presence_,
+    FVRunController::Parts parts{window_.get(), *sourceModel_, backupSetController_, optionsPanelController_, destination_->presence(),
                                  startChecks_, launcherEntry_, environment_.notifier, environment_.jobStatusFolder};
     FVRunController::Host host;
-    host.destination = [this]() -> const std::string& { return currentTargetPath_; };
+    host.destination = [this]() -> const std::string& { return destination_->path(); };
     host.setControlsEnabled = [this](bool enabled) {
-        setDestinationControlsEnabled(enabled);
+        destination_->setControlsEnabled(enabled);
         setOptionWidgetsEnabled(enabled);
     };
-    host.destinationWentAway = [this] { destinationWentAway(); };
-    host.destinationUnusable = [this] { resetInterface(); };
+    host.destinationWentAway = [this] { destination_->wentAway(); };
+    host.destinationUnusable = [this] { destination_->showUnavailable(); };
     host.writeSettings = [this] { writeSettings(); };
     host.updateScheduleState = [this] { updateScheduleState(); };
-    host.updateSizeDisplay = [this] { updateSizeDisplay(); };
-    host.followDestination = [this] { followDestination(); };
+    host.updateSizeDisplay = [this] { destination_->updateSizeDisplay(); };
+    host.followDestination = [this] { destination_->follow(); };
     return std::make_unique<FVRunController>(std::move(parts), std::move(host));
+}
+
+std::unique_ptr<FVSourceEditor> AppController::makeSourceEditor() {
+    FVSourceEditor::Host host;
+    host.destination = [this]() -> const std::string& { return destination_->path(); };
+    host.refusedWhileAway = [this] { return destination_->refusedWhileAway(); };
+    host.runIsGoing = [this] { return runs_->isRunning(); };
+    host.writeSettings = [this] { writeSettings(); };
+    return std::make_unique<FVSourceEditor>(window_.get(), backupSetController_, optionsPanelController_, startChecks_,
+                                            std::move(host));
+}
+
+std::unique_ptr<FVDestinationController> AppController::makeDestinationController() {
+    FVDestinationController::Host host;
+    host.isBusy = [this] { return isBusy(); };
+    host.runIsGoing = [this] { return runs_->isRunning(); };
+    host.setOptionWidgetsEnabled = [this](bool enabled) { setOptionWidgetsEnabled(enabled); };
+    host.setRunOutcome = [this](FVRunOutcome outcome) { setRunOutcome(std::move(outcome)); };
+    host.runOutcome = [this]() -> const FVRunOutcome& { return runOutcome(); };
+    host.readSettings = [this] { readSettings(); };
+    host.writeSettingsIfOpen = [this] { writeSettingsIfOpen(); };
+    host.updateScheduleState = [this] { updateScheduleState(); };
+    host.clearScheduleState = [this] { clearScheduleState(); };
+    host.showOverdueWhileAway = [this](const std::string& uuid) { showOverdueWhileAway(uuid); };
+    return std::make_unique<FVDestinationController>(
+        FVDestinationController::Parts{window_.get(), backupSetController_, optionsPanelController_, launchAgentManager_,
+                                       environment_.runningAsRoot},
+        std::move(host));
 }
 
 bool AppController::isBusy() const { return runs_->isRunning() || runs_->isStarting() || restoreController_->isRunning(); }
@@ -235,7 +233,7 @@ void AppController::initialiseApplication() {
         box->open();
     }
     if (!settings.value("disableUpdateCheck").toBool()) checkForUpdates();
-    openRecentTargetPath();
+    destination_->openSelected();
 }
 
 void AppController::activateFromAnotherStart(const QStringList& paths) {
@@ -244,13 +242,7 @@ void AppController::activateFromAnotherStart(const QStringList& paths) {
     window_->raise();
     window_->activateWindow();
     // Taken as sources once a destination is open and no run is under way.
-    pendingSourcePaths_ << paths;
-    addPendingSourcePaths();
-}
-
-void AppController::addPendingSourcePaths() {
-    if (pendingSourcePaths_.isEmpty() || !window_->coverView()->isFullyHidden() || runs_->isRunning()) return;
-    addSourcePaths(std::exchange(pendingSourcePaths_, {}), 0);
+    sourceEditor_->addWhenIdle(paths);
 }
 
 void AppController::checkForUpdates() {
@@ -269,34 +261,7 @@ void AppController::checkForUpdates() {
     });
 }
 
-// ---- Destinations
-
-void AppController::reloadTargetPopup() {
-    FVDestinationPopup* popup = window_->targetPopup();
-    popup->clear();
-    QHash<QString, int> nameCounts;
-    for (const FVDestination& entry : destinations_.entries()) ++nameCounts[QFileInfo(entry.targetPath).fileName()];
-    for (const FVDestination& entry : destinations_.entries()) {
-        QString name = QFileInfo(entry.targetPath).fileName();
-        // Two disks both called "Backup" are told apart by where they are.
-        if (nameCounts.value(name) > 1) name = localizedFormat("destinationwithpath", stdPath(name), stdPath(entry.targetPath));
-        popup->addDestination(QFileIconProvider().icon(QFileInfo(entry.targetPath)), name.isEmpty() ? entry.targetPath : name,
-                              entry.targetPath);
-    }
-    popup->setCurrentIndex(destinations_.isEmpty() ? -1 : destinations_.selectedIndex());
-    window_->removeTargetButton()->setEnabled(!destinations_.isEmpty());
-}
-
-void AppController::saveDestinations() {
-    QSettings settings;
-    destinations_.save(settings);
-}
-
-void AppController::setDestinationControlsEnabled(bool enabled) {
-    window_->targetPopup()->setEnabled(enabled);
-    window_->addTargetButton()->setEnabled(enabled);
-    window_->removeTargetButton()->setEnabled(enabled && !destinations_.isEmpty());
-}
+// ---- Window controls
 
 void AppController::setOptionWidgetsEnabled(bool enabled) {
     window_->sourceListView()->setRestoreEnabled(enabled);
@@ -308,236 +273,13 @@ void AppController::setOptionWidgetsEnabled(bool enabled) {
     window_->removeSourceButton()->setEnabled(enabled && backupSetController_.count() > 0);
 }
 
-void AppController::showNewBackupPanel() {
-    QFileDialog* panel = FVFileDialog::make(window_.get(), localized("adddestinationtitle"), "addDestinationDialog",
-                                            QFileDialog::Directory, localized("selecttargetpanelbutton"));
-    connect(panel, &QFileDialog::fileSelected, this, [this](const QString& path) {
-        window_->progressView()->setProgress(0);
-        window_->coverView()->setProgress(-1);
-        window_->startButton()->setEnabled(false);
-        addAndOpenNewDestination(path);
-    });
-    panel->open();
-}
-
-void AppController::addAndOpenNewDestination(const QString& path) {
-    writeSettingsIfOpen();
-    QString clean = qPath(FVText::standardizedPath(stdPath(QFileInfo(path).absoluteFilePath())));
-    destinations_.setSelectedIndex(destinations_.add(clean));
-    saveDestinations();
-    reloadTargetPopup();
-    window_->startButton()->setEnabled(false);
-    window_->coverView()->setMessage(localized("selectingbackup"));
-    window_->coverView()->scrollIn([this] { performSelectTargetMenuItem(); });
-}
-
-void AppController::performTargetMenuSelection(int index) {
-    if (index < 0 || index >= destinations_.count()) return;
-    writeSettingsIfOpen();
-    destinations_.setSelectedIndex(index);
-    saveDestinations();
-    window_->progressView()->setProgress(0);
-    window_->coverView()->setProgress(-1);
-    window_->startButton()->setEnabled(false);
-    FVCoverView* cover = window_->coverView();
-    cover->clearMessages();
-    cover->setMessage(localized("selectingbackup"));
-    if (isReadableAndWritable(stdPath(destinations_.at(index).targetPath))) {
-        cover->scrollIn([this] { performSelectTargetMenuItem(); });
-        return;
-    }
-    // The question is about the new destination: nothing of the one before stays in view.
-    currentTargetPath_.clear();
-    presence_.stop();
-    backupSetController_.removeAllItems();
-    setRunOutcome({});
-    window_->destinationIcon()->setPixmap(noDestinationIcon(window_.get()));
-    window_->progressInfo()->clear();
-    setOptionWidgetsEnabled(false);
-    cover->scrollIn([this] {
-        FVAlert::ask(window_.get(), "removetarget", "removetargetlong", "keepbutton", "removebutton", [this](bool remove) {
-            if (remove) {
-                removeSelectedDestinationAndUpdateForSelectedItem();
-                return;
-            }
-            resetInterface();
-            setOptionWidgetsEnabled(false);
-            currentTargetPath_.clear();
-            openRecentTargetPath();
-        });
-    });
-}
-
-void AppController::performSelectTargetMenuItem() {
-    backupSetController_.removeAllItems();
-    setOptionWidgetsEnabled(false);
-    openRecentTargetPath();
-}
-
-void AppController::showDestinationUnusable(const char* messageKey) {
-    FVCoverView* cover = window_->coverView();
-    cover->clearMessages();
-    cover->setMessage(localized(messageKey));
-    cover->setSmallMessage(qPath(currentTargetPath_));
-    cover->scrollIn();
-    // Nothing of a destination that cannot be used stays behind the cover, nor is measured.
-    backupSetController_.removeAllItems();
-    setRunOutcome({});
-    window_->destinationIcon()->setPixmap(noDestinationIcon(window_.get()));
-    window_->progressInfo()->clear();
-    window_->startButton()->setEnabled(false);
-    setOptionWidgetsEnabled(false);
-    clearScheduleState();
-}
-
-void AppController::destinationWentAway() {
-    if (currentTargetPath_.empty()) return;
-    presence_.awaitReturn(currentTargetPath_);
-    for (QDialog* sheet : window_->findChildren<QDialog*>())
-        if (qobject_cast<FVOptionsPanel*>(sheet) || qobject_cast<FVDestinationSearchSheet*>(sheet) ||
-            qobject_cast<FVBackupBrowser*>(sheet) || qobject_cast<FVVerifySheet*>(sheet))
-            sheet->reject();
-    showDestinationUnusable("destinationaway");
-    window_->coverView()->setMessage(localizedFormat("destinationaway", stdPath(destinationName())));
-    window_->coverView()->setHeld(true);
-    // How its last run ended is known without the disk.
-    setRunOutcome(FVRunOutcome::load(qPath(currentTargetPath_)));
-    if (!runOutcome().destinationFailure().empty())
-        window_->coverView()->setDetailMessage(runOutcome().diskFailureSummary(stdPath(destinationName())));
-    const int index = destinations_.indexOf(qPath(currentTargetPath_));
-    if (index >= 0) showOverdueWhileAway(destinations_.at(index).uuid.toStdString());
-}
-
-void AppController::followDestination() {
-    if (currentTargetPath_.empty() || isBusy()) return;
-    if (presence_.isAway() || !presence_.isPresent()) destinationWentAway();
-}
-
-void AppController::destinationCameBack() {
-    if (isBusy()) return;
-    // Read again from its configuration: nothing of the list before it went away is kept.
-    window_->coverView()->clearMessages();
-    window_->coverView()->setMessage(localized("selectingbackup"));
-    performSelectTargetMenuItem();
-}
-
-bool AppController::refusedWhileAway() {
-    // A destination closed for another reason (permissions, root's) is not waited for.
-    if (!presence_.isWatching() || presence_.isPresent()) return false;
-    QMessageBox* box = FVAlert::show(window_.get(), "destinationaway", "destinationawaylong");
-    box->setText(localizedFormat("destinationaway", stdPath(destinationName())));
-    return true;
-}
-
-void AppController::openRecentTargetPath() {
-    FVCoverView* cover = window_->coverView();
-    if (destinations_.isEmpty()) {
-        currentTargetPath_.clear();
-        presence_.stop();
-        setRunOutcome({});
-        window_->destinationIcon()->clear();
-        window_->progressInfo()->clear();
-        cover->clearMessages();
-        cover->setMessage(localized("viewnobackupselected"));
-        cover->scrollIn();
-        window_->startButton()->setEnabled(false);
-        setOptionWidgetsEnabled(false);
-        clearScheduleState();
-        return;
-    }
-    cover->clearMessages();
-    cover->setMessage(localized("selectingbackup"));
-    const int index = destinations_.selectedIndex();
-    currentTargetPath_ = stdPath(destinations_.at(index).targetPath);
-    presence_.stop();
-    if (FVFileStatus::access(currentTargetPath_.c_str(), F_OK) != 0) {
-        destinationWentAway();
-        return;
-    }
-    if (!isReadableAndWritable(currentTargetPath_)) {
-        showDestinationUnusable("destinationnopermissions");
-        return;
-    }
-    presence_.watch(currentTargetPath_);
-    window_->coverView()->setHeld(false);
-    if (FVFileStatus::access(FVConfigurationFile::currentPath(currentTargetPath_).c_str(), F_OK) != 0 &&
-        FVFileStatus::access(FVConfigurationFile::legacyPath(currentTargetPath_).c_str(), F_OK) == 0)
-        FVAlert::show(window_.get(), "Ferrovane3UpgradeAlertMessage", "Ferrovane3UpgradeAlertText", QMessageBox::Information);
-    readSettings();
-    if (optionsPanelController_.options().isSuperuserBackup && !environment_.runningAsRoot) {
-        presence_.stop();
-        showDestinationUnusable("destinationrequiressuperuser");
-        return;
-    }
-    updateSizeDisplay();
-    setRunOutcome(FVRunOutcome::load(qPath(currentTargetPath_)));
-    QString uuid = QString::fromStdString(optionsPanelController_.uuid());
-    if (!uuid.isEmpty() && destinations_.at(index).uuid != uuid) {
-        destinations_.setUUID(index, uuid);
-        saveDestinations();
-    }
-    window_->destinationIcon()->setPixmap(iconFor(qPath(currentTargetPath_)));
-    window_->startButton()->setEnabled(true);
-    setOptionWidgetsEnabled(true);
-    updateScheduleState();
-    cover->openViewDelayedBy(0.5);
-
-    for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects()) {
-        if (item->enabled() != int64_t(FVSourceMode::Backup)) continue;
-        struct stat st;
-        if (FVFileStatus::lstat(item->sourcePath().c_str(), &st) != 0) {
-            FVAlert::show(window_.get(), "sourcesunavailable", "sourcesunavailablelong", QMessageBox::Critical);
-            break;
-        }
-    }
-}
-
-void AppController::resetInterface() {
-    window_->progressView()->setProgress(0);
-    FVCoverView* cover = window_->coverView();
-    cover->setProgress(-1);
-    cover->clearMessages();
-    cover->setMessage(localized(destinations_.isEmpty() ? "viewnobackupselected" : "destinationunavailable"));
-    cover->scrollIn();
-    window_->startButton()->setText(localized("syncbutton"));
-    window_->startButton()->setEnabled(false);
-    backupSetController_.removeAllItems();
-    clearScheduleState();
-}
-
-void AppController::removeTargetWidgetClicked() {
-    if (destinations_.isEmpty() || runs_->isRunning()) return;
-    writeSettingsIfOpen();
-    QMessageBox* box = FVAlert::ask(window_.get(), "removetargetclicked", "removetargetclickedlong", "cancelbuttontitle",
-                                    "removebutton", [this](bool remove) {
-                                        if (remove) removeSelectedDestinationAndUpdateForSelectedItem();
-                                    });
-    box->setText(localizedFormat("removetargetclicked", stdPath(window_->targetPopup()->currentText())));
-}
-
-void AppController::removeSelectedDestinationAndUpdateForSelectedItem() {
-    int index = window_->targetPopup()->currentIndex();
-    destinations_.removeAt(index);
-    if (index >= destinations_.count()) index = 0;
-    destinations_.setSelectedIndex(index);
-    saveDestinations();
-    reloadTargetPopup();
-    std::vector<std::string> ids;
-    for (const QString& id : destinations_.uuids()) ids.push_back(id.toStdString());
-    launchAgentManager_.cleanJobsWithoutIDs(ids);
-    window_->startButton()->setEnabled(false);
-    window_->coverView()->clearMessages();
-    window_->coverView()->setMessage(localized("selectingbackup"));
-    window_->coverView()->scrollIn([this] { performSelectTargetMenuItem(); });
-}
-
 // ---- Configuration
 
 void AppController::readSettings() {
     backupSetController_.removeAllItems();
-    const bool isNew = FVConfigurationFile::isNewDestination(currentTargetPath_);
-    FVConfigurationFile::convertLegacyFile(currentTargetPath_);
-    FVConfigurationReadResult read = FVConfigurationFile::read(FVConfigurationFile::currentPath(currentTargetPath_));
+    const bool isNew = FVConfigurationFile::isNewDestination(destination_->path());
+    FVConfigurationFile::convertLegacyFile(destination_->path());
+    FVConfigurationReadResult read = FVConfigurationFile::read(FVConfigurationFile::currentPath(destination_->path()));
     if (read.status == FVConfigurationReadStatus::Ok) {
         backupSetController_.addBackupItems(read.configuration.sources);
         optionsPanelController_.setAllOptions(read.configuration.settings);
@@ -553,11 +295,11 @@ void AppController::readSettings() {
 
 void AppController::writeSettings() {
     // Never into the empty folder an unmounted disk leaves behind.
-    if (currentTargetPath_.empty() || !presence_.isPresent()) return;
+    if (destination_->path().empty() || !destination_->presence().isPresent()) return;
     if (environment_.runningAsRoot) FVOptionTable::store(*optionsPanelController_.allOptions(), &FVOptions::isSuperuserBackup, true);
     FVConfigurationFile::writeSettingsForSourceConfiguration(backupSetController_.arrangedObjects(),
                                                              *optionsPanelController_.allOptions(),
-                                                             FVConfigurationFile::formattedPath(currentTargetPath_));
+                                                             FVConfigurationFile::formattedPath(destination_->path()));
     measureAfterWrite();
 }
 
@@ -571,18 +313,6 @@ void AppController::writeSettingsIfOpen() {
     if (window_->coverView()->isFullyHidden()) writeSettings();
 }
 
-void AppController::updateSizeDisplay() {
-    QString value = "--";
-    std::string type = FVMountTable::fileSystemTypeAtPath(currentTargetPath_);
-    if (type != "webdav" && type != "davfs" && type != "fuse.davfs") {
-        double free = double(QStorageInfo(qPath(currentTargetPath_)).bytesAvailable());
-        double megabytes = free * 1e-6;
-        if (megabytes > 1000.0) value = localizedFormat("gbfree", free * 1e-9);
-        else if (megabytes > 0.0) value = localizedFormat("mbfree", megabytes);
-    }
-    window_->progressInfo()->setText(localizedFormat("availablespace", value.toStdString()));
-}
-
 void AppController::updateSummaryLine() {
     window_->summaryLine()->setText(backupSetController_.count() == 0
                                         ? QString()
@@ -591,64 +321,11 @@ void AppController::updateSummaryLine() {
 
 // ---- Sources
 
-void AppController::addSourceFolders() {
-    QFileDialog* panel = FVFileDialog::make(window_.get(), localized("addfolderstitle"), "addFoldersDialog",
-                                            QFileDialog::Directory, localized("addsourcebutton"));
-    // Several folders at once: the dialog's own views allow it once asked to.
-    for (QAbstractItemView* view : panel->findChildren<QAbstractItemView*>())
-        if (view->objectName() == "listView" || view->objectName() == "treeView")
-            view->setSelectionMode(QAbstractItemView::ExtendedSelection);
-    connect(panel, &QFileDialog::filesSelected, this, [this](const QStringList& paths) { addSourcePaths(paths, 0); });
-    panel->open();
-}
-
-void AppController::addSourceFiles() {
-    QFileDialog* panel = FVFileDialog::make(window_.get(), localized("addfilestitle"), "addFilesDialog",
-                                            QFileDialog::ExistingFiles, localized("addsourcebutton"));
-    connect(panel, &QFileDialog::filesSelected, this, [this](const QStringList& paths) { addSourcePaths(paths, 0); });
-    panel->open();
-}
-
-void AppController::addSourcePaths(const QStringList& paths, int index) {
-    if (refusedWhileAway()) return;
-    std::vector<std::string> items;
-    for (const QString& path : paths) items.push_back(FVText::standardizedPath(stdPath(QFileInfo(path).absoluteFilePath())));
-    std::vector<FVSourceItemPtr> wouldBe = backupSetController_.arrangedObjects();
-    for (const std::string& item : items) wouldBe.push_back(FVSourceItem::make(item, FVSourceMode::Backup));
-    if (!startChecks_.acceptsLayout(currentTargetPath_, optionsPanelController_.options(), wouldBe))
-        return;
-    if (backupSetController_.addBackupPaths(items, size_t(std::max(index, 0))) < items.size()) QApplication::beep();
-    // Added all the same: the run leaves the destination out of that source's walk.
-    for (const std::string& item : items) {
-        if (currentTargetPath_.empty() || !FVText::isPathWithin(currentTargetPath_, item)) continue;
-        QMessageBox* box = FVAlert::show(window_.get(), "sourcecontainsdestination", "sourcecontainsdestinationlong",
-                                         QMessageBox::Warning);
-        box->setInformativeText(localizedFormat("sourcecontainsdestinationlong", item));
-        break;
-    }
-}
-
-void AppController::removeSelectedSources() {
-    if (refusedWhileAway()) return;
-    QList<int> rows = window_->sourceListView()->selectedRows();
-    std::vector<size_t> indexes(rows.begin(), rows.end());
-    if (!indexes.empty()) backupSetController_.removeItemsAtIndexes(indexes);
-}
-
-void AppController::tableViewDoubleAction() {
-    QList<int> rows = window_->sourceListView()->selectedRows();
-    if (rows.isEmpty()) return;
-    std::vector<FVSourceItemPtr> items = backupSetController_.arrangedObjects();
-    if (size_t(rows.first()) >= items.size()) return;
-    QPointer<FVMainWindow> window = window_.get();
-    FVFileReveal::revealPath(qPath(items[size_t(rows.first())]->sourcePath()), [window] {
-        if (window) FVAlert::show(window, "revealfailed", "revealfailedlong");
-    });
-}
+void AppController::addSourcePaths(const QStringList& paths, int index) { sourceEditor_->addPaths(paths, index); }
 
 void AppController::showLog() {
-    if (currentTargetPath_.empty()) return openLogFile();
-    (new FVLogViewer(window_.get(), qPath(currentTargetPath_), qPath(FVLog::logFilePath())))->open();
+    if (destination_->path().empty()) return openLogFile();
+    (new FVLogViewer(window_.get(), qPath(destination_->path()), qPath(FVLog::logFilePath())))->open();
 }
 
 void AppController::openLogFile() {
@@ -678,14 +355,14 @@ void AppController::showAbout() {
 // ---- Sheets
 
 FVOptionsPanel* AppController::showOptionsPanel() {
-    if (refusedWhileAway()) return nullptr;
+    if (destination_->refusedWhileAway()) return nullptr;
     auto* panel = new FVOptionsPanel(window_.get(), optionsPanelController_, environment_.runningAsRoot);
     const bool folderPerSource = optionsPanelController_.options().syncMode != 0;
-    if (!currentTargetPath_.empty() &&
-        !FVPlacementChange(currentTargetPath_, folderPerSource, !folderPerSource, backupSetController_.arrangedObjects())
+    if (!destination_->path().empty() &&
+        !FVPlacementChange(destination_->path(), folderPerSource, !folderPerSource, backupSetController_.arrangedObjects())
              .strandedMirrors()
              .empty())
-        panel->lockPlacement(localizedFormat("optionssyncmodelocked", currentTargetPath_));
+        panel->lockPlacement(localizedFormat("optionssyncmodelocked", destination_->path()));
     connect(panel, &QDialog::finished, this, &AppController::updateAutomationsAfterOptions);
     panel->open();
     return panel;
@@ -693,15 +370,11 @@ FVOptionsPanel* AppController::showOptionsPanel() {
 
 void AppController::updateAutomationsAfterOptions() {
     // Closed because the destination went away: what was changed waits for nothing, it is re-read.
-    if (presence_.isAway()) return;
+    if (destination_->presence().isAway()) return;
     std::string error;
-    bool scheduled = optionsPanelController_.updateAutomations(currentTargetPath_, &error);
+    bool scheduled = optionsPanelController_.updateAutomations(destination_->path(), &error);
     const std::string uuid = optionsPanelController_.uuid();
-    int index = destinations_.indexOf(qPath(currentTargetPath_));
-    if (index >= 0) {
-        destinations_.setUUID(index, QString::fromStdString(uuid));
-        saveDestinations();
-    }
+    destination_->rememberUUID(uuid);
     writeSettingsIfOpen();
     updateScheduleState();
     if (scheduled) FVScheduleFailureAlert::forget(uuid);
@@ -709,13 +382,13 @@ void AppController::updateAutomationsAfterOptions() {
 }
 
 void AppController::updateScheduleState() {
-    if (currentTargetPath_.empty()) return clearScheduleState();
+    if (destination_->path().empty()) return clearScheduleState();
     const FVOptions options = optionsPanelController_.options();
     const std::string uuid = optionsPanelController_.uuid();
     const std::optional<FVJobStatus> status =
         uuid.empty() ? std::nullopt : FVJobStatusStore(environment_.jobStatusFolder).read(uuid);
     const FVDestinationSchedule shown =
-        FVDestinationSchedule::of(currentTargetPath_, options, status, std::time(nullptr));
+        FVDestinationSchedule::of(destination_->path(), options, status, std::time(nullptr));
     window_->scheduleLine()->setText(QString::fromStdString(shown.line));
     window_->overdueBanner()->setText(shown.overdue ? QString::fromStdString(shown.overdue->text()) : QString());
 }
@@ -723,7 +396,7 @@ void AppController::updateScheduleState() {
 void AppController::showOverdueWhileAway(const std::string& uuid) {
     if (uuid.empty()) return;
     const std::optional<FVOverdueNotice> notice = FVDestinationSchedule::overdueWhileAway(
-        currentTargetPath_, FVJobStatusStore(environment_.jobStatusFolder).read(uuid), std::time(nullptr));
+        destination_->path(), FVJobStatusStore(environment_.jobStatusFolder).read(uuid), std::time(nullptr));
     if (notice) window_->overdueBanner()->setText(QString::fromStdString(notice->text()), false);
 }
 
@@ -733,29 +406,29 @@ void AppController::clearScheduleState() {
 }
 
 void AppController::showSearchBackupPanel() {
-    if (refusedWhileAway()) return;
-    if (currentTargetPath_.empty()) return;
-    auto* sheet = new FVDestinationSearchSheet(window_.get(), mainQueue_, qPath(currentTargetPath_));
+    if (destination_->refusedWhileAway()) return;
+    if (destination_->path().empty()) return;
+    auto* sheet = new FVDestinationSearchSheet(window_.get(), mainQueue_, qPath(destination_->path()));
     connect(sheet, &FVDestinationSearchSheet::restoreRequested, this, [this, sheet](const QString& versionPath) {
-        restoreController_->restoreVersion(qPath(currentTargetPath_), versionPath, sheet);
+        restoreController_->restoreVersion(qPath(destination_->path()), versionPath, sheet);
     });
     sheet->open();
 }
 
 void AppController::showBackupBrowser() {
-    if (currentTargetPath_.empty() || !window_->browseAction()->isEnabled() || refusedWhileAway()) return;
-    auto* browser = new FVBackupBrowser(window_.get(), currentTargetPath_);
+    if (destination_->path().empty() || !window_->browseAction()->isEnabled() || destination_->refusedWhileAway()) return;
+    auto* browser = new FVBackupBrowser(window_.get(), destination_->path());
     connect(browser, &FVBackupBrowser::restoreRequested, this, [this, browser] {
         if (const FVRunRecord* run = browser->shownRun())
-            restoreController_->restorePointInTime(qPath(currentTargetPath_), *run, browser->selectedPaths(), browser);
+            restoreController_->restorePointInTime(qPath(destination_->path()), *run, browser->selectedPaths(), browser);
     });
     browser->open();
 }
 
 void AppController::showVerifySheet() {
-    if (refusedWhileAway()) return;
-    if (currentTargetPath_.empty()) return;
-    auto* sheet = new FVVerifySheet(window_.get(), qPath(currentTargetPath_));
+    if (destination_->refusedWhileAway()) return;
+    if (destination_->path().empty()) return;
+    auto* sheet = new FVVerifySheet(window_.get(), qPath(destination_->path()));
     sheet->open();
     sheet->start();
 }
@@ -767,10 +440,10 @@ void AppController::restoreSelectedSources(const QList<int>& rows) {
     QStringList paths;
     for (int row : rows)
         if (row >= 0 && size_t(row) < items.size()) paths << qPath(items[size_t(row)]->sourcePath());
-    if (paths.isEmpty() || currentTargetPath_.empty() || refusedWhileAway()) return;
+    if (paths.isEmpty() || destination_->path().empty() || destination_->refusedWhileAway()) return;
     // The restore reads the sources from the destination's configuration.
     writeSettingsIfOpen();
-    restoreController_->restoreSourceItems(qPath(currentTargetPath_), paths);
+    restoreController_->restoreSourceItems(qPath(destination_->path()), paths);
 }
 
 void AppController::setRestoreHoldsWindow(bool holds) {
@@ -781,14 +454,12 @@ void AppController::setRestoreHoldsWindow(bool holds) {
     QPushButton* button = window_->startButton();
     button->setText(localized(holds ? "cancelbutton" : "syncbutton"));
     button->setEnabled(true);
-    setDestinationControlsEnabled(!holds);
+    destination_->setControlsEnabled(!holds);
     setOptionWidgetsEnabled(!holds);
-    if (!holds) followDestination();
+    if (!holds) destination_->follow();
 }
 
 // ---- Runs
-
-QString AppController::destinationName() const { return qPath(FVText::lastPathComponent(currentTargetPath_)); }
 
 void AppController::startOrCancelSync() {
     if (restoreController_->isRunning()) {
@@ -800,22 +471,6 @@ void AppController::startOrCancelSync() {
 }
 
 void AppController::showLastRunErrors() { runs_->showLastRunErrors(); }
-
-void AppController::confirmEmptiedSource(const QString& sourcePath) {
-    if (refusedWhileAway()) return;
-    FVSourceItemPtr source;
-    for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
-        if (qPath(item->sourcePath()) == sourcePath) source = item;
-    if (!source || runs_->isRunning()) return;
-    QMessageBox* box = FVAlert::ask(window_.get(), "confirmempty", "confirmemptylong", "cancelbuttontitle", "confirmemptyaction",
-                                    [this, source](bool confirmed) {
-                                        if (!confirmed || runs_->isRunning()) return;
-                                        source->setValue(kEmptySourceConfirmedKey, true);
-                                        writeSettings();
-                                    });
-    box->setText(localizedFormat("confirmempty", FVText::lastPathComponent(source->sourcePath())));
-    box->setInformativeText(localizedFormat("confirmemptylong", source->sourcePath()));
-}
 
 bool AppController::windowShouldClose() {
     runs_->abortStart();

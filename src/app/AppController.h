@@ -1,15 +1,15 @@
 #pragma once
-// The main window's controller: the destinations and the opening of one, the source list, the
-// options and search sheets, and writing the destination's configuration. Runs are
-// FVRunController's and restores FVRestoreController's; this one wires them to the window and
-// keeps a backup and a restore from sharing it.
+// The main window's controller: wires the window to its collaborators (the destinations are
+// FVDestinationController's, runs FVRunController's, edits of the source list FVSourceEditor's,
+// restores FVRestoreController's), reads and writes the open destination's configuration, and
+// keeps the options, search, browse and verify sheets, the schedule line and the log.
 
-#include "app/FVDestinationList.h"
-#include "app/FVDestinationPresence.h"
+#include "app/FVDestinationController.h"
 #include "app/FVLauncherEntry.h"
 #include "app/FVQtMainQueue.h"
 #include "app/FVRunController.h"
 #include "app/FVRunStartChecks.h"
+#include "app/FVSourceEditor.h"
 #include "backupset/BackupSetController.h"
 #include "platform/FVCommandRunner.h"
 #include "platform/FVUserNotifier.h"
@@ -51,8 +51,8 @@ public:
     FVMainWindow* window() const { return window_.get(); }
     BackupSetController& backupSetController() { return backupSetController_; }
     FVOptionsPanelController& optionsPanelController() { return optionsPanelController_; }
-    const FVDestinationList& destinations() const { return destinations_; }
-    const std::string& currentTargetPath() const { return currentTargetPath_; }
+    const FVDestinationList& destinations() const { return destination_->list(); }
+    const std::string& currentTargetPath() const { return destination_->path(); }
     bool isBackupRunning() const { return runs_->isRunning(); }
     const FVRunOutcome& runOutcome() const { return runs_->outcome(); }
     const FVLauncherEntry& launcherEntry() const { return launcherEntry_; }
@@ -66,18 +66,12 @@ public:
     void activateFromAnotherStart(const QStringList& paths);
 
     // Destinations.
-    void showNewBackupPanel();
-    void addAndOpenNewDestination(const QString& path);
-    void performTargetMenuSelection(int index);
-    void removeTargetWidgetClicked();
-    void openRecentTargetPath();
+    void addAndOpenNewDestination(const QString& path) { destination_->addAndOpen(path); }
+    void performTargetMenuSelection(int index) { destination_->select(index); }
+    void removeTargetWidgetClicked() { destination_->askToRemoveSelected(); }
 
-    // Sources.
-    void addSourceFolders();
-    void addSourceFiles();
+    // Sources, at index of the list.
     void addSourcePaths(const QStringList& paths, int index);
-    void removeSelectedSources();
-    void tableViewDoubleAction();
 
     // Runs.
     void startOrCancelSync();
@@ -106,24 +100,8 @@ private:
     void connectWindowControls();
     void connectSourceList();
     void connectRunsAndRestores();
-    void connectDestinationPresence();
-    void performSelectTargetMenuItem();
-    void removeSelectedDestinationAndUpdateForSelectedItem();
-    void resetInterface();
-    void reloadTargetPopup();
-    void saveDestinations();
-    void setDestinationControlsEnabled(bool enabled);
+    void connectWindowActivation();
     void setOptionWidgetsEnabled(bool enabled);
-    void showDestinationUnusable(const char* messageKey);
-    // The open destination's disk is gone: its list is put away and nothing can be changed until
-    // it is back, which reopens it.
-    void destinationWentAway();
-    void destinationCameBack();
-    // Whether an edit must wait for the destination's return; says so when it must.
-    bool refusedWhileAway();
-    // After a run or a restore, which noticed a missing destination by itself.
-    void followDestination();
-    void updateSizeDisplay();
     void updateSummaryLine();
     // The schedule line and the overdue banner of the open destination; both empty without one.
     void updateScheduleState();
@@ -135,33 +113,30 @@ private:
 
     // A backup, starting or running, or a restore holds the window.
     bool isBusy() const;
+    std::unique_ptr<FVDestinationController> makeDestinationController();
     std::unique_ptr<FVRunController> makeRunController();
-    void confirmEmptiedSource(const QString& sourcePath);
+    std::unique_ptr<FVSourceEditor> makeSourceEditor();
     void setRunOutcome(FVRunOutcome outcome) { runs_->setOutcome(std::move(outcome)); }
     void measureAfterWrite();
-    void addPendingSourcePaths();
     bool windowShouldClose();
     void restoreSelectedSources(const QList<int>& rows);
     void setRestoreHoldsWindow(bool holds);
-    QString destinationName() const;
 
     AppEnvironment environment_;
     FVQtMainQueue mainQueue_;
     BackupSetController backupSetController_;
     FVLaunchAgentManager launchAgentManager_;
     FVOptionsPanelController optionsPanelController_;
-    FVDestinationList destinations_;
-    std::string currentTargetPath_;
     // After the source list, which the model observes; the window goes first.
     std::unique_ptr<FVSourceListModel> sourceModel_;
     std::unique_ptr<FVMainWindow> window_;
     FVRunStartChecks startChecks_;
     // After the window, which it drives while a restore runs.
     std::unique_ptr<FVRestoreController> restoreController_;
-    FVDestinationPresence presence_;
+    std::unique_ptr<FVDestinationController> destination_;
 
     FVLauncherEntry launcherEntry_;
-    QStringList pendingSourcePaths_;
+    std::unique_ptr<FVSourceEditor> sourceEditor_;
     // Last: a run still going when the window closes is stopped and awaited while all else stands.
     std::unique_ptr<FVRunController> runs_;
 };

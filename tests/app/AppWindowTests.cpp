@@ -216,6 +216,13 @@ private:
         dialog->reject();
     }
 
+    // Back Up Now, and whether the run ended in time.
+    bool backUp() {
+        QSignalSpy ended(app_.get(), &AppController::runEnded);
+        app_->window()->startButton()->click();
+        return ended.wait(kPatience);
+    }
+
     QMessageBox* clickStartExpectingAlert() {
         app_->window()->startButton()->click();
         return awaitDialog();
@@ -421,14 +428,12 @@ private slots:
         launch();
         openDestination(destination);
         app_->addSourcePaths({QString::fromStdString(source)}, 0);
-        QSignalSpy ended(app_.get(), &AppController::runEnded);
         // Another window in front: the run's start and end are told on the desktop, as backups.
         QWidget front;
         front.show();
         front.activateWindow();
         QTRY_VERIFY_WITH_TIMEOUT(!app_->window()->isActiveWindow(), kPatience);
-        app_->window()->startButton()->click();
-        QVERIFY(ended.wait(kPatience));
+        QVERIFY(backUp());
         QCOMPARE(notifier_->titles, (std::vector<std::string>{"Backup started: dest", "Backup finished: dest"}));
         front.close();
         app_->window()->activateWindow();
@@ -456,8 +461,7 @@ private slots:
         app_->optionsPanelController().allOptions()->set(FVOptionKey::moveChangedFiles, true);
         ferrovane::test::writeFile(source + "/file2", "changed");
         fs::remove(source + "/file0");
-        app_->window()->startButton()->click();
-        QVERIFY(ended.wait(kPatience));
+        QVERIFY(backUp());
         // Show Log…: this destination's two runs, newest first, and a search among the lines.
         app_->window()->showLogAction()->trigger();
         auto* log = awaitDialog<FVLogViewer>("logViewer");
@@ -768,9 +772,7 @@ private slots:
         QCOMPARE(readSourcesOf(destination).size(), size_t(40));
 
         // After a backup, Restore from Backup… on two selected rows brings both back.
-        QSignalSpy ended(app_.get(), &AppController::runEnded);
-        app_->window()->startButton()->click();
-        QVERIFY(ended.wait(kPatience));
+        QVERIFY(backUp());
         const std::string first = sources[0].toStdString(), last = sources[49].toStdString();
         fs::remove(first + "/note");
         fs::remove(last + "/note");
@@ -802,9 +804,7 @@ private slots:
         launch();
         openDestination(destination);
         app_->addSourcePaths({QString::fromStdString(source)}, 0);
-        QSignalSpy ended(app_.get(), &AppController::runEnded);
-        app_->window()->startButton()->click();
-        QVERIFY(ended.wait(kPatience));
+        QVERIFY(backUp());
         FVMainWindow* w = app_->window();
         QVERIFY(w->screen()->availableGeometry().contains(w->frameGeometry()));
         auto fits = [&room](QWidget* window) {
@@ -866,8 +866,6 @@ private slots:
         panel->findChild<QCheckBox*>("automationVerifyMonthly")->setChecked(true);
         panel->findChild<QCheckBox*>("backUpWhenConnected")->setChecked(true);
         panel->findChild<QSpinBox*>(FVOptionKey::connectedRunIntervalMinutes)->setValue(120);
-        panel->findChild<QSpinBox*>(FVOptionKey::overdueDays)->setValue(3);
-        panel->findChild<QSpinBox*>(FVOptionKey::retentionDailyWeeks)->setValue(8);
         auto* keepFree = panel->findChild<QSpinBox*>(FVOptionKey::keepFreeSpaceMB);
         QCOMPARE(keepFree->text(), text("optionsautomatic"));  // 0 reads as what it means
         keepFree->setValue(2048);
@@ -885,8 +883,6 @@ private slots:
         QCOMPARE(stored.stringValue(FVOptionKey::UUID).value_or(""), uuid);
         QVERIFY(stored.boolValue(FVOptionKey::backUpWhenConnected));
         QCOMPARE(stored.integerValue(FVOptionKey::connectedRunIntervalMinutes), 120);
-        QCOMPARE(stored.integerValue(FVOptionKey::overdueDays), 3);
-        QCOMPARE(stored.integerValue(FVOptionKey::retentionDailyWeeks), 8);
         QCOMPARE(stored.integerValue(FVOptionKey::keepFreeSpaceMB), 2048);
 
         // "+" offers names and patterns to leave out: the options' list, where a line that is
@@ -1065,9 +1061,8 @@ private slots:
                 if (items[row]->sourcePath() == path) return cell(int(row), FVSourceListModel::LastRunColumn);
             return QString();
         };
+        QVERIFY(backUp());
         QSignalSpy ended(app_.get(), &AppController::runEnded);
-        app_->window()->startButton()->click();
-        QVERIFY(ended.wait(kPatience));
         const QString laterBefore = lastRun(later);
         QVERIFY2(laterBefore.contains("finished, 4 of"), qPrintable(laterBefore));
 
@@ -1107,8 +1102,7 @@ private slots:
         // A source the run cannot read (gone, as under a FUSE driver that died) says so and
         // keeps its last backup, also in the destination's configuration.
         fs::rename(later, later + ".gone");
-        app_->window()->startButton()->click();
-        QVERIFY(ended.wait(kPatience));
+        QVERIFY(backUp());
         QCOMPARE(lastRun(later), "Could not be read · last backup " + laterBefore.section(" · ", 0, 0));
         for (const FVSourceItemPtr& stored : readSourcesOf(destination))
             QCOMPARE(stored->value("lastUnreadableDate").has_value(), stored->sourcePath() == later);
@@ -1137,8 +1131,7 @@ private slots:
         QVERIFY2(failure.find("unmounted unexpectedly (" + destination + ")") != std::string::npos, failure.c_str());
         const QString notCopied = QString::fromStdString(FVStrings::formatPlural("backupdiskfailed", 2, "disk"));
         // The disk is away now: the list waits for its return, the outcome line keeps the cause.
-        const QString line = app_->window()->lastRunLine()->text();
-        QVERIFY2(line.endsWith("2 items not copied: " + QString::fromStdString(FVRunOutcome::causeOf(failure))), qPrintable(line));
+        QVERIFY(app_->window()->lastRunLine()->text().endsWith("2 items not copied: " + QString::fromStdString(FVRunOutcome::causeOf(failure))));
         auto* panel = awaitDialog<FVErrorPanel>();
         QVERIFY(panel->text().startsWith(QString::fromStdString(failure)));
         QCOMPARE(panel->heading(), notCopied);
