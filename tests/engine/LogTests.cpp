@@ -4,7 +4,9 @@
 #include "engine/run/FVLog.h"
 #include "engine/run/FVLogRotation.h"
 #include "engine/run/FVNumber.h"
+#include "engine/run/FVRunError.h"
 #include "engine/run/FVRunLogReader.h"
+#include "engine/run/FVRunStatus.h"
 #include "engine/run/FVStrings.h"
 #include "platform/FVJournalSink.h"
 #include "support/TempDir.h"
@@ -15,10 +17,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <set>
 #include <sstream>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 using namespace ferrovane;
@@ -137,6 +141,40 @@ TEST_F(LogTest, ALogAboveItsCapIsRotatedAtTheNextRunWithoutLosingALine) {
     for (auto& run : runs) run.join();
     EXPECT_EQ(readFile(path + ".1"), std::string(100, 'x'));
     EXPECT_EQ(readFile(path + ".2").size(), old.size());
+}
+
+// Each kind of error as a run reports it: its log line, its entry in the error list (none for a
+// warning of the log alone), and whether it ends the run, whose first fatal line alone is kept.
+TEST_F(LogTest, EveryKindOfRunErrorHasItsLineItsListEntryAndAFatalOneEndsTheRun) {
+    const std::string failed = "ERROR: Destination failed: Input/output error (EIO) while publishing /d/f. Aborting backup.";
+    const std::string replace = "Error: Could not replace destination file: /d/f";
+    const std::tuple<FVRunError, std::string, std::string> rows[] = {  // the error, its log line, its entry
+        {FVRunError::item("analysing", 0, "/s/a", "Cannot back up /s/a."), "ERROR: Cannot back up /s/a.", "Cannot back up /s/a."},
+        {FVRunError::retryOnce("writing", EAGAIN, "/d/f", "Copy failed").retried().listedWithLevel(), "ERROR: Copy failed",
+         "ERROR: Copy failed"},
+        {FVRunError::atDestination("publishing", EXDEV, "/d/f", replace.substr(7)).taggedAs("Error: ").listedWithLevel(),
+         replace, replace},
+        {FVRunError::warning("purging", EBUSY, "/d/o", "Kept /d/o").listedWithLevel(), "WARNING: Kept /d/o", "WARNING: Kept /d/o"},
+        {FVRunError::warning("copying", 0, "/s/f", "/s/f changed").loggedOnly().listedWithLevel(), "WARNING: /s/f changed", ""},
+        {FVRunError::atDestination("publishing", EIO, "/d/f", replace.substr(7)).taggedAs("Error: "), failed, failed},
+        {FVRunError::atDestination("creating", EROFS, "/d/g", "Not created"), "Aborting sync...", ""},
+    };
+    FVLog::currentLog().newLog();
+    FVRunStatus status(false, [] {});
+    std::vector<std::string> logged, listed;
+    for (const auto& [error, line, entry] : rows) {
+        const bool fatal = error.kind == FVRunError::Kind::Fatal;
+        EXPECT_EQ(status.report(error), fatal) << line;
+        EXPECT_EQ(status.isCancelled(), fatal) << line;
+        logged.push_back(line);
+        if (fatal) logged.push_back("Aborting sync...");
+        if (!entry.empty()) listed.push_back(entry);
+    }
+    logged.erase(logged.end() - 2);  // the second fatal error: the run had ended
+    EXPECT_EQ(status.errorMessages(), listed);
+    std::vector<std::string> lines = this->lines();
+    for (std::string& line : lines) line.erase(0, line.find(": ") + 2);
+    EXPECT_EQ(lines, logged);
 }
 
 TEST(JournalSink, EntriesCarryTheDestinationTheRunAndAPriorityAndOnlyUnderSystemd) {

@@ -122,9 +122,9 @@ FVHardLinkWriter::Outcome FVHardLinkWriter::replaceWithLink(const FVHardLinkGrou
     }
     if (entry.publish(name, -1) != FVTemporaryEntry::Published::Done) {
         const int error = errno;
-        if (!status_.stopOnFatalDestinationError(error, "linking", path))
-            reportError(fmt::format("Could not link {} to {} ({})", path, request.firstDestinationPath,
-                                    std::strerror(error)));
+        status_.report(FVRunError::atDestination("linking", error, path,
+                                                 fmt::format("Could not link {} to {} ({})", path,
+                                                             request.firstDestinationPath, std::strerror(error))));
         return Outcome::Done;
     }
     status_.changed(FVItemChange::Copied, request.source->path());

@@ -322,8 +322,12 @@ void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
         directoryMetadata.add(source.path(), destination.path());
         folders.ensureDirectoryItem(state, destination);
         folders.settle(destination.path());
-        if (!state.lastDirectoryFd.valid() && FVRunError::isFatal(state.lastDirectoryError))
-            stopOnDestinationFailure(FVRunError::atDestination("creating", state.lastDirectoryError, destination.path(), {}));
+        // A folder that could not be made is reported where it failed; only the disk's own
+        // failure stops the session here.
+        if (!state.lastDirectoryFd.valid()) {
+            FVRunError failure = FVRunError::atDestination("creating", state.lastDirectoryError, destination.path(), {});
+            if (failure.kind == FVRunError::Kind::Fatal) stopOnDestinationFailure(failure);
+        }
     }
 }
 

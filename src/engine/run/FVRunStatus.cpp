@@ -57,10 +57,6 @@ void FVRunStatus::cancel() {
     cancelled_.store(true, std::memory_order_relaxed);
 }
 
-bool FVRunStatus::stopOnFatalDestinationError(int error, std::string_view action, const std::string& path) {
-    return FVRunError::isFatal(error) && report(FVRunError::atDestination(action, error, path, {}));
-}
-
 void FVRunStatus::destinationFailed(const FVRunError& failure) {
     reportDestinationFailure(failure.logLine());
     log("Aborting sync...");

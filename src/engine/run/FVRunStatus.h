@@ -36,8 +36,9 @@ public:
     void changed(FVItemChange change, const std::string& path, uint64_t bytes = 0);
     void setItemListener(std::function<void(FVItemChange, const std::string&)> listener) { itemChanged_ = std::move(listener); }
     FVRunTally tally;
-    // The one place an error becomes its log line and its entry in the error list; a fatal one
-    // ends the run as stopOnFatalDestinationError does. Returns whether it was fatal.
+    // The one place an error becomes its log line and its entry in the error list. A fatal one (a
+    // read-only, full or failing destination) ends the run at once, the current copy worker with
+    // it, with one error instead of one per item. Returns whether it was fatal.
     bool report(const FVRunError& error);
     // Copies published since the source item in hand began (since restartProgress).
     uint64_t copiedInItem() const { return itemCopied_.load(std::memory_order_relaxed); }
@@ -47,10 +48,6 @@ public:
     // Stops the current copy worker and every later step that looks at isCancelled().
     void cancel();
     bool isCancelled() const { return cancelled_.load(std::memory_order_relaxed); }
-    // A read-only, full or failing destination ends the run at once, the current copy worker
-    // with it, with one error instead of one per item; returns whether the error was of that
-    // kind. action and path say what was being done where, for the message.
-    bool stopOnFatalDestinationError(int error, std::string_view action, const std::string& path);
     // Reports the failure if none was reported yet and cancels the run; the worker that met it
     // has stopped itself.
     void destinationFailed(const FVRunError& failure);
