@@ -127,6 +127,15 @@ def every_run(ferrovane, work):
            f"restore from a damaged mirror: {tail(r)}")
     expect_state(h.copies[-1], os.path.join(out, NAME), ["sub/d.txt"])
 
+    # Into a folder holding another a.txt: nothing is written unless it is replaced.
+    first = os.path.join(work, "out", "0", NAME)
+    write(os.path.join(first, "a.txt"), b"mine")
+    r = h.restore(h.stamps[0], "--to", os.path.dirname(first))
+    expect(r.returncode == 1 and b"Conflict: " in r.stdout, f"restore over a conflict: {tail(r)}")
+    expect(open(os.path.join(first, "a.txt"), "rb").read() == b"mine", "a conflict was overwritten")
+    r = h.restore(h.stamps[0], "--to", os.path.dirname(first), "--replace")
+    expect_state(h.copies[0], first, ["sub/e.txt", "sub/f.txt"])
+
 
 def from_exfat(ferrovane, work):
     with EXFAT.mounted(work) as mnt:
