@@ -1,8 +1,8 @@
-// Cloning items with every piece of metadata, a vanished source, and a source written while it is
-// copied to a destination that keeps exact times or FAT's 2 s. Items in the way, unreadable
-// sources, crashes mid-copy, links planted in the destination, a full destination and paths deeper
-// than PATH_MAX are checked on whole runs (tests/faults: changes, access, crash, storage, escapes,
-// hostile).
+// Cloning items with every piece of metadata, replacing what is in the way (whole runs move it
+// aside first, so only a race reaches this), a vanished source, and a source written while it is
+// copied to a destination that keeps exact times or FAT's 2 s. Unreadable sources, crashes
+// mid-copy, links planted in the destination, a full destination and paths deeper than PATH_MAX
+// are checked on whole runs (tests/faults: access, crash, storage, escapes, hostile).
 
 #include "fs/FVInodeFlags.h"
 #include "engine/copy/FVFileCopyWorker.h"
@@ -135,6 +135,36 @@ TEST(ItemCloning, AccessControlListsStayBehindWhenDisabled) {
     EXPECT_LT(getxattr((dst + "/folder/file").c_str(), "system.posix_acl_access", nullptr, 0), 0);
     EXPECT_LT(getxattr((dst + "/folder").c_str(), "system.posix_acl_access", nullptr, 0), 0);
     EXPECT_EQ(rsyncDifferences(src, dst, "-aXn"), "") << "everything but the lists is carried";
+}
+
+TEST(ItemCloning, ReplacesWhatStandsInTheWay) {
+    TempDir dir;
+    std::string src = dir / "src", dst = dir / "dst";
+    buildTree(src, {{"changed", "new version"}, {"dirInWay", "a file now"}, {"fileInWay/child", "child"},
+                    {"locked", "unlocked and replaced"}, {"lockedFolder/inside", "inside"}});
+    buildTree(dst, {{"changed", "old"}, {"dirInWay/inner/x", "x"}, {"fileInWay", "a folder now"},
+                    {"locked", "old locked"}, {"lockedFolder/", ""}});
+    bool flags = lock(dst + "/locked") && lock(dst + "/lockedFolder");
+
+    // One thread, so that the folder's pair replaces the file in its way before the child is
+    // copied; with two, the child can race ahead, fail in this pass and be copied by the next.
+    RecordingDelegate delegate;
+    copyTree(src, dst, delegate, [](FVFileCopyWorker& worker) {
+        worker.setVerboseLogging(true);
+        worker.setMaxThreads(1);
+    });
+    EXPECT_TRUE(delegate.messagesAt("ERROR").empty()) << delegate.messagesAt("ERROR")[0];
+    EXPECT_EQ(rsyncDifferences(src, dst), "");
+    if (flags) {
+        EXPECT_EQ(readFile(dst + "/locked"), "unlocked and replaced");
+        EXPECT_EQ(readFile(dst + "/lockedFolder/inside"), "inside");
+    }
+    std::vector<std::string> overwritten = delegate.overwritten();
+    EXPECT_NE(std::find(overwritten.begin(), overwritten.end(), dst + "/fileInWay"), overwritten.end());
+    std::vector<std::string> info = delegate.messagesAt("INFO");
+    EXPECT_NE(std::find(info.begin(), info.end(), "Copying file data " + src + "/changed to " + dst +
+                                                      "/changed (regular) was successful."),
+              info.end());
 }
 
 TEST(ItemCloning, AVanishedSourceIsANote) {
