@@ -193,24 +193,6 @@ TEST(BackupSetController, MeasuresBackupItemsOnlyAndHonoursExclusions) {
         << controller.totalSizeString();
 }
 
-TEST(BackupSetController, SummaryUsesGigabytesAboveOneThousandMegabytes) {
-    TempDir dir;
-    sparseFile(dir / "a", 600'000'000);
-    sparseFile(dir / "b", 400'000'000);
-    TestQueue queue;
-    BackupSetController controller(&queue);
-    controller.addBackupPaths({dir / "a", dir / "b"}, 0);
-    std::string exactly = FVStrings::format("sourceiteminformationMB", 2ul, 1000.0);
-    ASSERT_TRUE(queue.runUntil([&] { return controller.totalSizeString() == exactly; }))
-        << controller.totalSizeString();
-
-    sparseFile(dir / "b", 500'000'000);
-    controller.evaluateItemModeChange();
-    std::string over = FVStrings::format("sourceiteminformationGB", 2ul, 1.1);
-    ASSERT_TRUE(queue.runUntil([&] { return controller.totalSizeString() == over; }))
-        << controller.totalSizeString();
-}
-
 // Results made stale or of removed items are checked through the controller below.
 TEST(BackupSetController, AMeasurementStopsAtOnceWhenCancelledAndCountsNothingExcludedOrMissing) {
     TempDir dir;

@@ -74,8 +74,9 @@ TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
         }
         EXPECT_TRUE(c.status != 2 || r.err.find("Usage: ferrovane") != std::string::npos) << shown << r.err;
         // Diagnostics in one form; a search without matches only says so.
-        if (c.status != 0 && std::string(c.err) != "no file name")
+        if (c.status != 0 && std::string(c.err) != "no file name") {
             EXPECT_EQ(r.err.rfind("ferrovane: error: ", 0), 0u) << shown << r.err;
+        }
     }
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(d), {}), 1) << "nothing was written";
 }

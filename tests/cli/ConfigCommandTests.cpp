@@ -310,26 +310,14 @@ TEST_F(ConfigCommand, TheUnitsCommandLinesRecordEveryAttempt) {
     FVJobStatusStore store(statusFolder());
     auto last = [&] { return store.read(uuid).value_or(FVJobStatus{}).lastScheduledAttempt.value_or(FVJobAttempt{}); };
 
-    ProcessResult connected = runUnit(label + "-connect.service");
-    EXPECT_EQ(connected.exitStatus, 0) << connected.err;
-    EXPECT_NE(connected.out.find("Sync finished successfully."), std::string::npos) << connected.out;
-    EXPECT_EQ(last().trigger, FVJobTrigger::Connect);
-    EXPECT_EQ(last().outcome, FVJobOutcome::Finished);
-    const std::time_t success = store.read(uuid)->lastSuccess;
-    EXPECT_GT(success, 0);
-
-    ProcessResult again = runUnit(label + "-connect.service");
-    EXPECT_EQ(again.exitStatus, 0) << again.err;
-    EXPECT_NE(again.out.find("Skipped: the last good run"), std::string::npos) << again.out;
-    EXPECT_EQ(last().outcome, FVJobOutcome::Skipped);
-
+    // A connect run soon after a good run and a calendar run without the disk on a real mount are
+    // the fault suite's connect part; here the disk is only away.
     ASSERT_EQ(rename(destination.c_str(), (dir / "unplugged").c_str()), 0);
     ProcessResult absent = runUnit(label + ".service");
     EXPECT_EQ(absent.exitStatus, 0) << absent.err;
     EXPECT_NE(absent.out.find("is not connected"), std::string::npos) << absent.out;
     EXPECT_EQ(last().trigger, FVJobTrigger::Schedule);
     EXPECT_EQ(last().outcome, FVJobOutcome::NotConnected);
-    EXPECT_EQ(store.read(uuid)->lastSuccess, success);
     ASSERT_EQ(rename((dir / "unplugged").c_str(), destination.c_str()), 0);
 
     // A run by hand is recorded too, beside the last scheduled one.

@@ -1,5 +1,6 @@
 // The session over several items: progress across steps, the cleanup decision, results written
-// into the items, cancellation in the middle, and the copy-worker callbacks of the job.
+// into the items, and a stop during the before-hook. Stops between items, dry runs and a run that
+// cannot fit are the window's, the command line's and the fault suite's.
 
 #include "engine/config/FVConfigurationFile.h"
 #include "engine/session/FVBackupSession.h"
@@ -13,12 +14,8 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <filesystem>
 #include <mutex>
-#include <tuple>
 #include <utility>
-
-#include <sys/xattr.h>
 
 using namespace ferrovane;
 using namespace ferrovane::test;
@@ -40,10 +37,6 @@ public:
     }
     void backupSessionDidFinish(FVBackupSession&) override { end("finished"); }
     void backupSessionDidCancel(FVBackupSession&) override { end("cancelled"); }
-    void backupSessionWouldChange(FVBackupSession&, const std::string& line) override {
-        std::lock_guard lock(mutex_);
-        planned.push_back(line);
-    }
 
     std::string wait() {
         std::unique_lock lock(mutex_);
@@ -52,7 +45,6 @@ public:
     }
 
     std::vector<float> progress;
-    std::vector<std::string> planned;
     std::string cancelWhenTaskContains;
     bool cancelRequested = false;
     std::string outcome;
@@ -163,100 +155,6 @@ TEST_F(BackupSessionTest, AFilledDestinationAddsTheCleanupStepAndPurgesOnlyArchi
     EXPECT_FALSE(exists(removed));
     EXPECT_TRUE(exists(changed));
     EXPECT_NE(readFile(dir / "Ferrovane.log").find("Removed archive " + removed), std::string::npos);
-}
-
-TEST_F(BackupSessionTest, CancelInTheSecondItemKeepsTheFirstItemsResultsOnly) {
-    FVBackupSession session;
-    Recorder recorder;
-    recorder.cancelWhenTaskContains = "two";
-    auto set = items({{"one", FVSourceMode::Backup}, {"two", FVSourceMode::Backup}, {"three", FVSourceMode::Backup}});
-    ASSERT_EQ(run(session, recorder, set), "cancelled");
-    EXPECT_TRUE(set[0]->value("lastBackupDate").has_value());
-    EXPECT_FALSE(set[1]->value("lastBackupDate").has_value());
-    EXPECT_FALSE(set[2]->value("lastBackupDate").has_value());
-    EXPECT_EQ(session.currentTaskDescription(), "Backup stopped.");
-    EXPECT_FALSE(exists(dir / "dest/three"));
-    EXPECT_EQ(session.summary().line().rfind("Stopped: checked ", 0), 0u) << session.summary().line();
-}
-
-TEST(RunSummary, OneLineInWordsForEveryKindOfRun) {
-    const std::vector<std::pair<FVRunSummary, std::string>> cases = {
-        {{{12345, 12, 1'234'567, 3, 1}, 0, 64.4, false, false},
-         "Checked 12,345 items, copied 12 (1.2 MB), archived 3, deleted 1, 0 errors in 1 min 4 s."},
-        {{{1, 1, 999, 0, 0}, 1, 0.44, true, false},
-         "Checked 1 item, would copy 1 (999 bytes), archive 0, delete 0, 1 error in 0.4 s."},
-        {{{1'000'000, 0, 0, 0, 0}, 2, 7260, false, true},
-         "Stopped: checked 1,000,000 items, copied 0 (0 bytes), archived 0, deleted 0, 2 errors in 2 h 1 min."},
-        {{{100, 0, 0, 0, 0}, 0, 12.4, false, false},
-         "Checked 100 items, copied 0 (0 bytes), archived 0, deleted 0, 0 errors in 12 s."},
-    };
-    for (const auto& [summary, line] : cases) EXPECT_EQ(summary.line(), line);
-}
-
-TEST_F(BackupSessionTest, ADryRunReportsEachDecisionAndChangesNothing) {
-    options.moveChangedFiles = true;
-    options.purgeRemovedArchive = true;
-    auto set = items({{"one", FVSourceMode::Backup}});
-    for (FVBackupSession realRun, again; FVBackupSession* session : {&realRun, &again}) {
-        Recorder recorder;
-        ASSERT_EQ(run(*session, recorder, set), "finished");
-    }
-    const std::string source = dir / "src/one/sub", mirror = dir / "dest/one/sub";
-    const std::string oldArchive = dir / "dest/__removed/2000-01-01 00.00.00 +0000";
-    makeDirs(oldArchive);
-    timespec old[2] = {{946684800, 0}, {946684800, 0}};
-    utimensat(AT_FDCWD, oldArchive.c_str(), old, 0);
-    struct stat folder {};
-    stat(source.c_str(), &folder);
-    writeFile(source + "/f1", "changed");
-    std::filesystem::remove(source + "/f2");
-    writeFile(source + "/new", "new");
-    timespec folderTimes[2] = {folder.st_atim, folder.st_mtim};
-    utimensat(AT_FDCWD, source.c_str(), folderTimes, 0);
-    setxattr(mirror.c_str(), "user.kept", "1", 1, 0);  // ignored by the decision, part of the digest
-    const std::string before = treeDigest(dir / "dest");
-    const PlistDict results = set[0]->snapshot();
-
-    FVBackupSession session;
-    session.setDryRun(true);
-    Recorder recorder;
-    ASSERT_EQ(run(session, recorder, set), "finished");
-    EXPECT_EQ(treeDigest(dir / "dest"), before);
-    EXPECT_EQ(set[0]->snapshot(), results) << "no run results";
-    // The removed file would go to __removed (the default), so it is reported as archived. The
-    // space line only comes when the quick check cannot tell that the run fits: on a disk more
-    // than half full, as here where source and destination share one.
-    std::erase_if(recorder.planned, [](const std::string& line) { return line.starts_with("Space on "); });
-    std::sort(recorder.planned.begin(), recorder.planned.end());
-    EXPECT_EQ(recorder.planned, (std::vector<std::string>{"Would archive: " + mirror + "/f1", "Would archive: " + mirror + "/f2",
-                                                          "Would copy: " + source + "/f1", "Would copy: " + source + "/new",
-                                                          "Would purge: " + oldArchive}));
-    const FVRunSummary& summary = session.summary();
-    EXPECT_EQ(std::tuple(summary.dryRun, summary.totals.copied, summary.totals.bytesCopied, summary.totals.archived),
-              std::tuple(true, uint64_t{2}, uint64_t{10}, uint64_t{2}));
-}
-
-TEST_F(BackupSessionTest, ARunThatCannotFitStopsBeforeCopyingAndACancelWhileItLooksAheadWritesNothing) {
-    options.keepFreeSpace = true;
-    options.keepFreeSpaceMB = int64_t{1000000000};  // a reserve beyond any disk: the run looks ahead and cannot fit
-    auto set = items({{"one", FVSourceMode::Backup}});
-    FVBackupSession session;
-    Recorder recorder;
-    ASSERT_EQ(run(session, recorder, set), "cancelled");
-    EXPECT_TRUE(session.stoppedForSpace());
-    const std::vector<std::string> errors = session.errorMessages();
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_EQ(errors[0].rfind("Not enough room on " + (dir / "dest") + ": this run writes ", 0), 0u) << errors[0];
-    EXPECT_TRUE(std::filesystem::is_empty(dir / "dest"));
-
-    FVBackupSession cancelled;
-    Recorder stopper;
-    stopper.cancelWhenTaskContains = "fits";
-    ASSERT_EQ(run(cancelled, stopper, set), "cancelled");
-    EXPECT_TRUE(stopper.cancelRequested);
-    EXPECT_FALSE(cancelled.stoppedForSpace());
-    EXPECT_TRUE(cancelled.errorMessages().empty());
-    EXPECT_TRUE(std::filesystem::is_empty(dir / "dest"));
 }
 
 // A run stopped while its before-hook runs ends the hook at once, touches nothing, and its

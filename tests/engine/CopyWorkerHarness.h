@@ -17,11 +17,8 @@ namespace ferrovane::test {
 
 class RecordingDelegate : public FVFileCopyWorkerDelegate {
 public:
-    bool answersWillOverwrite = true;
-    bool answersProgress = true;
-
-    bool respondsToWillOverwriteDestination() const override { return answersWillOverwrite; }
-    bool respondsToProgressDidChange() const override { return answersProgress; }
+    bool respondsToWillOverwriteDestination() const override { return true; }
+    bool respondsToProgressDidChange() const override { return true; }
     bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override {
         std::lock_guard lock(mutex_);
         overwritten_.push_back(destination.path());

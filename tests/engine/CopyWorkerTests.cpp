@@ -41,10 +41,6 @@ struct PoolTest : ::testing::Test {
         return names;
     }
     void add(const std::string& name) { addPair(worker, dir / ("src/" + name), dir / ("dst/" + name)); }
-    void waitUntilCopied(uint64_t n) {
-        while (worker.copiedFiles() < n) std::this_thread::yield();
-    }
-
     TempDir dir;
     RecordingDelegate delegate;
     FVFileCopyWorker worker;
@@ -115,16 +111,6 @@ TEST_F(PoolTest, OutOfRangeWidthFallsBackToTwoThreads) {
     EXPECT_EQ(most, 2);
 }
 
-TEST_F(PoolTest, ProgressWaitsForAHundredPairsWhileTheSessionRuns) {
-    worker.startCopySession();
-    for (const std::string& name : makeFiles(10)) add(name);
-    waitUntilCopied(10);
-    EXPECT_TRUE(delegate.progress().empty());
-    worker.endCopySession();
-    ASSERT_TRUE(delegate.waitForEnd());
-    EXPECT_EQ(delegate.progress(), std::vector<float>{1.0f});
-}
-
 TEST_F(PoolTest, ProgressMovesInStepsAboveFivePercent) {
     worker.setMaxThreads(3);
     worker.startCopySession();
@@ -142,17 +128,6 @@ TEST_F(PoolTest, ProgressMovesInStepsAboveFivePercent) {
     }
     // A last step of 5 % or less is not reported.
     EXPECT_GE(progress.back(), 0.95f);
-}
-
-TEST_F(PoolTest, NoProgressForADelegateThatDoesNotAnswerIt) {
-    delegate.answersProgress = false;
-    delegate.answersWillOverwrite = false;
-    worker.startCopySession();
-    for (const std::string& name : makeFiles(120)) add(name);
-    worker.endCopySession();
-    ASSERT_TRUE(delegate.waitForEnd());
-    EXPECT_TRUE(delegate.progress().empty());
-    EXPECT_TRUE(delegate.overwritten().empty());
 }
 
 TEST_F(PoolTest, CancelDuringALargeCopyDropsTheRestAndTheFolderMetadata) {

@@ -1,11 +1,11 @@
-// The lazily loaded file item and the file-manager helpers.
+// The file-manager helpers: user files in a folder, attribute signatures, the immutable flag. The
+// file item's types and sizes are read by every run the fault suite makes.
 
 #include "engine/analysis/FVAttributeSignature.h"
 #include "fs/FVFolderContents.h"
 #include "fs/FVInodeFlags.h"
 #include "fs/FVExtendedAttributes.h"
 #include "fs/FVFileDescriptor.h"
-#include "engine/run/FVFileSystemItem.h"
 #include "support/TempDir.h"
 
 #include <fcntl.h>
@@ -43,44 +43,6 @@ bool isImmutable(const std::string& path) {
 }
 
 }  // namespace
-
-TEST(FileSystemItem, MissingPathIsAFileThatDoesNotExistAndStaysMissing) {
-    TempDir dir;
-    FVFileSystemItem item(dir / "missing");
-    EXPECT_FALSE(item.fileExists());
-    EXPECT_EQ(item.fileType(), FVFileType::None);
-    EXPECT_TRUE(item.isFile());
-    EXPECT_EQ(item.fileSize(), 0u);
-    writeFile(dir / "missing", "now here");
-    EXPECT_FALSE(item.fileExists()) << "the first look is kept";
-}
-
-TEST(FileSystemItem, TypesAreThoseOfTheItemItself) {
-    TempDir dir;
-    makeDirs(dir / "folder");
-    ASSERT_EQ(symlink("folder", (dir / "link").c_str()), 0);
-    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
-    writeFile(dir / "file", "12345");
-    chmod((dir / "file").c_str(), 04751);
-
-    auto link = FVFileSystemItem::itemWithPath(dir / "link");
-    EXPECT_EQ(link->fileType(), FVFileType::SymbolicLink);
-    EXPECT_TRUE(link->isFile());
-    EXPECT_FALSE(FVFileSystemItem(dir / "folder").isFile());
-    EXPECT_EQ(FVFileSystemItem(dir / "fifo").fileType(), FVFileType::Unknown);
-    FVFileSystemItem file(dir / "file");
-    EXPECT_EQ(file.fileType(), FVFileType::Regular);
-    EXPECT_EQ(file.fileSize(), 5u);
-    EXPECT_EQ(file.posixPermissions(), 04751);
-}
-
-TEST(FileSystemItem, ModificationDateDropsTheNanoseconds) {
-    TempDir dir;
-    writeFile(dir / "a", "");
-    struct timespec late[2] = {{0, UTIME_OMIT}, {1700000000, 900000000}};
-    utimensat(AT_FDCWD, (dir / "a").c_str(), late, 0);
-    EXPECT_EQ(FVFileSystemItem(dir / "a").fileModificationDate(), 1700000000);
-}
 
 TEST(FileManager, UserFilesAreThoseThatAreNeitherHiddenNorHousekeeping) {
     TempDir dir;

@@ -1,5 +1,6 @@
-// The free-space rule: the reserve and the budget a run may write, its one message, what a run
-// would write, and which archived runs go first when room is made.
+// The free-space rule: the reserve and the budget a run may write, what a run would write, and
+// what purging archived runs keeps. Its message and the purge on a filling disk are the fault
+// suite's space part.
 
 #include "engine/archive/FVOldestRunPurge.h"
 #include "engine/session/FVRunPlanner.h"
@@ -56,14 +57,6 @@ std::vector<FVArchivedRun> runsOf(const std::string& text) {
     return runs;
 }
 
-std::string describe(const std::optional<FVRunPurgeUnit>& unit) {
-    if (!unit) return "none";
-    std::string text;
-    if (unit->recordStamp) text += "record " + *unit->recordStamp;
-    if (unit->archiveStamp) text += (text.empty() ? "" : ", ") + std::string("archives ") + *unit->archiveStamp;
-    return text;
-}
-
 }  // namespace
 
 TEST(SpaceBudget, TheReserveIsTheSettingOrTwoPercentWithinOneGibibyteAndATenth) {
@@ -93,25 +86,6 @@ TEST(SpaceBudget, TheReserveIsTheSettingOrTwoPercentWithinOneGibibyteAndATenth) 
     EXPECT_FALSE(budget.allows(15 * MB + 1));
     EXPECT_TRUE(budget.afterFreeing(1).allows(15 * MB + 1));
     EXPECT_EQ(FVSpaceBudget(reserveOptions(true, 10), 5 * MB, GiB).budget(), 0u);
-}
-
-TEST(SpaceBudget, TheMessageSaysWhatIsNeededWhatIsFreeAndWhatHelps) {
-    const std::string disk = "/media/disk";
-    // Fits below the reserve: the largest reserve that lets it through.
-    EXPECT_EQ(FVSpaceBudget(reserveOptions(true, 0), 38 * MB, 100 * GiB).shortfallMessage(disk, 6 * MB, false),
-              "Not enough room on /media/disk: this run writes 6.0 MB, 38.0 MB is free and 2.1 GB is kept free. Free "
-              "space on the disk, lower the reserve (ferrovane config /media/disk set keepFreeSpaceMB 32), or back up "
-              "less.");
-    // Less than a megabyte to spare: only without a reserve.
-    EXPECT_NE(FVSpaceBudget(reserveOptions(true, 0), 38 * MB, 100 * GiB)
-                  .shortfallMessage(disk, 37 * MB + 1, false)
-                  .find("set keepFreeSpace no"),
-              std::string::npos);
-    // More than is free: no reserve helps, a purge that is not allowed would.
-    const std::string beyond = FVSpaceBudget(reserveOptions(false, 0), 38 * MB, GiB).shortfallMessage(disk, 66 * MB, true);
-    EXPECT_EQ(beyond, "Not enough room on /media/disk: this run writes 66.0 MB, 38.0 MB is free. Free space on the "
-                      "disk, let runs purge the oldest archived runs (ferrovane config /media/disk set "
-                      "purgeOldestForSpace yes), or back up less.");
 }
 
 // New and changed files count whole, in blocks; what is current counts nothing, and neither does
@@ -145,25 +119,6 @@ TEST(RunPlanner, CountsWhatTheRunWouldWriteAndNotTheDestinationInsideItsSource) 
         utimensat(AT_FDCWD, (destination + "/data/" + name).c_str(), times, 0);
     }
     EXPECT_EQ(planner.bytesToWrite({source}), 4096u + 8192u);
-}
-
-TEST(OldestRunPurge, TheOldestStampGoesFirstAndWhatTheNewestNeedsStays) {
-    struct Case {
-        const char* runs;
-        const char* next;
-    } cases[] = {
-        {"", "none"},
-        {"a rc", "none"},                                  // the newest run keeps its archives
-        {"a|a", "archives 0"},
-        {"a rc|rc", "archives 0"},
-        {"rc|a rc|a rc", "record 0, archives 1"},          // the record and the versions only it needed
-        {"r|a r|rc", "record 0, archives 1"},
-        {"rc|rc|a rc", "record 0"},
-        {"r|a", "record 0"},                               // the next archives are the newest run's
-        {"rc|a r", "none"},                                // the newest complete record stays whole
-        {"rc|a", "none"},
-    };
-    for (const Case& c : cases) EXPECT_EQ(describe(FVOldestRunPurge::next(runsOf(c.runs))), c.next) << c.runs;
 }
 
 // Purged to the end on many generated destinations: every complete record left still has the

@@ -1,7 +1,8 @@
-// Cloning items with every piece of metadata, replacing what is in the way, and the faults:
-// vanished and unreadable sources, a crash in the middle of a copy and a symbolic link planted
-// inside the destination. A full destination and paths deeper than PATH_MAX are checked on whole
-// runs (tests/faults: storage, hostile).
+// Cloning items with every piece of metadata, replacing what is in the way (whole runs move it
+// aside first, so only a race reaches this), a vanished source, and a source written while it is
+// copied to a destination that keeps exact times or FAT's 2 s. Unreadable sources, crashes
+// mid-copy, links planted in the destination, a full destination and paths deeper than PATH_MAX
+// are checked on whole runs (tests/faults: access, crash, storage, escapes, hostile).
 
 #include "fs/FVInodeFlags.h"
 #include "engine/copy/FVFileCopyWorker.h"
@@ -12,17 +13,14 @@
 
 #include <fcntl.h>
 #include <linux/fs.h>
-#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <functional>
 
 using namespace ferrovane;
@@ -62,16 +60,6 @@ bool lock(const std::string& path) {
 }
 
 bool run(const std::string& command) { return runProcess({"/bin/sh", "-c", command}).exitStatus == 0; }
-
-// Runs body in a child process (so it may change its user or be killed) and returns its status.
-template <typename Body>
-int inChild(Body body) {
-    pid_t pid = fork();
-    if (pid == 0) _exit(body());
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return status;
-}
 
 }  // namespace
 
@@ -179,7 +167,7 @@ TEST(ItemCloning, ReplacesWhatStandsInTheWay) {
               info.end());
 }
 
-TEST(ItemCloning, VanishedSourceIsANoteAndUnreadableSourceAnError) {
+TEST(ItemCloning, AVanishedSourceIsANote) {
     TempDir dir;
     makeDirs(dir / "dst");
     writeFile(dir / "gone", "x");
@@ -198,62 +186,6 @@ TEST(ItemCloning, VanishedSourceIsANoteAndUnreadableSourceAnError) {
     }
     EXPECT_EQ(delegate.messages(), std::vector<std::string>{"INFO NOTE: Source file vanished since analysing: " + (dir / "gone")});
 
-    // Only an ordinary user can meet an unreadable file.
-    makeDirs(dir / "src");
-    writeFile(dir / "src/secret", "s");
-    chmod((dir / "src/secret").c_str(), 0);
-    chmod(dir.path().c_str(), 0755);
-    chown((dir / "dst").c_str(), 65534, 65534);
-    int status = inChild([&] {
-        if (setgid(65534) != 0 || setuid(65534) != 0) return 2;
-        RecordingDelegate child;
-        copyTree(dir / "src", dir / "dst", child);
-        auto errors = child.messagesAt("ERROR");
-        return errors == std::vector<std::string>{"ERROR: Cannot read file: " + (dir / "src/secret") + " (Permission denied)"} ? 0 : 1;
-    });
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_FALSE(exists(dir / "dst/secret"));
-    EXPECT_TRUE(temporaryLeftovers(dir / "dst").empty());
-}
-
-TEST(ItemCloning, AKilledCopyLeavesTheOldVersionWhole) {
-    TempDir dir;
-    makeDirs(dir / "dst");
-    std::string old = pattern(5 << 20, 5);
-    writeFile(dir / "dst/file", old);
-    writeFile(dir / "file", pattern(32 << 20, 6));
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-        close(ready[0]);
-        FVFileCopyWorker worker;
-        RecordingDelegate delegate;
-        worker.setDelegate(&delegate);
-        worker.setDestinationRoot(dir / "dst");
-        worker.setChunkHook([&](const std::string&, uint64_t copied) {
-            if (copied < (8u << 20)) return;
-            if (write(ready[1], "k", 1) != 1) _exit(3);
-            pause();
-        });
-        worker.startCopySession();
-        addPair(worker, dir / "file", dir / "dst/file");
-        worker.endCopySession();
-        delegate.waitForEnd();
-        _exit(2);
-    }
-    close(ready[1]);
-    char byte = 0;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1) << "the child never reached the middle of the copy";
-    close(ready[0]);
-    kill(pid, SIGKILL);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status));
-    EXPECT_TRUE(readFile(dir / "dst/file") == old) << "the old version was damaged";
-    // The partial copy sits under a temporary name for the next run to remove.
-    EXPECT_EQ(temporaryLeftovers(dir / "dst").size(), 1u);
 }
 
 TEST(ItemCloning, ASourceChangedDuringItsCopyIsCopiedAgainAndOneThatKeepsChangingIsDatedToBeCopiedNextTime) {
@@ -313,42 +245,4 @@ TEST(ItemCloning, ASourceChangedDuringItsCopyIsCopiedAgainAndOneThatKeepsChangin
             }
         }
     }
-}
-
-TEST(ItemCloning, ALinkPlantedInTheDestinationLeadsNowhere) {
-    TempDir dir;
-    makeDirs(dir / "src/folder");
-    makeDirs(dir / "dst");
-    makeDirs(dir / "outside");
-    for (const char* name : {"first", "second", "third"}) writeFile(dir / ("src/folder/" + std::string(name)), pattern(2 << 20, 7));
-    RecordingDelegate delegate;
-    std::vector<std::pair<std::string, std::string>> pairs;
-    for (const char* name : {"", "/first", "/second"}) pairs.emplace_back(dir / "src/folder" + name, dir / "dst/folder" + name);
-    copyPairs(dir / "dst", pairs, delegate, [&](FVFileCopyWorker& worker) {
-        worker.setMaxThreads(1);
-        // While the first file is copied, the folder is swapped for a link to a folder outside.
-        worker.setChunkHook([&](const std::string& path, uint64_t) {
-            if (!path.ends_with("/first") || exists(dir / "dst/moved")) return;
-            rename((dir / "dst/folder").c_str(), (dir / "dst/moved").c_str());
-            symlink((dir / "outside").c_str(), (dir / "dst/folder").c_str());
-        });
-    });
-    EXPECT_TRUE(std::filesystem::is_empty(dir / "outside"));
-    // A later copy into the linked folder fails, once retried, instead of following the link.
-    RecordingDelegate later;
-    copyPairs(dir / "dst", {{dir / "src/folder/third", dir / "dst/folder/third"}}, later);
-    EXPECT_EQ(later.messages(), (std::vector<std::string>{
-                                    "INFO Retrying copy: " + (dir / "src/folder/third"),
-                                    "ERROR ERROR: Copy failed: " + (dir / "src/folder/third") +
-                                        " (Reason: Could not create destination file " + (dir / "dst/folder/third") +
-                                        ": Not a directory)"}));
-    EXPECT_TRUE(std::filesystem::is_empty(dir / "outside"));
-    // The folder's own pair replaces the link by a real folder. A file of that folder taken by
-    // the other thread before the replacement fails in this pass; the next pass completes it.
-    RecordingDelegate again, completing;
-    copyTree(dir / "src", dir / "dst", again);
-    EXPECT_TRUE(std::filesystem::is_empty(dir / "outside"));
-    EXPECT_TRUE(std::filesystem::is_directory(std::filesystem::symlink_status(dir / "dst/folder")));
-    copyTree(dir / "src", dir / "dst", completing);
-    EXPECT_EQ(rsyncDifferences(dir / "src", dir / "dst").find("folder/"), std::string::npos);
 }

@@ -1,4 +1,4 @@
-// The run log, read back as runs, and the small formatting helpers.
+// The run log: appended, rotated, sent to the journal, and read back as runs.
 
 #include "engine/run/FVDate.h"
 #include "engine/run/FVLog.h"
@@ -195,30 +195,6 @@ TEST(JournalSink, EntriesCarryTheDestinationTheRunAndAPriorityAndOnlyUnderSystem
     EXPECT_FALSE(FVJournalSink::connected());
     unsetenv("JOURNAL_STREAM");
     EXPECT_FALSE(FVJournalSink::connected());
-}
-
-TEST(Formatting, DiskSizesUseDecimalUnitsAndCountsTheirPlurals) {
-    EXPECT_EQ(FVNumber::formattedDiskSizeString(0), "0 bytes");
-    EXPECT_EQ(FVNumber::formattedDiskSizeString(1), "1 byte");
-    EXPECT_EQ(FVNumber::formattedDiskSizeString(999), "999 bytes");
-    EXPECT_EQ(FVNumber::formattedDiskSizeString(1000), "1.0 KB");
-    EXPECT_EQ(FVNumber::formattedDiskSizeString(999949), "999.9 KB");
-    EXPECT_EQ(FVNumber::formattedDiskSizeString(1500000), "1.5 MB");
-    EXPECT_EQ(FVNumber::formattedDiskSizeString(2e9), "2.0 GB");
-    EXPECT_EQ(FVNumber::formattedDiskSizeString(2e12), "2000.0 GB");
-    EXPECT_EQ(FVNumber::counted(0, "file"), "0 files");
-    EXPECT_EQ(FVNumber::counted(1, "file"), "1 file");
-    EXPECT_EQ(FVNumber::counted(2, "match", "matches"), "2 matches");
-}
-
-TEST(StringTable, FormatsFillTheirPlaceholdersAndUnknownKeysShowThemselves) {
-    EXPECT_EQ(FVStrings::format("progresssyncing", "Documents"), "Backing up Documents…");
-    EXPECT_EQ(FVStrings::format("currentDurationMinutesSeconds", 1, 0), "1 min 0 s");
-    EXPECT_EQ(FVStrings::formatPlural("sourceiteminformationGB", 3, 1.1), "3 items, 1.1 GB");
-    // One of a thing has its own form.
-    EXPECT_EQ(FVStrings::formatPlural("sourceiteminformationMB", 1, 0.5), "1 item, 0.5 MB");
-    EXPECT_EQ(FVStrings::formatPlural("errorpanelmessage", 1), "The backup reported 1 error. It is also in the log.");
-    EXPECT_EQ(FVStrings::localized("no-such-key"), "no-such-key");
 }
 
 TEST(RunLogReaderTest, SplitsTheLogIntoEachDestinationsRunsWithTheirOutcomesCountsAndErrorsFirst) {

@@ -1,9 +1,10 @@
 """Any complete run is a point in time. Five runs change, remove, re-add and rename files, one of
 them with archiving off; a copy of the source is taken right after each. Restoring each run's
 state gives exactly that copy, byte for byte and by rsync, except the files whose earlier bytes
-the run without archiving dropped: those are named, and the exit status says so. A source deleted
-whole comes back at its place as the last run left it. From an exFAT destination, which keeps no
-owners and modes, a restore brings back the source's owners, modes and attributes."""
+the run without archiving dropped or whose mirror copy was damaged: those are named, and the exit
+status says so. A source deleted whole comes back at its place as the last run left it. From an
+exFAT destination, which keeps no owners and modes, a restore brings back the source's owners,
+modes and attributes."""
 
 import os
 import shutil
@@ -113,6 +114,27 @@ def every_run(ferrovane, work):
     r = h.restore(h.stamps[-1])
     expect(r.returncode == 0, f"restore to the original place exit {r.returncode}: {tail(r)}")
     expect_state(h.copies[-1], s)
+
+    # A mirror copy damaged in place, its size and time kept, is named, never restored as the file.
+    damaged = os.path.join(h.destination, NAME, "sub", "d.txt")
+    st = os.stat(damaged)
+    with open(damaged, "r+b") as f:
+        f.write(b"X")
+    os.utime(damaged, ns=(st.st_atime_ns, st.st_mtime_ns))
+    out = os.path.join(work, "out", "damaged")
+    r = h.restore(h.stamps[-1], "--to", out)
+    expect(r.returncode == 1 and GONE + os.fsencode(os.path.join(out, NAME, "sub", "d.txt")) in r.stderr,
+           f"restore from a damaged mirror: {tail(r)}")
+    expect_state(h.copies[-1], os.path.join(out, NAME), ["sub/d.txt"])
+
+    # Into a folder holding another a.txt: nothing is written unless it is replaced.
+    first = os.path.join(work, "out", "0", NAME)
+    write(os.path.join(first, "a.txt"), b"mine")
+    r = h.restore(h.stamps[0], "--to", os.path.dirname(first))
+    expect(r.returncode == 1 and b"Conflict: " in r.stdout, f"restore over a conflict: {tail(r)}")
+    expect(open(os.path.join(first, "a.txt"), "rb").read() == b"mine", "a conflict was overwritten")
+    r = h.restore(h.stamps[0], "--to", os.path.dirname(first), "--replace")
+    expect_state(h.copies[0], first, ["sub/e.txt", "sub/f.txt"])
 
 
 def from_exfat(ferrovane, work):

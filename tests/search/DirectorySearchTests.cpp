@@ -2,7 +2,8 @@
 
 #include "search/FVDestinationSearch.h"
 #include "search/FVDirectorySearchBlockOperation.h"
-#include "manifest/FVManifestWriter.h"
+#include "manifest/FVManifestEntry.h"
+#include "support/RecordedRun.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -216,41 +217,14 @@ TEST(DestinationSearchTest, ShortTextClearsWithoutSearching) {
 
 namespace {
 
-// A destination changed by hand as runs would change it, each "run" recorded with the writer: the
+// A destination changed by hand as runs would change it, each "run" recorded as it stands: the
 // mirror /Docs of the source /src/Docs, its archive folders, one manifest per stamp.
 class RecordedDestination {
 public:
     explicit RecordedDestination(std::string root) : root_(std::move(root)) {}
 
     void record(const std::string& stamp, FVManifestOutcome outcome = FVManifestOutcome::Complete) {
-        FVManifestHeader header;
-        header.stamp = stamp;
-        header.sources = {"/src/Docs"};
-        header.folderPerSource = true;
-        std::string error;
-        auto writer = FVManifestWriter::create(root_ + "/__runs", header, &error);
-        ASSERT_TRUE(writer) << error;
-        for (const auto& item : std::filesystem::recursive_directory_iterator(root_ + "/Docs")) {
-            struct stat st {};
-            ASSERT_EQ(lstat(item.path().c_str(), &st), 0);
-            FVManifestEntry entry;
-            entry.path = item.path().string().substr(root_.size());
-            entry.type = S_ISDIR(st.st_mode) ? FVManifestEntryType::Folder
-                         : S_ISLNK(st.st_mode) ? FVManifestEntryType::Link
-                                               : FVManifestEntryType::File;
-            entry.size = uint64_t(st.st_size);
-            entry.modificationTimeNs = int64_t(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec;
-            if (S_ISREG(st.st_mode)) {
-                FVContentHasher hasher;
-                std::string content = readFile(item.path());
-                hasher.update(content.data(), content.size());
-                entry.hash = hasher.digest();
-            }
-            writer->add(entry);
-        }
-        FVManifestSummary summary;
-        summary.outcome = outcome;
-        ASSERT_TRUE(writer->finish(summary, &error)) << error;
+        recordRun(root_, stamp, {"/src/Docs"}, outcome);
     }
     // Moves a mirror item into a run's archive folder, as that run displaces it.
     void displace(const char* archive, const std::string& stamp, const std::string& relative) {
