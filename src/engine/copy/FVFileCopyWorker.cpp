@@ -25,9 +25,6 @@ namespace ferrovane {
 
 namespace {
 constexpr const char* kClassName = "FVFileCopyWorker";
-constexpr auto kPollInterval = std::chrono::milliseconds(250);
-// Pairs waiting to be copied before the analysis is held back: a few megabytes of items.
-constexpr size_t kMaximumPendingPairs = 20000;
 // A run of one folder's files ends at this many pairs or bytes, so that a folder of many or
 // large files is still shared by the threads.
 constexpr size_t kMaximumRunPairs = 64;
@@ -38,35 +35,11 @@ std::string_view folderOf(const std::string& path) {
 }
 }  // namespace
 
-void FVPairQueue::push(CopyPair pair) {
-    if (count_ == slots_.size()) {
-        std::vector<CopyPair> grown(slots_.size() * 2);
-        for (size_t i = 0; i < count_; ++i) grown[i] = std::move(slots_[(head_ + i) % slots_.size()]);
-        slots_ = std::move(grown);
-        head_ = 0;
-    }
-    slots_[(head_ + count_) % slots_.size()] = std::move(pair);
-    ++count_;
-}
-
-bool FVPairQueue::pop(CopyPair& pair) {
-    if (count_ == 0) return false;
-    pair = std::move(slots_[head_]);
-    head_ = (head_ + 1) % slots_.size();
-    --count_;
-    return true;
-}
-
 FVFileCopyWorker::FVFileCopyWorker() : impl_(std::make_unique<FVFileCopyWorkerImpl>()) {}
 
 FVFileCopyWorker::~FVFileCopyWorker() {
-    {
-        std::lock_guard lock(impl_->filesMutex);
-        impl_->destroying = true;
-        impl_->cancelled = true;
-        impl_->pairsOrEnd.notify_all();
-        impl_->roomInQueue.notify_all();
-    }
+    impl_->destroying = true;
+    impl_->stop();
     std::vector<std::thread> threads;
     {
         std::lock_guard lock(impl_->poolMutex);
@@ -133,16 +106,10 @@ void FVFileCopyWorker::addPair(CopyPair pair) {
                                                    destination ? destination->description() : "(null)"));
         return;
     }
-    {
-        std::unique_lock lock(impl_->filesMutex);
-        impl_->roomInQueue.wait(lock, [this] {
-            return impl_->filesToCopy.size() < kMaximumPendingPairs || impl_->cancelled || impl_->destroying;
-        });
-        impl_->requestedFiles.fetch_add(1, std::memory_order_relaxed);
-        impl_->filesToCopy.push(std::move(pair));
-        impl_->pairsOrEnd.notify_one();
-    }
-    impl_->startCopies();
+    // Counted first: a thread may copy it before push returns.
+    impl_->requestedFiles.fetch_add(1, std::memory_order_relaxed);
+    if (impl_->pairsToCopy.push(std::move(pair))) impl_->startCopies();
+    else impl_->requestedFiles.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void FVFileCopyWorker::endCopySession() {
@@ -150,19 +117,26 @@ void FVFileCopyWorker::endCopySession() {
     {
         std::lock_guard lock(impl_->poolMutex);
         finishNow = impl_->activeWorkers == 0 && !impl_->finishPending;
-        std::lock_guard filesLock(impl_->filesMutex);
         impl_->copySessionRunning = false;
-        impl_->pairsOrEnd.notify_all();
+        impl_->pairsToCopy.close();
+        if (finishNow) {
+            impl_->sessionFinished = true;
+            impl_->sessionCancelled = impl_->cancelled.load(std::memory_order_relaxed);
+            impl_->sessionEnded.notify_all();
+        }
     }
     if (finishNow && impl_->delegate) impl_->delegate->copyWorkerDidFinishCopy();
 }
 
+bool FVFileCopyWorker::finishCopySession() {
+    endCopySession();
+    std::unique_lock lock(impl_->poolMutex);
+    impl_->sessionEnded.wait(lock, [this] { return impl_->sessionFinished; });
+    return !impl_->sessionCancelled;
+}
+
 void FVFileCopyWorker::cancel() {
-    {
-        std::lock_guard lock(impl_->filesMutex);
-        impl_->cancelled.store(true, std::memory_order_relaxed);
-        impl_->roomInQueue.notify_all();
-    }
+    impl_->stop();
     FVTestHook::reach("copy-cancelled");
 }
 
@@ -170,6 +144,11 @@ bool FVFileCopyWorker::isCancelled() const { return impl_->cancelled.load(std::m
 uint64_t FVFileCopyWorker::requestedFiles() const { return impl_->requestedFiles.load(std::memory_order_relaxed); }
 uint64_t FVFileCopyWorker::copiedFiles() const { return impl_->copiedFiles.load(std::memory_order_relaxed); }
 uint64_t FVFileCopyWorker::totalBytesCopied() const { return impl_->totalBytesCopied.load(std::memory_order_relaxed); }
+
+void FVFileCopyWorkerImpl::stop() {
+    cancelled.store(true, std::memory_order_relaxed);
+    pairsToCopy.close();
+}
 
 void FVFileCopyWorkerImpl::startCopies() {
     std::lock_guard lock(poolMutex);
@@ -186,29 +165,22 @@ void FVFileCopyWorkerImpl::startCopies() {
 }
 
 bool FVFileCopyWorkerImpl::nextRun(std::vector<CopyPair>& run) {
-    std::lock_guard lock(filesMutex);
-    const size_t pending = filesToCopy.size();
-    CopyPair pair;
-    if (filesToCopy.pop(pair)) {
-        const bool folderPair = !pair.source->isFile();
-        if (folderPair) folders.markInFlight(pair.destination->path());
-        run.push_back(std::move(pair));
-        if (!folderPair) {
-            const std::string_view folder = folderOf(run.front().destination->path());
-            uint64_t bytes = run.front().source->fileSize();
-            for (CopyPair* next = filesToCopy.front();
-                 next && run.size() < kMaximumRunPairs && bytes < kMaximumRunBytes && next->source->isFile() &&
-                 folderOf(next->destination->path()) == folder;
-                 next = filesToCopy.front()) {
-                bytes += next->source->fileSize();
-                run.emplace_back();
-                filesToCopy.pop(run.back());
-            }
+    uint64_t bytes = 0;
+    const bool taken = pairsToCopy.popRun(run, [&](const std::vector<CopyPair>& taken, const CopyPair& next) {
+        if (taken.empty()) {
+            // Under the queue lock: no later pair is taken before the folder counts as in flight.
+            if (!next.source->isFile()) folders.markInFlight(next.destination->path());
+            bytes = next.source->fileSize();
+            return true;
         }
-        if (pending >= kMaximumPendingPairs && filesToCopy.size() < kMaximumPendingPairs) roomInQueue.notify_one();
-    }
+        if (!taken.front().source->isFile() || taken.size() >= kMaximumRunPairs || bytes >= kMaximumRunBytes ||
+            !next.source->isFile() || folderOf(next.destination->path()) != folderOf(taken.front().destination->path()))
+            return false;
+        bytes += next.source->fileSize();
+        return true;
+    });
     reportProgress();
-    return !run.empty();
+    return taken;
 }
 
 void FVFileCopyWorkerImpl::reportProgress() {
@@ -216,8 +188,9 @@ void FVFileCopyWorkerImpl::reportProgress() {
     if ((copySessionRunning && requested < 100) || requested == 0) return;
     auto progress = static_cast<float>(static_cast<double>(copiedFiles.load(std::memory_order_relaxed)) /
                                        static_cast<double>(requested));
-    if (std::fabs(progress - lastReportedProgress) <= 0.05f) return;
     if (!delegateSupportsProgressDidChange) return;
+    std::lock_guard lock(progressMutex);
+    if (std::fabs(progress - lastReportedProgress) <= 0.05f) return;
     lastReportedProgress = progress;
     delegate->copyWorkerProgressDidChange(progress);
 }
@@ -229,18 +202,8 @@ void FVFileCopyWorkerImpl::workerBody() {
         std::vector<CopyPair> run;
         for (;;) {
             run.clear();
-            if (!nextRun(run)) {
-                if (destroying) break;
-                if (copySessionRunning) {
-                    std::unique_lock lock(filesMutex);
-                    pairsOrEnd.wait_for(lock, kPollInterval, [this] {
-                        return !filesToCopy.empty() || !copySessionRunning || destroying;
-                    });
-                    continue;
-                }
-                // A pair added just before the session ended is still ours.
-                if (!nextRun(run)) break;
-            }
+            // Waits for pairs; none once the session ended and every pair was taken.
+            if (!nextRun(run)) break;
             size_t done = 0;
             for (; done < run.size() && !cancelled.load(std::memory_order_relaxed); ++done) {
                 copiedFiles.fetch_add(1, std::memory_order_relaxed);
@@ -264,15 +227,19 @@ void FVFileCopyWorkerImpl::workerEnded() {
             outcome = Outcome::None;
         } else if (cancelled.load(std::memory_order_relaxed)) {
             outcome = Outcome::Cancelled;
-        } else if (!copySessionRunning) {
-            std::lock_guard filesLock(filesMutex);
-            if (filesToCopy.empty()) {
-                directoryMetadata.finish();
-                // A destination that failed in the metadata step cancelled the session.
-                outcome = cancelled.load(std::memory_order_relaxed) ? Outcome::Cancelled : Outcome::Finished;
-            }
+        } else {
+            // The queue is closed and drained: the session has ended.
+            directoryMetadata.finish();
+            // A destination that failed in the metadata step cancelled the session.
+            outcome = cancelled.load(std::memory_order_relaxed) ? Outcome::Cancelled : Outcome::Finished;
         }
         finishPending = false;
+        // An earlier batch that ended on a cancel is followed by the session's final report.
+        if (outcome != Outcome::None && !copySessionRunning) {
+            sessionFinished = true;
+            sessionCancelled = outcome == Outcome::Cancelled;
+            sessionEnded.notify_all();
+        }
     }
     // Nothing of the worker is touched after the callback: the delegate may destroy it.
     if (outcome == Outcome::Cancelled) delegate->copyWorkerDidCancel();

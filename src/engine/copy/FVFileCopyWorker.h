@@ -59,13 +59,14 @@ public:
     virtual void copyWorkerDidPublishItem(const std::string& sourcePath, uint64_t bytes) {}
     // After each item copied or failed, and each digest taken, when the worker records copies.
     virtual void copyWorkerDidRecordItem(const FVCopyRecord& record) {}
-    virtual void copyWorkerDidFinishCopy() = 0;
-    virtual void copyWorkerDidCancel() = 0;
+    virtual void copyWorkerDidFinishCopy() {}
+    virtual void copyWorkerDidCancel() {}
 };
 
 // The delegate gets exactly one finish step per batch of threads: copyWorkerDidFinishCopy or
 // copyWorkerDidCancel, plus copyWorkerDidFinishCopy from endCopySession when no thread is left
-// then. The worker may be destroyed from inside either callback.
+// then. The worker may be destroyed from inside either callback. An owner that would rather
+// wait on its own thread calls finishCopySession instead of endCopySession.
 class FVFileCopyWorker final : public FVCurrentCopy {
 public:
     FVFileCopyWorker();
@@ -96,13 +97,18 @@ public:
     void setChunkHook(std::function<void(const std::string& sourcePath, uint64_t bytesCopied)> hook);
 
     void startCopySession();
-    // modeAndOwnerOnly: the destination item's data is current; only its mode, owner and group
+    // Waits while many pairs are pending; a pair added after the session ended or was cancelled
+    // is dropped. modeAndOwnerOnly: the destination item's data is current; only its mode, owner and group
     // are brought in line with the source, in place (never for a folder, whose pair does that).
     void addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
                                bool modeAndOwnerOnly = false);
     // The destination item is current: only the digest of its bytes is taken, for the record.
     void addDigestItem(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
+    // Closes the queue of pairs to copy: the threads copy what is left and end.
     void endCopySession();
+    // Ends the session and waits for its final report (the folders' metadata is then applied);
+    // false when the session was cancelled.
+    bool finishCopySession();
     void cancel() override;
 
     bool isCancelled() const;

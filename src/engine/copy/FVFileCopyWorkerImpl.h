@@ -6,6 +6,7 @@
 #include "engine/copy/FVDirectoryMetadataFinisher.h"
 #include "engine/copy/FVFileCopyWorker.h"
 #include "engine/copy/FVNewFileProfile.h"
+#include "engine/run/FVBoundedQueue.h"
 #include "fs/FVConfinedDirectory.h"
 
 #include <sys/stat.h>
@@ -25,23 +26,6 @@ struct CopyPair {
     FVFileSystemItemPtr destination;
     bool modeAndOwnerOnly = false;
     bool digestOnly = false;
-};
-
-// First in, first out, in a ring that only grows (by doubling) when the analysis runs ahead of
-// the copies, so a long run does not reallocate again and again.
-class FVPairQueue {
-public:
-    explicit FVPairQueue(size_t capacity) : slots_(capacity) {}
-    void push(CopyPair pair);
-    bool pop(CopyPair& pair);
-    CopyPair* front() { return count_ == 0 ? nullptr : &slots_[head_]; }
-    bool empty() const { return count_ == 0; }
-    size_t size() const { return count_; }
-
-private:
-    std::vector<CopyPair> slots_;
-    size_t head_ = 0;
-    size_t count_ = 0;
 };
 
 // What one copying thread keeps between items: consecutive pairs mostly share their folders.
@@ -77,24 +61,25 @@ struct FVFileCopyWorkerImpl {
     std::atomic<bool> destroying{false};
     std::atomic<uint64_t> totalBytesCopied{0};
 
-    // The queue lock: the pending pairs, the counters and the progress report.
-    std::mutex filesMutex;
-    // Idle threads wait on it between polls, so that a new pair or the end of the session
-    // wakes them at once instead of after the poll interval.
-    std::condition_variable pairsOrEnd;
-    // The analysis waits on it while the queue is full, so that memory stays flat when the walk
-    // runs far ahead of the copies (a first run of millions of small files).
-    std::condition_variable roomInQueue;
-    FVPairQueue filesToCopy{4096};
+    // Pairs waiting to be copied before the analysis is held back: a few megabytes of items.
+    static constexpr size_t kMaximumPendingPairs = 20000;
+    // The analysis pushes, the copying threads take; the session's end or a cancel closes it.
+    FVBoundedQueue<CopyPair> pairsToCopy{kMaximumPendingPairs};
     std::atomic<uint64_t> requestedFiles{0};
     std::atomic<uint64_t> copiedFiles{0};
+    std::mutex progressMutex;
     float lastReportedProgress = 0;
 
-    // The pool lock: width, running threads and the batch's finish step; taken before filesMutex.
+    // The pool lock: width, running threads and the batch's finish step.
     std::mutex poolMutex;
     int64_t maxThreads = 2;
     int activeWorkers = 0;
     bool finishPending = false;
+    // The session's final report was made (true with sessionCancelled when it was a cancel);
+    // finishCopySession waits on sessionEnded for it.
+    bool sessionFinished = false;
+    bool sessionCancelled = false;
+    std::condition_variable sessionEnded;
     std::vector<std::thread> threads;
 
     FVDestinationFolders folders{*this};
@@ -102,6 +87,8 @@ struct FVFileCopyWorkerImpl {
 
     // Queue and threads.
     void startCopies();
+    // Closes the queue to the analysis and stops the threads after their current pairs.
+    void stop();
     // The next pairs in queue order: a folder's pair alone, or a run of files of one destination
     // folder, so that two threads seldom create entries in the same folder at once (each
     // creation holds the folder's lock in the kernel, and the other thread would wait on it).
