@@ -52,16 +52,18 @@ struct PoolTest : ::testing::Test {
 
 }  // namespace
 
-// A pair without items is dropped, and so is a pair added after a cancel: no thread starts,
-// and the session's end reports at once, as a cancel.
-TEST_F(PoolTest, SessionEndWithoutThreadsFinishesAtOnce) {
+// A cancel ends the session at once, with its one end step; a pair without items is dropped,
+// and so is a pair added after the cancel.
+TEST_F(PoolTest, ACancelEndsTheSessionAndDropsLaterPairs) {
     worker.startCopySession();
     worker.addCopyItemFromSource(nullptr, FVFileSystemItem::itemWithPath("/x"));
     worker.cancel();
+    ASSERT_TRUE(delegate.waitForEnd());
     for (const std::string& name : makeFiles(1)) add(name);
     EXPECT_EQ(worker.requestedFiles(), 0u);
     EXPECT_FALSE(worker.finishCopySession());
-    EXPECT_EQ(delegate.finished(), 1);
+    EXPECT_EQ(delegate.cancelled(), 1);
+    EXPECT_EQ(delegate.finished(), 0);
     EXPECT_FALSE(exists(dir / "dst/f0"));
     EXPECT_TRUE(delegate.progress().empty());
 }

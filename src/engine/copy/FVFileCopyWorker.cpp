@@ -78,15 +78,16 @@ void FVFileCopyWorker::setMaxThreads(int64_t n) {
 }
 
 void FVFileCopyWorker::startCopySession() {
-    std::lock_guard lock(impl_->poolMutex);
     if (!impl_->destination) impl_->destination = std::make_unique<FVConfinedDirectory>(impl_->destinationRoot);
     if (!impl_->sourceTree && !impl_->sourceRoot.empty())
         impl_->sourceTree = std::make_unique<FVConfinedDirectory>(impl_->sourceRoot);
-    impl_->copySessionRunning = true;
     FVFileCopyWorkerDelegate* delegate = impl_->delegate;
     impl_->delegateSupportsWillOverwriteDestination = delegate && delegate->respondsToWillOverwriteDestination();
     impl_->delegateSupportsProgressDidChange = delegate && delegate->respondsToProgressDidChange();
+    impl_->startThreads();
 }
+
+void FVFileCopyWorker::copyFrom(std::shared_ptr<FVCopyPairs> pairs) { impl_->pairsToCopy = std::move(pairs); }
 
 void FVFileCopyWorker::addDigestItem(FVFileSystemItemPtr source, FVFileSystemItemPtr destination) {
     addPair({std::move(source), std::move(destination), false, true});
@@ -97,7 +98,7 @@ void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileS
     addPair({std::move(source), std::move(destination), modeAndOwnerOnly, false});
 }
 
-void FVFileCopyWorker::addPair(CopyPair pair) {
+void FVFileCopyWorker::addPair(FVCopyPair pair) {
     const FVFileSystemItemPtr& source = pair.source;
     const FVFileSystemItemPtr& destination = pair.destination;
     if (!source || !destination) {
@@ -106,26 +107,25 @@ void FVFileCopyWorker::addPair(CopyPair pair) {
                                                    destination ? destination->description() : "(null)"));
         return;
     }
-    // Counted first: a thread may copy it before push returns.
-    impl_->requestedFiles.fetch_add(1, std::memory_order_relaxed);
-    if (impl_->pairsToCopy.push(std::move(pair))) impl_->startCopies();
-    else impl_->requestedFiles.fetch_sub(1, std::memory_order_relaxed);
+    impl_->pairsToCopy->push(std::move(pair));
 }
 
 void FVFileCopyWorker::endCopySession() {
-    bool finishNow;
+    impl_->pairsToCopy->close();
+    bool reportNow;
     {
+        // Without a thread (none could start) the session ends here.
         std::lock_guard lock(impl_->poolMutex);
-        finishNow = impl_->activeWorkers == 0 && !impl_->finishPending;
-        impl_->copySessionRunning = false;
-        impl_->pairsToCopy.close();
-        if (finishNow) {
+        reportNow = impl_->activeWorkers == 0 && !impl_->sessionFinished;
+        if (reportNow) {
             impl_->sessionFinished = true;
             impl_->sessionCancelled = impl_->cancelled.load(std::memory_order_relaxed);
             impl_->sessionEnded.notify_all();
         }
     }
-    if (finishNow && impl_->delegate) impl_->delegate->copyWorkerDidFinishCopy();
+    if (!reportNow || !impl_->delegate) return;
+    if (impl_->sessionCancelled) impl_->delegate->copyWorkerDidCancel();
+    else impl_->delegate->copyWorkerDidFinishCopy();
 }
 
 bool FVFileCopyWorker::finishCopySession() {
@@ -141,32 +141,35 @@ void FVFileCopyWorker::cancel() {
 }
 
 bool FVFileCopyWorker::isCancelled() const { return impl_->cancelled.load(std::memory_order_relaxed); }
-uint64_t FVFileCopyWorker::requestedFiles() const { return impl_->requestedFiles.load(std::memory_order_relaxed); }
+uint64_t FVFileCopyWorker::requestedFiles() const { return impl_->pairsToCopy->accepted(); }
 uint64_t FVFileCopyWorker::copiedFiles() const { return impl_->copiedFiles.load(std::memory_order_relaxed); }
 uint64_t FVFileCopyWorker::totalBytesCopied() const { return impl_->totalBytesCopied.load(std::memory_order_relaxed); }
 
 void FVFileCopyWorkerImpl::stop() {
     cancelled.store(true, std::memory_order_relaxed);
-    pairsToCopy.close();
+    pairsToCopy->close();
 }
 
-void FVFileCopyWorkerImpl::startCopies() {
+// Called once, at the session's start: the threads wait for pairs until the queue is closed and
+// drained, or the session is cancelled; the last one to end reports the session's end.
+void FVFileCopyWorkerImpl::startThreads() {
     std::lock_guard lock(poolMutex);
-    if (destroying || activeWorkers >= maxThreads) return;
-    // The first thread opens a batch, whose last thread runs the finish step.
-    if (activeWorkers == 0) finishPending = true;
-    try {
-        threads.emplace_back([this] { workerBody(); });
-        ++activeWorkers;
-    } catch (const std::system_error& error) {
-        FVSystemLog::error(kClassName, fmt::format("Could not start a copy thread: {}", error.what()));
-        if (activeWorkers == 0) finishPending = false;
+    for (int64_t i = 0; i < maxThreads; ++i) {
+        try {
+            threads.emplace_back([this] { workerBody(); });
+            ++activeWorkers;
+        } catch (const std::system_error& error) {
+            FVSystemLog::error(kClassName, fmt::format("Could not start a copy thread: {}", error.what()));
+            break;
+        }
     }
+    // Nothing would take the pairs: the session is cancelled rather than reported as done.
+    if (activeWorkers == 0) stop();
 }
 
-bool FVFileCopyWorkerImpl::nextRun(std::vector<CopyPair>& run) {
+bool FVFileCopyWorkerImpl::nextRun(std::vector<FVCopyPair>& run) {
     uint64_t bytes = 0;
-    const bool taken = pairsToCopy.popRun(run, [&](const std::vector<CopyPair>& taken, const CopyPair& next) {
+    const bool taken = pairsToCopy->popRun(run, [&](const std::vector<FVCopyPair>& taken, const FVCopyPair& next) {
         if (taken.empty()) {
             // Under the queue lock: no later pair is taken before the folder counts as in flight.
             if (!next.source->isFile()) folders.markInFlight(next.destination->path());
@@ -184,8 +187,8 @@ bool FVFileCopyWorkerImpl::nextRun(std::vector<CopyPair>& run) {
 }
 
 void FVFileCopyWorkerImpl::reportProgress() {
-    uint64_t requested = requestedFiles.load(std::memory_order_relaxed);
-    if ((copySessionRunning && requested < 100) || requested == 0) return;
+    const uint64_t requested = pairsToCopy->accepted();
+    if ((!pairsToCopy->isClosed() && requested < 100) || requested == 0) return;
     auto progress = static_cast<float>(static_cast<double>(copiedFiles.load(std::memory_order_relaxed)) /
                                        static_cast<double>(requested));
     if (!delegateSupportsProgressDidChange) return;
@@ -199,7 +202,7 @@ void FVFileCopyWorkerImpl::workerBody() {
     {
         FVCopyThreadState state;
         state.buffer.reset(new char[kCopyBufferSize]);
-        std::vector<CopyPair> run;
+        std::vector<FVCopyPair> run;
         for (;;) {
             run.clear();
             // Waits for pairs; none once the session ended and every pair was taken.
@@ -228,14 +231,12 @@ void FVFileCopyWorkerImpl::workerEnded() {
         } else if (cancelled.load(std::memory_order_relaxed)) {
             outcome = Outcome::Cancelled;
         } else {
-            // The queue is closed and drained: the session has ended.
+            // The queue is closed and drained: every copy is in, the folders' metadata follows.
             directoryMetadata.finish();
             // A destination that failed in the metadata step cancelled the session.
             outcome = cancelled.load(std::memory_order_relaxed) ? Outcome::Cancelled : Outcome::Finished;
         }
-        finishPending = false;
-        // An earlier batch that ended on a cancel is followed by the session's final report.
-        if (outcome != Outcome::None && !copySessionRunning) {
+        if (outcome != Outcome::None) {
             sessionFinished = true;
             sessionCancelled = outcome == Outcome::Cancelled;
             sessionEnded.notify_all();
@@ -257,7 +258,7 @@ void FVFileCopyWorkerImpl::sendMessage(const std::string& message, FVMessageLeve
 
 bool FVFileCopyWorkerImpl::stopOnDestinationFailure(const FVDestinationFailure& failure) {
     if (!FVRunError::isFatal(failure.error())) return false;
-    cancelled.store(true, std::memory_order_relaxed);
+    stop();
     if (!destinationFailureReported.exchange(true) && delegate) delegate->copyWorkerDestinationDidFail(failure);
     return true;
 }
@@ -267,7 +268,7 @@ bool FVFileCopyWorkerImpl::mayOverwrite(FVFileSystemItem& destination) {
            delegate->copyWorkerWillOverwriteDestination(destination);
 }
 
-void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
+void FVFileCopyWorkerImpl::copyPair(FVCopyPair& pair, FVCopyThreadState& state) {
     FVFileSystemItem& source = *pair.source;
     FVFileSystemItem& destination = *pair.destination;
     if (pair.digestOnly) {
@@ -290,7 +291,7 @@ void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
     }
 }
 
-void FVFileCopyWorkerImpl::digestDestination(CopyPair& pair, FVCopyThreadState& state) {
+void FVFileCopyWorkerImpl::digestDestination(FVCopyPair& pair, FVCopyThreadState& state) {
     const std::string& path = pair.destination->path();
     std::optional<FVContentHash> hash;
     int error = 0;

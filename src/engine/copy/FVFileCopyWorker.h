@@ -1,9 +1,11 @@
 #pragma once
 // The copy engine of one sync job: a fixed-width pool of threads takes (source, destination)
-// pairs off a first-in first-out queue while the analysis is still adding them, clones each
-// item with its metadata, and applies directory metadata once all copies are done.
+// pairs off a bounded first-in first-out queue while the analysis is still adding them, clones
+// each item with its metadata, and applies directory metadata once the queue is closed and every
+// copy is done.
 
 #include "engine/config/FVMirrorLayout.h"
+#include "engine/copy/FVCopyPair.h"
 #include "engine/record/FVCopyRecord.h"
 #include "engine/run/FVCurrentCopy.h"
 #include "engine/run/FVDestinationFailure.h"
@@ -33,7 +35,6 @@ enum class FVMessageLevel { Info, Warning, Error };
 inline constexpr const char* kTemporaryFilePrefix = FVMirrorLayout::kTemporaryPrefix;
 
 struct FVFileCopyWorkerImpl;
-struct CopyPair;
 
 // Callbacks arrive on worker threads, never on the main thread.
 class FVFileCopyWorkerDelegate {
@@ -63,10 +64,10 @@ public:
     virtual void copyWorkerDidCancel() {}
 };
 
-// The delegate gets exactly one finish step per batch of threads: copyWorkerDidFinishCopy or
-// copyWorkerDidCancel, plus copyWorkerDidFinishCopy from endCopySession when no thread is left
-// then. The worker may be destroyed from inside either callback. An owner that would rather
-// wait on its own thread calls finishCopySession instead of endCopySession.
+// The delegate gets exactly one end step per session: copyWorkerDidFinishCopy once the queue was
+// closed and every pair copied, or copyWorkerDidCancel once a cancel stopped every thread (which
+// may come before the queue is closed). The worker may be destroyed from inside either callback.
+// An owner that would rather wait on its own thread calls finishCopySession.
 class FVFileCopyWorker final : public FVCurrentCopy {
 public:
     FVFileCopyWorker();
@@ -96,6 +97,10 @@ public:
     void setRecordsCopies(bool records);
     void setChunkHook(std::function<void(const std::string& sourcePath, uint64_t bytesCopied)> hook);
 
+    // The pairs come from this queue, which its owner fills and closes; set before the session
+    // starts. Without it the worker keeps a queue of its own, filled through the add methods.
+    void copyFrom(std::shared_ptr<FVCopyPairs> pairs);
+    // Starts the threads, which wait for pairs.
     void startCopySession();
     // Waits while many pairs are pending; a pair added after the session ended or was cancelled
     // is dropped. modeAndOwnerOnly: the destination item's data is current; only its mode, owner and group
@@ -106,7 +111,7 @@ public:
     void addDigestItem(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
     // Closes the queue of pairs to copy: the threads copy what is left and end.
     void endCopySession();
-    // Ends the session and waits for its final report (the folders' metadata is then applied);
+    // Ends the session and waits for its end step (the folders' metadata is then applied);
     // false when the session was cancelled.
     bool finishCopySession();
     void cancel() override;
@@ -117,7 +122,7 @@ public:
     uint64_t totalBytesCopied() const override;
 
 private:
-    void addPair(CopyPair pair);
+    void addPair(FVCopyPair pair);
 
     std::unique_ptr<FVFileCopyWorkerImpl> impl_;
 };

@@ -2,11 +2,11 @@
 // The worker's private state, shared by the worker and its collaborators: the destination
 // folders, the item cloner and the directory-metadata finisher.
 
+#include "engine/copy/FVCopyPair.h"
 #include "engine/copy/FVDestinationFolders.h"
 #include "engine/copy/FVDirectoryMetadataFinisher.h"
 #include "engine/copy/FVFileCopyWorker.h"
 #include "engine/copy/FVNewFileProfile.h"
-#include "engine/run/FVBoundedQueue.h"
 #include "fs/FVConfinedDirectory.h"
 
 #include <sys/stat.h>
@@ -20,13 +20,6 @@
 #include <vector>
 
 namespace ferrovane {
-
-struct CopyPair {
-    FVFileSystemItemPtr source;
-    FVFileSystemItemPtr destination;
-    bool modeAndOwnerOnly = false;
-    bool digestOnly = false;
-};
 
 // What one copying thread keeps between items: consecutive pairs mostly share their folders.
 struct FVCopyThreadState {
@@ -57,25 +50,22 @@ struct FVFileCopyWorkerImpl {
     std::atomic<bool> delegateSupportsProgressDidChange{false};
     std::atomic<bool> cancelled{false};
     std::atomic<bool> destinationFailureReported{false};
-    std::atomic<bool> copySessionRunning{false};
     std::atomic<bool> destroying{false};
     std::atomic<uint64_t> totalBytesCopied{0};
 
     // Pairs waiting to be copied before the analysis is held back: a few megabytes of items.
     static constexpr size_t kMaximumPendingPairs = 20000;
-    // The analysis pushes, the copying threads take; the session's end or a cancel closes it.
-    FVBoundedQueue<CopyPair> pairsToCopy{kMaximumPendingPairs};
-    std::atomic<uint64_t> requestedFiles{0};
+    // Its owner pushes, the copying threads take; its owner's close or a cancel ends the session.
+    std::shared_ptr<FVCopyPairs> pairsToCopy = std::make_shared<FVCopyPairs>(kMaximumPendingPairs);
     std::atomic<uint64_t> copiedFiles{0};
     std::mutex progressMutex;
     float lastReportedProgress = 0;
 
-    // The pool lock: width, running threads and the batch's finish step.
+    // The pool lock: width, running threads and the session's end.
     std::mutex poolMutex;
     int64_t maxThreads = 2;
     int activeWorkers = 0;
-    bool finishPending = false;
-    // The session's final report was made (true with sessionCancelled when it was a cancel);
+    // The session's one report was made (with sessionCancelled when it was a cancel);
     // finishCopySession waits on sessionEnded for it.
     bool sessionFinished = false;
     bool sessionCancelled = false;
@@ -86,13 +76,13 @@ struct FVFileCopyWorkerImpl {
     FVDirectoryMetadataFinisher directoryMetadata{*this};
 
     // Queue and threads.
-    void startCopies();
+    void startThreads();
     // Closes the queue to the analysis and stops the threads after their current pairs.
     void stop();
     // The next pairs in queue order: a folder's pair alone, or a run of files of one destination
     // folder, so that two threads seldom create entries in the same folder at once (each
     // creation holds the folder's lock in the kernel, and the other thread would wait on it).
-    bool nextRun(std::vector<CopyPair>& run);
+    bool nextRun(std::vector<FVCopyPair>& run);
     void reportProgress();
     void workerBody();
     void workerEnded();
@@ -104,9 +94,9 @@ struct FVFileCopyWorkerImpl {
     bool stopOnDestinationFailure(const FVDestinationFailure& failure);
     // Asks the delegate before a destination item is replaced; false keeps it.
     bool mayOverwrite(FVFileSystemItem& destination);
-    void copyPair(CopyPair& pair, FVCopyThreadState& state);
+    void copyPair(FVCopyPair& pair, FVCopyThreadState& state);
     // The digest of a current destination file, read through the thread's buffer.
-    void digestDestination(CopyPair& pair, FVCopyThreadState& state);
+    void digestDestination(FVCopyPair& pair, FVCopyThreadState& state);
     void recordItem(const FVCopyRecord& record);
 
     // open(2) of a source item; below the source root no symbolic link is followed. With a

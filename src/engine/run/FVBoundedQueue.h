@@ -3,7 +3,9 @@
 // of its consumers (a walk of millions of small files) waits instead of filling memory. The
 // producer ends its stage by closing the queue: consumers then take what is left and stop.
 
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <cstddef>
 #include <deque>
 #include <mutex>
@@ -26,6 +28,7 @@ public:
         notFull_.wait(lock, [this] { return items_.size() < capacity_ || closed_; });
         if (closed_) return false;
         items_.push_back(std::move(item));
+        accepted_.fetch_add(1, std::memory_order_relaxed);
         notEmpty_.notify_one();
         return true;
     }
@@ -63,10 +66,9 @@ public:
         notEmpty_.notify_all();
     }
 
-    bool isClosed() const {
-        std::lock_guard lock(mutex_);
-        return closed_;
-    }
+    bool isClosed() const { return closed_.load(std::memory_order_relaxed); }
+    // Items pushed so far, taken or not.
+    uint64_t accepted() const { return accepted_.load(std::memory_order_relaxed); }
 
     size_t size() const {
         std::lock_guard lock(mutex_);
@@ -79,7 +81,8 @@ private:
     std::condition_variable notFull_;
     std::condition_variable notEmpty_;
     std::deque<T> items_;
-    bool closed_ = false;
+    std::atomic<bool> closed_{false};
+    std::atomic<uint64_t> accepted_{0};
 };
 
 }  // namespace ferrovane

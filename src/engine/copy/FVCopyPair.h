@@ -1,0 +1,21 @@
+#pragma once
+// One item for the copy threads: the source and where it goes in the mirror.
+
+#include "engine/run/FVBoundedQueue.h"
+#include "engine/run/FVFileSystemItem.h"
+
+namespace ferrovane {
+
+struct FVCopyPair {
+    FVFileSystemItemPtr source;
+    FVFileSystemItemPtr destination;
+    // The destination's data is current: only its mode, owner and group are brought in line.
+    bool modeAndOwnerOnly = false;
+    // The destination is current: only the digest of its bytes is taken, for the record.
+    bool digestOnly = false;
+};
+
+// The pairs between the analysis and the copy threads.
+using FVCopyPairs = FVBoundedQueue<FVCopyPair>;
+
+}  // namespace ferrovane
