@@ -187,30 +187,3 @@ TEST_F(PoolTest, CancelDuringALargeCopyDropsTheRestAndTheFolderMetadata) {
         EXPECT_FALSE(entry.path().filename().string().starts_with(kTemporaryFilePrefix));
     EXPECT_LT(worker.copiedFiles(), 22u);
 }
-
-TEST(CopyWorker, MayBeDestroyedFromItsFinishCallback) {
-    TempDir dir;
-    makeDirs(dir / "dst");
-    writeFile(dir / "a", "a");
-    struct Owner : FVFileCopyWorkerDelegate {
-        std::unique_ptr<FVFileCopyWorker> worker = std::make_unique<FVFileCopyWorker>();
-        std::mutex mutex;
-        std::condition_variable done;
-        bool finished = false;
-        void copyWorkerDidFinishCopy() override {
-            worker.reset();
-            std::lock_guard lock(mutex);
-            finished = true;
-            done.notify_all();
-        }
-        void copyWorkerDidCancel() override {}
-    } owner;
-    owner.worker->setDelegate(&owner);
-    owner.worker->setDestinationRoot(dir / "dst");
-    owner.worker->startCopySession();
-    addPair(*owner.worker, dir / "a", dir / "dst/a");
-    owner.worker->endCopySession();
-    std::unique_lock lock(owner.mutex);
-    ASSERT_TRUE(owner.done.wait_for(lock, std::chrono::seconds(30), [&] { return owner.finished; }));
-    EXPECT_EQ(readFile(dir / "dst/a"), "a");
-}

@@ -17,5 +17,7 @@ struct FVCopyPair {
 
 // The pairs between the analysis and the copy threads.
 using FVCopyPairs = FVBoundedQueue<FVCopyPair>;
+// Pairs waiting to be copied before the analysis is held back: a few megabytes of items.
+inline constexpr size_t kPendingCopyPairs = 20000;
 
 }  // namespace ferrovane

@@ -35,7 +35,9 @@ std::string_view folderOf(const std::string& path) {
 }
 }  // namespace
 
-FVFileCopyWorker::FVFileCopyWorker() : impl_(std::make_unique<FVFileCopyWorkerImpl>()) {}
+FVFileCopyWorker::FVFileCopyWorker(std::shared_ptr<FVCopyPairs> pairs) : impl_(std::make_unique<FVFileCopyWorkerImpl>()) {
+    impl_->pairsToCopy = pairs ? std::move(pairs) : std::make_shared<FVCopyPairs>(kPendingCopyPairs);
+}
 
 FVFileCopyWorker::~FVFileCopyWorker() {
     impl_->destroying = true;
@@ -45,11 +47,7 @@ FVFileCopyWorker::~FVFileCopyWorker() {
         std::lock_guard lock(impl_->poolMutex);
         threads.swap(impl_->threads);
     }
-    for (std::thread& thread : threads) {
-        // Destroyed from a callback on one of its own threads: that thread only returns from here.
-        if (thread.get_id() == std::this_thread::get_id()) thread.detach();
-        else thread.join();
-    }
+    for (std::thread& thread : threads) thread.join();
 }
 
 void FVFileCopyWorker::setDelegate(FVFileCopyWorkerDelegate* delegate) { impl_->delegate = delegate; }
@@ -86,8 +84,6 @@ void FVFileCopyWorker::startCopySession() {
     impl_->delegateSupportsProgressDidChange = delegate && delegate->respondsToProgressDidChange();
     impl_->startThreads();
 }
-
-void FVFileCopyWorker::copyFrom(std::shared_ptr<FVCopyPairs> pairs) { impl_->pairsToCopy = std::move(pairs); }
 
 void FVFileCopyWorker::addDigestItem(FVFileSystemItemPtr source, FVFileSystemItemPtr destination) {
     addPair({std::move(source), std::move(destination), false, true});
@@ -242,7 +238,6 @@ void FVFileCopyWorkerImpl::workerEnded() {
             sessionEnded.notify_all();
         }
     }
-    // Nothing of the worker is touched after the callback: the delegate may destroy it.
     if (outcome == Outcome::Cancelled) delegate->copyWorkerDidCancel();
     else if (outcome == Outcome::Finished) delegate->copyWorkerDidFinishCopy();
 }

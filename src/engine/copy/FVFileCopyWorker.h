@@ -66,12 +66,15 @@ public:
 
 // The delegate gets exactly one end step per session: copyWorkerDidFinishCopy once the queue was
 // closed and every pair copied, or copyWorkerDidCancel once a cancel stopped every thread (which
-// may come before the queue is closed). The worker may be destroyed from inside either callback.
+// may come before the queue is closed).
 // An owner that would rather wait on its own thread calls finishCopySession.
 class FVFileCopyWorker final : public FVCurrentCopy {
 public:
-    FVFileCopyWorker();
-    ~FVFileCopyWorker() override;  // stops and waits for its threads; no callback arrives afterwards
+    // The pairs come from this queue, which its owner fills and closes. Without one the worker
+    // keeps a queue of its own, filled through the add methods and closed by endCopySession.
+    explicit FVFileCopyWorker(std::shared_ptr<FVCopyPairs> pairs = nullptr);
+    // Stops and waits for its threads (so never from a callback); no callback arrives afterwards.
+    ~FVFileCopyWorker() override;
     FVFileCopyWorker(const FVFileCopyWorker&) = delete;
     FVFileCopyWorker& operator=(const FVFileCopyWorker&) = delete;
 
@@ -97,9 +100,6 @@ public:
     void setRecordsCopies(bool records);
     void setChunkHook(std::function<void(const std::string& sourcePath, uint64_t bytesCopied)> hook);
 
-    // The pairs come from this queue, which its owner fills and closes; set before the session
-    // starts. Without it the worker keeps a queue of its own, filled through the add methods.
-    void copyFrom(std::shared_ptr<FVCopyPairs> pairs);
     // Starts the threads, which wait for pairs.
     void startCopySession();
     // Waits while many pairs are pending; a pair added after the session ended or was cancelled

@@ -53,10 +53,8 @@ struct FVFileCopyWorkerImpl {
     std::atomic<bool> destroying{false};
     std::atomic<uint64_t> totalBytesCopied{0};
 
-    // Pairs waiting to be copied before the analysis is held back: a few megabytes of items.
-    static constexpr size_t kMaximumPendingPairs = 20000;
     // Its owner pushes, the copying threads take; its owner's close or a cancel ends the session.
-    std::shared_ptr<FVCopyPairs> pairsToCopy = std::make_shared<FVCopyPairs>(kMaximumPendingPairs);
+    std::shared_ptr<FVCopyPairs> pairsToCopy;
     std::atomic<uint64_t> copiedFiles{0};
     std::mutex progressMutex;
     float lastReportedProgress = 0;

@@ -27,7 +27,7 @@ FVBackupPipeline::FVBackupPipeline(Run run, std::string sourcePath)
 bool FVBackupPipeline::run(std::optional<int64_t> fileCountEstimation) {
     FVRunStatus& status = run_.status;
     const bool dryRun = run_.settings.dryRun;
-    std::shared_ptr<FVFileCopyWorker> copies = dryRun ? nullptr : run_.makeWorker();
+    std::shared_ptr<FVFileCopyWorker> copies = dryRun ? nullptr : run_.makeWorker(pairsToCopy_);
     status.setCurrentWorker(copies);
     status.updateCount = 0;
     // The items the last source item checked now count for the whole run.
@@ -46,10 +46,7 @@ bool FVBackupPipeline::run(std::optional<int64_t> fileCountEstimation) {
             handOver(std::move(source), std::move(destination), work);
         },
         run_.recorder);
-    if (copies) {
-        copies->copyFrom(pairsToCopy_);
-        copies->startCopySession();
-    }
+    if (copies) copies->startCopySession();
     analysis.analyse(sourcePath_, fileCountEstimation && *fileCountEstimation > 0 ? *fileCountEstimation
                                                                                   : kUnknownFileCount);
     if (!status.isCancelled())
@@ -71,14 +68,6 @@ bool FVBackupPipeline::run(std::optional<int64_t> fileCountEstimation) {
     status.log(fmt::format("Source finished: {} ({} copied).", sourcePath_,
                            FVNumber::formattedDiskSizeString(static_cast<double>(copies ? copies->totalBytesCopied() : 0))));
     return true;
-}
-
-std::shared_ptr<FVFileCopyWorker> FVBackupPipeline::startCopies(const std::shared_ptr<FVCopyPairs>& pairs) {
-    std::shared_ptr<FVFileCopyWorker> worker = run_.makeWorker();
-    run_.status.setCurrentWorker(worker);
-    worker->copyFrom(pairs);
-    worker->startCopySession();
-    return worker;
 }
 
 void FVBackupPipeline::handOver(FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
@@ -118,7 +107,9 @@ bool FVBackupPipeline::linkLaterNames(const FVHardLinkGroups& groups) {
     auto copies = FVHardLinkWriter(run_.settings, run_.destination, run_.changedFileArchive, status).run(groups.requests());
     if (run_.recorder && !status.isCancelled()) recordLaterNames(groups, copies);
     if (copies.empty()) return !status.isCancelled();
-    std::shared_ptr<FVFileCopyWorker> worker = startCopies(laterNamesToCopy_);
+    std::shared_ptr<FVFileCopyWorker> worker = run_.makeWorker(laterNamesToCopy_);
+    status.setCurrentWorker(worker);
+    worker->startCopySession();
     for (auto& [source, destination] : copies) laterNamesToCopy_->push({source, destination});
     laterNamesToCopy_->close();
     return worker->finishCopySession() && !status.isCancelled();

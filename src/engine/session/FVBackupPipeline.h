@@ -42,8 +42,9 @@ public:
         FVDestinationTree& destination;
         FVChangedFileArchive& changedFileArchive;
         FVRunRecorder* recorder;  // none in a dry run or without a record
-        // A worker set up for this source item; not called in a dry run.
-        std::function<std::shared_ptr<FVFileCopyWorker>()> makeWorker;
+        // A worker set up for this source item, taking its pairs from the queue given; not called
+        // in a dry run.
+        std::function<std::shared_ptr<FVFileCopyWorker>(std::shared_ptr<FVCopyPairs>)> makeWorker;
     };
 
     FVBackupPipeline(Run run, std::string sourcePath);
@@ -55,8 +56,6 @@ public:
     bool sourceUnreadable() const { return sourceUnreadable_; }
 
 private:
-    // The copy threads of one queue of pairs, current for the run's status.
-    std::shared_ptr<FVFileCopyWorker> startCopies(const std::shared_ptr<FVCopyPairs>& pairs);
     // A pair the walk hands on; a dry run reports it instead.
     void handOver(FVFileSystemItemPtr source, FVFileSystemItemPtr destination, FVSourceAnalysis::Work work);
     void reportWouldCopy(FVFileSystemItem& source, FVFileSystemItem& destination);
@@ -68,13 +67,11 @@ private:
     // A clone of the whole system: the destination root takes the root folder's attributes.
     void takeRootAttributes();
 
-    static constexpr size_t kPendingPairs = 20000;
-
     Run run_;
     const std::string sourcePath_;
     // Bounded: a walk far ahead of the copies waits instead of filling memory.
-    std::shared_ptr<FVCopyPairs> pairsToCopy_ = std::make_shared<FVCopyPairs>(kPendingPairs);
-    std::shared_ptr<FVCopyPairs> laterNamesToCopy_ = std::make_shared<FVCopyPairs>(kPendingPairs);
+    std::shared_ptr<FVCopyPairs> pairsToCopy_ = std::make_shared<FVCopyPairs>(kPendingCopyPairs);
+    std::shared_ptr<FVCopyPairs> laterNamesToCopy_ = std::make_shared<FVCopyPairs>(kPendingCopyPairs);
     bool sourceUnreadable_ = false;
 };
 

@@ -87,8 +87,9 @@ FVSyncingBackup::~FVSyncingBackup() {
     status_.setCurrentWorker(nullptr);
 }
 
-std::shared_ptr<FVFileCopyWorker> FVSyncingBackup::makeWorker(const std::string& sourcePath) {
-    auto worker = std::make_shared<FVFileCopyWorker>();
+std::shared_ptr<FVFileCopyWorker> FVSyncingBackup::makeWorker(const std::string& sourcePath,
+                                                              std::shared_ptr<FVCopyPairs> pairs) {
+    auto worker = std::make_shared<FVFileCopyWorker>(std::move(pairs));
     worker->setDelegate(this);
     worker->setVerboseLogging(settings_.options.performExtendedLogging);
     worker->setMaxThreads(settings_.options.maxThreads);
@@ -103,7 +104,9 @@ std::shared_ptr<FVFileCopyWorker> FVSyncingBackup::makeWorker(const std::string&
 
 bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optional<int64_t> fileCountEstimation) {
     FVBackupPipeline pipeline({settings_, findings_, status_, destination_, changedFileArchive_, recorder_.get(),
-                               [this, &sourcePath] { return makeWorker(sourcePath); }},
+                               [this, &sourcePath](std::shared_ptr<FVCopyPairs> pairs) {
+                                   return makeWorker(sourcePath, std::move(pairs));
+                               }},
                               sourcePath);
     const bool completed = pipeline.run(fileCountEstimation);
     lastSourceUnreadable_ = pipeline.sourceUnreadable();

@@ -87,7 +87,7 @@ public:
     void copyWorkerDidPublishItem(const std::string& sourcePath, uint64_t bytes) override;
 
 private:
-    std::shared_ptr<FVFileCopyWorker> makeWorker(const std::string& sourcePath);
+    std::shared_ptr<FVFileCopyWorker> makeWorker(const std::string& sourcePath, std::shared_ptr<FVCopyPairs> pairs);
 
     const FVRunSettings settings_;
     FVRunFindings findings_;
