@@ -16,7 +16,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <chrono>
 #include <cmath>
 #include <string_view>
 #include <system_error>
