@@ -1,4 +1,5 @@
 #include "app/AppController.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVMountTable.h"
 
 #include "app/FVAlert.h"
@@ -28,7 +29,6 @@
 
 #include <QApplication>
 #include <QComboBox>
-#include <QEventLoop>
 #include <QDesktopServices>
 #include <QFileDialog>
 #include <QFileIconProvider>
@@ -52,7 +52,10 @@ namespace ferrovane {
 
 namespace {
 
-bool isReadableAndWritable(const std::string& path) { return access(path.c_str(), R_OK | W_OK) == 0; }
+// Set on a source whose folder was emptied on purpose: the next run may empty its mirror.
+constexpr const char* kEmptySourceConfirmedKey = "emptySourceConfirmed";
+
+bool isReadableAndWritable(const std::string& path) { return FVFileStatus::access(path.c_str(), R_OK | W_OK) == 0; }
 
 QPixmap iconFor(const QString& path) { return QFileIconProvider().icon(QFileInfo(path)).pixmap(32, 32); }
 
@@ -77,15 +80,28 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
       sourceModel_(std::make_unique<FVSourceListModel>(backupSetController_)),
       window_(std::make_unique<FVMainWindow>()),
       startChecks_(window_.get(), environment_.runningAsRoot),
-      restoreController_(std::make_unique<FVRestoreController>(window_.get(), [this] { return backupIsRunning_ || starting_; })) {
-    FVMainWindow* w = window_.get();
-    // Copies are published without a progress report of their own: the counts are read again
-    // a few times a second while a run goes on.
-    progressTimer_.setInterval(250);
-    connect(&progressTimer_, &QTimer::timeout, this, &AppController::handleProgress);
-    w->setSourceModel(sourceModel_.get());
-    w->setCloseHandler([this] { return windowShouldClose(); });
+      restoreController_(std::make_unique<FVRestoreController>(window_.get(), [this] { return runs_->isRunning() || runs_->isStarting(); })),
+      runs_(makeRunController()) {
+    window_->setSourceModel(sourceModel_.get());
+    window_->setCloseHandler([this] { return windowShouldClose(); });
 
+    connectWindowControls();
+    connectSourceList();
+    connectRunsAndRestores();
+    connectDestinationPresence();
+
+    QSettings settings;
+    destinations_.load(settings);
+    reloadTargetPopup();
+    window_->startButton()->setEnabled(false);
+    setOptionWidgetsEnabled(false);
+}
+
+AppController::~AppController() = default;
+
+// The destination controls, the buttons and the menus.
+void AppController::connectWindowControls() {
+    FVMainWindow* w = window_.get();
     connect(w->targetPopup(), &QComboBox::activated, this, &AppController::performTargetMenuSelection);
     connect(w->addTargetButton(), &QToolButton::clicked, this, &AppController::showNewBackupPanel);
     connect(w->removeTargetButton(), &QToolButton::clicked, this, &AppController::removeTargetWidgetClicked);
@@ -100,28 +116,26 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
         if (FVOptionsPanel* panel = showOptionsPanel()) panel->focusExclusions();
     });
     connect(w->backUpNowAction(), &QAction::triggered, this, [this] {
-        if (!backupIsRunning_ && !starting_ && !restoreController_->isRunning() && window_->startButton()->isEnabled())
-            startOrCancelSync();
+        if (!isBusy() && window_->startButton()->isEnabled()) startOrCancelSync();
     });
     connect(w->stopAction(), &QAction::triggered, this, [this] {
-        if (starting_ || (backupIsRunning_ && !cancelling_) || restoreController_->isRunning()) startOrCancelSync();
+        if (runs_->isStarting() || (runs_->isRunning() && !runs_->isCancelling()) || restoreController_->isRunning())
+            startOrCancelSync();
     });
-    connect(w->sourceListView(), &FVSourceListView::restoreRequested, this, &AppController::restoreSelectedSources);
-    connect(restoreController_.get(), &FVRestoreController::restoreStarted, this, [this] { setRestoreHoldsWindow(true); });
-    connect(restoreController_.get(), &FVRestoreController::restoreEnded, this, [this] {
-        setRestoreHoldsWindow(false);
-        launcherEntry_.clear();
-    });
-    connect(restoreController_.get(), &FVRestoreController::progressChanged, &launcherEntry_, &FVLauncherEntry::setProgress);
-    connect(this, &AppController::runEnded, &launcherEntry_, &FVLauncherEntry::clear);
     connect(w->overdueBanner()->backUpNowButton(), &QPushButton::clicked, w->backUpNowAction(), &QAction::trigger);
     connect(w->showErrorsAction(), &QAction::triggered, this, &AppController::showLastRunErrors);
     connect(w->aboutAction(), &QAction::triggered, this, &AppController::showAbout);
+    connect(w->showLogAction(), &QAction::triggered, this, &AppController::showLog);
+}
+
+// The list of sources: its edits are saved, drops and restores are taken.
+void AppController::connectSourceList() {
+    FVMainWindow* w = window_.get();
+    connect(w->sourceListView(), &FVSourceListView::restoreRequested, this, &AppController::restoreSelectedSources);
     connect(w->removeSourceButton(), &QToolButton::clicked, this, &AppController::removeSelectedSources);
     connect(w->sourceListView(), &FVSourceListView::removeRequested, this, &AppController::removeSelectedSources);
     connect(w->sourceListView(), &QAbstractItemView::doubleClicked, this, &AppController::tableViewDoubleAction);
     connect(w->dropZone(), &FVDropZone::pathsDropped, this, [this](const QStringList& paths) { addSourcePaths(paths, 0); });
-    connect(w->showLogAction(), &QAction::triggered, this, &AppController::showLog);
     connect(sourceModel_.get(), &FVSourceListModel::pathsDropped, this, &AppController::addSourcePaths);
     connect(sourceModel_.get(), &FVSourceListModel::summaryChanged, this, &AppController::updateSummaryLine);
     connect(sourceModel_.get(), &FVSourceListModel::rowsRearranged, this, [this](int first, int count) {
@@ -131,12 +145,12 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
     // Edits of the list are saved at once, so that a scheduled run sees them; never during a run,
     // whose results are written when it finishes.
     connect(sourceModel_.get(), &QAbstractItemModel::modelReset, this, [this] {
-        if (!backupIsRunning_) writeSettingsIfOpen();
+        if (!runs_->isRunning()) writeSettingsIfOpen();
     });
     connect(sourceModel_.get(), &QAbstractItemModel::dataChanged, this,
             [this](const QModelIndex& topLeft, const QModelIndex& bottomRight) {
                 if (topLeft.column() <= FVSourceListModel::ModeColumn &&
-                    bottomRight.column() >= FVSourceListModel::ModeColumn && !backupIsRunning_)
+                    bottomRight.column() >= FVSourceListModel::ModeColumn && !runs_->isRunning())
                     writeSettingsIfOpen();
             });
     connect(w->coverView(), &FVCoverView::coverStateChanged, this,
@@ -144,36 +158,56 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
                 sourceModel_->setAcceptsDrops(window_->coverView()->isFullyHidden());
                 addPendingSourcePaths();
             });
+}
+
+// Runs and restores share the window and the launcher entry.
+void AppController::connectRunsAndRestores() {
+    connect(restoreController_.get(), &FVRestoreController::restoreStarted, this, [this] { setRestoreHoldsWindow(true); });
+    connect(restoreController_.get(), &FVRestoreController::restoreEnded, this, [this] {
+        setRestoreHoldsWindow(false);
+        launcherEntry_.clear();
+    });
+    connect(restoreController_.get(), &FVRestoreController::progressChanged, &launcherEntry_, &FVLauncherEntry::setProgress);
+    connect(runs_.get(), &FVRunController::runStarted, this, &AppController::runStarted);
+    connect(runs_.get(), &FVRunController::runEnded, &launcherEntry_, &FVLauncherEntry::clear);
+    connect(runs_.get(), &FVRunController::runEnded, this, &AppController::runEnded);
+    connect(runs_.get(), &FVRunController::emptiedSourceConfirmationRequested, this, &AppController::confirmEmptiedSource);
+}
+
+// The destination's disk going and coming back, and the window coming to the front.
+void AppController::connectDestinationPresence() {
     connect(&presence_, &FVDestinationPresence::wentAway, this, [this] {
         // A run notices it by itself and ends; the window follows once it has.
-        if (!backupIsRunning_ && !starting_ && !restoreController_->isRunning()) destinationWentAway();
+        if (!isBusy()) destinationWentAway();
     });
     connect(&presence_, &FVDestinationPresence::cameBack, this, &AppController::destinationCameBack);
-    connect(w, &FVMainWindow::becameActive, this, [this] {
+    connect(window_.get(), &FVMainWindow::becameActive, this, [this] {
         followDestination();
         // Scheduled runs may have come and gone while the window stood in the background.
-        if (!backupIsRunning_ && window_->optionsButton()->isEnabled()) updateScheduleState();
-        if (!coverViewShouldOpenOnBecomeMain_) return;
-        coverViewShouldOpenOnBecomeMain_ = false;
-        window_->coverView()->openViewDelayedBy(0.5);
+        if (!runs_->isRunning() && window_->optionsButton()->isEnabled()) updateScheduleState();
+        if (runs_->takeCoverOpenOnActivation()) window_->coverView()->openViewDelayedBy(0.5);
     });
-
-    QSettings settings;
-    destinations_.load(settings);
-    reloadTargetPopup();
-    w->startButton()->setEnabled(false);
-    setOptionWidgetsEnabled(false);
 }
 
-AppController::~AppController() {
-    // A session still running would call back into a destroyed controller.
-    if (backupSession_ && backupIsRunning_) {
-        backupSession_->cancel();
-        QEventLoop loop;
-        connect(this, &AppController::runEnded, &loop, &QEventLoop::quit);
-        if (backupIsRunning_) loop.exec();
-    }
+std::unique_ptr<FVRunController> AppController::makeRunController() {
+    FVRunController::Parts parts{window_.get(), *sourceModel_, backupSetController_, optionsPanelController_, presence_,
+                                 startChecks_, launcherEntry_, environment_.notifier, environment_.jobStatusFolder};
+    FVRunController::Host host;
+    host.destination = [this]() -> const std::string& { return currentTargetPath_; };
+    host.setControlsEnabled = [this](bool enabled) {
+        setDestinationControlsEnabled(enabled);
+        setOptionWidgetsEnabled(enabled);
+    };
+    host.destinationWentAway = [this] { destinationWentAway(); };
+    host.destinationUnusable = [this] { resetInterface(); };
+    host.writeSettings = [this] { writeSettings(); };
+    host.updateScheduleState = [this] { updateScheduleState(); };
+    host.updateSizeDisplay = [this] { updateSizeDisplay(); };
+    host.followDestination = [this] { followDestination(); };
+    return std::make_unique<FVRunController>(std::move(parts), std::move(host));
 }
+
+bool AppController::isBusy() const { return runs_->isRunning() || runs_->isStarting() || restoreController_->isRunning(); }
 
 void AppController::initialiseApplication() {
     window_->show();
@@ -215,7 +249,7 @@ void AppController::activateFromAnotherStart(const QStringList& paths) {
 }
 
 void AppController::addPendingSourcePaths() {
-    if (pendingSourcePaths_.isEmpty() || !window_->coverView()->isFullyHidden() || backupIsRunning_) return;
+    if (pendingSourcePaths_.isEmpty() || !window_->coverView()->isFullyHidden() || runs_->isRunning()) return;
     addSourcePaths(std::exchange(pendingSourcePaths_, {}), 0);
 }
 
@@ -368,17 +402,19 @@ void AppController::destinationWentAway() {
     window_->coverView()->setHeld(true);
     // How its last run ended is known without the disk.
     setRunOutcome(FVRunOutcome::load(qPath(currentTargetPath_)));
+    if (!runOutcome().destinationFailure().empty())
+        window_->coverView()->setDetailMessage(runOutcome().diskFailureSummary(stdPath(destinationName())));
     const int index = destinations_.indexOf(qPath(currentTargetPath_));
     if (index >= 0) showOverdueWhileAway(destinations_.at(index).uuid.toStdString());
 }
 
 void AppController::followDestination() {
-    if (currentTargetPath_.empty() || backupIsRunning_ || starting_ || restoreController_->isRunning()) return;
+    if (currentTargetPath_.empty() || isBusy()) return;
     if (presence_.isAway() || !presence_.isPresent()) destinationWentAway();
 }
 
 void AppController::destinationCameBack() {
-    if (backupIsRunning_ || starting_ || restoreController_->isRunning()) return;
+    if (isBusy()) return;
     // Read again from its configuration: nothing of the list before it went away is kept.
     window_->coverView()->clearMessages();
     window_->coverView()->setMessage(localized("selectingbackup"));
@@ -414,7 +450,7 @@ void AppController::openRecentTargetPath() {
     const int index = destinations_.selectedIndex();
     currentTargetPath_ = stdPath(destinations_.at(index).targetPath);
     presence_.stop();
-    if (access(currentTargetPath_.c_str(), F_OK) != 0) {
+    if (FVFileStatus::access(currentTargetPath_.c_str(), F_OK) != 0) {
         destinationWentAway();
         return;
     }
@@ -424,11 +460,11 @@ void AppController::openRecentTargetPath() {
     }
     presence_.watch(currentTargetPath_);
     window_->coverView()->setHeld(false);
-    if (access(FVConfigurationFile::currentPath(currentTargetPath_).c_str(), F_OK) != 0 &&
-        access(FVConfigurationFile::legacyPath(currentTargetPath_).c_str(), F_OK) == 0)
+    if (FVFileStatus::access(FVConfigurationFile::currentPath(currentTargetPath_).c_str(), F_OK) != 0 &&
+        FVFileStatus::access(FVConfigurationFile::legacyPath(currentTargetPath_).c_str(), F_OK) == 0)
         FVAlert::show(window_.get(), "Ferrovane3UpgradeAlertMessage", "Ferrovane3UpgradeAlertText", QMessageBox::Information);
     readSettings();
-    if (optionsPanelController_.boolForOptionsKey(FVOptionKey::isSuperuserBackup) && !environment_.runningAsRoot) {
+    if (optionsPanelController_.options().isSuperuserBackup && !environment_.runningAsRoot) {
         presence_.stop();
         showDestinationUnusable("destinationrequiressuperuser");
         return;
@@ -449,7 +485,7 @@ void AppController::openRecentTargetPath() {
     for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects()) {
         if (item->enabled() != int64_t(FVSourceMode::Backup)) continue;
         struct stat st;
-        if (lstat(item->sourcePath().c_str(), &st) != 0) {
+        if (FVFileStatus::lstat(item->sourcePath().c_str(), &st) != 0) {
             FVAlert::show(window_.get(), "sourcesunavailable", "sourcesunavailablelong", QMessageBox::Critical);
             break;
         }
@@ -470,7 +506,7 @@ void AppController::resetInterface() {
 }
 
 void AppController::removeTargetWidgetClicked() {
-    if (destinations_.isEmpty() || backupIsRunning_) return;
+    if (destinations_.isEmpty() || runs_->isRunning()) return;
     writeSettingsIfOpen();
     QMessageBox* box = FVAlert::ask(window_.get(), "removetargetclicked", "removetargetclickedlong", "cancelbuttontitle",
                                     "removebutton", [this](bool remove) {
@@ -518,7 +554,7 @@ void AppController::readSettings() {
 void AppController::writeSettings() {
     // Never into the empty folder an unmounted disk leaves behind.
     if (currentTargetPath_.empty() || !presence_.isPresent()) return;
-    if (environment_.runningAsRoot) optionsPanelController_.allOptions()->set(FVOptionKey::isSuperuserBackup, true);
+    if (environment_.runningAsRoot) FVOptionTable::store(*optionsPanelController_.allOptions(), &FVOptions::isSuperuserBackup, true);
     FVConfigurationFile::writeSettingsForSourceConfiguration(backupSetController_.arrangedObjects(),
                                                              *optionsPanelController_.allOptions(),
                                                              FVConfigurationFile::formattedPath(currentTargetPath_));
@@ -527,7 +563,7 @@ void AppController::writeSettings() {
 
 void AppController::measureAfterWrite() {
     // The write leaves no measured size in the items; a run measures again once it has ended.
-    if (backupIsRunning_ || backupSetController_.count() == 0) return;
+    if (runs_->isRunning() || backupSetController_.count() == 0) return;
     backupSetController_.measureMissingSizes();
 }
 
@@ -579,7 +615,7 @@ void AppController::addSourcePaths(const QStringList& paths, int index) {
     for (const QString& path : paths) items.push_back(FVText::standardizedPath(stdPath(QFileInfo(path).absoluteFilePath())));
     std::vector<FVSourceItemPtr> wouldBe = backupSetController_.arrangedObjects();
     for (const std::string& item : items) wouldBe.push_back(FVSourceItem::make(item, FVSourceMode::Backup));
-    if (!startChecks_.acceptsLayout(currentTargetPath_, FVOptionTable::read(*optionsPanelController_.allOptions()).options, wouldBe))
+    if (!startChecks_.acceptsLayout(currentTargetPath_, optionsPanelController_.options(), wouldBe))
         return;
     if (backupSetController_.addBackupPaths(items, size_t(std::max(index, 0))) < items.size()) QApplication::beep();
     // Added all the same: the run leaves the destination out of that source's walk.
@@ -644,7 +680,7 @@ void AppController::showAbout() {
 FVOptionsPanel* AppController::showOptionsPanel() {
     if (refusedWhileAway()) return nullptr;
     auto* panel = new FVOptionsPanel(window_.get(), optionsPanelController_, environment_.runningAsRoot);
-    const bool folderPerSource = FVOptionTable::read(*optionsPanelController_.allOptions()).options.syncMode != 0;
+    const bool folderPerSource = optionsPanelController_.options().syncMode != 0;
     if (!currentTargetPath_.empty() &&
         !FVPlacementChange(currentTargetPath_, folderPerSource, !folderPerSource, backupSetController_.arrangedObjects())
              .strandedMirrors()
@@ -674,7 +710,7 @@ void AppController::updateAutomationsAfterOptions() {
 
 void AppController::updateScheduleState() {
     if (currentTargetPath_.empty()) return clearScheduleState();
-    const FVOptions options = FVOptionTable::read(*optionsPanelController_.allOptions()).options;
+    const FVOptions options = optionsPanelController_.options();
     const std::string uuid = optionsPanelController_.uuid();
     const std::optional<FVJobStatus> status =
         uuid.empty() ? std::nullopt : FVJobStatusStore(environment_.jobStatusFolder).read(uuid);
@@ -748,6 +784,46 @@ void AppController::setRestoreHoldsWindow(bool holds) {
     setDestinationControlsEnabled(!holds);
     setOptionWidgetsEnabled(!holds);
     if (!holds) followDestination();
+}
+
+// ---- Runs
+
+QString AppController::destinationName() const { return qPath(FVText::lastPathComponent(currentTargetPath_)); }
+
+void AppController::startOrCancelSync() {
+    if (restoreController_->isRunning()) {
+        window_->startButton()->setEnabled(false);
+        restoreController_->stop();
+        return;
+    }
+    runs_->startOrCancel();
+}
+
+void AppController::showLastRunErrors() { runs_->showLastRunErrors(); }
+
+void AppController::confirmEmptiedSource(const QString& sourcePath) {
+    if (refusedWhileAway()) return;
+    FVSourceItemPtr source;
+    for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
+        if (qPath(item->sourcePath()) == sourcePath) source = item;
+    if (!source || runs_->isRunning()) return;
+    QMessageBox* box = FVAlert::ask(window_.get(), "confirmempty", "confirmemptylong", "cancelbuttontitle", "confirmemptyaction",
+                                    [this, source](bool confirmed) {
+                                        if (!confirmed || runs_->isRunning()) return;
+                                        source->setValue(kEmptySourceConfirmedKey, true);
+                                        writeSettings();
+                                    });
+    box->setText(localizedFormat("confirmempty", FVText::lastPathComponent(source->sourcePath())));
+    box->setInformativeText(localizedFormat("confirmemptylong", source->sourcePath()));
+}
+
+bool AppController::windowShouldClose() {
+    runs_->abortStart();
+    // A restore stops with the window; what it restored so far stays, whole.
+    restoreController_->stop();
+    if (!runs_->windowMayClose()) return false;
+    writeSettingsIfOpen();
+    return true;
 }
 
 }  // namespace ferrovane

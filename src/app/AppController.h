@@ -1,31 +1,24 @@
 #pragma once
 // The main window's controller: the destinations and the opening of one, the source list, the
-// checks before a run, the run and its outcome, the options and search sheets, and writing the
-// destination's configuration. Restores are FVRestoreController's; this one only keeps a backup
-// and a restore from sharing the window.
+// options and search sheets, and writing the destination's configuration. Runs are
+// FVRunController's and restores FVRestoreController's; this one wires them to the window and
+// keeps a backup and a restore from sharing it.
 
 #include "app/FVDestinationList.h"
 #include "app/FVDestinationPresence.h"
 #include "app/FVLauncherEntry.h"
 #include "app/FVQtMainQueue.h"
-#include "app/FVRunOutcome.h"
+#include "app/FVRunController.h"
 #include "app/FVRunStartChecks.h"
 #include "backupset/BackupSetController.h"
-#include "engine/config/FVDestinationLock.h"
-#include "engine/session/FVBackupSession.h"
 #include "platform/FVCommandRunner.h"
 #include "platform/FVUserNotifier.h"
 #include "scheduling/FVLaunchAgentManager.h"
-#include "scheduling/FVJobStatus.h"
 #include "scheduling/FVOptionsPanelController.h"
 
-#include <QElapsedTimer>
 #include <QObject>
-#include <QPointer>
 #include <QStringList>
-#include <QTimer>
 
-#include <atomic>
 #include <memory>
 #include <string>
 #include <utility>
@@ -49,7 +42,7 @@ struct AppEnvironment {
     static AppEnvironment system();
 };
 
-class AppController : public QObject, public FVBackupSessionDelegate {
+class AppController : public QObject {
     Q_OBJECT
 public:
     explicit AppController(AppEnvironment environment, QObject* parent = nullptr);
@@ -60,9 +53,9 @@ public:
     FVOptionsPanelController& optionsPanelController() { return optionsPanelController_; }
     const FVDestinationList& destinations() const { return destinations_; }
     const std::string& currentTargetPath() const { return currentTargetPath_; }
-    FVBackupSession* backupSession() const { return backupSession_.get(); }
-    bool isBackupRunning() const { return backupIsRunning_; }
-    const FVRunOutcome& runOutcome() const { return runOutcome_; }
+    bool isBackupRunning() const { return runs_->isRunning(); }
+    const FVRunOutcome& runOutcome() const { return runs_->outcome(); }
+    const FVLauncherEntry& launcherEntry() const { return launcherEntry_; }
     FVRestoreController& restoreController() { return *restoreController_; }
 
     // Start-up: shows the window, asks for a donation unless suppressed, checks for updates
@@ -103,10 +96,6 @@ public:
     void writeSettings();
     void writeSettingsIfOpen();
 
-    void backupSessionProgressDidChange(FVBackupSession& session) override;
-    void backupSessionDidFinish(FVBackupSession& session) override;
-    void backupSessionDidCancel(FVBackupSession& session) override;
-
 signals:
     // startSync has started the session.
     void runStarted();
@@ -114,6 +103,10 @@ signals:
     void runEnded();
 
 private:
+    void connectWindowControls();
+    void connectSourceList();
+    void connectRunsAndRestores();
+    void connectDestinationPresence();
     void performSelectTargetMenuItem();
     void removeSelectedDestinationAndUpdateForSelectedItem();
     void resetInterface();
@@ -140,24 +133,13 @@ private:
     void updateAutomationsAfterOptions();
     void checkForUpdates();
 
-    bool passesStartChecks();
-    void startSync();
-    void abortStart();
-    void handleProgress();
-    void handleCancel();
-    void handleFinish();
-    void showErrorPanel(const std::vector<std::string>& errors);
+    // A backup, starting or running, or a restore holds the window.
+    bool isBusy() const;
+    std::unique_ptr<FVRunController> makeRunController();
     void confirmEmptiedSource(const QString& sourcePath);
-    void setRunOutcome(FVRunOutcome outcome);
-    void recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors,
-                          std::pair<std::string, long long> interrupted = {{}, -1}, std::string destinationFailure = {});
-    // Kept outside the destination for the schedule line and overdue notices, when it has an identity.
-    void recordJobAttempt(FVJobOutcome outcome, const std::string& message);
+    void setRunOutcome(FVRunOutcome outcome) { runs_->setOutcome(std::move(outcome)); }
     void measureAfterWrite();
     void addPendingSourcePaths();
-    void notifyUnlessActive(const FVUserNotification& notification);
-    void resumeSizeEvaluation();
-    void finishRunAndMaybeClose();
     bool windowShouldClose();
     void restoreSelectedSources(const QList<int>& rows);
     void setRestoreHoldsWindow(bool holds);
@@ -178,20 +160,10 @@ private:
     std::unique_ptr<FVRestoreController> restoreController_;
     FVDestinationPresence presence_;
 
-    FVRunOutcome runOutcome_;
     FVLauncherEntry launcherEntry_;
     QStringList pendingSourcePaths_;
-    std::unique_ptr<FVBackupSession> backupSession_;
-    // Held from the start checks until the run's outcome is written.
-    FVDestinationLock runLock_;
-    bool backupIsRunning_ = false;
-    bool starting_ = false;
-    bool cancelling_ = false;
-    bool closeAfterRun_ = false;
-    bool coverViewShouldOpenOnBecomeMain_ = false;
-    std::atomic<bool> progressPosted_{false};
-    QElapsedTimer runClock_;
-    QTimer progressTimer_;
+    // Last: a run still going when the window closes is stopped and awaited while all else stands.
+    std::unique_ptr<FVRunController> runs_;
 };
 
 }  // namespace ferrovane

@@ -1,6 +1,7 @@
 #include "app/FVDestinationPresence.h"
 
 #include "engine/config/FVConfigurationFile.h"
+#include "fs/FVFileStatus.h"
 #include "platform/FVMountWatcher.h"
 
 #include <sys/stat.h>
@@ -34,7 +35,7 @@ FVDestinationPresence::~FVDestinationPresence() {
 void FVDestinationPresence::watch(const std::string& path) {
     path_ = path;
     struct stat st;
-    const bool found = stat(path.c_str(), &st) == 0;
+    const bool found = FVFileStatus::stat(path.c_str(), &st) == 0;
     device_ = found ? st.st_dev : 0;
     inode_ = found ? st.st_ino : 0;
     away_ = false;
@@ -66,7 +67,7 @@ bool FVDestinationPresence::isPresent() {
 void FVDestinationPresence::check() {
     if (path_.empty()) return;
     struct stat st;
-    const bool folder = stat(path_.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    const bool folder = FVFileStatus::stat(path_.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
     if (!away_) {
         // An unmounted disk leaves its mount point behind, an empty folder of another file system.
         if (folder && st.st_dev == device_ && st.st_ino == inode_) return;
@@ -75,9 +76,9 @@ void FVDestinationPresence::check() {
         return;
     }
     // Back when the folder holds its configuration again and can be written.
-    const bool configured = access(FVConfigurationFile::currentPath(path_).c_str(), F_OK) == 0 ||
-                            access(FVConfigurationFile::legacyPath(path_).c_str(), F_OK) == 0;
-    if (!folder || !configured || access(path_.c_str(), R_OK | W_OK | X_OK) != 0) return;
+    const bool configured = FVFileStatus::access(FVConfigurationFile::currentPath(path_).c_str(), F_OK) == 0 ||
+                            FVFileStatus::access(FVConfigurationFile::legacyPath(path_).c_str(), F_OK) == 0;
+    if (!folder || !configured || FVFileStatus::access(path_.c_str(), R_OK | W_OK | X_OK) != 0) return;
     watch(path_);
     emit cameBack();
 }

@@ -25,8 +25,24 @@
 namespace ferrovane {
 
 namespace {
+
 enum Column { NameColumn, LocationColumn, VersionsColumn };
+
+QTreeWidget* makeResultList() {
+    auto* results = new QTreeWidget;
+    results->setObjectName("searchResults");
+    results->setRootIsDecorated(false);
+    results->setHeaderLabels({localized("columnname"), localized("searchcolumnlocation"), localized("searchcolumnversions")});
+    results->header()->setSectionResizeMode(NameColumn, QHeaderView::Interactive);
+    results->header()->setSectionResizeMode(LocationColumn, QHeaderView::Stretch);
+    results->header()->setSectionResizeMode(VersionsColumn, QHeaderView::ResizeToContents);
+    results->setColumnWidth(NameColumn, 220);
+    results->setUniformRowHeights(true);
+    results->setTextElideMode(Qt::ElideMiddle);
+    return results;
 }
+
+}  // namespace
 
 FVDestinationSearchSheet::FVDestinationSearchSheet(QWidget* window, FVMainQueue& mainQueue, const QString& destination)
     : QDialog(window), search_(FVDestinationSearch::create(mainQueue)), destination_(destination) {
@@ -51,16 +67,7 @@ FVDestinationSearchSheet::FVDestinationSearchSheet(QWidget* window, FVMainQueue&
     top->addWidget(field_, 1);
     top->addWidget(spinner_);
 
-    results_ = new QTreeWidget;
-    results_->setObjectName("searchResults");
-    results_->setRootIsDecorated(false);
-    results_->setHeaderLabels({localized("columnname"), localized("searchcolumnlocation"), localized("searchcolumnversions")});
-    results_->header()->setSectionResizeMode(NameColumn, QHeaderView::Interactive);
-    results_->header()->setSectionResizeMode(LocationColumn, QHeaderView::Stretch);
-    results_->header()->setSectionResizeMode(VersionsColumn, QHeaderView::ResizeToContents);
-    results_->setColumnWidth(NameColumn, 220);
-    results_->setUniformRowHeights(true);
-    results_->setTextElideMode(Qt::ElideMiddle);
+    results_ = makeResultList();
 
     versions_ = new QComboBox;
     versions_->setObjectName("searchVersions");
@@ -91,7 +98,10 @@ FVDestinationSearchSheet::FVDestinationSearchSheet(QWidget* window, FVMainQueue&
     layout->addWidget(results_, 1);
     layout->addLayout(chooser);
     layout->addLayout(bottom);
+    connectControls();
+}
 
+void FVDestinationSearchSheet::connectControls() {
     connect(field_, &QLineEdit::textChanged, this, [this](const QString& text) {
         chosenVersions_.clear();
         userChoseRow_ = false;

@@ -36,6 +36,7 @@ signals:
     void restoreRequested(const QString& versionPath);
 
 private:
+    void connectControls();
     void currentRowChanged();
     void versionChosen(int versionIndex);
     void revealCurrent();

@@ -16,17 +16,19 @@ namespace ferrovane {
 
 FVErrorPanel::FVErrorPanel(QWidget* window, const std::vector<std::string>& errors, const char* titleKey,
                            const char* messageKey)
-    : QDialog(window), text_(new QPlainTextEdit) {
+    : QDialog(window),
+      heading_(new QLabel(QString::fromStdString(FVStrings::formatPlural(messageKey, (long long)errors.size())))),
+      text_(new QPlainTextEdit) {
     setObjectName("errorPanel");
     setAttribute(Qt::WA_DeleteOnClose);
     setWindowModality(Qt::WindowModal);
     setWindowTitle(localized(titleKey));
     FVScreenFit::resize(this, {620, 360});
 
-    auto* heading = new QLabel(QString::fromStdString(FVStrings::formatPlural(messageKey, (long long)errors.size())));
-    QFont bold = heading->font();
+    QFont bold = heading_->font();
     bold.setBold(true);
-    heading->setFont(bold);
+    heading_->setFont(bold);
+    heading_->setWordWrap(true);
     QString joined;
     for (const std::string& error : errors) joined += QString::fromStdString(error) + '\n';
     text_->setReadOnly(true);
@@ -48,10 +50,14 @@ FVErrorPanel::FVErrorPanel(QWidget* window, const std::vector<std::string>& erro
     connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
 
     auto* layout = new QVBoxLayout(this);
-    layout->addWidget(heading);
+    layout->addWidget(heading_);
     layout->addWidget(text_, 1);
     layout->addWidget(buttons);
 }
+
+QString FVErrorPanel::heading() const { return heading_->text(); }
+
+void FVErrorPanel::setHeading(const QString& heading) { heading_->setText(heading); }
 
 QString FVErrorPanel::emptiedSourceIn(const std::string& error) {
     static const std::string refusal = "Not removing the contents of ";

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+class QLabel;
 class QPlainTextEdit;
 
 namespace ferrovane {
@@ -17,6 +18,9 @@ public:
     FVErrorPanel(QWidget* window, const std::vector<std::string>& errors, const char* titleKey = "errorpaneltitle",
                  const char* messageKey = "errorpanelmessage");
     QString text() const;
+    QString heading() const;
+    // In place of the count of errors: the outcome that caused them.
+    void setHeading(const QString& heading);
     // Opens with its top at the screen's y = top (where the text above it ends), as low as the
     // screen lets it be.
     void openBelow(int top);
@@ -28,6 +32,7 @@ signals:
     void emptiedSourceConfirmationRequested(const QString& sourcePath);
 
 private:
+    QLabel* heading_;
     QPlainTextEdit* text_;
 };
 

@@ -21,6 +21,11 @@ void FVLauncherEntry::setProgress(double fraction, qint64 count) {
     else pendingTimer_.start(int(kMinimumIntervalMs - elapsed));
 }
 
+void FVLauncherEntry::showCount(qint64 count) {
+    pendingTimer_.stop();
+    send(0, false, count, true);
+}
+
 void FVLauncherEntry::clear() {
     pendingTimer_.stop();
     send(0, false, 0);
@@ -28,14 +33,16 @@ void FVLauncherEntry::clear() {
 
 void FVLauncherEntry::sendPending() { send(pendingFraction_, true, pendingCount_); }
 
-void FVLauncherEntry::send(double fraction, bool visible, qint64 count) {
+void FVLauncherEntry::send(double fraction, bool visible, qint64 count, bool urgent) {
     sinceLastSend_.start();
+    shownCount_ = visible || urgent ? count : 0;
     if (!bus_.isConnected()) return;
     QDBusMessage message = QDBusMessage::createSignal("/org/ferrovane/LauncherEntry", "com.canonical.Unity.LauncherEntry", "Update");
     QVariantMap properties{{"progress", fraction},
                            {"progress-visible", visible},
                            {"count", count},
-                           {"count-visible", visible && count > 0}};
+                           {"count-visible", (visible || urgent) && count > 0},
+                           {"urgent", urgent}};
     message << QStringLiteral("application://ferrovane.desktop") << properties;
     bus_.send(message);
 }

@@ -18,13 +18,17 @@ public:
     // fraction from 0 to 1; count is shown beside it (items done). Sent at most a few times a
     // second: the latest values go out when the interval has passed.
     void setProgress(double fraction, qint64 count);
+    // A count without a bar that asks for attention (what a failed run left undone), at once.
+    void showCount(qint64 count);
     // Takes the bar and count away at once.
     void clear();
+    // The count the entry shows now; 0 when it shows none.
+    qint64 shownCount() const { return shownCount_; }
 
     static constexpr int kMinimumIntervalMs = 250;
 
 private:
-    void send(double fraction, bool visible, qint64 count);
+    void send(double fraction, bool visible, qint64 count, bool urgent = false);
     void sendPending();
 
     QDBusConnection bus_;
@@ -32,6 +36,7 @@ private:
     QTimer pendingTimer_;
     double pendingFraction_ = 0;
     qint64 pendingCount_ = 0;
+    qint64 shownCount_ = 0;
 };
 
 }  // namespace ferrovane

@@ -271,7 +271,7 @@ void FVOptionsPanel::fitToScreen(QWidget* content, QWidget* buttons) {
 
 // As a run reads them: a value that cannot be used shows as the option's default.
 void FVOptionsPanel::load() {
-    const FVOptions options = FVOptionTable::read(*controller_.allOptions()).options;
+    const FVOptions options = controller_.options();
     QStringList patterns;
     for (const FVExcludePattern& pattern : options.excludePatterns) patterns << QString::fromStdString(pattern.text());
     excludePatterns_->setPlainText(patterns.join('\n'));

@@ -34,6 +34,7 @@ FVRunOutcome FVRunOutcome::load(const QString& destination) {
     outcome.interruptedSource_ = settings.value("interrupted").toString().toStdString();
     outcome.interruptedCopied_ = settings.value("interruptedCopied", -1).toLongLong();
     outcome.destinationFailure_ = settings.value("destinationFailure").toString().toStdString();
+    outcome.notCopied_ = settings.value("notCopied", 0).toLongLong();
     if (outcome.state_ != State::Finished && outcome.state_ != State::Stopped && outcome.state_ != State::NoRoom)
         outcome.state_ = State::Never;
     return outcome;
@@ -50,6 +51,7 @@ void FVRunOutcome::save(const QString& destination) const {
     settings.setValue("interrupted", QString::fromStdString(interruptedSource_));
     settings.setValue("interruptedCopied", interruptedCopied_);
     settings.setValue("destinationFailure", QString::fromStdString(destinationFailure_));
+    settings.setValue("notCopied", notCopied_);
 }
 
 // Short enough for a row: the date in the locale's short form, minutes without seconds.
@@ -79,13 +81,15 @@ QString FVRunOutcome::headline() const {
     case State::Finished:
         return count == 0 ? localizedFormat("lastrunfinished", when) : plural("lastrunerrors", count, when);
     case State::Stopped:
-        if (!destinationFailure_.empty()) return localizedFormat("lastrundiskfailed", when, causeOf(destinationFailure_));
+        if (!destinationFailure_.empty()) return plural("lastrundiskfailed", notCopied_, when, causeOf(destinationFailure_));
         return count == 0 ? localizedFormat("lastrunstopped", when) : plural("lastrunstoppederrors", count, when);
     case State::NoRoom:
         return localizedFormat("lastrunnoroom", when);
     }
     return {};
 }
+
+QString FVRunOutcome::diskFailureSummary(const std::string& disk) const { return plural("backupdiskfailed", notCopied_, disk); }
 
 long long FVRunOutcome::errorCountFor(const std::string& sourcePath) const {
     long long count = 0;

@@ -35,7 +35,14 @@ public:
     long long interruptedCopied() const { return interruptedCopied_; }
     // The line naming why the destination ended the run (failed, gone); empty if it held.
     const std::string& destinationFailure() const { return destinationFailure_; }
-    void setDestinationFailure(std::string line) { destinationFailure_ = std::move(line); }
+    // notCopied: the items the run had found to copy and could not publish before the failure.
+    void setDestinationFailure(std::string line, long long notCopied) {
+        destinationFailure_ = std::move(line);
+        notCopied_ = notCopied;
+    }
+    long long notCopied() const { return notCopied_; }
+    // "The backup disk “disk” failed during the backup: N items were not copied."
+    QString diskFailureSummary(const std::string& disk) const;
 
     State state() const { return state_; }
     const QDateTime& time() const { return time_; }
@@ -55,6 +62,7 @@ private:
     std::string interruptedSource_;
     long long interruptedCopied_ = -1;
     std::string destinationFailure_;
+    long long notCopied_ = 0;
 };
 
 }  // namespace ferrovane

@@ -3,6 +3,7 @@
 #include "app/FVAlert.h"
 #include "app/FVQtStrings.h"
 #include "engine/config/FVMirrorLayout.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVMountTable.h"
 
 #include <QMessageBox>
@@ -34,7 +35,7 @@ FVRunStartChecks::Verdict FVRunStartChecks::check(const std::string& destination
         FVAlert::show(window_, "backupnotfound", "backupnotfoundlong")->raise();
         return Verdict::Away;
     }
-    if (access(destination.c_str(), R_OK) != 0 || access(destination.c_str(), W_OK) != 0) {
+    if (FVFileStatus::access(destination.c_str(), R_OK) != 0 || FVFileStatus::access(destination.c_str(), W_OK) != 0) {
         FVAlert::show(window_, "backupnotfound", "backupnotfoundlong")->raise();
         return Verdict::Unusable;
     }

@@ -3,6 +3,7 @@
 #include "cli/FVJsonText.h"
 #include "cli/FVOverdueJson.h"
 #include "cli/FVOutput.h"
+#include "fs/FVFileStatus.h"
 #include "scheduling/FVLaunchAgentManager.h"
 #include "scheduling/FVOverdueNotifier.h"
 #include "scheduling/FVScheduleSummary.h"
@@ -46,7 +47,7 @@ int main(bool json, bool notify) {
     for (const std::string& uuid : jobs.jobIdentifiers()) {
         // While the disk is away, a job that starts backups (not only verifications) says it is scheduled.
         auto written = [&](FVJobKind kind) {
-            return access((jobs.jobDirectory() + FVLaunchAgentManager::triggeringUnit(uuid, kind)).c_str(), F_OK) == 0;
+            return FVFileStatus::access((jobs.jobDirectory() + FVLaunchAgentManager::triggeringUnit(uuid, kind)).c_str(), F_OK) == 0;
         };
         const bool startsRuns = written(FVJobKind::Backup) || written(FVJobKind::Connect);
         FVOverdueState state = FVOverdueState::ofJob(uuid, startsRuns, store, now);

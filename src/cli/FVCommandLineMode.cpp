@@ -5,6 +5,7 @@
 #include "cli/FVOutput.h"
 #include "cli/FVRunSignals.h"
 #include "engine/run/FVLog.h"
+#include "engine/run/FVRunError.h"
 #include "engine/run/FVStrings.h"
 #include "fs/FVFileStatus.h"
 #include "fs/FVText.h"
@@ -150,18 +151,18 @@ std::string FVCommandLineMode::unavailableMessage() const {
     const std::string toSetUp = fmt::format("To make {} a destination: ferrovane config {} add SOURCE", destination,
                                             destination);
     struct stat st {};
-    if (stat(destinationPath_.c_str(), &st) != 0)
+    if (FVFileStatus::stat(destinationPath_.c_str(), &st) != 0)
         return fmt::format("cannot read the configuration {} ({}: {}). Is the disk connected? {}", settings,
                            destination, std::strerror(errno), toSetUp);
     if (!S_ISDIR(st.st_mode)) return fmt::format("{} is not a folder. {}", destination, toSetUp);
-    if (stat(settingsPath_.c_str(), &st) != 0)
+    if (FVFileStatus::stat(settingsPath_.c_str(), &st) != 0)
         return fmt::format("cannot read the configuration {} ({}). Is the disk connected? {}", settings,
                            std::strerror(errno), toSetUp);
     if (S_ISDIR(st.st_mode))
         return fmt::format("the configuration {} is a folder. Move it away, then: ferrovane config {} add SOURCE",
                            settings, destination);
     return fmt::format("cannot read the configuration {} ({}). Check its permissions, or run as its owner",
-                       settings, std::strerror(access(settingsPath_.c_str(), R_OK) == 0 ? EIO : errno));
+                       settings, std::strerror(FVFileStatus::access(settingsPath_.c_str(), R_OK) == 0 ? EIO : errno));
 }
 
 void FVCommandLineMode::refuseToLoad(const std::string& message) {
@@ -170,7 +171,7 @@ void FVCommandLineMode::refuseToLoad(const std::string& message) {
     log.setRunContext(destinationPath_, "");
     log.newLog();
     log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
-    log.addLogLine("ERROR: " + message);
+    log.addLogLine(FVRunError::item("starting", 0, destinationPath_, message).logLine());
     log.closeLog();
     if (std::string warning = log.unwrittenWarning(); !warning.empty())
         FVOutput::warning("{}", FVSearchText::printable(warning));

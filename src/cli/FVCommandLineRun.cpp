@@ -1,7 +1,7 @@
 #include "cli/FVCommandLineRun.h"
 
-#include "cli/FVExitStatus.h"
 #include "cli/FVOutput.h"
+#include "cli/FVRunEnding.h"
 #include "cli/FVRunJson.h"
 #include "engine/run/FVStrings.h"
 #include "fs/FVTestHook.h"
@@ -48,12 +48,13 @@ void FVCommandLineRun::itemChanged(FVItemChange change, const std::string& path)
     report_.say(fmt::format("{}: {}", what, FVSearchText::printable(path)));
 }
 
-void FVCommandLineRun::end(std::string_view outcome, const FVRunSummary& summary, int status) {
+void FVCommandLineRun::end(const FVRunEnding& ending, const FVRunSummary& summary) {
     report_.progress().finish();
-    if (report_.output().json) FVOutput::print(stdout, "{}\n", FVRunJson::summary(destinationPath_, *backupSession_, summary, outcome));
+    if (report_.output().json)
+        FVOutput::print(stdout, "{}\n", FVRunJson::summary(destinationPath_, *backupSession_, summary, ending.name()));
     else report_.say(summary.line());
     std::fflush(stdout);
-    loop_.stop(finishedStatus(status));
+    loop_.stop(ending.exitStatus(cancellingSignal_.load()));
 }
 
 void FVCommandLineRun::start() {
@@ -65,7 +66,7 @@ void FVCommandLineRun::start() {
         if (int signal = cancellingSignal_.load()) {
             report_.recordAttempt(FVJobOutcome::Stopped, fmt::format("stopped by signal {}", signal));
             report_.say(FVStrings::localized("backupstopped"));
-            end("stopped", FVRunSummary{{}, 0, 0, report_.dryRun(), true}, FVExitStatus::interrupted(signal));
+            end(FVRunEnding(FVRunEnding::Outcome::Stopped), FVRunSummary{{}, 0, 0, report_.dryRun(), true});
             return;
         }
         backupSession_->start();
@@ -124,48 +125,44 @@ void FVCommandLineRun::finishOnMainThread() {
     FVUserNotification notification{FVStrings::format("notificationfinished", FVText::lastPathComponent(destinationPath_)),
                                     backupSession_->finishedSummary(), ""};
     report_.printNotes(*backupSession_);
-    std::vector<std::string> errors = backupSession_->errorMessages();
+    const FVRunEnding ending = FVRunEnding::ofFinished(*backupSession_);
     notification.replacesPrevious = true;
-    notification.critical = !errors.empty();
-    if (!errors.empty()) {
+    notification.critical = ending.outcome() == FVRunEnding::Outcome::Errors;
+    switch (ending.outcome()) {
+    case FVRunEnding::Outcome::Errors: {
+        const std::vector<std::string> errors = backupSession_->errorMessages();
         notification.informativeText = FVStrings::formatPlural("notificationerrors", static_cast<long long>(errors.size()));
         report_.printErrors(errors);
         report_.recordAttempt(FVJobOutcome::Errors, errors.front());
-        report_.notify(notification, true);
-        end("errors", backupSession_->summary(), FVExitStatus::kRunFailed);
-        return;
+        break;
     }
     // A run that is not recorded made its backup, but not all the user asked of it.
-    const std::vector<std::string> warnings = backupSession_->warnings();
-    if (!warnings.empty()) {
-        notification.informativeText = warnings.front();
+    case FVRunEnding::Outcome::Warnings: {
+        const std::string warning = backupSession_->warnings().front();
+        notification.informativeText = warning;
         report_.say("\nSync finished with warnings.");
-        report_.recordAttempt(FVJobOutcome::Warnings, warnings.front());
-        report_.notify(notification, true);
-        end("warnings", backupSession_->summary(), FVExitStatus::kIncomplete);
-        return;
+        report_.recordAttempt(FVJobOutcome::Warnings, warning);
+        break;
     }
-    report_.say(report_.dryRun() ? "\nDry run finished: nothing was changed." : "\nSync finished successfully.");
-    report_.recordAttempt(FVJobOutcome::Finished);
+    default:
+        report_.say(report_.dryRun() ? "\nDry run finished: nothing was changed." : "\nSync finished successfully.");
+        report_.recordAttempt(FVJobOutcome::Finished);
+        break;
+    }
     report_.notify(notification, true);
-    end("finished", backupSession_->summary(), FVExitStatus::kOk);
-}
-
-// A signal that came while the run was saving its results (they are saved whole) still tells the
-// caller that the run was interrupted, as a signal at any earlier moment does.
-int FVCommandLineRun::finishedStatus(int status) const {
-    const int signal = cancellingSignal_.load();
-    return signal ? FVExitStatus::interrupted(signal) : status;
+    end(ending, backupSession_->summary());
 }
 
 void FVCommandLineRun::backupSessionDidCancel(FVBackupSession& session) {
+    const int signal = cancellingSignal_.load();
+    const FVRunEnding ending = FVRunEnding::ofCancelled(session, signal);
     // The user's own precondition said no: nothing was touched, and nothing more is to be said.
-    if (session.skippedByBeforeHook()) {
+    if (ending.outcome() == FVRunEnding::Outcome::Skipped) {
         report_.progress().finish();
         std::fflush(stdout);
         FVOutput::error("{}", FVSearchText::printable(session.refusal()));
         report_.recordAttempt(FVJobOutcome::Failed, session.refusal());
-        end("skipped", session.summary(), FVExitStatus::kIncomplete);
+        end(ending, session.summary());
         return;
     }
     report_.printNotes(*backupSession_);
@@ -174,22 +171,20 @@ void FVCommandLineRun::backupSessionDidCancel(FVBackupSession& session) {
     if (!errors.empty()) report_.printErrors(errors);
     report_.progress().finish();
     // Nobody stopped this run: the destination is too full for it; told apart by its status.
-    if (session.stoppedForSpace()) {
+    if (ending.outcome() == FVRunEnding::Outcome::NoSpace) {
         report_.say("Sync stopped before copying: not enough room.");
         FVUserNotification notification{FVStrings::format("notificationnoroom", FVText::lastPathComponent(destinationPath_)),
                                         "", session.refusal(), true, true};
         report_.notify(notification, false);
         report_.recordAttempt(FVJobOutcome::NoSpace, session.refusal());
-        end("no-space", session.summary(), FVExitStatus::kIncomplete);
+        end(ending, session.summary());
         return;
     }
     report_.say(FVStrings::localized("backupstopped"));
     report_.notify({FVStrings::format("notificationstopped", FVText::lastPathComponent(destinationPath_)), "", "", true}, false);
-    const int signal = cancellingSignal_.load();
     if (signal) report_.recordAttempt(FVJobOutcome::Stopped, fmt::format("stopped by signal {}", signal));
     else report_.recordAttempt(FVJobOutcome::Failed, errors.empty() ? std::string("the run stopped") : errors.front());
-    end(signal ? "stopped" : "failed", session.summary(),
-        signal ? FVExitStatus::interrupted(signal) : FVExitStatus::kRunFailed);
+    end(ending, session.summary());
 }
 
 }  // namespace ferrovane

@@ -4,6 +4,7 @@
 
 #include "backupset/BackupSetController.h"
 #include "cli/FVCommandLineReport.h"
+#include "cli/FVRunEnding.h"
 #include "engine/config/FVConfigurationFile.h"
 #include "engine/run/FVMainQueue.h"
 #include "engine/session/FVBackupSession.h"
@@ -40,12 +41,10 @@ public:
 private:
     void finishOnMainThread();
     // The end of every run that started: the summary line (or the JSON summary) on standard
-    // output, then the loop stops with status.
-    void end(std::string_view outcome, const FVRunSummary& summary, int status);
+    // output, then the loop stops with the ending's status.
+    void end(const FVRunEnding& ending, const FVRunSummary& summary);
     void itemChanged(FVItemChange change, const std::string& path);
     FVProgressStep progressStep(FVBackupSession& session);
-    // The status of a run that finished: the one given, or 128 + the signal that came meanwhile.
-    int finishedStatus(int status) const;
 
     FVCommandLineReport& report_;
     FVRunLoop& loop_;

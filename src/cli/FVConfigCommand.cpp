@@ -15,6 +15,8 @@
 #include "engine/config/FVOptions.h"
 #include "engine/config/FVPlacementChange.h"
 #include "engine/run/FVStrings.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVPathResolution.h"
 #include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 #include "scheduling/FVLaunchAgentManager.h"
@@ -164,17 +166,14 @@ std::string defaultText(const FVOptionRule& rule) {
 
 // The path with every link resolved, or the path itself when it cannot be resolved.
 std::string resolved(const std::string& path) {
-    char* real = realpath(path.c_str(), nullptr);
-    if (!real) return path;
-    std::string out = real;
-    free(real);
-    return out;
+    std::string real;
+    return FVPathResolution::realPath(path.c_str(), real) ? real : path;
 }
 
 // Added anyway: a source may be a disk that is not mounted yet.
 void warnAboutSource(const std::string& source, const std::string& destination) {
     struct stat st {};
-    if (lstat(source.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR))
+    if (FVFileStatus::lstat(source.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR))
         FVOutput::warning("{} does not exist (yet); it will be skipped until it does.", printable(source));
     if (FVText::isPathWithin(destination, source) || FVText::isPathWithin(resolved(destination), resolved(source)))
         FVOutput::warning("{} contains the destination; the destination will be left out of the backup.",
@@ -193,7 +192,7 @@ bool load(Configuration& config, bool includeLegacy, std::string& problem) {
     struct stat st {};
     for (const std::string& path : {FVConfigurationFile::formattedPath(config.destination),
                                     FVConfigurationFile::legacyPath(config.destination)}) {
-        if (lstat(path.c_str(), &st) != 0) {
+        if (FVFileStatus::lstat(path.c_str(), &st) != 0) {
             // Only a missing file means "no configuration yet"; one that cannot be looked at is not.
             if (errno != ENOENT) {
                 problem = "cannot read " + printable(path) + ": " + std::strerror(errno);
@@ -728,7 +727,7 @@ std::optional<int> lockForChange(FVDestinationLock& lock, const std::string& des
 std::optional<int> checkPlacement(const Arguments& a, const std::string& destination, bool folderPerSourceBefore,
                                   BackupSetController& list, FVOptionsPanelController& options) {
     const FVMirrorLayout layout = FVMirrorLayout::fromItems(
-        destination, FVOptionTable::read(*options.allOptions()).options.syncMode != 0, list.arrangedObjects());
+        destination, options.options().syncMode != 0, list.arrangedObjects());
     if (std::optional<std::string> problem = layout.validateAsSeen())
         return refuse(printable(*problem) + " Nothing was changed.");
     const FVPlacementChange placement(destination, folderPerSourceBefore, layout.folderPerSource(),
@@ -775,7 +774,7 @@ int setUpAfterWrite(const Change& change, const std::string& destination, FVOpti
 
 // Makes the change on the configuration as it is now and writes it.
 int applyChange(const Arguments& a, Configuration& config, FVLaunchAgentManager& jobs, const Change& change) {
-    if (access(config.destination.c_str(), W_OK) != 0)
+    if (FVFileStatus::access(config.destination.c_str(), W_OK) != 0)
         return fail("cannot write to the destination " + printable(config.destination) + ": " + std::strerror(errno));
     FVDestinationLock lock;
     if (std::optional<int> status = lockForChange(lock, config.destination)) return *status;
@@ -791,7 +790,7 @@ int applyChange(const Arguments& a, Configuration& config, FVLaunchAgentManager&
     FVOptionsPanelController options(jobs);
     options.setAllOptions(config.content.settings);
 
-    const bool folderPerSourceBefore = FVOptionTable::read(*options.allOptions()).options.syncMode != 0;
+    const bool folderPerSourceBefore = options.options().syncMode != 0;
     std::string message;
     if (!change.apply(list, options, message))
         return change.unknownSourceIsBadInput ? refuse(message + "; nothing was changed")
@@ -823,7 +822,7 @@ int main(const Arguments& a) {
     Configuration config;
     config.destination = absolutePath(a.destination);
     struct stat st {};
-    if (stat(config.destination.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+    if (FVFileStatus::stat(config.destination.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
         return fail("the destination " + printable(config.destination) + " is not an existing folder");
 
     FVLaunchAgentManager jobs(std::make_shared<FVProcessCommandRunner>());

@@ -2,12 +2,9 @@
 
 #include "cli/FVExitStatus.h"
 #include "cli/FVOutput.h"
+#include "fs/FVPathResolution.h"
 #include "fs/FVText.h"
 #include "search/FVSearchText.h"
-
-#include <unistd.h>
-
-#include <cstdlib>
 
 namespace ferrovane::FVDestinationArgument {
 
@@ -18,11 +15,8 @@ std::optional<int> refusal(const std::string& argument) {
         return FVExitStatus::kUsage;
     }
     // The path the user may have meant is only a hint: a working folder that is gone gives none.
-    std::string meant;
-    if (char* here = getcwd(nullptr, 0)) {
-        meant = FVText::standardizedPath(std::string(here) + "/" + argument);
-        std::free(here);
-    }
+    std::string meant = FVPathResolution::absolute(argument.c_str());
+    meant = meant.front() == '/' ? FVText::standardizedPath(meant) : "";
     if (meant.empty())
         FVOutput::error("the destination must be an absolute path: {}", FVSearchText::printable(argument));
     else

@@ -3,6 +3,8 @@
 #include "cli/FVOutput.h"
 #include "engine/config/FVExcludePattern.h"
 #include "engine/config/FVOptions.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVOpenFiles.h"
 #include "search/FVSearchText.h"
 
 #include <fmt/format.h>
@@ -26,7 +28,7 @@ std::string printable(std::string_view text) { return FVSearchText::printable(te
 std::string patternCount(size_t count) { return fmt::format("{} pattern{}", count, count == 1 ? "" : "s"); }
 
 std::optional<std::string> readWhole(const std::string& path, std::string& problem) {
-    FILE* file = path == "-" ? stdin : std::fopen(path.c_str(), "rbe");
+    FILE* file = path == "-" ? stdin : FVOpenFiles::fopen(path.c_str(), "rbe");
     if (!file) {
         problem = fmt::format("cannot read {}: {}", printable(path), std::strerror(errno));
         return std::nullopt;
@@ -38,7 +40,7 @@ std::optional<std::string> readWhole(const std::string& path, std::string& probl
         text.append(buffer, got);
     const bool failed = std::ferror(file);
     const int error = errno;
-    if (file != stdin) std::fclose(file);
+    if (file != stdin) FVOpenFiles::fclose(file);
     if (failed) problem = fmt::format("cannot read {}: {}", printable(path), std::strerror(error));
     else if (text.size() > kLargestFile) problem = fmt::format("{} is larger than 1 MiB: no list of patterns", printable(path));
     else return text;
@@ -49,7 +51,7 @@ std::optional<std::string> readWhole(const std::string& path, std::string& probl
 // path was most likely meant as that path.
 void warnAboutAnchoredPath(const std::string& pattern) {
     struct stat st {};
-    if (pattern.size() > 1 && pattern.front() == '/' && lstat(pattern.c_str(), &st) == 0)
+    if (pattern.size() > 1 && pattern.front() == '/' && FVFileStatus::lstat(pattern.c_str(), &st) == 0)
         FVOutput::warning("{} is matched below each source root (as {} there); to leave out that path itself: "
                           "ferrovane config DESTINATION add {} --mode exclude",
                           printable(pattern), printable(pattern.substr(1)), printable(pattern));

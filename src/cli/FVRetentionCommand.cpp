@@ -19,8 +19,8 @@ namespace ferrovane::FVRetentionCommand {
 
 namespace {
 
-const char* const kKeys[] = {FVOptionKey::retentionKeepAllDays, FVOptionKey::retentionDailyWeeks,
-                             FVOptionKey::retentionWeeklyMonths, FVOptionKey::retentionMonthlyYears};
+int64_t FVOptions::* const kFields[] = {&FVOptions::retentionKeepAllDays, &FVOptions::retentionDailyWeeks,
+                                        &FVOptions::retentionWeeklyMonths, &FVOptions::retentionMonthlyYears};
 
 std::optional<int64_t> wholeNumber(const std::string& text) {
     if (text.empty() || text.size() > 12) return std::nullopt;
@@ -46,7 +46,7 @@ std::optional<Request> parse(const std::vector<std::string>& words, std::string*
     }
     std::vector<int64_t> numbers;
     for (size_t i = 0; i < 4; ++i) {
-        const FVOptionRule* rule = FVOptionTable::find(kKeys[i]);
+        const FVOptionRule* rule = &FVOptionTable::rule(kFields[i]);
         std::optional<int64_t> number = wholeNumber(words[i]);
         if (!number || FVOptionTable::problem(*rule, PlistValue(*number))) {
             *problem = fmt::format("{} must be {}, not {}", i == 0 ? "DAYS" : i == 1 ? "WEEKS" : i == 2 ? "MONTHS" : "YEARS",
@@ -61,9 +61,9 @@ std::optional<Request> parse(const std::vector<std::string>& words, std::string*
 }
 
 std::string apply(const Request& request, PlistDict& options) {
-    if (request.enabled) options.set(FVOptionKey::retentionEnabled, *request.enabled);
+    if (request.enabled) FVOptionTable::store(options, &FVOptions::retentionEnabled, *request.enabled);
     if (request.numbers)
-        for (size_t i = 0; i < 4; ++i) options.set(kKeys[i], (*request.numbers)[i]);
+        for (size_t i = 0; i < 4; ++i) FVOptionTable::store(options, kFields[i], (*request.numbers)[i]);
     const FVOptions typed = FVOptionTable::read(options).options;
     if (!typed.retentionEnabled) return "Retention: off (runs are kept until the age purge or the free-space rule takes them).";
     return "Retention: on, keeping " + FVRetentionPolicy::of(typed).description() + ".";

@@ -9,6 +9,8 @@
 #include "engine/config/FVConfigurationFile.h"
 #include "engine/record/FVRunRecords.h"
 #include "engine/run/FVNumber.h"
+#include "fs/FVDirectoryEntries.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVText.h"
 #include "scheduling/FVOverdueState.h"
 #include "search/FVSearchText.h"
@@ -122,11 +124,11 @@ int cannotRead(const std::string& what, const std::string& why) {
 
 int main(const std::string& destinationArgument, bool json) {
     std::string destination = FVText::standardizedPath(destinationArgument);
-    DIR* folder = opendir(destination.c_str());
+    DIR* folder = FVDirectoryEntries::opendir(destination.c_str());
     if (!folder) return cannotRead("the destination " + destination, std::strerror(errno));
-    closedir(folder);
+    FVDirectoryEntries::closedir(folder);
     std::string settingsPath = FVConfigurationFile::formattedPath(destination);
-    if (access(settingsPath.c_str(), R_OK) != 0)
+    if (FVFileStatus::access(settingsPath.c_str(), R_OK) != 0)
         return cannotRead("the configuration " + settingsPath,
                           errno == ENOENT ? "there is none: this is not a backup destination" : std::strerror(errno));
     FVConfigurationReadResult loaded = FVConfigurationFile::read(settingsPath);

@@ -5,6 +5,8 @@
 #include "cli/FVJsonText.h"
 
 #include "engine/run/FVMainQueue.h"
+#include "fs/FVDirectoryEntries.h"
+#include "fs/FVFileStatus.h"
 #include "search/FVDestinationSearch.h"
 #include "search/FVSearchText.h"
 
@@ -34,19 +36,19 @@ private:
 // The version's modification time (links not followed), null when it cannot be read.
 std::string modifiedTime(const std::string& path) {
     struct stat st {};
-    return lstat(path.c_str(), &st) == 0 ? FVJsonText::time(st.st_mtime) : "null";
+    return FVFileStatus::lstat(path.c_str(), &st) == 0 ? FVJsonText::time(st.st_mtime) : "null";
 }
 
 }  // namespace
 
 int main(const std::string& destination, const std::string& text, bool json) {
-    DIR* folder = opendir(destination.c_str());
+    DIR* folder = FVDirectoryEntries::opendir(destination.c_str());
     if (!folder) {
         FVOutput::error("cannot read the destination {}: {}",
                    FVSearchText::printable(destination), std::strerror(errno));
         return FVExitStatus::kUsage;
     }
-    closedir(folder);
+    FVDirectoryEntries::closedir(folder);
 
     FVRunLoop loop;
     StopWhenFinished observer(loop);

@@ -12,10 +12,12 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <initializer_list>
+#include <string_view>
 
 namespace ferrovane {
 
@@ -27,6 +29,15 @@ constexpr timespec kProbeTime{1'000'000'001, 987'654'321};
 constexpr int64_t kOneSecond = 1'000'000'000;
 constexpr int64_t kTwoSeconds = 2 * kOneSecond;
 // What FAT and exFAT refuse besides control characters; NTFS refuses the same to Windows only.
+// Types whose every request is a round trip to a server; the type name is all a run can go by,
+// since a loopback server answers as fast as a slow disk.
+bool servedOverNetwork(const std::string& type) {
+    static constexpr std::string_view kNetworkTypes[] = {"nfs",   "nfs4",       "cifs",       "smb3",     "9p",
+                                                         "ceph",  "glusterfs",  "fuse.sshfs", "fuse.davfs", "davfs",
+                                                         "fuse.rclone", "fuse.glusterfs", "afs", "fuse.s3fs"};
+    return std::find(std::begin(kNetworkTypes), std::end(kNetworkTypes), type) != std::end(kNetworkTypes);
+}
+
 constexpr const char* kFatRefusedPunctuation = "\\:*?\"<>|";
 
 int64_t nanoseconds(const timespec& t) { return static_cast<int64_t>(t.tv_sec) * 1'000'000'000 + t.tv_nsec; }
@@ -67,11 +78,41 @@ std::string swappedCase(const std::string& name) {
     return swapped;
 }
 
+// Whether times, modes, owners and extended attributes stay on the file fd; st: its status after.
+void probeFileAttributes(int fd, FVDestinationProfile& profile, struct stat& st) {
+    const timespec times[2] = {kProbeTime, kProbeTime};
+    const bool timesSet = futimens(fd, times) == 0;
+    profile.keepsModes = fchmod(fd, 0600) == 0;
+    static const uid_t euid = geteuid();
+    // Another owner: only the superuser may give one. For anyone else, whether modes stick
+    // is all that matters.
+    const uid_t otherOwner = euid == 0 ? 4242 : euid;
+    profile.keepsOwners = euid != 0 || fchown(fd, otherOwner, static_cast<gid_t>(-1)) == 0;
+    profile.extendedAttributes = fsetxattr(fd, "user.ferrovane.probe", "1", 1, 0) == 0;
+    if (fstat(fd, &st) == 0) {
+        profile.timeGranularityNs = timesSet ? granularityOf(kProbeTime, st.st_mtim) : kTwoSeconds;
+        profile.keepsModes = profile.keepsModes && (st.st_mode & 07777) == 0600;
+        profile.keepsOwners = profile.keepsOwners && profile.keepsModes && st.st_uid == otherOwner;
+    }
+}
+
+// How long a name may be and which bytes the file system refuses in one, tried in folderFd.
+void probeNames(int folderFd, FVDestinationProfile& profile) {
+    struct statvfs vfs {};
+    if (fstatvfs(folderFd, &vfs) == 0 && vfs.f_namemax > 0) profile.maxNameLength = vfs.f_namemax;
+    // A colon stands for the punctuation FAT and exFAT refuse together.
+    if (refusesName(folderFd, "a:b")) profile.refusedNameBytes = kFatRefusedPunctuation;
+    if (refusesName(folderFd, "a\x01")) profile.refusedNameBytes += controlBytes(false);
+    if (refusesName(folderFd, "a\x7f")) profile.refusedNameBytes += '\x7f';
+    profile.utf8NamesOnly = refusesName(folderFd, "a\xff");
+}
+
 }  // namespace
 
 FVDestinationProfile FVDestinationProbe::defaultsForType(const std::string& type) {
     FVDestinationProfile profile;
     profile.fileSystemType = type;
+    profile.remote = servedOverNetwork(type);
     const bool fat = type == "vfat" || type == "msdos" || type == "fuse.fusefat";
     const bool exfat = type == "exfat" || type == "fuse.exfat";
     const bool ntfs = type == "ntfs" || type == "ntfs3" || type == "fuse.ntfs-3g";
@@ -129,6 +170,7 @@ FVDestinationProfile FVDestinationProbe::probe() {
     }
     FVDestinationProfile profile;
     profile.fileSystemType = type;
+    profile.remote = servedOverNetwork(type);
     FVFd folder(openat(root.get(), folderName, kFolderFlags));
     FVFd file(folder.valid() ? openat(folder.get(), "Probe", O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644)
                              : -1);
@@ -137,21 +179,8 @@ FVDestinationProfile FVDestinationProbe::probe() {
         problem_ = fmt::format("cannot make a file in {}: {}", rootPath_, std::strerror(errno));
         profile = defaultsForType(type);
     } else {
-        const timespec times[2] = {kProbeTime, kProbeTime};
-        const bool timesSet = futimens(file.get(), times) == 0;
-        profile.keepsModes = fchmod(file.get(), 0600) == 0;
-        static const uid_t euid = geteuid();
-        // Another owner: only the superuser may give one. For anyone else, whether modes stick
-        // is all that matters.
-        const uid_t otherOwner = euid == 0 ? 4242 : euid;
-        profile.keepsOwners = euid != 0 || fchown(file.get(), otherOwner, static_cast<gid_t>(-1)) == 0;
-        profile.extendedAttributes = fsetxattr(file.get(), "user.ferrovane.probe", "1", 1, 0) == 0;
         struct stat st {};
-        if (fstat(file.get(), &st) == 0) {
-            profile.timeGranularityNs = timesSet ? granularityOf(kProbeTime, st.st_mtim) : kTwoSeconds;
-            profile.keepsModes = profile.keepsModes && (st.st_mode & 07777) == 0600;
-            profile.keepsOwners = profile.keepsOwners && profile.keepsModes && st.st_uid == otherOwner;
-        }
+        probeFileAttributes(file.get(), profile, st);
         file.reset();
         struct stat other {};
         profile.caseInsensitive = fstatat(folder.get(), "pROBE", &other, AT_SYMLINK_NOFOLLOW) == 0;
@@ -174,13 +203,7 @@ FVDestinationProfile FVDestinationProbe::probe() {
                             utimensat(folder.get(), "Link", linkTimes, AT_SYMLINK_NOFOLLOW) == 0 &&
                             fstatat(folder.get(), "Link", &link, AT_SYMLINK_NOFOLLOW) == 0 &&
                             granularityOf(kProbeTime, link.st_mtim) <= profile.timeGranularityNs;
-        struct statvfs vfs {};
-        if (fstatvfs(folder.get(), &vfs) == 0 && vfs.f_namemax > 0) profile.maxNameLength = vfs.f_namemax;
-        // A colon stands for the punctuation FAT and exFAT refuse together.
-        if (refusesName(folder.get(), "a:b")) profile.refusedNameBytes = kFatRefusedPunctuation;
-        if (refusesName(folder.get(), "a\x01")) profile.refusedNameBytes += controlBytes(false);
-        if (refusesName(folder.get(), "a\x7f")) profile.refusedNameBytes += '\x7f';
-        profile.utf8NamesOnly = refusesName(folder.get(), "a\xff");
+        probeNames(folder.get(), profile);
     }
     folder.reset();
     if (int error = FVConfinedDirectory::removeRecursivelyAt(root.get(), temporaryName_); error != 0 && problem_.empty()) {
@@ -197,6 +220,7 @@ FVDestinationProfile FVDestinationProbe::probe() {
 
 std::string FVDestinationProbe::describe(const FVDestinationProfile& p) {
     std::string text = p.fileSystemType.empty() ? "unknown type" : p.fileSystemType;
+    if (p.remote) text += ", over the network";
     if (p.timeGranularityNs == 1) text += ", exact times";
     else if (p.timeGranularityNs < 1'000'000) text += fmt::format(", times to {} ns", p.timeGranularityNs);
     else if (p.timeGranularityNs < 1'000'000'000) text += fmt::format(", times to {} ms", p.timeGranularityNs / 1'000'000);

@@ -12,6 +12,9 @@ namespace ferrovane {
 struct FVDestinationProfile {
     // The mount's type from the mount table ("ext4", "fuse.exfat", ...), for the log.
     std::string fileSystemType;
+    // Served over a network (NFS, SMB, sshfs, WebDAV, 9p ...): every request waits for a round trip,
+    // so copies go faster with many of them in flight.
+    bool remote = false;
     // The finest modification time the file system keeps: 1 ns on ext4, btrfs, xfs and tmpfs,
     // 100 ns on NTFS, 1 s on exFAT, 2 s on FAT.
     int64_t timeGranularityNs = 1;

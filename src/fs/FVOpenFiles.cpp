@@ -10,6 +10,11 @@ int openat(int dirFd, const char* name, int flags, mode_t mode) { return ::opena
 int close(int fd) { return ::close(fd); }
 FILE* fopen(const char* path, const char* mode) { return std::fopen(path, mode); }
 int fclose(FILE* stream) { return std::fclose(stream); }
-int duplicate(int fd) { return ::fcntl(fd, F_DUPFD_CLOEXEC, 0); }
+int duplicate(int fd) { return ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); }
+
+int setNonBlocking(int fd) {
+    const int flags = ::fcntl(fd, F_GETFL);
+    return flags < 0 ? -1 : ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+}
 
 }  // namespace ferrovane::FVOpenFiles

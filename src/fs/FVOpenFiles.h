@@ -13,7 +13,9 @@ int close(int fd);
 // A buffered stream (fopen's modes, "e" for close-on-exec); nullptr with errno.
 FILE* fopen(const char* path, const char* mode);
 int fclose(FILE* stream);
-// A second descriptor of the same open file, closed on exec.
+// A second descriptor of the same open file, closed on exec and never in a standard stream's place.
 int duplicate(int fd);
+// Reads and writes on fd return at once instead of waiting.
+int setNonBlocking(int fd);
 
 }  // namespace ferrovane::FVOpenFiles

@@ -1,5 +1,7 @@
 #include "platform/FVCommandRunner.h"
 
+#include "fs/FVFileData.h"
+#include "fs/FVOpenFiles.h"
 #include "platform/FVCancellingSignals.h"
 
 #include <fcntl.h>
@@ -42,9 +44,9 @@ FVCommandResult FVProcessCommandRunner::run(const std::vector<std::string>& argv
     int error = posix_spawnp(&pid, args[0], &actions, &attributes, args.data(), environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
-    close(errorPipe[1]);
+    FVOpenFiles::close(errorPipe[1]);
     if (error != 0) {
-        close(errorPipe[0]);
+        FVOpenFiles::close(errorPipe[0]);
         result.error = argv[0] + ": " + std::strerror(error);
         return result;
     }
@@ -52,14 +54,14 @@ FVCommandResult FVProcessCommandRunner::run(const std::vector<std::string>& argv
     std::string errorOutput;
     char buffer[4096];
     for (;;) {
-        ssize_t n = read(errorPipe[0], buffer, sizeof buffer);
+        ssize_t n = FVFileData::read(errorPipe[0], buffer, sizeof buffer);
         if (n > 0) {
             if (errorOutput.size() < 16384) errorOutput.append(buffer, size_t(n));
         } else if (n == 0 || errno != EINTR) {
             break;
         }
     }
-    close(errorPipe[0]);
+    FVOpenFiles::close(errorPipe[0]);
     while (!errorOutput.empty() && (errorOutput.back() == '\n' || errorOutput.back() == ' ')) errorOutput.pop_back();
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {

@@ -1,5 +1,7 @@
 #include "platform/FVHookProcess.h"
 
+#include "fs/FVFileData.h"
+#include "fs/FVOpenFiles.h"
 #include "platform/FVCancellingSignals.h"
 
 #include <fcntl.h>
@@ -70,22 +72,14 @@ bool hasEnded(pid_t pid) {
     return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid;
 }
 
-}  // namespace
-
-FVHookProcessResult FVHookProcess::run(const std::string& command, const Environment& environment,
-                                       std::chrono::milliseconds limit, const LineHandler& output,
-                                       const StopRequest& stop) {
-    FVHookProcessResult result;
-    int pipeFds[2];
-    if (pipe2(pipeFds, O_CLOEXEC) != 0) {
-        result.error = std::string("cannot create a pipe: ") + std::strerror(errno);
-        return result;
-    }
+// Starts the command under /bin/sh in a process group of its own, its output and errors into
+// outputFd. Returns 0, or the error number of a start that failed.
+int spawnShell(const std::string& command, const FVHookProcess::Environment& environment, int outputFd, pid_t& pid) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, outputFd, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, outputFd, STDERR_FILENO);
     // Not the destination: a hook that unmounts it would find its own working folder in the way.
     posix_spawn_file_actions_addchdir_np(&actions, "/");
     posix_spawnattr_t attributes;
@@ -100,13 +94,28 @@ FVHookProcessResult FVHookProcess::run(const std::string& command, const Environ
     envp.push_back(nullptr);
     std::string shell = "/bin/sh", dashC = "-c", text = command;
     char* argv[] = {shell.data(), dashC.data(), text.data(), nullptr};
-    pid_t pid = 0;
     const int error = posix_spawn(&pid, "/bin/sh", &actions, &attributes, argv, envp.data());
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
-    close(pipeFds[1]);
+    return error;
+}
+
+}  // namespace
+
+FVHookProcessResult FVHookProcess::run(const std::string& command, const Environment& environment,
+                                       std::chrono::milliseconds limit, const LineHandler& output,
+                                       const StopRequest& stop) {
+    FVHookProcessResult result;
+    int pipeFds[2];
+    if (pipe2(pipeFds, O_CLOEXEC) != 0) {
+        result.error = std::string("cannot create a pipe: ") + std::strerror(errno);
+        return result;
+    }
+    pid_t pid = 0;
+    const int error = spawnShell(command, environment, pipeFds[1], pid);
+    FVOpenFiles::close(pipeFds[1]);
     if (error != 0) {
-        close(pipeFds[0]);
+        FVOpenFiles::close(pipeFds[0]);
         result.error = std::string("cannot run /bin/sh: ") + std::strerror(error);
         return result;
     }
@@ -131,11 +140,11 @@ FVHookProcessResult FVHookProcess::run(const std::string& command, const Environ
         pollfd fd{readEnd, POLLIN, 0};
         // Once the output is closed, poll only waits out the slice.
         if (poll(&fd, 1, static_cast<int>(kSlice.count())) > 0) {
-            ssize_t n = read(readEnd, buffer, sizeof buffer);
+            ssize_t n = FVFileData::read(readEnd, buffer, sizeof buffer);
             if (n > 0) {
                 lines.add(buffer, static_cast<size_t>(n));
             } else if (n == 0 || errno != EINTR) {
-                close(readEnd);
+                FVOpenFiles::close(readEnd);
                 readEnd = -1;
             }
         }
@@ -144,10 +153,10 @@ FVHookProcessResult FVHookProcess::run(const std::string& command, const Environ
     if (terminating) kill(-pid, SIGKILL);
     if (readEnd >= 0) {
         // What is already written is read; a process the command left running does not hold the run.
-        fcntl(readEnd, F_SETFL, O_NONBLOCK);
-        for (ssize_t n; (n = read(readEnd, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR);)
+        FVOpenFiles::setNonBlocking(readEnd);
+        for (ssize_t n; (n = FVFileData::read(readEnd, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR);)
             if (n > 0) lines.add(buffer, static_cast<size_t>(n));
-        close(readEnd);
+        FVOpenFiles::close(readEnd);
     }
     lines.finish();
     int status = 0;

@@ -1,5 +1,7 @@
 #include "platform/FVJournalSink.h"
 
+#include "fs/FVFileStatus.h"
+
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <syslog.h>
@@ -20,7 +22,7 @@ bool connected() {
     const std::string device = value.substr(0, colon), inode = value.substr(colon + 1);
     for (int fd : {STDERR_FILENO, STDOUT_FILENO}) {
         struct stat st {};
-        if (fstat(fd, &st) == 0 && std::to_string(st.st_dev) == device && std::to_string(st.st_ino) == inode)
+        if (FVFileStatus::fstat(fd, &st) == 0 && std::to_string(st.st_dev) == device && std::to_string(st.st_ino) == inode)
             return true;
     }
     return false;

@@ -1,5 +1,7 @@
 #include "platform/FVMountWatcher.h"
 
+#include "fs/FVFileData.h"
+#include "fs/FVOpenFiles.h"
 #include "platform/FVSystemLog.h"
 
 #include <libmount/libmount.h>
@@ -35,10 +37,10 @@ public:
 
     ~FVLibmountWatcher() override {
         uint64_t one = 1;
-        ssize_t ignored = write(stopFd_, &one, sizeof one);
+        ssize_t ignored = FVFileData::write(stopFd_, &one, sizeof one);
         (void)ignored;
         thread_.join();
-        close(stopFd_);
+        FVOpenFiles::close(stopFd_);
         mnt_unref_monitor(monitor_);
     }
 

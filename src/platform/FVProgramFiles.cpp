@@ -1,5 +1,9 @@
 #include "platform/FVProgramFiles.h"
 
+#include "fs/FVFileStatus.h"
+#include "fs/FVLinks.h"
+
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,14 +20,14 @@ std::string folderOf(const std::string& path) {
 
 bool isExecutable(const std::string& path) {
     struct stat st {};
-    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
+    return FVFileStatus::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && FVFileStatus::access(path.c_str(), X_OK) == 0;
 }
 
 }  // namespace
 
 std::string running() {
     char buffer[PATH_MAX];
-    ssize_t length = readlink("/proc/self/exe", buffer, sizeof buffer);
+    ssize_t length = FVLinks::readlinkat(AT_FDCWD, "/proc/self/exe", buffer, sizeof buffer);
     if (length <= 0 || static_cast<size_t>(length) >= sizeof buffer) return "";
     return std::string(buffer, static_cast<size_t>(length));
 }

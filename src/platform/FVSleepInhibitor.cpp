@@ -1,5 +1,7 @@
 #include "platform/FVSleepInhibitor.h"
 
+#include "fs/FVOpenFiles.h"
+
 #include <fcntl.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -23,7 +25,7 @@ bool FVSleepInhibitor::acquire(const std::string& why) {
                                "sleep:idle", "Ferrovane", why.c_str(), "block");
     int fd = -1;
     if (r >= 0 && sd_bus_message_read(reply, "h", &fd) >= 0 && fd >= 0)
-        fd_.store(fcntl(fd, F_DUPFD_CLOEXEC, 3));  // the reply owns fd; the lock lasts while ours is open
+        fd_.store(FVOpenFiles::duplicate(fd));  // the reply owns fd; the lock lasts while ours is open
     if (fd_.load() < 0)
         problem_ = std::string("logind refused: ") +
                    (error.message ? error.message : r < 0 ? std::strerror(-r) : "no lock in its answer");
@@ -35,7 +37,7 @@ bool FVSleepInhibitor::acquire(const std::string& why) {
 
 void FVSleepInhibitor::release() {
     int fd = fd_.exchange(-1);
-    if (fd >= 0) close(fd);
+    if (fd >= 0) FVOpenFiles::close(fd);
 }
 
 }  // namespace ferrovane

@@ -21,7 +21,6 @@ public:
     const PlistDictPtr& allOptions() const { return options_; }
     // The options as a run reads them: a value that cannot be used reads as its default.
     FVOptions options() const { return FVOptionTable::read(*options_).options; }
-    bool boolForOptionsKey(std::string_view key) const { return options_->boolValue(key); }
     std::string uuid() const;
 
     // Creates and stores the UUID on first need, then writes each job (calendar, disk connected,

@@ -82,9 +82,10 @@ class RecordingNotifier final : public FVUserNotifier {
 public:
     bool deliver(const FVUserNotification& notification) override {
         titles.push_back(notification.title);
+        subtitles.push_back(notification.subtitle);
         return true;
     }
-    std::vector<std::string> titles;
+    std::vector<std::string> titles, subtitles;
 };
 
 // The access key of a menu or button text: the letter after a single '&', or none.
@@ -1114,28 +1115,42 @@ private slots:
         fs::rename(later + ".gone", later);
         if (!ownDisk) QSKIP("unmounting the destination under a run needs root");
 
-        // Unmounted under the run: one outcome that names the cause, in the row, the line under
-        // the list, the cover and first in the error panel.
-        ferrovane::test::writeFile(busy + "/newer", "newer");
-        hooks.arm("between-files", "Busy/newer");
+        // Unmounted under the run, with two files held in their copies (one on each copy thread):
+        // one outcome that names the cause and one count of what was not copied, in the row, the
+        // line under the list, the cover, the error panel, the notification and the launcher.
+        for (const char* name : {"newer", "newest"}) ferrovane::test::writeFile(busy + "/" + name, std::string(3 << 20, 'n'));
+        hooks.arm("data-copy-under-way", "Busy/newer");
+        hooks.arm("during-data-copy", "Busy/newest");
         hooks.arm("unmount-seen", "", false);
+        QWidget front;
+        front.show();
+        front.activateWindow();
+        QTRY_VERIFY_WITH_TIMEOUT(!app_->window()->isActiveWindow(), kPatience);
         app_->window()->startButton()->click();
-        QTRY_VERIFY_WITH_TIMEOUT(hooks.waitUntilReached("between-files", 0), kPatience);
+        for (const char* moment : {"data-copy-under-way", "during-data-copy"})
+            QTRY_VERIFY_WITH_TIMEOUT(hooks.waitUntilReached(moment, 0), kPatience);
         QVERIFY(umount2(destination.c_str(), MNT_DETACH) == 0);
         QTRY_VERIFY_WITH_TIMEOUT(hooks.waitUntilReached("unmount-seen", 0), kPatience);
-        hooks.release("between-files");
+        for (const char* moment : {"data-copy-under-way", "during-data-copy"}) hooks.release(moment);
         QVERIFY(ended.wait(kPatience));
         const std::string failure = app_->runOutcome().destinationFailure();
         QVERIFY2(failure.find("unmounted unexpectedly (" + destination + ")") != std::string::npos, failure.c_str());
+        const QString notCopied = QString::fromStdString(FVStrings::formatPlural("backupdiskfailed", 2, "disk"));
         // The disk is away now: the list waits for its return, the outcome line keeps the cause.
-        QVERIFY(app_->window()->lastRunLine()->text().endsWith(QString::fromStdString(FVRunOutcome::causeOf(failure))));
+        const QString line = app_->window()->lastRunLine()->text();
+        QVERIFY2(line.endsWith("2 items not copied: " + QString::fromStdString(FVRunOutcome::causeOf(failure))), qPrintable(line));
         auto* panel = awaitDialog<FVErrorPanel>();
         QVERIFY(panel->text().startsWith(QString::fromStdString(failure)));
+        QCOMPARE(panel->heading(), notCopied);
+        QCOMPARE(notifier_->subtitles.back(), "2 items were not copied.");
+        QCOMPARE(app_->launcherEntry().shownCount(), 2);
         // The cover's text stays in view above the panel.
         QCOMPARE(cover()->message(), awayLine(destination));
+        QCOMPARE(cover()->detailMessage(), notCopied);
         auto* message = cover()->findChild<QLabel*>("coverMessage");
         QVERIFY(!panel->frameGeometry().intersects(QRect(message->mapToGlobal(QPoint()), message->size())));
         panel->accept();
+        QCOMPARE(app_->launcherEntry().shownCount(), 0);
     }
 
     void launcherEntryShowsThrottledProgressAndClearsIt() {

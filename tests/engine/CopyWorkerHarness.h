@@ -31,10 +31,13 @@ public:
         std::lock_guard lock(mutex_);
         progress_.push_back(fraction);
     }
-    void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override {
-        static constexpr const char* kNames[] = {"INFO", "WARNING", "ERROR"};
+    void copyWorkerDidGenerateMessage(const std::string& message) override {
         std::lock_guard lock(mutex_);
-        messages_.push_back(kNames[static_cast<int>(level)] + (" " + message));
+        messages_.push_back("INFO " + message);
+    }
+    void copyWorkerDidFail(const FVRunError& error) override {
+        std::lock_guard lock(mutex_);
+        messages_.push_back((error.kind == FVRunError::Kind::Warning ? "WARNING " : "ERROR ") + error.logLine());
     }
     void copyWorkerDidFinishCopy() override { end(finished_); }
     void copyWorkerDidCancel() override { end(cancelled_); }

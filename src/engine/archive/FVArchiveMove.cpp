@@ -1,6 +1,7 @@
 #include "engine/archive/FVArchiveMove.h"
 
 #include "engine/copy/FVTemporaryEntry.h"
+#include "engine/run/FVRunError.h"
 #include "fs/FVDataCopier.h"
 #include "fs/FVDirectoryWalker.h"
 #include "fs/FVFileStatus.h"
@@ -87,8 +88,10 @@ FVFd FVArchiveMove::copyInto(int in, const struct stat& st, FVTemporaryEntry& en
     if (!FVItemMetadata::cloneTimes(st, {out.get(), false}, &error) ||
         !FVItemMetadata::cloneStatusAndAttributes({in, false}, st, {out.get(), false}, cloneACL_, &error, nullptr,
                                                   &keeps_))
-        status_.log(fmt::format("WARNING: Could not preserve metadata on the archived copy of {} ({})", path,
-                                std::strerror(error)));
+        status_.report(FVRunError::warning("archiving", error, path,
+                                           fmt::format("Could not preserve metadata on the archived copy of {} ({})",
+                                                       path, std::strerror(error)))
+                           .loggedOnly());
     if (FVFileSystemFlush::fsync(out.get()) != 0) return FVFd();
     return out;
 }
@@ -123,11 +126,13 @@ int FVArchiveMove::unshareBelow(const std::string& folder) const {
             FVTimestamps::futimens(dirFd, times);
         }
         if (done) continue;
-        if (status_.stopOnFatalDestinationError(failure, "archiving", entry->path)) return failure;
+        if (status_.report(FVRunError::atDestination("archiving", failure, entry->path,
+                                                     fmt::format("Could not give {} a copy of its own before it is "
+                                                                 "archived: it shares its data with the mirror ({})",
+                                                                 entry->path, std::strerror(failure)))
+                               .loggedOnly()))
+            return failure;
         if (firstFailure == 0) firstFailure = failure;
-        status_.log(fmt::format("ERROR: Could not give {} a copy of its own before it is archived: it shares its data "
-                                "with the mirror ({})",
-                                entry->path, std::strerror(failure)));
     }
     return firstFailure;
 }

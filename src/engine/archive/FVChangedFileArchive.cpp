@@ -1,6 +1,7 @@
 #include "engine/archive/FVChangedFileArchive.h"
 
 #include "engine/archive/FVArchiveMove.h"
+#include "engine/run/FVRunError.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 
@@ -50,9 +51,12 @@ bool FVChangedFileArchive::archiveBeforeOverwrite(FVFileSystemItem& destination)
     }
     // The old version stays where it is and the item is not copied this time: overwriting it
     // now would lose the only copy of that version. The next run tries again.
-    if (status_.stopOnFatalDestinationError(error, "archiving", path)) return false;
     const char* reason = std::strerror(error);
-    status_.log(fmt::format("ERROR: Archiving of {} failed: {} ({})", what, path, reason));
+    // Its entry in the error list has always been worded apart from its log line.
+    if (status_.report(FVRunError::atDestination("archiving", error, path,
+                                                 fmt::format("Archiving of {} failed: {} ({})", what, path, reason))
+                           .loggedOnly()))
+        return false;
     status_.addError(fmt::format("Archiving {} failed: {} ({})", what, path, reason));
     FVSystemLog::error("FVSyncingBackup",
                        fmt::format("Archiving {} failed: {} -> {} ({})", what, path, *archived, reason));

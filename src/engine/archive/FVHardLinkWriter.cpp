@@ -2,6 +2,7 @@
 
 #include "engine/analysis/FVChangeDecision.h"
 #include "engine/copy/FVTemporaryEntry.h"
+#include "engine/run/FVRunError.h"
 #include "fs/FVFileStatus.h"
 #include "fs/FVLinks.h"
 #include "fs/FVText.h"
@@ -106,10 +107,13 @@ FVHardLinkWriter::Outcome FVHardLinkWriter::replaceWithLink(const FVHardLinkGrou
             return FVLinks::linkat(firstFolder, firstName.c_str(), folder, temporary, 0);
         }) != 0) {
         const int error = errno;
-        if (status_.stopOnFatalDestinationError(error, "linking", path)) return Outcome::Done;
-        status_.log(fmt::format("WARNING: Could not link {} to {} ({}); it is backed up as a file of its own.", path,
-                                request.firstDestinationPath, std::strerror(error)));
-        return Outcome::CopySeparately;
+        const bool fatal = status_.report(
+            FVRunError::atDestination("linking", error, path,
+                                      fmt::format("Could not link {} to {} ({}); it is backed up as a file of its own.",
+                                                  path, request.firstDestinationPath, std::strerror(error)),
+                                      FVRunError::Kind::Warning)
+                .loggedOnly());
+        return fatal ? Outcome::Done : Outcome::CopySeparately;
     }
     // An old entry that already held this version is not archived again: the link holds it.
     if (old && !request.destinationCurrent) {

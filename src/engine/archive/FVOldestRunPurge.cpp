@@ -1,6 +1,7 @@
 #include "engine/archive/FVOldestRunPurge.h"
 
 #include "engine/record/FVRunRecords.h"
+#include "engine/run/FVRunError.h"
 
 #include <fmt/format.h>
 
@@ -67,7 +68,9 @@ std::string FVOldestRunPurge::remove(const FVRunPurgeUnit& unit, const std::vect
     for (const std::string& path : pathsOf(unit, runs)) {
         const int error = destination_.removeUnlocking(path);
         if (error != 0 && error != ENOENT)
-            return fmt::format("WARNING: Could not remove {} to make room: {}", path, std::strerror(error));
+            return FVRunError::warning("making room", error, path,
+                                       fmt::format("Could not remove {} to make room: {}", path, std::strerror(error)))
+                .logLine();
         log(fmt::format("Removed {} to make room", path));
     }
     return {};

@@ -68,7 +68,7 @@ bool FVDestinationFolders::ensureFolder(FVCopyThreadState& state, const std::str
     bool created = false;
     state.lastDirectoryFd = openFolderOnceSettled(path, &state.lastDirectoryError, &created);
     if (created && worker_.verboseLogging)
-        worker_.sendMessage(fmt::format("Creating directory {}", path), FVMessageLevel::Info);
+        worker_.sendMessage(fmt::format("Creating directory {}", path));
     return state.lastDirectoryFd.valid();
 }
 
@@ -104,7 +104,7 @@ void FVDestinationFolders::ensureDirectoryItem(FVCopyThreadState& state, FVFileS
         }
         exists = false;
     } else if (!exists && worker_.verboseLogging) {
-        worker_.sendMessage(fmt::format("Creating directory {}", path), FVMessageLevel::Info);
+        worker_.sendMessage(fmt::format("Creating directory {}", path));
     }
     int made = 0;
     if (!exists && FVItemCreation::mkdirat(parent.get(), name.c_str(), 0777) != 0 && errno != EEXIST) {

@@ -23,8 +23,7 @@ void FVDirectoryMetadataFinisher::add(const std::string& source, const std::stri
 
 void FVDirectoryMetadataFinisher::finish() {
     const bool verbose = worker_.verboseLogging;
-    auto send = [this](const std::string& message, FVMessageLevel level) { worker_.sendMessage(message, level); };
-    if (verbose) send("Cloning all directory attributes...", FVMessageLevel::Info);
+    if (verbose) worker_.sendMessage("Cloning all directory attributes...");
     std::lock_guard lock(mutex_);
     for (size_t i = 0; i < store_.size(); ++i) {
         std::string sourcePath(store_.source(i));
@@ -33,8 +32,7 @@ void FVDirectoryMetadataFinisher::finish() {
         struct stat st {};
         if (sourceError == ENOENT) {
             if (verbose)
-                send(fmt::format("Directory metadata cloning failed because source vanished: {}", sourcePath),
-                     FVMessageLevel::Info);
+                worker_.sendMessage(fmt::format("Directory metadata cloning failed because source vanished: {}", sourcePath));
             continue;
         }
         int error = 0;
@@ -45,25 +43,35 @@ void FVDirectoryMetadataFinisher::finish() {
                                                            !worker_.disableACLClone, &error, nullptr,
                                                            &worker_.destinationProfile) &&
                   FVItemMetadata::cloneTimes(st, {target.get(), false}, &error);
-        if (!ok && FVRunError::isFatal(error)) {
-            worker_.stopOnDestinationFailure(FVDestinationFailure(error, "setting the metadata of", store_.destination(i)));
-            break;
-        }
         if (!ok) {
-            send(fmt::format("WARNING: Directory metadata could not be preserved: {} ({})", sourcePath,
-                             std::strerror(error ? error : sourceError)), FVMessageLevel::Warning);
+            const int cause = error ? error : sourceError;
+            FVRunError failure =
+                FVRunError::atDestination(
+                    "setting the metadata of", error, std::string(store_.destination(i)),
+                    fmt::format("Directory metadata could not be preserved: {} ({})", sourcePath, std::strerror(cause)),
+                    FVRunError::Kind::Warning)
+                    .loggedOnly();
+            const bool fatal = failure.kind == FVRunError::Kind::Fatal;
+            worker_.report(std::move(failure));
+            if (fatal) break;
         } else if (verbose) {
-            send(fmt::format("Directory metadata cloning successful: {}", sourcePath), FVMessageLevel::Info);
+            worker_.sendMessage(fmt::format("Directory metadata cloning successful: {}", sourcePath));
         }
         if (!source.valid() || !target.valid()) continue;
         FVInodeFlags::CloneResult flags = FVInodeFlags::clone(source.get(), target.get());
         if (!verbose) continue;
-        send(flags.readOK ? fmt::format("Directory supplemental metadata reading successful: {}", sourcePath)
-                          : fmt::format("WARNING: Flags directory metadata could not be read: {}", sourcePath),
-             flags.readOK ? FVMessageLevel::Info : FVMessageLevel::Warning);
-        send(flags.writeOK ? fmt::format("Directory supplemental metadata writing successful: {}", sourcePath)
-                           : fmt::format("WARNING: Flags directory metadata could not be written: {}", sourcePath),
-             flags.writeOK ? FVMessageLevel::Info : FVMessageLevel::Warning);
+        if (flags.readOK)
+            worker_.sendMessage(fmt::format("Directory supplemental metadata reading successful: {}", sourcePath));
+        else
+            worker_.report(FVRunError::warning("reading the flags of", 0, sourcePath,
+                                               "Flags directory metadata could not be read: " + sourcePath)
+                               .loggedOnly());
+        if (flags.writeOK)
+            worker_.sendMessage(fmt::format("Directory supplemental metadata writing successful: {}", sourcePath));
+        else
+            worker_.report(FVRunError::warning("setting the flags of", 0, sourcePath,
+                                               "Flags directory metadata could not be written: " + sourcePath)
+                               .loggedOnly());
     }
     store_.clear();
 }

@@ -246,15 +246,19 @@ void FVFileCopyWorkerImpl::published(const std::string& sourcePath, uint64_t byt
     if (delegate) delegate->copyWorkerDidPublishItem(sourcePath, bytes);
 }
 
-void FVFileCopyWorkerImpl::sendMessage(const std::string& message, FVMessageLevel level) {
-    if (delegate) delegate->copyWorkerDidGenerateMessage(message, level);
+void FVFileCopyWorkerImpl::sendMessage(const std::string& message) {
+    if (delegate) delegate->copyWorkerDidGenerateMessage(message);
 }
 
-bool FVFileCopyWorkerImpl::stopOnDestinationFailure(const FVDestinationFailure& failure) {
-    if (!FVRunError::isFatal(failure.error())) return false;
+void FVFileCopyWorkerImpl::report(FVRunError error) {
+    if (error.kind == FVRunError::Kind::Fatal) return stopOnDestinationFailure(error);
+    // The run's error list shows the worker's errors with their level, as the log does.
+    if (delegate) delegate->copyWorkerDidFail(std::move(error).retried().listedWithLevel());
+}
+
+void FVFileCopyWorkerImpl::stopOnDestinationFailure(const FVRunError& failure) {
     stop();
-    if (!destinationFailureReported.exchange(true) && delegate) delegate->copyWorkerDestinationDidFail(failure);
-    return true;
+    if (!destinationFailureReported.exchange(true) && delegate) delegate->copyWorkerDidFail(failure);
 }
 
 bool FVFileCopyWorkerImpl::mayOverwrite(FVFileSystemItem& destination) {
@@ -280,8 +284,8 @@ void FVFileCopyWorkerImpl::copyPair(FVCopyPair& pair, FVCopyThreadState& state) 
         directoryMetadata.add(source.path(), destination.path());
         folders.ensureDirectoryItem(state, destination);
         folders.settle(destination.path());
-        if (!state.lastDirectoryFd.valid())
-            stopOnDestinationFailure(FVDestinationFailure(state.lastDirectoryError, "creating", destination.path()));
+        if (!state.lastDirectoryFd.valid() && FVRunError::isFatal(state.lastDirectoryError))
+            stopOnDestinationFailure(FVRunError::atDestination("creating", state.lastDirectoryError, destination.path(), {}));
     }
 }
 
@@ -302,8 +306,10 @@ void FVFileCopyWorkerImpl::digestDestination(FVCopyPair& pair, FVCopyThreadState
         if (!hash) error = errno;
     }
     if (!hash)
-        sendMessage(fmt::format("WARNING: Could not read {} to record the digest of its bytes ({}).", path,
-                                std::strerror(error)), FVMessageLevel::Warning);
+        report(FVRunError::warning("recording", error, path,
+                                   fmt::format("Could not read {} to record the digest of its bytes ({}).", path,
+                                               std::strerror(error)))
+                   .loggedOnly());
     recordItem({pair.source->path(), path, pair.source->statBuffer(), {}, hash, false, false});
 }
 

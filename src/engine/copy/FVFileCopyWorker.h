@@ -8,7 +8,7 @@
 #include "engine/copy/FVCopyPair.h"
 #include "engine/record/FVCopyRecord.h"
 #include "engine/run/FVCurrentCopy.h"
-#include "engine/run/FVDestinationFailure.h"
+#include "engine/run/FVRunError.h"
 #include "engine/run/FVFileSystemItem.h"
 #include "fs/FVDestinationProfile.h"
 #include "manifest/FVContentHash.h"
@@ -24,10 +24,6 @@
 #include <string_view>
 
 namespace ferrovane {
-
-// How a worker message counts: Info and Warning lines go to the run log only, Error lines are
-// also the run's errors.
-enum class FVMessageLevel { Info, Warning, Error };
 
 // Files are written under a hidden name beginning so in their destination folder and renamed
 // over the destination last. A crashed run leaves such names behind; the next run removes them
@@ -51,11 +47,11 @@ public:
     // Data of a file written (bytes since the last call for it), after every chunk on the
     // copying thread, before the copy is published.
     virtual void copyWorkerDidWriteData(const std::string& sourcePath, uint64_t bytes) {}
-    virtual void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) {}
-    // Once per session, when a read-only, full or failing destination stopped it.
-    virtual void copyWorkerDestinationDidFail(const FVDestinationFailure& failure) {
-        copyWorkerDidGenerateMessage(failure.message(), FVMessageLevel::Error);
-    }
+    // A line for the run log that is neither an error nor a warning.
+    virtual void copyWorkerDidGenerateMessage(const std::string& message) {}
+    // An item's warning or error, or, once per session, the fatal error of a read-only, full or
+    // failing destination that stopped it. Never of the kind RetryOnce: the worker retries those.
+    virtual void copyWorkerDidFail(const FVRunError& error) {}
     // Each copy of a file, link or special file once it stands under its name; bytes is its size.
     virtual void copyWorkerDidPublishItem(const std::string& sourcePath, uint64_t bytes) {}
     // After each item copied or failed, and each digest taken, when the worker records copies.

@@ -84,12 +84,14 @@ struct FVFileCopyWorkerImpl {
     void reportProgress();
     void workerBody();
     void workerEnded();
-    void sendMessage(const std::string& message, FVMessageLevel level);
+    void sendMessage(const std::string& message);
+    // An item's warning or error; a fatal one stops the session (see stopOnDestinationFailure).
+    void report(FVRunError error);
     // A copy now stands under its name in the mirror.
     void published(const std::string& sourcePath, uint64_t bytes);
     // A read-only, full or failing destination stops the session, reported once however many
-    // threads meet it; false for an error of the item alone.
-    bool stopOnDestinationFailure(const FVDestinationFailure& failure);
+    // threads meet it.
+    void stopOnDestinationFailure(const FVRunError& failure);
     // Asks the delegate before a destination item is replaced; false keeps it.
     bool mayOverwrite(FVFileSystemItem& destination);
     void copyPair(FVCopyPair& pair, FVCopyThreadState& state);

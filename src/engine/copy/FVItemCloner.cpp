@@ -61,33 +61,70 @@ void FVItemCloner::clone(FVFileSystemItem& source, const std::string& destinatio
     const std::string folder = FVText::deletingLastPathComponent(destinationPath);
     for (int attempt = 1;; ++attempt) {
         if (worker_.verboseLogging)
-            worker_.sendMessage(fmt::format("Copying {} to {} ({})", sourcePath, destinationPath, typeName),
-                                FVMessageLevel::Info);
+            worker_.sendMessage(fmt::format("Copying {} to {} ({})", sourcePath, destinationPath, typeName));
         worker_.folders.ensureFolder(state_, folder);
         const int dirFd = state_.lastDirectoryFd.get();
         const Item item{sourcePath, destinationPath, FVText::lastPathComponent(destinationPath), typeName, dirFd,
                         dirFd < 0 ? state_.lastDirectoryError : 0};
         Result result = kind == S_IFLNK ? cloneLink(item) : kind == S_IFREG ? cloneRegular(item) : cloneNode(item, kind);
-        if (attempt == kAttempts || !worthRetrying(result)) {
+        const bool retry = result.outcome == Result::Outcome::Failed && result.error.kind == FVRunError::Kind::RetryOnce;
+        if (!retry || attempt == kAttempts) {
             report(result, item);
             return record(result, item, source.statBuffer());
         }
-        worker_.sendMessage(fmt::format("Retrying copy: {}", sourcePath), FVMessageLevel::Info);
+        worker_.sendMessage(fmt::format("Retrying copy: {}", sourcePath));
         state_.lastDirectory.clear();  // the retry reaches the folder afresh
     }
 }
 
-FVItemCloner::Result FVItemCloner::destinationFailure(Step step, int error) {
-    bool fatal = FVRunError::isFatal(error);
-    return {fatal ? Result::Kind::FatalDestinationError : Result::Kind::ItemError, step, error};
+namespace {
+const char* reasonOf(int error) { return error ? std::strerror(error) : "it is of another kind now"; }
+}  // namespace
+
+FVItemCloner::Result FVItemCloner::sourceFailure(const Item& item, int error) {
+    if (error == ENOENT || error == ENOTDIR) return {Result::Outcome::Vanished};
+    if (error == EACCES || error == EPERM)
+        return failed(FVRunError::item("reading", error, item.sourcePath,
+                                       fmt::format("Cannot read file: {} ({})", item.sourcePath, strerror(error))));
+    return failed(FVRunError::retryOnce("reading", error, item.sourcePath,
+                                        copyFailed(item, fmt::format("Could not open source file {}", item.sourcePath),
+                                                   error)));
+}
+
+FVItemCloner::Result FVItemCloner::destinationFailure(std::string_view step, int error, const Item& item,
+                                                      std::string message, FVRunError::Kind otherwise) {
+    return failed(FVRunError::atDestination(step, error, item.destinationPath, std::move(message), otherwise));
+}
+
+FVItemCloner::Result FVItemCloner::notWritten(const Item& item, int error) {
+    return destinationFailure("writing", error, item, copyFailed(item, "File copy failed", error),
+                              FVRunError::Kind::RetryOnce);
+}
+
+std::string FVItemCloner::copyFailed(const Item& item, const std::string& what, int error) {
+    return fmt::format("Copy failed: {} (Reason: {}: {})", item.sourcePath, what, reasonOf(error));
+}
+
+bool FVItemCloner::goesOnAfter(FVRunError failure, Result& fatal) {
+    if (failure.kind == FVRunError::Kind::Fatal) {
+        fatal = failed(std::move(failure));
+        return false;
+    }
+    worker_.report(std::move(failure));
+    return true;
 }
 
 FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
-    if (item.dirFd < 0) return destinationFailure(Step::CreateFile, item.folderError);
+    auto notCreated = [&](int error) {
+        return destinationFailure("creating", error, item,
+                                  copyFailed(item, fmt::format("Could not create destination file {}", item.destinationPath), error),
+                                  FVRunError::Kind::RetryOnce);
+    };
+    if (item.dirFd < 0) return notCreated(item.folderError);
     FVFd in(worker_.openSource(item.sourcePath, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY, &state_));
-    if (!in.valid()) return itemError(Step::OpenSource, errno);
+    if (!in.valid()) return sourceFailure(item, errno);
     struct stat st {};
-    if (FVFileStatus::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return itemError(Step::OpenSource, 0);
+    if (FVFileStatus::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return sourceFailure(item, 0);
 
     FVTemporaryEntry entry(item.dirFd);
     auto create = [&](const char* name) {
@@ -99,48 +136,59 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
         state_.newFiles.forget();
         out.reset(entry.create(create));
     }
-    if (!out.valid()) return destinationFailure(Step::CreateFile, errno);
+    if (!out.valid()) return notCreated(errno);
     const FVStartingState* start = state_.newFiles.startOf(out.get());
 
     bool settled = true;
     std::optional<FVContentHasher> hasher;
     if (worker_.recordsCopies) hasher.emplace();
     Result copied = copyData(item, in.get(), out.get(), st, &settled, hasher ? &*hasher : nullptr);
-    if (copied.kind != Result::Kind::Done) return copied;
+    if (copied.outcome != Result::Outcome::Done) return copied;
 
     const bool verbose = worker_.verboseLogging;
-    auto send = [this](const std::string& message, FVMessageLevel level) { worker_.sendMessage(message, level); };
+    auto send = [this](const std::string& message) { worker_.sendMessage(message); };
     if (!settled) {
         // The copy may mix versions: it gets a time before the source's, so that the next run
         // finds the two different and copies the file again.
-        send(fmt::format("WARNING: {} changed while it was copied; its backup is the last copy made, and the next "
-                         "run copies it again.", item.sourcePath), FVMessageLevel::Warning);
+        worker_.report(FVRunError::warning("copying", 0, item.sourcePath,
+                                           fmt::format("{} changed while it was copied; its backup is the last copy "
+                                                       "made, and the next run copies it again.", item.sourcePath))
+                           .loggedOnly());
         st.st_mtim = granuleBefore(st.st_mtim, worker_.destinationProfile.timeGranularityNs);
     } else if (verbose) {
         send(fmt::format("Copying file data {} to {} ({}) was successful.", item.sourcePath, item.destinationPath,
-                         item.typeName), FVMessageLevel::Info);
+                         item.typeName));
     }
     int error = 0;
+    Result fatal;
     // Owner, mode, attributes and ACLs before the times: none of them moves the modification time.
     if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !worker_.disableACLClone,
                                                   &error, start, &worker_.destinationProfile)) {
-        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
         // A copy without all of its metadata is not the source: dated before it, it is copied
         // again by the next run instead of passing for current.
-        send(fmt::format("ERROR: Could not copy the metadata of file {} (Reason: {}); the next run copies it again.",
-                         item.sourcePath, strerror(error)), FVMessageLevel::Error);
+        if (!goesOnAfter(FVRunError::atDestination("setting the metadata of", error, item.destinationPath,
+                                                   fmt::format("Could not copy the metadata of file {} (Reason: {}); "
+                                                               "the next run copies it again.",
+                                                               item.sourcePath, strerror(error))),
+                         fatal))
+            return fatal;
         st.st_mtim = granuleBefore(st.st_mtim, worker_.destinationProfile.timeGranularityNs);
     } else if (verbose) {
         send(fmt::format("Clone of additional attributes {} to {} ({}) was successful.", item.sourcePath,
-                         item.destinationPath, item.typeName), FVMessageLevel::Info);
+                         item.destinationPath, item.typeName));
     }
     if (!FVItemMetadata::cloneTimes(st, {out.get(), false}, &error)) {
-        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
-        send(fmt::format("WARNING: Could not preserve creation date on file {}. Type: {} (Reason: {})",
-                         item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
+        if (!goesOnAfter(FVRunError::atDestination("setting the metadata of", error, item.destinationPath,
+                                                   fmt::format("Could not preserve creation date on file {}. Type: {} "
+                                                               "(Reason: {})",
+                                                               item.destinationPath, item.typeName, strerror(error)),
+                                                   FVRunError::Kind::Warning)
+                             .loggedOnly(),
+                         fatal))
+            return fatal;
     } else if (verbose) {
         send(fmt::format("Clone of creation and modification date {} to {} ({}) was successful.", item.sourcePath,
-                         item.destinationPath, item.typeName), FVMessageLevel::Info);
+                         item.destinationPath, item.typeName));
     }
     // The digest stands for the bytes published only when the copy showed them all.
     digest_.reset();
@@ -149,21 +197,26 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     // Read through the open source for the record, rather than by path afterwards.
     if (worker_.recordsCopies) attributes_ = FVRunRecorder::attributesOf(FVExtendedAttributes(in.get(), false));
     Result published = publish(entry, item, out.get(), st.st_size);
-    if (published.kind != Result::Kind::Done) return published;
+    if (published.outcome != Result::Outcome::Done) return published;
     // Where a rename stamps the file with the time of the rename (fusefat), its times go on again.
     if (!worker_.destinationProfile.renameKeepsTimes) {
         const timespec times[2] = {st.st_atim, st.st_mtim};
         if (FVTimestamps::utimensat(item.dirFd, item.name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
-            send(fmt::format("WARNING: Could not preserve the modification date of {} ({})", item.destinationPath,
-                             strerror(errno)), FVMessageLevel::Warning);
+            worker_.report(FVRunError::warning("setting the times of", errno, item.destinationPath,
+                                               fmt::format("Could not preserve the modification date of {} ({})",
+                                                           item.destinationPath, strerror(errno)))
+                               .loggedOnly());
     }
     // Flags last: an immutable or append-only file refuses every other change.
     FVInodeFlags::CloneResult flags = FVInodeFlags::clone(in.get(), out.get(), state_.newFiles.mayHaveCopiedFlags());
     if (!flags.readOK && verbose)
-        send(fmt::format("WARNING: Flags metadata could not be read: {}", item.sourcePath), FVMessageLevel::Warning);
+        worker_.report(FVRunError::warning("reading the flags of", 0, item.sourcePath,
+                                           "Flags metadata could not be read: " + item.sourcePath)
+                           .loggedOnly());
     if (!flags.writeOK && verbose)
-        send(fmt::format("WARNING: Flags metadata could not be written: {}", item.destinationPath),
-             FVMessageLevel::Warning);
+        worker_.report(FVRunError::warning("setting the flags of", 0, item.destinationPath,
+                                           "Flags metadata could not be written: " + item.destinationPath)
+                           .loggedOnly());
     return published;
 }
 
@@ -184,20 +237,19 @@ FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, s
         const FVDataCopier::Outcome outcome = copier.run(st);
         hashedWhole_ = copier.sinkSawWholeCopy();
         switch (outcome) {
-        case FVDataCopier::Outcome::Cancelled: return {Result::Kind::Cancelled};
-        case FVDataCopier::Outcome::Failed: return destinationFailure(Step::CopyData, errno);
+        case FVDataCopier::Outcome::Cancelled: return {Result::Outcome::Cancelled};
+        case FVDataCopier::Outcome::Failed: return notWritten(item, errno);
         case FVDataCopier::Outcome::Done: break;
         }
         FVTestHook::reach("after-data-copy", item.sourcePath);
         struct stat now {};
-        if (FVFileStatus::fstat(in, &now) != 0) return itemError(Step::OpenSource, errno);
+        if (FVFileStatus::fstat(in, &now) != 0) return sourceFailure(item, errno);
         *settled = sameState(st, now);
         if (*settled || copy == kRecopies) return done();
-        worker_.sendMessage(fmt::format("NOTE: {} changed while it was copied; copying it again.", item.sourcePath),
-                            FVMessageLevel::Info);
+        worker_.sendMessage(fmt::format("NOTE: {} changed while it was copied; copying it again.", item.sourcePath));
         st = now;
-        if (FVFileData::ftruncate(out, 0) != 0 || FVFileData::lseek(out, 0, SEEK_SET) != 0) return destinationFailure(Step::CopyData, errno);
-        if (FVFileData::lseek(in, 0, SEEK_SET) != 0) return itemError(Step::OpenSource, errno);
+        if (FVFileData::ftruncate(out, 0) != 0 || FVFileData::lseek(out, 0, SEEK_SET) != 0) return notWritten(item, errno);
+        if (FVFileData::lseek(in, 0, SEEK_SET) != 0) return sourceFailure(item, errno);
     }
 }
 
@@ -206,19 +258,19 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
     const int dirFd = state_.lastDirectoryFd.get();
     const std::string name = FVText::lastPathComponent(destinationPath);
     auto failed = [&](int error) {
-        worker_.sendMessage(fmt::format("ERROR: Could not update the mode and owner of {} ({})", destinationPath,
-                                        strerror(error)), FVMessageLevel::Error);
+        worker_.report(FVRunError::item("updating", error, destinationPath,
+                                        fmt::format("Could not update the mode and owner of {} ({})", destinationPath,
+                                                    strerror(error))));
     };
     if (dirFd < 0) return failed(state_.lastDirectoryError);
     struct stat st {}, current {};
     FVFd from(worker_.openSource(source.path(), O_PATH | O_NOFOLLOW, &state_));
     if (!from.valid() || FVFileStatus::fstat(from.get(), &st) != 0) {
         if (errno == ENOENT || errno == ENOTDIR)
-            worker_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", source.path()),
-                                FVMessageLevel::Info);
+            worker_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", source.path()));
         else
-            worker_.sendMessage(fmt::format("ERROR: Cannot read file: {} ({})", source.path(), strerror(errno)),
-                                FVMessageLevel::Error);
+            worker_.report(FVRunError::item("reading", errno, source.path(),
+                                            fmt::format("Cannot read file: {} ({})", source.path(), strerror(errno))));
         return;
     }
     FVFd to(FVOpenFiles::openat(dirFd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
@@ -226,11 +278,11 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
     // Either side replaced since the analysis: the next run compares them afresh.
     if ((st.st_mode & S_IFMT) != (current.st_mode & S_IFMT)) {
         worker_.sendMessage(fmt::format("NOTE: {} changed since analysing; it is compared again on the next run.",
-                                        source.path()), FVMessageLevel::Info);
+                                        source.path()));
         return;
     }
     if (worker_.verboseLogging)
-        worker_.sendMessage(fmt::format("Updating mode and owner of {}", destinationPath), FVMessageLevel::Info);
+        worker_.sendMessage(fmt::format("Updating mode and owner of {}", destinationPath));
     const bool cloneACL = !worker_.disableACLClone && !S_ISLNK(st.st_mode);
     const FVDestinationProfile* keeps = &worker_.destinationProfile;
     int error = 0;
@@ -250,58 +302,87 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
 }
 
 FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
-    if (item.dirFd < 0) return destinationFailure(Step::CreateLink, item.folderError);
+    auto notCreated = [&](int error) {
+        return destinationFailure("creating", error, item,
+                                  fmt::format("Could not copy symbolic link {}. (Could not create link: {})",
+                                              item.destinationPath, reasonOf(error)),
+                                  FVRunError::Kind::Item);
+    };
+    if (item.dirFd < 0) return notCreated(item.folderError);
     FVFd link(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW, &state_));
     struct stat st {};
     ssize_t length = -1;
     if (link.valid() && FVFileStatus::fstat(link.get(), &st) == 0 && S_ISLNK(st.st_mode))
         length = FVLinks::readlinkat(link.get(), "", state_.buffer.get(), kCopyBufferSize - 1);
-    if (length < 0) return itemError(Step::ReadLink, errno);
+    if (length < 0)
+        return failed(FVRunError::item("reading", errno, item.sourcePath,
+                                       fmt::format("Could not copy symbolic link {}. (Could not read link: {})",
+                                                   item.sourcePath, reasonOf(errno))));
     state_.buffer[static_cast<size_t>(length)] = '\0';
     linkTarget_.assign(state_.buffer.get(), static_cast<size_t>(length));
     published_ = st;
 
     FVTemporaryEntry entry(item.dirFd);
     if (entry.create([&](const char* name) { return FVLinks::symlinkat(state_.buffer.get(), item.dirFd, name); }) != 0)
-        return destinationFailure(Step::CreateLink, errno);
+        return notCreated(errno);
     int error = 0;
-    if (!clonePathOnlyMetadata(link.get(), st, entry, item.dirFd, false, &error)) {
-        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
-        worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on symlink {}. (Reason: {})",
-                                        item.destinationPath, strerror(error)), FVMessageLevel::Warning);
-    }
+    Result fatal;
+    if (!clonePathOnlyMetadata(link.get(), st, entry, item.dirFd, false, &error) &&
+        !goesOnAfter(FVRunError::atDestination("setting the metadata of", error, item.destinationPath,
+                                               fmt::format("Could not preserve metadata on symlink {}. (Reason: {})",
+                                                           item.destinationPath, strerror(error)),
+                                               FVRunError::Kind::Warning)
+                         .loggedOnly(),
+                     fatal))
+        return fatal;
     return publish(entry, item, -1, st.st_size);
 }
 
 // FIFOs, sockets and device nodes are made anew with the source's type and device number.
 FVItemCloner::Result FVItemCloner::cloneNode(const Item& item, mode_t kind) {
-    if (item.dirFd < 0) return destinationFailure(Step::CreateNode, item.folderError);
-    if (kind == 0) return itemError(Step::OpenSource, ENOENT);  // the analysis found nothing there
+    auto notCreated = [&](int error) {
+        return destinationFailure("creating", error, item,
+                                  copyFailed(item, fmt::format("Could not create {}", item.destinationPath), error),
+                                  FVRunError::Kind::RetryOnce);
+    };
+    if (item.dirFd < 0) return notCreated(item.folderError);
+    if (kind == 0) return sourceFailure(item, ENOENT);  // the analysis found nothing there
     FVFd node(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW, &state_));
-    if (!node.valid()) return itemError(Step::OpenSource, errno);
+    if (!node.valid()) return sourceFailure(item, errno);
     struct stat st {};
     if (FVFileStatus::fstat(node.get(), &st) != 0 || S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode))
-        return itemError(Step::OpenSource, 0);
+        return sourceFailure(item, 0);
 
     published_ = st;
     FVTemporaryEntry entry(item.dirFd);
     if (entry.create([&](const char* name) {
             return FVItemCreation::mknodat(item.dirFd, name, (st.st_mode & S_IFMT) | 0600, st.st_rdev);
         }) != 0)
-        return destinationFailure(Step::CreateNode, errno);
+        return notCreated(errno);
     int error = 0;
-    if (!clonePathOnlyMetadata(node.get(), st, entry, item.dirFd, !worker_.disableACLClone, &error)) {
-        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
-        worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}. (Reason: {})",
-                                        item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
-    }
+    Result fatal;
+    if (!clonePathOnlyMetadata(node.get(), st, entry, item.dirFd, !worker_.disableACLClone, &error) &&
+        !goesOnAfter(FVRunError::atDestination("setting the metadata of", error, item.destinationPath,
+                                               fmt::format("Could not preserve metadata on file {}. Type: {}. "
+                                                           "(Reason: {})",
+                                                           item.destinationPath, item.typeName, strerror(error)),
+                                               FVRunError::Kind::Warning)
+                         .loggedOnly(),
+                     fatal))
+        return fatal;
     return publish(entry, item, -1, st.st_size);
 }
 
 FVItemCloner::Result FVItemCloner::publish(FVTemporaryEntry& entry, const Item& item, int dataFd, off_t size) {
     switch (entry.publish(item.name, dataFd)) {
-    case FVTemporaryEntry::Published::CouldNotReplace: return destinationFailure(Step::Replace, errno);
-    case FVTemporaryEntry::Published::DataNotSafe: return destinationFailure(Step::CopyData, errno);
+    case FVTemporaryEntry::Published::CouldNotReplace: {
+        const int error = errno;
+        return failed(FVRunError::atDestination("publishing", error, item.destinationPath,
+                                                fmt::format("Could not replace destination file: {} ({})",
+                                                            item.destinationPath, reasonOf(error)))
+                          .taggedAs("Error: "));
+    }
+    case FVTemporaryEntry::Published::DataNotSafe: return notWritten(item, errno);
     case FVTemporaryEntry::Published::Done: break;
     }
     worker_.published(item.sourcePath, static_cast<uint64_t>(size));
@@ -320,94 +401,31 @@ bool FVItemCloner::clonePathOnlyMetadata(int sourceFd, const struct stat& st, co
            FVItemMetadata::cloneTimes(st, {created.get(), true}, error);
 }
 
-// A source that vanished or cannot be read, a link that cannot be copied and a destination that
-// cannot be replaced are reported at once; any other failure of an item may pass on a second try.
-bool FVItemCloner::worthRetrying(const Result& result) {
-    if (result.kind != Result::Kind::ItemError) return false;
-    switch (result.step) {
-    case Step::OpenSource:
-        return result.error != ENOENT && result.error != ENOTDIR && result.error != EACCES && result.error != EPERM;
-    case Step::CreateFile:
-    case Step::CreateNode:
-    case Step::CopyData: return true;
-    case Step::Metadata:
-    case Step::ReadLink:
-    case Step::CreateLink:
-    case Step::Replace: return false;
-    }
-    return false;
-}
-
 void FVItemCloner::report(const Result& result, const Item& item) {
-    auto error = [this](const std::string& message) { worker_.sendMessage(message, FVMessageLevel::Error); };
-    const char* reason = result.error ? std::strerror(result.error) : "it is of another kind now";
-    auto copyFailed = [&](const std::string& what) {
-        error(fmt::format("ERROR: Copy failed: {} (Reason: {}: {})", item.sourcePath, what, reason));
-    };
-    switch (result.kind) {
-    case Result::Kind::Done:
-    case Result::Kind::Cancelled: return;
-    case Result::Kind::FatalDestinationError:
-        worker_.stopOnDestinationFailure(FVDestinationFailure(result.error, actionOf(result.step), item.destinationPath));
+    switch (result.outcome) {
+    case Result::Outcome::Done:
+    case Result::Outcome::Cancelled: return;
+    case Result::Outcome::Vanished:
+        worker_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", item.sourcePath));
         return;
-    case Result::Kind::ItemError: break;
-    }
-    switch (result.step) {
-    case Step::OpenSource:
-        if (result.error == ENOENT || result.error == ENOTDIR)
-            worker_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", item.sourcePath),
-                                FVMessageLevel::Info);
-        else if (result.error == EACCES || result.error == EPERM)
-            error(fmt::format("ERROR: Cannot read file: {} ({})", item.sourcePath, strerror(result.error)));
-        else
-            copyFailed(fmt::format("Could not open source file {}", item.sourcePath));
-        return;
-    case Step::ReadLink:
-        error(fmt::format("ERROR: Could not copy symbolic link {}. (Could not read link: {})", item.sourcePath, reason));
-        return;
-    case Step::CreateLink:
-        error(fmt::format("ERROR: Could not copy symbolic link {}. (Could not create link: {})", item.destinationPath,
-                          reason));
-        return;
-    case Step::Replace:
-        error(fmt::format("Error: Could not replace destination file: {} ({})", item.destinationPath, reason));
-        return;
-    case Step::CreateFile: return copyFailed(fmt::format("Could not create destination file {}", item.destinationPath));
-    case Step::CreateNode: return copyFailed(fmt::format("Could not create {}", item.destinationPath));
-    case Step::CopyData: return copyFailed("File copy failed");
-    case Step::Metadata: return copyFailed(fmt::format("Could not set the metadata of {}", item.destinationPath));
+    case Result::Outcome::Failed: worker_.report(result.error); return;
     }
 }
 
 void FVItemCloner::record(const Result& result, const Item& item, const struct stat& walked) {
     if (!worker_.recordsCopies) return;
-    switch (result.kind) {
-    case Result::Kind::Done:
+    switch (result.outcome) {
+    case Result::Outcome::Done:
         worker_.recordItem({item.sourcePath, item.destinationPath, published_, linkTarget_, digest_, true, false,
                             attributes_ ? &*attributes_ : nullptr});
         return;
-    case Result::Kind::Cancelled: return;
-    case Result::Kind::FatalDestinationError:
-    case Result::Kind::ItemError:
-        // A source that vanished has nothing to record; the next run's cleanup takes its copy.
-        if (result.step == Step::OpenSource && (result.error == ENOENT || result.error == ENOTDIR)) return;
+    // A source that vanished has nothing to record; the next run's cleanup takes its copy.
+    case Result::Outcome::Cancelled:
+    case Result::Outcome::Vanished: return;
+    case Result::Outcome::Failed:
         worker_.recordItem({item.sourcePath, item.destinationPath, walked, {}, std::nullopt, false, true});
         return;
     }
-}
-
-const char* FVItemCloner::actionOf(Step step) {
-    switch (step) {
-    case Step::CreateLink:
-    case Step::CreateFile:
-    case Step::CreateNode: return "creating";
-    case Step::CopyData: return "writing";
-    case Step::Replace: return "publishing";
-    case Step::Metadata: return "setting the metadata of";
-    case Step::OpenSource:
-    case Step::ReadLink: break;
-    }
-    return "copying";
 }
 
 }  // namespace ferrovane

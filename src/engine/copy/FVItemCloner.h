@@ -1,17 +1,19 @@
 #pragma once
 // Cloning one non-directory item to its destination path, by kind: a regular file with its data,
 // a symbolic link, or a node (FIFO, socket, device) made anew. Each kind is built under a
-// temporary name and published by the same last step. Every attempt ends in a typed result,
-// classified at the call that failed; a failed item is tried once more, and a read-only, full or
-// failing destination stops the session.
+// temporary name and published by the same last step. Every attempt ends in a result whose error
+// is made at the call that failed; an error of the kind RetryOnce is tried once more, and a
+// read-only, full or failing destination stops the session.
 
 #include "engine/run/FVFileSystemItem.h"
+#include "engine/run/FVRunError.h"
 #include "manifest/FVManifestEntry.h"
 
 #include <sys/stat.h>
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace ferrovane {
 
@@ -30,11 +32,11 @@ public:
     void updateModeAndOwner(FVFileSystemItem& source, const std::string& destinationPath);
 
 private:
-    enum class Step { OpenSource, ReadLink, CreateLink, CreateFile, CreateNode, CopyData, Metadata, Replace };
+    // What an attempt came to: done, cancelled, the source gone since the analysis, or the error
+    // made at the call that failed, whose kind says whether the attempt is worth repeating.
     struct Result {
-        enum class Kind { Done, Cancelled, ItemError, FatalDestinationError } kind;
-        Step step = Step::OpenSource;
-        int error = 0;  // errno of the call that failed; 0 when the source is of another kind now
+        enum class Outcome { Done, Cancelled, Vanished, Failed } outcome = Outcome::Done;
+        FVRunError error{};
     };
     struct Item {
         const std::string& sourcePath;
@@ -45,11 +47,22 @@ private:
         int folderError;
     };
 
-    static Result done() { return {Result::Kind::Done}; }
-    static Result itemError(Step step, int error) { return {Result::Kind::ItemError, step, error}; }
-    // A failure on the destination: a read-only, full or failing one ends the session, anything
-    // else the item.
-    static Result destinationFailure(Step step, int error);
+    static Result done() { return {Result::Outcome::Done}; }
+    static Result failed(FVRunError error) { return {Result::Outcome::Failed, std::move(error)}; }
+    // The source could not be opened or read: gone, unreadable, or failed in a way a second try
+    // may pass.
+    static Result sourceFailure(const Item& item, int error);
+    // A failed change of the destination: a read-only, full or failing one ends the session,
+    // anything else the item, of the kind given. step says what was done, for the fatal line.
+    static Result destinationFailure(std::string_view step, int error, const Item& item, std::string message,
+                                     FVRunError::Kind otherwise);
+    // The data could not be written: worth a second try unless the disk failed.
+    static Result notWritten(const Item& item, int error);
+    // "Copy failed: ..." with what failed and why.
+    static std::string copyFailed(const Item& item, const std::string& what, int error);
+    // Reports a failure that leaves the attempt going on; one of the destination disk ends the
+    // attempt instead, as fatal: false then.
+    bool goesOnAfter(FVRunError failure, Result& fatal);
 
     Result cloneRegular(const Item& item);
     // Copies the data of in, whose fstat is st, again and again while the source changes during
@@ -65,9 +78,7 @@ private:
     // with the first errno in error.
     bool clonePathOnlyMetadata(int sourceFd, const struct stat& st, const FVTemporaryEntry& entry, int dirFd,
                                bool cloneACL, int* error);
-    static bool worthRetrying(const Result& result);
-    // What was being done at step, for the message of a failed destination.
-    static const char* actionOf(Step step);
+    // Tells the worker what became of the item: nothing when done or cancelled.
     void report(const Result& result, const Item& item);
     // Tells the worker's delegate what the mirror holds at the item's path now.
     void record(const Result& result, const Item& item, const struct stat& walked);

@@ -2,6 +2,7 @@
 
 #include "FVVersion.h"
 #include "engine/record/FVRunRecords.h"
+#include "engine/run/FVRunError.h"
 #include "fs/FVExtendedAttributes.h"
 #include "fs/FVFileDescriptor.h"
 #include "manifest/FVManifestReader.h"
@@ -88,8 +89,10 @@ void FVRunRecorder::loadPreviousDigests() {
     }
     previous_.seal();
     if (!error.empty())
-        status_.log(fmt::format("WARNING: The record of run {} could not be read whole ({}); the digests it lacks are "
-                                "read from the mirror.", newest->stamp, error));
+        status_.report(FVRunError::warning("reading the record", 0, newest->stamp,
+                                           fmt::format("The record of run {} could not be read whole ({}); the digests "
+                                                       "it lacks are read from the mirror.", newest->stamp, error))
+                           .loggedOnly());
 }
 
 FVManifestEntry FVRunRecorder::entryOf(std::string relative, const std::string& sourcePath, const struct stat& st,
@@ -211,7 +214,7 @@ void FVRunRecorder::giveUp(const std::string& reason) {
         std::lock_guard lock(mutex_);
         warning_ = message;
     }
-    status_.log("WARNING: " + message);
+    status_.report(FVRunError::warning("recording", 0, settings_.targetPath, message).loggedOnly());
 }
 
 std::string FVRunRecorder::warning() const {

@@ -1,5 +1,7 @@
 #include "engine/restore/FVPointInTimeRestore.h"
 
+#include "engine/run/FVRunError.h"
+
 #include "FVVersion.h"
 #include "engine/copy/FVTemporaryEntry.h"
 #include "engine/restore/FVRecordedFileCopy.h"
@@ -68,6 +70,8 @@ FVPointInTimeRestore::FVPointInTimeRestore(const FVPointInTimePlan& plan, bool r
 
 FVPointInTimeRestore::~FVPointInTimeRestore() = default;
 
+void FVPointInTimeRestore::fail(const FVRunError& error) { tell(error.logLine(), error.kind != FVRunError::Kind::Warning); }
+
 void FVPointInTimeRestore::tell(const std::string& line, bool isError) {
     std::lock_guard lock(summaryMutex_);
     FVLog::currentLog().addLogLine(line);
@@ -96,13 +100,12 @@ FVPointInTimeRestore::Summary FVPointInTimeRestore::run(const Progress& progress
                                FERROVANE_BUILD_NUMBER, plan_.destination()));
     log.addLogLine(fmt::format("Restoring {} as of the run {} to {}", plan_.mirrorPath(),
                                plan_.pointInTime().run().stamp, plan_.to()));
-    for (const std::string& problem : plan_.problems()) tell("ERROR: " + problem, true);
+    for (const std::string& problem : plan_.problems()) fail(FVRunError::item("restoring", 0, {}, problem));
     for (const FVPointInTimePlan::Conflict& conflict : plan_.conflicts()) conflicts_.insert(conflict.target);
     source_ = std::make_unique<FVConfinedDirectory>(plan_.destination());
     target_ = std::make_unique<FVConfinedDirectory>(plan_.confinementRoot());
     if (target_->openError() != 0) {
-        tell(fmt::format("ERROR: Could not open {} ({})", plan_.confinementRoot(), std::strerror(target_->openError())),
-             true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Could not open {} ({})", plan_.confinementRoot(), std::strerror(target_->openError()))));
     } else {
         for (const auto& [entry, target] : plan_.missingParents())
             if (auto relative = target_->relativePath(target)) folders_.emplace_back(*relative, entry);
@@ -127,7 +130,7 @@ FVPointInTimeRestore::Summary FVPointInTimeRestore::run(const Progress& progress
         }, &problem);
         drain();
         for (std::thread& copier : copiers) copier.join();
-        if (!whole) tell(fmt::format("ERROR: The record of the run is damaged: {}", problem), true);
+        if (!whole) fail(FVRunError::item("restoring", 0, {}, fmt::format("The record of the run is damaged: {}", problem)));
         finishFolders();
         if (progress) progress(done, plan_.entryCount());
     }
@@ -174,7 +177,7 @@ bool FVPointInTimeRestore::moveAside(const std::string& target, Lane& lane) {
     lane.parent.reset();
     FVTrash::Outcome outcome = FVTrash::moveAside(target, std::time(nullptr));
     if (!outcome.moved) {
-        tell(fmt::format("ERROR: Not replaced, it could not be moved aside: {} ({})", target, outcome.problem), true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Not replaced, it could not be moved aside: {} ({})", target, outcome.problem)));
         return false;
     }
     {
@@ -200,14 +203,13 @@ void FVPointInTimeRestore::restoreEntry(const FVManifestEntry& entry, Lane& lane
         FVFd item(parent < 0 ? -1 : FVOpenFiles::openat(parent, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         std::string problem;
         if (!item.valid() || !FVRecordedMetadata::apply(entry, {item.get(), false}, plan_.targetProfile(), &problem))
-            tell(fmt::format("ERROR: Could not give {} its recorded mode and owner: {}", *target,
-                             item.valid() ? problem : std::string(std::strerror(errno))),
-                 true);
+            fail(FVRunError::item("restoring", 0, {}, fmt::format("Could not give {} its recorded mode and owner: {}", *target,
+                             item.valid() ? problem : std::string(std::strerror(errno)))));
         return;
     }
     case FVPointInTimePlan::State::InTheWay:
         if (!replace_ || !conflicts_.contains(*target)) {
-            tell(fmt::format("ERROR: Not replaced, it appeared during the restore: {}", *target), true);
+            fail(FVRunError::item("restoring", 0, {}, fmt::format("Not replaced, it appeared during the restore: {}", *target)));
             return;
         }
         if (!moveAside(*target, lane)) return;
@@ -219,19 +221,19 @@ void FVPointInTimeRestore::restoreEntry(const FVManifestEntry& entry, Lane& lane
     case FVManifestEntryType::Folder: {
         int error = 0;
         if (!target_->openFolder(*relative, true, &error).valid()) {
-            tell(fmt::format("ERROR: Could not make the folder {} ({})", *target, std::strerror(error)), true);
+            fail(FVRunError::item("restoring", 0, {}, fmt::format("Could not make the folder {} ({})", *target, std::strerror(error))));
             return;
         }
         folders_.emplace_back(*relative, entry);
         return;
     }
     case FVManifestEntryType::Other:
-        tell(fmt::format("ERROR: Not restored, the record keeps no special files: {}", *target), true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Not restored, the record keeps no special files: {}", *target)));
         return;
     case FVManifestEntryType::Link: {
         std::string name;
         int parent = lane.parentFolder(*relative, &name);
-        if (parent < 0) tell(fmt::format("ERROR: Could not make the folder of {} ({})", *target, std::strerror(errno)), true);
+        if (parent < 0) fail(FVRunError::item("restoring", 0, {}, fmt::format("Could not make the folder of {} ({})", *target, std::strerror(errno))));
         else restoreLink(entry, *target, parent, name);
         return;
     }
@@ -246,18 +248,16 @@ void FVPointInTimeRestore::restoreLink(const FVManifestEntry& entry, const std::
                                        const std::string& name) {
     FVTemporaryEntry made(parent);
     if (made.create([&](const char* temporary) { return FVLinks::symlinkat(entry.linkTarget.c_str(), parent, temporary); }) < 0) {
-        tell(fmt::format("ERROR: Could not make the link {} ({})", target, std::strerror(errno)), true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Could not make the link {} ({})", target, std::strerror(errno))));
         return;
     }
     FVFd item(FVOpenFiles::openat(parent, made.name().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     std::string problem;
     if (!item.valid() || !FVRecordedMetadata::apply(entry, {item.get(), true}, plan_.targetProfile(), &problem))
-        tell(fmt::format("ERROR: Restored {} without all of its metadata: {}", target,
-                         item.valid() ? problem : std::string(std::strerror(errno))),
-             true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Restored {} without all of its metadata: {}", target,
+                         item.valid() ? problem : std::string(std::strerror(errno)))));
     if (!made.publishAsNew(parent, name)) {
-        tell(fmt::format("ERROR: Not replaced, it appeared during the restore: {} ({})", target, std::strerror(errno)),
-             true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Not replaced, it appeared during the restore: {} ({})", target, std::strerror(errno))));
         return;
     }
     std::lock_guard lock(summaryMutex_);
@@ -279,7 +279,7 @@ bool FVPointInTimeRestore::linkToGroup(const FileJob& job, int parent, const std
         }) < 0)
         return false;
     if (!made.publishAsNew(parent, name))
-        tell(fmt::format("ERROR: Not replaced, it appeared during the restore: {}", job.target), true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Not replaced, it appeared during the restore: {}", job.target)));
     else {
         std::lock_guard lock(summaryMutex_);
         ++summary_.files;
@@ -292,7 +292,7 @@ void FVPointInTimeRestore::restoreFile(const FileJob& job, Lane& lane) {
     std::string name;
     int parent = lane.parentFolder(job.relative, &name);
     if (parent < 0) {
-        tell(fmt::format("ERROR: Could not make the folder of {} ({})", job.target, std::strerror(errno)), true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Could not make the folder of {} ({})", job.target, std::strerror(errno))));
         return;
     }
     if (entry.linkGroup && linkToGroup(job, parent, name)) return;
@@ -301,7 +301,7 @@ void FVPointInTimeRestore::restoreFile(const FileJob& job, Lane& lane) {
         return FVOpenFiles::openat(parent, temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     }));
     if (!out.valid()) {
-        tell(fmt::format("ERROR: Could not make {} ({})", job.target, std::strerror(errno)), true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Could not make {} ({})", job.target, std::strerror(errno))));
         return;
     }
     if (beforeFile_) beforeFile_(job.target);
@@ -318,7 +318,7 @@ void FVPointInTimeRestore::restoreFile(const FileJob& job, Lane& lane) {
     case FVRecordedFileCopy::Outcome::Copied: break;
     case FVRecordedFileCopy::Outcome::Cancelled: return;
     case FVRecordedFileCopy::Outcome::Failed:
-    case FVRecordedFileCopy::Outcome::Unreadable: tell(fmt::format("ERROR: {}: {}", job.target, problem), true); return;
+    case FVRecordedFileCopy::Outcome::Unreadable: fail(FVRunError::item("restoring", 0, {}, fmt::format("{}: {}", job.target, problem))); return;
     case FVRecordedFileCopy::Outcome::NotHere:
         {
             std::lock_guard lock(summaryMutex_);
@@ -332,11 +332,10 @@ void FVPointInTimeRestore::restoreFile(const FileJob& job, Lane& lane) {
                          job.target, FVNumber::counted(mismatches, "copy", "copies"), mismatches == 1 ? "differs" : "differ"),
              false);
     if (!FVRecordedMetadata::apply(entry, {out.get(), false}, plan_.targetProfile(), &problem))
-        tell(fmt::format("ERROR: Restored {} without all of its metadata: {}", job.target, problem), true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Restored {} without all of its metadata: {}", job.target, problem)));
     if (!made.publishAsNew(parent, name)) {
-        tell(fmt::format("ERROR: Not replaced, it appeared during the restore: {} ({})", job.target,
-                         std::strerror(errno)),
-             true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Not replaced, it appeared during the restore: {} ({})", job.target,
+                         std::strerror(errno))));
         return;
     }
     // Only the thread that runs restores hard-linked files: the groups need no lock.
@@ -355,9 +354,8 @@ void FVPointInTimeRestore::finishFolders() {
         std::string problem;
         if (!folder.valid()) problem = std::strerror(error);
         else if (FVRecordedMetadata::apply(entry, {folder.get(), false}, plan_.targetProfile(), &problem)) continue;
-        tell(fmt::format("ERROR: Restored {} without all of its metadata: {}",
-                         FVText::appendingPathComponent(plan_.confinementRoot(), relative), problem),
-             true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Restored {} without all of its metadata: {}",
+                         FVText::appendingPathComponent(plan_.confinementRoot(), relative), problem)));
     }
     folders_.clear();
 }

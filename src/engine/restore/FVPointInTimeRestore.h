@@ -26,6 +26,8 @@
 
 namespace ferrovane {
 
+struct FVRunError;
+
 class FVPointInTimeRestore {
 public:
     struct Summary {
@@ -72,6 +74,8 @@ private:
     void finishFolders();
     bool stopped() const;
     void tell(const std::string& line, bool isError);
+    // An error or warning: its log line, counted as an error unless a warning.
+    void fail(const FVRunError& error);
 
     const FVPointInTimePlan& plan_;
     bool replace_;

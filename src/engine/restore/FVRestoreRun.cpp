@@ -1,5 +1,7 @@
 #include "engine/restore/FVRestoreRun.h"
 
+#include "engine/run/FVRunError.h"
+
 #include "FVVersion.h"
 #include "engine/restore/FVTrash.h"
 #include "engine/run/FVLog.h"
@@ -36,6 +38,8 @@ uint64_t landedFiles(const FVRestorePlan& plan) {
 
 FVRestoreRun::FVRestoreRun(const std::vector<FVRestorePlan>& plans, bool replace) : plans_(plans), replace_(replace) {}
 
+void FVRestoreRun::fail(const FVRunError& error) { tell(error.logLine(), error.kind != FVRunError::Kind::Warning); }
+
 void FVRestoreRun::tell(const std::string& line, bool isError) {
     FVLog::currentLog().addLogLine(line);
     if (isError) errors_.fetch_add(1, std::memory_order_relaxed);
@@ -55,7 +59,7 @@ FVRestoreRun::Summary FVRestoreRun::run(const std::string& destination, const Pr
     Summary summary;
     for (const FVRestorePlan& plan : plans_) {
         log.addLogLine(fmt::format("Restoring {} to {}", plan.from(), plan.to()));
-        for (const std::string& problem : plan.problems()) tell("ERROR: " + problem, true);
+        for (const std::string& problem : plan.problems()) fail(FVRunError::item("restoring", 0, {}, problem));
         summary.cancelled = !runPlan(plan, destination, done, total, progress, interrupt);
         done += plan.pairs().size();
         summary.files += landedFiles(plan);
@@ -139,12 +143,12 @@ bool FVRestoreRun::copyWorkerWillOverwriteDestination(FVFileSystemItem& destinat
     struct stat st {};
     if (FVLongPath::lstat(path, &st) != 0) return true;
     if (!conflicts_.contains(path) || !replace_) {
-        tell(fmt::format("ERROR: Not replaced, it appeared during the restore: {}", path), true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Not replaced, it appeared during the restore: {}", path)));
         return false;
     }
     FVTrash::Outcome outcome = FVTrash::moveAside(path, std::time(nullptr));
     if (!outcome.moved) {
-        tell(fmt::format("ERROR: Not replaced, it could not be moved aside: {} ({})", path, outcome.problem), true);
+        fail(FVRunError::item("restoring", 0, {}, fmt::format("Not replaced, it could not be moved aside: {} ({})", path, outcome.problem)));
         return false;
     }
     replaced_.fetch_add(1, std::memory_order_relaxed);
@@ -152,10 +156,11 @@ bool FVRestoreRun::copyWorkerWillOverwriteDestination(FVFileSystemItem& destinat
     return true;
 }
 
-void FVRestoreRun::copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) {
-    if (level == FVMessageLevel::Info) FVLog::currentLog().addLogLine(message);
-    else tell(message, level == FVMessageLevel::Error);
+void FVRestoreRun::copyWorkerDidGenerateMessage(const std::string& message) {
+    FVLog::currentLog().addLogLine(message);
 }
+
+void FVRestoreRun::copyWorkerDidFail(const FVRunError& error) { fail(error); }
 
 void FVRestoreRun::copyWorkerDidFinishCopy() {
     std::lock_guard lock(mutex_);

@@ -18,6 +18,8 @@
 
 namespace ferrovane {
 
+struct FVRunError;
+
 class FVRestoreRun final : public FVFileCopyWorkerDelegate {
 public:
     struct Summary {
@@ -48,7 +50,8 @@ public:
 
     bool respondsToWillOverwriteDestination() const override { return true; }
     bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override;
-    void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override;
+    void copyWorkerDidGenerateMessage(const std::string& message) override;
+    void copyWorkerDidFail(const FVRunError& error) override;
     void copyWorkerDidFinishCopy() override;
     void copyWorkerDidCancel() override;
 
@@ -56,6 +59,8 @@ private:
     bool runPlan(const FVRestorePlan& plan, const std::string& destination, uint64_t doneBefore, uint64_t total,
                  const Progress& progress, const std::atomic<bool>& interrupt);
     void tell(const std::string& line, bool isError);
+    // An error or warning: its log line, counted as an error unless a warning.
+    void fail(const FVRunError& error);
 
     const std::vector<FVRestorePlan>& plans_;
     bool replace_;

@@ -15,7 +15,7 @@ public:
         : error_(error), action_(action), path_(path) {}
 
     int error() const { return error_; }
-    // The one line that ends the run, beginning "ERROR: ".
+    // Why the run ends, for its one error line (FVRunError gives it its level).
     std::string message() const;
 
 private:

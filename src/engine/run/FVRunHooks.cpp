@@ -1,6 +1,7 @@
 #include "engine/run/FVRunHooks.h"
 
 #include "engine/run/FVLog.h"
+#include "engine/run/FVRunError.h"
 
 #include <fmt/format.h>
 
@@ -44,7 +45,7 @@ std::optional<std::string> FVRunHooks::runHook(FVHookKind kind, const std::strin
             "the {}-hook in the destination's configuration was not set or approved by this user on this machine, "
             "so it was not run: {}. To approve it: ferrovane config {} hook {} --approve",
             name, printable(command), printable(shellWord(destination)), name));
-        log.addLogLine("WARNING: " + warnings_.back());
+        log.addLogLine(FVRunError::warning("running a hook", 0, {}, warnings_.back()).logLine());
         return std::nullopt;
     }
     log.addLogLine(fmt::format("Running the {}-hook: {}", name, command));
@@ -73,11 +74,11 @@ std::optional<std::string> FVRunHooks::runBefore(const FVHookRun& run, const FVH
     if (!failure) return std::nullopt;
     if (options_.skipRunWhenBeforeHookFails) {
         const std::string reason = *failure + "; the run was skipped";
-        FVLog::currentLog().addLogLine("ERROR: " + reason);
+        FVLog::currentLog().addLogLine(FVRunError::item("running a hook", 0, {}, reason).logLine());
         return reason;
     }
     warnings_.push_back(*failure + "; the run went on");
-    FVLog::currentLog().addLogLine("WARNING: " + warnings_.back());
+    FVLog::currentLog().addLogLine(FVRunError::warning("running a hook", 0, {}, warnings_.back()).logLine());
     return std::nullopt;
 }
 
@@ -91,7 +92,7 @@ void FVRunHooks::runAfter(const FVHookRun& run, const FVHookRunEnd& end) {
                                            {"FERROVANE_LOG_FILE", end.logFile}});
     if (std::optional<std::string> failure = runHook(FVHookKind::After, options_.afterHook, environment, {}, run.destination)) {
         warnings_.push_back(*failure);
-        FVLog::currentLog().addLogLine("WARNING: " + warnings_.back());
+        FVLog::currentLog().addLogLine(FVRunError::warning("running a hook", 0, {}, warnings_.back()).logLine());
     }
 }
 

@@ -31,9 +31,13 @@ void FVRunStatus::changed(FVItemChange change, const std::string& path, uint64_t
 }
 
 bool FVRunStatus::report(const FVRunError& error) {
-    if (error.kind == FVRunError::Kind::Fatal) return stopOnFatalDestinationError(error.error, error.step, error.path);
+    if (error.kind == FVRunError::Kind::Fatal) {
+        destinationFailed(error);
+        if (auto worker = currentWorker()) worker->cancel();
+        return true;
+    }
     log(error.logLine());
-    addError(error.listText());
+    if (error.isListed()) addError(error.listText());
     return false;
 }
 
@@ -54,14 +58,11 @@ void FVRunStatus::cancel() {
 }
 
 bool FVRunStatus::stopOnFatalDestinationError(int error, std::string_view action, const std::string& path) {
-    if (!FVRunError::isFatal(error)) return false;
-    destinationFailed(FVDestinationFailure(error, action, path));
-    if (auto worker = currentWorker()) worker->cancel();
-    return true;
+    return FVRunError::isFatal(error) && report(FVRunError::atDestination(action, error, path, {}));
 }
 
-void FVRunStatus::destinationFailed(const FVDestinationFailure& failure) {
-    reportDestinationFailure(failure.message());
+void FVRunStatus::destinationFailed(const FVRunError& failure) {
+    reportDestinationFailure(failure.logLine());
     log("Aborting sync...");
     cancelled_.store(true, std::memory_order_relaxed);
 }

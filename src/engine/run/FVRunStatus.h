@@ -4,7 +4,6 @@
 // item in hand (which a cancellation or a full destination has to stop as well).
 
 #include "engine/run/FVCurrentCopy.h"
-#include "engine/run/FVDestinationFailure.h"
 #include "engine/run/FVRunError.h"
 #include "engine/run/FVRunTally.h"
 
@@ -54,7 +53,7 @@ public:
     bool stopOnFatalDestinationError(int error, std::string_view action, const std::string& path);
     // Reports the failure if none was reported yet and cancels the run; the worker that met it
     // has stopped itself.
-    void destinationFailed(const FVDestinationFailure& failure);
+    void destinationFailed(const FVRunError& failure);
     bool destinationHasFailed() const { return destinationFailureReported_.load(std::memory_order_relaxed); }
     // Records the line of the destination's failure (also one unmounted under the run) as the
     // run's error, once; the caller ends the run.

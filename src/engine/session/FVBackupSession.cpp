@@ -96,7 +96,7 @@ void FVBackupSession::start() {
     // Before anything is written. A dry run writes nothing, so it only looks.
     if (!dryRun_) settings.destinationProfile = probe.probe();
     if (FVRunError::isFatal(probe.problemError()))
-        return refuse(FVDestinationFailure(probe.problemError(), "probing", destinationPath_).message().substr(7));
+        return refuse(FVDestinationFailure(probe.problemError(), "probing", destinationPath_).message());
     if (std::optional<std::string> problem = layout.validate(settings.destinationProfile)) return refuse(*problem);
 
     sleepProblem_.clear();
@@ -312,7 +312,7 @@ void FVBackupSession::refuse(const std::string& problem) {
     log.setRunContext(destinationPath_, "");
     log.newLog();
     log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
-    log.addLogLine("ERROR: " + problem);
+    log.addLogLine(FVRunError::item("starting", 0, destinationPath_, problem).logLine());
     logSummary(true);
     log.addLogLine("Sync cancelled: nothing was changed.\n");
     log.closeLog();
@@ -325,7 +325,7 @@ void FVBackupSession::stopForSpace(const std::string& problem) {
     stoppedForSpace_.store(true);
     FVLog& log = FVLog::currentLog();
     log.addLogLine(fmt::format("Ferrovane cannot sync to: {}", destinationPath_));
-    log.addLogLine("ERROR: " + problem);
+    log.addLogLine(FVRunError::item("making room", ENOSPC, destinationPath_, problem).logLine());
     runAfterHook("no-space");
     logSummary(true);
     log.addLogLine("Sync stopped before copying: not enough room.\n");

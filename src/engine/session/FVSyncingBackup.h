@@ -81,8 +81,8 @@ public:
     bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override;
     void copyWorkerProgressDidChange(float fraction) override;
     void copyWorkerDidWriteData(const std::string& sourcePath, uint64_t bytes) override;
-    void copyWorkerDidGenerateMessage(const std::string& message, FVMessageLevel level) override;
-    void copyWorkerDestinationDidFail(const FVDestinationFailure& failure) override;
+    void copyWorkerDidGenerateMessage(const std::string& message) override;
+    void copyWorkerDidFail(const FVRunError& error) override;
     void copyWorkerDidRecordItem(const FVCopyRecord& record) override;
     void copyWorkerDidPublishItem(const std::string& sourcePath, uint64_t bytes) override;
 
