@@ -1,10 +1,7 @@
-// The queue between two stages: a close ends both a producer held by a full queue and a consumer
-// waiting on an empty one, and what was pushed before the close is still taken, in order.
-
+// A close ends a producer held by a full queue and a consumer waiting on an empty one.
 #include "engine/run/FVBoundedQueue.h"
 
 #include <gtest/gtest.h>
-
 #include <future>
 
 using namespace ferrovane;
@@ -20,7 +17,7 @@ TEST(BoundedQueue, CloseEndsBlockedProducersAndConsumersAndKeepsWhatWasPushed) {
     EXPECT_EQ(consumer.get(), std::nullopt);
     EXPECT_FALSE(producer.get());
     EXPECT_FALSE(queue.push(5));
-    // A run takes the items its predicate accepts, under one lock.
+    // What was pushed before the close is still taken, in order; a run as its predicate says.
     std::vector<int> run;
     ASSERT_TRUE(queue.popRun(run, [](const std::vector<int>& taken, int next) { return taken.size() < 2 && next > 0; }));
     EXPECT_EQ(run, (std::vector<int>{1, 2}));

@@ -34,7 +34,8 @@ std::string_view folderOf(const std::string& path) {
 }
 }  // namespace
 
-FVFileCopyWorker::FVFileCopyWorker(std::shared_ptr<FVCopyPairs> pairs) : impl_(std::make_unique<FVFileCopyWorkerImpl>()) {
+FVFileCopyWorker::FVFileCopyWorker(std::shared_ptr<FVCopyPairs> pairs)
+    : impl_(std::make_unique<FVFileCopyWorkerImpl>()) {
     impl_->pairsToCopy = pairs ? std::move(pairs) : std::make_shared<FVCopyPairs>(kPendingCopyPairs);
 }
 

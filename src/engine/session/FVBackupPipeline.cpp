@@ -65,8 +65,8 @@ bool FVBackupPipeline::run(std::optional<int64_t> fileCountEstimation) {
     status.setCopyProgress(100);
     status.reportProgress();
     if (sourcePath_ == "/" && !dryRun) takeRootAttributes();
-    status.log(fmt::format("Source finished: {} ({} copied).", sourcePath_,
-                           FVNumber::formattedDiskSizeString(static_cast<double>(copies ? copies->totalBytesCopied() : 0))));
+    const double copied = static_cast<double>(copies ? copies->totalBytesCopied() : 0);
+    status.log(fmt::format("Source finished: {} ({} copied).", sourcePath_, FVNumber::formattedDiskSizeString(copied)));
     return true;
 }
 
@@ -78,7 +78,8 @@ void FVBackupPipeline::handOver(FVFileSystemItemPtr source, FVFileSystemItemPtr 
         else if (work == Work::Copy) reportWouldCopy(*source, *destination);
         return;
     }
-    if (work == Work::Copy && source->fileType() != FVFileType::Directory) run_.status.queuedForCopy(source->fileSize());
+    if (work == Work::Copy && source->fileType() != FVFileType::Directory)
+        run_.status.queuedForCopy(source->fileSize());
     // Refused once a cancel closed the queue: the walk then stops too.
     pairsToCopy_->push({std::move(source), std::move(destination), work == Work::ModeAndOwner, work == Work::Digest});
 }
@@ -104,7 +105,8 @@ void FVBackupPipeline::reportWouldCopy(FVFileSystemItem& source, FVFileSystemIte
 // The first names' copies are published now; names that cannot be links are copied after all.
 bool FVBackupPipeline::linkLaterNames(const FVHardLinkGroups& groups) {
     FVRunStatus& status = run_.status;
-    auto copies = FVHardLinkWriter(run_.settings, run_.destination, run_.changedFileArchive, status).run(groups.requests());
+    FVHardLinkWriter writer(run_.settings, run_.destination, run_.changedFileArchive, status);
+    auto copies = writer.run(groups.requests());
     if (run_.recorder && !status.isCancelled()) recordLaterNames(groups, copies);
     if (copies.empty()) return !status.isCancelled();
     std::shared_ptr<FVFileCopyWorker> worker = run_.makeWorker(laterNamesToCopy_);
@@ -118,7 +120,7 @@ bool FVBackupPipeline::linkLaterNames(const FVHardLinkGroups& groups) {
 // Names linked to their first name's copy; those that could not be links are copied, and the
 // copy threads record them.
 void FVBackupPipeline::recordLaterNames(const FVHardLinkGroups& groups,
-                                        const std::vector<std::pair<FVFileSystemItemPtr, FVFileSystemItemPtr>>& copies) {
+                                        const std::vector<FVHardLinkWriter::CopyPair>& copies) {
     std::unordered_set<std::string> copied;
     for (const auto& [source, destination] : copies) copied.insert(destination->path());
     const FVMirrorLayout layout = run_.settings.layout();

@@ -17,6 +17,7 @@
 #include "engine/analysis/FVSourceAnalysis.h"
 #include "engine/archive/FVChangedFileArchive.h"
 #include "engine/archive/FVDestinationTree.h"
+#include "engine/archive/FVHardLinkWriter.h"
 #include "engine/copy/FVCopyPair.h"
 #include "engine/copy/FVFileCopyWorker.h"
 #include "engine/run/FVRunSettings.h"
@@ -61,8 +62,7 @@ private:
     void reportWouldCopy(FVFileSystemItem& source, FVFileSystemItem& destination);
     // Links the later names of files with several names; false when the run was cancelled.
     bool linkLaterNames(const FVHardLinkGroups& groups);
-    void recordLaterNames(const FVHardLinkGroups& groups,
-                          const std::vector<std::pair<FVFileSystemItemPtr, FVFileSystemItemPtr>>& copies);
+    void recordLaterNames(const FVHardLinkGroups& groups, const std::vector<FVHardLinkWriter::CopyPair>& copies);
     void keepUnavailableMirror();
     // A clone of the whole system: the destination root takes the root folder's attributes.
     void takeRootAttributes();

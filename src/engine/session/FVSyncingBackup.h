@@ -2,9 +2,10 @@
 // The sync engine of one run towards one destination, driven step by step by the session: each
 // step runs on the caller's thread and returns when it is done. A source item goes through its
 // stages in FVBackupPipeline (walk and analysis, copies, later names), the copy threads asking
-// this object, their delegate, to archive each file they overwrite (FVChangedFileArchive); the cleanup takes away what vanished from the sources
-// (FVMirrorCleanup); the purge deletes old archives (FVArchivePurge), the thinning the runs that
-// the retention policy lets go (FVRunThinning).
+// this object, their delegate, to archive each file they overwrite (FVChangedFileArchive); the
+// cleanup takes away what vanished from the sources (FVMirrorCleanup); the purge deletes old
+// archives (FVArchivePurge), the thinning the runs that the retention policy lets go
+// (FVRunThinning).
 
 #include "engine/analysis/FVRunFindings.h"
 #include "engine/archive/FVChangedFileArchive.h"
