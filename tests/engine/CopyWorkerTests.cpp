@@ -48,18 +48,18 @@ struct PoolTest : ::testing::Test {
 
 }  // namespace
 
-// The session's end finishes at once when no thread is left: here the cancelled ones already
-// ended with their own cancel step. A pair without items is dropped.
-TEST_F(PoolTest, SessionEndWithoutThreadsFinishesAtOnce) {
+// A cancel ends the session at once, with its one end step; a pair without items is dropped,
+// and so is a pair added after the cancel.
+TEST_F(PoolTest, ACancelEndsTheSessionAndDropsLaterPairs) {
     worker.startCopySession();
     worker.addCopyItemFromSource(nullptr, FVFileSystemItem::itemWithPath("/x"));
-    EXPECT_EQ(worker.requestedFiles(), 0u);
     worker.cancel();
-    for (const std::string& name : makeFiles(1)) add(name);
     ASSERT_TRUE(delegate.waitForEnd());
+    for (const std::string& name : makeFiles(1)) add(name);
+    EXPECT_EQ(worker.requestedFiles(), 0u);
+    EXPECT_FALSE(worker.finishCopySession());
     EXPECT_EQ(delegate.cancelled(), 1);
-    worker.endCopySession();
-    EXPECT_EQ(delegate.finished(), 1);
+    EXPECT_EQ(delegate.finished(), 0);
     EXPECT_FALSE(exists(dir / "dst/f0"));
     EXPECT_TRUE(delegate.progress().empty());
 }
@@ -161,31 +161,4 @@ TEST_F(PoolTest, CancelDuringALargeCopyDropsTheRestAndTheFolderMetadata) {
     for (const auto& entry : std::filesystem::directory_iterator(dir / "dst"))
         EXPECT_FALSE(entry.path().filename().string().starts_with(kTemporaryFilePrefix));
     EXPECT_LT(worker.copiedFiles(), 22u);
-}
-
-TEST(CopyWorker, MayBeDestroyedFromItsFinishCallback) {
-    TempDir dir;
-    makeDirs(dir / "dst");
-    writeFile(dir / "a", "a");
-    struct Owner : FVFileCopyWorkerDelegate {
-        std::unique_ptr<FVFileCopyWorker> worker = std::make_unique<FVFileCopyWorker>();
-        std::mutex mutex;
-        std::condition_variable done;
-        bool finished = false;
-        void copyWorkerDidFinishCopy() override {
-            worker.reset();
-            std::lock_guard lock(mutex);
-            finished = true;
-            done.notify_all();
-        }
-        void copyWorkerDidCancel() override {}
-    } owner;
-    owner.worker->setDelegate(&owner);
-    owner.worker->setDestinationRoot(dir / "dst");
-    owner.worker->startCopySession();
-    addPair(*owner.worker, dir / "a", dir / "dst/a");
-    owner.worker->endCopySession();
-    std::unique_lock lock(owner.mutex);
-    ASSERT_TRUE(owner.done.wait_for(lock, std::chrono::seconds(30), [&] { return owner.finished; }));
-    EXPECT_EQ(readFile(dir / "dst/a"), "a");
 }

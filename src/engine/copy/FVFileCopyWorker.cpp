@@ -16,7 +16,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <chrono>
 #include <cmath>
 #include <string_view>
 #include <system_error>
@@ -25,9 +24,6 @@ namespace ferrovane {
 
 namespace {
 constexpr const char* kClassName = "FVFileCopyWorker";
-constexpr auto kPollInterval = std::chrono::milliseconds(250);
-// Pairs waiting to be copied before the analysis is held back: a few megabytes of items.
-constexpr size_t kMaximumPendingPairs = 20000;
 // A run of one folder's files ends at this many pairs or bytes, so that a folder of many or
 // large files is still shared by the threads.
 constexpr size_t kMaximumRunPairs = 64;
@@ -38,45 +34,20 @@ std::string_view folderOf(const std::string& path) {
 }
 }  // namespace
 
-void FVPairQueue::push(CopyPair pair) {
-    if (count_ == slots_.size()) {
-        std::vector<CopyPair> grown(slots_.size() * 2);
-        for (size_t i = 0; i < count_; ++i) grown[i] = std::move(slots_[(head_ + i) % slots_.size()]);
-        slots_ = std::move(grown);
-        head_ = 0;
-    }
-    slots_[(head_ + count_) % slots_.size()] = std::move(pair);
-    ++count_;
+FVFileCopyWorker::FVFileCopyWorker(std::shared_ptr<FVCopyPairs> pairs)
+    : impl_(std::make_unique<FVFileCopyWorkerImpl>()) {
+    impl_->pairsToCopy = pairs ? std::move(pairs) : std::make_shared<FVCopyPairs>(kPendingCopyPairs);
 }
-
-bool FVPairQueue::pop(CopyPair& pair) {
-    if (count_ == 0) return false;
-    pair = std::move(slots_[head_]);
-    head_ = (head_ + 1) % slots_.size();
-    --count_;
-    return true;
-}
-
-FVFileCopyWorker::FVFileCopyWorker() : impl_(std::make_unique<FVFileCopyWorkerImpl>()) {}
 
 FVFileCopyWorker::~FVFileCopyWorker() {
-    {
-        std::lock_guard lock(impl_->filesMutex);
-        impl_->destroying = true;
-        impl_->cancelled = true;
-        impl_->pairsOrEnd.notify_all();
-        impl_->roomInQueue.notify_all();
-    }
+    impl_->destroying = true;
+    impl_->stop();
     std::vector<std::thread> threads;
     {
         std::lock_guard lock(impl_->poolMutex);
         threads.swap(impl_->threads);
     }
-    for (std::thread& thread : threads) {
-        // Destroyed from a callback on one of its own threads: that thread only returns from here.
-        if (thread.get_id() == std::this_thread::get_id()) thread.detach();
-        else thread.join();
-    }
+    for (std::thread& thread : threads) thread.join();
 }
 
 void FVFileCopyWorker::setDelegate(FVFileCopyWorkerDelegate* delegate) { impl_->delegate = delegate; }
@@ -105,14 +76,13 @@ void FVFileCopyWorker::setMaxThreads(int64_t n) {
 }
 
 void FVFileCopyWorker::startCopySession() {
-    std::lock_guard lock(impl_->poolMutex);
     if (!impl_->destination) impl_->destination = std::make_unique<FVConfinedDirectory>(impl_->destinationRoot);
     if (!impl_->sourceTree && !impl_->sourceRoot.empty())
         impl_->sourceTree = std::make_unique<FVConfinedDirectory>(impl_->sourceRoot);
-    impl_->copySessionRunning = true;
     FVFileCopyWorkerDelegate* delegate = impl_->delegate;
     impl_->delegateSupportsWillOverwriteDestination = delegate && delegate->respondsToWillOverwriteDestination();
     impl_->delegateSupportsProgressDidChange = delegate && delegate->respondsToProgressDidChange();
+    impl_->startThreads();
 }
 
 void FVFileCopyWorker::addDigestItem(FVFileSystemItemPtr source, FVFileSystemItemPtr destination) {
@@ -124,7 +94,7 @@ void FVFileCopyWorker::addCopyItemFromSource(FVFileSystemItemPtr source, FVFileS
     addPair({std::move(source), std::move(destination), modeAndOwnerOnly, false});
 }
 
-void FVFileCopyWorker::addPair(CopyPair pair) {
+void FVFileCopyWorker::addPair(FVCopyPair pair) {
     const FVFileSystemItemPtr& source = pair.source;
     const FVFileSystemItemPtr& destination = pair.destination;
     if (!source || !destination) {
@@ -133,91 +103,93 @@ void FVFileCopyWorker::addPair(CopyPair pair) {
                                                    destination ? destination->description() : "(null)"));
         return;
     }
-    {
-        std::unique_lock lock(impl_->filesMutex);
-        impl_->roomInQueue.wait(lock, [this] {
-            return impl_->filesToCopy.size() < kMaximumPendingPairs || impl_->cancelled || impl_->destroying;
-        });
-        impl_->requestedFiles.fetch_add(1, std::memory_order_relaxed);
-        impl_->filesToCopy.push(std::move(pair));
-        impl_->pairsOrEnd.notify_one();
-    }
-    impl_->startCopies();
+    impl_->pairsToCopy->push(std::move(pair));
 }
 
 void FVFileCopyWorker::endCopySession() {
-    bool finishNow;
+    impl_->pairsToCopy->close();
+    bool reportNow;
     {
+        // Without a thread (none could start) the session ends here.
         std::lock_guard lock(impl_->poolMutex);
-        finishNow = impl_->activeWorkers == 0 && !impl_->finishPending;
-        std::lock_guard filesLock(impl_->filesMutex);
-        impl_->copySessionRunning = false;
-        impl_->pairsOrEnd.notify_all();
+        reportNow = impl_->activeWorkers == 0 && !impl_->sessionFinished;
+        if (reportNow) {
+            impl_->sessionFinished = true;
+            impl_->sessionCancelled = impl_->cancelled.load(std::memory_order_relaxed);
+            impl_->sessionEnded.notify_all();
+        }
     }
-    if (finishNow && impl_->delegate) impl_->delegate->copyWorkerDidFinishCopy();
+    if (!reportNow || !impl_->delegate) return;
+    if (impl_->sessionCancelled) impl_->delegate->copyWorkerDidCancel();
+    else impl_->delegate->copyWorkerDidFinishCopy();
+}
+
+bool FVFileCopyWorker::finishCopySession() {
+    endCopySession();
+    std::unique_lock lock(impl_->poolMutex);
+    impl_->sessionEnded.wait(lock, [this] { return impl_->sessionFinished; });
+    return !impl_->sessionCancelled;
 }
 
 void FVFileCopyWorker::cancel() {
-    {
-        std::lock_guard lock(impl_->filesMutex);
-        impl_->cancelled.store(true, std::memory_order_relaxed);
-        impl_->roomInQueue.notify_all();
-    }
+    impl_->stop();
     FVTestHook::reach("copy-cancelled");
 }
 
 bool FVFileCopyWorker::isCancelled() const { return impl_->cancelled.load(std::memory_order_relaxed); }
-uint64_t FVFileCopyWorker::requestedFiles() const { return impl_->requestedFiles.load(std::memory_order_relaxed); }
+uint64_t FVFileCopyWorker::requestedFiles() const { return impl_->pairsToCopy->accepted(); }
 uint64_t FVFileCopyWorker::copiedFiles() const { return impl_->copiedFiles.load(std::memory_order_relaxed); }
 uint64_t FVFileCopyWorker::totalBytesCopied() const { return impl_->totalBytesCopied.load(std::memory_order_relaxed); }
 
-void FVFileCopyWorkerImpl::startCopies() {
-    std::lock_guard lock(poolMutex);
-    if (destroying || activeWorkers >= maxThreads) return;
-    // The first thread opens a batch, whose last thread runs the finish step.
-    if (activeWorkers == 0) finishPending = true;
-    try {
-        threads.emplace_back([this] { workerBody(); });
-        ++activeWorkers;
-    } catch (const std::system_error& error) {
-        FVSystemLog::error(kClassName, fmt::format("Could not start a copy thread: {}", error.what()));
-        if (activeWorkers == 0) finishPending = false;
-    }
+void FVFileCopyWorkerImpl::stop() {
+    cancelled.store(true, std::memory_order_relaxed);
+    pairsToCopy->close();
 }
 
-bool FVFileCopyWorkerImpl::nextRun(std::vector<CopyPair>& run) {
-    std::lock_guard lock(filesMutex);
-    const size_t pending = filesToCopy.size();
-    CopyPair pair;
-    if (filesToCopy.pop(pair)) {
-        const bool folderPair = !pair.source->isFile();
-        if (folderPair) folders.markInFlight(pair.destination->path());
-        run.push_back(std::move(pair));
-        if (!folderPair) {
-            const std::string_view folder = folderOf(run.front().destination->path());
-            uint64_t bytes = run.front().source->fileSize();
-            for (CopyPair* next = filesToCopy.front();
-                 next && run.size() < kMaximumRunPairs && bytes < kMaximumRunBytes && next->source->isFile() &&
-                 folderOf(next->destination->path()) == folder;
-                 next = filesToCopy.front()) {
-                bytes += next->source->fileSize();
-                run.emplace_back();
-                filesToCopy.pop(run.back());
-            }
+// Called once, at the session's start: the threads wait for pairs until the queue is closed and
+// drained, or the session is cancelled; the last one to end reports the session's end.
+void FVFileCopyWorkerImpl::startThreads() {
+    std::lock_guard lock(poolMutex);
+    for (int64_t i = 0; i < maxThreads; ++i) {
+        try {
+            threads.emplace_back([this] { workerBody(); });
+            ++activeWorkers;
+        } catch (const std::system_error& error) {
+            FVSystemLog::error(kClassName, fmt::format("Could not start a copy thread: {}", error.what()));
+            break;
         }
-        if (pending >= kMaximumPendingPairs && filesToCopy.size() < kMaximumPendingPairs) roomInQueue.notify_one();
     }
+    // Nothing would take the pairs: the session is cancelled rather than reported as done.
+    if (activeWorkers == 0) stop();
+}
+
+bool FVFileCopyWorkerImpl::nextRun(std::vector<FVCopyPair>& run) {
+    uint64_t bytes = 0;
+    const bool taken = pairsToCopy->popRun(run, [&](const std::vector<FVCopyPair>& taken, const FVCopyPair& next) {
+        if (taken.empty()) {
+            // Under the queue lock: no later pair is taken before the folder counts as in flight.
+            if (!next.source->isFile()) folders.markInFlight(next.destination->path());
+            bytes = next.source->fileSize();
+            return true;
+        }
+        if (!taken.front().source->isFile() || taken.size() >= kMaximumRunPairs || bytes >= kMaximumRunBytes ||
+            !next.source->isFile() || folderOf(next.destination->path()) != folderOf(taken.front().destination->path()))
+            return false;
+        bytes += next.source->fileSize();
+        return true;
+    });
     reportProgress();
-    return !run.empty();
+    return taken;
 }
 
 void FVFileCopyWorkerImpl::reportProgress() {
-    uint64_t requested = requestedFiles.load(std::memory_order_relaxed);
-    if ((copySessionRunning && requested < 100) || requested == 0) return;
+    const uint64_t requested = pairsToCopy->accepted();
+    if ((!pairsToCopy->isClosed() && requested < 100) || requested == 0) return;
     auto progress = static_cast<float>(static_cast<double>(copiedFiles.load(std::memory_order_relaxed)) /
                                        static_cast<double>(requested));
-    if (std::fabs(progress - lastReportedProgress) <= 0.05f) return;
     if (!delegateSupportsProgressDidChange) return;
+    std::lock_guard lock(progressMutex);
+    if (std::fabs(progress - lastReportedProgress) <= 0.05f) return;
     lastReportedProgress = progress;
     delegate->copyWorkerProgressDidChange(progress);
 }
@@ -226,21 +198,11 @@ void FVFileCopyWorkerImpl::workerBody() {
     {
         FVCopyThreadState state;
         state.buffer.reset(new char[kCopyBufferSize]);
-        std::vector<CopyPair> run;
+        std::vector<FVCopyPair> run;
         for (;;) {
             run.clear();
-            if (!nextRun(run)) {
-                if (destroying) break;
-                if (copySessionRunning) {
-                    std::unique_lock lock(filesMutex);
-                    pairsOrEnd.wait_for(lock, kPollInterval, [this] {
-                        return !filesToCopy.empty() || !copySessionRunning || destroying;
-                    });
-                    continue;
-                }
-                // A pair added just before the session ended is still ours.
-                if (!nextRun(run)) break;
-            }
+            // Waits for pairs; none once the session ended and every pair was taken.
+            if (!nextRun(run)) break;
             size_t done = 0;
             for (; done < run.size() && !cancelled.load(std::memory_order_relaxed); ++done) {
                 copiedFiles.fetch_add(1, std::memory_order_relaxed);
@@ -264,17 +226,18 @@ void FVFileCopyWorkerImpl::workerEnded() {
             outcome = Outcome::None;
         } else if (cancelled.load(std::memory_order_relaxed)) {
             outcome = Outcome::Cancelled;
-        } else if (!copySessionRunning) {
-            std::lock_guard filesLock(filesMutex);
-            if (filesToCopy.empty()) {
-                directoryMetadata.finish();
-                // A destination that failed in the metadata step cancelled the session.
-                outcome = cancelled.load(std::memory_order_relaxed) ? Outcome::Cancelled : Outcome::Finished;
-            }
+        } else {
+            // The queue is closed and drained: every copy is in, the folders' metadata follows.
+            directoryMetadata.finish();
+            // A destination that failed in the metadata step cancelled the session.
+            outcome = cancelled.load(std::memory_order_relaxed) ? Outcome::Cancelled : Outcome::Finished;
         }
-        finishPending = false;
+        if (outcome != Outcome::None) {
+            sessionFinished = true;
+            sessionCancelled = outcome == Outcome::Cancelled;
+            sessionEnded.notify_all();
+        }
     }
-    // Nothing of the worker is touched after the callback: the delegate may destroy it.
     if (outcome == Outcome::Cancelled) delegate->copyWorkerDidCancel();
     else if (outcome == Outcome::Finished) delegate->copyWorkerDidFinishCopy();
 }
@@ -295,7 +258,7 @@ void FVFileCopyWorkerImpl::report(FVRunError error) {
 }
 
 void FVFileCopyWorkerImpl::stopOnDestinationFailure(const FVRunError& failure) {
-    cancelled.store(true, std::memory_order_relaxed);
+    stop();
     if (!destinationFailureReported.exchange(true) && delegate) delegate->copyWorkerDidFail(failure);
 }
 
@@ -304,7 +267,7 @@ bool FVFileCopyWorkerImpl::mayOverwrite(FVFileSystemItem& destination) {
            delegate->copyWorkerWillOverwriteDestination(destination);
 }
 
-void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
+void FVFileCopyWorkerImpl::copyPair(FVCopyPair& pair, FVCopyThreadState& state) {
     FVFileSystemItem& source = *pair.source;
     FVFileSystemItem& destination = *pair.destination;
     if (pair.digestOnly) {
@@ -331,7 +294,7 @@ void FVFileCopyWorkerImpl::copyPair(CopyPair& pair, FVCopyThreadState& state) {
     }
 }
 
-void FVFileCopyWorkerImpl::digestDestination(CopyPair& pair, FVCopyThreadState& state) {
+void FVFileCopyWorkerImpl::digestDestination(FVCopyPair& pair, FVCopyThreadState& state) {
     const std::string& path = pair.destination->path();
     std::optional<FVContentHash> hash;
     int error = 0;

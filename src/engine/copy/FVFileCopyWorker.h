@@ -1,9 +1,11 @@
 #pragma once
 // The copy engine of one sync job: a fixed-width pool of threads takes (source, destination)
-// pairs off a first-in first-out queue while the analysis is still adding them, clones each
-// item with its metadata, and applies directory metadata once all copies are done.
+// pairs off a bounded first-in first-out queue while the analysis is still adding them, clones
+// each item with its metadata, and applies directory metadata once the queue is closed and every
+// copy is done.
 
 #include "engine/config/FVMirrorLayout.h"
+#include "engine/copy/FVCopyPair.h"
 #include "engine/record/FVCopyRecord.h"
 #include "engine/run/FVCurrentCopy.h"
 #include "engine/run/FVRunError.h"
@@ -29,7 +31,6 @@ namespace ferrovane {
 inline constexpr const char* kTemporaryFilePrefix = FVMirrorLayout::kTemporaryPrefix;
 
 struct FVFileCopyWorkerImpl;
-struct CopyPair;
 
 // Callbacks arrive on worker threads, never on the main thread.
 class FVFileCopyWorkerDelegate {
@@ -55,17 +56,21 @@ public:
     virtual void copyWorkerDidPublishItem(const std::string& sourcePath, uint64_t bytes) {}
     // After each item copied or failed, and each digest taken, when the worker records copies.
     virtual void copyWorkerDidRecordItem(const FVCopyRecord& record) {}
-    virtual void copyWorkerDidFinishCopy() = 0;
-    virtual void copyWorkerDidCancel() = 0;
+    virtual void copyWorkerDidFinishCopy() {}
+    virtual void copyWorkerDidCancel() {}
 };
 
-// The delegate gets exactly one finish step per batch of threads: copyWorkerDidFinishCopy or
-// copyWorkerDidCancel, plus copyWorkerDidFinishCopy from endCopySession when no thread is left
-// then. The worker may be destroyed from inside either callback.
+// The delegate gets exactly one end step per session: copyWorkerDidFinishCopy once the queue was
+// closed and every pair copied, or copyWorkerDidCancel once a cancel stopped every thread (which
+// may come before the queue is closed).
+// An owner that would rather wait on its own thread calls finishCopySession.
 class FVFileCopyWorker final : public FVCurrentCopy {
 public:
-    FVFileCopyWorker();
-    ~FVFileCopyWorker() override;  // stops and waits for its threads; no callback arrives afterwards
+    // The pairs come from this queue, which its owner fills and closes. Without one the worker
+    // keeps a queue of its own, filled through the add methods and closed by endCopySession.
+    explicit FVFileCopyWorker(std::shared_ptr<FVCopyPairs> pairs = nullptr);
+    // Stops and waits for its threads (so never from a callback); no callback arrives afterwards.
+    ~FVFileCopyWorker() override;
     FVFileCopyWorker(const FVFileCopyWorker&) = delete;
     FVFileCopyWorker& operator=(const FVFileCopyWorker&) = delete;
 
@@ -91,14 +96,20 @@ public:
     void setRecordsCopies(bool records);
     void setChunkHook(std::function<void(const std::string& sourcePath, uint64_t bytesCopied)> hook);
 
+    // Starts the threads, which wait for pairs.
     void startCopySession();
-    // modeAndOwnerOnly: the destination item's data is current; only its mode, owner and group
+    // Waits while many pairs are pending; a pair added after the session ended or was cancelled
+    // is dropped. modeAndOwnerOnly: the destination item's data is current; only its mode, owner and group
     // are brought in line with the source, in place (never for a folder, whose pair does that).
     void addCopyItemFromSource(FVFileSystemItemPtr source, FVFileSystemItemPtr destination,
                                bool modeAndOwnerOnly = false);
     // The destination item is current: only the digest of its bytes is taken, for the record.
     void addDigestItem(FVFileSystemItemPtr source, FVFileSystemItemPtr destination);
+    // Closes the queue of pairs to copy: the threads copy what is left and end.
     void endCopySession();
+    // Ends the session and waits for its end step (the folders' metadata is then applied);
+    // false when the session was cancelled.
+    bool finishCopySession();
     void cancel() override;
 
     bool isCancelled() const;
@@ -107,7 +118,7 @@ public:
     uint64_t totalBytesCopied() const override;
 
 private:
-    void addPair(CopyPair pair);
+    void addPair(FVCopyPair pair);
 
     std::unique_ptr<FVFileCopyWorkerImpl> impl_;
 };

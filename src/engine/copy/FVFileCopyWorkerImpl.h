@@ -2,6 +2,7 @@
 // The worker's private state, shared by the worker and its collaborators: the destination
 // folders, the item cloner and the directory-metadata finisher.
 
+#include "engine/copy/FVCopyPair.h"
 #include "engine/copy/FVDestinationFolders.h"
 #include "engine/copy/FVDirectoryMetadataFinisher.h"
 #include "engine/copy/FVFileCopyWorker.h"
@@ -19,30 +20,6 @@
 #include <vector>
 
 namespace ferrovane {
-
-struct CopyPair {
-    FVFileSystemItemPtr source;
-    FVFileSystemItemPtr destination;
-    bool modeAndOwnerOnly = false;
-    bool digestOnly = false;
-};
-
-// First in, first out, in a ring that only grows (by doubling) when the analysis runs ahead of
-// the copies, so a long run does not reallocate again and again.
-class FVPairQueue {
-public:
-    explicit FVPairQueue(size_t capacity) : slots_(capacity) {}
-    void push(CopyPair pair);
-    bool pop(CopyPair& pair);
-    CopyPair* front() { return count_ == 0 ? nullptr : &slots_[head_]; }
-    bool empty() const { return count_ == 0; }
-    size_t size() const { return count_; }
-
-private:
-    std::vector<CopyPair> slots_;
-    size_t head_ = 0;
-    size_t count_ = 0;
-};
 
 // What one copying thread keeps between items: consecutive pairs mostly share their folders.
 struct FVCopyThreadState {
@@ -73,39 +50,37 @@ struct FVFileCopyWorkerImpl {
     std::atomic<bool> delegateSupportsProgressDidChange{false};
     std::atomic<bool> cancelled{false};
     std::atomic<bool> destinationFailureReported{false};
-    std::atomic<bool> copySessionRunning{false};
     std::atomic<bool> destroying{false};
     std::atomic<uint64_t> totalBytesCopied{0};
 
-    // The queue lock: the pending pairs, the counters and the progress report.
-    std::mutex filesMutex;
-    // Idle threads wait on it between polls, so that a new pair or the end of the session
-    // wakes them at once instead of after the poll interval.
-    std::condition_variable pairsOrEnd;
-    // The analysis waits on it while the queue is full, so that memory stays flat when the walk
-    // runs far ahead of the copies (a first run of millions of small files).
-    std::condition_variable roomInQueue;
-    FVPairQueue filesToCopy{4096};
-    std::atomic<uint64_t> requestedFiles{0};
+    // Its owner pushes, the copying threads take; its owner's close or a cancel ends the session.
+    std::shared_ptr<FVCopyPairs> pairsToCopy;
     std::atomic<uint64_t> copiedFiles{0};
+    std::mutex progressMutex;
     float lastReportedProgress = 0;
 
-    // The pool lock: width, running threads and the batch's finish step; taken before filesMutex.
+    // The pool lock: width, running threads and the session's end.
     std::mutex poolMutex;
     int64_t maxThreads = 2;
     int activeWorkers = 0;
-    bool finishPending = false;
+    // The session's one report was made (with sessionCancelled when it was a cancel);
+    // finishCopySession waits on sessionEnded for it.
+    bool sessionFinished = false;
+    bool sessionCancelled = false;
+    std::condition_variable sessionEnded;
     std::vector<std::thread> threads;
 
     FVDestinationFolders folders{*this};
     FVDirectoryMetadataFinisher directoryMetadata{*this};
 
     // Queue and threads.
-    void startCopies();
+    void startThreads();
+    // Closes the queue to the analysis and stops the threads after their current pairs.
+    void stop();
     // The next pairs in queue order: a folder's pair alone, or a run of files of one destination
     // folder, so that two threads seldom create entries in the same folder at once (each
     // creation holds the folder's lock in the kernel, and the other thread would wait on it).
-    bool nextRun(std::vector<CopyPair>& run);
+    bool nextRun(std::vector<FVCopyPair>& run);
     void reportProgress();
     void workerBody();
     void workerEnded();
@@ -119,9 +94,9 @@ struct FVFileCopyWorkerImpl {
     void stopOnDestinationFailure(const FVRunError& failure);
     // Asks the delegate before a destination item is replaced; false keeps it.
     bool mayOverwrite(FVFileSystemItem& destination);
-    void copyPair(CopyPair& pair, FVCopyThreadState& state);
+    void copyPair(FVCopyPair& pair, FVCopyThreadState& state);
     // The digest of a current destination file, read through the thread's buffer.
-    void digestDestination(CopyPair& pair, FVCopyThreadState& state);
+    void digestDestination(FVCopyPair& pair, FVCopyThreadState& state);
     void recordItem(const FVCopyRecord& record);
 
     // open(2) of a source item; below the source root no symbolic link is followed. With a

@@ -1,12 +1,12 @@
 #pragma once
 // The sync engine of one run towards one destination, driven step by step by the session: each
-// step runs on the caller's thread and returns when it is done. Mirroring a source item walks it
-// (FVSourceAnalysis) and hands what changed to a copy worker, which archives each file it
-// overwrites (FVChangedFileArchive); the cleanup takes away what vanished from the sources
-// (FVMirrorCleanup); the purge deletes old archives (FVArchivePurge), the thinning the runs that
-// the retention policy lets go (FVRunThinning).
+// step runs on the caller's thread and returns when it is done. A source item goes through its
+// stages in FVBackupPipeline (walk and analysis, copies, later names), the copy threads asking
+// this object, their delegate, to archive each file they overwrite (FVChangedFileArchive); the
+// cleanup takes away what vanished from the sources (FVMirrorCleanup); the purge deletes old
+// archives (FVArchivePurge), the thinning the runs that the retention policy lets go
+// (FVRunThinning).
 
-#include "engine/analysis/FVHardLinkGroups.h"
 #include "engine/analysis/FVRunFindings.h"
 #include "engine/archive/FVChangedFileArchive.h"
 #include "engine/archive/FVDestinationTree.h"
@@ -15,10 +15,8 @@
 #include "engine/run/FVRunSettings.h"
 #include "engine/run/FVRunStatus.h"
 
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -88,20 +86,9 @@ public:
     void copyWorkerDidFail(const FVRunError& error) override;
     void copyWorkerDidRecordItem(const FVCopyRecord& record) override;
     void copyWorkerDidPublishItem(const std::string& sourcePath, uint64_t bytes) override;
-    void copyWorkerDidFinishCopy() override;
-    void copyWorkerDidCancel() override;
 
 private:
-    std::shared_ptr<FVFileCopyWorker> makeWorker(const std::string& sourcePath);
-    // Ends the worker's session and waits for its last thread; false when it was cancelled.
-    bool waitForCopies(FVFileCopyWorker& worker);
-    void copiesEnded(bool cancelled);
-    // Links the later names of files with several names; false when the run was cancelled.
-    bool linkLaterNames(const std::string& sourcePath, const FVHardLinkGroups& groups);
-    void recordLaterNames(const FVHardLinkGroups& groups,
-                          const std::vector<std::pair<FVFileSystemItemPtr, FVFileSystemItemPtr>>& copies);
-    // What a dry run reports instead of handing a pair to the worker.
-    void reportWouldCopy(FVFileSystemItem& source, FVFileSystemItem& destination);
+    std::shared_ptr<FVFileCopyWorker> makeWorker(const std::string& sourcePath, std::shared_ptr<FVCopyPairs> pairs);
 
     const FVRunSettings settings_;
     FVRunFindings findings_;
@@ -112,11 +99,6 @@ private:
     std::vector<std::string> notes_;
     std::unique_ptr<FVRunRecorder> recorder_;
     bool lastSourceUnreadable_ = false;
-
-    std::mutex copiesMutex_;
-    std::condition_variable copiesEndedCondition_;
-    bool copiesEnding_ = false;
-    std::optional<bool> copiesCancelled_;
 
     std::unique_ptr<FVMountWatcher> mountWatcher_;
 };
