@@ -48,7 +48,7 @@ TEST(DestinationProbe, FindsWhatTmpfsHoldsAndLeavesItAsItWas) {
     EXPECT_TRUE(profile.keepsModes);
     EXPECT_EQ(profile.keepsOwners, geteuid() == 0 || profile.keepsModes);
     EXPECT_TRUE(profile.symbolicLinks);
-    EXPECT_TRUE(profile.extendedAttributes);
+    EXPECT_TRUE(profile.extendedAttributes && profile.hardLinks);
     EXPECT_EQ(profile.maxNameLength, 255u);
     EXPECT_EQ(profile.refusedNameBytes, "");
     EXPECT_FALSE(profile.utf8NamesOnly);
@@ -68,8 +68,8 @@ TEST(DestinationProbe, KnowsTheLimitsOfFatLikeTypesWithoutTrying) {
     FVDestinationProfile fat = FVDestinationProbe::defaultsForType("fuse.fusefat");
     EXPECT_EQ(FVDestinationProbe::describe(fat),
               "fuse.fusefat, times to 2 s, case-insensitive, no rename that refuses to replace, renames reset times, "
-              "no owners, no modes, no symbolic links, no extended attributes, names up to 255 bytes, UTF-8 names "
-              "only, refuses \\:*?\"<>| and control characters in names");
+              "no owners, no modes, no symbolic links, no extended attributes, no hard links, names up to 255 bytes, "
+              "UTF-8 names only, refuses \\:*?\"<>| and control characters in names");
     // exFAT or NTFS: only what both share, case and links are left to a look-up.
     EXPECT_EQ(FVDestinationProbe::describe(FVDestinationProbe::defaultsForType("fuseblk")),
               "fuseblk, times to 1 s, case-sensitive, no rename that refuses to replace, no owners, no modes, "

@@ -317,7 +317,8 @@ bool FVItemCloner::clonePathOnlyMetadata(int sourceFd, const struct stat& st, co
     }
     return FVItemMetadata::cloneStatusAndAttributes({sourceFd, true}, st, {created.get(), true}, cloneACL, error,
                                                     nullptr, &worker_.destinationProfile) &&
-           FVItemMetadata::cloneTimes(st, {created.get(), true}, error);
+           ((S_ISLNK(st.st_mode) && !worker_.destinationProfile.linkTimes) ||
+            FVItemMetadata::cloneTimes(st, {created.get(), true}, error));
 }
 
 // A source that vanished or cannot be read, a link that cannot be copied and a destination that

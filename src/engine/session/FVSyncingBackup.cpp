@@ -54,7 +54,8 @@ FVSyncingBackup::FVSyncingBackup(FVRunSettings settings, std::vector<std::string
                                  std::function<void()> progressChanged)
     : settings_(withDestinationIdentity(std::move(settings))),
       status_(settings_.options.performExtendedLogging, std::move(progressChanged)),
-      destination_(settings_.targetPath), changedFileArchive_(settings_, destination_, status_) {
+      destination_(settings_.targetPath), changedFileArchive_(settings_, destination_, status_),
+      unkeptMetadata_(settings_.destinationProfile, status_) {
     status_.setPlannedChangeListener(settings_.reportPlannedChange);
     mountWatcher_ = FVMountWatcher::start([this](const std::string& mountPoint) { checkVolumeDidUnmount(mountPoint); });
 
@@ -158,6 +159,7 @@ bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optio
 
     if (worker ? waitForCopies(*worker) : status_.isCancelled()) return false;
     if (!linkLaterNames(sourcePath, analysis.hardLinks())) return false;
+    if (!settings_.dryRun) unkeptMetadata_.check(analysis.hardLinks(), recorder_.get());
     status_.setCopyProgress(100);
     status_.reportProgress();
     if (sourcePath == "/" && !settings_.dryRun) {
@@ -213,8 +215,10 @@ void FVSyncingBackup::finishRecord(bool stopped) {
 }
 
 std::vector<std::string> FVSyncingBackup::warnings() const {
-    std::string warning = recorder_ ? recorder_->warning() : std::string();
-    return warning.empty() ? std::vector<std::string>() : std::vector<std::string>{warning};
+    std::vector<std::string> warnings = unkeptMetadata_.warnings();
+    if (std::string warning = recorder_ ? recorder_->warning() : std::string(); !warning.empty())
+        warnings.push_back(std::move(warning));
+    return warnings;
 }
 
 void FVSyncingBackup::reportWouldCopy(FVFileSystemItem& source, FVFileSystemItem& destination) {
