@@ -8,7 +8,6 @@ said once, a dry run leaves the destination as it was, and the next clean run co
 import os
 import re
 import shutil
-import socket
 import subprocess
 from contextlib import contextmanager
 
@@ -32,6 +31,12 @@ class Unavailable(Failure):
     """The file system cannot be made or mounted here: its tools or its driver are missing."""
 
 
+def require(tools):
+    lacking = [t for t in tools if shutil.which(t) is None]
+    if lacking:
+        raise Unavailable(f"no {', '.join(lacking)}")
+
+
 class FileSystem:
     """How to make and mount one kind, and what its probe must find."""
 
@@ -45,9 +50,7 @@ class FileSystem:
     @contextmanager
     def mounted(self, work):
         """An image of this kind made in work and mounted at work/mnt."""
-        lacking = [t for t in self.tools if shutil.which(t) is None]
-        if lacking:
-            raise Unavailable(f"no {', '.join(lacking)}")
+        require(self.tools)
         image, mnt = os.path.join(work, "image"), os.path.join(work, "mnt")
         os.makedirs(mnt)
         with open(image, "wb") as f:
@@ -79,12 +82,7 @@ class Sshfs(FileSystem):
 
     @contextmanager
     def mounted(self, work):
-        lacking = [t for t in self.tools if shutil.which(t) is None]
-        if lacking:
-            raise Unavailable(f"no {', '.join(lacking)}")
-        with socket.socket() as probe:
-            if probe.connect_ex(("127.0.0.1", self.PORT)) == 0:
-                raise Unavailable(f"something else listens on port {self.PORT}")
+        require(self.tools)
         home, mnt = os.path.join(work, "home"), os.path.join(work, "mnt")
         for folder in (home, mnt, "/run/sshd"):
             os.makedirs(folder, exist_ok=True)
@@ -95,7 +93,7 @@ class Sshfs(FileSystem):
             f.write(f"ListenAddress 127.0.0.1\nPort {self.PORT}\nHostKey {work}/host\nAuthorizedKeysFile {work}/client.pub\n"
                     f"PermitRootLogin prohibit-password\nPasswordAuthentication no\nStrictModes no\nUsePAM no\n"
                     f"PidFile {work}/sshd.pid\nSubsystem sftp internal-sftp\n")
-        # Without -D sshd returns once it listens.
+        # Without -D sshd returns once it listens (or fails to: the port is taken).
         started = subprocess.run(["/usr/sbin/sshd", "-f", config, "-E", os.path.join(work, "sshd.log")],
                                  capture_output=True)
         if started.returncode != 0:
