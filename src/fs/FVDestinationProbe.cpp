@@ -121,13 +121,14 @@ FVDestinationProfile FVDestinationProbe::defaultsForType(const std::string& type
     const bool fuseBlock = type == "fuseblk";
     if (type.starts_with("fuse")) profile.renameNoReplace = false;
     if (type == "fuse.fusefat") profile.renameKeepsTimes = false;
+    if (type == "fuse.sshfs") profile.hardLinks = profile.extendedAttributes = false;
     if (fat || exfat || ntfs || fuseBlock) {
         profile.keepsOwners = profile.keepsModes = false;
         profile.utf8NamesOnly = true;
     }
     if (fat || exfat) {
         profile.caseInsensitive = true;
-        profile.symbolicLinks = profile.linkTimes = profile.extendedAttributes = false;
+        profile.symbolicLinks = profile.linkTimes = profile.extendedAttributes = profile.hardLinks = false;
         profile.refusedNameBytes = kFatRefusedPunctuation + controlBytes(fat);
     }
     if (ntfs) profile.timeGranularityNs = 100;
@@ -196,6 +197,12 @@ FVDestinationProfile FVDestinationProbe::probe() {
         struct stat after {};
         if (renamed == 0 && fstatat(folder.get(), "Renamed", &after, AT_SYMLINK_NOFOLLOW) == 0)
             profile.renameKeepsTimes = nanoseconds(after.st_mtim) == nanoseconds(st.st_mtim);
+        const char* probeName = renamed == 0 ? "Renamed" : "Probe";
+        struct stat linked {}, first {};
+        profile.hardLinks = linkat(folder.get(), probeName, folder.get(), "Hard", 0) == 0 &&
+                            fstatat(folder.get(), "Hard", &linked, AT_SYMLINK_NOFOLLOW) == 0 &&
+                            fstatat(folder.get(), probeName, &first, AT_SYMLINK_NOFOLLOW) == 0 &&
+                            linked.st_ino == first.st_ino && linked.st_dev == first.st_dev && first.st_nlink == 2;
         profile.symbolicLinks = symlinkat("Renamed", folder.get(), "Link") == 0;
         const timespec linkTimes[2] = {kProbeTime, kProbeTime};
         struct stat link {};
@@ -233,6 +240,7 @@ std::string FVDestinationProbe::describe(const FVDestinationProfile& p) {
     if (!p.symbolicLinks) text += ", no symbolic links";
     else if (!p.linkTimes) text += ", link times not kept";
     if (!p.extendedAttributes) text += ", no extended attributes";
+    if (!p.hardLinks) text += ", no hard links";
     text += fmt::format(", names up to {} bytes", p.maxNameLength);
     if (p.utf8NamesOnly) text += ", UTF-8 names only";
     if (!p.refusedNameBytes.empty()) {

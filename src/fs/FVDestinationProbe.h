@@ -2,7 +2,7 @@
 // Learns what a destination file system can hold by trying it: in a folder of its own under a
 // temporary name in the destination's root, a probe file gets a time with odd nanoseconds, a
 // private mode, another owner (as the superuser), an extended attribute, a rename that refuses to
-// replace, a symbolic link beside it and a few names with bytes that FAT-like file systems
+// replace, a hard and a symbolic link beside it and a few names with bytes that FAT-like file systems
 // refuse; the folder goes again and the root gets its dates back. About fifty system calls.
 // Without writing (a dry run), the mount table's type and a look-up of a known name in another
 // case stand in for the trials.

@@ -28,10 +28,14 @@ struct FVDestinationProfile {
     bool keepsOwners = true;
     bool keepsModes = true;
     bool symbolicLinks = true;
-    // A symbolic link takes the time it is given (utimensat without following it); where it does
-    // not, a link's date tells nothing.
+    // A symbolic link takes the time it is given (utimensat without following it). Where it does
+    // not, a link's date tells nothing, and nothing is set on a link at all: sshfs's server
+    // follows the link and would give its target, wherever it lies, the link's owner and times.
     bool linkTimes = true;
     bool extendedAttributes = true;
+    // A second name made with link() is the same file (one inode, two links). sshfs makes the link
+    // on the server but shows each name as a file of its own; FAT and exFAT refuse it.
+    bool hardLinks = true;
     size_t maxNameLength = 255;
     // Bytes the file system refuses in a name (FAT and exFAT refuse "\\:*?\"<>|" and controls).
     std::string refusedNameBytes;

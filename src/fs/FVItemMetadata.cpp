@@ -47,7 +47,8 @@ bool cloneStatusAndAttributes(FVItemHandle source, const struct stat& st, FVItem
     // Owner first: a change of owner clears the set-id bits and file capabilities set before it.
     static const uid_t euid = geteuid();
     const bool ownerKept = start && (euid != 0 || start->owner == st.st_uid) && start->group == st.st_gid;
-    if ((euid == 0 || st.st_uid == euid) && !ownerKept && (!keeps || keeps->keepsOwners)) {
+    const bool linkUntouchable = isLink && keeps && !keeps->linkTimes;
+    if ((euid == 0 || st.st_uid == euid) && !ownerKept && (!keeps || keeps->keepsOwners) && !linkUntouchable) {
         uid_t owner = euid == 0 ? st.st_uid : static_cast<uid_t>(-1);
         int result = destination.pathOnly ? fchownat(destination.fd, "", owner, st.st_gid, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW)
                                           : fchown(destination.fd, owner, st.st_gid);

@@ -3,7 +3,6 @@
 #include "engine/run/FVDate.h"
 #include "engine/run/FVLog.h"
 #include "engine/run/FVLogRotation.h"
-#include "engine/run/FVNumber.h"
 #include "engine/run/FVRunError.h"
 #include "engine/run/FVRunLogReader.h"
 #include "engine/run/FVRunStatus.h"

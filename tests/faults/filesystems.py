@@ -1,9 +1,9 @@
 """Destination file systems made in loop images: ext4, btrfs and xfs in the kernel, exFAT, NTFS and
-FAT through their FUSE drivers. On each, a backup with both archives on: the probe reports what
-the file system holds, a changed and a removed file reach the archives, names that differ only in
-case or that the file system refuses are errors that overwrite nothing, owners and modes it cannot
-keep are said once, a dry run leaves the destination as it was, and the next clean run changes
-nothing."""
+FAT through their FUSE drivers; and a folder of an ssh server mounted with sshfs, as a NAS is. On
+each, a backup with both archives on: the probe reports what the file system holds, a changed and
+a removed file reach the archives, names that differ only in case or that the file system refuses
+are errors that overwrite nothing, owners and modes, hard links and attributes it cannot keep are
+said once, a dry run leaves the destination as it was, and the next clean run copies nothing."""
 
 import os
 import re
@@ -11,40 +11,46 @@ import shutil
 import subprocess
 from contextlib import contextmanager
 
-from faultkit import (Failure, build, content, digest, expect, expect_kept, is_root, log_since, log_size,
+from faultkit import (FIXED_MTIME, Failure, build, content, digest, expect, expect_kept, is_root, log_since, log_size,
                       mirror_differences, tail, unmount, versions)
 
 NAME = "data"
-OPTIONS = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"))
+OPTIONS = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"), ("ignoreFileFlagChanges", "no"))
 TREE = {b"Report.txt": ("file", 3000, 1), b"report.txt": ("file", 4000, 2),
         b"Docs": ("dir",), b"Docs/a": ("file", 100, 3), b"docs": ("dir",), b"docs/b": ("file", 200, 4),
         b"plain": ("dir",), b"plain/changing.txt": ("file", 5000, 5), b"plain/gone.txt": ("file", 600, 6),
         b"odd:name": ("file", 10, 7), b"private": ("dir",), b"private/key": ("file", 70, 8),
-        b"plain/link": ("link", b"changing.txt"), b"Case.txt": ("file", 30, 9), b"gone-at-root": ("file", 40, 10)}
+        b"private/link": ("link", b"key"), b"Case.txt": ("file", 30, 9), b"gone-at-root": ("file", 40, 10)}
 PRIVATE = {b"private": 0o700, b"private/key": 0o600}
 CASE_PAIRS = ((b"Report.txt", b"report.txt"), (b"Docs", b"docs"))
 CANNOT_KEEP = b"cannot keep owners and modes"
+UNKEPT_LINKS, UNKEPT_ATTRIBUTES = b"cannot keep hard links", b"cannot keep extended attributes"
 
 
 class Unavailable(Failure):
     """The file system cannot be made or mounted here: its tools or its driver are missing."""
 
 
+def require(tools):
+    lacking = [t for t in tools if shutil.which(t) is None]
+    if lacking:
+        raise Unavailable(f"no {', '.join(lacking)}")
+
+
 class FileSystem:
     """How to make and mount one kind, and what its probe must find."""
 
     def __init__(self, name, tools, size_mb, mkfs, mount, probe, keeps_metadata, case_insensitive, refuses_colon,
-                 links=True):
+                 links=True, hard_links=True, attributes=True):
         self.name, self.tools, self.size_mb, self.mkfs, self.mount = name, tools, size_mb, mkfs, mount
         self.probe, self.keeps_metadata = probe, keeps_metadata
         self.case_insensitive, self.refuses_colon, self.links = case_insensitive, refuses_colon, links
+        self.hard_links, self.attributes = hard_links, attributes
 
     @contextmanager
     def mounted(self, work):
         """An image of this kind made in work and mounted at work/mnt."""
-        lacking = [t for t in self.tools if shutil.which(t) is None]
-        if lacking:
-            raise Unavailable(f"no {', '.join(lacking)}")
+        require(self.tools)
         image, mnt = os.path.join(work, "image"), os.path.join(work, "mnt")
         os.makedirs(mnt)
         with open(image, "wb") as f:
@@ -61,6 +67,50 @@ class FileSystem:
             unmount(mnt)
             if device:
                 subprocess.run(["losetup", "-d", device], capture_output=True)
+
+
+class Sshfs(FileSystem):
+    """A folder of an ssh server on the loopback address, mounted with sshfs. Its server follows a
+    link where it sets an owner or times: a copied link must not pass its own to its target."""
+
+    PORT = 2229
+
+    def __init__(self):
+        super().__init__("sshfs", ("sshfs", "/usr/sbin/sshd", "ssh-keygen"), 0, None, None,
+                         ("times to 1 s", "no extended attributes", "no hard links"), True, False, False,
+                         hard_links=False, attributes=False)
+
+    @contextmanager
+    def mounted(self, work):
+        require(self.tools)
+        home, mnt = os.path.join(work, "home"), os.path.join(work, "mnt")
+        for folder in (home, mnt, "/run/sshd"):
+            os.makedirs(folder, exist_ok=True)
+        for key in ("host", "client"):
+            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", os.path.join(work, key)], check=True)
+        config = os.path.join(work, "sshd_config")
+        with open(config, "w") as f:
+            f.write(f"ListenAddress 127.0.0.1\nPort {self.PORT}\nHostKey {work}/host\nAuthorizedKeysFile {work}/client.pub\n"
+                    f"PermitRootLogin prohibit-password\nPasswordAuthentication no\nStrictModes no\nUsePAM no\n"
+                    f"PidFile {work}/sshd.pid\nSubsystem sftp internal-sftp\n")
+        # Without -D sshd returns once it listens (or fails to: the port is taken).
+        started = subprocess.run(["/usr/sbin/sshd", "-f", config, "-E", os.path.join(work, "sshd.log")],
+                                 capture_output=True)
+        if started.returncode != 0:
+            raise Unavailable(f"sshd failed: {started.stderr.decode(errors='replace')[-200:]}")
+        try:
+            # Without caches, what a run did on the server shows at once.
+            mounted = subprocess.run(["sshfs", "-o", f"IdentityFile={work}/client,port={self.PORT},"
+                                      "StrictHostKeyChecking=no,UserKnownHostsFile=/dev/null,dir_cache=no,attr_timeout=0",
+                                      f"root@127.0.0.1:{home}", mnt], capture_output=True)
+            if mounted.returncode != 0:
+                raise Unavailable(f"cannot mount: {mounted.stderr.decode(errors='replace')[-200:]}")
+            try:
+                yield mnt
+            finally:
+                unmount(mnt)
+        finally:
+            os.kill(int(open(os.path.join(work, "sshd.pid")).read()), 15)
 
 
 def kernel_mount(image, mnt):
@@ -94,14 +144,15 @@ FILESYSTEMS = (
     FileSystem("exfat", ("mkfs.exfat", "mount.exfat-fuse", "losetup"), 32, ["mkfs.exfat"],
                block_fuse("mount.exfat-fuse"),
                ("times to 1 s", "case-insensitive", "no rename that refuses to replace", "no owners, no modes"),
-               False, True, True, links=False),
+               False, True, True, links=False, hard_links=False, attributes=False),
     FileSystem("ntfs", ("mkntfs", "ntfs-3g", "losetup"), 32, ["mkntfs", "-F", "-Q"], block_fuse("ntfs-3g"),
                ("times to 100 ns", "case-sensitive", "no rename that refuses to replace", "no owners, no modes"),
                False, False, False),
     FileSystem("fat", ("mkfs.vfat", "fusefat"), 32, ["mkfs.vfat"], fusefat_mount,
                ("times to 2 s", "case-insensitive", "no rename that refuses to replace", "renames reset times",
                 "no owners, no modes"),
-               False, True, True, links=False),
+               False, True, True, links=False, hard_links=False, attributes=False),
+    Sshfs(),
 )
 
 
@@ -110,7 +161,7 @@ EXFAT = next(f for f in FILESYSTEMS if f.name == "exfat")
 
 def refused(fs):
     """The source entries the destination refuses outright."""
-    return ([b"odd:name"] if fs.refuses_colon else []) + ([] if fs.links else [b"plain/link"])
+    return ([b"odd:name"] if fs.refuses_colon else []) + ([] if fs.links else [b"private/link"])
 
 
 def later_names(fs, mirror):
@@ -176,17 +227,22 @@ def backups(ferrovane, fs, mnt, work):
         os.chmod(os.path.join(os.fsencode(source), rel), mode)
     # An attribute the destination may not hold must not make every run copy the file again.
     os.setxattr(os.path.join(source, "private", "key"), "user.note", b"kept where it can be")
+    # Nor must a second name of a file, or a link dated apart from its target (whose date a server
+    # that follows links would change instead).
+    os.link(os.path.join(source, "plain", "changing.txt"), os.path.join(source, "plain", "same.txt"))
+    os.utime(os.path.join(source, "private", "link"), (FIXED_MTIME + 7, FIXED_MTIME + 7), follow_symlinks=False)
     destination = os.path.join(mnt, "dest")
     os.makedirs(destination)
     ferrovane.configure(destination, [source], OPTIONS)
     mirror = os.path.join(destination, NAME)
-    failing = fs.case_insensitive or fs.refuses_colon
+    # A warning where the destination cannot keep what the sources hold.
+    status = 255 if fs.case_insensitive or fs.refuses_colon else 0 if fs.hard_links and fs.attributes else 1
 
     # The first run: what the probe found, the names the destination cannot hold, one note.
     offset = log_size(ferrovane)
     r = ferrovane.run(destination)
     out, log = r.stdout + r.stderr, log_since(ferrovane, offset)
-    expect(r.returncode == (255 if failing else 0), f"first run exit {r.returncode}: {tail(r)}")
+    expect(r.returncode == status, f"first run exit {r.returncode}: {tail(r)}")
     unholdable = refused(fs) + later_names(fs, mirror)
     for name in unholdable:
         said = out.count(b"Cannot back up " + os.path.join(os.fsencode(source), name) + b":")
@@ -198,7 +254,12 @@ def backups(ferrovane, fs, mnt, work):
             expect(digest(path) == digest(os.path.join(os.fsencode(source), kept)), f"{kept!r} holds other bytes")
     notes = out.count(CANNOT_KEEP), log.count(CANNOT_KEEP)
     expect(notes == ((0, 0) if fs.keeps_metadata else (1, 1)), f"the note on owners and modes came {notes} times")
+    for said, kept in ((UNKEPT_LINKS, fs.hard_links), (UNKEPT_ATTRIBUTES, fs.attributes)):
+        counts = out.count(said), log.count(said)
+        expect(counts == ((0, 0) if kept else (1, 1)), f"{said!r} came {counts} times")
     expect(b"Could not preserve" not in log, "metadata warnings per file")
+    key = os.stat(os.path.join(mirror, "private", "key")).st_mtime
+    expect(abs(key - FIXED_MTIME) <= 2, f"the mirror's private/key is dated {key}: a link's date reached its target")
 
     # A changed and a removed file reach the archives.
     before = versions(destination)
@@ -212,7 +273,7 @@ def backups(ferrovane, fs, mnt, work):
     os.unlink(os.path.join(source, "gone-at-root"))
     os.rename(os.path.join(source, "Case.txt"), os.path.join(source, "CASE.txt"))
     r = ferrovane.run(destination)
-    expect(r.returncode == (255 if failing else 0), f"second run exit {r.returncode}: {tail(r)}")
+    expect(r.returncode == status, f"second run exit {r.returncode}: {tail(r)}")
     expect(b"Archiving" not in r.stderr, f"an archive move failed: {tail(r)}")
     expect_kept(destination, before)
     for archive, rel in (("__changed", b"plain/changing.txt"), ("__removed", b"plain/gone.txt")):
@@ -229,9 +290,10 @@ def backups(ferrovane, fs, mnt, work):
     # The next clean run changes nothing, and the mirror equals the source where it can.
     before, stamps = versions(destination), stamp_folders(destination)
     r = ferrovane.run(destination)
-    expect(r.returncode == (255 if failing else 0), f"clean run exit {r.returncode}: {tail(r)}")
+    expect(r.returncode == status, f"clean run exit {r.returncode}: {tail(r)}")
     expect(versions(destination) == before and stamp_folders(destination) == stamps, "the clean run changed something")
-    if fs.keeps_metadata:
+    expect(b", copied 0 (" in r.stdout, f"the clean run copied: {tail(r)}")
+    if fs.keeps_metadata and fs.hard_links and fs.attributes:
         diff = mirror_differences(source, mirror)
         expect(diff == "", f"mirror differs from source:\n{diff[:2000]}")
     else:

@@ -11,8 +11,8 @@ TEST(DestinationProbe, KnowsTheLimitsOfFatLikeTypesWithoutTrying) {
     FVDestinationProfile fat = FVDestinationProbe::defaultsForType("fuse.fusefat");
     EXPECT_EQ(FVDestinationProbe::describe(fat),
               "fuse.fusefat, times to 2 s, case-insensitive, no rename that refuses to replace, renames reset times, "
-              "no owners, no modes, no symbolic links, no extended attributes, names up to 255 bytes, UTF-8 names "
-              "only, refuses \\:*?\"<>| and control characters in names");
+              "no owners, no modes, no symbolic links, no extended attributes, no hard links, names up to 255 bytes, "
+              "UTF-8 names only, refuses \\:*?\"<>| and control characters in names");
     // exFAT or NTFS: only what both share, case and links are left to a look-up.
     EXPECT_EQ(FVDestinationProbe::describe(FVDestinationProbe::defaultsForType("fuseblk")),
               "fuseblk, times to 1 s, case-sensitive, no rename that refuses to replace, no owners, no modes, "

@@ -10,7 +10,7 @@ FVChangeDecision::Tolerance FVChangeDecision::Tolerance::of(const FVDestinationP
     static const bool superuser = geteuid() == 0;
     const bool owners = profile.keepsOwners && superuser;
     return {std::max<int64_t>(profile.timeGranularityNs, 1), profile.keepsModes, owners,
-            static_cast<mode_t>(owners ? 07777 : 01777), profile.linkTimes};
+            static_cast<mode_t>(owners ? 07777 : 01777), profile.linkTimes, profile.extendedAttributes};
 }
 
 FVChangeDecision::Reason FVChangeDecision::decide(const Side& source, const Side& destination,
@@ -28,8 +28,9 @@ FVChangeDecision::Reason FVChangeDecision::decide(const Side& source, const Side
     if ((!link || tolerance.comparesLinkTimes) &&
         (difference >= tolerance.timeGranularityNs || difference <= -tolerance.timeGranularityNs))
         return Reason::DateMismatch;
-    // A link has no mode of its own, and no attributes an ordinary user can set.
-    if (link) return ownersDiffer ? Reason::ModeOrOwnerMismatch : Reason::Unchanged;
+    // A link has no mode of its own, and no attributes an ordinary user can set; where its time
+    // cannot be set, its owner is not set either.
+    if (link) return ownersDiffer && tolerance.comparesLinkTimes ? Reason::ModeOrOwnerMismatch : Reason::Unchanged;
     if (xattrsIdentical && !xattrsIdentical()) return Reason::XattrMismatch;
     const bool modesDiffer = tolerance.comparesModes && ((source.mode ^ destination.mode) & tolerance.modeBits) != 0;
     if (ownersDiffer || modesDiffer) return Reason::ModeOrOwnerMismatch;

@@ -35,9 +35,11 @@ public:
         // The mode bits compared: the set-id bits only where the owners are kept too (the kernel
         // drops them when another user's item is copied).
         mode_t modeBits = 07777;
-        // Where the destination cannot set a link's time, a link's date is no change (its target
-        // is compared instead).
+        // Where the destination cannot set a link's time, a link's date and owner are no change
+        // (its target is compared instead).
         bool comparesLinkTimes = true;
+        // Attributes the destination cannot hold are no change: the copy could not add them.
+        bool comparesAttributes = true;
         // What the destination can hold, and the process can set: owners only as the superuser.
         static Tolerance of(const FVDestinationProfile& profile);
     };

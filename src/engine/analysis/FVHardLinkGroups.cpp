@@ -15,6 +15,10 @@ bool FVHardLinkGroups::takeLaterName(const FVFileSystemItemPtr& source, const FV
         first->second = {destination->path(), mirror};
         return false;
     }
+    if (!destinationKeepsLinks_) {
+        ++separateNames_;
+        return false;
+    }
     // A mirror that is the first name's mirror and matches the source was linked by an earlier run.
     if (!needed && mirror.inode != 0 && mirror == first->second.mirror) return true;
     requests_.push_back({source, destination, first->second.destinationPath, !needed});

@@ -2,12 +2,14 @@
 // The files (and symbolic links) of one source item that have more than one name, met during its
 // walk. The first name met is compared and copied like any file; each later name becomes a
 // request to link its mirror to the first name's mirror once the copies are done, unless it
-// already is that link.
+// already is that link. On a destination that cannot keep links, every name is a file of its own
+// and the later names are only counted.
 
 #include "engine/run/FVFileSystemItem.h"
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -16,6 +18,8 @@ namespace ferrovane {
 
 class FVHardLinkGroups {
 public:
+    explicit FVHardLinkGroups(bool destinationKeepsLinks = true) : destinationKeepsLinks_(destinationKeepsLinks) {}
+
     struct Request {
         FVFileSystemItemPtr source;       // the later name
         FVFileSystemItemPtr destination;  // its mirror as the walk found it
@@ -28,6 +32,8 @@ public:
     // is a later name, which is then not handed to the copy.
     bool takeLaterName(const FVFileSystemItemPtr& source, const FVFileSystemItemPtr& destination, bool needed);
     const std::vector<Request>& requests() const { return requests_; }
+    // Later names kept as files of their own because the destination cannot keep links.
+    uint64_t separateNames() const { return separateNames_; }
 
 private:
     struct Inode {
@@ -43,8 +49,10 @@ private:
         Inode mirror;  // its mirror's inode as found, {0, 0} when there was none
     };
 
+    bool destinationKeepsLinks_;
     std::unordered_map<Inode, FirstName, InodeHash> firstNames_;
     std::vector<Request> requests_;
+    uint64_t separateNames_ = 0;
 };
 
 }  // namespace ferrovane

@@ -49,7 +49,8 @@ FVSourceAnalysis::FVSourceAnalysis(const FVRunSettings& settings, FVRunFindings&
       handOver_(std::move(handOver)),
       recorder_(recorder),
       tolerance_(FVChangeDecision::Tolerance::of(settings.destinationProfile)),
-      exclusions_(settings.options) {}
+      exclusions_(settings.options),
+      hardLinks_(settings.destinationProfile.hardLinks) {}
 
 void FVSourceAnalysis::analyse(const std::string& sourcePath, int64_t estimatedFileCount) {
     estimatedFileCount_ = estimatedFileCount;
@@ -120,7 +121,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
     if (root->isFile()) {
         auto target = std::make_shared<FVFileSystemItem>(targetRoot);
         std::function<bool()> xattrsIdentical;
-        if (!settings_.options.ignoreFileFlagChanges)
+        if (!settings_.options.ignoreFileFlagChanges && tolerance_.comparesAttributes)
             xattrsIdentical = [&] {
                 return FVAttributeSignature::xattrIdentialforFileAtPath(sourceRoot, targetRoot, !settings_.options.disableACLClone);
             };
@@ -154,7 +155,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
         return names.refusal(level, name, folderFd);
     };
     const bool includeACL = !settings_.options.disableACLClone;
-    const bool compareAttributes = !settings_.options.ignoreFileFlagChanges;
+    const bool compareAttributes = !settings_.options.ignoreFileFlagChanges && tolerance_.comparesAttributes;
     if (compareAttributes)
         rules.signature = [includeACL](const std::string& path) {
             return FVAttributeSignature::xattrNameAndDataStringForFileAtPath(path, includeACL);

@@ -398,7 +398,8 @@ bool FVItemCloner::clonePathOnlyMetadata(int sourceFd, const struct stat& st, co
     }
     return FVItemMetadata::cloneStatusAndAttributes({sourceFd, true}, st, {created.get(), true}, cloneACL, error,
                                                     nullptr, &worker_.destinationProfile) &&
-           FVItemMetadata::cloneTimes(st, {created.get(), true}, error);
+           ((S_ISLNK(st.st_mode) && !worker_.destinationProfile.linkTimes) ||
+            FVItemMetadata::cloneTimes(st, {created.get(), true}, error));
 }
 
 void FVItemCloner::report(const Result& result, const Item& item) {

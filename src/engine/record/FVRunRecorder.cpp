@@ -120,6 +120,11 @@ FVManifestEntry FVRunRecorder::entryOf(std::string relative, const std::string& 
 void FVRunRecorder::add(const FVManifestEntry& entry) {
     if (!writer_->add(entry)) return giveUp(writer_->error());
     ++entries_;
+    if (!carriedAttributes_.load(std::memory_order_relaxed) &&
+        std::any_of(entry.attributes.begin(), entry.attributes.end(), [this](const auto& attribute) {
+            return FVExtendedAttributes::isCarried(attribute.first, !settings_.options.disableACLClone);
+        }))
+        carriedAttributes_.store(true, std::memory_order_relaxed);
     if (entry.type == FVManifestEntryType::File) {
         ++files_;
         bytes_ += entry.size;

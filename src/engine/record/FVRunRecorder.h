@@ -54,6 +54,10 @@ public:
     // record keeps them; the two names a copy never carries are left out.
     static FVManifestAttributes attributesOf(const FVExtendedAttributes& source);
 
+    // Whether an item recorded so far has attributes that a copy carries: what a destination
+    // without attributes leaves out of its copies (the record keeps them).
+    bool recordedCarriedAttributes() const { return carriedAttributes_.load(std::memory_order_relaxed); }
+
     // Adds the summary and gives the manifest its name; after this nothing more is recorded.
     void finish(FVManifestOutcome outcome);
     // Why this run is not recorded; empty while it is.
@@ -83,6 +87,7 @@ private:
     std::atomic<uint64_t> files_{0};
     std::atomic<uint64_t> bytes_{0};
     std::atomic<uint64_t> copied_{0};
+    std::atomic<bool> carriedAttributes_{false};
 };
 
 }  // namespace ferrovane

@@ -32,7 +32,7 @@ void note(std::string* problem, const std::string& what, int error) {
 bool apply(const FVManifestEntry& entry, FVItemHandle item, const FVDestinationProfile& target, std::string* problem) {
     problem->clear();
     const bool link = entry.type == FVManifestEntryType::Link;
-    if (target.keepsOwners) {
+    if (target.keepsOwners && (!link || target.linkTimes)) {
         const bool superuser = geteuid() == 0;
         // An ordinary user may give only a group of theirs to a file of theirs: EPERM is then no error.
         if (changeOwner(item, superuser ? entry.owner : static_cast<uid_t>(-1), entry.group) != 0 &&

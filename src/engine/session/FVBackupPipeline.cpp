@@ -62,6 +62,7 @@ bool FVBackupPipeline::run(std::optional<int64_t> fileCountEstimation) {
 
     // 3: the later names, once every first name's copy stands.
     if (!linkLaterNames(analysis.hardLinks())) return false;
+    if (!dryRun) run_.unkeptMetadata.check(analysis.hardLinks(), run_.recorder);
     status.setCopyProgress(100);
     status.reportProgress();
     if (sourcePath_ == "/" && !dryRun) takeRootAttributes();

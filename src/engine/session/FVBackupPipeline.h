@@ -6,7 +6,8 @@
 //      version they replace; the walk's end closes the queue, and once the last copy is in the
 //      folders' metadata is applied;
 //   3. the later names of files with several names are linked to their first name's copy; those
-//      that cannot be links go through "later names to copy", closed at once.
+//      that cannot be links go through "later names to copy", closed at once; what the destination
+//      could not keep (links, attributes) is noted for the run's warnings.
 // A cancel (the user, a failing or vanished destination) closes the queues: the walk's pushes are
 // refused and the copy threads stop after the pair in hand.
 // The run around it is FVBackupSession::run: every source item, then the cleanup
@@ -22,6 +23,7 @@
 #include "engine/copy/FVFileCopyWorker.h"
 #include "engine/run/FVRunSettings.h"
 #include "engine/run/FVRunStatus.h"
+#include "engine/session/FVUnkeptMetadata.h"
 
 #include <cstdint>
 #include <functional>
@@ -42,6 +44,8 @@ public:
         FVRunStatus& status;
         FVDestinationTree& destination;
         FVChangedFileArchive& changedFileArchive;
+        // What the destination could not keep of this source item, said once per run.
+        FVUnkeptMetadata& unkeptMetadata;
         FVRunRecorder* recorder;  // none in a dry run or without a record
         // A worker set up for this source item, taking its pairs from the queue given; not called
         // in a dry run.

@@ -52,7 +52,8 @@ FVSyncingBackup::FVSyncingBackup(FVRunSettings settings, std::vector<std::string
                                  std::function<void()> progressChanged)
     : settings_(withDestinationIdentity(std::move(settings))),
       status_(settings_.options.performExtendedLogging, std::move(progressChanged)),
-      destination_(settings_.targetPath), changedFileArchive_(settings_, destination_, status_) {
+      destination_(settings_.targetPath), changedFileArchive_(settings_, destination_, status_),
+      unkeptMetadata_(settings_.destinationProfile, status_) {
     status_.setPlannedChangeListener(settings_.reportPlannedChange);
     mountWatcher_ = FVMountWatcher::start([this](const std::string& mountPoint) { checkVolumeDidUnmount(mountPoint); });
 
@@ -112,7 +113,8 @@ std::shared_ptr<FVFileCopyWorker> FVSyncingBackup::makeWorker(const std::string&
 }
 
 bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optional<int64_t> fileCountEstimation) {
-    FVBackupPipeline pipeline({settings_, findings_, status_, destination_, changedFileArchive_, recorder_.get(),
+    FVBackupPipeline pipeline({settings_, findings_, status_, destination_, changedFileArchive_, unkeptMetadata_,
+                               recorder_.get(),
                                [this, &sourcePath](std::shared_ptr<FVCopyPairs> pairs) {
                                    return makeWorker(sourcePath, std::move(pairs));
                                }},
@@ -134,8 +136,10 @@ void FVSyncingBackup::finishRecord(bool stopped) {
 }
 
 std::vector<std::string> FVSyncingBackup::warnings() const {
-    std::string warning = recorder_ ? recorder_->warning() : std::string();
-    return warning.empty() ? std::vector<std::string>() : std::vector<std::string>{warning};
+    std::vector<std::string> warnings = unkeptMetadata_.warnings();
+    if (std::string warning = recorder_ ? recorder_->warning() : std::string(); !warning.empty())
+        warnings.push_back(std::move(warning));
+    return warnings;
 }
 
 bool FVSyncingBackup::removeDeletedFiles(const std::vector<FVSourceItemPtr>& backupSet, int32_t cleanupFileCount) {

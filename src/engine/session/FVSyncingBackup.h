@@ -14,6 +14,7 @@
 #include "engine/copy/FVFileCopyWorker.h"
 #include "engine/run/FVRunSettings.h"
 #include "engine/run/FVRunStatus.h"
+#include "engine/session/FVUnkeptMetadata.h"
 
 #include <functional>
 #include <memory>
@@ -50,7 +51,8 @@ public:
     void loadPreviousRecord();
     // Closes the run's record: complete, or stopped (failed when the destination failed).
     void finishRecord(bool stopped);
-    // What the user should know of a run that is not an error of an item: that it is not recorded.
+    // What the user should know of a run that is not an error of an item: what the destination
+    // could not keep, that it is not recorded.
     std::vector<std::string> warnings() const;
 
     // From any thread.
@@ -95,6 +97,7 @@ private:
     FVRunStatus status_;
     FVDestinationTree destination_;
     FVChangedFileArchive changedFileArchive_;
+    FVUnkeptMetadata unkeptMetadata_;
     double initTimeStamp_ = 0;
     std::vector<std::string> notes_;
     std::unique_ptr<FVRunRecorder> recorder_;
