@@ -4,6 +4,7 @@
 #include "engine/FVArchivedRuns.h"
 #include "engine/FVLog.h"
 #include "engine/FVRunPlanner.h"
+#include "engine/FVSourceBytesBound.h"
 #include "fs/FVSpaceUsage.h"
 
 #include <fmt/format.h>
@@ -69,6 +70,12 @@ std::vector<FVRoomForRun::Step> FVRoomForRun::purgePlan(const FVSpaceBudget& bud
 
 FVRoomVerdict FVRoomForRun::make() {
     FVRoomVerdict verdict;
+    // Most runs fit even if every source entry were new: that costs a stat per entry, the look
+    // ahead a comparison of both trees with their attribute lists, as much as the run's own walk.
+    if (std::optional<FVSpaceBudget> budget = budgetNow()) {
+        std::optional<uint64_t> bound = FVSourceBytesBound(status_).of(settings_.recordedSources);
+        if (!bound || budget->allows(*bound)) return verdict;
+    }
     const uint64_t needed = FVRunPlanner(settings_, excludedFiles_, status_).bytesToWrite(settings_.recordedSources);
     if (status_.isCancelled()) return verdict;
     std::optional<FVSpaceBudget> budget = budgetNow();
