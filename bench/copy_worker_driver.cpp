@@ -2,7 +2,7 @@
 // thread feeding pairs while the threads copy) and prints the elapsed seconds.
 //   copy_worker_driver THREADS SOURCE DESTINATION-FOLDER
 
-#include "engine/FVFileCopyWorker.h"
+#include "engine/copy/FVFileCopyWorker.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -3,7 +3,7 @@
 //
 //   manifest_driver DESTINATION STAMP N
 
-#include "engine/FVRunRecords.h"
+#include "engine/record/FVRunRecords.h"
 #include "manifest/FVManifestWriter.h"
 
 #include <fmt/format.h>

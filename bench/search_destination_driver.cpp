@@ -8,9 +8,9 @@
 // go to __changed/<stamp>) and removes folder FOLDERS - r whole (into __removed/<stamp>). Each
 // manifest lists the mirror as that run left it.
 
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVMirrorLayout.h"
-#include "engine/FVOptions.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/config/FVMirrorLayout.h"
+#include "engine/config/FVOptions.h"
 #include "manifest/FVContentHash.h"
 #include "manifest/FVManifestWriter.h"
 

@@ -1,7 +1,6 @@
 // Starting and cancelling a run from the window, following it, and showing its outcome.
 
 #include "app/AppController.h"
-#include "fs/FVMountTable.h"
 
 #include "app/FVAlert.h"
 #include "app/FVCoverView.h"
@@ -10,12 +9,11 @@
 #include "app/FVMainWindow.h"
 #include "app/FVQtStrings.h"
 #include "app/FVRestoreController.h"
+#include "app/FVRunProgress.h"
 #include "app/FVSourceListModel.h"
 #include "app/FVThinProgressBar.h"
-#include "engine/FVAdditions.h"
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVLog.h"
-#include "engine/FVMirrorLayout.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/run/FVLog.h"
 #include "fs/FVText.h"
 
 #include <QApplication>
@@ -26,8 +24,6 @@
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <set>
-#include <unistd.h>
 
 namespace ferrovane {
 
@@ -35,12 +31,6 @@ namespace {
 
 // Set on a source whose folder was emptied on purpose: the next run may empty its mirror.
 constexpr const char* kEmptySourceConfirmedKey = "emptySourceConfirmed";
-
-// A clone of "/" needs a file system that keeps Unix owners and modes.
-bool keepsOwnersAndModes(const std::string& type) {
-    static const std::set<std::string> types = {"ext2", "ext3", "ext4", "xfs", "btrfs", "f2fs", "zfs"};
-    return types.count(type) > 0;
-}
 
 }  // namespace
 
@@ -81,64 +71,14 @@ void AppController::startOrCancelSync() {
 }
 
 bool AppController::passesStartChecks() {
-    std::vector<std::string> paths;
-    for (const FVSourceItemPtr& item : backupSetController_.arrangedObjects())
-        if (item->enabled() == int64_t(FVSourceMode::Backup)) paths.push_back(item->sourcePath());
-
-    if (!presence_.isPresent()) {
-        FVAlert::show(window_.get(), "backupnotfound", "backupnotfoundlong")->raise();
-        destinationWentAway();
-        return false;
+    using Verdict = FVRunStartChecks::Verdict;
+    switch (startChecks_.check(currentTargetPath_, presence_.isPresent(), backupSetController_.arrangedObjects(),
+                               FVOptionTable::read(*optionsPanelController_.allOptions()), runLock_)) {
+    case Verdict::Passed: return true;
+    case Verdict::Refused: return false;
+    case Verdict::Away: destinationWentAway(); return false;
+    case Verdict::Unusable: resetInterface(); return false;
     }
-    if (access(currentTargetPath_.c_str(), R_OK) != 0 || access(currentTargetPath_.c_str(), W_OK) != 0) {
-        QMessageBox* box = FVAlert::show(window_.get(), "backupnotfound", "backupnotfoundlong");
-        box->raise();
-        resetInterface();
-        return false;
-    }
-    if (paths.empty()) {
-        FVAlert::show(window_.get(), "nosources", "nosourceslong");
-        return false;
-    }
-    if (std::find(paths.begin(), paths.end(), "/") != paths.end()) {
-        if (!environment_.runningAsRoot) {
-            FVAlert::show(window_.get(), "cloningbutnotroot", "cloningbutnotrootlong");
-            return false;
-        }
-        if (!keepsOwnersAndModes(FVMountTable::fileSystemTypeAtPath(currentTargetPath_))) {
-            FVAlert::show(window_.get(), "cloningbutnothfs", "cloningbutnothfslong");
-            return false;
-        }
-        if (paths.size() >= 2) {
-            FVAlert::show(window_.get(), "cloningwithothersources", "cloningwithothersourceslong");
-            return false;
-        }
-    }
-    if (!acceptsLayout(backupSetController_.arrangedObjects())) return false;
-    std::vector<std::string> problems = FVOptionTable::read(*optionsPanelController_.allOptions()).problems;
-    if (!problems.empty()) {
-        QMessageBox* box = FVAlert::show(window_.get(), "optionsinvalid", "optionsinvalidlong");
-        box->setInformativeText(QString::fromStdString(problems.front()) + "\n\n" + localized("optionsinvalidlong"));
-        return false;
-    }
-    if (runLock_.acquire(currentTargetPath_) != FVDestinationLock::Status::Acquired) {
-        QMessageBox* box = FVAlert::show(window_.get(), "destinationbusy", "destinationbusylong");
-        box->setInformativeText(QString::fromStdString(runLock_.reason().empty()
-                                                           ? FVDestinationLock::busyMessage(currentTargetPath_)
-                                                           : runLock_.reason()));
-        return false;
-    }
-    return true;
-}
-
-// The same check as the run's: sources whose mirrors would collide are refused with the reason.
-bool AppController::acceptsLayout(const std::vector<FVSourceItemPtr>& items) {
-    const FVMirrorLayout layout = FVMirrorLayout::fromItems(
-        currentTargetPath_, FVOptionTable::read(*optionsPanelController_.allOptions()).options.syncMode != 0, items);
-    std::optional<std::string> problem = layout.validateAsSeen();
-    if (!problem) return true;
-    QMessageBox* box = FVAlert::show(window_.get(), "layoutinvalid", "layoutinvalid");
-    box->setInformativeText(qPath(*problem));
     return false;
 }
 
@@ -171,6 +111,8 @@ void AppController::startSync() {
         FVConfigurationFile::read(FVConfigurationFile::formattedPath(currentTargetPath_)).skippedItems);
     backupSession_->setBackupSet(backupSetController_.arrangedObjects());
     backupSession_->setExcludePaths(backupSetController_.excludePaths());
+    runClock_.start();
+    progressTimer_.start();
     backupSession_->start();
     emit runStarted();
 }
@@ -195,16 +137,15 @@ void AppController::backupSessionDidFinish(FVBackupSession&) {
 
 void AppController::handleProgress() {
     if (!backupIsRunning_ || !backupSession_) return;
-    double percent = backupSession_->progressPercent();
+    const FVRunProgress progress{backupSession_->totals(), backupSession_->progressPercent(), runClock_.elapsed() / 1000.0,
+                                 backupSession_->currentFile()};
     FVCoverView* cover = window_->coverView();
-    cover->setProgress(percent);
+    cover->setProgress(progress.percent);
     cover->setMessage(QString::fromStdString(backupSession_->currentTaskDescription()));
-    FVSyncingBackup* job = backupSession_->syncingBackup();
-    const long long updated = job ? (long long)job->currentUpdateCount() : 0;
-    cover->setDetailMessage(QString::fromStdString(FVStrings::formatPlural("viewbackupprogressnumdetail", updated)));
-    cover->setSmallMessage({});
-    window_->progressView()->setProgress(percent);
-    launcherEntry_.setProgress(percent / 100.0, updated);
+    cover->setDetailMessage(progress.counts());
+    cover->setSmallMessage(progress.pace());
+    window_->progressView()->setProgress(progress.percent);
+    launcherEntry_.setProgress(progress.percent / 100.0, static_cast<qint64>(progress.totals.copied));
 }
 
 void AppController::notifyUnlessActive(const FVUserNotification& notification) {
@@ -217,7 +158,10 @@ void AppController::showErrorPanel(const std::vector<std::string>& errors) {
     connect(panel, &QDialog::finished, this, [this] {
         if (!currentTargetPath_.empty()) window_->coverView()->openViewDelayedBy(0.5);
     });
-    panel->open();
+    // The cover, when it is in, says what happened: the list of errors goes under its text.
+    FVCoverView* cover = window_->coverView();
+    if (cover->isFullyHidden()) panel->open();
+    else panel->openBelow(cover->textBottom());
 }
 
 void AppController::showLastRunErrors() {
@@ -252,9 +196,9 @@ void AppController::setRunOutcome(FVRunOutcome outcome) {
 
 // Kept until the next run, also across starts.
 void AppController::recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors,
-                                     std::string interruptedSource, std::string destinationFailure) {
+                                     std::pair<std::string, long long> interrupted, std::string destinationFailure) {
     FVRunOutcome outcome(state, QDateTime::currentDateTime(), errors);
-    outcome.setInterruptedSource(std::move(interruptedSource));
+    outcome.setInterruptedSource(std::move(interrupted.first), interrupted.second);
     outcome.setDestinationFailure(std::move(destinationFailure));
     outcome.save(qPath(currentTargetPath_));
     setRunOutcome(std::move(outcome));
@@ -279,6 +223,7 @@ void AppController::resumeSizeEvaluation() {
 }
 
 void AppController::handleCancel() {
+    progressTimer_.stop();
     FVCoverView* cover = window_->coverView();
     window_->progressView()->setProgress(0);
     cover->setProgress(-1);
@@ -289,8 +234,8 @@ void AppController::handleCancel() {
     setOptionWidgetsEnabled(true);
 
     std::vector<std::string> errors = backupSession_->errorMessages();
-    FVSyncingBackup* job = backupSession_->syncingBackup();
-    const long long copied = job ? job->currentUpdateCount() : 0;
+    // What stands in the mirror, not what the analysis had queued.
+    const auto copied = static_cast<long long>(backupSession_->totals().copied);
     // Nobody stopped a run that could not fit: it says why, and the schedule knows the disk is full.
     const bool noRoom = backupSession_->stoppedForSpace();
     const std::string refusal = backupSession_->refusal();
@@ -301,8 +246,10 @@ void AppController::handleCancel() {
         std::stable_partition(errors.begin(), errors.end(), [&](const std::string& error) { return error == diskFailure; });
     // Rather than an empty cover until the alert is dismissed.
     cover->setMessage(noRoom ? QString::fromStdString(refusal) : localized("backupstopped"));
+    if (!noRoom) cover->setDetailMessage(FVRunProgress{backupSession_->totals(), 0, 0, {}}.counts());
     recordRunOutcome(noRoom ? FVRunOutcome::State::NoRoom : FVRunOutcome::State::Stopped, errors,
-                     backupSession_->interruptedSourcePath(), diskFailure);
+                     {backupSession_->interruptedSourcePath(), static_cast<long long>(backupSession_->copiedInSourceItem())},
+                     diskFailure);
     if (noRoom) recordJobAttempt(FVJobOutcome::NoSpace, refusal);
     else if (!diskFailure.empty()) recordJobAttempt(FVJobOutcome::Failed, diskFailure);
     else if (backupSession_->skippedByBeforeHook()) recordJobAttempt(FVJobOutcome::Failed, refusal);
@@ -356,6 +303,7 @@ void AppController::handleFinish() {
         handleCancel();
         return;
     }
+    progressTimer_.stop();
     writeSettings();
     runLock_.release();
     backupIsRunning_ = false;

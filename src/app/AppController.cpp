@@ -21,10 +21,9 @@
 #include "app/FVSourceListModel.h"
 #include "app/FVSourceListView.h"
 #include "app/FVThinProgressBar.h"
-#include "engine/FVAdditions.h"
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVLog.h"
-#include "engine/FVPlacementChange.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/config/FVPlacementChange.h"
+#include "engine/run/FVLog.h"
 #include "fs/FVText.h"
 
 #include <QApplication>
@@ -77,8 +76,13 @@ AppController::AppController(AppEnvironment environment, QObject* parent)
       optionsPanelController_(launchAgentManager_),
       sourceModel_(std::make_unique<FVSourceListModel>(backupSetController_)),
       window_(std::make_unique<FVMainWindow>()),
+      startChecks_(window_.get(), environment_.runningAsRoot),
       restoreController_(std::make_unique<FVRestoreController>(window_.get(), [this] { return backupIsRunning_ || starting_; })) {
     FVMainWindow* w = window_.get();
+    // Copies are published without a progress report of their own: the counts are read again
+    // a few times a second while a run goes on.
+    progressTimer_.setInterval(250);
+    connect(&progressTimer_, &QTimer::timeout, this, &AppController::handleProgress);
     w->setSourceModel(sourceModel_.get());
     w->setCloseHandler([this] { return windowShouldClose(); });
 
@@ -575,7 +579,8 @@ void AppController::addSourcePaths(const QStringList& paths, int index) {
     for (const QString& path : paths) items.push_back(FVText::standardizedPath(stdPath(QFileInfo(path).absoluteFilePath())));
     std::vector<FVSourceItemPtr> wouldBe = backupSetController_.arrangedObjects();
     for (const std::string& item : items) wouldBe.push_back(FVSourceItem::make(item, FVSourceMode::Backup));
-    if (!acceptsLayout(wouldBe)) return;
+    if (!startChecks_.acceptsLayout(currentTargetPath_, FVOptionTable::read(*optionsPanelController_.allOptions()).options, wouldBe))
+        return;
     if (backupSetController_.addBackupPaths(items, size_t(std::max(index, 0))) < items.size()) QApplication::beep();
     // Added all the same: the run leaves the destination out of that source's walk.
     for (const std::string& item : items) {

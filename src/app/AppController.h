@@ -9,22 +9,26 @@
 #include "app/FVLauncherEntry.h"
 #include "app/FVQtMainQueue.h"
 #include "app/FVRunOutcome.h"
+#include "app/FVRunStartChecks.h"
 #include "backupset/BackupSetController.h"
-#include "engine/FVBackupSession.h"
-#include "engine/FVDestinationLock.h"
+#include "engine/config/FVDestinationLock.h"
+#include "engine/session/FVBackupSession.h"
 #include "platform/FVCommandRunner.h"
 #include "platform/FVUserNotifier.h"
 #include "scheduling/FVLaunchAgentManager.h"
 #include "scheduling/FVJobStatus.h"
 #include "scheduling/FVOptionsPanelController.h"
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
 #include <QStringList>
+#include <QTimer>
 
 #include <atomic>
 #include <memory>
 #include <string>
+#include <utility>
 
 class QMessageBox;
 
@@ -137,8 +141,6 @@ private:
     void checkForUpdates();
 
     bool passesStartChecks();
-    // Whether the destination can hold these items' mirrors side by side; else says why.
-    bool acceptsLayout(const std::vector<FVSourceItemPtr>& items);
     void startSync();
     void abortStart();
     void handleProgress();
@@ -148,7 +150,7 @@ private:
     void confirmEmptiedSource(const QString& sourcePath);
     void setRunOutcome(FVRunOutcome outcome);
     void recordRunOutcome(FVRunOutcome::State state, const std::vector<std::string>& errors,
-                          std::string interruptedSource = {}, std::string destinationFailure = {});
+                          std::pair<std::string, long long> interrupted = {{}, -1}, std::string destinationFailure = {});
     // Kept outside the destination for the schedule line and overdue notices, when it has an identity.
     void recordJobAttempt(FVJobOutcome outcome, const std::string& message);
     void measureAfterWrite();
@@ -171,6 +173,7 @@ private:
     // After the source list, which the model observes; the window goes first.
     std::unique_ptr<FVSourceListModel> sourceModel_;
     std::unique_ptr<FVMainWindow> window_;
+    FVRunStartChecks startChecks_;
     // After the window, which it drives while a restore runs.
     std::unique_ptr<FVRestoreController> restoreController_;
     FVDestinationPresence presence_;
@@ -187,6 +190,8 @@ private:
     bool closeAfterRun_ = false;
     bool coverViewShouldOpenOnBecomeMain_ = false;
     std::atomic<bool> progressPosted_{false};
+    QElapsedTimer runClock_;
+    QTimer progressTimer_;
 };
 
 }  // namespace ferrovane

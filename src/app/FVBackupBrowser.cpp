@@ -3,7 +3,7 @@
 #include "app/FVQtStrings.h"
 #include "app/FVScreenFit.h"
 #include "app/FVRunTreeModel.h"
-#include "engine/FVPointInTime.h"
+#include "engine/record/FVPointInTime.h"
 
 #include <QDateTime>
 #include <QDialogButtonBox>

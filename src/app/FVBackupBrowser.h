@@ -2,7 +2,7 @@
 // Browse Backups: the runs a destination recorded, newest first, with their counts and how each
 // ended, and the files of the chosen complete run as a tree; Restore… asks for what is selected.
 
-#include "engine/FVRunRecords.h"
+#include "engine/record/FVRunRecords.h"
 
 #include <QDialog>
 

@@ -8,6 +8,8 @@
 #include <QPropertyAnimation>
 #include <QVBoxLayout>
 
+#include <algorithm>
+
 namespace ferrovane {
 
 namespace {
@@ -87,6 +89,15 @@ void FVCoverView::setDetailMessage(const QString& detail) { showText(detail_, de
 void FVCoverView::setSmallMessage(const QString& small) { showText(small_, small); }
 QString FVCoverView::message() const { return message_->text(); }
 QString FVCoverView::detailMessage() const { return detail_->text(); }
+
+int FVCoverView::textBottom() const {
+    layout()->activate();
+    int bottom = 0;
+    for (const QWidget* text : {static_cast<QWidget*>(message_), static_cast<QWidget*>(progress_),
+                                static_cast<QWidget*>(detail_), static_cast<QWidget*>(small_)})
+        if (!text->isHidden()) bottom = std::max(bottom, text->geometry().bottom());
+    return mapToGlobal(QPoint(0, bottom)).y();
+}
 
 void FVCoverView::clearMessages() {
     setMessage({});

@@ -28,6 +28,8 @@ public:
     void setProgress(double percent);
     QString message() const;
     QString detailMessage() const;
+    // Where the messages end, in screen coordinates: a panel opened over the cover goes below.
+    int textBottom() const;
 
     // Slides in (at once when already in) and then calls done, unless another slide or
     // openView() intervened.

@@ -1,6 +1,6 @@
 #include "app/FVDestinationPresence.h"
 
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
 #include "platform/FVMountWatcher.h"
 
 #include <sys/stat.h>

@@ -1,6 +1,6 @@
 #include "app/FVDestinationSchedule.h"
 
-#include "engine/FVStrings.h"
+#include "engine/run/FVStrings.h"
 #include "scheduling/FVOverdueState.h"
 #include "scheduling/FVScheduleSummary.h"
 

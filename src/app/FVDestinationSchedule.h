@@ -3,7 +3,7 @@
 // start by themselves, when the next one is due and how the last scheduled one ended, and the
 // overdue notice for the banner when no backup has succeeded for too long.
 
-#include "engine/FVOptions.h"
+#include "engine/config/FVOptions.h"
 #include "scheduling/FVJobStatus.h"
 #include "scheduling/FVOverdueCheck.h"
 

@@ -7,7 +7,10 @@
 #include <QLabel>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QScreen>
 #include <QVBoxLayout>
+
+#include <algorithm>
 
 namespace ferrovane {
 
@@ -60,6 +63,22 @@ QString FVErrorPanel::emptiedSourceIn(const std::string& error) {
     if (start == std::string::npos || end == std::string::npos || end <= start + before.size()) return {};
     start += before.size();
     return qPath(error.substr(start, end - start));
+}
+
+void FVErrorPanel::openBelow(int top) {
+    // A little room between the text and the panel's title bar.
+    top += fontMetrics().height();
+    const QWidget* window = parentWidget()->window();
+    const QRect screen = window->screen()->availableGeometry();
+    const int frameHeight = window->frameGeometry().height() - window->height();
+    const int least = minimumSizeHint().height();
+    // Within the window when it leaves room, else within the screen.
+    const int bottom = std::min(screen.bottom(), std::max(window->frameGeometry().bottom(), top + least + frameHeight));
+    const int height = std::max(least, std::min(this->height(), bottom - top - frameHeight));
+    resize(width(), height);
+    move(window->frameGeometry().center().x() - frameGeometry().width() / 2,
+         std::max(screen.top(), std::min(top, screen.bottom() - height - frameHeight)));
+    open();
 }
 
 QString FVErrorPanel::text() const { return text_->toPlainText(); }

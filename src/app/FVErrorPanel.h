@@ -17,6 +17,9 @@ public:
     FVErrorPanel(QWidget* window, const std::vector<std::string>& errors, const char* titleKey = "errorpaneltitle",
                  const char* messageKey = "errorpanelmessage");
     QString text() const;
+    // Opens with its top at the screen's y = top (where the text above it ends), as low as the
+    // screen lets it be.
+    void openBelow(int top);
     // The source named by a "its source … is empty" refusal of the cleanup, or an empty string.
     static QString emptiedSourceIn(const std::string& error);
 

@@ -2,7 +2,7 @@
 
 #include "app/FVQtStrings.h"
 #include "app/FVScreenFit.h"
-#include "engine/FVStrings.h"
+#include "engine/run/FVStrings.h"
 
 #include <QDesktopServices>
 #include <QDialogButtonBox>

@@ -3,7 +3,7 @@
 // ended, what it changed), and the chosen run's lines with its errors first; the search field
 // keeps the lines that contain its text.
 
-#include "engine/FVRunLogReader.h"
+#include "engine/run/FVRunLogReader.h"
 
 #include <QDialog>
 

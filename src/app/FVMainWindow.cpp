@@ -45,11 +45,36 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     auto* column = new QVBoxLayout(central);
     column->setContentsMargins(12, 10, 12, 8);
     column->setSpacing(6);
-
     overdueBanner_ = new FVOverdueBanner;
     column->addWidget(overdueBanner_);
+    column->addLayout(makeDestinationBar());
+    progressView_ = new FVThinProgressBar;
+    progressView_->setObjectName("progressView");
+    column->addWidget(progressView_);
+    column->addWidget(makeListArea(), 1);
+    column->addLayout(makeLineUnderList());
+    scheduleLine_ = new QLabel;
+    scheduleLine_->setObjectName("scheduleLine");
+    scheduleLine_->setWordWrap(true);
+    scheduleLine_->setForegroundRole(QPalette::PlaceholderText);
+    column->addWidget(scheduleLine_);
+    setCentralWidget(central);
 
-    // Destination bar.
+    makeAddMenu();
+    makeFileMenu();
+    QMenu* help = menuBar()->addMenu(localized("menuhelp"));
+    aboutAction_ = help->addAction(localized("menuabout"));
+    aboutAction_->setMenuRole(QAction::AboutRole);
+
+    // Tab goes along the destination bar, into the list, then along the line under it.
+    const QList<QWidget*> chain{targetPopup_,   addTargetButton_, removeTargetButton_, optionsButton_,      searchButton_,
+                                startButton_,   sourceList_,      addSourceButton_,    removeSourceButton_, showErrorsButton_};
+    for (qsizetype i = 1; i < chain.size(); ++i) setTabOrder(chain[i - 1], chain[i]);
+    FVScreenFit::resize(this, {1040, 600});
+}
+
+// The destination popup with its + and −, the line under it, and the run's buttons.
+QLayout* FVMainWindow::makeDestinationBar() {
     auto* bar = new QHBoxLayout;
     destinationIcon_ = new QLabel;
     destinationIcon_->setFixedSize(32, 32);
@@ -86,13 +111,11 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     bar->addWidget(searchButton_);
     bar->addSpacing(8);
     bar->addWidget(startButton_);
-    column->addLayout(bar);
+    return bar;
+}
 
-    progressView_ = new FVThinProgressBar;
-    progressView_->setObjectName("progressView");
-    column->addWidget(progressView_);
-
-    // The list, its drop zone, and the cover view lying over both.
+// The list, its drop zone, and the cover view lying over both.
+QWidget* FVMainWindow::makeListArea() {
     auto* listArea = new QWidget;
     listStack_ = new QStackedLayout(listArea);
     listStack_->setContentsMargins(0, 0, 0, 0);
@@ -102,8 +125,11 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     listStack_->addWidget(dropZone_);
     coverView_ = new FVCoverView(listArea);
     coverView_->setMessage(localized("viewnobackupselected"));
-    column->addWidget(listArea, 1);
+    return listArea;
+}
 
+// + and − of the sources, the summary, and how the last run ended.
+QLayout* FVMainWindow::makeLineUnderList() {
     auto* bottom = new QHBoxLayout;
     addSourceButton_ = smallButton("+", localized("addsourcetip"), "addSourceButton");
     removeSourceButton_ = smallButton("−", localized("removesourcetip"), "removeSourceButton");
@@ -122,15 +148,11 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     bottom->addWidget(summaryLine_, 1);
     bottom->addWidget(lastRunLine_);
     bottom->addWidget(showErrorsButton_);
-    column->addLayout(bottom);
-    scheduleLine_ = new QLabel;
-    scheduleLine_->setObjectName("scheduleLine");
-    scheduleLine_->setWordWrap(true);
-    scheduleLine_->setForegroundRole(QPalette::PlaceholderText);
-    column->addWidget(scheduleLine_);
-    setCentralWidget(central);
+    return bottom;
+}
 
-    // "+" offers folders and files apart: one file dialog cannot choose both at once.
+// "+" offers folders and files apart: one file dialog cannot choose both at once.
+void FVMainWindow::makeAddMenu() {
     auto* addMenu = new QMenu(addSourceButton_);
     addFoldersAction_ = addMenu->addAction(localized("menuaddfolders"));
     addFoldersAction_->setObjectName("addFoldersAction");
@@ -142,7 +164,9 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     addSourceButton_->setMenu(addMenu);
     addSourceButton_->setPopupMode(QToolButton::InstantPopup);
     addSourceButton_->setFixedWidth(40);
+}
 
+void FVMainWindow::makeFileMenu() {
     QMenu* file = menuBar()->addMenu(localized("menufile"));
     file->addAction(localized("menuadddestination"), addTargetButton_, &QToolButton::click);
     removeDestinationAction_ = file->addAction(localized("menuremovedestination"), removeTargetButton_, &QToolButton::click);
@@ -171,16 +195,6 @@ FVMainWindow::FVMainWindow(QWidget* parent) : QMainWindow(parent) {
     quitAction_ = file->addAction(localized("menuquit"));
     quitAction_->setShortcut(QKeySequence::Quit);
     connect(quitAction_, &QAction::triggered, this, &QWidget::close);
-
-    QMenu* help = menuBar()->addMenu(localized("menuhelp"));
-    aboutAction_ = help->addAction(localized("menuabout"));
-    aboutAction_->setMenuRole(QAction::AboutRole);
-
-    // Tab goes along the destination bar, into the list, then along the line under it.
-    const QList<QWidget*> chain{targetPopup_,   addTargetButton_, removeTargetButton_, optionsButton_,      searchButton_,
-                                startButton_,   sourceList_,      addSourceButton_,    removeSourceButton_, showErrorsButton_};
-    for (qsizetype i = 1; i < chain.size(); ++i) setTabOrder(chain[i - 1], chain[i]);
-    FVScreenFit::resize(this, {1040, 600});
 }
 
 void FVMainWindow::nameDestinationToRemove() {

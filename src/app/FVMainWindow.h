@@ -10,6 +10,7 @@
 class QAction;
 class QComboBox;
 class QLabel;
+class QLayout;
 class QPushButton;
 class QStackedLayout;
 class QToolButton;
@@ -73,6 +74,11 @@ protected:
     void changeEvent(QEvent* event) override;
 
 private:
+    QLayout* makeDestinationBar();
+    QWidget* makeListArea();
+    QLayout* makeLineUnderList();
+    void makeAddMenu();
+    void makeFileMenu();
     void updateEmptyState();
     // The menu item says which destination it removes.
     void nameDestinationToRemove();

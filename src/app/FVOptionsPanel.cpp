@@ -2,8 +2,8 @@
 
 #include "app/FVQtStrings.h"
 #include "app/FVTimeField.h"
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVExcludePattern.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/config/FVExcludePattern.h"
 #include "scheduling/FVOptionsPanelController.h"
 
 #include <QCheckBox>
@@ -30,12 +30,6 @@
 namespace ferrovane {
 
 namespace {
-
-QCheckBox* checkBox(const char* key, const char* name) {
-    auto* box = new QCheckBox(localized(key));
-    box->setObjectName(name);
-    return box;
-}
 
 // A line that says what the settings above it do, in the quieter colour of explanations.
 QLabel* note(const QString& text) {
@@ -97,79 +91,79 @@ FVOptionsPanel::FVOptionsPanel(QWidget* window, FVOptionsPanelController& contro
     updateEnabledState();
 }
 
-QSpinBox* FVOptionsPanel::numberBox(const char* key, const char* suffixKey) {
+QCheckBox* FVOptionsPanel::optionBox(bool FVOptions::*field) {
+    const FVOptionRule& rule = FVOptionTable::rule(field);
+    auto* box = new QCheckBox(localized(rule.label));
+    box->setObjectName(rule.key);
+    checkBoxes_.push_back({&rule, box});
+    return box;
+}
+
+QSpinBox* FVOptionsPanel::numberBox(int64_t FVOptions::*field) {
+    const FVOptionRule& rule = FVOptionTable::rule(field);
     auto* box = new QSpinBox;
-    box->setObjectName(key);
-    const FVOptionRule* rule = FVOptionTable::find(key);
-    box->setRange(int(std::clamp<int64_t>(rule->minimum, 0, INT_MAX)),
-                  int(std::clamp<int64_t>(rule->maximum, 0, INT_MAX)));
-    if (suffixKey) box->setSuffix(" " + localized(suffixKey));
-    numberBoxes_.push_back({key, box});
+    box->setObjectName(rule.key);
+    box->setRange(int(std::clamp<int64_t>(rule.minimum, 0, INT_MAX)), int(std::clamp<int64_t>(rule.maximum, 0, INT_MAX)));
+    if (rule.unit) box->setSuffix(" " + localized(rule.unit));
+    numberBoxes_.push_back({&rule, box});
     return box;
 }
 
 QWidget* FVOptionsPanel::makeVersionsGroup() {
     auto* group = new QGroupBox(localized("optionsgroupversions"));
     auto* column = new QVBoxLayout(group);
-    moveChangedFiles_ = checkBox("optionsmovechanged", "moveChangedFiles");
-    moveDeletedFiles_ = checkBox("optionsmovedeleted", "moveDeletedFiles");
+    moveChangedFiles_ = optionBox(&FVOptions::moveChangedFiles);
+    moveDeletedFiles_ = optionBox(&FVOptions::moveDeletedFiles);
     column->addWidget(moveChangedFiles_);
     column->addWidget(moveDeletedFiles_);
     column->addWidget(note(localized("optionsversionsnote")));
 
-    retentionEnabled_ = checkBox("optionsretention", "retentionEnabled");
+    retentionEnabled_ = optionBox(&FVOptions::retentionEnabled);
     column->addSpacing(6);
     column->addWidget(retentionEnabled_);
     auto* policy = new QFormLayout;
     policy->setContentsMargins(20, 0, 0, 0);
     policy->setFieldGrowthPolicy(QFormLayout::FieldsStayAtSizeHint);
-    retentionBoxes_ = {numberBox(FVOptionKey::retentionKeepAllDays, "optionsdays"),
-                       numberBox(FVOptionKey::retentionDailyWeeks, "optionsweeks"),
-                       numberBox(FVOptionKey::retentionWeeklyMonths, "optionsmonths"),
-                       numberBox(FVOptionKey::retentionMonthlyYears, "optionsyears")};
-    policy->addRow(localized("optionsretentionall"), retentionBoxes_[0]);
-    policy->addRow(localized("optionsretentiondaily"), retentionBoxes_[1]);
-    policy->addRow(localized("optionsretentionweekly"), retentionBoxes_[2]);
-    policy->addRow(localized("optionsretentionmonthly"), retentionBoxes_[3]);
+    for (int64_t FVOptions::*field : {&FVOptions::retentionKeepAllDays, &FVOptions::retentionDailyWeeks,
+                                      &FVOptions::retentionWeeklyMonths, &FVOptions::retentionMonthlyYears}) {
+        retentionBoxes_.push_back(numberBox(field));
+        policy->addRow(localized(FVOptionTable::rule(field).label), retentionBoxes_.back());
+    }
     column->addLayout(policy);
     column->addWidget(note(localized("optionsretentionnote")));
 
-    purgeChanged_ = checkBox("optionspurgechanged", "purgeChangedArchive");
-    purgeRemoved_ = checkBox("optionspurgeremoved", "purgeRemovedArchive");
-    purgeChangedDays_ = numberBox(FVOptionKey::purgeChangedArchiveDays, "optionsdays");
-    purgeRemovedDays_ = numberBox(FVOptionKey::purgeRemovedArchiveDays, "optionsdays");
+    purgeChanged_ = optionBox(&FVOptions::purgeChangedArchive);
+    purgeRemoved_ = optionBox(&FVOptions::purgeRemovedArchive);
+    purgeChangedDays_ = numberBox(&FVOptions::purgeChangedArchiveDays);
+    purgeRemovedDays_ = numberBox(&FVOptions::purgeRemovedArchiveDays);
     column->addSpacing(6);
     column->addLayout(row(purgeChanged_, purgeChangedDays_));
     column->addLayout(row(purgeRemoved_, purgeRemovedDays_));
     column->addStretch();
-    checkBoxes_.insert(checkBoxes_.end(), {{FVOptionKey::moveChangedFiles, moveChangedFiles_},
-                                           {FVOptionKey::moveDeletedFiles, moveDeletedFiles_},
-                                           {FVOptionKey::retentionEnabled, retentionEnabled_},
-                                           {FVOptionKey::purgeChangedArchive, purgeChanged_},
-                                           {FVOptionKey::purgeRemovedArchive, purgeRemoved_}});
     return group;
 }
 
 QWidget* FVOptionsPanel::makeDiskSpaceGroup() {
     auto* group = new QGroupBox(localized("optionsgroupdiskspace"));
     auto* column = new QVBoxLayout(group);
-    keepFreeSpace_ = checkBox("optionskeepfree", "keepFreeSpace");
-    keepFreeSpaceMB_ = numberBox(FVOptionKey::keepFreeSpaceMB, "optionsmb");
+    keepFreeSpace_ = optionBox(&FVOptions::keepFreeSpace);
+    keepFreeSpaceMB_ = numberBox(&FVOptions::keepFreeSpaceMB);
     keepFreeSpaceMB_->setSpecialValueText(localized("optionsautomatic"));
     keepFreeSpaceMB_->setSingleStep(1024);
-    QCheckBox* purgeOldest = checkBox("optionspurgeoldest", "purgeOldestForSpace");
+    QCheckBox* purgeOldest = optionBox(&FVOptions::purgeOldestForSpace);
     column->addLayout(row(keepFreeSpace_, keepFreeSpaceMB_));
     column->addWidget(purgeOldest);
     column->addWidget(note(localized("optionsdiskspacenote")));
-    checkBoxes_.insert(checkBoxes_.end(), {{FVOptionKey::keepFreeSpace, keepFreeSpace_},
-                                           {FVOptionKey::purgeOldestForSpace, purgeOldest}});
     return group;
 }
 
 QWidget* FVOptionsPanel::makeScheduleGroup(bool runningAsRoot) {
     auto* group = new QGroupBox(localized("optionsgroupschedule"));
     auto* column = new QVBoxLayout(group);
-    automationEnabled_ = checkBox("optionsautomationenabled", "automationEnabled");
+    // Stored apart from the other boxes: with the time and the days it belongs to.
+    const FVOptionRule& automation = FVOptionTable::rule(&FVOptions::automationEnabled);
+    automationEnabled_ = new QCheckBox(localized(automation.label));
+    automationEnabled_->setObjectName(automation.key);
     automationInterval_ = new QComboBox;
     automationInterval_->setObjectName("automationInterval");
     automationInterval_->addItem(localized("optionsdaily"), 0);
@@ -190,30 +184,27 @@ QWidget* FVOptionsPanel::makeScheduleGroup(bool runningAsRoot) {
     column->addWidget(automationEnabled_);
     column->addLayout(when);
 
-    backUpWhenConnected_ = checkBox("optionsbackupwhenconnected", "backUpWhenConnected");
-    connectedInterval_ = numberBox(FVOptionKey::connectedRunIntervalMinutes, "optionsminutes");
+    backUpWhenConnected_ = optionBox(&FVOptions::backUpWhenConnected);
+    connectedInterval_ = numberBox(&FVOptions::connectedRunIntervalMinutes);
     connectedInterval_->setSpecialValueText(localized("optionseverytime"));
     connectedInterval_->setSingleStep(15);
     auto* interval = new QHBoxLayout;
     interval->setContentsMargins(20, 0, 0, 0);
-    interval->addWidget(new QLabel(localized("optionsconnectedinterval")));
+    interval->addWidget(new QLabel(localized(FVOptionTable::rule(&FVOptions::connectedRunIntervalMinutes).label)));
     interval->addWidget(connectedInterval_);
     interval->addStretch();
     column->addWidget(backUpWhenConnected_);
     column->addLayout(interval);
-    checkBoxes_.push_back({FVOptionKey::backUpWhenConnected, backUpWhenConnected_});
 
-    overdueDays_ = numberBox(FVOptionKey::overdueDays, "optionsdays");
+    overdueDays_ = numberBox(&FVOptions::overdueDays);
     overdueDays_->setSpecialValueText(localized("optionsnever"));
     auto* overdueLine = new QHBoxLayout;
-    overdueLine->addWidget(new QLabel(localized("optionsoverdue")));
+    overdueLine->addWidget(new QLabel(localized(FVOptionTable::rule(&FVOptions::overdueDays).label)));
     overdueLine->addWidget(overdueDays_);
     overdueLine->addStretch();
     column->addLayout(overdueLine);
 
-    QCheckBox* verifyMonthly = checkBox("optionsverifymonthly", "automationVerifyMonthly");
-    checkBoxes_.push_back({FVOptionKey::automationVerifyMonthly, verifyMonthly});
-    column->addWidget(verifyMonthly);
+    column->addWidget(optionBox(&FVOptions::automationVerifyMonthly));
     QLabel* description = note(localized(runningAsRoot ? "SuperUserAutomationNote" : "optionsautomationnote"));
     description->setObjectName("automationDescription");
     column->addWidget(description);
@@ -237,13 +228,9 @@ QWidget* FVOptionsPanel::makeExclusionsGroup() {
     excludeProblem_->setStyleSheet("color: palette(highlight)");
     excludeProblem_->hide();
     column->addWidget(excludeProblem_);
-    QCheckBox* caches = checkBox("optionsexcludecaches", FVOptionKey::excludeCacheFolders);
-    QCheckBox* nodump = checkBox("optionsexcludenodump", FVOptionKey::excludeNodumpItems);
-    column->addWidget(caches);
-    column->addWidget(nodump);
+    column->addWidget(optionBox(&FVOptions::excludeCacheFolders));
+    column->addWidget(optionBox(&FVOptions::excludeNodumpItems));
     column->addWidget(note(localized("optionsexclusionsnote")));
-    checkBoxes_.insert(checkBoxes_.end(), {{FVOptionKey::excludeCacheFolders, caches},
-                                           {FVOptionKey::excludeNodumpItems, nodump}});
     return group;
 }
 
@@ -251,23 +238,17 @@ QWidget* FVOptionsPanel::makeCopyingGroup() {
     auto* group = new QGroupBox(localized("optionsgroupcopying"));
     auto* form = new QFormLayout(group);
     form->setFieldGrowthPolicy(QFormLayout::FieldsStayAtSizeHint);
+    const FVOptionRule& placement = FVOptionTable::rule(&FVOptions::syncMode);
     syncMode_ = new QComboBox;
-    syncMode_->setObjectName("syncMode");
+    syncMode_->setObjectName(placement.key);
     syncMode_->addItem(localized("optionssyncmodefolder"), 1);
     syncMode_->addItem(localized("optionssyncmoderebuild"), 0);
-    form->addRow(localized("optionssyncmode"), syncMode_);
-    form->addRow(localized("optionsmaxthreads"), numberBox(FVOptionKey::maxThreads, nullptr));
-    const std::pair<const char*, QCheckBox*> boxes[] = {
-        {FVOptionKey::ignoreFileFlagChanges, checkBox("optionsignoreflags", "ignoreFileFlagChanges")},
-        {FVOptionKey::disableACLClone, checkBox("optionsdisableacl", "disableACLClone")},
-        {FVOptionKey::preallocate, checkBox("optionspreallocate", "preallocate")},
-        {FVOptionKey::excludeSymlinks, checkBox("optionsexcludesymlinks", "excludeSymlinks")},
-        {FVOptionKey::performExtendedLogging, checkBox("optionsextendedlogging", "performExtendedLogging")},
-    };
-    for (const auto& entry : boxes) {
-        form->addRow(entry.second);
-        checkBoxes_.push_back(entry);
-    }
+    form->addRow(localized(placement.label), syncMode_);
+    form->addRow(localized(FVOptionTable::rule(&FVOptions::maxThreads).label), numberBox(&FVOptions::maxThreads));
+    for (bool FVOptions::*field : {&FVOptions::ignoreFileFlagChanges, &FVOptions::disableACLClone,
+                                   &FVOptions::preallocate, &FVOptions::excludeSymlinks,
+                                   &FVOptions::performExtendedLogging})
+        form->addRow(optionBox(field));
     hooks_ = note({});
     hooks_->setObjectName("hooks");
     hooks_->setTextFormat(Qt::PlainText);
@@ -288,50 +269,48 @@ void FVOptionsPanel::fitToScreen(QWidget* content, QWidget* buttons) {
     resize(std::min(width, available.width() * 9 / 10), std::min(height, available.height() * 9 / 10));
 }
 
+// As a run reads them: a value that cannot be used shows as the option's default.
 void FVOptionsPanel::load() {
-    const PlistDict& options = *controller_.allOptions();
+    const FVOptions options = FVOptionTable::read(*controller_.allOptions()).options;
     QStringList patterns;
-    for (const FVExcludePattern& pattern : FVOptionTable::readPatterns(options, nullptr))
-        patterns << QString::fromStdString(pattern.text());
+    for (const FVExcludePattern& pattern : options.excludePatterns) patterns << QString::fromStdString(pattern.text());
     excludePatterns_->setPlainText(patterns.join('\n'));
-    for (auto& [key, box] : checkBoxes_) box->setChecked(options.boolValue(key));
-    for (auto& [key, box] : numberBoxes_)
-        box->setValue(int(std::clamp<int64_t>(options.integerValue(key), box->minimum(), box->maximum())));
-    automationEnabled_->setChecked(options.boolValue(FVOptionKey::automationEnabled));
-    syncMode_->setCurrentIndex(options.integerValue(FVOptionKey::syncMode) != 0 ? 0 : 1);
-    automationTime_->setTime(QTime(int(options.integerValue(FVOptionKey::automationTimeHours)) % 24,
-                                   int(options.integerValue(FVOptionKey::automationTimeMinutes)) % 60));
-    automationInterval_->setCurrentIndex(options.integerValue(FVOptionKey::automationIntervalSelection) != 0 ? 1 : 0);
+    for (auto& [rule, box] : checkBoxes_) box->setChecked(options.*rule->flag);
+    for (auto& [rule, box] : numberBoxes_)
+        box->setValue(int(std::clamp<int64_t>(options.*rule->number, box->minimum(), box->maximum())));
+    automationEnabled_->setChecked(options.automationEnabled);
+    syncMode_->setCurrentIndex(options.syncMode != 0 ? 0 : 1);
+    automationTime_->setTime(QTime(int(options.automationTimeHours), int(options.automationTimeMinutes)));
+    automationInterval_->setCurrentIndex(options.automationIntervalSelection != 0 ? 1 : 0);
     QStringList hooks;
-    for (const auto& [key, text] : {std::pair{FVOptionKey::beforeHook, "optionshookbefore"},
-                                    std::pair{FVOptionKey::afterHook, "optionshookafter"}})
-        if (std::string command = options.stringValue(key).value_or(""); !command.empty())
-            hooks << localizedFormat(text, command);
+    for (const auto& [command, text] : {std::pair{&options.beforeHook, "optionshookbefore"},
+                                        std::pair{&options.afterHook, "optionshookafter"}})
+        if (!command->empty()) hooks << localizedFormat(text, *command);
     hooks_->setText(hooks.join('\n'));
     hooks_->setVisible(!hooks.isEmpty());
-    if (options.contains(FVOptionKey::automationWeekdaySelection)) {
-        int weekday = int(options.integerValue(FVOptionKey::automationWeekdaySelection)) % 7;
-        automationWeekday_->setCurrentIndex(automationWeekday_->findData(weekday));
-    }
+    if (controller_.allOptions()->contains(FVOptionTable::rule(&FVOptions::automationWeekdaySelection).key))
+        automationWeekday_->setCurrentIndex(automationWeekday_->findData(int(options.automationWeekdaySelection % 7)));
 }
 
 void FVOptionsPanel::store() {
     PlistDict& options = *controller_.allOptions();
-    auto setInteger = [&options](const char* key, int64_t value) { options.set(key, value); };
-    for (auto& [key, box] : checkBoxes_) {
+    auto setInteger = [&options](const FVOptionRule& rule, int64_t value) { options.set(rule.key, value); };
+    for (auto& [rule, box] : checkBoxes_) {
         // Keys the user never touched stay absent, as before the sheet was opened.
-        if (options.contains(key) || box->isChecked()) setInteger(key, box->isChecked() ? 1 : 0);
+        if (options.contains(rule->key) || box->isChecked()) setInteger(*rule, box->isChecked() ? 1 : 0);
     }
-    for (auto& [key, box] : numberBoxes_) setInteger(key, box->value());
-    if (options.contains(FVOptionKey::automationEnabled) || automationEnabled_->isChecked())
-        setInteger(FVOptionKey::automationEnabled, automationEnabled_->isChecked() ? 1 : 0);
-    setInteger(FVOptionKey::syncMode, syncMode_->currentData().toInt());
-    setInteger(FVOptionKey::automationTimeHours, automationTime_->time().hour());
-    setInteger(FVOptionKey::automationTimeMinutes, automationTime_->time().minute());
-    if (automationEnabled_->isChecked() || options.contains(FVOptionKey::automationIntervalSelection)) {
-        setInteger(FVOptionKey::automationIntervalSelection, automationInterval_->currentData().toInt());
+    for (auto& [rule, box] : numberBoxes_) setInteger(*rule, box->value());
+    const FVOptionRule& automation = FVOptionTable::rule(&FVOptions::automationEnabled);
+    if (options.contains(automation.key) || automationEnabled_->isChecked())
+        setInteger(automation, automationEnabled_->isChecked() ? 1 : 0);
+    setInteger(FVOptionTable::rule(&FVOptions::syncMode), syncMode_->currentData().toInt());
+    setInteger(FVOptionTable::rule(&FVOptions::automationTimeHours), automationTime_->time().hour());
+    setInteger(FVOptionTable::rule(&FVOptions::automationTimeMinutes), automationTime_->time().minute());
+    const FVOptionRule& interval = FVOptionTable::rule(&FVOptions::automationIntervalSelection);
+    if (automationEnabled_->isChecked() || options.contains(interval.key)) {
+        setInteger(interval, automationInterval_->currentData().toInt());
         // A weekly schedule always names its day.
-        setInteger(FVOptionKey::automationWeekdaySelection, automationWeekday_->currentData().toInt());
+        setInteger(FVOptionTable::rule(&FVOptions::automationWeekdaySelection), automationWeekday_->currentData().toInt());
     }
 }
 

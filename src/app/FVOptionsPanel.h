@@ -4,6 +4,8 @@
 // how it copies, and what it leaves out. Edits FVOptionsPanelController's live dictionary when the sheet is closed. The
 // content scrolls, so that the sheet fits a small screen.
 
+#include "engine/config/FVOptions.h"
+
 #include <QDialog>
 
 #include <utility>
@@ -40,16 +42,18 @@ private:
     QWidget* makeExclusionsGroup();
     // Stores the patterns; false (with the reason shown) when a line is no pattern.
     bool storePatterns();
-    // A box for a number option, with the option's own limits.
-    QSpinBox* numberBox(const char* key, const char* suffixKey);
+    // A check box for a yes-or-no option, with its text from the options table.
+    QCheckBox* optionBox(bool FVOptions::*field);
+    // A box for a number option, with the option's own limits and unit.
+    QSpinBox* numberBox(int64_t FVOptions::*field);
     void fitToScreen(QWidget* content, QWidget* buttons);
     void load();
     void store();
     void updateEnabledState();
 
     FVOptionsPanelController& controller_;
-    std::vector<std::pair<const char*, QCheckBox*>> checkBoxes_;
-    std::vector<std::pair<const char*, QSpinBox*>> numberBoxes_;
+    std::vector<std::pair<const FVOptionRule*, QCheckBox*>> checkBoxes_;
+    std::vector<std::pair<const FVOptionRule*, QSpinBox*>> numberBoxes_;
     QComboBox* syncMode_;
     // Says which hooks run around each run; set on the command line, shown here only.
     QLabel* hooks_;

@@ -1,6 +1,6 @@
 #include "app/FVPointInTimeRestoreJob.h"
 
-#include "engine/FVPointInTimeRestore.h"
+#include "engine/restore/FVPointInTimeRestore.h"
 
 namespace ferrovane {
 

@@ -4,8 +4,8 @@
 // the metadata the run recorded.
 
 #include "app/FVRestoreJob.h"
-#include "engine/FVPointInTimePlan.h"
-#include "engine/FVRestoreTarget.h"
+#include "engine/restore/FVPointInTimePlan.h"
+#include "engine/restore/FVRestoreTarget.h"
 
 #include <utility>
 

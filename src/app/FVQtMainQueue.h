@@ -1,7 +1,7 @@
 #pragma once
 // The engine's main queue on Qt's event loop: work posted from any thread runs on the GUI thread.
 
-#include "engine/FVMainQueue.h"
+#include "engine/run/FVMainQueue.h"
 
 #include <QObject>
 

@@ -1,7 +1,7 @@
 #pragma once
 // The shared string table, as Qt text.
 
-#include "engine/FVStrings.h"
+#include "engine/run/FVStrings.h"
 
 #include <QString>
 

@@ -9,12 +9,12 @@
 #include "app/FVPointInTimeRestoreJob.h"
 #include "app/FVThinProgressBar.h"
 #include "app/FVVersionRestoreJob.h"
-#include "engine/FVAdditions.h"
-#include "engine/FVPointInTime.h"
-#include "engine/FVRestorePlan.h"
-#include "engine/FVRestoreTarget.h"
+#include "engine/record/FVPointInTime.h"
+#include "engine/restore/FVRestorePlan.h"
+#include "engine/restore/FVRestoreTarget.h"
+#include "engine/run/FVNumber.h"
 #include "fs/FVText.h"
-#include "engine/FVVersionCatalog.h"
+#include "engine/record/FVVersionCatalog.h"
 
 #include <QDateTime>
 #include <QDir>

@@ -6,9 +6,9 @@
 // meanwhile.
 
 #include "app/FVRestoreJob.h"
-#include "engine/FVDestinationLock.h"
-#include "engine/FVRunRecords.h"
-#include "engine/FVVersionCatalog.h"
+#include "engine/config/FVDestinationLock.h"
+#include "engine/record/FVRunRecords.h"
+#include "engine/record/FVVersionCatalog.h"
 
 #include <QObject>
 #include <QPointer>

@@ -3,7 +3,7 @@
 // the way for the user to decide about first. A version found in the destination, or the files as
 // a run recorded them.
 
-#include "engine/FVRestoreRun.h"
+#include "engine/restore/FVRestoreRun.h"
 
 #include <atomic>
 #include <cstdint>

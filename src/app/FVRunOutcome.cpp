@@ -32,6 +32,7 @@ FVRunOutcome FVRunOutcome::load(const QString& destination) {
     outcome.time_ = settings.value("time").toDateTime();
     for (const QString& error : settings.value("errors").toStringList()) outcome.errors_.push_back(error.toStdString());
     outcome.interruptedSource_ = settings.value("interrupted").toString().toStdString();
+    outcome.interruptedCopied_ = settings.value("interruptedCopied", -1).toLongLong();
     outcome.destinationFailure_ = settings.value("destinationFailure").toString().toStdString();
     if (outcome.state_ != State::Finished && outcome.state_ != State::Stopped && outcome.state_ != State::NoRoom)
         outcome.state_ = State::Never;
@@ -47,6 +48,7 @@ void FVRunOutcome::save(const QString& destination) const {
     for (const std::string& error : errors_) errors << QString::fromStdString(error);
     settings.setValue("errors", errors);
     settings.setValue("interrupted", QString::fromStdString(interruptedSource_));
+    settings.setValue("interruptedCopied", interruptedCopied_);
     settings.setValue("destinationFailure", QString::fromStdString(destinationFailure_));
 }
 

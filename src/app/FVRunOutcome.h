@@ -27,7 +27,12 @@ public:
     // A stopped run: the source it was backing up when it stopped, if any; the others either
     // finished in it or were never reached and keep their last backup.
     const std::string& interruptedSource() const { return interruptedSource_; }
-    void setInterruptedSource(std::string sourcePath) { interruptedSource_ = std::move(sourcePath); }
+    // copied: what of that source was published before the stop; -1 when not known.
+    void setInterruptedSource(std::string sourcePath, long long copied = -1) {
+        interruptedSource_ = std::move(sourcePath);
+        interruptedCopied_ = copied;
+    }
+    long long interruptedCopied() const { return interruptedCopied_; }
     // The line naming why the destination ended the run (failed, gone); empty if it held.
     const std::string& destinationFailure() const { return destinationFailure_; }
     void setDestinationFailure(std::string line) { destinationFailure_ = std::move(line); }
@@ -48,6 +53,7 @@ private:
     QDateTime time_;
     std::vector<std::string> errors_;
     std::string interruptedSource_;
+    long long interruptedCopied_ = -1;
     std::string destinationFailure_;
 };
 

@@ -1,7 +1,7 @@
 #include "app/FVRunTreeModel.h"
 
 #include "app/FVQtStrings.h"
-#include "engine/FVAdditions.h"
+#include "engine/run/FVNumber.h"
 
 #include <QDateTime>
 #include <QLocale>

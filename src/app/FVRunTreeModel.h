@@ -4,8 +4,8 @@
 // read streams the whole manifest. Folders a source's full path passes through are shown even
 // where the run recorded nothing for them.
 
-#include "engine/FVPointInTime.h"
-#include "engine/FVSerialQueue.h"
+#include "engine/record/FVPointInTime.h"
+#include "engine/run/FVSerialQueue.h"
 
 #include <QAbstractItemModel>
 #include <QFileIconProvider>

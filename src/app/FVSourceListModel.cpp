@@ -1,7 +1,7 @@
 #include "app/FVSourceListModel.h"
 
 #include "app/FVQtStrings.h"
-#include "engine/FVAdditions.h"
+#include "engine/run/FVNumber.h"
 
 #include <QDataStream>
 #include <QDateTime>
@@ -78,6 +78,8 @@ QVariant FVSourceListModel::data(const QModelIndex& index, int role) const {
         if (role == Qt::TextAlignmentRole) return int(Qt::AlignRight | Qt::AlignVCenter);
         if (role == Qt::DisplayRole) {
             if (item->enabled() != int64_t(FVSourceMode::Backup)) return QString();
+            // What cannot be read measures nothing, which is not its size.
+            if (item->value(FVSourceKey::lastUnreadableDate)) return QStringLiteral("—");
             auto size = item->value(FVSourceKey::sizeInMB);
             if (!size || size->integerValue() == -1) return localized("sourcesizecalculating");
             return QString::fromStdString(FVNumber::formattedDiskSizeString(size->doubleValue() * 1e6));
@@ -97,17 +99,28 @@ void FVSourceListModel::setRunOutcome(FVRunOutcome outcome) {
     if (!rows_.empty()) emit dataChanged(index(0, LastRunColumn), index(int(rows_.size()) - 1, LastRunColumn));
 }
 
+QDateTime FVSourceListModel::dateOf(const FVSourceItem& item, const char* key) {
+    auto value = item.value(key);
+    const PlistDate* date = value ? value->get<PlistDate>() : nullptr;
+    return date ? QDateTime::fromMSecsSinceEpoch(qint64(date->secondsSince1970 * 1000)) : QDateTime();
+}
+
 QString FVSourceListModel::lastRunText(const FVSourceItem& item) const {
     if (item.enabled() >= int64_t(FVSourceMode::ExcludePath)) return QString();  // exclusions never run
     // Only the source the stop interrupted is news; the others keep their last backup.
     if (outcome_.state() == FVRunOutcome::State::Stopped && item.enabled() == int64_t(FVSourceMode::Backup) &&
         !outcome_.interruptedSource().empty() && item.sourcePath() == outcome_.interruptedSource()) {
         const std::string when = FVRunOutcome::stamp(outcome_.time()).toStdString();
-        return localizedFormat(outcome_.destinationFailure().empty() ? "sourcelaststopped" : "sourcelastdiskfailed", when);
+        if (!outcome_.destinationFailure().empty()) return localizedFormat("sourcelastdiskfailed", when);
+        if (outcome_.interruptedCopied() < 0) return localizedFormat("sourcelaststopped", when);
+        return QString::fromStdString(FVStrings::formatPlural("sourcelaststoppedcopied", outcome_.interruptedCopied(), when));
     }
-    auto date = item.value(FVSourceKey::lastBackupDate);
-    const PlistDate* when = date ? date->get<PlistDate>() : nullptr;
-    QDateTime finished = when ? QDateTime::fromMSecsSinceEpoch(qint64(when->secondsSince1970 * 1000)) : QDateTime();
+    const QDateTime finished = dateOf(item, FVSourceKey::lastBackupDate);
+    // The attempt that could not read it is news (first, as the column may cut the end); the
+    // backup it kept is still there.
+    if (item.value(FVSourceKey::lastUnreadableDate))
+        return finished.isValid() ? localizedFormat("sourcelastunreadable", FVRunOutcome::stamp(finished).toStdString())
+                                  : localized("sourceunreadable");
     if (!finished.isValid()) return localized("sourcenotbackedup");
     const std::string stamp = FVRunOutcome::stamp(finished).toStdString();
     long long errors = outcome_.state() == FVRunOutcome::State::Finished ? outcome_.errorCountFor(item.sourcePath()) : 0;

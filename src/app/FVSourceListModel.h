@@ -60,6 +60,7 @@ private:
     void backupSetDidChange(BackupSetChange change);
     FVSourceItemPtr itemAt(int row) const;
     QString lastRunText(const FVSourceItem& item) const;
+    static QDateTime dateOf(const FVSourceItem& item, const char* key);
 
     BackupSetController& controller_;
     std::vector<FVSourceItemPtr> rows_;  // the controller's list as last shown

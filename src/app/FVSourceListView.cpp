@@ -7,6 +7,8 @@
 #include <QApplication>
 #include <QComboBox>
 #include <QContextMenuEvent>
+#include <QDateTime>
+#include <QStyle>
 #include <QMenu>
 
 #include <QHeaderView>
@@ -46,17 +48,42 @@ void FVSourceListView::setModel(QAbstractItemModel* model) {
     // Name and path share the room a wider window gives.
     header->setSectionResizeMode(FVSourceListModel::NameColumn, QHeaderView::Stretch);
     header->setSectionResizeMode(FVSourceListModel::PathColumn, QHeaderView::Stretch);
-    header->setSectionResizeMode(FVSourceListModel::ModeColumn, QHeaderView::Fixed);
-    // Widths set once, so that a run's longer texts never squeeze the path.
-    header->setSectionResizeMode(FVSourceListModel::SizeColumn, QHeaderView::Interactive);
-    header->setSectionResizeMode(FVSourceListModel::LastRunColumn, QHeaderView::Interactive);
-    setColumnWidth(FVSourceListModel::ModeColumn, 200);
-    setColumnWidth(FVSourceListModel::SizeColumn, 110);  // room for "Calculating size…"
-    setColumnWidth(FVSourceListModel::LastRunColumn, 310);
+    for (int column : {FVSourceListModel::ModeColumn, FVSourceListModel::SizeColumn, FVSourceListModel::LastRunColumn})
+        header->setSectionResizeMode(column, QHeaderView::Fixed);
+    fitColumns();
     connect(model, &QAbstractItemModel::modelReset, this, &FVSourceListView::openPopups);
     connect(model, &QAbstractItemModel::rowsInserted, this, &FVSourceListView::openPopups);
     connect(model, &QAbstractItemModel::dataChanged, this, &FVSourceListView::refreshPopups);
     openPopups();
+}
+
+// Mode, Size and Last backup are as wide as their usual texts in the font shown, and never so
+// wide together that Name and Path get less than a third of the room; a run's longer texts are
+// elided rather than squeezing the path.
+void FVSourceListView::fitColumns() {
+    if (!model()) return;
+    const QFontMetrics metrics(font());
+    const int padding = 3 * metrics.averageCharWidth();
+    int mode = 0;
+    for (int64_t choice = 0; choice <= 3; ++choice)
+        mode = std::max(mode, metrics.horizontalAdvance(FVSourceListModel::modeTitle(choice)));
+    // The popup's frame and arrow beside its text.
+    mode += padding + style()->pixelMetric(QStyle::PM_ScrollBarExtent) + 2 * style()->pixelMetric(QStyle::PM_ComboBoxFrameWidth);
+    const int size = metrics.horizontalAdvance(localized("sourcesizecalculating")) + padding;
+    const QString stamp = FVRunOutcome::stamp(QDateTime(QDate(2026, 12, 28), QTime(23, 59)));
+    const int lastRun = metrics.horizontalAdvance(localizedFormat("sourcelastrun", stamp.toStdString(), 88888, 88888)) + padding;
+    // The popup is a control and keeps its width while it can; the texts give way first.
+    const int room = viewport()->width() * 2 / 3;
+    mode = std::min(mode, room / 2);
+    const double share = std::min(1.0, double(room - mode) / (size + lastRun));
+    setColumnWidth(FVSourceListModel::ModeColumn, mode);
+    setColumnWidth(FVSourceListModel::SizeColumn, int(size * share));
+    setColumnWidth(FVSourceListModel::LastRunColumn, int(lastRun * share));
+}
+
+void FVSourceListView::resizeEvent(QResizeEvent* event) {
+    QTableView::resizeEvent(event);
+    fitColumns();
 }
 
 void FVSourceListView::refreshPopups(const QModelIndex& topLeft, const QModelIndex& bottomRight) {

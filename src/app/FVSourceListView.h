@@ -28,8 +28,10 @@ protected:
     void keyPressEvent(QKeyEvent* event) override;
     QItemSelectionModel::SelectionFlags selectionCommand(const QModelIndex& index, const QEvent* event) const override;
     void contextMenuEvent(QContextMenuEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
 
 private:
+    void fitColumns();
     void openPopups();
     // Persistent editors hear only of single-cell changes: a change of many rows is shown here.
     void refreshPopups(const QModelIndex& topLeft, const QModelIndex& bottomRight);

@@ -2,7 +2,7 @@
 
 #include "app/FVQtStrings.h"
 #include "app/FVScreenFit.h"
-#include "engine/FVAdditions.h"
+#include "engine/run/FVNumber.h"
 
 #include <QCheckBox>
 #include <QDialogButtonBox>

@@ -2,7 +2,7 @@
 // The Verify… sheet: reads the open destination back against the record of its runs on a thread
 // of its own, with progress, and lists what it finds (damaged, missing, unexpected items).
 
-#include "engine/FVVerification.h"
+#include "engine/record/FVVerification.h"
 
 #include <QDialog>
 

@@ -1,6 +1,6 @@
 #include "app/FVVersionRestoreJob.h"
 
-#include "engine/FVStrings.h"
+#include "engine/run/FVStrings.h"
 
 #include <sys/stat.h>
 

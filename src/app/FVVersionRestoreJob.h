@@ -3,8 +3,8 @@
 // there, folders with everything inside them.
 
 #include "app/FVRestoreJob.h"
-#include "engine/FVRestorePlan.h"
-#include "engine/FVRestoreTarget.h"
+#include "engine/restore/FVRestorePlan.h"
+#include "engine/restore/FVRestoreTarget.h"
 
 namespace ferrovane {
 

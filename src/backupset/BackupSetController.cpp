@@ -1,7 +1,8 @@
 #include "backupset/BackupSetController.h"
 
-#include "engine/FVExclusionRules.h"
-#include "engine/FVStrings.h"
+#include "engine/analysis/FVExclusionRules.h"
+#include "engine/run/FVStrings.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVText.h"
 
 #include <fts.h>
@@ -372,7 +373,7 @@ double BackupSetController::sizeOfPathInMB(const std::string& path, const std::v
                                            const std::function<bool()>& isRemoved) {
     if (path.empty() || excluded(path, excludePaths)) return 0;
     struct stat st {};
-    if (lstat(path.c_str(), &st) != 0) return 0;
+    if (FVFileStatus::lstat(path.c_str(), &st) != 0) return 0;
     if (!S_ISDIR(st.st_mode)) return static_cast<double>(st.st_size) * 1e-6;
     const dev_t device = st.st_dev;
 

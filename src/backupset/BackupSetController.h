@@ -6,8 +6,8 @@
 // private worker thread. Both share the list under one lock, and the worker changes items only
 // while holding it, so that a stale mark set by the main thread is never overwritten by a result.
 
-#include "engine/FVMainQueue.h"
-#include "engine/FVSourceItem.h"
+#include "engine/config/FVSourceItem.h"
+#include "engine/run/FVMainQueue.h"
 
 #include <atomic>
 #include <condition_variable>

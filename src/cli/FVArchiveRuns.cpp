@@ -1,8 +1,8 @@
 #include "cli/FVArchiveRuns.h"
 
 #include "fs/FVDirectoryWalker.h"
-#include "engine/FVMirrorLayout.h"
-#include "engine/FVVersionCatalog.h"
+#include "engine/config/FVMirrorLayout.h"
+#include "engine/record/FVVersionCatalog.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -2,7 +2,7 @@
 
 #include "FVVersion.h"
 #include "cli/FVCheckOverdueCommand.h"
-#include "cli/FVCommanlineMode.h"
+#include "cli/FVCommandLineMode.h"
 #include "cli/FVCompletionCommand.h"
 #include "cli/FVConfigCommand.h"
 #include "cli/FVDestinationArgument.h"
@@ -384,7 +384,7 @@ std::optional<int> run(int argc, char** argv) {
     FVJobTrigger trigger = root.trigger == "schedule"  ? FVJobTrigger::Schedule
                            : root.trigger == "connect" ? FVJobTrigger::Connect
                                                        : FVJobTrigger::Manual;
-    return FVCommanlineMode::main(root.destination, root.noNotifications, root.dryRun, trigger, root.job, root.output());
+    return FVCommandLineMode::main(root.destination, root.noNotifications, root.dryRun, trigger, root.job, root.output());
 }
 
 int usageError(const std::string& why) {

@@ -3,9 +3,9 @@
 #include "cli/FVArchiveRuns.h"
 #include "cli/FVExitStatus.h"
 #include "cli/FVOutput.h"
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVOptions.h"
-#include "engine/FVRunRecords.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/config/FVOptions.h"
+#include "engine/record/FVRunRecords.h"
 
 #include <algorithm>
 

@@ -1,8 +1,8 @@
 #include "cli/FVExcludeCommand.h"
 
 #include "cli/FVOutput.h"
-#include "engine/FVExcludePattern.h"
-#include "engine/FVOptions.h"
+#include "engine/config/FVExcludePattern.h"
+#include "engine/config/FVOptions.h"
 #include "search/FVSearchText.h"
 
 #include <fmt/format.h>

@@ -3,7 +3,7 @@
 // destination leaves out below every source, kept in its own configuration (an exclude file is
 // read once, not linked: the destination carries what it needs).
 
-#include "engine/FVPlist.h"
+#include "engine/config/FVPlist.h"
 
 #include <optional>
 #include <string>

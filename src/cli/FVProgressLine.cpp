@@ -2,8 +2,8 @@
 
 #include "cli/FVJsonText.h"
 #include "cli/FVLocaleText.h"
-#include "engine/FVAdditions.h"
-#include "engine/FVRunSummary.h"
+#include "engine/run/FVNumber.h"
+#include "engine/run/FVRunSummary.h"
 
 #include <fmt/format.h>
 #include <unistd.h>

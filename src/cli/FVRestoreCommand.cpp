@@ -9,14 +9,14 @@
 #include "cli/FVRunSignals.h"
 #include "cli/FVSharedLock.h"
 
-#include "engine/FVAdditions.h"
-#include "engine/FVDestinationLock.h"
-#include "engine/FVLog.h"
-#include "engine/FVRestorePlan.h"
-#include "engine/FVRestoreRun.h"
-#include "engine/FVRestoreTarget.h"
+#include "engine/config/FVDestinationLock.h"
+#include "engine/restore/FVRestorePlan.h"
+#include "engine/restore/FVRestoreRun.h"
+#include "engine/restore/FVRestoreTarget.h"
+#include "engine/run/FVLog.h"
+#include "engine/run/FVNumber.h"
 #include "fs/FVText.h"
-#include "engine/FVVersionCatalog.h"
+#include "engine/record/FVVersionCatalog.h"
 #include "search/FVSearchText.h"
 
 #include <fmt/format.h>

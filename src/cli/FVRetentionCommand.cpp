@@ -1,11 +1,11 @@
 #include "cli/FVRetentionCommand.h"
 
-#include "engine/FVAdditions.h"
-#include "engine/FVArchivedRuns.h"
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVOptions.h"
-#include "engine/FVRetentionPolicy.h"
-#include "engine/FVThinningPlan.h"
+#include "engine/archive/FVArchivedRuns.h"
+#include "engine/archive/FVThinningPlan.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/config/FVOptions.h"
+#include "engine/config/FVRetentionPolicy.h"
+#include "engine/run/FVNumber.h"
 #include "fs/FVDestinationProbe.h"
 #include "search/FVSearchText.h"
 

@@ -4,7 +4,7 @@
 // off; with --dry-run it lists what thinning by that policy would remove from the destination
 // as it is now, and changes nothing.
 
-#include "engine/FVPlist.h"
+#include "engine/config/FVPlist.h"
 
 #include <cstdint>
 #include <optional>

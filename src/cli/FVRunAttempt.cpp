@@ -1,7 +1,7 @@
 #include "cli/FVRunAttempt.h"
 
 #include "cli/FVOutput.h"
-#include "engine/FVRunRecords.h"
+#include "engine/record/FVRunRecords.h"
 #include "scheduling/FVOverdueNotifier.h"
 #include "search/FVSearchText.h"
 

@@ -2,7 +2,7 @@
 // The JSON object that ends a backup run with --json or --progress=json (one line, so that it
 // is also the last line of an NDJSON stream).
 
-#include "engine/FVBackupSession.h"
+#include "engine/session/FVBackupSession.h"
 
 #include <string>
 #include <string_view>

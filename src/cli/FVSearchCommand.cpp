@@ -4,7 +4,7 @@
 #include "cli/FVOutput.h"
 #include "cli/FVJsonText.h"
 
-#include "engine/FVMainQueue.h"
+#include "engine/run/FVMainQueue.h"
 #include "search/FVDestinationSearch.h"
 #include "search/FVSearchText.h"
 

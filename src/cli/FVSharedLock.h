@@ -2,7 +2,7 @@
 // The destination's lock in shared mode for the commands that read it while they restore: they may
 // run side by side, never beside a backup or a configuration change, so what they read cannot move.
 
-#include "engine/FVDestinationLock.h"
+#include "engine/config/FVDestinationLock.h"
 
 #include <string>
 

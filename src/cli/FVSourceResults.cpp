@@ -1,7 +1,7 @@
 #include "cli/FVSourceResults.h"
 
 #include "cli/FVJsonText.h"
-#include "engine/FVAdditions.h"
+#include "engine/run/FVNumber.h"
 
 #include <fmt/format.h>
 

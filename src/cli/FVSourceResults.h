@@ -2,7 +2,7 @@
 // The last results a run wrote into a source item (date, files, updated files, bytes copied), as
 // config show and runs print them, in words and as JSON.
 
-#include "engine/FVSourceItem.h"
+#include "engine/config/FVSourceItem.h"
 
 #include <string>
 

@@ -5,9 +5,9 @@
 #include "cli/FVOutput.h"
 #include "cli/FVProgressLine.h"
 #include "cli/FVRunSignals.h"
-#include "engine/FVDestinationLock.h"
-#include "engine/FVLog.h"
-#include "engine/FVVerification.h"
+#include "engine/config/FVDestinationLock.h"
+#include "engine/record/FVVerification.h"
+#include "engine/run/FVLog.h"
 #include "search/FVSearchText.h"
 
 #include <unistd.h>

@@ -42,6 +42,11 @@ ssize_t FVExtendedAttributes::listNames(std::vector<char>& names) const {
     }
 }
 
+ssize_t FVExtendedAttributes::namesSize() const {
+    if (path_) return llistxattr(path_, nullptr, 0);
+    return procPath_[0] ? listxattr(procPath_, nullptr, 0) : flistxattr(fd_, nullptr, 0);
+}
+
 ssize_t FVExtendedAttributes::readValue(const char* name, std::vector<char>& value) const {
     auto get = [this, name](void* buffer, size_t size) {
         if (path_) return lgetxattr(path_, name, buffer, size);

@@ -21,6 +21,8 @@ public:
 
     // The names, each ending in a NUL, and their total size; -1 with errno on failure.
     ssize_t listNames(std::vector<char>& names) const;
+    // The size the names would take, without reading them: 0 for none, -1 with errno.
+    ssize_t namesSize() const;
     // The value's size, or -1 with errno.
     ssize_t readValue(const char* name, std::vector<char>& value) const;
     int writeValue(const char* name, const std::vector<char>& value, size_t size) const;

@@ -96,4 +96,37 @@ CloneResult clone(int sourceFd, int destinationFd, bool destinationHasCopiedFlag
     return result;
 }
 
+void lockFile(const std::string& path) {
+    std::string name;
+    FVFd parent = FVLongPath::openParent(path, name);
+    FVFd fd = parent.valid() ? openForFlags(parent.get(), name) : FVFd();
+    if (fd.valid()) setImmutable(fd.get());
+}
+
+bool unlockFile(const std::string& path) {
+    std::string name;
+    FVFd parent = FVLongPath::openParent(path, name);
+    return parent.valid() && unlockFileAt(parent.get(), name);
+}
+
+bool unlockFileAt(int dirFd, const std::string& name) {
+    if (name.empty()) return clearLocking(dirFd);
+    FVFd fd = openForFlags(dirFd, name);
+    return fd.valid() && clearLocking(fd.get());
+}
+
+void unlockRecursively(const std::string& path) {
+    std::string name;
+    FVFd parent = FVLongPath::openParent(path, name);
+    if (parent.valid()) unlockRecursivelyAt(parent.get(), name);
+}
+
+void unlockRecursivelyAt(int dirFd, const std::string& name) {
+    FVFd fd = openForFlags(dirFd, name);
+    struct stat st {};
+    if (!fd.valid() || fstat(fd.get(), &st) != 0) return;
+    if (S_ISDIR(st.st_mode)) clearLockingBelow(fd.get());
+    else clearLocking(fd.get());
+}
+
 }  // namespace ferrovane::FVInodeFlags

@@ -40,4 +40,17 @@ struct CloneResult {
 };
 CloneResult clone(int sourceFd, int destinationFd, bool destinationHasCopiedFlags = true);
 
+// The same by path, for the run's steps that lock and unlock items. Paths may be of any length.
+// The immutable flag; where it cannot be set, nothing happens. Symbolic links and special files
+// have no flags and are left alone.
+void lockFile(const std::string& path);
+// clearLocking by path; returns whether the item had such a flag.
+bool unlockFile(const std::string& path);
+// The same for the entry name inside the folder dirFd (never following a symbolic link); an
+// empty name unlocks dirFd itself, which must then be a real (not O_PATH) descriptor.
+bool unlockFileAt(int dirFd, const std::string& name);
+// The item and everything below it, without following symbolic links.
+void unlockRecursively(const std::string& path);
+void unlockRecursivelyAt(int dirFd, const std::string& name);
+
 }  // namespace ferrovane::FVInodeFlags

@@ -1,4 +1,5 @@
 #include "manifest/FVContentHash.h"
+#include "fs/FVFileData.h"
 
 #include <xxhash.h>
 
@@ -66,7 +67,7 @@ std::optional<FVContentHash> FVContentHasher::ofDescriptor(int fd, char* buffer,
     FVContentHasher hasher;
     off_t offset = 0;
     for (;;) {
-        ssize_t n = pread(fd, buffer, bufferSize, offset);
+        ssize_t n = FVFileData::pread(fd, buffer, bufferSize, offset);
         if (n < 0) {
             if (errno == EINTR) continue;
             return std::nullopt;

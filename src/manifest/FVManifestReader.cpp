@@ -1,5 +1,6 @@
 #include "manifest/FVManifestReader.h"
 
+#include "fs/FVOpenFiles.h"
 #include "manifest/FVManifestCodec.h"
 
 #include <zstd.h>
@@ -23,7 +24,7 @@ uint32_t littleEndian32(const unsigned char* p) {
 }  // namespace
 
 std::unique_ptr<FVManifestReader> FVManifestReader::open(const std::string& path, std::string* error) {
-    FILE* file = std::fopen(path.c_str(), "rbe");
+    FILE* file = FVOpenFiles::fopen(path.c_str(), "rbe");
     if (!file) {
         *error = "cannot open " + path + ": " + std::strerror(errno);
         return nullptr;
@@ -65,7 +66,7 @@ FVManifestReader::FVManifestReader(FILE* file, std::string path) : file_(file), 
 
 FVManifestReader::~FVManifestReader() {
     if (stream_) ZSTD_freeDStream(static_cast<ZSTD_DStream*>(stream_));
-    std::fclose(file_);
+    FVOpenFiles::fclose(file_);
 }
 
 void FVManifestReader::damage(const std::string& what) {
@@ -181,12 +182,12 @@ bool FVManifestReader::next(FVManifestEntry& entry) {
 }
 
 std::optional<FVManifestSummary> FVManifestReader::readSummary(const std::string& path, std::string* error) {
-    FILE* file = std::fopen(path.c_str(), "rbe");
+    FILE* file = FVOpenFiles::fopen(path.c_str(), "rbe");
     if (!file) {
         *error = "cannot open " + path + ": " + std::strerror(errno);
         return std::nullopt;
     }
-    std::unique_ptr<FILE, int (*)(FILE*)> closer(file, std::fclose);
+    std::unique_ptr<FILE, int (*)(FILE*)> closer(file, FVOpenFiles::fclose);
     unsigned char trailer[16];
     if (std::fseek(file, -16, SEEK_END) != 0 || std::fread(trailer, 1, 16, file) != 16 ||
         littleEndian32(trailer) != kSkippableMagic || littleEndian32(trailer + 4) != 8) {

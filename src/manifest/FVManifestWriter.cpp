@@ -1,5 +1,13 @@
 #include "manifest/FVManifestWriter.h"
 
+#include "fs/FVDirectoryEntries.h"
+#include "fs/FVFileData.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVFileSystemFlush.h"
+#include "fs/FVItemCreation.h"
+#include "fs/FVOpenFiles.h"
+#include "fs/FVRemovals.h"
+#include "fs/FVRenames.h"
 #include "manifest/FVManifestCodec.h"
 
 #include <dirent.h>
@@ -50,16 +58,16 @@ bool isTemporaryName(const char* name) {
 // Manifests of runs that were killed while they wrote: the caller holds the destination's lock,
 // so no living writer owns one.
 void removeLeftovers(int folder) {
-    int fd = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int fd = FVOpenFiles::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return;
-    DIR* dir = fdopendir(fd);
+    DIR* dir = FVDirectoryEntries::fdopendir(fd);
     if (!dir) {
-        close(fd);
+        FVOpenFiles::close(fd);
         return;
     }
-    while (dirent* e = readdir(dir))
-        if (isTemporaryName(e->d_name)) unlinkat(folder, e->d_name, 0);
-    closedir(dir);
+    while (dirent* e = FVDirectoryEntries::readdir(dir))
+        if (isTemporaryName(e->d_name)) FVRemovals::unlinkat(folder, e->d_name, 0);
+    FVDirectoryEntries::closedir(dir);
 }
 
 }  // namespace
@@ -68,11 +76,11 @@ std::string FVManifestWriter::fileName(const std::string& stamp) { return stamp 
 
 std::unique_ptr<FVManifestWriter> FVManifestWriter::create(const std::string& recordsFolder,
                                                            const FVManifestHeader& header, std::string* error) {
-    if (mkdir(recordsFolder.c_str(), 0755) != 0 && errno != EEXIST) {
+    if (FVItemCreation::mkdir(recordsFolder.c_str(), 0755) != 0 && errno != EEXIST) {
         *error = "cannot create " + recordsFolder + ": " + std::strerror(errno);
         return nullptr;
     }
-    int folder = open(recordsFolder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    int folder = FVOpenFiles::open(recordsFolder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (folder < 0) {
         *error = "cannot open " + recordsFolder + ": " + std::strerror(errno);
         return nullptr;
@@ -82,13 +90,13 @@ std::unique_ptr<FVManifestWriter> FVManifestWriter::create(const std::string& re
         new FVManifestWriter(folder, temporaryName(), fileName(header.stamp)));
     // Open only while a chunk is written: a run holds no file of the destination open for
     // writing between its copies, so the destination can still be made read-only under it.
-    int file = openat(folder, writer->temporaryName_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+    int file = FVOpenFiles::openat(folder, writer->temporaryName_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                       0644);
     if (file < 0) {
         *error = "cannot create a run record in " + recordsFolder + ": " + std::strerror(errno);
         return nullptr;
     }
-    close(file);
+    FVOpenFiles::close(file);
     writer->created_ = true;
     writer->stream_ = ZSTD_createCCtx();
     if (!writer->stream_) {
@@ -111,20 +119,20 @@ FVManifestWriter::FVManifestWriter(int folder, std::string temporaryName, std::s
 FVManifestWriter::~FVManifestWriter() {
     if (!finished_) discard();
     if (stream_) ZSTD_freeCCtx(static_cast<ZSTD_CCtx*>(stream_));
-    if (folder_ >= 0) close(folder_);
+    if (folder_ >= 0) FVOpenFiles::close(folder_);
 }
 
 void FVManifestWriter::discard() {
     closeFile();
     if (created_) {
         created_ = false;
-        unlinkat(folder_, temporaryName_.c_str(), 0);
+        FVRemovals::unlinkat(folder_, temporaryName_.c_str(), 0);
     }
 }
 
 void FVManifestWriter::closeFile() {
     if (file_ < 0) return;
-    close(file_);
+    FVOpenFiles::close(file_);
     file_ = -1;
 }
 
@@ -138,13 +146,13 @@ std::string FVManifestWriter::error() const {
 }
 
 bool FVManifestWriter::writeOut(const char* data, size_t size) {
-    if (file_ < 0) file_ = openat(folder_, temporaryName_.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC);
+    if (file_ < 0) file_ = FVOpenFiles::openat(folder_, temporaryName_.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC);
     if (file_ < 0) {
         fail("cannot open the run record", errno);
         return false;
     }
     while (size) {
-        ssize_t n = write(file_, data, size);
+        ssize_t n = FVFileData::write(file_, data, size);
         if (n < 0) {
             if (errno == EINTR) continue;
             fail("cannot write the run record", errno);
@@ -233,20 +241,20 @@ bool FVManifestWriter::finish(const FVManifestSummary& summary, std::string* err
     output_ += trailer;
     if (!writeOut(output_.data(), output_.size())) return failed();
     output_.clear();
-    if (fsync(file_) != 0) {
+    if (FVFileSystemFlush::fsync(file_) != 0) {
         fail("cannot flush the run record", errno);
         return failed();
     }
     // A run's stamp is new, so a manifest of that name is never there; should it be, the
     // older one stays.
-    if (renameat2(folder_, temporaryName_.c_str(), folder_, finalName_.c_str(), RENAME_NOREPLACE) != 0) {
+    if (FVRenames::renameat2(folder_, temporaryName_.c_str(), folder_, finalName_.c_str(), RENAME_NOREPLACE) != 0) {
         int err = errno;
         if (err == EINVAL || err == ENOSYS || err == EOPNOTSUPP) {
             // File systems without the no-replace rename; the destination's lock keeps others out.
             struct stat st;
-            if (fstatat(folder_, finalName_.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) err = EEXIST;
+            if (FVFileStatus::fstatat(folder_, finalName_.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) err = EEXIST;
             else if (errno != ENOENT) err = errno;
-            else err = renameat(folder_, temporaryName_.c_str(), folder_, finalName_.c_str()) == 0 ? 0 : errno;
+            else err = FVRenames::renameat(folder_, temporaryName_.c_str(), folder_, finalName_.c_str()) == 0 ? 0 : errno;
         }
         if (err) {
             fail("cannot name the run record " + finalName_, err);
@@ -256,7 +264,7 @@ bool FVManifestWriter::finish(const FVManifestSummary& summary, std::string* err
     closeFile();
     created_ = false;
     finished_ = true;
-    if (fsync(folder_) != 0 && errno != EINVAL) {
+    if (FVFileSystemFlush::fsync(folder_) != 0 && errno != EINVAL) {
         fail("cannot flush the folder of run records", errno);
         *error = error_;
         return false;

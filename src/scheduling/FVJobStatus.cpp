@@ -1,7 +1,8 @@
 #include "scheduling/FVJobStatus.h"
 
-#include "engine/FVPlist.h"
+#include "engine/config/FVPlist.h"
 #include "fs/FVAtomicFile.h"
+#include "fs/FVDirectoryEntries.h"
 #include "fs/FVPrivateFolder.h"
 #include "platform/FVHomeDirectory.h"
 #include "scheduling/FVLaunchAgentManager.h"
@@ -116,16 +117,16 @@ std::optional<FVJobStatus> FVJobStatusStore::read(const std::string& uuid) const
 
 std::vector<FVJobStatus> FVJobStatusStore::all() const {
     std::vector<FVJobStatus> found;
-    DIR* dir = folder_.empty() ? nullptr : opendir(folder_.c_str());
+    DIR* dir = folder_.empty() ? nullptr : FVDirectoryEntries::opendir(folder_.c_str());
     if (!dir) return found;
-    while (dirent* entry = readdir(dir)) {
+    while (dirent* entry = FVDirectoryEntries::readdir(dir)) {
         std::string name = entry->d_name;
         const size_t suffix = std::strlen(kSuffix);
         if (name.size() <= suffix || name.compare(name.size() - suffix, suffix, kSuffix) != 0) continue;
         if (std::optional<FVJobStatus> status = read(name.substr(0, name.size() - suffix)))
             found.push_back(std::move(*status));
     }
-    closedir(dir);
+    FVDirectoryEntries::closedir(dir);
     return found;
 }
 

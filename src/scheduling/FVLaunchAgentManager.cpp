@@ -3,10 +3,13 @@
 #include "platform/FVHomeDirectory.h"
 #include "platform/FVProgramFiles.h"
 
-#include "engine/FVAdditions.h"
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
 #include "fs/FVAtomicFile.h"
+#include "fs/FVDirectoryEntries.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVItemCreation.h"
 #include "fs/FVMountTable.h"
+#include "fs/FVRemovals.h"
 #include "fs/FVText.h"
 #include "platform/FVSystemLog.h"
 #include "scheduling/FVOverdueCheckUnit.h"
@@ -44,11 +47,11 @@ bool makeDirectories(const std::string& path) {
         size_t end = path.find('/', i + 1);
         if (end == std::string::npos) end = path.size();
         partial = path.substr(0, end);
-        if (!partial.empty() && partial != "/" && mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return false;
+        if (!partial.empty() && partial != "/" && FVItemCreation::mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return false;
         i = end;
     }
     struct stat st {};
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    return FVFileStatus::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 // A unit name part and a Description stay plain text without any quoting.
@@ -229,14 +232,14 @@ bool FVLaunchAgentManager::loadJob(const std::string& uuid, FVJobKind kind, std:
 
 bool FVLaunchAgentManager::isJobPresent(const std::string& uuid, FVJobKind kind) const {
     std::vector<std::string> paths = jobFilePaths(uuid, kind);
-    return std::all_of(paths.begin(), paths.end(), FVFileManager::pathExists);
+    return std::all_of(paths.begin(), paths.end(), FVFileStatus::pathExists);
 }
 
 bool FVLaunchAgentManager::isJobEnabled(const std::string& uuid, FVJobKind kind) const {
     if (!isJobPresent(uuid, kind)) return false;
     if (format_ == FVJobFormat::Launchd) return true;
     const char* target = kind == FVJobKind::Connect ? "paths.target.wants/" : "timers.target.wants/";
-    return FVFileManager::pathExists(jobDirectory() + target + triggeringUnit(uuid, kind));
+    return FVFileStatus::pathExists(jobDirectory() + target + triggeringUnit(uuid, kind));
 }
 
 std::optional<std::string> FVLaunchAgentManager::onCalendarExpression(const FVJobSchedule& schedule,
@@ -473,15 +476,15 @@ bool FVLaunchAgentManager::jobsRunWhileLoggedOut() {
     if (platformFormat() != FVJobFormat::Systemd || getuid() == 0) return true;
     // logind keeps one file per lingering account here ("loginctl enable-linger" creates it).
     const passwd* account = getpwuid(getuid());
-    return account && FVFileManager::pathExists(std::string("/var/lib/systemd/linger/") + account->pw_name);
+    return account && FVFileStatus::pathExists(std::string("/var/lib/systemd/linger/") + account->pw_name);
 }
 
 void FVLaunchAgentManager::removeJob(const std::string& uuid, FVJobKind kind) {
     if (!isValidJobIdentifier(uuid)) return;
     std::vector<std::string> paths = jobFilePaths(uuid, kind);
-    if (std::none_of(paths.begin(), paths.end(), FVFileManager::pathExists)) return;
+    if (std::none_of(paths.begin(), paths.end(), FVFileStatus::pathExists)) return;
     unloadJob(uuid, kind);
-    for (const std::string& path : paths) unlink(path.c_str());
+    for (const std::string& path : paths) FVRemovals::unlink(path.c_str());
     // Without a reload the service manager keeps the deleted units loaded.
     if (format_ == FVJobFormat::Systemd) runner_->run(systemctl({"daemon-reload"}));
     if (format_ == FVJobFormat::Systemd && jobIdentifiers().empty())
@@ -490,12 +493,12 @@ void FVLaunchAgentManager::removeJob(const std::string& uuid, FVJobKind kind) {
 
 std::vector<std::string> FVLaunchAgentManager::jobIdentifiers() const {
     std::vector<std::string> identifiers;
-    DIR* dir = opendir(jobDirectory().c_str());
+    DIR* dir = FVDirectoryEntries::opendir(jobDirectory().c_str());
     if (!dir) return identifiers;
     const std::vector<std::string> extensions =
         format_ == FVJobFormat::Launchd ? std::vector<std::string>{".plist"}
                                         : std::vector<std::string>{".service", ".timer", ".path"};
-    while (dirent* entry = readdir(dir)) {
+    while (dirent* entry = FVDirectoryEntries::readdir(dir)) {
         std::string_view name = entry->d_name;
         if (!hasPrefix(name, labelPrefix)) continue;
         for (const std::string& extension : extensions) {
@@ -507,7 +510,7 @@ std::vector<std::string> FVLaunchAgentManager::jobIdentifiers() const {
             if (isValidJobIdentifier(std::string(id))) identifiers.emplace_back(id);
         }
     }
-    closedir(dir);
+    FVDirectoryEntries::closedir(dir);
     std::sort(identifiers.begin(), identifiers.end());
     identifiers.erase(std::unique(identifiers.begin(), identifiers.end()), identifiers.end());
     return identifiers;

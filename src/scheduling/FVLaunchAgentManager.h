@@ -7,7 +7,7 @@
 // property list and launchctl are the macOS form of the calendar jobs. Jobs of other programs are
 // never touched: everything here is restricted to the label prefix.
 
-#include "engine/FVPlist.h"
+#include "engine/config/FVPlist.h"
 #include "platform/FVCommandRunner.h"
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 #include "scheduling/FVOptionsPanelController.h"
 
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
 
 #include <fmt/format.h>
 
@@ -20,7 +20,7 @@ void FVOptionsPanelController::setAllOptions(PlistDictPtr options) {
 }
 
 std::string FVOptionsPanelController::uuid() const {
-    return options_->stringValue(FVOptionKey::UUID).value_or("");
+    return options().UUID;
 }
 
 std::string FVOptionsPanelController::makeUUID() {
@@ -47,7 +47,7 @@ bool FVOptionsPanelController::updateAutomations(const std::string& destinationP
     std::string id = read.options.UUID;
     if (id.empty()) {
         id = makeUUID();
-        options_->set(FVOptionKey::UUID, id);
+        FVOptionTable::store(*options_, &FVOptions::UUID, id);
     }
     if (read.options.automationEnabled) {
         FVJobSchedule schedule;

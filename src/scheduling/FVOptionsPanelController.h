@@ -2,7 +2,8 @@
 // The options of the open destination in memory (the run options and the schedule), and bringing
 // the destination's scheduled job in line with them. The sheet that edits them belongs to the window.
 
-#include "engine/FVPlist.h"
+#include "engine/config/FVOptions.h"
+#include "engine/config/FVPlist.h"
 #include "scheduling/FVLaunchAgentManager.h"
 
 #include <string>
@@ -18,7 +19,8 @@ public:
     void setAllOptions(PlistDictPtr options);
     // The live dictionary, not a copy.
     const PlistDictPtr& allOptions() const { return options_; }
-    const PlistValue* optionValueForKey(std::string_view key) const { return options_->find(key); }
+    // The options as a run reads them: a value that cannot be used reads as its default.
+    FVOptions options() const { return FVOptionTable::read(*options_).options; }
     bool boolForOptionsKey(std::string_view key) const { return options_->boolValue(key); }
     std::string uuid() const;
 

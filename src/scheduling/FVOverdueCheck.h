@@ -3,7 +3,7 @@
 // backup, and why later runs failed or did not start. Decided from values only; the command line,
 // the login check and the window each gather them and show the notice their own way.
 
-#include "engine/FVOptions.h"
+#include "engine/config/FVOptions.h"
 #include "scheduling/FVJobStatus.h"
 
 #include <ctime>

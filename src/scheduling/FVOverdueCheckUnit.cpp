@@ -1,6 +1,8 @@
 #include "scheduling/FVOverdueCheckUnit.h"
 
 #include "fs/FVAtomicFile.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVRemovals.h"
 #include "platform/FVSystemLog.h"
 #include "scheduling/FVLaunchAgentManager.h"
 
@@ -69,7 +71,7 @@ bool FVOverdueCheckUnit::install(std::string* error) {
     if (!service) return fail(reason);
     const std::string timer = timerUnit();
     // Enabling leaves this link; without it (systemctl failed, or was not there) it is tried again.
-    const bool enabled = access((jobDirectory_ + "timers.target.wants/" + label + ".timer").c_str(), F_OK) == 0;
+    const bool enabled = FVFileStatus::access((jobDirectory_ + "timers.target.wants/" + label + ".timer").c_str(), F_OK) == 0;
     if (enabled && sameContent(pathOf(".service"), *service) && sameContent(pathOf(".timer"), timer)) return true;
     if (!FVAtomicFile::write(pathOf(".service"), *service, &reason) || !FVAtomicFile::write(pathOf(".timer"), timer, &reason))
         return fail("Unit write failed! " + reason);
@@ -81,10 +83,10 @@ bool FVOverdueCheckUnit::install(std::string* error) {
 }
 
 void FVOverdueCheckUnit::remove() {
-    if (access(pathOf(".service").c_str(), F_OK) != 0 && access(pathOf(".timer").c_str(), F_OK) != 0) return;
+    if (FVFileStatus::access(pathOf(".service").c_str(), F_OK) != 0 && FVFileStatus::access(pathOf(".timer").c_str(), F_OK) != 0) return;
     runner_->run(FVLaunchAgentManager::systemctl({"disable", "--now", std::string(label) + ".timer"}));
-    unlink(pathOf(".service").c_str());
-    unlink(pathOf(".timer").c_str());
+    FVRemovals::unlink(pathOf(".service").c_str());
+    FVRemovals::unlink(pathOf(".timer").c_str());
     runner_->run(FVLaunchAgentManager::systemctl({"daemon-reload"}));
 }
 

@@ -1,6 +1,6 @@
 #include "scheduling/FVOverdueState.h"
 
-#include "engine/FVRunRecords.h"
+#include "engine/record/FVRunRecords.h"
 
 #include <algorithm>
 

@@ -3,7 +3,7 @@
 // run, read from the destination itself when it is there, and whether the user must be told.
 // "ferrovane runs", "ferrovane check-overdue" and the end of a scheduled run gather it alike.
 
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
 #include "scheduling/FVJobStatus.h"
 #include "scheduling/FVOverdueCheck.h"
 

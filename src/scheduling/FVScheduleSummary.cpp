@@ -1,6 +1,6 @@
 #include "scheduling/FVScheduleSummary.h"
 
-#include "engine/FVAdditions.h"
+#include "engine/run/FVNumber.h"
 
 #include <fmt/format.h>
 

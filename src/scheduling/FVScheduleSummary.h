@@ -3,7 +3,7 @@
 // calendar run is due, and how the last run the schedule (or the disk) started ended. The same
 // words in "ferrovane config DEST schedule" and in the main window.
 
-#include "engine/FVOptions.h"
+#include "engine/config/FVOptions.h"
 #include "scheduling/FVJobStatus.h"
 
 #include <ctime>

@@ -3,8 +3,8 @@
 // new search of the destination (cancelling the previous one), matches are collected on the main
 // thread up to a cap and regrouped into files with versions after every match.
 
-#include "engine/FVMainQueue.h"
-#include "engine/FVSerialQueue.h"
+#include "engine/run/FVMainQueue.h"
+#include "engine/run/FVSerialQueue.h"
 #include "search/FVDirectorySearchBlockOperation.h"
 #include "search/FVSearchResultParser.h"
 

@@ -1,6 +1,6 @@
 #include "search/FVDirectorySearchBlockOperation.h"
 
-#include "engine/FVMirrorLayout.h"
+#include "engine/config/FVMirrorLayout.h"
 #include "search/FVDisplacedIndex.h"
 #include "search/FVSearchCandidates.h"
 #include "search/FVSearchPlan.h"

@@ -4,7 +4,7 @@
 // from it, and only what the record cannot tell is walked; one without is walked whole. The search
 // runs on a background worker; cancellation is cooperative and checked before every entry.
 
-#include "engine/FVMainQueue.h"
+#include "engine/run/FVMainQueue.h"
 #include "search/FVRecordedSearch.h"
 #include "search/FVSearchQuery.h"
 

@@ -1,5 +1,11 @@
 #include "search/FVDisplacedIndex.h"
 
+#include "fs/FVFileData.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVItemCreation.h"
+#include "fs/FVOpenFiles.h"
+#include "fs/FVRemovals.h"
+#include "fs/FVRenames.h"
 #include "manifest/FVContentHash.h"
 #include "manifest/FVManifestReader.h"
 #include "manifest/FVPathKey.h"
@@ -45,16 +51,16 @@ uint64_t fingerprint(const FVManifestEntry& entry) {
 }
 
 bool appendTail(FVContentHasher& hasher, const std::string& path) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = FVOpenFiles::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return false;
     struct stat st {};
     std::string tail;
-    bool read = fstat(fd, &st) == 0;
+    bool read = FVFileStatus::fstat(fd, &st) == 0;
     if (read) {
         tail.resize(size_t(std::min<off_t>(st.st_size, kTailBytes)));
-        read = pread(fd, tail.data(), tail.size(), st.st_size - off_t(tail.size())) == ssize_t(tail.size());
+        read = FVFileData::pread(fd, tail.data(), tail.size(), st.st_size - off_t(tail.size())) == ssize_t(tail.size());
     }
-    close(fd);
+    FVOpenFiles::close(fd);
     uint64_t size = uint64_t(st.st_size);
     hasher.update(&size, sizeof size);
     hasher.update(tail.data(), tail.size());
@@ -150,13 +156,13 @@ std::optional<std::vector<FVDisplacedIndex::Item>> FVDisplacedIndex::compute(
 }
 
 std::optional<std::vector<FVDisplacedIndex::Item>> FVDisplacedIndex::load(const std::string& path) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = FVOpenFiles::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return std::nullopt;
     std::string bytes;
     char buffer[1 << 16];
     ssize_t got = 0;
-    while ((got = read(fd, buffer, sizeof buffer)) > 0) bytes.append(buffer, size_t(got));
-    close(fd);
+    while ((got = FVFileData::read(fd, buffer, sizeof buffer)) > 0) bytes.append(buffer, size_t(got));
+    FVOpenFiles::close(fd);
     // The digest of everything before it ends the file: a file cut short or changed is no index.
     constexpr size_t kDigest = 32;
     if (got < 0 || bytes.size() < kMagic.size() + kDigest || !bytes.starts_with(kMagic)) return std::nullopt;
@@ -178,8 +184,8 @@ std::optional<std::vector<FVDisplacedIndex::Item>> FVDisplacedIndex::load(const 
 void FVDisplacedIndex::store(const std::string& path, const std::vector<Item>& items) {
     std::string folder = path.substr(0, path.rfind('/'));
     for (size_t slash = folder.find('/', 1); slash != std::string::npos; slash = folder.find('/', slash + 1))
-        mkdir(folder.substr(0, slash).c_str(), 0700);
-    mkdir(folder.c_str(), 0700);
+        FVItemCreation::mkdir(folder.substr(0, slash).c_str(), 0700);
+    FVItemCreation::mkdir(folder.c_str(), 0700);
     std::string bytes(kMagic);
     for (const Item& item : items) {
         bytes += char(item.type);
@@ -189,11 +195,11 @@ void FVDisplacedIndex::store(const std::string& path, const std::vector<Item>& i
     bytes += digestOf(bytes);
     // Written aside and renamed, so that a search beside this one reads the whole list or none.
     std::string temporary = path + ".tmp-" + std::to_string(std::random_device{}());
-    int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    int fd = FVOpenFiles::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd < 0) return;
-    bool written = write(fd, bytes.data(), bytes.size()) == ssize_t(bytes.size());
-    if (close(fd) != 0) written = false;
-    if (!written || rename(temporary.c_str(), path.c_str()) != 0) unlink(temporary.c_str());
+    bool written = FVFileData::write(fd, bytes.data(), bytes.size()) == ssize_t(bytes.size());
+    if (FVOpenFiles::close(fd) != 0) written = false;
+    if (!written || FVRenames::rename(temporary.c_str(), path.c_str()) != 0) FVRemovals::unlink(temporary.c_str());
 }
 
 }  // namespace ferrovane

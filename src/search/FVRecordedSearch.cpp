@@ -1,6 +1,6 @@
 #include "search/FVRecordedSearch.h"
 
-#include "engine/FVMirrorLayout.h"
+#include "engine/config/FVMirrorLayout.h"
 #include "manifest/FVManifestReader.h"
 #include "search/FVDisplacedIndex.h"
 #include "search/FVSearchCandidates.h"

@@ -1,8 +1,8 @@
 #include "search/FVSearchPlan.h"
 
-#include "engine/FVMirrorLayout.h"
-#include "engine/FVRunRecords.h"
-#include "engine/FVVersionCatalog.h"
+#include "engine/config/FVMirrorLayout.h"
+#include "engine/record/FVRunRecords.h"
+#include "engine/record/FVVersionCatalog.h"
 
 #include <algorithm>
 

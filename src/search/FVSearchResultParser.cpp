@@ -1,7 +1,8 @@
 #include "search/FVSearchResultParser.h"
 
-#include "engine/FVMirrorLayout.h"
-#include "engine/FVVersionCatalog.h"
+#include "engine/config/FVMirrorLayout.h"
+#include "engine/record/FVVersionCatalog.h"
+#include "fs/FVFileStatus.h"
 #include "fs/FVText.h"
 
 #include <sys/stat.h>
@@ -26,7 +27,7 @@ std::string pathInMirror(const FVMirrorLayout& layout, const std::string& hit) {
 
 std::string FVSearchResultParser::timestamp(const std::string& hit) {
     struct stat st {};
-    if (lstat(hit.c_str(), &st) != 0) return "";
+    if (FVFileStatus::lstat(hit.c_str(), &st) != 0) return "";
     std::tm local {};
     if (!localtime_r(&st.st_mtim.tv_sec, &local)) return "";
     char buffer[64];

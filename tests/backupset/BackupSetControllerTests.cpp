@@ -2,7 +2,7 @@
 // background size measurement on real folders (staleness, removal, mounts, the summary line).
 
 #include "backupset/BackupSetController.h"
-#include "engine/FVStrings.h"
+#include "engine/run/FVStrings.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>

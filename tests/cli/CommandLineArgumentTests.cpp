@@ -135,7 +135,7 @@ TEST_F(DestinationArgument, EveryCommandRefusesARelativeDestinationAlike) {
         for (const auto& args : commands) {
             std::vector<std::string> argv{"/usr/bin/env", "-C", dir.path(), FERROVANE_EXECUTABLE};
             argv.insert(argv.end(), args.begin(), args.end());
-            ProcessResult r = runProcess(argv, {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()}});
+            ProcessResult r = runProcess(argv, environment());
             std::string shown;
             for (const std::string& arg : args) shown += arg + " ";
             EXPECT_EQ(r.exitStatus, 2) << shown << r.out << r.err;

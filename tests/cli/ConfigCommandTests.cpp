@@ -34,15 +34,11 @@ protected:
         chmod((bin + "/systemctl").c_str(), 0755);
     }
 
-    ProcessResult config(std::vector<std::string> args, std::map<std::string, std::optional<std::string>> env = {}) {
+    ProcessResult config(std::vector<std::string> args, Environment env = {}) {
         std::vector<std::string> argv{program, "config", destination};
         argv.insert(argv.end(), args.begin(), args.end());
-        env.emplace("PATH", bin);
-        env.emplace("FERROVANE_JOB_DIRECTORY", jobs);
-        env.emplace("HOME", dir.path());
-        env.emplace("FERROVANE_JOB_STATUS_DIRECTORY", statusFolder());
-        env.emplace("FERROVANE_HOOK_APPROVAL_DIRECTORY", approvalFolder());
-        return runProcess(argv, env, 30);
+        env.insert({{"PATH", bin}, {"FERROVANE_JOB_DIRECTORY", jobs}, {"HOME", dir.path()}});
+        return runProcess(argv, environment(env), 30);
     }
 
     std::string settingsPath() { return FVConfigurationFile::formattedPath(destination); }
@@ -308,10 +304,8 @@ TEST_F(ConfigCommand, TheUnitsCommandLinesRecordEveryAttempt) {
 
     auto runUnit = [&](const std::string& file) {
         std::vector<std::string> argv = commandWords(readFile(jobs + "/" + file), "ExecStart");
-        return runProcess(argv, {{"DISPLAY", std::nullopt}, {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + dir / "no-bus"},
-                                 {"FERROVANE_LOG_FILE", logPath()}, {"HOME", dir.path()},
-                                 {"XDG_DATA_HOME", dir / "data"}, {"XDG_CACHE_HOME", dir / "cache"},
-                                 {"FERROVANE_JOB_STATUS_DIRECTORY", statusFolder()}});
+        return runProcess(argv, environment({{"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + dir / "no-bus"},
+                                             {"HOME", dir.path()}}));
     };
     FVJobStatusStore store(statusFolder());
     auto last = [&] { return store.read(uuid).value_or(FVJobStatus{}).lastScheduledAttempt.value_or(FVJobAttempt{}); };
@@ -399,11 +393,10 @@ TEST_F(ConfigCommand, UnwritableDestinationIsRefused) {
 TEST_F(ConfigCommand, AChangeWaitsForTheRunningBackupAndASecondRunIsRefused) {
     int held = open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_EQ(flock(held, LOCK_EX | LOCK_NB), 0);
-    ProcessResult run = runProcess({FERROVANE_EXECUTABLE, destination, "-noUserNotifications"},
-                                   {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()}}, 30);
-    EXPECT_EQ(run.exitStatus, 75);
-    EXPECT_EQ(run.err, "ferrovane: error: Another Ferrovane run is using this destination: " + destination +
-                           ". Try again when it has finished.\n");
+    ProcessResult refused = run();
+    EXPECT_EQ(refused.exitStatus, 75);
+    EXPECT_EQ(refused.err, "ferrovane: error: Another Ferrovane run is using this destination: " + destination +
+                               ". Try again when it has finished.\n");
 
     // The lock goes once the change is waiting for it.
     TestHooks hooks(dir / "hooks");

@@ -2,7 +2,7 @@
 // A source folder and a destination in a temporary folder, configured with the shared writer,
 // and the built executable run on them without a display.
 
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
 #include "support/ProcessRunner.h"
 #include "support/TempDir.h"
 
@@ -33,12 +33,19 @@ protected:
         return options;
     }
 
+    using Environment = std::map<std::string, std::optional<std::string>>;
+    // Every run here has no display, and keeps its log, the status of runs, the approved hooks,
+    // the trash and the caches in the test's folder, never in the user's; more wins over these.
+    Environment environment(Environment more = {}) const {
+        more.insert({{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()}, {"XDG_DATA_HOME", dir / "data"},
+                     {"XDG_CACHE_HOME", dir / "cache"}, {"FERROVANE_JOB_STATUS_DIRECTORY", statusFolder()},
+                     {"FERROVANE_HOOK_APPROVAL_DIRECTORY", approvalFolder()}});
+        return more;
+    }
+
     ProcessResult ferrovane(std::vector<std::string> args) {
         args.insert(args.begin(), FERROVANE_EXECUTABLE);
-        return runProcess(args, {{"DISPLAY", std::nullopt}, {"FERROVANE_LOG_FILE", logPath()},
-                                 {"XDG_DATA_HOME", dir / "data"},
-                                 {"XDG_CACHE_HOME", dir / "cache"}, {"FERROVANE_JOB_STATUS_DIRECTORY", statusFolder()},
-                                 {"FERROVANE_HOOK_APPROVAL_DIRECTORY", approvalFolder()}});
+        return runProcess(args, environment());
     }
 
     // A backup run, notifications off, with more arguments after the destination.

@@ -3,7 +3,7 @@
 // overlong before-hook skips the run or is ended with everything it started.
 
 #include "cli/DestinationFixture.h"
-#include "engine/FVRunRecords.h"
+#include "engine/record/FVRunRecords.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // with a private session bus whose notification server records what it is told, and the line
 // that "ferrovane runs" prints first.
 
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
 #include "scheduling/FVJobStatus.h"
 #include "support/JsonQuery.h"
 #include "support/PrivateBus.h"

@@ -4,8 +4,8 @@
 // ever followed; folders made again keep their backed-up metadata.
 
 #include "cli/DestinationFixture.h"
-#include "engine/FVAdditions.h"
-#include "engine/FVTrash.h"
+#include "engine/restore/FVTrash.h"
+#include "engine/run/FVDate.h"
 #include "fs/FVFileDescriptor.h"
 #include "support/JsonQuery.h"
 #include "support/TreeLiteral.h"
@@ -45,8 +45,7 @@ protected:
 
     void writeAt(const std::string& path, std::string_view content, time_t mtime) {
         writeFile(path, content);
-        timespec times[2] = {{mtime, 0}, {mtime, 0}};
-        utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+        setModificationTime(path, mtime);
     }
 
     // Three runs: a.txt in three versions, the folder old/ removed in the second and partly
@@ -121,7 +120,7 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
     // On a terminal its progress is the backup's line: files done of all, rewritten in place.
     auto shown = runProcess({"/usr/bin/script", "-qec", std::string(FERROVANE_EXECUTABLE) + " restore '" + destination +
                              "' --all --to '" + (dir / "shown") + "'", "/dev/null"},
-                            {{"DISPLAY", std::nullopt}, {"TERM", "xterm"}, {"FERROVANE_LOG_FILE", logPath()}});
+                            environment({{"TERM", "xterm"}}));
     EXPECT_TRUE(std::regex_search(shown.out, std::regex("\rRestoring  100\\.0%  (\\d+) of \\1 files.*\033\\[K")))
         << shown.out;
 
@@ -163,13 +162,11 @@ TEST_F(RestoreCommand, EveryVersionFolderAndSourceComesBackExactly) {
 TEST_F(RestoreCommand, ConflictsStopEverythingUnlessReplacedIntoTheTrash) {
     buildTree(source, {{"a.txt", "backed up"}, {"keep/b.txt", "b"}, {"same.txt", "backed up"}});
     // An edit of the same size within the same second is another version all the same.
-    timespec saved[2] = {{1'000'000, 100}, {1'000'000, 100}};
-    utimensat(AT_FDCWD, (source + "/same.txt").c_str(), saved, 0);
+    setModificationTime(source + "/same.txt", 1'000'000, 100);
     backup();
     writeFile(source + "/a.txt", "edited since, and longer");
     writeFile(source + "/same.txt", "edited up");
-    timespec edited[2] = {{1'000'000, 200}, {1'000'000, 200}};
-    utimensat(AT_FDCWD, (source + "/same.txt").c_str(), edited, 0);
+    setModificationTime(source + "/same.txt", 1'000'000, 200);
     fs::remove(source + "/keep/b.txt");
 
     for (const char* dryRun : {"--dry-run", ""}) {
@@ -273,8 +270,7 @@ TEST_F(RestoreCommand, ComesBackAsBackedUpNewestByRunOrder) {
     writeFile(source + "/private/inner/a.txt", "one");
     chmod((source + "/private/inner").c_str(), 0750);
     chmod((source + "/private").c_str(), 0700);
-    timespec old[2] = {{1'000'000, 0}, {1'000'000, 0}};
-    utimensat(AT_FDCWD, (source + "/private").c_str(), old, 0);
+    setModificationTime(source + "/private", 1'000'000);
     backup();
     struct stat backedUp {};
     ASSERT_EQ(stat((destination + "/docs/private").c_str(), &backedUp), 0);

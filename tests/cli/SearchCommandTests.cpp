@@ -121,8 +121,7 @@ protected:
     void write(const std::string& relative, const std::string& content) {
         makeDirs((source + "/" + relative).substr(0, (source + "/" + relative).rfind('/')));
         writeFile(source + "/" + relative, content);
-        struct timespec times[2] = {{1'700'000'000 + 60 * ++versions_, 0}, {1'700'000'000 + 60 * versions_, 0}};
-        ASSERT_EQ(utimensat(AT_FDCWD, (source + "/" + relative).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+        ASSERT_TRUE(setModificationTime(source + "/" + relative, 1'700'000'000 + 60 * ++versions_));
     }
     void backUp() {
         auto result = run();

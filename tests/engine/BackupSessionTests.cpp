@@ -1,9 +1,8 @@
 // The session over several items: progress across steps, the cleanup decision, results written
 // into the items, cancellation in the middle, and the copy-worker callbacks of the job.
 
-#include "engine/FVAdditions.h"
-#include "engine/FVBackupSession.h"
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/session/FVBackupSession.h"
 #include "support/TempDir.h"
 #include "support/TreeLiteral.h"
 

@@ -2,7 +2,7 @@
 // update in place, at the destination's time granularity, and that the costly attribute
 // comparison is asked only when nothing else decides.
 
-#include "engine/FVChangeDecision.h"
+#include "engine/analysis/FVChangeDecision.h"
 
 #include <gtest/gtest.h>
 

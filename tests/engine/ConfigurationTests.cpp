@@ -1,8 +1,9 @@
 // The destination configuration file: reading every property-list form, writing back without
 // loss, the two path forms, the legacy rename and malformed input.
 
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVOptions.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/config/FVOptions.h"
+#include "engine/run/FVStrings.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -128,6 +129,15 @@ TEST(ConfigurationFile, DefaultsComeInOrderNeverOverrideStoredValuesAndOnlyNewDe
                 fresh.purgeOldestForSpace);
     EXPECT_FALSE(fresh.backUpWhenConnected || fresh.automationEnabled);
     EXPECT_EQ(fresh.overdueDays, 7);
+
+    // Every text the options sheet shows for an option is in the string table, and a field names its own rule.
+    for (const FVOptionRule& rule : FVOptionTable::rules())
+        for (const char* text : {rule.label, rule.unit})
+            EXPECT_TRUE(!text || FVStrings::contains(text)) << rule.key << ": " << text;
+    EXPECT_STREQ(FVOptionTable::rule(&FVOptions::retentionEnabled).key, "retentionEnabled");
+    EXPECT_STREQ(FVOptionTable::rule(&FVOptions::overdueDays).key, "overdueDays");
+    FVOptionTable::store(options, &FVOptions::automationEnabled, true);
+    EXPECT_TRUE(options.find("automationEnabled")->is<bool>());
 }
 
 TEST(ConfigurationFile, PathFormsNameTheSameFileAndTheLegacyFileIsRenamedOnce) {

@@ -2,7 +2,7 @@
 // A delegate that records what a copy worker tells it, and a helper that feeds a whole tree
 // through a worker the way the analysis does (folders before their contents).
 
-#include "engine/FVFileCopyWorker.h"
+#include "engine/copy/FVFileCopyWorker.h"
 
 #include <chrono>
 #include <condition_variable>

@@ -1,7 +1,7 @@
 // The copy worker's pool: start, order, width, progress, finish and cancel. These run under
 // ThreadSanitizer too; the chunk hook gives them fixed points instead of sleeps.
 
-#include "engine/FVFileCopyWorker.h"
+#include "engine/copy/FVFileCopyWorker.h"
 #include "support/TempDir.h"
 #include "support/TreeLiteral.h"
 #include "CopyWorkerHarness.h"

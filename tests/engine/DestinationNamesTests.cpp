@@ -1,6 +1,6 @@
 // Which source names a destination can hold, walk order by walk order.
 
-#include "engine/FVDestinationNames.h"
+#include "engine/config/FVDestinationNames.h"
 #include "fs/FVFileDescriptor.h"
 #include "support/TempDir.h"
 

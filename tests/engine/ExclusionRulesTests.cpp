@@ -1,9 +1,9 @@
 // Which source paths are left out of the mirror.
 
-#include "engine/FVExclusionRules.h"
-#include "engine/FVExcludePattern.h"
-#include "engine/FVSourceExclusions.h"
-#include "engine/FVSourceListing.h"
+#include "engine/analysis/FVExclusionRules.h"
+#include "engine/analysis/FVSourceExclusions.h"
+#include "engine/analysis/FVSourceListing.h"
+#include "engine/config/FVExcludePattern.h"
 #include "fs/FVCacheDirectoryTag.h"
 #include "fs/FVFileDescriptor.h"
 #include "support/TreeLiteral.h"

@@ -1,9 +1,11 @@
 // The lazily loaded file item and the file-manager helpers.
 
-#include "engine/FVAdditions.h"
+#include "engine/analysis/FVAttributeSignature.h"
+#include "fs/FVFolderContents.h"
+#include "fs/FVInodeFlags.h"
 #include "fs/FVExtendedAttributes.h"
 #include "fs/FVFileDescriptor.h"
-#include "engine/FVFileSystemItem.h"
+#include "engine/run/FVFileSystemItem.h"
 #include "support/TempDir.h"
 
 #include <fcntl.h>
@@ -26,8 +28,8 @@ namespace {
 bool canSetImmutable(const std::string& dir) {
     std::string probe = dir + "/.probe";
     writeFile(probe, "");
-    FVFileManager::lockFile(probe);
-    bool locked = FVFileManager::unlockFile(probe);
+    FVInodeFlags::lockFile(probe);
+    bool locked = FVInodeFlags::unlockFile(probe);
     unlink(probe.c_str());
     return locked;
 }
@@ -82,15 +84,15 @@ TEST(FileSystemItem, ModificationDateDropsTheNanoseconds) {
 
 TEST(FileManager, UserFilesAreThoseThatAreNeitherHiddenNorHousekeeping) {
     TempDir dir;
-    EXPECT_FALSE(FVFileManager::pathContainsUserFilePaths(dir.path()));
-    EXPECT_FALSE(FVFileManager::pathContainsUserFilePaths(dir / "missing"));
+    EXPECT_FALSE(FVFolderContents::pathContainsUserFilePaths(dir.path()));
+    EXPECT_FALSE(FVFolderContents::pathContainsUserFilePaths(dir / "missing"));
     writeFile(dir / ".ferrovane.conf", "");
     writeFile(dir / "Desktop DB", "");
     writeFile(dir / "Desktop DF", "");
     makeDirs(dir / ".hidden");
-    EXPECT_FALSE(FVFileManager::pathContainsUserFilePaths(dir.path()));
+    EXPECT_FALSE(FVFolderContents::pathContainsUserFilePaths(dir.path()));
     writeFile(dir / "Desktop DB2", "");
-    EXPECT_TRUE(FVFileManager::pathContainsUserFilePaths(dir.path()));
+    EXPECT_TRUE(FVFolderContents::pathContainsUserFilePaths(dir.path()));
 }
 
 TEST(FileManager, XattrSignatureIgnoresTheTwoFinderNamesAndSeesValues) {
@@ -99,23 +101,23 @@ TEST(FileManager, XattrSignatureIgnoresTheTwoFinderNamesAndSeesValues) {
     writeFile(dir / "b", "");
     if (setxattr((dir / "a").c_str(), "user.probe", "1", 1, 0) != 0) GTEST_SKIP() << "no user attributes here";
     removexattr((dir / "a").c_str(), "user.probe");
-    EXPECT_TRUE(FVFileManager::xattrIdentialforFileAtPath(dir / "a", dir / "b"));
+    EXPECT_TRUE(FVAttributeSignature::xattrIdentialforFileAtPath(dir / "a", dir / "b"));
     setxattr((dir / "a").c_str(), "user.one", "x\0y", 3, 0);
-    EXPECT_FALSE(FVFileManager::xattrIdentialforFileAtPath(dir / "a", dir / "b"));
+    EXPECT_FALSE(FVAttributeSignature::xattrIdentialforFileAtPath(dir / "a", dir / "b"));
     setxattr((dir / "b").c_str(), "user.one", "x\0z", 3, 0);
-    EXPECT_FALSE(FVFileManager::xattrIdentialforFileAtPath(dir / "a", dir / "b"));
+    EXPECT_FALSE(FVAttributeSignature::xattrIdentialforFileAtPath(dir / "a", dir / "b"));
     setxattr((dir / "b").c_str(), "user.one", "x\0y", 3, 0);
-    EXPECT_TRUE(FVFileManager::xattrIdentialforFileAtPath(dir / "a", dir / "b"));
-    EXPECT_EQ(FVFileManager::xattrNameAndDataStringForFileAtPath(dir / "a"), "user.one:<780079>\n");
+    EXPECT_TRUE(FVAttributeSignature::xattrIdentialforFileAtPath(dir / "a", dir / "b"));
+    EXPECT_EQ(FVAttributeSignature::xattrNameAndDataStringForFileAtPath(dir / "a"), "user.one:<780079>\n");
     // Access-control lists count only where they are copied, or a file with one would be copied
     // on every run with their cloning off.
     acl_t acl = acl_from_text("u::rw-,u:65534:r--,g::r--,m::r--,o::r--");
     if (acl && acl_set_file((dir / "a").c_str(), ACL_TYPE_ACCESS, acl) == 0) {
-        EXPECT_FALSE(FVFileManager::xattrIdentialforFileAtPath(dir / "a", dir / "b", true));
-        EXPECT_TRUE(FVFileManager::xattrIdentialforFileAtPath(dir / "a", dir / "b", false));
+        EXPECT_FALSE(FVAttributeSignature::xattrIdentialforFileAtPath(dir / "a", dir / "b", true));
+        EXPECT_TRUE(FVAttributeSignature::xattrIdentialforFileAtPath(dir / "a", dir / "b", false));
     }
     if (acl) acl_free(acl);
-    EXPECT_FALSE(FVFileManager::xattrIdentialforFileAtPath("", dir / "b"));
+    EXPECT_FALSE(FVAttributeSignature::xattrIdentialforFileAtPath("", dir / "b"));
     EXPECT_TRUE(FVExtendedAttributes::isSkipped("com.apple.quarantine"));
     EXPECT_TRUE(FVExtendedAttributes::isSkipped("com.apple.FinderInfo"));
     EXPECT_FALSE(FVExtendedAttributes::isSkipped("user.com.apple.FinderInfo"));
@@ -127,10 +129,10 @@ TEST(FileManager, LockAndUnlockTheImmutableFlag) {
     makeDirs(dir / "tree/sub");
     writeFile(dir / "tree/sub/f", "x");
     writeFile(dir / "plain", "x");
-    EXPECT_FALSE(FVFileManager::unlockFile(dir / "plain"));
-    FVFileManager::lockFile(dir / "plain");
+    EXPECT_FALSE(FVInodeFlags::unlockFile(dir / "plain"));
+    FVInodeFlags::lockFile(dir / "plain");
     EXPECT_TRUE(isImmutable(dir / "plain"));
-    EXPECT_TRUE(FVFileManager::unlockFile(dir / "plain"));
+    EXPECT_TRUE(FVInodeFlags::unlockFile(dir / "plain"));
     EXPECT_FALSE(isImmutable(dir / "plain"));
     // Append-only refuses a rename as immutable does (a log file mirrored from a source).
     {
@@ -141,10 +143,10 @@ TEST(FileManager, LockAndUnlockTheImmutableFlag) {
         ASSERT_EQ(ioctl(fd.get(), FS_IOC_SETFLAGS, &flags), 0);
     }
     EXPECT_NE(rename((dir / "plain").c_str(), (dir / "moved").c_str()), 0);
-    EXPECT_TRUE(FVFileManager::unlockFile(dir / "plain"));
+    EXPECT_TRUE(FVInodeFlags::unlockFile(dir / "plain"));
     EXPECT_EQ(rename((dir / "plain").c_str(), (dir / "moved").c_str()), 0);
 
-    for (const char* p : {"tree/sub/f", "tree/sub", "tree"}) FVFileManager::lockFile(dir / p);
-    FVFileManager::unlockRecursively(dir / "tree");
+    for (const char* p : {"tree/sub/f", "tree/sub", "tree"}) FVInodeFlags::lockFile(dir / p);
+    FVInodeFlags::unlockRecursively(dir / "tree");
     for (const char* p : {"tree/sub/f", "tree/sub", "tree"}) EXPECT_FALSE(isImmutable(dir / p)) << p;
 }

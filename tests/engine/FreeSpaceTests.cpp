@@ -1,13 +1,13 @@
 // The free-space rule: the reserve and the budget a run may write, its one message, what a run
 // would write, and which archived runs go first when room is made.
 
-#include "engine/FVOldestRunPurge.h"
-#include "engine/FVRunPlanner.h"
-#include "engine/FVSourceBytesBound.h"
-#include "engine/FVSpaceBudget.h"
+#include "engine/archive/FVOldestRunPurge.h"
+#include "engine/session/FVRunPlanner.h"
+#include "engine/session/FVSourceBytesBound.h"
+#include "engine/session/FVSpaceBudget.h"
 #include "support/TempDir.h"
 
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
 
 #include <gtest/gtest.h>
 

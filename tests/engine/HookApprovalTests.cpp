@@ -1,7 +1,7 @@
 // Which hook commands may run: only the very command this user recorded for the destination's
 // identity, in a file no one else can change.
 
-#include "engine/FVHookApprovals.h"
+#include "engine/config/FVHookApprovals.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>

@@ -3,8 +3,8 @@
 // inside the destination. A full destination and paths deeper than PATH_MAX are checked on whole
 // runs (tests/faults: storage, hostile).
 
-#include "engine/FVAdditions.h"
-#include "engine/FVFileCopyWorker.h"
+#include "fs/FVInodeFlags.h"
+#include "engine/copy/FVFileCopyWorker.h"
 #include "support/ProcessRunner.h"
 #include "support/TempDir.h"
 #include "support/TreeLiteral.h"
@@ -56,7 +56,7 @@ int inodeFlags(const std::string& path) {
 }
 
 bool lock(const std::string& path) {
-    FVFileManager::lockFile(path);
+    FVInodeFlags::lockFile(path);
     int flags = inodeFlags(path);
     return flags >= 0 && (flags & FS_IMMUTABLE_FL);
 }

@@ -1,10 +1,11 @@
 // The run log, read back as runs, and the small formatting helpers.
 
-#include "engine/FVAdditions.h"
-#include "engine/FVLog.h"
-#include "engine/FVLogRotation.h"
-#include "engine/FVRunLogReader.h"
-#include "engine/FVStrings.h"
+#include "engine/run/FVDate.h"
+#include "engine/run/FVLog.h"
+#include "engine/run/FVLogRotation.h"
+#include "engine/run/FVNumber.h"
+#include "engine/run/FVRunLogReader.h"
+#include "engine/run/FVStrings.h"
 #include "platform/FVJournalSink.h"
 #include "support/TempDir.h"
 

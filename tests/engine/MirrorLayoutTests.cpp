@@ -1,7 +1,7 @@
 // Where a destination keeps each source's mirror and archives under both placements, the way
 // back to the original paths, and the source lists whose mirrors would collide.
 
-#include "engine/FVMirrorLayout.h"
+#include "engine/config/FVMirrorLayout.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>

@@ -2,8 +2,8 @@
 // inside strings and keys, dates beyond what the file format holds, nesting deep enough to
 // overflow a recursive parser, and paths that are not text.
 
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVPlist.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/config/FVPlist.h"
 #include "fs/FVText.h"
 #include "support/TempDir.h"
 

@@ -3,9 +3,9 @@
 // metadata; files whose bytes are gone are named. The runs' manifests are written here next to
 // real mirror and archive folders, as three runs would leave them.
 
-#include "engine/FVPointInTimePlan.h"
-#include "engine/FVPointInTimeRestore.h"
-#include "engine/FVRunRecords.h"
+#include "engine/record/FVRunRecords.h"
+#include "engine/restore/FVPointInTimePlan.h"
+#include "engine/restore/FVPointInTimeRestore.h"
 #include "manifest/FVManifestWriter.h"
 #include "support/TempDir.h"
 

@@ -1,8 +1,8 @@
 // A restore cancelled in the middle of a file leaves neither that file nor its temporary copy.
 
-#include "engine/FVFileCopyWorker.h"
-#include "engine/FVRestorePlan.h"
-#include "engine/FVRestoreRun.h"
+#include "engine/copy/FVFileCopyWorker.h"
+#include "engine/restore/FVRestorePlan.h"
+#include "engine/restore/FVRestoreRun.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>

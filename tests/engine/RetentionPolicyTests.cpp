@@ -1,7 +1,7 @@
 // Which runs the retention policy keeps, on generated run times, in a fixed time zone.
 
-#include "engine/FVRetentionPolicy.h"
-#include "engine/FVRunRecords.h"
+#include "engine/config/FVRetentionPolicy.h"
+#include "engine/record/FVRunRecords.h"
 
 #include <gtest/gtest.h>
 

@@ -2,10 +2,9 @@
 // the source's metadata, after a first run and after a run that changed, removed and added files;
 // a current file keeps the digest it was recorded with, so damage in the mirror stays visible.
 
-#include "engine/FVAdditions.h"
-#include "engine/FVBackupSession.h"
-#include "engine/FVConfigurationFile.h"
-#include "engine/FVRunRecords.h"
+#include "engine/config/FVConfigurationFile.h"
+#include "engine/record/FVRunRecords.h"
+#include "engine/session/FVBackupSession.h"
 #include "fs/FVFileDescriptor.h"
 #include "manifest/FVManifestReader.h"
 #include "support/TempDir.h"

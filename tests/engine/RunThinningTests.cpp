@@ -2,10 +2,10 @@
 // as real runs leave them: a mirror, archive folders and records. A kept point in time keeps every
 // version it needs; the rest goes, records first; a dry run only lists it.
 
-#include "engine/FVAdditions.h"
-#include "engine/FVArchivedRuns.h"
-#include "engine/FVLog.h"
-#include "engine/FVRunThinning.h"
+#include "engine/archive/FVArchivedRuns.h"
+#include "engine/archive/FVRunThinning.h"
+#include "engine/run/FVDate.h"
+#include "engine/run/FVLog.h"
 #include "support/RecordedRun.h"
 #include "support/TempDir.h"
 #include "support/TreeLiteral.h"

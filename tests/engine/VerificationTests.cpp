@@ -1,9 +1,9 @@
 // Verification reads a destination back against its record: every planted fault is named, an
 // intact destination has nothing to say, and it reads beside restores but never beside a run.
 
-#include "engine/FVDestinationLock.h"
-#include "engine/FVRecordIndex.h"
-#include "engine/FVVerification.h"
+#include "engine/config/FVDestinationLock.h"
+#include "engine/record/FVRecordIndex.h"
+#include "engine/record/FVVerification.h"
 #include "manifest/FVPathKey.h"
 #include "support/RecordedRun.h"
 #include "support/TempDir.h"

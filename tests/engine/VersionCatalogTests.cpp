@@ -1,8 +1,8 @@
 // The versions a destination keeps of a path and the runs it holds, and the order in which they are listed (the mapping
 // of paths is the layout's, tested with it).
 
-#include "engine/FVArchivedRuns.h"
-#include "engine/FVVersionCatalog.h"
+#include "engine/archive/FVArchivedRuns.h"
+#include "engine/record/FVVersionCatalog.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>

@@ -9,40 +9,33 @@ import stat
 import subprocess
 import time
 
-from faultkit import (run_cases, Ferrovane, Hooks, TEMPORARY_PREFIX, build, content, expect, expect_clean_rerun, expect_kept,
-                      expect_mirror, expect_no_temporaries, log_since, next_second, read_configuration, tail,
-                      version, versions)
+from faultkit import (Ferrovane, Hooks, Mirrored, TEMPORARY_PREFIX, content, expect, expect_clean_rerun, expect_kept,
+                      expect_mirror, expect_no_temporaries, expect_status, finish, log_since, next_second,
+                      read_configuration, run_cases, tail, version, versions)
 
-NAME = "data"
+NAME = Mirrored.NAME
 BUSY = 75  # another run holds the destination's lock
 OPTIONS = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"))
 TREE = {b"f": ("file", 5000, 1), b"sub": ("dir",), b"sub/g": ("file", 3000, 2), b"sub/gone": ("file", 100, 3)}
 
 
-class Destination:
+class Destination(Mirrored):
     """A source mirrored once with both archives on."""
 
     def __init__(self, ferrovane, work):
-        self.ferrovane = ferrovane
-        self.work = work
-        self.source = os.path.join(work, "src", NAME)
-        self.destination = os.path.join(work, "dest")
+        super().__init__(ferrovane, work, TREE, OPTIONS)
         self.generation = 0
-        build(os.fsencode(self.source), TREE)
-        os.makedirs(self.destination)
-        ferrovane.configure(self.destination, [self.source], OPTIONS)
-        ferrovane.complete(self.destination)
 
     def change(self, rel="f", size=5000):
         """Gives a source file new content and a new date."""
         self.generation += 1
-        path = os.path.join(self.source, rel)
+        path = self.path(rel)
         with open(path, "wb") as f:
             f.write(content(size + self.generation, 1000 + self.generation))
         os.utime(path, (2_000_000_000 + 100 * self.generation,) * 2)
 
-    def mirror(self, rel):
-        return os.path.join(os.fsencode(self.destination), NAME.encode(), os.fsencode(rel))
+    def mirrored(self, rel):
+        return os.path.join(os.fsencode(self.mirror), os.fsencode(rel))
 
     def clean_rerun(self, before):
         next_second()
@@ -71,8 +64,8 @@ def link_at_changed(d):
 
 
 def append_only_file(d):
-    subprocess.run(["chattr", "+a", d.mirror("f")], check=True)
-    return lambda: subprocess.run(["chattr", "-a", d.mirror("f")], capture_output=True)
+    subprocess.run(["chattr", "+a", d.mirrored("f")], check=True)
+    return lambda: subprocess.run(["chattr", "-a", d.mirrored("f")], capture_output=True)
 
 
 # The run's first rename is the archive move of the changed file.
@@ -108,34 +101,24 @@ def archive_move_fails(ferrovane, work, plant, planted_are_versions, prefix):
     d.clean_rerun(before)
 
 
-def held_run(ferrovane, destination, hooks_folder, pattern=b"/data/f"):
-    """A run started in the background and held once it has copied a file whose path holds
-    pattern, with the destination's lock in its hands; hooks.release("between-files") lets it go on."""
-    hooks = Hooks(hooks_folder)
-    hooks.arm("between-files", pattern)
-    held = Ferrovane(ferrovane.executable, ferrovane.env["FERROVANE_LOG_FILE"], **hooks.env)
-    process = held.start(destination)
-    hooks.wait("between-files", process)
-    return process, hooks
-
-
 def second_run_while_the_first_holds_the_lock(ferrovane, work):
     """A second run started while the first is at work refuses with its own status and touches
     nothing; the first then finishes; no version is lost."""
     d = Destination(ferrovane, work)
     d.change()
     before = versions(d.destination)
-    first, hooks = held_run(ferrovane, d.destination, os.path.join(work, "hooks"))
+    hooks = Hooks(os.path.join(work, "hooks"))
+    first = ferrovane.start_held(d.destination, hooks, "between-files", b"/data/f")
     try:
         d.change()
         second = Ferrovane(ferrovane.executable, os.path.join(work, "second.log"))
         r = second.run(d.destination)
     finally:
         hooks.release("between-files")
-    out, _ = first.communicate(timeout=120)
-    expect(r.returncode == BUSY, f"the second run went on ({r.returncode}): {tail(r)}")
+    first = finish(first)
+    expect_status(r, BUSY, "the second run")
     expect(b"Source started analysing" not in log_since(second, 0), "the refused run analysed a source")
-    expect(first.returncode == 0, f"the first run failed ({first.returncode}): {out[-400:]}")
+    expect_status(first, 0, "the first run")
     expect_kept(d.destination, before)
     d.clean_rerun(before)
 
@@ -157,7 +140,7 @@ def runs_in_one_second(ferrovane, work):
         expect(versions(os.path.join(changed, s)) == held, f"the second run put items into the stamp folder {s!r}")
     expect_kept(d.destination, before)
     expect_kept(d.destination, before_second)
-    expect(r.returncode == 0, f"the second run failed: {tail(r)}")
+    expect_status(r, 0, "the second run")
     d.clean_rerun(before_second)
 
 
@@ -170,8 +153,7 @@ def runs_a_second_apart(ferrovane, work, runs=5):
         d.change()
         d.change("sub/g", 3000)
         snapshots.append(versions(d.destination))
-        r = ferrovane.run(d.destination)
-        expect(r.returncode == 0, f"run failed: {tail(r)}")
+        ferrovane.complete(d.destination)
         time.sleep(max(0.0, 1.0 - (time.monotonic() - begin)))
     for snapshot in snapshots:
         expect_kept(d.destination, snapshot)
@@ -185,7 +167,8 @@ def config_during_a_run(ferrovane, work):
     d.change()
     other = os.path.join(work, "other")
     os.makedirs(other)
-    process, hooks = held_run(ferrovane, d.destination, os.path.join(work, "hooks"))
+    hooks = Hooks(os.path.join(work, "hooks"))
+    process = ferrovane.start_held(d.destination, hooks, "between-files", b"/data/f")
     try:
         added = ferrovane.config(d.destination, "add", other)
         changed = ferrovane.config(d.destination, "set", "purgeChangedArchiveDays", "45")
@@ -212,9 +195,8 @@ def inodes(root):
 def kill_at(ferrovane, work, destination, moment):
     """Kills (SIGKILL) a run of destination when it reaches moment."""
     hooks = Hooks(os.path.join(work, "hooks"))
-    held = Ferrovane(ferrovane.executable, ferrovane.env["FERROVANE_LOG_FILE"], ferrovane.prefix, **hooks.env)
     hooks.arm(moment)
-    process = held.start(destination)
+    process = ferrovane.with_env(**hooks.env).start(destination)
     try:
         hooks.wait(moment, process)
     finally:
@@ -226,9 +208,8 @@ def refuse_unshare(ferrovane, work, destination, beside):
     """Runs destination and takes away, once, the copy made beside a folder about to be archived
     to give a file in it data of its own."""
     hooks = Hooks(os.path.join(work, "hooks"))
-    held = Ferrovane(ferrovane.executable, ferrovane.env["FERROVANE_LOG_FILE"], ferrovane.prefix, **hooks.env)
     hooks.arm("after-unshare-copy")
-    process = held.start(destination)
+    process = ferrovane.with_env(**hooks.env).start(destination)
     try:
         hooks.wait("after-unshare-copy", process)
         for name in os.listdir(beside):
@@ -248,7 +229,7 @@ def hard_link_groups(ferrovane, work, refused=False):
     shares its inode with the mirror, not even after a run killed (or refused a copy) while a removed
     folder's names got copies of their own, and a clean rerun changes nothing."""
     d = Destination(ferrovane, work)
-    source, mirror = os.fsencode(d.source), d.mirror("")
+    source, mirror = os.fsencode(d.source), d.mirrored("")
     os.makedirs(os.path.join(source, b"other"))
     os.symlink(b"../f", os.path.join(source, b"sub/link"))
     for first, later in ((b"f", (b"sub/f2", b"other/f3", b"other/f4")), (b"sub/g", (b"g2",)),
@@ -281,7 +262,7 @@ def hard_link_groups(ferrovane, work, refused=False):
         expect_mirror(d.source, mirror)
         archived = set().union(*(inodes(os.path.join(d.destination, a)) for a in ("__changed", "__removed")))
         expect(not archived & inodes(mirror), "an archived file shares its inode with the mirror")
-    expect(os.stat(d.mirror("f")).st_nlink == 2, "the changed group is not one file in the mirror")
+    expect(os.stat(d.mirrored("f")).st_nlink == 2, "the changed group is not one file in the mirror")
     held, stamps = inodes(mirror), [os.listdir(os.path.join(d.destination, a)) for a in ("__changed", "__removed")]
     d.clean_rerun(before)
     expect(inodes(mirror) == held, "a clean rerun replaced mirror files")

@@ -8,10 +8,10 @@ import pwd
 import shutil
 import subprocess
 
-from faultkit import (FIXED_MTIME, run_cases, Ferrovane, Hooks, build, content, expect, expect_clean_rerun,
-                      expect_kept, log_since, log_size, mirror_of, tail, versions)
+from faultkit import (FIXED_MTIME, Hooks, Mirrored, content, expect, expect_clean_rerun, expect_kept, expect_status,
+                      finish, log_since, log_size, run_cases, versions)
 
-NAME = "data"
+NAME = Mirrored.NAME
 SECOND = 1_000_000_000
 SAVED = 1_500_000_000 * SECOND  # when the backed-up versions were saved
 BOTH_ARCHIVES = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"))
@@ -19,26 +19,13 @@ MOMENT = "after-data-copy"
 OUTSIDE = b"outside the source"
 
 
-class Destination:
-    """One source folder built from tree, mirrored once."""
-
+class Destination(Mirrored):
     def __init__(self, ferrovane, work, tree, options=BOTH_ARCHIVES):
-        self.ferrovane = ferrovane
-        self.source = os.path.join(os.fsencode(work), b"src", NAME.encode())
-        self.destination = os.path.join(os.fsencode(work), b"dest")
-        self.mirror = mirror_of(self.destination, self.source)
-        build(self.source, tree)
-        os.makedirs(self.destination)
-        ferrovane.configure(os.fsdecode(self.destination), [os.fsdecode(self.source)], options)
-        ferrovane.complete(self.destination)
-        self.before = versions(self.destination)
-
-    def path(self, rel):
-        return os.path.join(self.source, rel)
+        super().__init__(ferrovane, os.fsencode(work), tree, options)
 
     def run(self):
         r = self.ferrovane.run(self.destination)
-        expect(r.returncode == 0, f"the run failed ({r.returncode}): {tail(r)}")
+        expect_status(r, 0, "the run")
         return r
 
     def expect_equal(self, what):
@@ -117,7 +104,7 @@ def metadata_only(ferrovane, work):
     r = ferrovane.run(d.destination)
     flags = subprocess.run(["lsattr", "-d", locked], capture_output=True).stdout.split(b" ")[0]
     subprocess.run(["chattr", "-i", locked], capture_output=True)  # whatever happened, the folder can go
-    expect(r.returncode == 0, f"the run failed ({r.returncode}): {tail(r)}")
+    expect_status(r, 0, "the run")
     expect(b"i" not in flags, "the copy is still immutable")
     d.expect_equal("mode and owner")
     for rel, inode in inodes.items():
@@ -185,7 +172,7 @@ def replaced(ferrovane, work, replacements, options=BOTH_ARCHIVES):
             os.utime(path, ns=(FIXED_MTIME * SECOND,) * 2, follow_symlinks=False)
     # Deterministic where the copy threads are not: the decisions themselves never look below
     # the mirror's link (a dry run reports what a run would archive).
-    r = subprocess.run([*ferrovane.args(d.destination), "--dry-run"], env=ferrovane.env, capture_output=True)
+    r = ferrovane.command(d.destination, "-noUserNotifications", "--dry-run")
     through = [line for line in r.stdout.splitlines() if line.startswith(b"Would archive:") and b"link-to-folder/" in line]
     expect(not through, f"a run would archive through a mirror link: {through}")
     d.run()
@@ -269,20 +256,18 @@ def written_during_copy(ferrovane, work, writer, changes):
     path = d.path(b"big.bin")
     save(path, content(3 << 20, 3), SAVED)
     hooks = Hooks(os.path.join(work, "hooks"))
-    held = Ferrovane(ferrovane.executable, ferrovane.env["FERROVANE_LOG_FILE"], ferrovane.prefix, **hooks.env)
     pattern = b"/" + NAME.encode() + b"/big.bin"
-    hooks.arm(MOMENT, pattern)
     offset = log_size(ferrovane)
-    process = held.start(d.destination)
+    process = ferrovane.start_held(d.destination, hooks, MOMENT, pattern)
     for n in range(1, changes + 1):
-        hooks.wait(MOMENT, process)
+        if n > 1:
+            hooks.wait(MOMENT, process)
         WRITERS[writer](path, n)
         os.utime(path, ns=(SAVED + n * SECOND,) * 2)
         if n < changes:
             hold_again(hooks, pattern)
         hooks.release(MOMENT)
-    out, err = process.communicate(timeout=300)
-    expect(process.returncode == 0, f"the run failed ({process.returncode}): {(out + err)[-600:]}")
+    expect_status(finish(process, 300), 0, "the run")
     log = log_since(ferrovane, offset)
     warned = b"changed while it was copied; its backup" in log
     if changes < 3:

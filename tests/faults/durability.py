@@ -27,7 +27,7 @@ def run(ferrovane, work):
         expect(r.returncode == 0, f"run failed: {r.stdout[-300:]}")
         with open(trace, errors="replace") as f:
             calls = [line.split(" ", 1)[1].strip() for line in f if " " in line]
-        syncs = [i for i, c in enumerate(calls) if c.startswith(f"syncfs(") and f"<{destination}>" in c]
+        syncs = [i for i, c in enumerate(calls) if c.startswith("syncfs(") and f"<{destination}>" in c]
         expect(syncs, "no syncfs of the destination")
         mirror_changes = [i for i, c in enumerate(calls) if c.startswith("rename") and "/dest/data" in c]
         expect(mirror_changes and max(mirror_changes) < syncs[-1], "the mirror changed after the last syncfs")

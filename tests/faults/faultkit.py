@@ -101,9 +101,17 @@ class Ferrovane:
         return subprocess.Popen(self.args(destination), env=self.env, stdout=subprocess.PIPE,
                                 stderr=subprocess.PIPE)
 
+    def with_env(self, **env):
+        """The same program, log and prefix with more in its environment (test hooks)."""
+        return Ferrovane(self.executable, self.env["FERROVANE_LOG_FILE"], self.prefix, **env)
+
+    def command(self, *args, env=None, timeout=300):
+        """A subcommand (config, restore, runs...) or any other command line of the program."""
+        return subprocess.run([*self.prefix, self.executable, *args], env=env or self.env, capture_output=True,
+                              timeout=timeout)
+
     def config(self, destination, *args, env=None):
-        return subprocess.run([*self.prefix, self.executable, "config", destination, *args], env=env or self.env,
-                              capture_output=True, timeout=60)
+        return self.command("config", destination, *args, env=env, timeout=60)
 
     def configure(self, destination, sources, options=()):
         for source in sources:
@@ -115,8 +123,44 @@ class Ferrovane:
 
     def complete(self, destination):
         r = self.run(destination)
-        expect(r.returncode == 0, f"the completing run failed ({r.returncode}): {tail(r)}")
+        expect_status(r, 0, "the completing run")
         return r
+
+    def start_held(self, destination, hooks, moment, pattern=b""):
+        """Starts a run that holds at moment (reached by an item whose path holds pattern) and
+        waits until it is there; hooks.release(moment) lets it go on."""
+        hooks.arm(moment, pattern)
+        process = self.with_env(**hooks.env).start(destination)
+        try:
+            hooks.wait(moment, process)
+        except Failure:
+            process.kill()
+            process.communicate()
+            raise
+        return process
+
+
+class Mirrored:
+    """A source folder work/src/data built from tree, its destination work/dest configured with
+    options and mirrored once; before holds the versions the destination then held. Paths are
+    bytes when work is."""
+
+    NAME = "data"
+
+    def __init__(self, ferrovane, work, tree, options=()):
+        self.ferrovane, self.work = ferrovane, work
+        self.kind = os.fsencode if isinstance(work, bytes) else os.fsdecode
+        self.source = os.path.join(work, self.kind("src"), self.kind(self.NAME))
+        self.destination = os.path.join(work, self.kind("dest"))
+        self.mirror = os.path.join(self.destination, self.kind(self.NAME))
+        build(os.fsencode(self.source), tree)
+        os.makedirs(self.destination)
+        ferrovane.configure(self.destination, [self.source], options)
+        ferrovane.complete(self.destination)
+        self.before = versions(self.destination)
+
+    def path(self, rel):
+        return os.path.join(self.source, self.kind(rel))
 
 
 class Hooks:
@@ -165,6 +209,16 @@ class Hooks:
 
 def tail(result):
     return (result.stdout[-600:] + result.stderr[-600:]).decode(errors="replace")
+
+
+def expect_status(result, status, what):
+    expect(result.returncode == status, f"{what} exited {result.returncode}, expected {status}: {tail(result)}")
+
+
+def finish(process, timeout=120):
+    """Waits for a started run; its result as subprocess.run gives it."""
+    out, err = process.communicate(timeout=timeout)
+    return subprocess.CompletedProcess(process.args, process.returncode, out, err)
 
 
 # ---- checks

@@ -9,6 +9,7 @@ import os
 import re
 import shutil
 import subprocess
+from contextlib import contextmanager
 
 from faultkit import (Failure, build, content, digest, expect, expect_kept, is_root, log_since, log_size,
                       mirror_differences, tail, unmount, versions)
@@ -25,6 +26,10 @@ CASE_PAIRS = ((b"Report.txt", b"report.txt"), (b"Docs", b"docs"))
 CANNOT_KEEP = b"cannot keep owners and modes"
 
 
+class Unavailable(Failure):
+    """The file system cannot be made or mounted here: its tools or its driver are missing."""
+
+
 class FileSystem:
     """How to make and mount one kind, and what its probe must find."""
 
@@ -33,6 +38,29 @@ class FileSystem:
         self.name, self.tools, self.size_mb, self.mkfs, self.mount = name, tools, size_mb, mkfs, mount
         self.probe, self.keeps_metadata = probe, keeps_metadata
         self.case_insensitive, self.refuses_colon, self.links = case_insensitive, refuses_colon, links
+
+    @contextmanager
+    def mounted(self, work):
+        """An image of this kind made in work and mounted at work/mnt."""
+        lacking = [t for t in self.tools if shutil.which(t) is None]
+        if lacking:
+            raise Unavailable(f"no {', '.join(lacking)}")
+        image, mnt = os.path.join(work, "image"), os.path.join(work, "mnt")
+        os.makedirs(mnt)
+        with open(image, "wb") as f:
+            f.truncate(self.size_mb << 20)
+        made = subprocess.run([*self.mkfs, image], capture_output=True)
+        if made.returncode != 0:
+            raise Unavailable(f"{self.mkfs[0]} failed: {made.stderr.decode(errors='replace')[-200:]}")
+        mounted, device = self.mount(image, mnt)
+        if mounted.returncode != 0:
+            raise Unavailable(f"cannot mount (driver missing?): {mounted.stderr.decode(errors='replace')[-200:]}")
+        try:
+            yield mnt
+        finally:
+            unmount(mnt)
+            if device:
+                subprocess.run(["losetup", "-d", device], capture_output=True)
 
 
 def kernel_mount(image, mnt):
@@ -75,6 +103,9 @@ FILESYSTEMS = (
                 "no owners, no modes"),
                False, True, True, links=False),
 )
+
+
+EXFAT = next(f for f in FILESYSTEMS if f.name == "exfat")
 
 
 def refused(fs):
@@ -191,7 +222,7 @@ def backups(ferrovane, fs, mnt, work):
 
     # A dry run changes nothing, not even the root's dates.
     state = root_state(destination)
-    r = subprocess.run([*ferrovane.args(destination), "--dry-run"], env=ferrovane.env, capture_output=True, timeout=300)
+    r = ferrovane.command(destination, "-noUserNotifications", "--dry-run")
     expect(r.returncode in (0, 255), f"dry run exit {r.returncode}: {tail(r)}")
     expect(root_state(destination) == state, "the dry run changed the destination's root")
 
@@ -211,8 +242,7 @@ def backups(ferrovane, fs, mnt, work):
     os.makedirs(target)
     with open(os.path.join(target, "changing.txt"), "wb") as f:
         f.write(b"another version")
-    r = subprocess.run([*ferrovane.prefix, ferrovane.executable, "restore", destination, changed, "--to", target,
-                        "--replace"], env=ferrovane.env, capture_output=True, timeout=60)
+    r = ferrovane.command("restore", destination, changed, "--to", target, "--replace", timeout=60)
     expect(r.returncode == 0, f"restore with --replace exit {r.returncode}: {tail(r)}")
     expect(digest(os.path.join(target, "changing.txt")) == digest(changed), "the restore did not bring the version back")
 
@@ -224,28 +254,14 @@ def backups(ferrovane, fs, mnt, work):
 
 def one(ferrovane, fs, work):
     """(where, outcome) of one file system."""
-    lacking = [t for t in fs.tools if shutil.which(t) is None]
-    if lacking:
-        return f"no {', '.join(lacking)}", "skipped"
-    image, mnt = os.path.join(work, "image"), os.path.join(work, "mnt")
-    os.makedirs(mnt)
-    with open(image, "wb") as f:
-        f.truncate(fs.size_mb << 20)
-    made = subprocess.run([*fs.mkfs, image], capture_output=True)
-    if made.returncode != 0:
-        return f"{fs.mkfs[0]} failed: {made.stderr.decode(errors='replace')[-200:]}", "skipped"
-    mounted, device = fs.mount(image, mnt)
-    if mounted.returncode != 0:
-        return f"cannot mount (driver missing?): {mounted.stderr.decode(errors='replace')[-200:]}", "skipped"
     try:
-        backups(ferrovane, fs, mnt, work)
+        with fs.mounted(work) as mnt:
+            backups(ferrovane, fs, mnt, work)
         return "", "ok"
+    except Unavailable as e:
+        return str(e), "skipped"
     except Failure as e:
         return "", f"FAILED: {e}"
-    finally:
-        unmount(mnt)
-        if device:
-            subprocess.run(["losetup", "-d", device], capture_output=True)
 
 
 def run(ferrovane, work):

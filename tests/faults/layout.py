@@ -12,11 +12,11 @@ import plistlib
 import random
 import shutil
 import subprocess
-from contextlib import contextmanager, nullcontext
+from contextlib import nullcontext
 
 from faultkit import (run_cases, CONF, Failure, build, content, digest, expect, expect_kept, expect_mirror, is_root,
-                      log_since, log_size, tail, tmpfs, unmount, versions)
-from filesystems import FILESYSTEMS
+                      log_since, log_size, tail, tmpfs, versions)
+from filesystems import EXFAT, Unavailable
 from options import tree_state
 
 RESERVED = ("__changed", "__removed", "__runs", ".ferrovane.conf")
@@ -230,38 +230,10 @@ def handpicked(sources, placement):
     ]
 
 
-@contextmanager
-def exfat(work):
-    """An exFAT image mounted through its FUSE driver; None when the tools are missing."""
-    fs = next(f for f in FILESYSTEMS if f.name == "exfat")
-    if any(shutil.which(tool) is None for tool in fs.tools):
-        yield None
-        return
-    image, mnt = os.path.join(work, "exfat.img"), os.path.join(work, "exfat")
-    os.makedirs(mnt)
-    with open(image, "wb") as f:
-        f.truncate(fs.size_mb << 20)
-    made = subprocess.run([*fs.mkfs, image], capture_output=True)
-    mounted, device = fs.mount(image, mnt) if made.returncode == 0 else (made, None)
-    try:
-        yield mnt if mounted.returncode == 0 else None
-    finally:
-        if mounted.returncode == 0:
-            unmount(mnt)
-        if device:
-            subprocess.run(["losetup", "-d", device], capture_output=True)
-
-
-class Skipped(Exception):
-    pass
-
-
 def case_insensitive(ferrovane, sources, work):
     """On exFAT, names that differ only in case are one name: such sources are refused too."""
     p = sources.path
-    with exfat(work) as mnt:
-        if mnt is None:
-            raise Skipped("no exFAT driver or tools")
+    with EXFAT.mounted(work) as mnt:
         for placement in PLACEMENTS:
             keep = (p(KEEPS[placement]), BACKUP)
             for i, items in enumerate([[keep, (p("x/Photos"), BACKUP), (p("y/photos"), BACKUP)],
@@ -297,7 +269,7 @@ def run(ferrovane, work, tier, seed):
     try:
         case_insensitive(ferrovane, sources, os.path.join(work, "exfat"))
         yield ("layout", case, "", "ok")
-    except Skipped as e:
+    except Unavailable as e:
         yield ("layout", case, str(e), "skipped")
     except Failure as e:
         yield ("layout", case, "", f"FAILED: {e}")

@@ -9,8 +9,8 @@ import os
 import shutil
 import subprocess
 
-from faultkit import build, expect, mirror_differences, next_second, run_cases, tail, unmount
-from filesystems import block_fuse
+from faultkit import build, expect, mirror_differences, next_second, run_cases, tail
+from filesystems import EXFAT
 
 NAME = "data"
 ARCHIVING = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"))
@@ -24,11 +24,6 @@ GONE = b"ferrovane: error: not restored: bytes gone: "
 def write(path, data):
     with open(path, "wb") as f:
         f.write(data)
-
-
-def ferrovane_command(ferrovane, *args, timeout=300):
-    return subprocess.run([*ferrovane.prefix, ferrovane.executable, *args], env=ferrovane.env, capture_output=True,
-                          timeout=timeout)
 
 
 class History:
@@ -61,7 +56,7 @@ class History:
         self.copies.append(os.path.join(copy, NAME))
 
     def restore(self, stamp, *args):
-        return ferrovane_command(self.ferrovane, "restore", self.destination, self.source, "--at", stamp, *args)
+        return self.ferrovane.command("restore", self.destination, self.source, "--at", stamp, *args)
 
 
 def expect_state(copy, restored, gone=()):
@@ -74,7 +69,7 @@ def expect_state(copy, restored, gone=()):
 
 def every_run(ferrovane, work):
     h = History(ferrovane, work, os.path.join(work, "dest"), TREE)
-    before = ferrovane_command(ferrovane, "ls", h.destination, h.source)
+    before = ferrovane.command("ls", h.destination, h.source)
     expect(before.returncode == 1 and b"no record" in before.stderr, f"ls without records: {tail(before)}")
     s = h.source
     h.run()
@@ -109,7 +104,7 @@ def every_run(ferrovane, work):
         expect(r.returncode == (1 if lost else 0), f"run {i}: restore exit {r.returncode}: {tail(r)}")
         expect_state(h.copies[i], restored, [n.decode() for n in lost])
 
-    listed = ferrovane_command(ferrovane, "ls", h.destination, s, "--at", h.stamps[1])
+    listed = ferrovane.command("ls", h.destination, s, "--at", h.stamps[1])
     names = sorted(line.split()[-1] for line in listed.stdout.decode().splitlines()[1:] if not line.startswith("link"))
     expect(names == ["a.txt", "empty", "gone", "new.txt", "private", "sub"], f"ls --at of run 1: {tail(listed)}")
 
@@ -121,14 +116,7 @@ def every_run(ferrovane, work):
 
 
 def from_exfat(ferrovane, work):
-    image, mnt = os.path.join(work, "image"), os.path.join(work, "mnt")
-    os.makedirs(mnt)
-    with open(image, "wb") as f:
-        f.truncate(32 << 20)
-    subprocess.run(["mkfs.exfat", image], check=True, capture_output=True)
-    mounted, device = block_fuse("mount.exfat-fuse")(image, mnt)
-    expect(mounted.returncode == 0, f"cannot mount exFAT: {mounted.stderr[-200:]}")
-    try:
+    with EXFAT.mounted(work) as mnt:
         tree = {k: v for k, v in TREE.items() if v[0] != "link"}
         h = History(ferrovane, work, os.path.join(mnt, "dest"), tree)
         os.chown(os.path.join(h.source, "private", "key"), 65534, 65534)
@@ -141,17 +129,13 @@ def from_exfat(ferrovane, work):
         r = h.restore(h.stamps[0], "--to", out)
         expect(r.returncode == 0, f"restore from exFAT exit {r.returncode}: {tail(r)}")
         expect_state(h.copies[0], os.path.join(out, NAME))
-    finally:
-        unmount(mnt)
-        if device:
-            subprocess.run(["losetup", "-d", device], capture_output=True)
 
 
 def run(ferrovane, work):
     cases = [("five runs, one without archiving: each run's state restored exactly, lost files named",
               lambda w: every_run(ferrovane, w))]
     exfat = "restore --at from an exFAT destination brings back owners, modes and attributes"
-    if all(shutil.which(t) for t in ("mkfs.exfat", "mount.exfat-fuse", "losetup")):
+    if all(shutil.which(t) for t in EXFAT.tools):
         cases.append((exfat, lambda w: from_exfat(ferrovane, w)))
     else:
         yield ("pointintime", exfat, "no mkfs.exfat, mount.exfat-fuse or losetup", "skipped")

@@ -9,18 +9,16 @@ import signal
 import subprocess
 import sys
 
-from faultkit import (RUNS, TEMPORARY_PREFIX, Failure, expect, expect_clean_rerun, expect_kept, is_root, run_cases,
-                      tail, unmount)
-from filesystems import FILESYSTEMS
-from signals import MOMENT, Destination
+from faultkit import RUNS, TEMPORARY_PREFIX, expect, expect_clean_rerun, expect_kept, run_cases, tail
+from filesystems import EXFAT
+from signals import Destination
 
 TYPES = {1: "file", 2: "dir", 3: "link", 4: "other"}
 
 
 def records(ferrovane, destination):
     """The destination's records as `runs --json` lists them, newest first."""
-    r = subprocess.run([ferrovane.executable, "runs", destination, "--json"], env=ferrovane.env, capture_output=True,
-                       timeout=60)
+    r = ferrovane.command("runs", destination, "--json", timeout=60)
     expect(r.returncode == 0, f"runs failed ({r.returncode}): {tail(r)}")
     return json.loads(r.stdout)["records"]
 
@@ -115,23 +113,13 @@ def killed_mid_copy(ferrovane, work):
 
 
 def exfat_keeps_modes(ferrovane, work):
-    fs = next(f for f in FILESYSTEMS if f.name == "exfat")
-    lacking = [t for t in fs.tools if shutil.which(t) is None]
-    if lacking:
-        raise Failure(f"no {', '.join(lacking)}")
-    image, mnt, source = (os.path.join(work, n) for n in ("image", "mnt", "private"))
-    os.makedirs(mnt)
+    source = os.path.join(work, "private")
     os.makedirs(os.path.join(source, "keys"), mode=0o700)
     with open(os.path.join(source, "keys", "secret"), "wb") as f:
         f.write(b"private bytes")
     os.chmod(os.path.join(source, "keys", "secret"), 0o600)
     os.chmod(os.path.join(source, "keys"), 0o700)
-    with open(image, "wb") as f:
-        f.truncate(fs.size_mb << 20)
-    subprocess.run([*fs.mkfs, image], capture_output=True, check=True)
-    mounted, device = fs.mount(image, mnt)
-    expect(mounted.returncode == 0, f"cannot mount exFAT: {mounted.stderr[-200:]}")
-    try:
+    with EXFAT.mounted(work) as mnt:
         destination = os.path.join(mnt, "dest")
         os.makedirs(destination)
         ferrovane.configure(destination, [source])
@@ -139,10 +127,6 @@ def exfat_keeps_modes(ferrovane, work):
         held = os.stat(os.path.join(destination, "private", "keys", "secret")).st_mode & 0o777
         expect(held != 0o600, "exFAT kept the mode: nothing to show")
         expect_recorded(destination, records(ferrovane, destination)[0], source, b"private")
-    finally:
-        unmount(mnt)
-        if device:
-            subprocess.run(["losetup", "-d", device], capture_output=True)
 
 
 def run(ferrovane, work):

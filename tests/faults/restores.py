@@ -7,8 +7,9 @@ import os
 import shutil
 import subprocess
 
-from faultkit import expect, expect_clean_rerun, expect_kept, mirror_differences, run_cases, tail, versions
-from signals import MOMENT, Destination, expect_status, finish
+from faultkit import (expect, expect_clean_rerun, expect_kept, expect_status, finish, mirror_differences, run_cases,
+                      tail, versions)
+from signals import MOMENT, Destination
 
 BUSY = b"Another Ferrovane run is using this destination"
 

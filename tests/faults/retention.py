@@ -137,8 +137,7 @@ def simulated_year(ferrovane, work, tier):
         for stamp in sorted(left):
             out = os.path.join(work, "out", stamp)
             os.makedirs(out)
-            r = subprocess.run([*ferrovane.prefix, ferrovane.executable, "restore", dest, source, "--at", stamp,
-                                "--to", out], env=env, capture_output=True, timeout=300)
+            r = ferrovane.command("restore", dest, source, "--at", stamp, "--to", out, env=env)
             expect(r.returncode == 0, f"restore --at {stamp} exit {r.returncode}: {tail(r)}")
             # Each version is found where thinning left it, not by trying others first.
             expect(b"differ from the record" not in r.stdout + r.stderr, f"restore --at {stamp}: {tail(r)}")
@@ -161,7 +160,7 @@ def simulated_year(ferrovane, work, tier):
         expect_mirror(source, mirror_of(dest, source))
         last = datetime.datetime.fromtimestamp(now, zone) + datetime.timedelta(hours=1)
         run_at(last)
-        r = subprocess.run([ferrovane.executable, "runs", dest, "--json"], env=env, capture_output=True, timeout=60)
+        r = ferrovane.command("runs", dest, "--json", env=env, timeout=60)
         newest = json.loads(r.stdout)["records"][0]
         expect((newest["copied"], newest["archived"], newest["removed"]) == (0, 0, 0),
                f"the run after the last day still had work: {newest}")

@@ -11,7 +11,7 @@ import subprocess
 import time
 
 from faultkit import (TEMPORARY_PREFIX, Failure, Hooks, build, content, digest, expect, expect_clean_rerun,
-                      expect_kept, expect_no_temporaries, generate_tree, log_since, log_size,
+                      expect_kept, expect_no_temporaries, expect_status, finish, generate_tree, log_since, log_size,
                       mirror_differences, mirror_of, run_cases, tail, versions)
 
 MOMENT = "during-data-copy"
@@ -79,15 +79,6 @@ class Destination:
 
     def mirror(self):
         return mirror_of(self.destination, self.source)
-
-
-def finish(process, timeout=120):
-    out, err = process.communicate(timeout=timeout)
-    return subprocess.CompletedProcess(process.args, process.returncode, out, err)
-
-
-def expect_status(result, status, what):
-    expect(result.returncode == status, f"{what} exited {result.returncode}, expected {status}: {tail(result)}")
 
 
 def temporaries_below(folder):

@@ -6,7 +6,6 @@ the newest run's archives and the mirror stay; the next run has nothing to do.""
 import os
 import re
 import shutil
-import subprocess
 
 from faultkit import build, content, expect, expect_mirror, log_since, log_size, run_cases, tail, tmpfs
 
@@ -15,11 +14,6 @@ FILES = 4
 SIZE = 2 << 20
 RUNS = "__runs"
 STOPPED = b"Sync stopped before copying: not enough room."
-
-
-def command(ferrovane, *args):
-    return subprocess.run([*ferrovane.prefix, ferrovane.executable, *args], env=ferrovane.env, capture_output=True,
-                          timeout=300)
 
 
 def listing(root):
@@ -81,7 +75,7 @@ class Disk:
         helps (needs), and the destination exactly as it was."""
         before = listing(self.destination)
         for dry in (True, False):
-            r = command(self.ferrovane, *(["--dry-run"] if dry else []), "--no-notifications", self.destination)
+            r = self.ferrovane.command(*(["--dry-run"] if dry else []), "--no-notifications", self.destination)
             said = r.stdout + r.stderr
             expect(r.returncode == 1 and STOPPED in r.stdout, f"dry run {dry}: exit {r.returncode}: {tail(r)}")
             expect(said.count(b"Not enough room on ") == 1 and needs in said,
@@ -93,7 +87,7 @@ class Disk:
         """Every record left restores its run's state byte for byte."""
         for stamp in self.records():
             out = os.path.join(self.work, "out", stamp)
-            r = command(self.ferrovane, "restore", self.destination, self.source, "--at", stamp, "--to", out)
+            r = self.ferrovane.command("restore", self.destination, self.source, "--at", stamp, "--to", out)
             expect(r.returncode == 0, f"restore --at {stamp}: exit {r.returncode}: {tail(r)}")
             expect_mirror(self.copies[stamp], os.path.join(out, NAME))
 

@@ -9,7 +9,7 @@ import subprocess
 import threading
 import time
 
-from faultkit import (run_cases, Failure, Ferrovane, Hooks, build, content, expect, expect_configuration,
+from faultkit import (run_cases, Failure, Hooks, build, content, expect, expect_configuration,
                       expect_kept, expect_mirror, expect_no_temporaries, log_since, log_size, read_configuration,
                       remount, tail, tmpfs, unmount, versions)
 
@@ -122,14 +122,9 @@ def full_in_the_cleanup(case):
 
 
 def held_run(case, moment, pattern, hooks_folder):
-    """Starts a run of case that holds at moment (an item whose path holds pattern); returns the
-    process and the hooks, the run waiting to be released."""
+    """A run of case held at moment (an item whose path holds pattern), and its hooks."""
     hooks = Hooks(hooks_folder)
-    hooks.arm(moment, pattern)
-    ferrovane = Ferrovane(case.ferrovane.executable, case.ferrovane.env["FERROVANE_LOG_FILE"], **hooks.env)
-    process = ferrovane.start(case.destination)
-    hooks.wait(moment, process)
-    return process, hooks
+    return case.ferrovane.start_held(case.destination, hooks, moment, pattern), hooks
 
 
 def with_bound_destination(case, fault, message, check_log=None, handled=None):

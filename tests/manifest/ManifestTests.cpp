@@ -1,7 +1,7 @@
 // A run's manifest is written as a stream from several threads and read back whole; anything
 // that is not a finished manifest is never read as one.
 
-#include "engine/FVRunRecords.h"
+#include "engine/record/FVRunRecords.h"
 #include "manifest/FVManifestReader.h"
 #include "manifest/FVManifestWriter.h"
 #include "support/TempDir.h"

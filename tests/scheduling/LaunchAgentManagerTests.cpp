@@ -2,7 +2,7 @@
 // paths through a written unit, the systemctl/launchctl calls through a recording runner, and
 // the options model that drives them.
 
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
 #include "scheduling/FVLaunchAgentManager.h"
 #include "scheduling/FVOptionsPanelController.h"
 #include "fs/FVMountTable.h"
@@ -63,6 +63,20 @@ ProcessResult analyze(const std::vector<std::string>& args, const TempDir& runti
     std::vector<std::string> argv{"/usr/bin/systemd-analyze"};
     argv.insert(argv.end(), args.begin(), args.end());
     return runProcess(argv, {{"XDG_RUNTIME_DIR", runtime.path()}, {"SYSTEMD_PAGER", ""}}, 60);
+}
+
+// What systemd's own parser makes of a unit in units, from a test run of a user service manager
+// (which refuses to run as root): its section of the dump, or everything said when it has none.
+ProcessResult systemdReading(const std::string& units, const TempDir& runtime, const std::string& unit) {
+    std::vector<std::string> argv{"/lib/systemd/systemd", "--test", "--user", "--no-pager", "--unit=" + unit};
+    if (getuid() == 0) argv.insert(argv.begin(), {"/usr/sbin/runuser", "-u", "nobody", "--"});
+    chmod(units.substr(0, units.rfind('/')).c_str(), 0755);
+    chmod(runtime.path().c_str(), 0777);
+    ProcessResult r = runProcess(argv, {{"XDG_RUNTIME_DIR", runtime.path()}, {"HOME", runtime.path()},
+                                        {"SYSTEMD_UNIT_PATH", units + ":"}});
+    const size_t start = r.out.find("-> Unit " + unit + ":\n");
+    if (start != std::string::npos) r.out = r.out.substr(start, r.out.find("-> Unit ", start + 1) - start);
+    return r;
 }
 
 }  // namespace
@@ -263,19 +277,8 @@ TEST(LaunchAgentManager, ConnectJobWaitsForTheConfigurationAndRunsOncePerMount) 
     EXPECT_EQ(checked.exitStatus, 0) << checked.err;
     EXPECT_EQ(checked.err, "");
 
-    // What systemd's own parser makes of the files, from a test run of a user service manager
-    // (which refuses to run as root).
     if (!exists("/lib/systemd/systemd")) GTEST_SKIP() << "no systemd to read the units back";
-    chmod(dir.path().c_str(), 0755);
-    chmod(runtime.path().c_str(), 0777);
-    auto dump = [&](const std::string& unit) {
-        std::vector<std::string> argv{"/lib/systemd/systemd", "--test", "--user", "--no-pager", "--unit=" + unit};
-        if (getuid() == 0) argv.insert(argv.begin(), {"/usr/sbin/runuser", "-u", "nobody", "--"});
-        std::string out = runProcess(argv, {{"XDG_RUNTIME_DIR", runtime.path()}, {"HOME", runtime.path()},
-                                            {"SYSTEMD_UNIT_PATH", units + ":"}}).out;
-        size_t start = out.find("-> Unit " + unit + ":\n");
-        return start == std::string::npos ? out : out.substr(start, out.find("-> Unit ", start + 1) - start);
-    };
+    auto dump = [&](const std::string& unit) { return systemdReading(units, runtime, unit).out; };
     const std::string path = dump(label + ".path");
     EXPECT_NE(path.find("\tPathExists: " + FVConfigurationFile::formattedPath(destination) + "\n"), std::string::npos) << path;
     EXPECT_NE(path.find("\tUnit: " + label + ".service\n"), std::string::npos) << path;
@@ -311,12 +314,7 @@ TEST(LaunchAgentManager, RequiresMountsForNamesHostileDestinationsAsSystemdReads
         const std::string name = FVLaunchAgentManager::jobLabel(uuid) + ".service";
         writeFile(units + "/" + name, *unit);
         chmod((units + "/" + name).c_str(), 0644);
-        std::vector<std::string> argv{"/lib/systemd/systemd", "--test", "--user", "--no-pager", "--unit=" + name};
-        if (getuid() == 0) argv.insert(argv.begin(), {"/usr/sbin/runuser", "-u", "nobody", "--"});
-        chmod(dir.path().c_str(), 0755);
-        chmod(runtime.path().c_str(), 0777);
-        const ProcessResult dumped = runProcess(argv, {{"XDG_RUNTIME_DIR", runtime.path()}, {"HOME", runtime.path()},
-                                                       {"SYSTEMD_UNIT_PATH", units + ":"}});
+        const ProcessResult dumped = systemdReading(units, runtime, name);
         EXPECT_EQ(dumped.err.find(name), std::string::npos) << dumped.err;
         EXPECT_NE(dumped.out.find("\tRequiresMountsFor: " + base + waited + " (origin-file)\n"), std::string::npos)
             << destination << "\n" << *unit;

@@ -1,8 +1,8 @@
 // The status kept per destination outside it, the last good run a destination shows, when a
 // scheduled destination is overdue, and how its schedule is shown.
 
-#include "engine/FVAdditions.h"
-#include "engine/FVRunRecords.h"
+#include "engine/record/FVRunRecords.h"
+#include "engine/run/FVDate.h"
 #include "manifest/FVManifestWriter.h"
 #include "scheduling/FVJobStatus.h"
 #include "scheduling/FVOverdueCheck.h"

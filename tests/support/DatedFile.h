@@ -4,9 +4,6 @@
 
 #include "support/TempDir.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <gtest/gtest.h>
 
 #include <ctime>
@@ -23,8 +20,7 @@ inline std::string writeDatedFile(const std::string& path, std::string_view cont
         utc = {};
         EXPECT_TRUE(strptime(utcTime, "%Y-%m-%d %H:%M", &utc)) << utcTime;
     }
-    struct timespec times[2] = {{timegm(&utc), 0}, {timegm(&utc), 0}};
-    EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+    EXPECT_TRUE(setModificationTime(path, timegm(&utc))) << path;
     return path;
 }
 

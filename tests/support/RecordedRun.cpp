@@ -1,7 +1,7 @@
 #include "support/RecordedRun.h"
 
-#include "engine/FVMirrorLayout.h"
-#include "engine/FVRunRecords.h"
+#include "engine/config/FVMirrorLayout.h"
+#include "engine/record/FVRunRecords.h"
 #include "fs/FVDirectoryWalker.h"
 #include "manifest/FVManifestWriter.h"
 

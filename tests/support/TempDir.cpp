@@ -1,5 +1,6 @@
 #include "support/TempDir.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -46,5 +47,10 @@ bool exists(const std::string& path) {
 }
 
 void makeDirs(const std::string& path) { std::filesystem::create_directories(path); }
+
+bool setModificationTime(const std::string& path, long seconds, long nanoseconds) {
+    const timespec times[2] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
+    return utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0;
+}
 
 }  // namespace ferrovane::test

@@ -24,5 +24,7 @@ void writeFile(const std::string& path, std::string_view content);
 std::string readFile(const std::string& path);
 bool exists(const std::string& path);
 void makeDirs(const std::string& path);
+// Sets the access and modification time of path itself (a link is not followed); false on failure.
+bool setModificationTime(const std::string& path, long seconds, long nanoseconds = 0);
 
 }  // namespace ferrovane::test

@@ -3,7 +3,7 @@
 // given content; parent folders are made as needed. And a digest of a whole tree, to check that
 // something left it exactly as it was.
 
-#include "engine/FVAdditions.h"
+#include "engine/analysis/FVAttributeSignature.h"
 #include "support/TempDir.h"
 
 #include <sys/stat.h>
@@ -36,7 +36,7 @@ inline std::string treeDigest(const std::string& root) {
         out << path.substr(root.size()) << ' ' << st.st_mode << ' ' << st.st_uid << ' ' << st.st_mtim.tv_sec << '.'
             << st.st_mtim.tv_nsec << ' ' << (S_ISREG(st.st_mode) ? readFile(path) : "");
         if (S_ISLNK(st.st_mode)) out << std::filesystem::read_symlink(path).string();
-        out << ' ' << FVFileManager::xattrNameAndDataStringForFileAtPath(path);
+        out << ' ' << FVAttributeSignature::xattrNameAndDataStringForFileAtPath(path);
         lines.push_back(out.str());
     };
     describe(root);

@@ -2,7 +2,7 @@
 // crashing, a configuration that reads well must survive being written back and read again:
 // the command line and the window rewrite the file after every run.
 
-#include "engine/FVConfigurationFile.h"
+#include "engine/config/FVConfigurationFile.h"
 
 #include <unistd.h>
 

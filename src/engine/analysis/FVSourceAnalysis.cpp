@@ -1,0 +1,311 @@
+#include "engine/analysis/FVSourceAnalysis.h"
+
+#include "engine/analysis/FVAttributeSignature.h"
+#include "engine/analysis/FVChangeDecision.h"
+#include "engine/analysis/FVExclusionRules.h"
+#include "engine/analysis/FVMirrorFolders.h"
+#include "engine/analysis/FVSourceListing.h"
+#include "engine/config/FVDestinationNames.h"
+#include "engine/record/FVRunRecorder.h"
+#include "engine/run/FVNumber.h"
+#include "fs/FVExtendedAttributes.h"
+#include "fs/FVFileDescriptor.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVFolderContents.h"
+#include "fs/FVText.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fmt/format.h>
+
+namespace ferrovane {
+
+namespace {
+
+const char* reasonText(FVChangeDecision::Reason reason) {
+    using R = FVChangeDecision::Reason;
+    switch (reason) {
+    case R::DestinationMissing: return "destination item missing";
+    case R::TypeMismatch: return "type mismatch";
+    case R::SizeMismatch: return "filesize mismatch";
+    case R::DateMismatch: return "mod date mismatch";
+    case R::XattrMismatch: return "xattr mismatch";
+    case R::LinkTargetMismatch: return "link target mismatch";
+    case R::ModeOrOwnerMismatch: return "mode or owner mismatch";
+    case R::Unchanged: break;
+    }
+    return "";
+}
+
+}  // namespace
+
+FVSourceAnalysis::FVSourceAnalysis(const FVRunSettings& settings, FVRunFindings& findings, FVRunStatus& status,
+                                   HandOver handOver, FVRunRecorder* recorder)
+    : settings_(settings),
+      findings_(findings),
+      status_(status),
+      handOver_(std::move(handOver)),
+      recorder_(recorder),
+      tolerance_(FVChangeDecision::Tolerance::of(settings.destinationProfile)),
+      exclusions_(settings.options) {}
+
+void FVSourceAnalysis::analyse(const std::string& sourcePath, int64_t estimatedFileCount) {
+    estimatedFileCount_ = estimatedFileCount;
+    addFixedPatterns(sourcePath);
+    status_.restartProgress(1);
+    status_.reportProgress();
+    walk(sourcePath, settings_.itemTargetPath(sourcePath));
+    if (digestsToTake_ > 0)
+        status_.log(fmt::format("Recording: {} of {} {} no recorded digest yet; their backups are read once "
+                                "to record it.", FVNumber::counted(digestsToTake_, "file"), sourcePath,
+                                digestsToTake_ == 1 ? "has" : "have"));
+}
+
+void FVSourceAnalysis::recordCurrent(const std::string& relative, const FVFileSystemItemPtr& source,
+                                     const FVFileSystemItemPtr& destination, const FVManifestAttributes* attributes) {
+    if (!recorder_ || recorder_->recordCurrent(relative, source->path(), source->statBuffer(), attributes)) return;
+    ++digestsToTake_;
+    handOver_(source, destination, Work::Digest);
+}
+
+void FVSourceAnalysis::reportUnreadableSource(const std::string& path, int error) {
+    findings_.unreadableSourcePaths.push_back(path);
+    status_.report(FVRunError::item("analysing", error, path,
+                                    fmt::format("Could not analyse {} ({}); its backup is kept as it is.", path,
+                                                std::strerror(error)))
+                       .listedWithLevel());
+}
+
+bool FVSourceAnalysis::isExcluded(const std::string& path, const std::string& sourceRoot) const {
+    return FVExclusionRules::fileShouldBeExcluded(path, findings_.excludedFiles, &sourceRoot);
+}
+
+void FVSourceAnalysis::addFixedPatterns(const std::string& sourcePath) {
+    std::vector<std::string>& excluded = findings_.excludedFiles;
+    for (const auto& named : FVExclusionRules::perItemNamePatterns())
+        if (FVFileStatus::pathExists(FVText::appendingPathComponent(sourcePath, named.testedName)))
+            excluded.push_back(named.pattern);
+    if (sourcePath != "/") return;
+    status_.log("macOS clone detected and configured.");
+    for (const std::string& name : FVExclusionRules::rootCloneConditionalNames())
+        if (FVFileStatus::pathExists("/" + name)) excluded.push_back(name);
+    for (const std::string& pattern : FVExclusionRules::rootClonePatterns()) excluded.push_back(pattern);
+}
+
+void FVSourceAnalysis::handOver(FVFileSystemItemPtr source, FVFileSystemItemPtr destination, Work work) {
+    handOver_(std::move(source), std::move(destination), work);
+    ++status_.updateCount;
+}
+
+void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& targetRoot) {
+    status_.updateCount = 0;
+    status_.totalFilesCount = 0;
+    if (isExcluded(sourceRoot, sourceRoot)) {
+        status_.verboseLog("Excluded:" + sourceRoot);
+        return;
+    }
+    auto root = std::make_shared<FVFileSystemItem>(sourceRoot);
+    if (root->fileType() == FVFileType::Socket) {
+        status_.verboseLog("Skipping socket file:" + sourceRoot);
+        return;
+    }
+    const bool excludeSymlinks = settings_.options.excludeSymlinks;
+    if (excludeSymlinks && root->fileType() == FVFileType::SymbolicLink) {
+        status_.verboseLog("Skipping symbolic link:" + sourceRoot);
+        return;
+    }
+    const std::string relativeRoot = settings_.layout().mirrorRelativePath(sourceRoot);
+    if (root->isFile()) {
+        auto target = std::make_shared<FVFileSystemItem>(targetRoot);
+        std::function<bool()> xattrsIdentical;
+        if (!settings_.options.ignoreFileFlagChanges)
+            xattrsIdentical = [&] {
+                return FVAttributeSignature::xattrIdentialforFileAtPath(sourceRoot, targetRoot, !settings_.options.disableACLClone);
+            };
+        FVChangeDecision::Reason reason = decide(*root, *target, xattrsIdentical);
+        const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch;
+        ++status_.totalFilesCount;
+        if (reason != FVChangeDecision::Reason::Unchanged) handOver(root, target, inPlace ? Work::ModeAndOwner : Work::Copy);
+        if (reason == FVChangeDecision::Reason::Unchanged || inPlace) recordCurrent(relativeRoot, root, target);
+        return;
+    }
+    // An empty folder is neither compared nor created at the destination; an unreadable one
+    // keeps its mirror exactly as it is.
+    std::optional<bool> hasEntries = FVFolderContents::folderHasEntries(sourceRoot);
+    if (!hasEntries) {
+        reportUnreadableSource(sourceRoot, errno);
+        return;
+    }
+    if (!*hasEntries) {
+        // Whatever its mirror holds, the source lacks.
+        if (settings_.willPerformCleanup) findings_.mirrorFoldersToClean[sourceRoot].push_back("");
+        return;
+    }
+
+    FVSourceListing::Rules rules;
+    rules.isExcluded = [this, &sourceRoot](const std::string& path) { return isExcluded(path, sourceRoot); };
+    rules.exclusions = &exclusions_;
+    rules.destinationDevice = settings_.destinationDevice;
+    rules.destinationInode = settings_.destinationInode;
+    FVDestinationNames names(settings_.destinationProfile);
+    rules.refusedName = [&names](uint32_t level, std::string_view name, int folderFd) {
+        return names.refusal(level, name, folderFd);
+    };
+    const bool includeACL = !settings_.options.disableACLClone;
+    const bool compareAttributes = !settings_.options.ignoreFileFlagChanges;
+    if (compareAttributes)
+        rules.signature = [includeACL](const std::string& path) {
+            return FVAttributeSignature::xattrNameAndDataStringForFileAtPath(path, includeACL);
+        };
+    if (recorder_)
+        rules.attributes = [](const std::string& path) { return FVRunRecorder::attributesOf(FVExtendedAttributes(path)); };
+    FVSourceListing listing(sourceRoot, targetRoot, std::move(rules));
+    FVMirrorFolders mirrorFolders(settings_.willPerformCleanup);
+    std::string newDirectoryPrefix;
+    // The folders from the root down to the entry in hand, by walk level, with whether each was
+    // found unchanged and has not been queued again since.
+    std::vector<std::pair<FVFileSystemItemPtr, bool>> unchangedAncestors;
+    std::vector<FVSourceListing::Entry> batch;
+    while (!status_.isCancelled() && listing.next(batch)) {
+        for (FVSourceListing::Entry& entry : batch) {
+            using Kind = FVSourceListing::Entry::Kind;
+            const std::string& path = entry.path;
+            const size_t level = entry.level;
+            mirrorFolders.leaveBelow(level);
+            switch (entry.kind) {
+            case Kind::Error:
+                // Gone between the listing and its examination: nothing is left to back up.
+                if (entry.error == ENOENT && level > 0)
+                    status_.log(fmt::format("NOTE: Source item vanished while analysing: {}", path));
+                else
+                    reportUnreadableSource(path, entry.error);
+                continue;
+            case Kind::Excluded:
+                status_.verboseLog("Excluded:" + path);
+                continue;
+            case Kind::DestinationInside:
+                // A destination inside a source would be copied into itself, one level deeper each run.
+                status_.verboseLog("Skipping the destination inside the source: " + path);
+                findings_.destinationSourcePaths.push_back(path);
+                continue;
+            case Kind::UnreadableFolder:
+                // Not entered: its mirror stays as it is.
+                ++status_.totalFilesCount;
+                reportUnreadableSource(path, entry.error);
+                if (recorder_) recorder_->recordNotUpdated(relativeRoot + std::string(entry.relativePath()), path, entry.st);
+                continue;
+            case Kind::Unmirrorable: {
+                // Not copied, and no match of its folder's mirror names: whatever the mirror holds
+                // under a name like it belongs to the entry that is backed up.
+                status_.report(FVRunError::item("analysing", 0, path, fmt::format("Cannot back up {}: {}.", path, entry.reason)));
+                continue;
+            }
+            case Kind::Item: break;
+            }
+            const mode_t type = entry.st.st_mode & S_IFMT;
+            ++status_.totalFilesCount;
+            status_.setAnalyseProgress(static_cast<float>(status_.totalFilesCount.load()) * 100.0f /
+                                       static_cast<float>(estimatedFileCount_));
+            status_.reportProgress();
+            if (status_.isCancelled()) break;
+            if (excludeSymlinks && type == S_IFLNK) {
+                status_.verboseLog("Skipping symbolic link:" + path);
+                --status_.totalFilesCount;
+                continue;
+            }
+            if (type == S_IFLNK && !settings_.destinationProfile.symbolicLinks) {
+                status_.report(FVRunError::item(
+                    "analysing", 0, path,
+                    fmt::format("Cannot back up {}: the destination ({}) cannot hold symbolic links.", path,
+                                settings_.destinationProfile.fileSystemType)));
+                continue;
+            }
+            std::string destinationPath = targetRoot + std::string(entry.relativePath());
+            auto source = std::make_shared<FVFileSystemItem>(path, entry.st);
+            // Everything below a folder the destination lacks is new as well. Its mirror item is
+            // missing by definition: looked up by path it could be read through a mirror link
+            // that the folder is about to replace.
+            if (FVText::isPathWithin(path, newDirectoryPrefix)) {
+                auto destination = FVFileSystemItem::missingItem(std::move(destinationPath));
+                if (hardLinks_.takeLaterName(source, destination, true)) continue;
+                handOver(source, destination);
+                // A folder is recorded as the walk meets it; the copy threads record the rest.
+                if (type == S_IFDIR)
+                    recordCurrent(relativeRoot + std::string(entry.relativePath()), source, destination,
+                                  entry.attributes ? &*entry.attributes : nullptr);
+                continue;
+            }
+            auto destination = mirrorFolders.item(level, entry.nameCString(), destinationPath);
+            if (destination->fileExists()) mirrorFolders.countMatch(level);
+            // A folder where the mirror has anything else is new with all it holds: nothing below
+            // it is compared through a mirror link.
+            bool newFolder = type == S_IFDIR && destination->fileType() != FVFileType::Directory;
+            std::function<bool()> xattrsIdentical;
+            if (compareAttributes)
+                xattrsIdentical = [&] {
+                    if (!entry.signature) return FVAttributeSignature::xattrIdentialforFileAtPath(path, destinationPath, includeACL);
+                    return *entry.signature == mirrorFolders.signature(level, entry.nameCString(), destinationPath, includeACL);
+                };
+            const FVChangeDecision::Reason reason =
+                newFolder ? FVChangeDecision::Reason::TypeMismatch : decide(*source, *destination, xattrsIdentical);
+            bool needed = reason != FVChangeDecision::Reason::Unchanged;
+            if (type == S_IFDIR) {
+                mirrorFolders.enter(level, entry.nameCString(), std::string(entry.relativePath()), *destination);
+                unchangedAncestors.resize(level);
+                unchangedAncestors.emplace_back(source, !needed);
+            }
+            const size_t linkRequests = hardLinks_.requests().size();
+            if (hardLinks_.takeLaterName(source, destination, needed)) {
+                // A later name an earlier run linked is current; one to be linked is recorded once it is.
+                if (hardLinks_.requests().size() == linkRequests)
+                    recordCurrent(relativeRoot + std::string(entry.relativePath()), source, destination,
+                                  entry.attributes ? &*entry.attributes : nullptr);
+                continue;
+            }
+            // A folder's pair applies its mode and owner anyway.
+            const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch && type != S_IFDIR;
+            if (type == S_IFDIR || !needed || inPlace)
+                recordCurrent(relativeRoot + std::string(entry.relativePath()), source, destination,
+                              entry.attributes ? &*entry.attributes : nullptr);
+            if (!needed) continue;
+            // Writing an entry into a folder changes the folder's date: queue an unchanged folder
+            // again so that its attributes are applied after the write.
+            if ((type != S_IFDIR || newFolder) && level > 0 && level <= unchangedAncestors.size() &&
+                unchangedAncestors[level - 1].second) {
+                unchangedAncestors[level - 1].second = false;
+                handOver_(unchangedAncestors[level - 1].first,
+                          std::make_shared<FVFileSystemItem>(FVText::deletingLastPathComponent(destinationPath)),
+                          Work::FolderDates);
+            }
+            if (newFolder) newDirectoryPrefix = path;
+            handOver(source, destination, inPlace ? Work::ModeAndOwner : Work::Copy);
+        }
+    }
+    if (status_.isCancelled()) return;
+    std::vector<std::string> foldersToClean = mirrorFolders.finish();
+    if (settings_.willPerformCleanup && !foldersToClean.empty()) {
+        std::vector<std::string>& list = findings_.mirrorFoldersToClean[sourceRoot];
+        list.insert(list.end(), std::make_move_iterator(foldersToClean.begin()),
+                    std::make_move_iterator(foldersToClean.end()));
+    }
+}
+
+FVChangeDecision::Reason FVSourceAnalysis::decide(FVFileSystemItem& source, FVFileSystemItem& target,
+                                                  const std::function<bool()>& xattrsIdentical) const {
+    auto reason = FVChangeDecision::decide(FVChangeDecision::sideOf(source), FVChangeDecision::sideOf(target),
+                                           xattrsIdentical, tolerance_);
+    // Without link dates, a link pointed elsewhere with a target of the same length shows only in
+    // its text.
+    if (reason == FVChangeDecision::Reason::Unchanged && !tolerance_.comparesLinkTimes &&
+        source.fileType() == FVFileType::SymbolicLink &&
+        FVLongPath::readLink(source.path()) != FVLongPath::readLink(target.path()))
+        reason = FVChangeDecision::Reason::LinkTargetMismatch;
+    if (reason != FVChangeDecision::Reason::Unchanged)
+        status_.verboseLog(fmt::format("Item needs backup, {}. Source: {}  Destination: {}", reasonText(reason),
+                                       source.path(), target.path()));
+    return reason;
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,413 @@
+#include "engine/copy/FVItemCloner.h"
+
+#include "engine/copy/FVFileCopyWorkerImpl.h"
+#include "engine/copy/FVTemporaryEntry.h"
+#include "engine/record/FVRunRecorder.h"
+#include "engine/run/FVRunError.h"
+#include "fs/FVDataCopier.h"
+#include "fs/FVExtendedAttributes.h"
+#include "fs/FVFileData.h"
+#include "fs/FVFileStatus.h"
+#include "fs/FVInodeFlags.h"
+#include "fs/FVItemCreation.h"
+#include "fs/FVItemMetadata.h"
+#include "fs/FVLinks.h"
+#include "fs/FVOpenFiles.h"
+#include "fs/FVTestHook.h"
+#include "fs/FVText.h"
+#include "fs/FVTimestamps.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace ferrovane {
+
+namespace {
+constexpr int kAttempts = 2;
+// Copies of a source that changed while it was copied, after the first.
+constexpr int kRecopies = 2;
+
+// Size, modification and change times: a write to the source between two fstat calls changes
+// at least one of them.
+bool sameState(const struct stat& a, const struct stat& b) {
+    return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
+           a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
+// The whole granule of the destination below the one that holds time: a driver that rounds times
+// up keeps it where it is, so the copy never counts as holding the source's time.
+struct timespec granuleBefore(const struct timespec& time, int64_t granule) {
+    constexpr int64_t kSecond = 1'000'000'000;
+    const int64_t step = std::max<int64_t>(granule, 1);
+    const int64_t at = static_cast<int64_t>(time.tv_sec) * kSecond + time.tv_nsec;
+    const int64_t down = at >= 0 ? at - at % step : at - (at % step + step) % step;
+    const int64_t total = down - step;
+    const int64_t seconds = total >= 0 ? total / kSecond : (total - kSecond + 1) / kSecond;
+    return {static_cast<time_t>(seconds), static_cast<long>(total - seconds * kSecond)};
+}
+}  // namespace
+
+void FVItemCloner::clone(FVFileSystemItem& source, const std::string& destinationPath) {
+    const std::string& sourcePath = source.path();
+    const char* typeName = fileTypeName(source.fileType());
+    const mode_t kind = source.fileExists() ? (source.statBuffer().st_mode & S_IFMT) : 0;
+    const std::string folder = FVText::deletingLastPathComponent(destinationPath);
+    for (int attempt = 1;; ++attempt) {
+        if (worker_.verboseLogging)
+            worker_.sendMessage(fmt::format("Copying {} to {} ({})", sourcePath, destinationPath, typeName),
+                                FVMessageLevel::Info);
+        worker_.folders.ensureFolder(state_, folder);
+        const int dirFd = state_.lastDirectoryFd.get();
+        const Item item{sourcePath, destinationPath, FVText::lastPathComponent(destinationPath), typeName, dirFd,
+                        dirFd < 0 ? state_.lastDirectoryError : 0};
+        Result result = kind == S_IFLNK ? cloneLink(item) : kind == S_IFREG ? cloneRegular(item) : cloneNode(item, kind);
+        if (attempt == kAttempts || !worthRetrying(result)) {
+            report(result, item);
+            return record(result, item, source.statBuffer());
+        }
+        worker_.sendMessage(fmt::format("Retrying copy: {}", sourcePath), FVMessageLevel::Info);
+        state_.lastDirectory.clear();  // the retry reaches the folder afresh
+    }
+}
+
+FVItemCloner::Result FVItemCloner::destinationFailure(Step step, int error) {
+    bool fatal = FVRunError::isFatal(error);
+    return {fatal ? Result::Kind::FatalDestinationError : Result::Kind::ItemError, step, error};
+}
+
+FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
+    if (item.dirFd < 0) return destinationFailure(Step::CreateFile, item.folderError);
+    FVFd in(worker_.openSource(item.sourcePath, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY, &state_));
+    if (!in.valid()) return itemError(Step::OpenSource, errno);
+    struct stat st {};
+    if (FVFileStatus::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return itemError(Step::OpenSource, 0);
+
+    FVTemporaryEntry entry(item.dirFd);
+    auto create = [&](const char* name) {
+        return FVOpenFiles::openat(item.dirFd, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    };
+    FVFd out(entry.create(create));
+    if (!out.valid() && (errno == EPERM || errno == EACCES)) {
+        FVInodeFlags::unlockFileAt(item.dirFd, "");
+        state_.newFiles.forget();
+        out.reset(entry.create(create));
+    }
+    if (!out.valid()) return destinationFailure(Step::CreateFile, errno);
+    const FVStartingState* start = state_.newFiles.startOf(out.get());
+
+    bool settled = true;
+    std::optional<FVContentHasher> hasher;
+    if (worker_.recordsCopies) hasher.emplace();
+    Result copied = copyData(item, in.get(), out.get(), st, &settled, hasher ? &*hasher : nullptr);
+    if (copied.kind != Result::Kind::Done) return copied;
+
+    const bool verbose = worker_.verboseLogging;
+    auto send = [this](const std::string& message, FVMessageLevel level) { worker_.sendMessage(message, level); };
+    if (!settled) {
+        // The copy may mix versions: it gets a time before the source's, so that the next run
+        // finds the two different and copies the file again.
+        send(fmt::format("WARNING: {} changed while it was copied; its backup is the last copy made, and the next "
+                         "run copies it again.", item.sourcePath), FVMessageLevel::Warning);
+        st.st_mtim = granuleBefore(st.st_mtim, worker_.destinationProfile.timeGranularityNs);
+    } else if (verbose) {
+        send(fmt::format("Copying file data {} to {} ({}) was successful.", item.sourcePath, item.destinationPath,
+                         item.typeName), FVMessageLevel::Info);
+    }
+    int error = 0;
+    // Owner, mode, attributes and ACLs before the times: none of them moves the modification time.
+    if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !worker_.disableACLClone,
+                                                  &error, start, &worker_.destinationProfile)) {
+        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        // A copy without all of its metadata is not the source: dated before it, it is copied
+        // again by the next run instead of passing for current.
+        send(fmt::format("ERROR: Could not copy the metadata of file {} (Reason: {}); the next run copies it again.",
+                         item.sourcePath, strerror(error)), FVMessageLevel::Error);
+        st.st_mtim = granuleBefore(st.st_mtim, worker_.destinationProfile.timeGranularityNs);
+    } else if (verbose) {
+        send(fmt::format("Clone of additional attributes {} to {} ({}) was successful.", item.sourcePath,
+                         item.destinationPath, item.typeName), FVMessageLevel::Info);
+    }
+    if (!FVItemMetadata::cloneTimes(st, {out.get(), false}, &error)) {
+        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        send(fmt::format("WARNING: Could not preserve creation date on file {}. Type: {} (Reason: {})",
+                         item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
+    } else if (verbose) {
+        send(fmt::format("Clone of creation and modification date {} to {} ({}) was successful.", item.sourcePath,
+                         item.destinationPath, item.typeName), FVMessageLevel::Info);
+    }
+    // The digest stands for the bytes published only when the copy showed them all.
+    digest_.reset();
+    if (hasher && hashedWhole_) digest_ = hasher->digest();
+    published_ = st;
+    // Read through the open source for the record, rather than by path afterwards.
+    if (worker_.recordsCopies) attributes_ = FVRunRecorder::attributesOf(FVExtendedAttributes(in.get(), false));
+    Result published = publish(entry, item, out.get(), st.st_size);
+    if (published.kind != Result::Kind::Done) return published;
+    // Where a rename stamps the file with the time of the rename (fusefat), its times go on again.
+    if (!worker_.destinationProfile.renameKeepsTimes) {
+        const timespec times[2] = {st.st_atim, st.st_mtim};
+        if (FVTimestamps::utimensat(item.dirFd, item.name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
+            send(fmt::format("WARNING: Could not preserve the modification date of {} ({})", item.destinationPath,
+                             strerror(errno)), FVMessageLevel::Warning);
+    }
+    // Flags last: an immutable or append-only file refuses every other change.
+    FVInodeFlags::CloneResult flags = FVInodeFlags::clone(in.get(), out.get(), state_.newFiles.mayHaveCopiedFlags());
+    if (!flags.readOK && verbose)
+        send(fmt::format("WARNING: Flags metadata could not be read: {}", item.sourcePath), FVMessageLevel::Warning);
+    if (!flags.writeOK && verbose)
+        send(fmt::format("WARNING: Flags metadata could not be written: {}", item.destinationPath),
+             FVMessageLevel::Warning);
+    return published;
+}
+
+FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, struct stat& st, bool* settled,
+                                            FVContentHasher* hasher) {
+    for (int copy = 0;; ++copy) {
+        if (hasher) hasher->reset();
+        bool sparse = static_cast<uint64_t>(st.st_blocks) * 512 < static_cast<uint64_t>(st.st_size);
+        if (worker_.preallocate && !sparse && st.st_size > 0)
+            FVFileData::fallocate(out, FALLOC_FL_KEEP_SIZE, 0, st.st_size);  // only a hint against fragmentation
+        uint64_t reported = 0;
+        const FVDataCopier::ChunkHook chunkDone = [&](const std::string& path, uint64_t copied) {
+            if (worker_.delegate) worker_.delegate->copyWorkerDidWriteData(path, copied - reported);
+            reported = copied;
+            if (worker_.chunkHook) worker_.chunkHook(path, copied);
+        };
+        FVDataCopier copier(in, out, state_.buffer.get(), worker_.cancelled, chunkDone, item.sourcePath, hasher);
+        const FVDataCopier::Outcome outcome = copier.run(st);
+        hashedWhole_ = copier.sinkSawWholeCopy();
+        switch (outcome) {
+        case FVDataCopier::Outcome::Cancelled: return {Result::Kind::Cancelled};
+        case FVDataCopier::Outcome::Failed: return destinationFailure(Step::CopyData, errno);
+        case FVDataCopier::Outcome::Done: break;
+        }
+        FVTestHook::reach("after-data-copy", item.sourcePath);
+        struct stat now {};
+        if (FVFileStatus::fstat(in, &now) != 0) return itemError(Step::OpenSource, errno);
+        *settled = sameState(st, now);
+        if (*settled || copy == kRecopies) return done();
+        worker_.sendMessage(fmt::format("NOTE: {} changed while it was copied; copying it again.", item.sourcePath),
+                            FVMessageLevel::Info);
+        st = now;
+        if (FVFileData::ftruncate(out, 0) != 0 || FVFileData::lseek(out, 0, SEEK_SET) != 0) return destinationFailure(Step::CopyData, errno);
+        if (FVFileData::lseek(in, 0, SEEK_SET) != 0) return itemError(Step::OpenSource, errno);
+    }
+}
+
+void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::string& destinationPath) {
+    worker_.folders.ensureFolder(state_, FVText::deletingLastPathComponent(destinationPath));
+    const int dirFd = state_.lastDirectoryFd.get();
+    const std::string name = FVText::lastPathComponent(destinationPath);
+    auto failed = [&](int error) {
+        worker_.sendMessage(fmt::format("ERROR: Could not update the mode and owner of {} ({})", destinationPath,
+                                        strerror(error)), FVMessageLevel::Error);
+    };
+    if (dirFd < 0) return failed(state_.lastDirectoryError);
+    struct stat st {}, current {};
+    FVFd from(worker_.openSource(source.path(), O_PATH | O_NOFOLLOW, &state_));
+    if (!from.valid() || FVFileStatus::fstat(from.get(), &st) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR)
+            worker_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", source.path()),
+                                FVMessageLevel::Info);
+        else
+            worker_.sendMessage(fmt::format("ERROR: Cannot read file: {} ({})", source.path(), strerror(errno)),
+                                FVMessageLevel::Error);
+        return;
+    }
+    FVFd to(FVOpenFiles::openat(dirFd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!to.valid() || FVFileStatus::fstat(to.get(), &current) != 0) return failed(errno);
+    // Either side replaced since the analysis: the next run compares them afresh.
+    if ((st.st_mode & S_IFMT) != (current.st_mode & S_IFMT)) {
+        worker_.sendMessage(fmt::format("NOTE: {} changed since analysing; it is compared again on the next run.",
+                                        source.path()), FVMessageLevel::Info);
+        return;
+    }
+    if (worker_.verboseLogging)
+        worker_.sendMessage(fmt::format("Updating mode and owner of {}", destinationPath), FVMessageLevel::Info);
+    const bool cloneACL = !worker_.disableACLClone && !S_ISLNK(st.st_mode);
+    const FVDestinationProfile* keeps = &worker_.destinationProfile;
+    int error = 0;
+    if (FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error, nullptr,
+                                                 keeps))
+        return;
+    if (error != EPERM || !S_ISREG(st.st_mode)) return failed(error);
+    // A locked (immutable or append-only) copy refuses every change: it is unlocked, changed, and
+    // given the source's flags again.
+    FVInodeFlags::unlockFileAt(dirFd, name);
+    if (!FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error, nullptr,
+                                                  keeps))
+        failed(error);
+    FVFd in(worker_.openSource(source.path(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY, &state_));
+    FVFd out(FVInodeFlags::openForFlags(dirFd, name));
+    if (in.valid() && out.valid()) FVInodeFlags::clone(in.get(), out.get());
+}
+
+FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
+    if (item.dirFd < 0) return destinationFailure(Step::CreateLink, item.folderError);
+    FVFd link(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW, &state_));
+    struct stat st {};
+    ssize_t length = -1;
+    if (link.valid() && FVFileStatus::fstat(link.get(), &st) == 0 && S_ISLNK(st.st_mode))
+        length = FVLinks::readlinkat(link.get(), "", state_.buffer.get(), kCopyBufferSize - 1);
+    if (length < 0) return itemError(Step::ReadLink, errno);
+    state_.buffer[static_cast<size_t>(length)] = '\0';
+    linkTarget_.assign(state_.buffer.get(), static_cast<size_t>(length));
+    published_ = st;
+
+    FVTemporaryEntry entry(item.dirFd);
+    if (entry.create([&](const char* name) { return FVLinks::symlinkat(state_.buffer.get(), item.dirFd, name); }) != 0)
+        return destinationFailure(Step::CreateLink, errno);
+    int error = 0;
+    if (!clonePathOnlyMetadata(link.get(), st, entry, item.dirFd, false, &error)) {
+        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on symlink {}. (Reason: {})",
+                                        item.destinationPath, strerror(error)), FVMessageLevel::Warning);
+    }
+    return publish(entry, item, -1, st.st_size);
+}
+
+// FIFOs, sockets and device nodes are made anew with the source's type and device number.
+FVItemCloner::Result FVItemCloner::cloneNode(const Item& item, mode_t kind) {
+    if (item.dirFd < 0) return destinationFailure(Step::CreateNode, item.folderError);
+    if (kind == 0) return itemError(Step::OpenSource, ENOENT);  // the analysis found nothing there
+    FVFd node(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW, &state_));
+    if (!node.valid()) return itemError(Step::OpenSource, errno);
+    struct stat st {};
+    if (FVFileStatus::fstat(node.get(), &st) != 0 || S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode))
+        return itemError(Step::OpenSource, 0);
+
+    published_ = st;
+    FVTemporaryEntry entry(item.dirFd);
+    if (entry.create([&](const char* name) {
+            return FVItemCreation::mknodat(item.dirFd, name, (st.st_mode & S_IFMT) | 0600, st.st_rdev);
+        }) != 0)
+        return destinationFailure(Step::CreateNode, errno);
+    int error = 0;
+    if (!clonePathOnlyMetadata(node.get(), st, entry, item.dirFd, !worker_.disableACLClone, &error)) {
+        if (FVRunError::isFatal(error)) return destinationFailure(Step::Metadata, error);
+        worker_.sendMessage(fmt::format("WARNING: Could not preserve metadata on file {}. Type: {}. (Reason: {})",
+                                        item.destinationPath, item.typeName, strerror(error)), FVMessageLevel::Warning);
+    }
+    return publish(entry, item, -1, st.st_size);
+}
+
+FVItemCloner::Result FVItemCloner::publish(FVTemporaryEntry& entry, const Item& item, int dataFd, off_t size) {
+    switch (entry.publish(item.name, dataFd)) {
+    case FVTemporaryEntry::Published::CouldNotReplace: return destinationFailure(Step::Replace, errno);
+    case FVTemporaryEntry::Published::DataNotSafe: return destinationFailure(Step::CopyData, errno);
+    case FVTemporaryEntry::Published::Done: break;
+    }
+    worker_.published(item.sourcePath, static_cast<uint64_t>(size));
+    return done();
+}
+
+bool FVItemCloner::clonePathOnlyMetadata(int sourceFd, const struct stat& st, const FVTemporaryEntry& entry, int dirFd,
+                                         bool cloneACL, int* error) {
+    FVFd created(FVOpenFiles::openat(dirFd, entry.name().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!created.valid()) {
+        *error = errno;
+        return false;
+    }
+    return FVItemMetadata::cloneStatusAndAttributes({sourceFd, true}, st, {created.get(), true}, cloneACL, error,
+                                                    nullptr, &worker_.destinationProfile) &&
+           FVItemMetadata::cloneTimes(st, {created.get(), true}, error);
+}
+
+// A source that vanished or cannot be read, a link that cannot be copied and a destination that
+// cannot be replaced are reported at once; any other failure of an item may pass on a second try.
+bool FVItemCloner::worthRetrying(const Result& result) {
+    if (result.kind != Result::Kind::ItemError) return false;
+    switch (result.step) {
+    case Step::OpenSource:
+        return result.error != ENOENT && result.error != ENOTDIR && result.error != EACCES && result.error != EPERM;
+    case Step::CreateFile:
+    case Step::CreateNode:
+    case Step::CopyData: return true;
+    case Step::Metadata:
+    case Step::ReadLink:
+    case Step::CreateLink:
+    case Step::Replace: return false;
+    }
+    return false;
+}
+
+void FVItemCloner::report(const Result& result, const Item& item) {
+    auto error = [this](const std::string& message) { worker_.sendMessage(message, FVMessageLevel::Error); };
+    const char* reason = result.error ? std::strerror(result.error) : "it is of another kind now";
+    auto copyFailed = [&](const std::string& what) {
+        error(fmt::format("ERROR: Copy failed: {} (Reason: {}: {})", item.sourcePath, what, reason));
+    };
+    switch (result.kind) {
+    case Result::Kind::Done:
+    case Result::Kind::Cancelled: return;
+    case Result::Kind::FatalDestinationError:
+        worker_.stopOnDestinationFailure(FVDestinationFailure(result.error, actionOf(result.step), item.destinationPath));
+        return;
+    case Result::Kind::ItemError: break;
+    }
+    switch (result.step) {
+    case Step::OpenSource:
+        if (result.error == ENOENT || result.error == ENOTDIR)
+            worker_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", item.sourcePath),
+                                FVMessageLevel::Info);
+        else if (result.error == EACCES || result.error == EPERM)
+            error(fmt::format("ERROR: Cannot read file: {} ({})", item.sourcePath, strerror(result.error)));
+        else
+            copyFailed(fmt::format("Could not open source file {}", item.sourcePath));
+        return;
+    case Step::ReadLink:
+        error(fmt::format("ERROR: Could not copy symbolic link {}. (Could not read link: {})", item.sourcePath, reason));
+        return;
+    case Step::CreateLink:
+        error(fmt::format("ERROR: Could not copy symbolic link {}. (Could not create link: {})", item.destinationPath,
+                          reason));
+        return;
+    case Step::Replace:
+        error(fmt::format("Error: Could not replace destination file: {} ({})", item.destinationPath, reason));
+        return;
+    case Step::CreateFile: return copyFailed(fmt::format("Could not create destination file {}", item.destinationPath));
+    case Step::CreateNode: return copyFailed(fmt::format("Could not create {}", item.destinationPath));
+    case Step::CopyData: return copyFailed("File copy failed");
+    case Step::Metadata: return copyFailed(fmt::format("Could not set the metadata of {}", item.destinationPath));
+    }
+}
+
+void FVItemCloner::record(const Result& result, const Item& item, const struct stat& walked) {
+    if (!worker_.recordsCopies) return;
+    switch (result.kind) {
+    case Result::Kind::Done:
+        worker_.recordItem({item.sourcePath, item.destinationPath, published_, linkTarget_, digest_, true, false,
+                            attributes_ ? &*attributes_ : nullptr});
+        return;
+    case Result::Kind::Cancelled: return;
+    case Result::Kind::FatalDestinationError:
+    case Result::Kind::ItemError:
+        // A source that vanished has nothing to record; the next run's cleanup takes its copy.
+        if (result.step == Step::OpenSource && (result.error == ENOENT || result.error == ENOTDIR)) return;
+        worker_.recordItem({item.sourcePath, item.destinationPath, walked, {}, std::nullopt, false, true});
+        return;
+    }
+}
+
+const char* FVItemCloner::actionOf(Step step) {
+    switch (step) {
+    case Step::CreateLink:
+    case Step::CreateFile:
+    case Step::CreateNode: return "creating";
+    case Step::CopyData: return "writing";
+    case Step::Replace: return "publishing";
+    case Step::Metadata: return "setting the metadata of";
+    case Step::OpenSource:
+    case Step::ReadLink: break;
+    }
+    return "copying";
+}
+
+}  // namespace ferrovane

@@ -1,0 +1,85 @@
+#pragma once
+// Cloning one non-directory item to its destination path, by kind: a regular file with its data,
+// a symbolic link, or a node (FIFO, socket, device) made anew. Each kind is built under a
+// temporary name and published by the same last step. Every attempt ends in a typed result,
+// classified at the call that failed; a failed item is tried once more, and a read-only, full or
+// failing destination stops the session.
+
+#include "engine/run/FVFileSystemItem.h"
+#include "manifest/FVManifestEntry.h"
+
+#include <sys/stat.h>
+
+#include <optional>
+#include <string>
+
+namespace ferrovane {
+
+struct FVFileCopyWorkerImpl;
+struct FVCopyThreadState;
+class FVTemporaryEntry;
+
+class FVItemCloner {
+public:
+    FVItemCloner(FVFileCopyWorkerImpl& worker, FVCopyThreadState& state) : worker_(worker), state_(state) {}
+
+    // Clones source to destinationPath and reports the outcome to the worker's delegate.
+    void clone(FVFileSystemItem& source, const std::string& destinationPath);
+    // Gives the item at destinationPath the source's mode, owner and group (and attributes) where
+    // it is, without touching its data.
+    void updateModeAndOwner(FVFileSystemItem& source, const std::string& destinationPath);
+
+private:
+    enum class Step { OpenSource, ReadLink, CreateLink, CreateFile, CreateNode, CopyData, Metadata, Replace };
+    struct Result {
+        enum class Kind { Done, Cancelled, ItemError, FatalDestinationError } kind;
+        Step step = Step::OpenSource;
+        int error = 0;  // errno of the call that failed; 0 when the source is of another kind now
+    };
+    struct Item {
+        const std::string& sourcePath;
+        const std::string& destinationPath;
+        std::string name;      // the destination's name in its folder
+        const char* typeName;  // for the messages
+        int dirFd;             // the destination folder, or -1 with its errno in folderError
+        int folderError;
+    };
+
+    static Result done() { return {Result::Kind::Done}; }
+    static Result itemError(Step step, int error) { return {Result::Kind::ItemError, step, error}; }
+    // A failure on the destination: a read-only, full or failing one ends the session, anything
+    // else the item.
+    static Result destinationFailure(Step step, int error);
+
+    Result cloneRegular(const Item& item);
+    // Copies the data of in, whose fstat is st, again and again while the source changes during
+    // its copy (at most twice more). st ends as the fstat the last copy began with; false in
+    // *settled when the source changed during that copy as well. With a hasher, it ends holding
+    // the last copy's bytes, and hashedWhole_ says whether it saw all of them.
+    Result copyData(const Item& item, int in, int out, struct stat& st, bool* settled, FVContentHasher* hasher);
+    Result cloneLink(const Item& item);
+    Result cloneNode(const Item& item, mode_t kind);
+    // The shared last step: the entry, complete under its temporary name, replaces the destination.
+    Result publish(FVTemporaryEntry& entry, const Item& item, int dataFd, off_t size);
+    // Owner, mode, attributes and times of a link or node, through O_PATH descriptors; false
+    // with the first errno in error.
+    bool clonePathOnlyMetadata(int sourceFd, const struct stat& st, const FVTemporaryEntry& entry, int dirFd,
+                               bool cloneACL, int* error);
+    static bool worthRetrying(const Result& result);
+    // What was being done at step, for the message of a failed destination.
+    static const char* actionOf(Step step);
+    void report(const Result& result, const Item& item);
+    // Tells the worker's delegate what the mirror holds at the item's path now.
+    void record(const Result& result, const Item& item, const struct stat& walked);
+
+    FVFileCopyWorkerImpl& worker_;
+    FVCopyThreadState& state_;
+    // What the last attempt published, for the record.
+    struct stat published_ {};
+    std::optional<FVContentHash> digest_;
+    std::optional<FVManifestAttributes> attributes_;
+    std::string linkTarget_;
+    bool hashedWhole_ = false;
+};
+
+}  // namespace ferrovane
