@@ -1,5 +1,6 @@
 #include "engine/session/FVRoomForRun.h"
 
+#include "engine/analysis/FVTreeReadAhead.h"
 #include "engine/archive/FVArchivedRuns.h"
 #include "engine/run/FVLog.h"
 #include "engine/run/FVNumber.h"
@@ -73,6 +74,10 @@ FVRoomVerdict FVRoomForRun::make() {
     // Most runs fit even if every source entry were new: that costs a stat per entry, the look
     // ahead a comparison of both trees with their attribute lists, as much as the run's own walk.
     if (std::optional<FVSpaceBudget> budget = budgetNow()) {
+        // The run's own walk reads both trees next: they are read meanwhile.
+        std::vector<std::string> trees = settings_.recordedSources;
+        for (const std::string& source : settings_.recordedSources) trees.push_back(settings_.itemTargetPath(source));
+        FVTreeReadAhead readAhead(trees);
         std::optional<uint64_t> bound = FVSourceBytesBound(status_).of(settings_.recordedSources);
         if (!bound || budget->allows(*bound)) return verdict;
     }
