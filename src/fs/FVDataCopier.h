@@ -42,6 +42,8 @@ private:
     // Shows the sink zeros up to offset (a hole, or the end a sparse copy is cut to).
     void showZerosUpTo(uint64_t offset);
     bool afterChunk(ssize_t n);
+    // Starts the disk writes of what a large dense copy has written so far.
+    void startWriteback();
     Outcome copyDense(uint64_t size);
     std::optional<Outcome> copySparse();
 
@@ -55,6 +57,7 @@ private:
     uint64_t copied_ = 0;
     uint64_t shown_ = 0;
     uint64_t written_ = 0;  // the size of the copy once done
+    uint64_t writebackFrom_ = 0;
 };
 
 }  // namespace ferrovane

@@ -1,9 +1,11 @@
 #include "engine/session/FVRoomForRun.h"
 
+#include "engine/analysis/FVTreeReadAhead.h"
 #include "engine/archive/FVArchivedRuns.h"
 #include "engine/run/FVLog.h"
 #include "engine/run/FVNumber.h"
 #include "engine/session/FVRunPlanner.h"
+#include "engine/session/FVSourceBytesBound.h"
 #include "fs/FVSpaceUsage.h"
 
 #include <fmt/format.h>
@@ -69,6 +71,16 @@ std::vector<FVRoomForRun::Step> FVRoomForRun::purgePlan(const FVSpaceBudget& bud
 
 FVRoomVerdict FVRoomForRun::make() {
     FVRoomVerdict verdict;
+    // Most runs fit even if every source entry were new: that costs a stat per entry, the look
+    // ahead a comparison of both trees with their attribute lists, as much as the run's own walk.
+    if (std::optional<FVSpaceBudget> budget = budgetNow()) {
+        // The run's own walk reads both trees next: they are read meanwhile.
+        std::vector<std::string> trees = settings_.recordedSources;
+        for (const std::string& source : settings_.recordedSources) trees.push_back(settings_.itemTargetPath(source));
+        FVTreeReadAhead readAhead(trees);
+        std::optional<uint64_t> bound = FVSourceBytesBound(status_).of(settings_.recordedSources);
+        if (!bound || budget->allows(*bound)) return verdict;
+    }
     const uint64_t needed = FVRunPlanner(settings_, excludedFiles_, status_).bytesToWrite(settings_.recordedSources);
     if (status_.isCancelled()) return verdict;
     std::optional<FVSpaceBudget> budget = budgetNow();

@@ -21,6 +21,11 @@ FVRunPlanner::FVRunPlanner(const FVRunSettings& settings, std::vector<std::strin
     settings_.identifyDestination();
 }
 
+uint64_t FVRunPlanner::bytesOfCopy(const struct stat& st) {
+    const uint64_t size = !S_ISDIR(st.st_mode) ? static_cast<uint64_t>(st.st_size) : 0;
+    return (size + kBlock - 1) / kBlock * kBlock + (size == 0 ? kBlock : 0);
+}
+
 uint64_t FVRunPlanner::bytesToWrite(const std::vector<std::string>& sources) {
     uint64_t bytes = 0;
     FVRunFindings findings;
@@ -31,9 +36,7 @@ uint64_t FVRunPlanner::bytesToWrite(const std::vector<std::string>& sources) {
         FVSourceAnalysis analysis(
             settings_, findings, status_,
             [&bytes](FVFileSystemItemPtr item, FVFileSystemItemPtr, FVSourceAnalysis::Work work) {
-                if (work != FVSourceAnalysis::Work::Copy) return;
-                const uint64_t size = item->isFile() ? static_cast<uint64_t>(item->statBuffer().st_size) : 0;
-                bytes += (size + kBlock - 1) / kBlock * kBlock + (size == 0 ? kBlock : 0);
+                if (work == FVSourceAnalysis::Work::Copy) bytes += bytesOfCopy(item->statBuffer());
             });
         analysis.analyse(source, kUnknownFileCount);
     }

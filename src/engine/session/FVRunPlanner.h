@@ -5,6 +5,8 @@
 #include "engine/run/FVRunSettings.h"
 #include "engine/run/FVRunStatus.h"
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -20,6 +22,8 @@ public:
     // whole (an archived version stays besides its replacement), a block for each file's tail
     // and for each folder or link.
     uint64_t bytesToWrite(const std::vector<std::string>& sources);
+    // What the copy of one item with this lstat writes.
+    static uint64_t bytesOfCopy(const struct stat& st);
 
 private:
     FVRunSettings settings_;
