@@ -17,8 +17,8 @@ TEST(DestinationProbe, KnowsTheLimitsOfFatLikeTypesWithoutTrying) {
     EXPECT_EQ(FVDestinationProbe::describe(FVDestinationProbe::defaultsForType("fuseblk")),
               "fuseblk, times to 1 s, case-sensitive, no rename that refuses to replace, no owners, no modes, "
               "names up to 255 bytes, UTF-8 names only");
-    // A network file system is known by its type alone: its latency decides how many copies run at once.
+    // sshfs: its latency decides how many copies run at once; it keeps no attributes and no link identity.
     EXPECT_EQ(FVDestinationProbe::describe(FVDestinationProbe::defaultsForType("fuse.sshfs")),
               "fuse.sshfs, over the network, exact times, case-sensitive, no rename that refuses to replace, "
-              "names up to 255 bytes");
+              "no extended attributes, no hard links, names up to 255 bytes");
 }
