@@ -4,6 +4,7 @@
 #include "app/FVDestinationPopup.h"
 #include "app/FVFocusRingStyle.h"
 #include "app/FVDropZone.h"
+#include "app/FVElidingLabel.h"
 #include "app/FVOverdueBanner.h"
 #include "app/FVQtStrings.h"
 #include "app/FVScreenFit.h"
@@ -136,7 +137,7 @@ QLayout* FVMainWindow::makeLineUnderList() {
     summaryLine_ = new QLabel;
     summaryLine_->setObjectName("summaryLine");
     summaryLine_->setForegroundRole(QPalette::PlaceholderText);
-    lastRunLine_ = new QLabel;
+    lastRunLine_ = new FVElidingLabel;
     lastRunLine_->setObjectName("lastRunLine");
     lastRunLine_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
     showErrorsButton_ = new QPushButton(localized("showerrorsbutton"));

@@ -1132,6 +1132,8 @@ private slots:
         const QString notCopied = QString::fromStdString(FVStrings::formatPlural("backupdiskfailed", 2, "disk"));
         // The disk is away now: the list waits for its return, the outcome line keeps the cause.
         QVERIFY(app_->window()->lastRunLine()->text().endsWith("2 items not copied: " + QString::fromStdString(FVRunOutcome::causeOf(failure))));
+        // However long the cause, the line shortens rather than widen the window past a laptop at scale 2.
+        QVERIFY2(app_->window()->minimumSizeHint().width() <= 683, qPrintable(app_->window()->lastRunLine()->text()));
         auto* panel = awaitDialog<FVErrorPanel>();
         QVERIFY(panel->text().startsWith(QString::fromStdString(failure)));
         QCOMPARE(panel->heading(), notCopied);
