@@ -114,6 +114,13 @@ bool FVItemCloner::goesOnAfter(FVRunError failure, Result& fatal) {
     return true;
 }
 
+bool FVItemCloner::goesOnAfterUnkeptMetadata(const Item& item, int error, std::string message, Result& fatal) {
+    return goesOnAfter(FVRunError::atDestination("setting the metadata of", error, item.destinationPath,
+                                                 std::move(message), FVRunError::Kind::Warning)
+                           .loggedOnly(),
+                       fatal);
+}
+
 FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     auto notCreated = [&](int error) {
         return destinationFailure("creating", error, item,
@@ -178,13 +185,10 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
                          item.destinationPath, item.typeName));
     }
     if (!FVItemMetadata::cloneTimes(st, {out.get(), false}, &error)) {
-        if (!goesOnAfter(FVRunError::atDestination("setting the metadata of", error, item.destinationPath,
-                                                   fmt::format("Could not preserve creation date on file {}. Type: {} "
-                                                               "(Reason: {})",
-                                                               item.destinationPath, item.typeName, strerror(error)),
-                                                   FVRunError::Kind::Warning)
-                             .loggedOnly(),
-                         fatal))
+        if (!goesOnAfterUnkeptMetadata(item, error,
+                                       fmt::format("Could not preserve creation date on file {}. Type: {} (Reason: {})",
+                                                   item.destinationPath, item.typeName, strerror(error)),
+                                       fatal))
             return fatal;
     } else if (verbose) {
         send(fmt::format("Clone of creation and modification date {} to {} ({}) was successful.", item.sourcePath,
@@ -328,12 +332,10 @@ FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
     int error = 0;
     Result fatal;
     if (!clonePathOnlyMetadata(link.get(), st, entry, item.dirFd, false, &error) &&
-        !goesOnAfter(FVRunError::atDestination("setting the metadata of", error, item.destinationPath,
-                                               fmt::format("Could not preserve metadata on symlink {}. (Reason: {})",
-                                                           item.destinationPath, strerror(error)),
-                                               FVRunError::Kind::Warning)
-                         .loggedOnly(),
-                     fatal))
+        !goesOnAfterUnkeptMetadata(item, error,
+                                   fmt::format("Could not preserve metadata on symlink {}. (Reason: {})",
+                                               item.destinationPath, strerror(error)),
+                                   fatal))
         return fatal;
     return publish(entry, item, -1, st.st_size);
 }
@@ -362,13 +364,10 @@ FVItemCloner::Result FVItemCloner::cloneNode(const Item& item, mode_t kind) {
     int error = 0;
     Result fatal;
     if (!clonePathOnlyMetadata(node.get(), st, entry, item.dirFd, !worker_.disableACLClone, &error) &&
-        !goesOnAfter(FVRunError::atDestination("setting the metadata of", error, item.destinationPath,
-                                               fmt::format("Could not preserve metadata on file {}. Type: {}. "
-                                                           "(Reason: {})",
-                                                           item.destinationPath, item.typeName, strerror(error)),
-                                               FVRunError::Kind::Warning)
-                         .loggedOnly(),
-                     fatal))
+        !goesOnAfterUnkeptMetadata(item, error,
+                                   fmt::format("Could not preserve metadata on file {}. Type: {}. (Reason: {})",
+                                               item.destinationPath, item.typeName, strerror(error)),
+                                   fatal))
         return fatal;
     return publish(entry, item, -1, st.st_size);
 }

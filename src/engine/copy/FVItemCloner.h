@@ -63,6 +63,8 @@ private:
     // Reports a failure that leaves the attempt going on; one of the destination disk ends the
     // attempt instead, as fatal: false then.
     bool goesOnAfter(FVRunError failure, Result& fatal);
+    // A metadata step the copy could do without: a warning in the log; the copy is still published.
+    bool goesOnAfterUnkeptMetadata(const Item& item, int error, std::string message, Result& fatal);
 
     Result cloneRegular(const Item& item);
     // Copies the data of in, whose fstat is st, again and again while the source changes during
