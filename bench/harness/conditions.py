@@ -75,9 +75,10 @@ def drop_caches():
         f.write("3\n")
 
 
-def timed(cmd, env, cold=False, then_sync=False):
+def timed(cmd, env, cold=False, then_sync=False, completed=(0,)):
     """Runs cmd once: the flush before it and the cache drop are not timed; then_sync also times
-    a `sync` right after it, for tools that leave their writes in the page cache."""
+    a `sync` right after it, for tools that leave their writes in the page cache. An exit status
+    outside completed counts the run as failed."""
     os.sync()
     if cold:
         drop_caches()
@@ -92,6 +93,7 @@ def timed(cmd, env, cold=False, then_sync=False):
         flushed = time.monotonic() - start
     # The machine's counters tick every 10 ms: one run's figure may even be negative; sums are not.
     other = (busy_seconds() - busy) - (own_seconds() - own)
-    if result.returncode != 0:
+    failed = result.returncode not in completed
+    if failed:
         print(f"  {cmd[0]} exited {result.returncode}: {result.stderr.decode(errors='replace')[-300:]}", flush=True)
-    return Measurement(seconds, load, other, flushed, result.returncode != 0)
+    return Measurement(seconds, load, other, flushed, failed)
