@@ -8,7 +8,7 @@ import os
 import shutil
 import subprocess
 
-from faultkit import Failure, build, content, expect, expect_mirror, is_root
+from faultkit import build, content, expect, expect_mirror, run_cases
 
 NAME = "data"
 TREE = {b"sub": ("dir",), b"sub/f": ("file", 3000, 1), b"sub/gone": ("file", 10, 2), b"g": ("file", 2000, 3),
@@ -129,22 +129,11 @@ def destination_inside_the_source(ferrovane, work):
 
 
 def run(ferrovane, work):
-    folder = os.path.join(work, "inside")
-    try:
-        destination_inside_the_source(ferrovane, folder)
-        yield ("escapes", "destination inside the source", "", "ok")
-    except Failure as e:
-        yield ("escapes", "destination inside the source", "", f"FAILED: {e}")
-    subprocess.run(["rm", "-rf", folder], check=True)
-    for i, (name, (planted, target)) in enumerate(ATTACKS.items()):
-        if not is_root():
-            yield ("escapes", name, "needs the superuser", "skipped")
-            continue
-        folder = os.path.join(work, str(i))
-        try:
-            attack(ferrovane, folder, planted, target)
-            yield ("escapes", name, "", "ok")
-        except Failure as e:
-            yield ("escapes", name, "", f"FAILED: {e}")
+    def tidy(folder):
         lock_files(os.path.join(folder, "outside"), locked=False)
         subprocess.run(["rm", "-rf", folder], check=True)
+
+    cases = [(name, lambda w, p=planted, t=target: attack(ferrovane, w, p, t)) for name, (planted, target) in ATTACKS.items()]
+    yield from run_cases("escapes", [("destination inside the source", lambda w: destination_inside_the_source(ferrovane, w))],
+                         os.path.join(work, "inside"), after=tidy)
+    yield from run_cases("escapes", cases, os.path.join(work, "attacks"), root_only=lambda name: True, after=tidy)
