@@ -10,7 +10,7 @@ import shutil
 import signal
 import subprocess
 
-from faultkit import (TEMPORARY_PREFIX, Hooks, build, content, digest, expect, expect_clean_rerun, expect_kept,
+from faultkit import (Hooks, build, content, digest, expect, expect_clean_rerun, expect_kept,
                       expect_no_temporaries, expect_status, finish, generate_tree, log_since, log_size,
                       mirror_differences, mirror_of, run_cases, versions)
 
@@ -81,17 +81,9 @@ class Destination:
         return mirror_of(self.destination, self.source)
 
 
-def temporaries_below(folder):
-    found = []
-    for parent, dirs, names in os.walk(os.fsencode(folder)):
-        found += [os.path.join(parent, n) for n in names + dirs if n.startswith(TEMPORARY_PREFIX)]
-    return found
-
-
 def expect_restored_exactly(mirror, restored):
     """Nothing half-written: no temporary copy, and each file there equals its version."""
-    left = temporaries_below(restored)
-    expect(not left, f"temporary files remain in the restored folder: {left[:3]}")
+    expect_no_temporaries(restored)
     torn = []
     for parent, _, names in os.walk(os.fsencode(restored)):
         for name in names:
