@@ -820,6 +820,7 @@ private slots:
         QCOMPARE(verify->findings()->topLevelItem(0)->text(0) + " " + verify->findings()->topLevelItem(0)->text(1),
                  QString::fromStdString("damaged " + destination + "/Letters/a"));
         QVERIFY(verify->outcome()->text().endsWith(": 1 damaged"));
+        QCOMPARE(descriptorsUnder(destination).join(" | "), QString());
     }
 
     void optionsSheetSchedulesTheDestination() {
