@@ -15,14 +15,11 @@
 #include <sys/ioctl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <sstream>
-#include <thread>
 
 using namespace ferrovane;
 using namespace ferrovane::test;
@@ -289,41 +286,6 @@ TEST_F(BackupRun, ArchivesChangedAndRemovedItemsUnderTheRunStamp) {
 
     std::string log = readFile(logPath());
     EXPECT_NE(log.find("Archiving deleted items finished: archived 2 items."), std::string::npos);
-}
-
-TEST_F(BackupRun, AFolderReplacedByAnythingElseIsArchivedAsRemovedAndAnItemReplacedByAFolderAsChanged) {
-    buildTree(dir.path(), {{"src/Docs/sub/a.txt", "a"}, {"src/Docs/note", "a note"}, {"elsewhere/", ""}});
-    symlink("note", (source + "/Docs/link").c_str());
-    PlistDict options = defaults();
-    options.set("moveChangedFiles", int64_t{1});
-    configure({{source + "/Docs", FVSourceMode::Backup}}, options);
-    ASSERT_EQ(run().exitStatus, 0);
-
-    // The folder moved to another disk and a link left in its place.
-    fs::rename(source + "/Docs/sub", dir / "sub.old");
-    fs::create_directory_symlink(dir / "elsewhere", source + "/Docs/sub");
-    // While its archive cannot be made, the folder stays and the link waits.
-    writeFile(destination + "/__removed", "in the way");
-    auto blocked = run();
-    EXPECT_EQ(blocked.exitStatus, 255);
-    EXPECT_NE(blocked.err.find("Archiving replaced folder failed: " + destination + "/Docs/sub"), std::string::npos)
-        << blocked.err;
-    EXPECT_EQ(readFile(destination + "/Docs/sub/a.txt"), "a");
-    fs::remove(destination + "/__removed");
-
-    // A file and a link that became folders within seconds: no date tells them apart.
-    for (const char* name : {"note", "link"}) {
-        fs::remove(source + "/Docs/" + name);
-        buildTree(source + "/Docs", {{std::string(name) + "/inner.txt", name}});
-    }
-    ASSERT_EQ(run().exitStatus, 0);
-    EXPECT_EQ(differences(source + "/Docs/", destination + "/Docs/"), "");
-    auto removed = listFolder(destination + "/__removed"), changed = listFolder(destination + "/__changed");
-    ASSERT_EQ(removed.size(), 1u);
-    ASSERT_EQ(changed.size(), 1u);
-    EXPECT_EQ(readFile(destination + "/__removed/" + removed[0] + "/Docs/sub/a.txt"), "a");
-    EXPECT_EQ(readFile(destination + "/__changed/" + changed[0] + "/Docs/note"), "a note");
-    EXPECT_EQ(fs::read_symlink(destination + "/__changed/" + changed[0] + "/Docs/link"), "note");
 }
 
 TEST_F(BackupRun, DeletesRemovedItemsWhenArchivingIsOffButNeverEmptiesAnUnmountedVolume) {

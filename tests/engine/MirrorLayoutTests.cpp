@@ -75,50 +75,27 @@ TEST(MirrorLayout, RefusesSourceListsWhoseMirrorsCollideOrLandOnReservedNames) {
         std::vector<const char*> named;
     };
     const Mode B = Mode::Backup;
+    // The common collisions (one last name, nesting, reserved names, paths that are not plain, a
+    // source inside the destination) are the fault suite's layout part, against a model of these
+    // rules; here are the edges it does not reach and names that only a case-insensitive
+    // destination confuses.
     const Case cases[] = {
-        // Same last name: one folder for both in the default placement, apart at full paths.
-        {true, {{"/a/Docs", B}, {"/b/Docs", B}}, false, {"/a/Docs", "/b/Docs", "/backup/Docs", "syncMode 0"}},
-        {false, {{"/a/Docs", B}, {"/b/Docs", B}}, false, {}},
-        {true, {{"/a/Docs", B}, {"/b/Docs", Mode::Disabled}}, false, {}},
-        {true, {{"/a/Docs", B}, {"/b/Docs", Mode::ExcludePath}, {"Docs", Mode::ExcludeName}}, false, {}},
         {true, {{"/a/Docs", B}, {"/a/Docs", B}}, false, {"/a/Docs"}},
-        // One mirror inside another.
-        {false, {{"/a", B}, {"/a/b", B}}, false, {"/a", "/a/b", "inside"}},
-        {true, {{"/a", B}, {"/a/b", B}}, false, {}},
         {false, {{"/ab", B}, {"/a", B}}, false, {}},
-        {true, {{"/", B}, {"/home/x", B}}, false, {"/home/x", "inside the mirror of the source /"}},
-        {false, {{"/home/x", B}, {"/", B}}, false, {"/home/x", "/"}},
         {true, {{"/", B}}, false, {}},
-        // Case that the destination does not tell apart.
-        {true, {{"/x/Docs", B}, {"/y/docs", B}}, false, {}},
         {true, {{"/x/Docs", B}, {"/y/docs", B}}, true, {"/x/Docs", "/y/docs", "case"}},
         {false, {{"/x/A", B}, {"/x/a", B}}, true, {"/x/A", "/x/a"}},
         {true, {{"/a/\xc3\x9c" "ber", B}, {"/b/\xc3\xbc" "ber", B}}, true, {"/a/\xc3\x9c" "ber", "/b/\xc3\xbc" "ber", "case"}},
         {false, {{"/Data", B}, {"/data/b", B}}, true, {"/Data", "/data/b", "case"}},
         {false, {{"/Data/a", B}, {"/data/b", B}}, true, {}},
         {true, {{"/x/Report", B}, {"/y/Reports", B}}, true, {}},
-        // Names the destination keeps for itself, at the top of the destination only.
-        {true, {{"/x/__changed", B}}, false, {"/x/__changed", "\"__changed\""}},
-        {true, {{"/x/__removed", B}}, false, {"\"__removed\""}},
-        {true, {{"/x/__runs", B}}, false, {"\"__runs\""}},
-        {true, {{"/x/.ferrovane.conf", B}}, false, {"\".ferrovane.conf\""}},
-        {true, {{"/x/.ferrovane-tmp-0123", B}}, false, {"\".ferrovane-tmp-\""}},
-        {false, {{"/__removed/x", B}}, false, {"\"__removed\""}},
         {false, {{"/home/__changed", B}}, false, {}},
         {true, {{"/x/__changed2", B}}, false, {}},
         {true, {{"/x/__CHANGED", B}}, false, {}},
         {true, {{"/x/__CHANGED", B}}, true, {"/x/__CHANGED", "\"__changed\""}},
-        // Paths in their plain absolute form only; exclusion paths too, name patterns not.
         {true, {{"", B}}, false, {"\"\""}},
-        {true, {{"relative/Docs", B}}, false, {"relative/Docs"}},
-        {true, {{"/a/../Docs", B}}, false, {"/a/../Docs"}},
         {true, {{"/a/./Docs", B}}, false, {"/a/./Docs"}},
-        {true, {{"/a//Docs", B}}, false, {"/a//Docs"}},
-        {true, {{"/a/Docs/", B}}, false, {"/a/Docs/"}},
-        {true, {{"/a/Docs", B}, {"/a/Docs/../tmp", Mode::ExcludePath}}, false, {"/a/Docs/../tmp"}},
         {true, {{"/a/Docs", B}, {"/a/x/../Docs", Mode::Disabled}}, false, {}},
-        // The destination's own folder is no source.
-        {true, {{"/backup/inner", B}}, false, {"/backup/inner", "inside the destination"}},
         {true, {{"/backup", B}}, false, {"/backup"}},
         {true, {{"/backupOld", B}}, false, {}},
     };

@@ -2,13 +2,11 @@
 mirror whole; an append-only source file is mirrored on every change; a file with an ACL is not
 copied again and again when ACLs are not cloned."""
 
-import array
-import fcntl
 import os
 import subprocess
 
-from faultkit import (run_cases, Ferrovane, build, content, expect, expect_clean_rerun, expect_kept, expect_mirror,
-                      log_since, log_size, tail, version, versions)
+from faultkit import (FS_APPEND_FL, Ferrovane, build, content, expect, expect_clean_rerun, expect_kept, expect_mirror,
+                      inode_flags, log_since, log_size, run_cases, tail, version, versions)
 
 NAME = "data"
 TREE = {b"open": ("dir",), b"open/f": ("file", 2000, 1), b"open/closed": ("dir",),
@@ -16,7 +14,6 @@ TREE = {b"open": ("dir",), b"open/f": ("file", 2000, 1), b"open/closed": ("dir",
         b"closed": ("dir",), b"closed/a": ("file", 5000, 4), b"closed/sub": ("dir",), b"closed/sub/b": ("file", 70, 5),
         b"unreadable": ("file", 4000, 6), b"plain": ("file", 100, 7)}
 UNREADABLE = (b"closed", b"open/closed", b"unreadable")  # mode 000 for the second run
-FS_IOC_GETFLAGS, FS_IOC_SETFLAGS, FS_APPEND_FL = 0x80086601, 0x40086602, 0x20
 
 
 def as_nobody(ferrovane, work):
@@ -70,25 +67,12 @@ def unreadable_source(ferrovane, work, archiving):
     expect_clean_rerun(user, destination, [os.fsdecode(source)], before)
 
 
-def inode_flags(path, add=0, remove=0):
-    fd = os.open(path, os.O_RDONLY | os.O_NOFOLLOW)
-    try:
-        flags = array.array("l", [0])
-        fcntl.ioctl(fd, FS_IOC_GETFLAGS, flags)
-        if add or remove:
-            flags[0] = (flags[0] | add) & ~remove
-            fcntl.ioctl(fd, FS_IOC_SETFLAGS, flags)
-        return flags[0]
-    finally:
-        os.close(fd)
-
-
 def append_only_source(ferrovane, work):
     """A log-like file the system only lets grow is mirrored after every change, with its flag."""
     source, destination = os.path.join(work, "src", NAME), os.path.join(work, "dest")
     log = os.path.join(source, "app.log")
     build(os.fsencode(source), {b"app.log": ("file", 1000, 1)})
-    inode_flags(log, add=FS_APPEND_FL)
+    expect(inode_flags(log, add=FS_APPEND_FL) is not None, "the source file cannot be made append-only")
     os.makedirs(destination)
     ferrovane.configure(destination, [source], (("moveChangedFiles", "yes"),))
     try:
@@ -104,7 +88,7 @@ def append_only_source(ferrovane, work):
             expect(r.returncode == 0, f"run {generation + 2} failed: {tail(r)}")
             expect_mirror(source, os.path.join(destination, NAME))
             expect_kept(destination, before)
-            expect(inode_flags(os.path.join(destination, NAME, "app.log")) & FS_APPEND_FL,
+            expect((inode_flags(os.path.join(destination, NAME, "app.log")) or 0) & FS_APPEND_FL,
                    "the mirror's copy lost the append-only flag")
     finally:
         subprocess.run(["chattr", "-R", "-a", work], capture_output=True)

@@ -9,8 +9,8 @@ import plistlib
 import re
 import subprocess
 
-from faultkit import (Failure, build, content, expect, expect_kept, expect_mirror, expect_no_temporaries, is_root,
-                      mirror_of, tail, unmount, versions)
+from faultkit import (build, content, expect, expect_kept, expect_mirror, expect_no_temporaries, mirror_of, run_cases,
+                      tail, unmount, versions)
 
 TREE = {b"notes.txt": ("file", 3000, 1), b"sub": ("dir",), b"sub/photo.bin": ("file", 70000, 2)}
 PREFIX = "com.quillmarsh.ferrovane."
@@ -119,12 +119,6 @@ def comes_and_goes(ferrovane, work):
 
 
 def run(ferrovane, work):
-    case = "loop disk unplugged and plugged: not-connected, skipped, versions kept"
-    if not is_root():
-        yield ("connect", case, "needs the superuser to mount images", "skipped")
-        return
-    try:
-        comes_and_goes(ferrovane, work)
-        yield ("connect", case, "", "ok")
-    except Failure as e:
-        yield ("connect", case, "", f"FAILED: {e}")
+    yield from run_cases("connect", [("loop disk unplugged and plugged: not-connected, skipped, versions kept",
+                                      lambda w: comes_and_goes(ferrovane, w))], work,
+                         root_only=lambda name: True, why="needs the superuser to mount images")

@@ -2,13 +2,11 @@
 replace a file or move items into an archive, never let the run write, remove, move or change
 metadata outside the destination. Run as the superuser, who could do all of that."""
 
-import array
-import fcntl
 import os
 import shutil
 import subprocess
 
-from faultkit import Failure, build, content, expect, expect_mirror, is_root
+from faultkit import FS_IMMUTABLE_FL, build, content, expect, expect_mirror, inode_flags, run_cases
 
 NAME = "data"
 TREE = {b"sub": ("dir",), b"sub/f": ("file", 3000, 1), b"sub/gone": ("file", 10, 2), b"g": ("file", 2000, 3),
@@ -17,35 +15,12 @@ OUTSIDE = {b"sub": ("dir",), b"sub/f": ("file", 100, 5), b"sub/gone": ("file", 1
            b"g": ("file", 100, 8), b"gone": ("file", 10, 9), b"h": ("file", 10, 10)}
 
 
-FS_IOC_GETFLAGS, FS_IOC_SETFLAGS, FS_IMMUTABLE_FL = 0x80086601, 0x40086602, 0x10
-
-
-def inode_flags(path, change=None):
-    """The inode flags of a file or folder (None where the file system has none); with change,
-    sets them to change(flags) first."""
-    if os.path.islink(path) or not (os.path.isfile(path) or os.path.isdir(path)):
-        return None
-    fd = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_NOFOLLOW)
-    try:
-        flags = array.array("l", [0])
-        fcntl.ioctl(fd, FS_IOC_GETFLAGS, flags)
-        if change:
-            flags[0] = change(flags[0])
-            fcntl.ioctl(fd, FS_IOC_SETFLAGS, flags)
-        return flags[0]
-    except OSError:
-        return None
-    finally:
-        os.close(fd)
-
-
 def lock_files(root, locked=True):
     """Makes every file below root immutable (or mutable again), so that an unlock that escaped
     the destination would show in the manifest."""
     for folder, _, names in os.walk(root):
         for name in names:
-            inode_flags(os.path.join(folder, name),
-                        lambda f: f | FS_IMMUTABLE_FL if locked else f & ~FS_IMMUTABLE_FL)
+            inode_flags(os.path.join(folder, name), **{"add" if locked else "remove": FS_IMMUTABLE_FL})
 
 
 def manifest(root):
@@ -129,22 +104,12 @@ def destination_inside_the_source(ferrovane, work):
 
 
 def run(ferrovane, work):
-    folder = os.path.join(work, "inside")
-    try:
-        destination_inside_the_source(ferrovane, folder)
-        yield ("escapes", "destination inside the source", "", "ok")
-    except Failure as e:
-        yield ("escapes", "destination inside the source", "", f"FAILED: {e}")
-    subprocess.run(["rm", "-rf", folder], check=True)
-    for i, (name, (planted, target)) in enumerate(ATTACKS.items()):
-        if not is_root():
-            yield ("escapes", name, "needs the superuser", "skipped")
-            continue
-        folder = os.path.join(work, str(i))
-        try:
-            attack(ferrovane, folder, planted, target)
-            yield ("escapes", name, "", "ok")
-        except Failure as e:
-            yield ("escapes", name, "", f"FAILED: {e}")
+    def tidy(folder):
         lock_files(os.path.join(folder, "outside"), locked=False)
         subprocess.run(["rm", "-rf", folder], check=True)
+
+    inside = [("destination inside the source", lambda w: destination_inside_the_source(ferrovane, w))]
+    attacks = [(name, lambda w, p=planted, t=target: attack(ferrovane, w, p, t))
+               for name, (planted, target) in ATTACKS.items()]
+    yield from run_cases("escapes", inside, os.path.join(work, "inside"), after=tidy)
+    yield from run_cases("escapes", attacks, os.path.join(work, "attacks"), root_only=lambda name: True, after=tidy)

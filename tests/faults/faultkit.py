@@ -1,7 +1,9 @@
 """Shared pieces of the fault drivers: trees described as data, runs of the executable, and the
 checks that prove nothing was lost."""
 
+import array
 import errno
+import fcntl
 import hashlib
 import os
 import re
@@ -18,6 +20,7 @@ CONF = ".ferrovane.conf"
 ARCHIVES = ("__changed", "__removed")
 RUNS = "__runs"
 FIXED_MTIME = 1_000_000_000  # far from "now", so any later change is more than the 10 s tolerance
+FS_IOC_GETFLAGS, FS_IOC_SETFLAGS, FS_IMMUTABLE_FL, FS_APPEND_FL = 0x80086601, 0x40086602, 0x10, 0x20
 
 
 class Failure(Exception):
@@ -70,6 +73,25 @@ def build(root, tree):
     for rel in sorted(tree, reverse=True) + [b""]:
         if rel == b"" or tree[rel][0] == "dir":
             os.utime(os.path.join(root, rel), (FIXED_MTIME, FIXED_MTIME))
+
+
+def inode_flags(path, add=0, remove=0):
+    """A file's or folder's inode flags, after adding and removing those given; None for any other
+    item and where the file system keeps none."""
+    if os.path.islink(path) or not (os.path.isfile(path) or os.path.isdir(path)):
+        return None
+    fd = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_NOFOLLOW)
+    try:
+        flags = array.array("l", [0])
+        fcntl.ioctl(fd, FS_IOC_GETFLAGS, flags)
+        if add or remove:
+            flags[0] = (flags[0] | add) & ~remove
+            fcntl.ioctl(fd, FS_IOC_SETFLAGS, flags)
+        return flags[0]
+    except OSError:
+        return None
+    finally:
+        os.close(fd)
 
 
 def digest(path):
@@ -223,20 +245,19 @@ def finish(process, timeout=120):
 
 # ---- checks
 
-def mirror_differences(source, mirror, excluded=()):
+def mirror_differences(source, mirror, excluded=(), folder_dates=False):
     """What rsync would still change, extra files and changed contents included."""
     r = subprocess.run(["rsync", "-aHAXnc", "--delete", "--itemize-changes",
                         *[b"--exclude=/" + e for e in excluded],
                         os.fsencode(source) + b"/", os.fsencode(mirror) + b"/"], capture_output=True)
-    # Folder dates are left out: a folder touched while a fault struck may keep a date within the
-    # run's 10-second window, which by design is no change. Runs without faults check them in the
-    # whole-run tests.
+    # Folder dates are left out unless asked for: a folder touched while a fault struck may keep a
+    # date within the run's 10-second window, which by design is no change.
     lines = (r.stdout + r.stderr).decode(errors="replace").splitlines(keepends=True)
-    return "".join(line for line in lines if not re.match(r"^\.d\.\.t\.+ ", line))
+    return "".join(line for line in lines if folder_dates or not re.match(r"^\.d\.\.t\.+ ", line))
 
 
-def expect_mirror(source, mirror, excluded=()):
-    diff = mirror_differences(source, mirror, excluded)
+def expect_mirror(source, mirror, excluded=(), folder_dates=False):
+    diff = mirror_differences(source, mirror, excluded, folder_dates)
     expect(diff == "", f"mirror differs from source:\n{diff[:2000]}")
 
 

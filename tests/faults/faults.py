@@ -95,7 +95,7 @@ def main():
             "filesystems": lambda w: filesystems.run(ferrovane, w),
             "changes": lambda w: changes.run(ferrovane, w, args.tier),
             "layout": lambda w: layout.run(ferrovane, w, args.tier, args.seed),
-            "signals": lambda w: signals.run(ferrovane, w, args.tier, args.seed, MOMENTS[args.tier]),
+            "signals": lambda w: signals.run(ferrovane, w),
             "restores": lambda w: restores.run(ferrovane, w),
             "records": lambda w: records.run(ferrovane, w),
             "pointintime": lambda w: pointintime.run(ferrovane, w),

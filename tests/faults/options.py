@@ -7,10 +7,10 @@ import hashlib
 import os
 import plistlib
 
-from faultkit import (run_cases, CONF, Failure, build, content, expect, expect_kept, expect_mirror, log_since, log_size,
-                      versions)
+from faultkit import (run_cases, CONF, Failure, Mirrored, content, expect, expect_kept, expect_mirror, log_since,
+                      log_size, versions)
 
-NAME = "data"
+NAME = Mirrored.NAME
 BOOLEANS = ("moveDeletedFiles", "moveChangedFiles", "purgeRemovedArchive", "purgeChangedArchive",
             "ignoreFileFlagChanges", "disableACLClone", "preallocate", "excludeSymlinks", "performExtendedLogging",
             "excludeCacheFolders", "excludeNodumpItems")
@@ -42,18 +42,13 @@ def tree_state(root):
     return h.hexdigest()
 
 
-class Destination:
+class Destination(Mirrored):
     """A mirror with an old archive that a purge would remove and a source changed since, so that
     any run that went ahead would show in the tree."""
 
     def __init__(self, ferrovane, work):
-        self.ferrovane = ferrovane
-        self.source = os.path.join(work, "src", NAME)
-        self.destination = os.path.join(work, "dest")
-        build(os.fsencode(self.source), {b"f": ("file", 3000, 1), b"g": ("file", 10, 2)})
-        os.makedirs(self.destination)
-        ferrovane.configure(self.destination, [self.source], (("moveChangedFiles", "yes"),))
-        ferrovane.complete(self.destination)
+        super().__init__(ferrovane, work, {b"f": ("file", 3000, 1), b"g": ("file", 10, 2)},
+                         (("moveChangedFiles", "yes"),))
         old = os.path.join(self.destination, "__changed", OLD_STAMP, NAME)
         os.makedirs(old)
         with open(os.path.join(old, "f"), "wb") as f:

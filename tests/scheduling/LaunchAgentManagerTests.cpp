@@ -1,10 +1,9 @@
 // Scheduled runs: the systemd units checked by systemd's own offline tools, hostile destination
-// paths through a written unit, the systemctl/launchctl calls through a recording runner, and
-// the options model that drives them.
+// paths through a written unit and the systemctl/launchctl calls through a recording runner (the
+// options sheet's schedule reaching the timer is the window's test).
 
 #include "engine/config/FVConfigurationFile.h"
 #include "scheduling/FVLaunchAgentManager.h"
-#include "scheduling/FVOptionsPanelController.h"
 #include "fs/FVMountTable.h"
 #include "support/ProcessRunner.h"
 #include "support/SystemdUnit.h"
@@ -16,8 +15,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 
 using namespace ferrovane;
 using namespace ferrovane::test;
@@ -350,28 +347,4 @@ TEST(LaunchAgentManager, LaunchdJobsHaveTheThreeKeysAndUseLaunchctl) {
     std::string error;
     EXPECT_FALSE(manager.writeConnectJob(kUUID, "/y", &error));
     EXPECT_NE(error.find("needs systemd"), std::string::npos);
-}
-
-// Defaults and their order are checked with the configuration file; daily schedules, the UUID
-// kept across changes and "off" through "ferrovane config schedule".
-TEST(OptionsPanelController, LiveOptionsAndAWeekdaySelectionReachTheTimer) {
-    TempDir dir;
-    auto runner = std::make_shared<RecordingRunner>();
-    FVLaunchAgentManager manager(runner, FVJobFormat::Systemd, dir.path(), "/usr/bin/ferrovane");
-    FVOptionsPanelController options(manager);
-    auto stored = std::make_shared<PlistDict>();
-    options.setAllOptions(stored);
-    EXPECT_EQ(options.allOptions(), stored);  // the live dictionary
-    EXPECT_EQ(stored->size(), FVConfigurationFile::defaultOptions().size());
-
-    auto& live = *options.allOptions();
-    live.set("automationEnabled", true);
-    live.set("automationIntervalSelection", int64_t{1});
-    live.set("automationWeekdaySelection", int64_t{5});
-    EXPECT_TRUE(options.updateAutomations("/backups/a"));
-    std::string uuid = options.uuid();
-    EXPECT_TRUE(FVLaunchAgentManager::isValidJobIdentifier(uuid));
-    EXPECT_TRUE(std::none_of(uuid.begin(), uuid.end(), [](char c) { return std::islower(c); }));
-    std::string timer = readFile(dir / ("com.quillmarsh.ferrovane." + uuid + ".timer"));
-    EXPECT_NE(timer.find("OnCalendar=Fri *-*-* 14:00:00"), std::string::npos);
 }
