@@ -99,7 +99,6 @@ bool FVRestoreRun::runPlan(const FVRestorePlan& plan, const std::string& destina
     worker.setSourceRoot(destination);
     // What the file system there cannot hold (owners and modes on exFAT) is then not tried per item.
     worker.setDestinationProfile(plan.targetProfile());
-    if (workerSetup_) workerSetup_(worker);
     {
         std::lock_guard lock(workerMutex_);
         worker_ = &worker;

@@ -45,8 +45,6 @@ public:
     // Cancels at once, from any thread (a signal's): the copy under way stops between chunks and
     // the run ends as cancelled, as it does when interrupt becomes true.
     void cancel();
-    // Test hook: reaches the worker of each item before its copy starts.
-    void setWorkerSetup(std::function<void(FVFileCopyWorker&)> setup) { workerSetup_ = std::move(setup); }
 
     bool respondsToWillOverwriteDestination() const override { return true; }
     bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override;
@@ -64,7 +62,6 @@ private:
 
     const std::vector<FVRestorePlan>& plans_;
     bool replace_;
-    std::function<void(FVFileCopyWorker&)> workerSetup_;
     Report report_;
     std::unordered_set<std::string> conflicts_;  // targets of the item being copied
     uint64_t bytes_ = 0;
