@@ -125,7 +125,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
             xattrsIdentical = [&] {
                 return FVAttributeSignature::xattrIdentialforFileAtPath(sourceRoot, targetRoot, !settings_.options.disableACLClone);
             };
-        FVChangeDecision::Reason reason = decide(*root, *target, xattrsIdentical);
+        FVChangeDecision::Reason reason = decide(*root, *target, xattrsIdentical, relativeRoot, {});
         const bool inPlace = reason == FVChangeDecision::Reason::ModeOrOwnerMismatch;
         ++status_.totalFilesCount;
         if (reason != FVChangeDecision::Reason::Unchanged) handOver(root, target, inPlace ? Work::ModeAndOwner : Work::Copy);
@@ -250,7 +250,7 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                     return *entry.signature == mirrorFolders.signature(level, entry.nameCString(), destinationPath, includeACL);
                 };
             const FVChangeDecision::Reason reason =
-                newFolder ? FVChangeDecision::Reason::TypeMismatch : decide(*source, *destination, xattrsIdentical);
+                newFolder ? FVChangeDecision::Reason::TypeMismatch : decide(*source, *destination, xattrsIdentical, relativeRoot, entry.relativePath());
             bool needed = reason != FVChangeDecision::Reason::Unchanged;
             if (type == S_IFDIR) {
                 mirrorFolders.enter(level, entry.nameCString(), std::string(entry.relativePath()), *destination);
@@ -293,15 +293,26 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
     }
 }
 
+bool FVSourceAnalysis::linkTargetsAgree(FVFileSystemItem& source, FVFileSystemItem& target,
+                                        std::string_view relativeRoot, std::string_view relative) const {
+    const std::string mirrored = FVLongPath::readLink(target.path());
+    // No link has an empty target: the mirror would not show it. sshfs will not read back a link
+    // that leaves its folder; the record of the run that published it then vouches for it.
+    if (mirrored.empty())
+        return recorder_ && recorder_->recordedLinkCurrent(std::string(relativeRoot) + std::string(relative),
+                                                            source.statBuffer());
+    return FVLongPath::readLink(source.path()) == mirrored;
+}
+
 FVChangeDecision::Reason FVSourceAnalysis::decide(FVFileSystemItem& source, FVFileSystemItem& target,
-                                                  const std::function<bool()>& xattrsIdentical) const {
+                                                  const std::function<bool()>& xattrsIdentical,
+                                                  std::string_view relativeRoot, std::string_view relative) const {
     auto reason = FVChangeDecision::decide(FVChangeDecision::sideOf(source), FVChangeDecision::sideOf(target),
                                            xattrsIdentical, tolerance_);
     // Without link dates, a link pointed elsewhere with a target of the same length shows only in
     // its text.
     if (reason == FVChangeDecision::Reason::Unchanged && !tolerance_.comparesLinkTimes &&
-        source.fileType() == FVFileType::SymbolicLink &&
-        FVLongPath::readLink(source.path()) != FVLongPath::readLink(target.path()))
+        source.fileType() == FVFileType::SymbolicLink && !linkTargetsAgree(source, target, relativeRoot, relative))
         reason = FVChangeDecision::Reason::LinkTargetMismatch;
     if (reason != FVChangeDecision::Reason::Unchanged)
         status_.verboseLog(fmt::format("Item needs backup, {}. Source: {}  Destination: {}", reasonText(reason),

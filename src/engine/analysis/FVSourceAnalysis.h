@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace ferrovane {
 
@@ -41,10 +42,14 @@ private:
     void addFixedPatterns(const std::string& sourcePath);
     void walk(const std::string& sourceRoot, const std::string& targetRoot);
     bool isExcluded(const std::string& path, const std::string& sourceRoot) const;
-    // xattrsIdentical: compares the attributes, or is empty when they are not compared. Logs why
-    // a backup is needed.
+    // xattrsIdentical: compares the attributes, or is empty when they are not compared. The entry
+    // lies at relativeRoot + relative in the mirror. Logs why a backup is needed.
     FVChangeDecision::Reason decide(FVFileSystemItem& source, FVFileSystemItem& target,
-                                    const std::function<bool()>& xattrsIdentical) const;
+                                    const std::function<bool()>& xattrsIdentical, std::string_view relativeRoot,
+                                    std::string_view relative) const;
+    // Whether a link's copy in the mirror points where the source link does.
+    bool linkTargetsAgree(FVFileSystemItem& source, FVFileSystemItem& target, std::string_view relativeRoot,
+                          std::string_view relative) const;
     // Logs and keeps a source item that could not be read: its mirror is left as it is.
     void reportUnreadableSource(const std::string& path, int error);
     void handOver(FVFileSystemItemPtr source, FVFileSystemItemPtr destination, Work work = Work::Copy);

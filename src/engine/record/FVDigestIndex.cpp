@@ -15,14 +15,17 @@ int64_t nanoseconds(const struct timespec& time) {
 }
 }  // namespace
 
-uint64_t FVDigestIndex::stateOf(uint64_t size, int64_t modificationTimeNs, uint64_t inode, int64_t changeTimeNs) {
-    const uint64_t values[4] = {size, static_cast<uint64_t>(modificationTimeNs), inode,
+uint64_t FVDigestIndex::stateOf(bool link, uint64_t size, int64_t modificationTimeNs, uint64_t inode,
+                                int64_t changeTimeNs) {
+    const uint64_t values[5] = {link, size, static_cast<uint64_t>(modificationTimeNs), inode,
                                 static_cast<uint64_t>(changeTimeNs)};
     return XXH3_64bits(values, sizeof values);
 }
 
 void FVDigestIndex::add(const FVManifestEntry& entry) {
-    if (entry.type != FVManifestEntryType::File || !entry.hash || entry.failed || entry.sourceInode == 0) return;
+    const bool link = entry.type == FVManifestEntryType::Link;
+    if ((!link && (entry.type != FVManifestEntryType::File || !entry.hash)) || entry.failed || entry.sourceInode == 0)
+        return;
     uint32_t set = 0;
     if (!entry.attributes.empty()) {
         auto [found, added] = setIds_.try_emplace(entry.attributes, static_cast<uint32_t>(sets_.size()));
@@ -30,8 +33,8 @@ void FVDigestIndex::add(const FVManifestEntry& entry) {
         set = found->second;
     }
     slots_.push_back({FVPathKey::of(entry.path),
-                      stateOf(entry.size, entry.modificationTimeNs, entry.sourceInode, entry.sourceChangeTimeNs),
-                      *entry.hash, set});
+                      stateOf(link, entry.size, entry.modificationTimeNs, entry.sourceInode, entry.sourceChangeTimeNs),
+                      link ? FVContentHash() : *entry.hash, set});
 }
 
 void FVDigestIndex::seal() {
@@ -52,7 +55,7 @@ void FVDigestIndex::seal() {
 std::optional<FVDigestIndex::Carried> FVDigestIndex::find(std::string_view path, const struct stat& source) const {
     if (slots_.empty()) return std::nullopt;
     const uint64_t key = FVPathKey::of(path);
-    const uint64_t state = stateOf(static_cast<uint64_t>(source.st_size), nanoseconds(source.st_mtim), source.st_ino,
+    const uint64_t state = stateOf(S_ISLNK(source.st_mode), static_cast<uint64_t>(source.st_size), nanoseconds(source.st_mtim), source.st_ino,
                                    nanoseconds(source.st_ctim));
     const size_t bucket = key >> bucketShift_;
     for (size_t slot = buckets_[bucket]; slot < buckets_[bucket + 1]; ++slot)

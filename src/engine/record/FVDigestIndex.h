@@ -4,7 +4,8 @@
 // a file it leaves as it is instead of reading the mirror and the source again. They are given only
 // for the same path in the same state: same size and modification time, and the same source inode
 // with the same change time (a write to the source, a new file under its name, or a change of its
-// attributes or access control lists changes one of them).
+// attributes or access control lists changes one of them). Links are kept too, without a digest:
+// one found in the same state is the one the earlier run published.
 
 #include "manifest/FVManifestEntry.h"
 
@@ -27,7 +28,7 @@ public:
     };
 
     void reserve(size_t files) { slots_.reserve(files); }
-    // A regular file's entry with a digest that the run published; others are passed over.
+    // A regular file's entry with a digest, or a link's, that the run published; others are passed over.
     void add(const FVManifestEntry& entry);
     // Sorts what was added; find() answers only afterwards.
     void seal();
@@ -42,7 +43,7 @@ private:
         uint32_t attributes;  // index into sets_
         bool operator<(const Slot& other) const { return path < other.path; }
     };
-    static uint64_t stateOf(uint64_t size, int64_t modificationTimeNs, uint64_t inode, int64_t changeTimeNs);
+    static uint64_t stateOf(bool link, uint64_t size, int64_t modificationTimeNs, uint64_t inode, int64_t changeTimeNs);
 
     std::vector<Slot> slots_;
     std::vector<FVManifestAttributes> sets_{FVManifestAttributes()};

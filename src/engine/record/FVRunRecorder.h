@@ -42,6 +42,12 @@ public:
     // attributes: the source's, when already read (else they are read here).
     bool recordCurrent(const std::string& relative, const std::string& sourcePath, const struct stat& st,
                        const FVManifestAttributes* attributes = nullptr);
+    // Whether the newest earlier record holds the link at relative as published from the source
+    // link in the state it is in now (same identity, change time and length): its copy is then
+    // current, also where the mirror will not show a link's target.
+    bool recordedLinkCurrent(const std::string& relative, const struct stat& source) const {
+        return S_ISLNK(source.st_mode) && previous_.find(relative, source).has_value();
+    }
     // A copy thread: an item copied, failed, or whose digest was taken from the mirror.
     void recordCopy(const FVCopyRecord& record);
     // A folder the walk could not enter, or the mirror of a source that is not there: its mirror is
