@@ -315,6 +315,15 @@ def backups(ferrovane, fs, mnt, work):
     r = ferrovane.command("restore", destination, changed, "--to", target, "--replace", timeout=60)
     expect(r.returncode == 0, f"restore with --replace exit {r.returncode}: {tail(r)}")
     expect(digest(os.path.join(target, "changing.txt")) == digest(changed), "the restore did not bring the version back")
+    # Links come back as they were, also those the mount will not read back (see version()).
+    if fs.links:
+        elsewhere = os.path.join(work, "restored")
+        os.makedirs(elsewhere)
+        r = ferrovane.command("restore", destination, os.path.join(source, "private"), "--to", elsewhere, timeout=60)
+        expect(r.returncode == 0, f"restore of links exit {r.returncode}: {tail(r)}")
+        for name in ("link", "up", "away"):
+            back, original = os.path.join(elsewhere, "private", name), os.path.join(source, "private", name)
+            expect(os.path.islink(back) and os.readlink(back) == os.readlink(original), f"private/{name} came back wrong")
 
     line = re.search(rb"Destination file system: (.*)", log)
     expect(line is not None, "no line with what the probe found")

@@ -47,6 +47,11 @@ public:
     // Data of a file written (bytes since the last call for it), after every chunk on the
     // copying thread, before the copy is published.
     virtual void copyWorkerDidWriteData(const std::string& sourcePath, uint64_t bytes) {}
+    // The target of a source link that will not be read back (sshfs refuses one that leaves its
+    // folder), as the record of the run that made it keeps it; nothing when it is not known.
+    virtual std::optional<std::string> copyWorkerRecordedLinkTarget(const std::string& sourcePath) {
+        return std::nullopt;
+    }
     // A line for the run log that is neither an error nor a warning.
     virtual void copyWorkerDidGenerateMessage(const std::string& message) {}
     // An item's warning or error, or, once per session, the fatal error of a read-only, full or

@@ -318,10 +318,18 @@ FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
     ssize_t length = -1;
     if (link.valid() && FVFileStatus::fstat(link.get(), &st) == 0 && S_ISLNK(st.st_mode))
         length = FVLinks::readlinkat(link.get(), "", state_.buffer.get(), kCopyBufferSize - 1);
-    if (length < 0)
-        return failed(FVRunError::item("reading", errno, item.sourcePath,
-                                       fmt::format("Could not copy symbolic link {}. (Could not read link: {})",
-                                                   item.sourcePath, reasonOf(errno))));
+    if (length < 0) {
+        const int error = errno;
+        std::optional<std::string> recorded;
+        if (error == EPERM && worker_.delegate) recorded = worker_.delegate->copyWorkerRecordedLinkTarget(item.sourcePath);
+        // Taken only for the link it was recorded of: a link's size is the length of its target.
+        if (!recorded || recorded->size() != static_cast<size_t>(st.st_size) || recorded->size() >= kCopyBufferSize)
+            return failed(FVRunError::item("reading", error, item.sourcePath,
+                                           fmt::format("Could not copy symbolic link {}. (Could not read link: {})",
+                                                       item.sourcePath, reasonOf(error))));
+        recorded->copy(state_.buffer.get(), recorded->size());
+        length = static_cast<ssize_t>(recorded->size());
+    }
     state_.buffer[static_cast<size_t>(length)] = '\0';
     linkTarget_.assign(state_.buffer.get(), static_cast<size_t>(length));
     published_ = st;

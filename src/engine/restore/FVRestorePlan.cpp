@@ -3,6 +3,7 @@
 #include "engine/analysis/FVChangeDecision.h"
 #include "engine/config/FVConfigurationFile.h"
 #include "engine/copy/FVFileCopyWorker.h"
+#include "engine/record/FVRunRecords.h"
 #include "engine/record/FVVersionCatalog.h"
 #include "fs/FVDestinationProbe.h"
 #include "fs/FVDirectoryWalker.h"
@@ -16,6 +17,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -92,8 +94,33 @@ FVRestorePlan::FVRestorePlan(std::string destination, std::string from, std::str
             FVFd folder = confinedParent(versions, from_, name, &error);
             if (folder.valid()) link = linkText(folder.get(), name);
         }
+        if (S_ISLNK(entry->st.st_mode) && link.empty()) link = recordedLinkText(entry->path, entry->st);
         add(entry->path, entry->st, target, link);
     }
+}
+
+std::string FVRestorePlan::recordedLinkText(const std::string& path, const struct stat& st) {
+    if (!newestRunLooked_) {
+        newestRunLooked_ = true;
+        std::vector<FVRunRecord> runs = FVRunRecords(destination_).list();
+        auto newest = std::find_if(runs.rbegin(), runs.rend(), [](const FVRunRecord& run) { return run.summary.has_value(); });
+        std::string problem;
+        if (newest != runs.rend()) newestRun_ = FVPointInTime::open(destination_, *newest, &problem);
+    }
+    if (!newestRun_) return {};
+    std::optional<std::string> relative = newestRun_->layout().relativePathOfDestinationPath(path);
+    std::string problem;
+    std::optional<FVManifestEntry> entry = relative ? newestRun_->entryAt(*relative, &problem) : std::nullopt;
+    if (!entry || entry->type != FVManifestEntryType::Link || entry->failed ||
+        entry->linkTarget.size() != static_cast<uint64_t>(st.st_size))
+        return {};
+    recordedLinks_[path] = entry->linkTarget;
+    return entry->linkTarget;
+}
+
+const std::string* FVRestorePlan::recordedLinkTarget(const std::string& versionPath) const {
+    auto found = recordedLinks_.find(versionPath);
+    return found == recordedLinks_.end() ? nullptr : &found->second;
 }
 
 // The destination's own files never come back: its archives and configuration when the whole

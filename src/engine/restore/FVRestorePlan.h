@@ -3,12 +3,15 @@
 // before their contents), the existing target items it would replace, and the folder the copy
 // is confined to. Planning only reads; nothing is written.
 
+#include "engine/record/FVPointInTime.h"
 #include "engine/run/FVFileSystemItem.h"
 #include "fs/FVConfinedDirectory.h"
 #include "fs/FVDestinationProfile.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace ferrovane {
@@ -51,6 +54,9 @@ public:
     // Whether the item at a target path already is the version: the same type, size and
     // modification time, to the precision the target keeps.
     bool holdsVersion(FVFileSystemItem& version, const std::string& path, const struct stat& target) const;
+    // The target of a link in the mirror that will not be read back (sshfs refuses one that
+    // leaves its folder), as the newest record of a run keeps it; null when it is not known.
+    const std::string* recordedLinkTarget(const std::string& versionPath) const;
 
 private:
     void addMissingParents(const FVConfinedDirectory& versions, const std::vector<std::string>& parentMirrors);
@@ -58,12 +64,17 @@ private:
     void add(const std::string& fromPath, const struct stat& st, const std::string& toPath,
              const std::string& versionLink);
     bool isHousekeeping(std::string_view relative, std::string_view name) const;
+    // The newest record's target for a link of the mirror at path whose size is st's; empty if none.
+    std::string recordedLinkText(const std::string& path, const struct stat& st);
 
     std::string destination_, from_, to_, root_;
     FVDestinationProfile profile_;
     std::vector<std::pair<FVFileSystemItemPtr, FVFileSystemItemPtr>> pairs_;
     std::vector<Conflict> conflicts_;
     std::vector<std::string> problems_;
+    std::unordered_map<std::string, std::string> recordedLinks_;
+    std::optional<FVPointInTime> newestRun_;
+    bool newestRunLooked_ = false;
     uint64_t files_ = 0, bytes_ = 0, identical_ = 0;
 };
 

@@ -87,6 +87,7 @@ bool FVRestoreRun::runPlan(const FVRestorePlan& plan, const std::string& destina
                            uint64_t total, const Progress& progress, const std::atomic<bool>& interrupt) {
     conflicts_.clear();
     for (const FVRestorePlan::Conflict& conflict : plan.conflicts()) conflicts_.insert(conflict.target);
+    plan_ = &plan;
     {
         std::lock_guard lock(mutex_);
         finished_ = cancelled_ = false;
@@ -153,6 +154,11 @@ bool FVRestoreRun::copyWorkerWillOverwriteDestination(FVFileSystemItem& destinat
     replaced_.fetch_add(1, std::memory_order_relaxed);
     tell(fmt::format("Moved {} {}: {}", outcome.inTrash ? "to the trash" : "aside", path, outcome.placedAt), false);
     return true;
+}
+
+std::optional<std::string> FVRestoreRun::copyWorkerRecordedLinkTarget(const std::string& sourcePath) {
+    const std::string* target = plan_ ? plan_->recordedLinkTarget(sourcePath) : nullptr;
+    return target ? std::optional<std::string>(*target) : std::nullopt;
 }
 
 void FVRestoreRun::copyWorkerDidGenerateMessage(const std::string& message) {

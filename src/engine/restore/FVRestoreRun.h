@@ -48,6 +48,7 @@ public:
 
     bool respondsToWillOverwriteDestination() const override { return true; }
     bool copyWorkerWillOverwriteDestination(FVFileSystemItem& destination) override;
+    std::optional<std::string> copyWorkerRecordedLinkTarget(const std::string& sourcePath) override;
     void copyWorkerDidGenerateMessage(const std::string& message) override;
     void copyWorkerDidFail(const FVRunError& error) override;
     void copyWorkerDidFinishCopy() override;
@@ -64,6 +65,7 @@ private:
     bool replace_;
     Report report_;
     std::unordered_set<std::string> conflicts_;  // targets of the item being copied
+    const FVRestorePlan* plan_ = nullptr;        // the item being copied; set before its copies start
     uint64_t bytes_ = 0;
     std::atomic<uint64_t> replaced_{0};
     std::atomic<uint64_t> errors_{0};
