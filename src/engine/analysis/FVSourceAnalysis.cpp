@@ -250,7 +250,8 @@ void FVSourceAnalysis::walk(const std::string& sourceRoot, const std::string& ta
                     return *entry.signature == mirrorFolders.signature(level, entry.nameCString(), destinationPath, includeACL);
                 };
             const FVChangeDecision::Reason reason =
-                newFolder ? FVChangeDecision::Reason::TypeMismatch : decide(*source, *destination, xattrsIdentical, relativeRoot, entry.relativePath());
+                newFolder ? FVChangeDecision::Reason::TypeMismatch
+                          : decide(*source, *destination, xattrsIdentical, relativeRoot, entry.relativePath());
             bool needed = reason != FVChangeDecision::Reason::Unchanged;
             if (type == S_IFDIR) {
                 mirrorFolders.enter(level, entry.nameCString(), std::string(entry.relativePath()), *destination);

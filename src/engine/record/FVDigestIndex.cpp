@@ -55,8 +55,8 @@ void FVDigestIndex::seal() {
 std::optional<FVDigestIndex::Carried> FVDigestIndex::find(std::string_view path, const struct stat& source) const {
     if (slots_.empty()) return std::nullopt;
     const uint64_t key = FVPathKey::of(path);
-    const uint64_t state = stateOf(S_ISLNK(source.st_mode), static_cast<uint64_t>(source.st_size), nanoseconds(source.st_mtim), source.st_ino,
-                                   nanoseconds(source.st_ctim));
+    const uint64_t state = stateOf(S_ISLNK(source.st_mode), static_cast<uint64_t>(source.st_size),
+                                   nanoseconds(source.st_mtim), source.st_ino, nanoseconds(source.st_ctim));
     const size_t bucket = key >> bucketShift_;
     for (size_t slot = buckets_[bucket]; slot < buckets_[bucket + 1]; ++slot)
         if (slots_[slot].path == key && slots_[slot].state == state)

@@ -28,7 +28,8 @@ public:
     };
 
     void reserve(size_t files) { slots_.reserve(files); }
-    // A regular file's entry with a digest, or a link's, that the run published; others are passed over.
+    // A regular file's entry with a digest, or a link's, that the run published; others are
+    // passed over.
     void add(const FVManifestEntry& entry);
     // Sorts what was added; find() answers only afterwards.
     void seal();

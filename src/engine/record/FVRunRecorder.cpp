@@ -72,9 +72,8 @@ FVRunRecorder::~FVRunRecorder() = default;
 
 void FVRunRecorder::loadPreviousDigests() {
     if (!recording()) return;
-    const std::vector<FVRunRecord> runs = FVRunRecords(settings_.targetPath).list();
-    auto newest = std::find_if(runs.rbegin(), runs.rend(), [](const FVRunRecord& run) { return run.summary.has_value(); });
-    if (newest == runs.rend()) {
+    const std::optional<FVRunRecord> newest = FVRunRecords(settings_.targetPath).newestClosed();
+    if (!newest) {
         status_.log("NOTE: The destination has no record of an earlier run: this run reads every file of the mirror "
                     "it does not copy once, to record the digest of its bytes.");
         return;

@@ -56,6 +56,13 @@ std::vector<FVRunRecord> FVRunRecords::list() const {
     return runs;
 }
 
+std::optional<FVRunRecord> FVRunRecords::newestClosed() const {
+    std::vector<FVRunRecord> runs = list();
+    auto newest = std::find_if(runs.rbegin(), runs.rend(), [](const FVRunRecord& run) { return run.summary.has_value(); });
+    if (newest == runs.rend()) return std::nullopt;
+    return std::move(*newest);
+}
+
 std::optional<std::time_t> FVRunRecords::parseMoment(const std::string& text) {
     for (const char* format : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
         struct tm parts {};

@@ -30,6 +30,8 @@ public:
     // Every finished manifest, oldest first; temporary files of killed runs are not runs. Empty
     // when the destination has no records (made by an older version, or never run).
     std::vector<FVRunRecord> list() const;
+    // The newest run whose record was closed with its summary; nothing when there is none.
+    std::optional<FVRunRecord> newestClosed() const;
     // The manifest path of a stamp.
     std::string pathOf(const std::string& stamp) const;
 

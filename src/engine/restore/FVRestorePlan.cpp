@@ -102,10 +102,9 @@ FVRestorePlan::FVRestorePlan(std::string destination, std::string from, std::str
 std::string FVRestorePlan::recordedLinkText(const std::string& path, const struct stat& st) {
     if (!newestRunLooked_) {
         newestRunLooked_ = true;
-        std::vector<FVRunRecord> runs = FVRunRecords(destination_).list();
-        auto newest = std::find_if(runs.rbegin(), runs.rend(), [](const FVRunRecord& run) { return run.summary.has_value(); });
         std::string problem;
-        if (newest != runs.rend()) newestRun_ = FVPointInTime::open(destination_, *newest, &problem);
+        if (std::optional<FVRunRecord> newest = FVRunRecords(destination_).newestClosed())
+            newestRun_ = FVPointInTime::open(destination_, *newest, &problem);
     }
     if (!newestRun_) return {};
     std::optional<std::string> relative = newestRun_->layout().relativePathOfDestinationPath(path);
