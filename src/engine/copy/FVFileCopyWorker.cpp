@@ -209,8 +209,8 @@ void FVFileCopyWorkerImpl::workerBody() {
                 copiedFiles.fetch_add(1, std::memory_order_relaxed);
                 copyPair(run[done], state);
             }
-            if (done == run.size()) continue;
             state.prefetch.clear();
+            if (done == run.size()) continue;
             for (; done < run.size(); ++done)
                 if (!run[done].source->isFile()) folders.settle(run[done].destination->path());
             break;

@@ -32,7 +32,7 @@ struct FVCopyThreadState {
     FVNewFileProfile newFiles;  // what a file made in lastDirectory starts with
     std::string sourceFolder;  // the source folder last read from, relative to the source root,
     FVFd sourceFolderFd;       // and its descriptor, reached from the root without following links
-    FVSourcePrefetch prefetch;  // the sources of the run in hand, opened ahead
+    FVSourcePrefetch prefetch;  // sources of the run in hand, opened ahead of their copies
 };
 
 // How a source file is opened for its copy.
