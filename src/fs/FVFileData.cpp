@@ -12,5 +12,6 @@ off_t lseek(int fd, off_t offset, int whence) { return ::lseek(fd, offset, whenc
 int ftruncate(int fd, off_t length) { return ::ftruncate(fd, length); }
 int fallocate(int fd, int mode, off_t offset, off_t length) { return ::fallocate(fd, mode, offset, length); }
 void adviseSequential(int fd) { posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL); }
+void adviseWillNeed(int fd) { posix_fadvise(fd, 0, 0, POSIX_FADV_WILLNEED); }
 
 }  // namespace ferrovane::FVFileData

@@ -16,5 +16,7 @@ int ftruncate(int fd, off_t length);
 int fallocate(int fd, int mode, off_t offset, off_t length);
 // A hint that the file is read from start to end; its failure changes nothing.
 void adviseSequential(int fd);
+// A hint that the whole file is read soon: its reads start now; its failure changes nothing.
+void adviseWillNeed(int fd);
 
 }  // namespace ferrovane::FVFileData

@@ -203,11 +203,13 @@ void FVFileCopyWorkerImpl::workerBody() {
             run.clear();
             // Waits for pairs; none once the session ended and every pair was taken.
             if (!nextRun(run)) break;
+            state.prefetch.start(run, [&](const std::string& path) { return openSource(path, kSourceFileFlags, &state); });
             size_t done = 0;
             for (; done < run.size() && !cancelled.load(std::memory_order_relaxed); ++done) {
                 copiedFiles.fetch_add(1, std::memory_order_relaxed);
                 copyPair(run[done], state);
             }
+            state.prefetch.clear();
             if (done == run.size()) continue;
             for (; done < run.size(); ++done)
                 if (!run[done].source->isFile()) folders.settle(run[done].destination->path());

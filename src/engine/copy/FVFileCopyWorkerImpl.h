@@ -7,8 +7,10 @@
 #include "engine/copy/FVDirectoryMetadataFinisher.h"
 #include "engine/copy/FVFileCopyWorker.h"
 #include "engine/copy/FVNewFileProfile.h"
+#include "engine/copy/FVSourcePrefetch.h"
 #include "fs/FVConfinedDirectory.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -30,7 +32,11 @@ struct FVCopyThreadState {
     FVNewFileProfile newFiles;  // what a file made in lastDirectory starts with
     std::string sourceFolder;  // the source folder last read from, relative to the source root,
     FVFd sourceFolderFd;       // and its descriptor, reached from the root without following links
+    FVSourcePrefetch prefetch;  // sources of the run in hand, opened ahead of their copies
 };
+
+// How a source file is opened for its copy.
+inline constexpr int kSourceFileFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY;
 
 struct FVFileCopyWorkerImpl {
     // Settings, fixed before the session starts.

@@ -128,7 +128,8 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
                                   FVRunError::Kind::RetryOnce);
     };
     if (item.dirFd < 0) return notCreated(item.folderError);
-    FVFd in(worker_.openSource(item.sourcePath, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY, &state_));
+    FVFd in = state_.prefetch.take(item.sourcePath);
+    if (!in.valid()) in.reset(worker_.openSource(item.sourcePath, kSourceFileFlags, &state_));
     if (!in.valid()) return sourceFailure(item, errno);
     struct stat st {};
     if (FVFileStatus::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return sourceFailure(item, 0);
@@ -300,7 +301,7 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
     if (!FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error, nullptr,
                                                   keeps))
         failed(error);
-    FVFd in(worker_.openSource(source.path(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY, &state_));
+    FVFd in(worker_.openSource(source.path(), kSourceFileFlags, &state_));
     FVFd out(FVInodeFlags::openForFlags(dirFd, name));
     if (in.valid() && out.valid()) FVInodeFlags::clone(in.get(), out.get());
 }
