@@ -3,6 +3,7 @@
 #include "engine/analysis/FVChangeDecision.h"
 #include "engine/config/FVConfigurationFile.h"
 #include "engine/copy/FVFileCopyWorker.h"
+#include "engine/record/FVPointInTime.h"
 #include "engine/record/FVRunRecords.h"
 #include "engine/record/FVVersionCatalog.h"
 #include "fs/FVDestinationProbe.h"
@@ -100,21 +101,28 @@ FVRestorePlan::FVRestorePlan(std::string destination, std::string from, std::str
 }
 
 std::string FVRestorePlan::recordedLinkText(const std::string& path, const struct stat& st) {
-    if (!newestRunLooked_) {
-        newestRunLooked_ = true;
+    // The record is read once, for the links at or below what is restored: a lookup per link
+    // would read the whole record again for each. It tells of the mirror as that run left it,
+    // not of archived versions.
+    if (!newestRun_) {
+        newestRun_.emplace();
         std::string problem;
-        if (std::optional<FVRunRecord> newest = FVRunRecords(destination_).newestClosed())
-            newestRun_ = FVPointInTime::open(destination_, *newest, &problem);
+        std::optional<FVRunRecord> newest = FVRunRecords(destination_).newestClosed();
+        std::optional<FVPointInTime> run = newest ? FVPointInTime::open(destination_, *newest, &problem) : std::nullopt;
+        std::optional<std::string> below;
+        if (run && !run->layout().archiveStampOfDestinationPath(from_))
+            below = run->layout().relativePathOfDestinationPath(from_);
+        const std::string root = destination_ == "/" ? std::string() : destination_;
+        if (below)
+            run->forEachAtOrBelow(*below, [&](const FVManifestEntry& entry) {
+                if (entry.type == FVManifestEntryType::Link && !entry.failed)
+                    (*newestRun_)[root + entry.path] = entry.linkTarget;
+            }, &problem);
     }
-    if (!newestRun_) return {};
-    std::optional<std::string> relative = newestRun_->layout().relativePathOfDestinationPath(path);
-    std::string problem;
-    std::optional<FVManifestEntry> entry = relative ? newestRun_->entryAt(*relative, &problem) : std::nullopt;
-    if (!entry || entry->type != FVManifestEntryType::Link || entry->failed ||
-        entry->linkTarget.size() != static_cast<uint64_t>(st.st_size))
-        return {};
-    recordedLinks_[path] = entry->linkTarget;
-    return entry->linkTarget;
+    auto recorded = newestRun_->find(path);
+    if (recorded == newestRun_->end() || recorded->second.size() != static_cast<uint64_t>(st.st_size)) return {};
+    recordedLinks_[path] = recorded->second;
+    return recorded->second;
 }
 
 const std::string* FVRestorePlan::recordedLinkTarget(const std::string& versionPath) const {

@@ -3,7 +3,6 @@
 // before their contents), the existing target items it would replace, and the folder the copy
 // is confined to. Planning only reads; nothing is written.
 
-#include "engine/record/FVPointInTime.h"
 #include "engine/run/FVFileSystemItem.h"
 #include "fs/FVConfinedDirectory.h"
 #include "fs/FVDestinationProfile.h"
@@ -72,9 +71,9 @@ private:
     std::vector<std::pair<FVFileSystemItemPtr, FVFileSystemItemPtr>> pairs_;
     std::vector<Conflict> conflicts_;
     std::vector<std::string> problems_;
-    std::unordered_map<std::string, std::string> recordedLinks_;
-    std::optional<FVPointInTime> newestRun_;
-    bool newestRunLooked_ = false;
+    std::unordered_map<std::string, std::string> recordedLinks_;   // by version path, for the copy
+    // The newest record's links at or below from_, by path; read at the first link that needs it.
+    std::optional<std::unordered_map<std::string, std::string>> newestRun_;
     uint64_t files_ = 0, bytes_ = 0, identical_ = 0;
 };
 
