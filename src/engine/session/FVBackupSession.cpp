@@ -229,27 +229,30 @@ void FVBackupSession::cancel() {
 }
 
 void FVBackupSession::run() {
-    syncingBackup_->loadPreviousRecord();
-    for (size_t i = 0; i < enabledItems_.size(); ++i) {
-        FVSourceItem& item = *enabledItems_[i];
-        const std::string sourcePath = item.sourcePath();
-        setTaskDescription(FVStrings::format("progresssyncing", FVText::lastPathComponent(sourcePath)));
-        std::optional<int64_t> estimate;
-        if (auto stored = item.value(FVSourceKey::totalFilesCount)) estimate = stored->integerValue();
-        itemInProgress_ = static_cast<int64_t>(i);
-        if (!syncingBackup_->backUpSourceItem(sourcePath, estimate)) return didCancel();
-        currentItemIndex_ = i + 1;
-        if (syncingBackup_->lastSourceUnreadable()) recordUnreadable(item);
-        else recordResults(item);
-        itemInProgress_ = -1;
-    }
-    if (shouldPerformCleanup_) {
-        setTaskDescription(FVStrings::localized("progressremoving"));
-        int64_t fileCount = 0;
-        for (const FVSourceItemPtr& item : backupSet_) fileCount += item->integerValue(FVSourceKey::totalFilesCount);
-        if (!syncingBackup_->removeDeletedFiles(backupSet_, static_cast<int32_t>(fileCount))) return didCancel();
-    }
+    if (!syncingBackup_->run(enabledItems_, backupSet_, *this)) return endCancelled("Sync cancelled.\n");
     finish();
+}
+
+void FVBackupSession::sourceWillStart(const FVSourceItem& item, size_t index) {
+    setTaskDescription(FVStrings::format("progresssyncing", FVText::lastPathComponent(item.sourcePath())));
+    itemInProgress_ = static_cast<int64_t>(index);
+}
+
+void FVBackupSession::sourceDidFinish(FVSourceItem& item, size_t index, bool unreadable) {
+    currentItemIndex_ = index + 1;
+    if (unreadable) recordUnreadable(item);
+    else recordResults(item);
+    itemInProgress_ = -1;
+}
+
+void FVBackupSession::cleanupWillStart() { setTaskDescription(FVStrings::localized("progressremoving")); }
+
+void FVBackupSession::purgeWillStart() {
+    if (!backupOptions_.purgesRemovedArchives() && !backupOptions_.purgesChangedArchives() &&
+        !backupOptions_.retentionEnabled)
+        return;
+    setTaskDescription(FVStrings::localized("viewpurgingarchives"));
+    progressStep();
 }
 
 void FVBackupSession::recordResults(FVSourceItem& item) const {
@@ -288,15 +291,6 @@ void FVBackupSession::finish() {
     // The cleanup has run: a confirmation that a source was emptied on purpose is used up.
     if (!dryRun_)
         for (const FVSourceItemPtr& item : enabledItems_) item->removeValue(FVSourceKey::emptySourceConfirmed);
-    if (backupOptions_.purgesRemovedArchives() || backupOptions_.purgesChangedArchives() ||
-        backupOptions_.retentionEnabled) {
-        setTaskDescription(FVStrings::localized("viewpurgingarchives"));
-        progressStep();
-    }
-    syncingBackup_->purgeArchives();
-    syncingBackup_->flushDestination();
-    syncingBackup_->finishRecord(false);
-    syncingBackup_->thinRuns();
     runAfterHook(!errorMessages().empty() ? "errors" : !warnings().empty() ? "warnings" : "finished");
     logSummary(false);
     FVLog::currentLog().addLogLine(fmt::format("Sync finished (Duration: {}).\n", syncingBackup_->currentDurationString()));
@@ -333,12 +327,6 @@ void FVBackupSession::stopForSpace(const std::string& problem) {
     setTaskDescription("Stopped before copying: not enough room.");
     sleepInhibitor_.release();
     if (delegate_) delegate_->backupSessionDidCancel(*this);
-}
-
-void FVBackupSession::didCancel() {
-    syncingBackup_->flushDestination();
-    syncingBackup_->finishRecord(true);
-    endCancelled("Sync cancelled.\n");
 }
 
 void FVBackupSession::endCancelled(const std::string& lastLogLine) {

@@ -1,14 +1,15 @@
 #pragma once
-// One whole backup of a destination: the free-space rule before anything is touched, every
-// enabled source item in list order, then the cleanup of what vanished, then the purge of old
-// archives; with session-wide progress, cancellation,
-// sleep prevention, and the per-item results written into the shared items.
+// One whole backup of a destination as the front ends see it: the destination's probe and the
+// free-space rule before anything is touched, the hooks, the run itself (FVBackupPipeline, in
+// the order of its stages) on its own thread, session-wide progress, cancellation, sleep
+// prevention, the per-item results written into the shared items, and the summary at the end.
 
 #include "engine/config/FVOptions.h"
 #include "engine/config/FVSourceItem.h"
 #include "engine/run/FVRunHooks.h"
 #include "engine/run/FVRunStatus.h"
 #include "engine/run/FVRunSummary.h"
+#include "engine/session/FVBackupPipeline.h"
 #include "engine/session/FVRoomForRun.h"
 #include "engine/session/FVSyncingBackup.h"
 #include "platform/FVSleepInhibitor.h"
@@ -39,12 +40,12 @@ public:
     virtual void backupSessionHookDidPrint(FVBackupSession& session, std::string_view line) {}
 };
 
-class FVBackupSession final {
+class FVBackupSession final : private FVBackupPipeline::Listener {
 public:
     FVBackupSession() = default;
     // Waits for a run in progress to end (a delegate may also destroy the session from its
     // finish or cancel callback).
-    ~FVBackupSession();
+    ~FVBackupSession() override;
 
     void setDelegate(FVBackupSessionDelegate* delegate) { delegate_ = delegate; }
     void setDestinationPath(std::string path) { destinationPath_ = std::move(path); }
@@ -121,11 +122,15 @@ public:
 private:
     // The run from the first source item to the end, on driver_.
     void run();
+    // Between the pipeline's stages: progress, and each source item's results.
+    void sourceWillStart(const FVSourceItem& item, size_t index) override;
+    void sourceDidFinish(FVSourceItem& item, size_t index, bool unreadable) override;
+    void cleanupWillStart() override;
+    void purgeWillStart() override;
     void recordResults(FVSourceItem& item) const;
     // A source that could not be read keeps the results of its last good backup.
     void recordUnreadable(FVSourceItem& item) const;
     void finish();
-    void didCancel();
     // Ends the run before it touches anything: the problem goes to the log and the errors.
     void refuse(const std::string& problem);
     // The look ahead of a run that may not fit, and the purge it allows; false when the run ended.

@@ -1,28 +1,20 @@
 #include "engine/session/FVSyncingBackup.h"
-#include "fs/FVMountTable.h"
 
 #include "FVVersion.h"
-#include "engine/archive/FVArchivePurge.h"
-#include "engine/archive/FVMirrorCleanup.h"
-#include "engine/archive/FVRunThinning.h"
-#include "engine/session/FVBackupPipeline.h"
 #include "engine/record/FVRunRecorder.h"
 #include "engine/run/FVDate.h"
 #include "engine/run/FVLog.h"
 #include "engine/run/FVNumber.h"
 #include "engine/run/FVStrings.h"
 #include "fs/FVDestinationProbe.h"
+#include "fs/FVMountTable.h"
 #include "fs/FVTestHook.h"
 #include "fs/FVText.h"
 #include "platform/FVMountWatcher.h"
 
 #include <fmt/format.h>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdlib>
-
 
 namespace ferrovane {
 
@@ -112,27 +104,15 @@ std::shared_ptr<FVFileCopyWorker> FVSyncingBackup::makeWorker(const std::string&
     return worker;
 }
 
-bool FVSyncingBackup::backUpSourceItem(const std::string& sourcePath, std::optional<int64_t> fileCountEstimation) {
+bool FVSyncingBackup::run(const std::vector<FVSourceItemPtr>& sources, const std::vector<FVSourceItemPtr>& backupSet,
+                          FVBackupPipeline::Listener& listener) {
     FVBackupPipeline pipeline({settings_, findings_, status_, destination_, changedFileArchive_, unkeptMetadata_,
                                recorder_.get(),
-                               [this, &sourcePath](std::shared_ptr<FVCopyPairs> pairs) {
+                               [this](const std::string& sourcePath, std::shared_ptr<FVCopyPairs> pairs) {
                                    return makeWorker(sourcePath, std::move(pairs));
                                }},
-                              sourcePath);
-    const bool completed = pipeline.run(fileCountEstimation);
-    lastSourceUnreadable_ = pipeline.sourceUnreadable();
-    return completed;
-}
-
-void FVSyncingBackup::loadPreviousRecord() {
-    if (recorder_) recorder_->loadPreviousDigests();
-}
-
-void FVSyncingBackup::finishRecord(bool stopped) {
-    if (!recorder_) return;
-    recorder_->finish(!stopped ? FVManifestOutcome::Complete
-                      : status_.destinationHasFailed() ? FVManifestOutcome::Failed
-                                                       : FVManifestOutcome::Stopped);
+                              listener);
+    return pipeline.run(sources, backupSet);
 }
 
 std::vector<std::string> FVSyncingBackup::warnings() const {
@@ -140,23 +120,6 @@ std::vector<std::string> FVSyncingBackup::warnings() const {
     if (std::string warning = recorder_ ? recorder_->warning() : std::string(); !warning.empty())
         warnings.push_back(std::move(warning));
     return warnings;
-}
-
-bool FVSyncingBackup::removeDeletedFiles(const std::vector<FVSourceItemPtr>& backupSet, int32_t cleanupFileCount) {
-    return FVMirrorCleanup(settings_, findings_, destination_, status_).run(backupSet, cleanupFileCount);
-}
-
-void FVSyncingBackup::purgeArchives() { FVArchivePurge(settings_, destination_, status_).run(); }
-
-void FVSyncingBackup::thinRuns() { FVRunThinning(settings_, destination_, status_).run(); }
-
-void FVSyncingBackup::flushDestination() {
-    if (settings_.dryRun) return;
-    int error = destination_.flush();
-    if (error == 0) return;
-    status_.report(FVRunError::atDestination("flushing", error, settings_.targetPath,
-                                             fmt::format("Could not write the destination's data to its disk: {}",
-                                                         std::strerror(error))));
 }
 
 void FVSyncingBackup::checkVolumeDidUnmount(const std::string& mountPoint) {

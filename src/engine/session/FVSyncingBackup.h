@@ -1,11 +1,8 @@
 #pragma once
-// The sync engine of one run towards one destination, driven step by step by the session: each
-// step runs on the caller's thread and returns when it is done. A source item goes through its
-// stages in FVBackupPipeline (walk and analysis, copies, later names), the copy threads asking
-// this object, their delegate, to archive each file they overwrite (FVChangedFileArchive); the
-// cleanup takes away what vanished from the sources (FVMirrorCleanup); the purge deletes old
-// archives (FVArchivePurge), the thinning the runs that the retention policy lets go
-// (FVRunThinning).
+// The sync engine of one run towards one destination: what the run's stages share (its settings,
+// findings, status, the destination, the record of the run) and the copy threads' delegate, which
+// archives each file they overwrite (FVChangedFileArchive). The stages themselves, in their order,
+// are FVBackupPipeline.
 
 #include "engine/analysis/FVRunFindings.h"
 #include "engine/archive/FVChangedFileArchive.h"
@@ -14,6 +11,7 @@
 #include "engine/copy/FVFileCopyWorker.h"
 #include "engine/run/FVRunSettings.h"
 #include "engine/run/FVRunStatus.h"
+#include "engine/session/FVBackupPipeline.h"
 #include "engine/session/FVUnkeptMetadata.h"
 
 #include <functional>
@@ -35,22 +33,9 @@ public:
     FVSyncingBackup(const FVSyncingBackup&) = delete;
     FVSyncingBackup& operator=(const FVSyncingBackup&) = delete;
 
-    // Mirrors one source item and waits for its copies; false when the run was cancelled.
-    bool backUpSourceItem(const std::string& sourcePath, std::optional<int64_t> fileCountEstimation);
-    // Archives or removes what vanished from the sources; false when the run was cancelled.
-    bool removeDeletedFiles(const std::vector<FVSourceItemPtr>& backupSet, int32_t cleanupFileCount);
-    void purgeArchives();
-    // Whether the source item backUpSourceItem last took could not be read at all (gone, or its
-    // folder refused): its mirror was kept as it was.
-    bool lastSourceUnreadable() const { return lastSourceUnreadable_; }
-    // Removes the runs the retention policy lets go; after the run's record is written.
-    void thinRuns();
-    // Puts what the run wrote on the destination's disk; a failure is an error of the run.
-    void flushDestination();
-    // Reads what the last run recorded, so that current files keep their digests.
-    void loadPreviousRecord();
-    // Closes the run's record: complete, or stopped (failed when the destination failed).
-    void finishRecord(bool stopped);
+    // The whole run, on the caller's thread (see FVBackupPipeline::run); false when it was cancelled.
+    bool run(const std::vector<FVSourceItemPtr>& sources, const std::vector<FVSourceItemPtr>& backupSet,
+             FVBackupPipeline::Listener& listener);
     // What the user should know of a run that is not an error of an item: what the destination
     // could not keep, that it is not recorded.
     std::vector<std::string> warnings() const;
@@ -101,7 +86,6 @@ private:
     double initTimeStamp_ = 0;
     std::vector<std::string> notes_;
     std::unique_ptr<FVRunRecorder> recorder_;
-    bool lastSourceUnreadable_ = false;
 
     std::unique_ptr<FVMountWatcher> mountWatcher_;
 };
