@@ -1,6 +1,7 @@
 #include "engine/copy/FVDestinationFolders.h"
 
-#include "engine/copy/FVFileCopyWorkerImpl.h"
+#include "engine/copy/FVCopyContext.h"
+#include "engine/copy/FVCopyThreadState.h"
 #include "fs/FVFileStatus.h"
 #include "fs/FVInodeFlags.h"
 #include "fs/FVItemCreation.h"
@@ -50,14 +51,14 @@ bool FVDestinationFolders::waitForFoldersAbove(std::string_view path) {
 }
 
 FVFd FVDestinationFolders::openFolderOnceSettled(const std::string& path, int* error, bool* created) {
-    std::optional<std::string> relative = worker_.destination->relativePath(path);
+    std::optional<std::string> relative = context_.destination->relativePath(path);
     if (!relative) {
         *error = EXDEV;
         return {};
     }
-    FVFd folder = worker_.destination->openFolder(*relative, true, error, created);
+    FVFd folder = context_.destination->openFolder(*relative, true, error, created);
     if (!folder.valid() && (*error == ENOTDIR || *error == ELOOP) && waitForFoldersAbove(path))
-        folder = worker_.destination->openFolder(*relative, true, error, created);
+        folder = context_.destination->openFolder(*relative, true, error, created);
     return folder;
 }
 
@@ -67,8 +68,8 @@ bool FVDestinationFolders::ensureFolder(FVCopyThreadState& state, const std::str
     state.newFiles.forget();
     bool created = false;
     state.lastDirectoryFd = openFolderOnceSettled(path, &state.lastDirectoryError, &created);
-    if (created && worker_.verboseLogging)
-        worker_.sendMessage(fmt::format("Creating directory {}", path));
+    if (created && context_.verboseLogging)
+        context_.sendMessage(fmt::format("Creating directory {}", path));
     return state.lastDirectoryFd.valid();
 }
 
@@ -77,13 +78,13 @@ void FVDestinationFolders::ensureDirectoryItem(FVCopyThreadState& state, FVFileS
     state.lastDirectory = path;
     state.lastDirectoryFd.reset();
     state.newFiles.forget();
-    std::optional<std::string> relative = worker_.destination->relativePath(path);
+    std::optional<std::string> relative = context_.destination->relativePath(path);
     if (!relative) {
         state.lastDirectoryError = EXDEV;
         return;
     }
     if (relative->empty()) {
-        state.lastDirectoryFd = worker_.destination->openFolder("", false, &state.lastDirectoryError);
+        state.lastDirectoryFd = context_.destination->openFolder("", false, &state.lastDirectoryError);
         return;
     }
     std::string name = FVText::lastPathComponent(*relative);
@@ -93,7 +94,7 @@ void FVDestinationFolders::ensureDirectoryItem(FVCopyThreadState& state, FVFileS
     struct stat st {};
     bool exists = FVFileStatus::fstatat(parent.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
     if (exists && !S_ISDIR(st.st_mode)) {
-        if (!worker_.mayOverwrite(destinationItem)) {
+        if (!context_.mayOverwrite(destinationItem)) {
             state.lastDirectoryError = EEXIST;
             return;
         }
@@ -103,8 +104,8 @@ void FVDestinationFolders::ensureDirectoryItem(FVCopyThreadState& state, FVFileS
             FVConfinedDirectory::removeRecursivelyAt(parent.get(), name);
         }
         exists = false;
-    } else if (!exists && worker_.verboseLogging) {
-        worker_.sendMessage(fmt::format("Creating directory {}", path));
+    } else if (!exists && context_.verboseLogging) {
+        context_.sendMessage(fmt::format("Creating directory {}", path));
     }
     int made = 0;
     if (!exists && FVItemCreation::mkdirat(parent.get(), name.c_str(), 0777) != 0 && errno != EEXIST) {

@@ -15,12 +15,12 @@
 
 namespace ferrovane {
 
-struct FVFileCopyWorkerImpl;
+class FVCopyContext;
 struct FVCopyThreadState;
 
 class FVDestinationFolders {
 public:
-    explicit FVDestinationFolders(FVFileCopyWorkerImpl& worker) : worker_(worker) {}
+    explicit FVDestinationFolders(FVCopyContext& context) : context_(context) {}
 
     // A thread took the pair of this destination folder; called under the queue lock, so that
     // no later pair is taken before the folder counts as in flight.
@@ -36,7 +36,7 @@ private:
     bool waitForFoldersAbove(std::string_view path);
     FVFd openFolderOnceSettled(const std::string& path, int* error, bool* created = nullptr);
 
-    FVFileCopyWorkerImpl& worker_;
+    FVCopyContext& context_;
     std::mutex mutex_;  // taken after the queue lock, never before it
     std::vector<std::string> inFlight_;
     std::condition_variable settled_;

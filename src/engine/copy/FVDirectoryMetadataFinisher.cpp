@@ -1,6 +1,7 @@
 #include "engine/copy/FVDirectoryMetadataFinisher.h"
 
-#include "engine/copy/FVFileCopyWorkerImpl.h"
+#include "engine/copy/FVCopyContext.h"
+#include "engine/copy/FVCopyThreadState.h"
 #include "engine/run/FVRunError.h"
 #include "fs/FVFileStatus.h"
 #include "fs/FVInodeFlags.h"
@@ -22,26 +23,26 @@ void FVDirectoryMetadataFinisher::add(const std::string& source, const std::stri
 }
 
 void FVDirectoryMetadataFinisher::finish() {
-    const bool verbose = worker_.verboseLogging;
-    if (verbose) worker_.sendMessage("Cloning all directory attributes...");
+    const bool verbose = context_.verboseLogging;
+    if (verbose) context_.sendMessage("Cloning all directory attributes...");
     std::lock_guard lock(mutex_);
     for (size_t i = 0; i < store_.size(); ++i) {
         std::string sourcePath(store_.source(i));
-        FVFd source(worker_.openSource(sourcePath, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+        FVFd source(context_.openSource(sourcePath, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
         const int sourceError = source.valid() ? 0 : errno;
         struct stat st {};
         if (sourceError == ENOENT) {
             if (verbose)
-                worker_.sendMessage(fmt::format("Directory metadata cloning failed because source vanished: {}", sourcePath));
+                context_.sendMessage(fmt::format("Directory metadata cloning failed because source vanished: {}", sourcePath));
             continue;
         }
         int error = 0;
-        std::optional<std::string> relative = worker_.destination->relativePath(store_.destination(i));
-        FVFd target = relative ? worker_.destination->openFolder(*relative, false, &error) : FVFd();
+        std::optional<std::string> relative = context_.destination->relativePath(store_.destination(i));
+        FVFd target = relative ? context_.destination->openFolder(*relative, false, &error) : FVFd();
         bool ok = source.valid() && FVFileStatus::fstat(source.get(), &st) == 0 && target.valid() &&
                   FVItemMetadata::cloneStatusAndAttributes({source.get(), false}, st, {target.get(), false},
-                                                           !worker_.disableACLClone, &error, nullptr,
-                                                           &worker_.destinationProfile) &&
+                                                           !context_.disableACLClone, &error, nullptr,
+                                                           &context_.destinationProfile) &&
                   FVItemMetadata::cloneTimes(st, {target.get(), false}, &error);
         if (!ok) {
             const int cause = error ? error : sourceError;
@@ -52,24 +53,24 @@ void FVDirectoryMetadataFinisher::finish() {
                     FVRunError::Kind::Warning)
                     .loggedOnly();
             const bool fatal = failure.kind == FVRunError::Kind::Fatal;
-            worker_.report(std::move(failure));
+            context_.report(std::move(failure));
             if (fatal) break;
         } else if (verbose) {
-            worker_.sendMessage(fmt::format("Directory metadata cloning successful: {}", sourcePath));
+            context_.sendMessage(fmt::format("Directory metadata cloning successful: {}", sourcePath));
         }
         if (!source.valid() || !target.valid()) continue;
         FVInodeFlags::CloneResult flags = FVInodeFlags::clone(source.get(), target.get());
         if (!verbose) continue;
         if (flags.readOK)
-            worker_.sendMessage(fmt::format("Directory supplemental metadata reading successful: {}", sourcePath));
+            context_.sendMessage(fmt::format("Directory supplemental metadata reading successful: {}", sourcePath));
         else
-            worker_.report(FVRunError::warning("reading the flags of", 0, sourcePath,
+            context_.report(FVRunError::warning("reading the flags of", 0, sourcePath,
                                                "Flags directory metadata could not be read: " + sourcePath)
                                .loggedOnly());
         if (flags.writeOK)
-            worker_.sendMessage(fmt::format("Directory supplemental metadata writing successful: {}", sourcePath));
+            context_.sendMessage(fmt::format("Directory supplemental metadata writing successful: {}", sourcePath));
         else
-            worker_.report(FVRunError::warning("setting the flags of", 0, sourcePath,
+            context_.report(FVRunError::warning("setting the flags of", 0, sourcePath,
                                                "Flags directory metadata could not be written: " + sourcePath)
                                .loggedOnly());
     }

@@ -10,18 +10,18 @@
 
 namespace ferrovane {
 
-struct FVFileCopyWorkerImpl;
+class FVCopyContext;
 
 class FVDirectoryMetadataFinisher {
 public:
-    explicit FVDirectoryMetadataFinisher(FVFileCopyWorkerImpl& worker) : worker_(worker) {}
+    explicit FVDirectoryMetadataFinisher(FVCopyContext& context) : context_(context) {}
 
     void add(const std::string& source, const std::string& destination);
     // Owner, mode, attributes, times and inode flags of every folder added; then forgets them.
     void finish();
 
 private:
-    FVFileCopyWorkerImpl& worker_;
+    FVCopyContext& context_;
     std::mutex mutex_;
     FVDirectoryStore store_;
 };

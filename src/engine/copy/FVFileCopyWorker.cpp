@@ -1,6 +1,9 @@
 #include "engine/copy/FVFileCopyWorker.h"
 
-#include "engine/copy/FVFileCopyWorkerImpl.h"
+#include "engine/copy/FVCopyContext.h"
+#include "engine/copy/FVCopyThreadState.h"
+#include "engine/copy/FVDestinationFolders.h"
+#include "engine/copy/FVDirectoryMetadataFinisher.h"
 #include "engine/copy/FVItemCloner.h"
 #include "engine/run/FVRunError.h"
 #include "fs/FVDataCopier.h"
@@ -17,8 +20,12 @@
 #include <cerrno>
 #include <cstring>
 #include <cmath>
+#include <condition_variable>
+#include <mutex>
 #include <string_view>
 #include <system_error>
+#include <thread>
+#include <vector>
 
 namespace ferrovane {
 
@@ -34,14 +41,49 @@ std::string_view folderOf(const std::string& path) {
 }
 }  // namespace
 
+// The pool of copy threads around the session's shared context.
+struct FVFileCopyWorkerImpl {
+    FVCopyContext context;
+    std::atomic<bool> destroying{false};
+    std::atomic<uint64_t> copiedFiles{0};
+    std::mutex progressMutex;
+    float lastReportedProgress = 0;
+
+    // The pool lock: width, running threads and the session's end.
+    std::mutex poolMutex;
+    int64_t maxThreads = 2;
+    int activeWorkers = 0;
+    // The session's one report was made (with sessionCancelled when it was a cancel);
+    // finishCopySession waits on sessionEnded for it.
+    bool sessionFinished = false;
+    bool sessionCancelled = false;
+    std::condition_variable sessionEnded;
+    std::vector<std::thread> threads;
+
+    FVDestinationFolders folders{context};
+    FVDirectoryMetadataFinisher directoryMetadata{context};
+
+    void startThreads();
+    // The next pairs in queue order: a folder's pair alone, or a run of files of one destination
+    // folder, so that two threads seldom create entries in the same folder at once (each
+    // creation holds the folder's lock in the kernel, and the other thread would wait on it).
+    bool nextRun(std::vector<FVCopyPair>& run);
+    void reportProgress();
+    void workerBody();
+    void workerEnded();
+    void copyPair(FVCopyPair& pair, FVCopyThreadState& state);
+    // The digest of a current destination file, read through the thread's buffer.
+    void digestDestination(FVCopyPair& pair, FVCopyThreadState& state);
+};
+
 FVFileCopyWorker::FVFileCopyWorker(std::shared_ptr<FVCopyPairs> pairs)
     : impl_(std::make_unique<FVFileCopyWorkerImpl>()) {
-    impl_->pairsToCopy = pairs ? std::move(pairs) : std::make_shared<FVCopyPairs>(kPendingCopyPairs);
+    impl_->context.pairsToCopy = pairs ? std::move(pairs) : std::make_shared<FVCopyPairs>(kPendingCopyPairs);
 }
 
 FVFileCopyWorker::~FVFileCopyWorker() {
     impl_->destroying = true;
-    impl_->stop();
+    impl_->context.stop();
     std::vector<std::thread> threads;
     {
         std::lock_guard lock(impl_->poolMutex);
@@ -50,20 +92,20 @@ FVFileCopyWorker::~FVFileCopyWorker() {
     for (std::thread& thread : threads) thread.join();
 }
 
-void FVFileCopyWorker::setDelegate(FVFileCopyWorkerDelegate* delegate) { impl_->delegate = delegate; }
-void FVFileCopyWorker::setVerboseLogging(bool verbose) { impl_->verboseLogging = verbose; }
-void FVFileCopyWorker::setDisableACLClone(bool disable) { impl_->disableACLClone = disable; }
+void FVFileCopyWorker::setDelegate(FVFileCopyWorkerDelegate* delegate) { impl_->context.delegate = delegate; }
+void FVFileCopyWorker::setVerboseLogging(bool verbose) { impl_->context.verboseLogging = verbose; }
+void FVFileCopyWorker::setDisableACLClone(bool disable) { impl_->context.disableACLClone = disable; }
 void FVFileCopyWorker::setDestinationProfile(const FVDestinationProfile& profile) {
-    impl_->destinationProfile = profile;
+    impl_->context.destinationProfile = profile;
 }
-void FVFileCopyWorker::setPreallocate(bool preallocate) { impl_->preallocate = preallocate; }
-void FVFileCopyWorker::setDestinationRoot(const std::string& root) { impl_->destinationRoot = root; }
-void FVFileCopyWorker::setSourceRoot(const std::string& root) { impl_->sourceRoot = root; }
+void FVFileCopyWorker::setPreallocate(bool preallocate) { impl_->context.preallocate = preallocate; }
+void FVFileCopyWorker::setDestinationRoot(const std::string& root) { impl_->context.destinationRoot = root; }
+void FVFileCopyWorker::setSourceRoot(const std::string& root) { impl_->context.sourceRoot = root; }
 
-void FVFileCopyWorker::setRecordsCopies(bool records) { impl_->recordsCopies = records; }
+void FVFileCopyWorker::setRecordsCopies(bool records) { impl_->context.recordsCopies = records; }
 
 void FVFileCopyWorker::setChunkHook(std::function<void(const std::string&, uint64_t)> hook) {
-    impl_->chunkHook = std::move(hook);
+    impl_->context.chunkHook = std::move(hook);
 }
 
 void FVFileCopyWorker::setMaxThreads(int64_t n) {
@@ -76,12 +118,7 @@ void FVFileCopyWorker::setMaxThreads(int64_t n) {
 }
 
 void FVFileCopyWorker::startCopySession() {
-    if (!impl_->destination) impl_->destination = std::make_unique<FVConfinedDirectory>(impl_->destinationRoot);
-    if (!impl_->sourceTree && !impl_->sourceRoot.empty())
-        impl_->sourceTree = std::make_unique<FVConfinedDirectory>(impl_->sourceRoot);
-    FVFileCopyWorkerDelegate* delegate = impl_->delegate;
-    impl_->delegateSupportsWillOverwriteDestination = delegate && delegate->respondsToWillOverwriteDestination();
-    impl_->delegateSupportsProgressDidChange = delegate && delegate->respondsToProgressDidChange();
+    impl_->context.startSession();
     impl_->startThreads();
 }
 
@@ -103,11 +140,11 @@ void FVFileCopyWorker::addPair(FVCopyPair pair) {
                                                    destination ? destination->description() : "(null)"));
         return;
     }
-    impl_->pairsToCopy->push(std::move(pair));
+    impl_->context.pairsToCopy->push(std::move(pair));
 }
 
 void FVFileCopyWorker::endCopySession() {
-    impl_->pairsToCopy->close();
+    impl_->context.pairsToCopy->close();
     bool reportNow;
     {
         // Without a thread (none could start) the session ends here.
@@ -115,13 +152,13 @@ void FVFileCopyWorker::endCopySession() {
         reportNow = impl_->activeWorkers == 0 && !impl_->sessionFinished;
         if (reportNow) {
             impl_->sessionFinished = true;
-            impl_->sessionCancelled = impl_->cancelled.load(std::memory_order_relaxed);
+            impl_->sessionCancelled = impl_->context.isCancelled();
             impl_->sessionEnded.notify_all();
         }
     }
-    if (!reportNow || !impl_->delegate) return;
-    if (impl_->sessionCancelled) impl_->delegate->copyWorkerDidCancel();
-    else impl_->delegate->copyWorkerDidFinishCopy();
+    if (!reportNow || !impl_->context.delegate) return;
+    if (impl_->sessionCancelled) impl_->context.delegate->copyWorkerDidCancel();
+    else impl_->context.delegate->copyWorkerDidFinishCopy();
 }
 
 bool FVFileCopyWorker::finishCopySession() {
@@ -132,22 +169,17 @@ bool FVFileCopyWorker::finishCopySession() {
 }
 
 void FVFileCopyWorker::cancel() {
-    impl_->stop();
+    impl_->context.stop();
     FVTestHook::reach("copy-cancelled");
 }
 
-bool FVFileCopyWorker::isCancelled() const { return impl_->cancelled.load(std::memory_order_relaxed); }
-uint64_t FVFileCopyWorker::requestedFiles() const { return impl_->pairsToCopy->accepted(); }
+bool FVFileCopyWorker::isCancelled() const { return impl_->context.isCancelled(); }
+uint64_t FVFileCopyWorker::requestedFiles() const { return impl_->context.pairsToCopy->accepted(); }
 uint64_t FVFileCopyWorker::copiedFiles() const { return impl_->copiedFiles.load(std::memory_order_relaxed); }
-uint64_t FVFileCopyWorker::totalBytesCopied() const { return impl_->totalBytesCopied.load(std::memory_order_relaxed); }
-
-void FVFileCopyWorkerImpl::stop() {
-    cancelled.store(true, std::memory_order_relaxed);
-    pairsToCopy->close();
-}
+uint64_t FVFileCopyWorker::totalBytesCopied() const { return impl_->context.totalBytesCopied.load(std::memory_order_relaxed); }
 
 // Called once, at the session's start: the threads wait for pairs until the queue is closed and
-// drained, or the session is cancelled; the last one to end reports the session's end.
+// drained, or the session is context.cancelled; the last one to end reports the session's end.
 void FVFileCopyWorkerImpl::startThreads() {
     std::lock_guard lock(poolMutex);
     for (int64_t i = 0; i < maxThreads; ++i) {
@@ -160,12 +192,12 @@ void FVFileCopyWorkerImpl::startThreads() {
         }
     }
     // Nothing would take the pairs: the session is cancelled rather than reported as done.
-    if (activeWorkers == 0) stop();
+    if (activeWorkers == 0) context.stop();
 }
 
 bool FVFileCopyWorkerImpl::nextRun(std::vector<FVCopyPair>& run) {
     uint64_t bytes = 0;
-    const bool taken = pairsToCopy->popRun(run, [&](const std::vector<FVCopyPair>& taken, const FVCopyPair& next) {
+    const bool taken = context.pairsToCopy->popRun(run, [&](const std::vector<FVCopyPair>& taken, const FVCopyPair& next) {
         if (taken.empty()) {
             // Under the queue lock: no later pair is taken before the folder counts as in flight.
             if (!next.source->isFile()) folders.markInFlight(next.destination->path());
@@ -183,15 +215,14 @@ bool FVFileCopyWorkerImpl::nextRun(std::vector<FVCopyPair>& run) {
 }
 
 void FVFileCopyWorkerImpl::reportProgress() {
-    const uint64_t requested = pairsToCopy->accepted();
-    if ((!pairsToCopy->isClosed() && requested < 100) || requested == 0) return;
+    const uint64_t requested = context.pairsToCopy->accepted();
+    if ((!context.pairsToCopy->isClosed() && requested < 100) || requested == 0) return;
     auto progress = static_cast<float>(static_cast<double>(copiedFiles.load(std::memory_order_relaxed)) /
                                        static_cast<double>(requested));
-    if (!delegateSupportsProgressDidChange) return;
     std::lock_guard lock(progressMutex);
     if (std::fabs(progress - lastReportedProgress) <= 0.05f) return;
     lastReportedProgress = progress;
-    delegate->copyWorkerProgressDidChange(progress);
+    context.progressDidChange(progress);
 }
 
 void FVFileCopyWorkerImpl::workerBody() {
@@ -203,9 +234,10 @@ void FVFileCopyWorkerImpl::workerBody() {
             run.clear();
             // Waits for pairs; none once the session ended and every pair was taken.
             if (!nextRun(run)) break;
-            state.prefetch.start(run, [&](const std::string& path) { return openSource(path, kSourceFileFlags, &state); });
+            state.prefetch.start(run,
+                                 [&](const std::string& path) { return context.openSource(path, kSourceFileFlags, &state); });
             size_t done = 0;
-            for (; done < run.size() && !cancelled.load(std::memory_order_relaxed); ++done) {
+            for (; done < run.size() && !context.isCancelled(); ++done) {
                 copiedFiles.fetch_add(1, std::memory_order_relaxed);
                 copyPair(run[done], state);
             }
@@ -226,13 +258,13 @@ void FVFileCopyWorkerImpl::workerEnded() {
         if (--activeWorkers > 0) return;
         if (destroying) {
             outcome = Outcome::None;
-        } else if (cancelled.load(std::memory_order_relaxed)) {
+        } else if (context.isCancelled()) {
             outcome = Outcome::Cancelled;
         } else {
             // The queue is closed and drained: every copy is in, the folders' metadata follows.
             directoryMetadata.finish();
             // A destination that failed in the metadata step cancelled the session.
-            outcome = cancelled.load(std::memory_order_relaxed) ? Outcome::Cancelled : Outcome::Finished;
+            outcome = context.isCancelled() ? Outcome::Cancelled : Outcome::Finished;
         }
         if (outcome != Outcome::None) {
             sessionFinished = true;
@@ -240,33 +272,8 @@ void FVFileCopyWorkerImpl::workerEnded() {
             sessionEnded.notify_all();
         }
     }
-    if (outcome == Outcome::Cancelled) delegate->copyWorkerDidCancel();
-    else if (outcome == Outcome::Finished) delegate->copyWorkerDidFinishCopy();
-}
-
-void FVFileCopyWorkerImpl::published(const std::string& sourcePath, uint64_t bytes) {
-    totalBytesCopied.fetch_add(bytes, std::memory_order_relaxed);
-    if (delegate) delegate->copyWorkerDidPublishItem(sourcePath, bytes);
-}
-
-void FVFileCopyWorkerImpl::sendMessage(const std::string& message) {
-    if (delegate) delegate->copyWorkerDidGenerateMessage(message);
-}
-
-void FVFileCopyWorkerImpl::report(FVRunError error) {
-    if (error.kind == FVRunError::Kind::Fatal) return stopOnDestinationFailure(error);
-    // The run's error list shows the worker's errors with their level, as the log does.
-    if (delegate) delegate->copyWorkerDidFail(std::move(error).retried().listedWithLevel());
-}
-
-void FVFileCopyWorkerImpl::stopOnDestinationFailure(const FVRunError& failure) {
-    stop();
-    if (!destinationFailureReported.exchange(true) && delegate) delegate->copyWorkerDidFail(failure);
-}
-
-bool FVFileCopyWorkerImpl::mayOverwrite(FVFileSystemItem& destination) {
-    return !(delegateSupportsWillOverwriteDestination && delegate) ||
-           delegate->copyWorkerWillOverwriteDestination(destination);
+    if (outcome == Outcome::Cancelled) context.delegate->copyWorkerDidCancel();
+    else if (outcome == Outcome::Finished) context.delegate->copyWorkerDidFinishCopy();
 }
 
 void FVFileCopyWorkerImpl::copyPair(FVCopyPair& pair, FVCopyThreadState& state) {
@@ -276,11 +283,11 @@ void FVFileCopyWorkerImpl::copyPair(FVCopyPair& pair, FVCopyThreadState& state) 
         digestDestination(pair, state);
     } else if (source.isFile() && pair.modeAndOwnerOnly) {
         // Nothing is overwritten: the data stays, so there is no old version to archive.
-        FVItemCloner(*this, state).updateModeAndOwner(source, destination.path());
+        FVItemCloner(context, folders, state).updateModeAndOwner(source, destination.path());
     } else if (source.isFile()) {
-        if (!mayOverwrite(destination)) return;
+        if (!context.mayOverwrite(destination)) return;
         folders.ensureFolder(state, FVText::deletingLastPathComponent(destination.path()));
-        FVItemCloner(*this, state).clone(source, destination.path());
+        FVItemCloner(context, folders, state).clone(source, destination.path());
         // Between two files this thread holds no file of the destination open for writing.
         FVTestHook::reach("between-files", destination.path());
     } else {
@@ -291,7 +298,7 @@ void FVFileCopyWorkerImpl::copyPair(FVCopyPair& pair, FVCopyThreadState& state) 
         // failure stops the session here.
         if (!state.lastDirectoryFd.valid()) {
             FVRunError failure = FVRunError::atDestination("creating", state.lastDirectoryError, destination.path(), {});
-            if (failure.kind == FVRunError::Kind::Fatal) stopOnDestinationFailure(failure);
+            if (failure.kind == FVRunError::Kind::Fatal) context.stopOnDestinationFailure(failure);
         }
     }
 }
@@ -313,42 +320,11 @@ void FVFileCopyWorkerImpl::digestDestination(FVCopyPair& pair, FVCopyThreadState
         if (!hash) error = errno;
     }
     if (!hash)
-        report(FVRunError::warning("recording", error, path,
-                                   fmt::format("Could not read {} to record the digest of its bytes ({}).", path,
-                                               std::strerror(error)))
-                   .loggedOnly());
-    recordItem({pair.source->path(), path, pair.source->statBuffer(), {}, hash, false, false});
-}
-
-void FVFileCopyWorkerImpl::recordItem(const FVCopyRecord& record) {
-    if (recordsCopies && delegate) delegate->copyWorkerDidRecordItem(record);
-}
-
-int FVFileCopyWorkerImpl::openSource(const std::string& path, int flags, FVCopyThreadState* state) const {
-    std::optional<std::string> relative = sourceTree ? sourceTree->relativePath(path) : std::nullopt;
-    // The root itself, a source that is a single file, or a worker without a source root.
-    if (!relative || relative->empty() || sourceTree->openError() != 0) return FVLongPath::open(path, flags);
-    const size_t slash = relative->rfind('/');
-    std::string folderPath = slash == std::string::npos ? "" : relative->substr(0, slash);
-    const char* name = relative->c_str() + (slash == std::string::npos ? 0 : slash + 1);
-    flags |= O_NOFOLLOW | O_CLOEXEC;
-    if (state && state->sourceFolderFd.valid() && state->sourceFolder == folderPath) {
-        int fd = FVOpenFiles::openat(state->sourceFolderFd.get(), name, flags);
-        // A folder removed and made anew since it was opened is reached afresh below.
-        if (fd >= 0 || errno != ENOENT) return fd;
-    }
-    int error = 0;
-    FVFd folder = sourceTree->openFolder(folderPath, false, &error);
-    if (!folder.valid()) {
-        errno = error;
-        return -1;
-    }
-    int fd = FVOpenFiles::openat(folder.get(), name, flags);
-    if (state) {
-        state->sourceFolder = std::move(folderPath);
-        state->sourceFolderFd = std::move(folder);
-    }
-    return fd;
+        context.report(FVRunError::warning("recording", error, path,
+                                           fmt::format("Could not read {} to record the digest of its bytes ({}).",
+                                                       path, std::strerror(error)))
+                           .loggedOnly());
+    context.recordItem({pair.source->path(), path, pair.source->statBuffer(), {}, hash, false, false});
 }
 
 }  // namespace ferrovane

@@ -1,6 +1,9 @@
 #include "engine/copy/FVItemCloner.h"
 
-#include "engine/copy/FVFileCopyWorkerImpl.h"
+#include "engine/copy/FVCopyContext.h"
+#include "engine/copy/FVCopyThreadState.h"
+#include "engine/copy/FVDestinationFolders.h"
+#include "engine/copy/FVFileCopyWorker.h"
 #include "engine/copy/FVTemporaryEntry.h"
 #include "engine/record/FVRunRecorder.h"
 #include "engine/run/FVRunError.h"
@@ -60,9 +63,9 @@ void FVItemCloner::clone(FVFileSystemItem& source, const std::string& destinatio
     const mode_t kind = source.fileExists() ? (source.statBuffer().st_mode & S_IFMT) : 0;
     const std::string folder = FVText::deletingLastPathComponent(destinationPath);
     for (int attempt = 1;; ++attempt) {
-        if (worker_.verboseLogging)
-            worker_.sendMessage(fmt::format("Copying {} to {} ({})", sourcePath, destinationPath, typeName));
-        worker_.folders.ensureFolder(state_, folder);
+        if (context_.verboseLogging)
+            context_.sendMessage(fmt::format("Copying {} to {} ({})", sourcePath, destinationPath, typeName));
+        folders_.ensureFolder(state_, folder);
         const int dirFd = state_.lastDirectoryFd.get();
         const Item item{sourcePath, destinationPath, FVText::lastPathComponent(destinationPath), typeName, dirFd,
                         dirFd < 0 ? state_.lastDirectoryError : 0};
@@ -72,7 +75,7 @@ void FVItemCloner::clone(FVFileSystemItem& source, const std::string& destinatio
             report(result, item);
             return record(result, item, source.statBuffer());
         }
-        worker_.sendMessage(fmt::format("Retrying copy: {}", sourcePath));
+        context_.sendMessage(fmt::format("Retrying copy: {}", sourcePath));
         state_.lastDirectory.clear();  // the retry reaches the folder afresh
     }
 }
@@ -110,7 +113,7 @@ bool FVItemCloner::goesOnAfter(FVRunError failure, Result& fatal) {
         fatal = failed(std::move(failure));
         return false;
     }
-    worker_.report(std::move(failure));
+    context_.report(std::move(failure));
     return true;
 }
 
@@ -129,7 +132,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     };
     if (item.dirFd < 0) return notCreated(item.folderError);
     FVFd in = state_.prefetch.take(item.sourcePath);
-    if (!in.valid()) in.reset(worker_.openSource(item.sourcePath, kSourceFileFlags, &state_));
+    if (!in.valid()) in.reset(context_.openSource(item.sourcePath, kSourceFileFlags, &state_));
     if (!in.valid()) return sourceFailure(item, errno);
     struct stat st {};
     if (FVFileStatus::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return sourceFailure(item, 0);
@@ -149,20 +152,20 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
 
     bool settled = true;
     std::optional<FVContentHasher> hasher;
-    if (worker_.recordsCopies) hasher.emplace();
+    if (context_.recordsCopies) hasher.emplace();
     Result copied = copyData(item, in.get(), out.get(), st, &settled, hasher ? &*hasher : nullptr);
     if (copied.outcome != Result::Outcome::Done) return copied;
 
-    const bool verbose = worker_.verboseLogging;
-    auto send = [this](const std::string& message) { worker_.sendMessage(message); };
+    const bool verbose = context_.verboseLogging;
+    auto send = [this](const std::string& message) { context_.sendMessage(message); };
     if (!settled) {
         // The copy may mix versions: it gets a time before the source's, so that the next run
         // finds the two different and copies the file again.
-        worker_.report(FVRunError::warning("copying", 0, item.sourcePath,
+        context_.report(FVRunError::warning("copying", 0, item.sourcePath,
                                            fmt::format("{} changed while it was copied; its backup is the last copy "
                                                        "made, and the next run copies it again.", item.sourcePath))
                            .loggedOnly());
-        st.st_mtim = granuleBefore(st.st_mtim, worker_.destinationProfile.timeGranularityNs);
+        st.st_mtim = granuleBefore(st.st_mtim, context_.destinationProfile.timeGranularityNs);
     } else if (verbose) {
         send(fmt::format("Copying file data {} to {} ({}) was successful.", item.sourcePath, item.destinationPath,
                          item.typeName));
@@ -170,8 +173,8 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     int error = 0;
     Result fatal;
     // Owner, mode, attributes and ACLs before the times: none of them moves the modification time.
-    if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !worker_.disableACLClone,
-                                                  &error, start, &worker_.destinationProfile)) {
+    if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !context_.disableACLClone,
+                                                  &error, start, &context_.destinationProfile)) {
         // A copy without all of its metadata is not the source: dated before it, it is copied
         // again by the next run instead of passing for current.
         if (!goesOnAfter(FVRunError::atDestination("setting the metadata of", error, item.destinationPath,
@@ -180,7 +183,7 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
                                                                item.sourcePath, strerror(error))),
                          fatal))
             return fatal;
-        st.st_mtim = granuleBefore(st.st_mtim, worker_.destinationProfile.timeGranularityNs);
+        st.st_mtim = granuleBefore(st.st_mtim, context_.destinationProfile.timeGranularityNs);
     } else if (verbose) {
         send(fmt::format("Clone of additional attributes {} to {} ({}) was successful.", item.sourcePath,
                          item.destinationPath, item.typeName));
@@ -200,14 +203,14 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     if (hasher && hashedWhole_) digest_ = hasher->digest();
     published_ = st;
     // Read through the open source for the record, rather than by path afterwards.
-    if (worker_.recordsCopies) attributes_ = FVRunRecorder::attributesOf(FVExtendedAttributes(in.get(), false));
+    if (context_.recordsCopies) attributes_ = FVRunRecorder::attributesOf(FVExtendedAttributes(in.get(), false));
     Result published = publish(entry, item, out.get(), st.st_size);
     if (published.outcome != Result::Outcome::Done) return published;
     // Where a rename stamps the file with the time of the rename (fusefat), its times go on again.
-    if (!worker_.destinationProfile.renameKeepsTimes) {
+    if (!context_.destinationProfile.renameKeepsTimes) {
         const timespec times[2] = {st.st_atim, st.st_mtim};
         if (FVTimestamps::utimensat(item.dirFd, item.name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
-            worker_.report(FVRunError::warning("setting the times of", errno, item.destinationPath,
+            context_.report(FVRunError::warning("setting the times of", errno, item.destinationPath,
                                                fmt::format("Could not preserve the modification date of {} ({})",
                                                            item.destinationPath, strerror(errno)))
                                .loggedOnly());
@@ -215,11 +218,11 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     // Flags last: an immutable or append-only file refuses every other change.
     FVInodeFlags::CloneResult flags = FVInodeFlags::clone(in.get(), out.get(), state_.newFiles.mayHaveCopiedFlags());
     if (!flags.readOK && verbose)
-        worker_.report(FVRunError::warning("reading the flags of", 0, item.sourcePath,
+        context_.report(FVRunError::warning("reading the flags of", 0, item.sourcePath,
                                            "Flags metadata could not be read: " + item.sourcePath)
                            .loggedOnly());
     if (!flags.writeOK && verbose)
-        worker_.report(FVRunError::warning("setting the flags of", 0, item.destinationPath,
+        context_.report(FVRunError::warning("setting the flags of", 0, item.destinationPath,
                                            "Flags metadata could not be written: " + item.destinationPath)
                            .loggedOnly());
     return published;
@@ -230,15 +233,15 @@ FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, s
     for (int copy = 0;; ++copy) {
         if (hasher) hasher->reset();
         bool sparse = static_cast<uint64_t>(st.st_blocks) * 512 < static_cast<uint64_t>(st.st_size);
-        if (worker_.preallocate && !sparse && st.st_size > 0)
+        if (context_.preallocate && !sparse && st.st_size > 0)
             FVFileData::fallocate(out, FALLOC_FL_KEEP_SIZE, 0, st.st_size);  // only a hint against fragmentation
         uint64_t reported = 0;
         const FVDataCopier::ChunkHook chunkDone = [&](const std::string& path, uint64_t copied) {
-            if (worker_.delegate) worker_.delegate->copyWorkerDidWriteData(path, copied - reported);
+            if (context_.delegate) context_.delegate->copyWorkerDidWriteData(path, copied - reported);
             reported = copied;
-            if (worker_.chunkHook) worker_.chunkHook(path, copied);
+            if (context_.chunkHook) context_.chunkHook(path, copied);
         };
-        FVDataCopier copier(in, out, state_.buffer.get(), worker_.cancelled, chunkDone, item.sourcePath, hasher);
+        FVDataCopier copier(in, out, state_.buffer.get(), context_.cancelled, chunkDone, item.sourcePath, hasher);
         const FVDataCopier::Outcome outcome = copier.run(st);
         hashedWhole_ = copier.sinkSawWholeCopy();
         switch (outcome) {
@@ -251,7 +254,7 @@ FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, s
         if (FVFileStatus::fstat(in, &now) != 0) return sourceFailure(item, errno);
         *settled = sameState(st, now);
         if (*settled || copy == kRecopies) return done();
-        worker_.sendMessage(fmt::format("NOTE: {} changed while it was copied; copying it again.", item.sourcePath));
+        context_.sendMessage(fmt::format("NOTE: {} changed while it was copied; copying it again.", item.sourcePath));
         st = now;
         if (FVFileData::ftruncate(out, 0) != 0 || FVFileData::lseek(out, 0, SEEK_SET) != 0) return notWritten(item, errno);
         if (FVFileData::lseek(in, 0, SEEK_SET) != 0) return sourceFailure(item, errno);
@@ -259,22 +262,22 @@ FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, s
 }
 
 void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::string& destinationPath) {
-    worker_.folders.ensureFolder(state_, FVText::deletingLastPathComponent(destinationPath));
+    folders_.ensureFolder(state_, FVText::deletingLastPathComponent(destinationPath));
     const int dirFd = state_.lastDirectoryFd.get();
     const std::string name = FVText::lastPathComponent(destinationPath);
     auto failed = [&](int error) {
-        worker_.report(FVRunError::item("updating", error, destinationPath,
+        context_.report(FVRunError::item("updating", error, destinationPath,
                                         fmt::format("Could not update the mode and owner of {} ({})", destinationPath,
                                                     strerror(error))));
     };
     if (dirFd < 0) return failed(state_.lastDirectoryError);
     struct stat st {}, current {};
-    FVFd from(worker_.openSource(source.path(), O_PATH | O_NOFOLLOW, &state_));
+    FVFd from(context_.openSource(source.path(), O_PATH | O_NOFOLLOW, &state_));
     if (!from.valid() || FVFileStatus::fstat(from.get(), &st) != 0) {
         if (errno == ENOENT || errno == ENOTDIR)
-            worker_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", source.path()));
+            context_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", source.path()));
         else
-            worker_.report(FVRunError::item("reading", errno, source.path(),
+            context_.report(FVRunError::item("reading", errno, source.path(),
                                             fmt::format("Cannot read file: {} ({})", source.path(), strerror(errno))));
         return;
     }
@@ -282,14 +285,14 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
     if (!to.valid() || FVFileStatus::fstat(to.get(), &current) != 0) return failed(errno);
     // Either side replaced since the analysis: the next run compares them afresh.
     if ((st.st_mode & S_IFMT) != (current.st_mode & S_IFMT)) {
-        worker_.sendMessage(fmt::format("NOTE: {} changed since analysing; it is compared again on the next run.",
+        context_.sendMessage(fmt::format("NOTE: {} changed since analysing; it is compared again on the next run.",
                                         source.path()));
         return;
     }
-    if (worker_.verboseLogging)
-        worker_.sendMessage(fmt::format("Updating mode and owner of {}", destinationPath));
-    const bool cloneACL = !worker_.disableACLClone && !S_ISLNK(st.st_mode);
-    const FVDestinationProfile* keeps = &worker_.destinationProfile;
+    if (context_.verboseLogging)
+        context_.sendMessage(fmt::format("Updating mode and owner of {}", destinationPath));
+    const bool cloneACL = !context_.disableACLClone && !S_ISLNK(st.st_mode);
+    const FVDestinationProfile* keeps = &context_.destinationProfile;
     int error = 0;
     if (FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error, nullptr,
                                                  keeps))
@@ -301,7 +304,7 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
     if (!FVItemMetadata::cloneStatusAndAttributes({from.get(), true}, st, {to.get(), true}, cloneACL, &error, nullptr,
                                                   keeps))
         failed(error);
-    FVFd in(worker_.openSource(source.path(), kSourceFileFlags, &state_));
+    FVFd in(context_.openSource(source.path(), kSourceFileFlags, &state_));
     FVFd out(FVInodeFlags::openForFlags(dirFd, name));
     if (in.valid() && out.valid()) FVInodeFlags::clone(in.get(), out.get());
 }
@@ -314,7 +317,7 @@ FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
                                   FVRunError::Kind::Item);
     };
     if (item.dirFd < 0) return notCreated(item.folderError);
-    FVFd link(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW, &state_));
+    FVFd link(context_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW, &state_));
     struct stat st {};
     ssize_t length = -1;
     if (link.valid() && FVFileStatus::fstat(link.get(), &st) == 0 && S_ISLNK(st.st_mode))
@@ -322,7 +325,7 @@ FVItemCloner::Result FVItemCloner::cloneLink(const Item& item) {
     if (length < 0) {
         const int error = errno;
         std::optional<std::string> recorded;
-        if (error == EPERM && worker_.delegate) recorded = worker_.delegate->copyWorkerRecordedLinkTarget(item.sourcePath);
+        if (error == EPERM && context_.delegate) recorded = context_.delegate->copyWorkerRecordedLinkTarget(item.sourcePath);
         // Taken only for the link it was recorded of: a link's size is the length of its target.
         if (!recorded || recorded->size() != static_cast<size_t>(st.st_size) || recorded->size() >= kCopyBufferSize)
             return failed(FVRunError::item("reading", error, item.sourcePath,
@@ -358,7 +361,7 @@ FVItemCloner::Result FVItemCloner::cloneNode(const Item& item, mode_t kind) {
     };
     if (item.dirFd < 0) return notCreated(item.folderError);
     if (kind == 0) return sourceFailure(item, ENOENT);  // the analysis found nothing there
-    FVFd node(worker_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW, &state_));
+    FVFd node(context_.openSource(item.sourcePath, O_PATH | O_NOFOLLOW, &state_));
     if (!node.valid()) return sourceFailure(item, errno);
     struct stat st {};
     if (FVFileStatus::fstat(node.get(), &st) != 0 || S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode))
@@ -372,7 +375,7 @@ FVItemCloner::Result FVItemCloner::cloneNode(const Item& item, mode_t kind) {
         return notCreated(errno);
     int error = 0;
     Result fatal;
-    if (!clonePathOnlyMetadata(node.get(), st, entry, item.dirFd, !worker_.disableACLClone, &error) &&
+    if (!clonePathOnlyMetadata(node.get(), st, entry, item.dirFd, !context_.disableACLClone, &error) &&
         !goesOnAfterUnkeptMetadata(item, error,
                                    fmt::format("Could not preserve metadata on file {}. Type: {}. (Reason: {})",
                                                item.destinationPath, item.typeName, strerror(error)),
@@ -393,7 +396,7 @@ FVItemCloner::Result FVItemCloner::publish(FVTemporaryEntry& entry, const Item& 
     case FVTemporaryEntry::Published::DataNotSafe: return notWritten(item, errno);
     case FVTemporaryEntry::Published::Done: break;
     }
-    worker_.published(item.sourcePath, static_cast<uint64_t>(size));
+    context_.published(item.sourcePath, static_cast<uint64_t>(size));
     return done();
 }
 
@@ -405,8 +408,8 @@ bool FVItemCloner::clonePathOnlyMetadata(int sourceFd, const struct stat& st, co
         return false;
     }
     return FVItemMetadata::cloneStatusAndAttributes({sourceFd, true}, st, {created.get(), true}, cloneACL, error,
-                                                    nullptr, &worker_.destinationProfile) &&
-           ((S_ISLNK(st.st_mode) && !worker_.destinationProfile.linkTimes) ||
+                                                    nullptr, &context_.destinationProfile) &&
+           ((S_ISLNK(st.st_mode) && !context_.destinationProfile.linkTimes) ||
             FVItemMetadata::cloneTimes(st, {created.get(), true}, error));
 }
 
@@ -415,24 +418,24 @@ void FVItemCloner::report(const Result& result, const Item& item) {
     case Result::Outcome::Done:
     case Result::Outcome::Cancelled: return;
     case Result::Outcome::Vanished:
-        worker_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", item.sourcePath));
+        context_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", item.sourcePath));
         return;
-    case Result::Outcome::Failed: worker_.report(result.error); return;
+    case Result::Outcome::Failed: context_.report(result.error); return;
     }
 }
 
 void FVItemCloner::record(const Result& result, const Item& item, const struct stat& walked) {
-    if (!worker_.recordsCopies) return;
+    if (!context_.recordsCopies) return;
     switch (result.outcome) {
     case Result::Outcome::Done:
-        worker_.recordItem({item.sourcePath, item.destinationPath, published_, linkTarget_, digest_, true, false,
+        context_.recordItem({item.sourcePath, item.destinationPath, published_, linkTarget_, digest_, true, false,
                             attributes_ ? &*attributes_ : nullptr});
         return;
     // A source that vanished has nothing to record; the next run's cleanup takes its copy.
     case Result::Outcome::Cancelled:
     case Result::Outcome::Vanished: return;
     case Result::Outcome::Failed:
-        worker_.recordItem({item.sourcePath, item.destinationPath, walked, {}, std::nullopt, false, true});
+        context_.recordItem({item.sourcePath, item.destinationPath, walked, {}, std::nullopt, false, true});
         return;
     }
 }

@@ -17,13 +17,15 @@
 
 namespace ferrovane {
 
-struct FVFileCopyWorkerImpl;
+class FVCopyContext;
+class FVDestinationFolders;
 struct FVCopyThreadState;
 class FVTemporaryEntry;
 
 class FVItemCloner {
 public:
-    FVItemCloner(FVFileCopyWorkerImpl& worker, FVCopyThreadState& state) : worker_(worker), state_(state) {}
+    FVItemCloner(FVCopyContext& context, FVDestinationFolders& folders, FVCopyThreadState& state)
+        : context_(context), folders_(folders), state_(state) {}
 
     // Clones source to destinationPath and reports the outcome to the worker's delegate.
     void clone(FVFileSystemItem& source, const std::string& destinationPath);
@@ -85,7 +87,8 @@ private:
     // Tells the worker's delegate what the mirror holds at the item's path now.
     void record(const Result& result, const Item& item, const struct stat& walked);
 
-    FVFileCopyWorkerImpl& worker_;
+    FVCopyContext& context_;
+    FVDestinationFolders& folders_;
     FVCopyThreadState& state_;
     // What the last attempt published, for the record.
     struct stat published_ {};
