@@ -65,14 +65,14 @@ void FVDirectoryMetadataFinisher::finish() {
             context_.sendMessage(fmt::format("Directory supplemental metadata reading successful: {}", sourcePath));
         else
             context_.report(FVRunError::warning("reading the flags of", 0, sourcePath,
-                                               "Flags directory metadata could not be read: " + sourcePath)
-                               .loggedOnly());
+                                                "Flags directory metadata could not be read: " + sourcePath)
+                                .loggedOnly());
         if (flags.writeOK)
             context_.sendMessage(fmt::format("Directory supplemental metadata writing successful: {}", sourcePath));
         else
             context_.report(FVRunError::warning("setting the flags of", 0, sourcePath,
-                                               "Flags directory metadata could not be written: " + sourcePath)
-                               .loggedOnly());
+                                                "Flags directory metadata could not be written: " + sourcePath)
+                                .loggedOnly());
     }
     store_.clear();
 }

@@ -156,48 +156,20 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     Result copied = copyData(item, in.get(), out.get(), st, &settled, hasher ? &*hasher : nullptr);
     if (copied.outcome != Result::Outcome::Done) return copied;
 
-    const bool verbose = context_.verboseLogging;
-    auto send = [this](const std::string& message) { context_.sendMessage(message); };
     if (!settled) {
         // The copy may mix versions: it gets a time before the source's, so that the next run
         // finds the two different and copies the file again.
         context_.report(FVRunError::warning("copying", 0, item.sourcePath,
-                                           fmt::format("{} changed while it was copied; its backup is the last copy "
-                                                       "made, and the next run copies it again.", item.sourcePath))
-                           .loggedOnly());
+                                            fmt::format("{} changed while it was copied; its backup is the last copy "
+                                                        "made, and the next run copies it again.", item.sourcePath))
+                            .loggedOnly());
         st.st_mtim = granuleBefore(st.st_mtim, context_.destinationProfile.timeGranularityNs);
-    } else if (verbose) {
-        send(fmt::format("Copying file data {} to {} ({}) was successful.", item.sourcePath, item.destinationPath,
-                         item.typeName));
+    } else if (context_.verboseLogging) {
+        context_.sendMessage(fmt::format("Copying file data {} to {} ({}) was successful.", item.sourcePath,
+                                         item.destinationPath, item.typeName));
     }
-    int error = 0;
     Result fatal;
-    // Owner, mode, attributes and ACLs before the times: none of them moves the modification time.
-    if (!FVItemMetadata::cloneStatusAndAttributes({in.get(), false}, st, {out.get(), false}, !context_.disableACLClone,
-                                                  &error, start, &context_.destinationProfile)) {
-        // A copy without all of its metadata is not the source: dated before it, it is copied
-        // again by the next run instead of passing for current.
-        if (!goesOnAfter(FVRunError::atDestination("setting the metadata of", error, item.destinationPath,
-                                                   fmt::format("Could not copy the metadata of file {} (Reason: {}); "
-                                                               "the next run copies it again.",
-                                                               item.sourcePath, strerror(error))),
-                         fatal))
-            return fatal;
-        st.st_mtim = granuleBefore(st.st_mtim, context_.destinationProfile.timeGranularityNs);
-    } else if (verbose) {
-        send(fmt::format("Clone of additional attributes {} to {} ({}) was successful.", item.sourcePath,
-                         item.destinationPath, item.typeName));
-    }
-    if (!FVItemMetadata::cloneTimes(st, {out.get(), false}, &error)) {
-        if (!goesOnAfterUnkeptMetadata(item, error,
-                                       fmt::format("Could not preserve creation date on file {}. Type: {} (Reason: {})",
-                                                   item.destinationPath, item.typeName, strerror(error)),
-                                       fatal))
-            return fatal;
-    } else if (verbose) {
-        send(fmt::format("Clone of creation and modification date {} to {} ({}) was successful.", item.sourcePath,
-                         item.destinationPath, item.typeName));
-    }
+    if (!cloneMetadata(item, in.get(), out.get(), st, start, fatal)) return fatal;
     // The digest stands for the bytes published only when the copy showed them all.
     digest_.reset();
     if (hasher && hashedWhole_) digest_ = hasher->digest();
@@ -206,26 +178,63 @@ FVItemCloner::Result FVItemCloner::cloneRegular(const Item& item) {
     if (context_.recordsCopies) attributes_ = FVRunRecorder::attributesOf(FVExtendedAttributes(in.get(), false));
     Result published = publish(entry, item, out.get(), st.st_size);
     if (published.outcome != Result::Outcome::Done) return published;
+    finishPublished(item, in.get(), out.get(), st);
+    return published;
+}
+
+// Owner, mode, attributes and ACLs before the times: none of them moves the modification time. A
+// copy without all of its metadata is not the source: dated before it, it is copied again by the
+// next run instead of passing for current.
+bool FVItemCloner::cloneMetadata(const Item& item, int in, int out, struct stat& st, const FVStartingState* start,
+                                 Result& fatal) {
+    const bool verbose = context_.verboseLogging;
+    int error = 0;
+    if (!FVItemMetadata::cloneStatusAndAttributes({in, false}, st, {out, false}, !context_.disableACLClone, &error,
+                                                  start, &context_.destinationProfile)) {
+        if (!goesOnAfter(FVRunError::atDestination("setting the metadata of", error, item.destinationPath,
+                                                   fmt::format("Could not copy the metadata of file {} (Reason: {}); "
+                                                               "the next run copies it again.",
+                                                               item.sourcePath, strerror(error))),
+                         fatal))
+            return false;
+        st.st_mtim = granuleBefore(st.st_mtim, context_.destinationProfile.timeGranularityNs);
+    } else if (verbose) {
+        context_.sendMessage(fmt::format("Clone of additional attributes {} to {} ({}) was successful.",
+                                         item.sourcePath, item.destinationPath, item.typeName));
+    }
+    if (!FVItemMetadata::cloneTimes(st, {out, false}, &error)) {
+        return goesOnAfterUnkeptMetadata(item, error,
+                                         fmt::format("Could not preserve creation date on file {}. Type: {} (Reason: {})",
+                                                     item.destinationPath, item.typeName, strerror(error)),
+                                         fatal);
+    }
+    if (verbose)
+        context_.sendMessage(fmt::format("Clone of creation and modification date {} to {} ({}) was successful.",
+                                         item.sourcePath, item.destinationPath, item.typeName));
+    return true;
+}
+
+void FVItemCloner::finishPublished(const Item& item, int in, int out, const struct stat& st) {
+    const bool verbose = context_.verboseLogging;
     // Where a rename stamps the file with the time of the rename (fusefat), its times go on again.
     if (!context_.destinationProfile.renameKeepsTimes) {
         const timespec times[2] = {st.st_atim, st.st_mtim};
         if (FVTimestamps::utimensat(item.dirFd, item.name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
             context_.report(FVRunError::warning("setting the times of", errno, item.destinationPath,
-                                               fmt::format("Could not preserve the modification date of {} ({})",
-                                                           item.destinationPath, strerror(errno)))
-                               .loggedOnly());
+                                                fmt::format("Could not preserve the modification date of {} ({})",
+                                                            item.destinationPath, strerror(errno)))
+                                .loggedOnly());
     }
     // Flags last: an immutable or append-only file refuses every other change.
-    FVInodeFlags::CloneResult flags = FVInodeFlags::clone(in.get(), out.get(), state_.newFiles.mayHaveCopiedFlags());
+    FVInodeFlags::CloneResult flags = FVInodeFlags::clone(in, out, state_.newFiles.mayHaveCopiedFlags());
     if (!flags.readOK && verbose)
         context_.report(FVRunError::warning("reading the flags of", 0, item.sourcePath,
-                                           "Flags metadata could not be read: " + item.sourcePath)
-                           .loggedOnly());
+                                            "Flags metadata could not be read: " + item.sourcePath)
+                            .loggedOnly());
     if (!flags.writeOK && verbose)
         context_.report(FVRunError::warning("setting the flags of", 0, item.destinationPath,
-                                           "Flags metadata could not be written: " + item.destinationPath)
-                           .loggedOnly());
-    return published;
+                                            "Flags metadata could not be written: " + item.destinationPath)
+                            .loggedOnly());
 }
 
 FVItemCloner::Result FVItemCloner::copyData(const Item& item, int in, int out, struct stat& st, bool* settled,
@@ -267,8 +276,8 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
     const std::string name = FVText::lastPathComponent(destinationPath);
     auto failed = [&](int error) {
         context_.report(FVRunError::item("updating", error, destinationPath,
-                                        fmt::format("Could not update the mode and owner of {} ({})", destinationPath,
-                                                    strerror(error))));
+                                         fmt::format("Could not update the mode and owner of {} ({})", destinationPath,
+                                                     strerror(error))));
     };
     if (dirFd < 0) return failed(state_.lastDirectoryError);
     struct stat st {}, current {};
@@ -278,7 +287,7 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
             context_.sendMessage(fmt::format("NOTE: Source file vanished since analysing: {}", source.path()));
         else
             context_.report(FVRunError::item("reading", errno, source.path(),
-                                            fmt::format("Cannot read file: {} ({})", source.path(), strerror(errno))));
+                                             fmt::format("Cannot read file: {} ({})", source.path(), strerror(errno))));
         return;
     }
     FVFd to(FVOpenFiles::openat(dirFd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
@@ -286,7 +295,7 @@ void FVItemCloner::updateModeAndOwner(FVFileSystemItem& source, const std::strin
     // Either side replaced since the analysis: the next run compares them afresh.
     if ((st.st_mode & S_IFMT) != (current.st_mode & S_IFMT)) {
         context_.sendMessage(fmt::format("NOTE: {} changed since analysing; it is compared again on the next run.",
-                                        source.path()));
+                                         source.path()));
         return;
     }
     if (context_.verboseLogging)
@@ -429,7 +438,7 @@ void FVItemCloner::record(const Result& result, const Item& item, const struct s
     switch (result.outcome) {
     case Result::Outcome::Done:
         context_.recordItem({item.sourcePath, item.destinationPath, published_, linkTarget_, digest_, true, false,
-                            attributes_ ? &*attributes_ : nullptr});
+                             attributes_ ? &*attributes_ : nullptr});
         return;
     // A source that vanished has nothing to record; the next run's cleanup takes its copy.
     case Result::Outcome::Cancelled:

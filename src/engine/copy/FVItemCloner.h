@@ -21,6 +21,7 @@ class FVCopyContext;
 class FVDestinationFolders;
 struct FVCopyThreadState;
 class FVTemporaryEntry;
+struct FVStartingState;
 
 class FVItemCloner {
 public:
@@ -74,6 +75,11 @@ private:
     // *settled when the source changed during that copy as well. With a hasher, it ends holding
     // the last copy's bytes, and hashedWhole_ says whether it saw all of them.
     Result copyData(const Item& item, int in, int out, struct stat& st, bool* settled, FVContentHasher* hasher);
+    // The copy's owner, mode, attributes and times, before it is published; false when the
+    // destination failed (fatal then says how). A metadata the copy lacks dates it before st.
+    bool cloneMetadata(const Item& item, int in, int out, struct stat& st, const FVStartingState* start, Result& fatal);
+    // The times again where a rename stamps them, then the inode flags.
+    void finishPublished(const Item& item, int in, int out, const struct stat& st);
     Result cloneLink(const Item& item);
     Result cloneNode(const Item& item, mode_t kind);
     // The shared last step: the entry, complete under its temporary name, replaces the destination.
