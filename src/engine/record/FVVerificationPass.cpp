@@ -131,14 +131,22 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
         return;
     }
     const FVMirrorLayout& layout = pointInTime->layout();
+    indexRecordedMirror(runs, latest);
+    if (!walkMirror(layout)) return;
+    reportMissing(runs, latest, layout);
+}
+
+// Marked: what the complete run recorded. A stopped or failed run after it may have recorded an
+// item it never got to make, so only the complete run's items can be missing.
+constexpr uint32_t kRecordedComplete = 1;
+
+void FVVerificationPass::indexRecordedMirror(const std::vector<FVRunRecord>& runs, size_t latest) {
     size_t expected = 0;
     for (size_t i = latest; i < runs.size(); ++i) expected += runs[i].summary ? runs[i].summary->entries : 0;
     index_.clear();
     index_.reserve(expected);
     uint64_t plannedBytes = 0;
-    // Marked: what the complete run recorded. A stopped or failed run after it may have recorded
-    // an item it never got to make, so only the complete run's items can be missing.
-    constexpr uint32_t kRecordedComplete = 1;
+    std::string problem;
     for (size_t i = latest; i < runs.size(); ++i) {
         if (runs[i].summary) plannedBytes += runs[i].summary->bytes;
         if (!forEachEntry(runs[i], [&](const FVManifestEntry& entry) {
@@ -151,7 +159,9 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
     // The destination's root is no entry of the walk.
     for (const char* root : {"", "/"})
         if (FVRecordIndex::Record* record = index_.find(FVPathKey::of(root))) record->seen = true;
+}
 
+bool FVVerificationPass::walkMirror(const FVMirrorLayout& layout) {
     std::vector<std::string> mirrorRoots;
     for (const std::string& source : layout.sources()) mirrorRoots.push_back(layout.mirrorRelativePath(source));
     // A mirror's own folder, and the folders that lead to it, need no record of their own.
@@ -163,7 +173,7 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
 
     FVDirectoryWalker walker(destination());
     while (const FVDirectoryWalker::Entry* entry = walker.next()) {
-        if (cancelled()) return;
+        if (cancelled()) return false;
         tick(false);
         if (entry->level == 0) {
             if (entry->error) report(FVVerificationFinding::Kind::Unreadable, entry->path, std::strerror(entry->error));
@@ -203,7 +213,11 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
         if (std::optional<std::string> original = layout.originalPath(relative))
             read({*original, *original, record->digest, true});
     }
+    return true;
+}
 
+void FVVerificationPass::reportMissing(const std::vector<FVRunRecord>& runs, size_t latest,
+                                       const FVMirrorLayout& layout) {
     // What was recorded and not found; below a missing folder only the folder is named. An item
     // that a later (stopped or failed) run moved into its archives is not missing.
     const FVMirrorLayout archives = FVMirrorLayout::archivesOf(destination());
@@ -215,6 +229,7 @@ void FVVerificationPass::verifyMirror(const std::vector<FVRunRecord>& runs, size
         return false;
     };
     std::optional<std::string> missingFolder;
+    std::string problem;
     forEachEntry(runs[latest], [&](const FVManifestEntry& entry) {
         if (cancelled()) return;
         FVRecordIndex::Record* record = index_.find(FVPathKey::of(entry.path));

@@ -16,6 +16,8 @@
 
 namespace ferrovane {
 
+class FVMirrorLayout;
+
 class FVVerificationPass {
 public:
     // Everything given must outlive the pass.
@@ -35,6 +37,11 @@ private:
     const std::string& destination() const { return options_.destination; }
     void report(FVVerificationFinding::Kind kind, const std::string& path, std::string detail = {});
     void reportDamagedRecord(const FVRunRecord& run, const std::string& problem);
+    // The mirror's check in its three steps: what the runs recorded, what the mirror holds (false
+    // when cancelled), and what was recorded and not found.
+    void indexRecordedMirror(const std::vector<FVRunRecord>& runs, size_t latest);
+    bool walkMirror(const FVMirrorLayout& layout);
+    void reportMissing(const std::vector<FVRunRecord>& runs, size_t latest, const FVMirrorLayout& layout);
     // Called by the readers with each file's digest.
     void checked(const FVVerificationReaders::Job& job, const std::optional<FVContentHash>& digest, int error);
     void plan(uint64_t bytes) { planned_.fetch_add(bytes, std::memory_order_relaxed); }
