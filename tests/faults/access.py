@@ -110,11 +110,9 @@ def acl_without_acl_cloning(ferrovane, work, ignore_attribute_changes):
     expect(b"(0 items changed)" in log, f"the unchanged tree was copied again: {log[-300:]}")
 
 
-def run(ferrovane, work):
-    cases = [("unreadable folders and file as an ordinary user, archiving off",
-              lambda w: unreadable_source(ferrovane, w, False)),
-             ("unreadable folders and file as an ordinary user, archiving on",
-              lambda w: unreadable_source(ferrovane, w, True)),
+def run(ferrovane, work, *_):
+    cases = [*[(f"unreadable folders and file as an ordinary user, archiving {'on' if on else 'off'}",
+                lambda w, a=on: unreadable_source(ferrovane, w, a)) for on in (False, True)],
              ("append-only source file changed twice", lambda w: append_only_source(ferrovane, w)),
              *[(f"ACL on a source file, ACL cloning off, ignoreFileFlagChanges {ignore}",
                 lambda w, i=ignore: acl_without_acl_cloning(ferrovane, w, i)) for ignore in ("yes", "no")]]

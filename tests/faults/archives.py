@@ -11,7 +11,7 @@ import time
 
 from faultkit import (Hooks, Mirrored, TEMPORARY_PREFIX, content, expect, expect_clean_rerun, expect_kept,
                       expect_mirror, expect_no_temporaries, expect_status, next_second, read_configuration, run_cases,
-                      tail, version, versions)
+                      tail, version, versions, write)
 
 NAME = Mirrored.NAME
 OPTIONS = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"))
@@ -28,10 +28,7 @@ class Destination(Mirrored):
     def change(self, rel="f", size=5000):
         """Gives a source file new content and a new date."""
         self.generation += 1
-        path = self.path(rel)
-        with open(path, "wb") as f:
-            f.write(content(size + self.generation, 1000 + self.generation))
-        os.utime(path, (2_000_000_000 + 100 * self.generation,) * 2)
+        write(self.path(rel), content(size + self.generation, 1000 + self.generation), 2_000_000_000 + 100 * self.generation)
 
     def mirrored(self, rel):
         return os.path.join(os.fsencode(self.mirror), os.fsencode(rel))
@@ -51,8 +48,7 @@ def planted_stamps(d):
     for second in range(now, now + 6):
         folder = os.path.join(d.destination, "__changed", stamp(second), NAME)
         os.makedirs(folder, exist_ok=True)
-        with open(os.path.join(folder, "f"), "wb") as f:
-            f.write(b"planted before the run")
+        write(os.path.join(folder, "f"), b"planted before the run")
 
 
 def link_at_changed(d):
@@ -119,22 +115,6 @@ def runs_in_one_second(ferrovane, work):
     expect_kept(d.destination, before_second)
     expect_status(r, 0, "the second run")
     d.clean_rerun(before_second)
-
-
-def runs_a_second_apart(ferrovane, work, runs=5):
-    """A file changes before each of several runs a second apart: every version is kept."""
-    d = Destination(ferrovane, work)
-    snapshots = []
-    for _ in range(runs):
-        begin = time.monotonic()
-        d.change()
-        d.change("sub/g", 3000)
-        snapshots.append(versions(d.destination))
-        ferrovane.complete(d.destination)
-        time.sleep(max(0.0, 1.0 - (time.monotonic() - begin)))
-    for snapshot in snapshots:
-        expect_kept(d.destination, snapshot)
-    d.clean_rerun(snapshots[-1])
 
 
 def config_during_a_run(ferrovane, work):
@@ -252,11 +232,10 @@ QUICK = ("archive move fails: stamp folder already holds the path", "archive mov
          "hard links across folders", "hard links across folders, a copy of its own refused")
 
 
-def run(ferrovane, work, tier):
+def run(ferrovane, work, tier, _):
     cases = [(f"archive move fails: {name}", lambda w, f=fault: archive_move_fails(ferrovane, w, *f))
              for name, fault in ARCHIVE_FAULTS.items()]
     cases += [("two runs in one second", lambda w: runs_in_one_second(ferrovane, w)),
-              ("five runs a second apart, a file changed before each", lambda w: runs_a_second_apart(ferrovane, w)),
               ("config add and set during a run", lambda w: config_during_a_run(ferrovane, w)),
               ("hard links across folders", lambda w: hard_link_groups(ferrovane, w)),
               ("hard links across folders, a copy of its own refused",

@@ -9,7 +9,7 @@ import shutil
 import subprocess
 
 from faultkit import (FIXED_MTIME, Mirrored, content, expect, expect_clean_rerun, expect_kept, expect_mirror,
-                      expect_status, log_since, log_size, mirror_differences, run_cases, versions)
+                      expect_status, log_since, log_size, mirror_differences, run_cases, versions, write)
 
 NAME = Mirrored.NAME
 SECOND = 1_000_000_000
@@ -42,13 +42,6 @@ class Destination(Mirrored):
         expect(b"(0 items changed)" in log_since(self.ferrovane, offset), "a run after a clean run changed items again")
 
 
-def save(path, data, mtime_ns):
-    with open(path, "r+b") as f:
-        f.write(data)
-        f.truncate(len(data))
-    os.utime(path, ns=(mtime_ns, mtime_ns))
-
-
 # ---- same-size saves
 
 OFFSETS_NS = (1, 1_000_000, 400_000_000, 999_999_999, SECOND, 2 * SECOND, 3 * SECOND, 9 * SECOND)
@@ -64,7 +57,8 @@ def same_size_saves(ferrovane, work):
     d.run()
     d.before = versions(d.destination)
     for i, offset in enumerate(OFFSETS_NS):
-        save(d.path(b"f%d" % i), content(4000, 100 + i), SAVED + offset)
+        write(d.path(b"f%d" % i), content(4000, 100 + i))
+        os.utime(d.path(b"f%d" % i), ns=(SAVED + offset,) * 2)
     d.run()
     d.expect_equal("same-size saves")
     d.clean_rerun()
@@ -108,29 +102,12 @@ def metadata_only(ferrovane, work):
 
 def make_folder(path):
     os.makedirs(os.path.join(path, b"inner"))
-    with open(os.path.join(path, b"inner", b"x"), "wb") as f:
-        f.write(b"new folder content")
+    write(os.path.join(path, b"inner", b"x"), b"new folder content")
 
 
-def make_file(path):
-    with open(path, "wb") as f:
-        f.write(b"new file")
-
-
-def make_link(path):
-    os.symlink(b"elsewhere", path)
-
-
-def make_fifo(path):
-    os.mkfifo(path)
-
-
-KINDS = {
-    "folder": (("dir",), make_folder),
-    "file": (("file", 2000, 7), make_file),
-    "link": (("link", b"somewhere"), make_link),
-}
-REPLACEMENTS = {"folder": make_folder, "file": make_file, "link": make_link, "fifo": make_fifo}
+# kind: (how the old item is described in a tree, how a new one is made)
+KINDS = {"folder": (("dir",), make_folder), "file": (("file", 2000, 7), lambda path: write(path, b"new file")),
+         "link": (("link", b"somewhere"), lambda path: os.symlink(b"elsewhere", path)), "fifo": (None, os.mkfifo)}
 
 
 def replaced(ferrovane, work, replacements, options=BOTH_ARCHIVES):
@@ -141,9 +118,8 @@ def replaced(ferrovane, work, replacements, options=BOTH_ARCHIVES):
     # nothing may be read or written through the mirror's copy of such a link.
     outside = os.path.join(os.fsencode(work), b"outside")
     os.makedirs(os.path.join(outside, b"inner"))
-    with open(os.path.join(outside, b"inner", b"x"), "wb") as f:
-        f.write(OUTSIDE)
-    pairs = [(old, new) for old in KINDS for new in replacements if new != old]
+    write(os.path.join(outside, b"inner", b"x"), OUTSIDE)
+    pairs = [(old, new) for old in ("folder", "file", "link") for new in replacements if new != old]
     for old, new in pairs:
         rel = f"{old}-to-{new}".encode()
         tree[rel] = ("link", outside) if old == "link" else KINDS[old][0]
@@ -158,7 +134,7 @@ def replaced(ferrovane, work, replacements, options=BOTH_ARCHIVES):
             shutil.rmtree(path)
         else:
             os.unlink(path)
-        REPLACEMENTS[new](path)
+        KINDS[new][1](path)
         if new != "fifo":
             os.utime(path, ns=(FIXED_MTIME * SECOND,) * 2, follow_symlinks=False)
     # Deterministic where the copy threads are not: the decisions themselves never look below
@@ -211,7 +187,7 @@ def links_pointed_elsewhere(ferrovane, work):
     d.clean_rerun()
 
 
-def run(ferrovane, work, tier):
+def run(ferrovane, work, *_):
     yield from run_cases("changes", [
         ("same-size saves 1 ns to 9 s after the backup", lambda w: same_size_saves(ferrovane, w)),
         ("mode, owner and group changed alone", lambda w: metadata_only(ferrovane, w)),

@@ -10,7 +10,7 @@ import os
 import shutil
 import subprocess
 
-from faultkit import build, expect, mirror_differences, next_second, run_cases, tail
+from faultkit import build, expect, mirror_differences, next_second, run_cases, tail, write
 from filesystems import EXFAT
 
 NAME = "data"
@@ -20,11 +20,6 @@ TREE = {b"a.txt": ("file", 3000, 1), b"b.txt": ("file", 10, 2), b"c.txt": ("file
         b"sub/f.txt": ("file", 1, 6), b"gone": ("dir",), b"gone/g.txt": ("file", 70, 7), b"empty": ("dir",),
         b"private": ("dir",), b"private/key": ("file", 33, 8), b"link": ("link", b"a.txt")}
 GONE = b"ferrovane: error: not restored: bytes gone: "
-
-
-def write(path, data):
-    with open(path, "wb") as f:
-        f.write(data)
 
 
 class History:
@@ -155,14 +150,10 @@ def from_exfat(ferrovane, work):
         expect_state(h.copies[0], os.path.join(out, NAME))
 
 
-def run(ferrovane, work):
-    cases = [("five runs, one without archiving: each run's state restored exactly, lost files named",
-              lambda w: every_run(ferrovane, w))]
+def run(ferrovane, work, *_):
     exfat = "restore --at from an exFAT destination brings back owners, modes and attributes"
-    if all(shutil.which(t) for t in EXFAT.tools):
-        cases.append((exfat, lambda w: from_exfat(ferrovane, w)))
-    else:
-        yield ("pointintime", exfat, "no mkfs.exfat, mount.exfat-fuse or losetup", "skipped")
-    yield from run_cases("pointintime", cases, work, root_only=lambda name: name == exfat,
-                         why="needs the superuser to mount images",
-                         after=lambda folder: shutil.rmtree(folder, ignore_errors=True))
+    yield from run_cases("pointintime", [
+        ("five runs, one without archiving: each run's state restored exactly, lost files named",
+         lambda w: every_run(ferrovane, w)), (exfat, lambda w: from_exfat(ferrovane, w))],
+        work, root_only=lambda name: name == exfat, why="needs the superuser to mount images",
+        after=lambda folder: shutil.rmtree(folder, ignore_errors=True))

@@ -7,7 +7,6 @@ import json
 import os
 import shutil
 import signal
-import sys
 
 from faultkit import RUNS, TEMPORARY_PREFIX, expect, expect_clean_rerun, expect_kept, expect_mirror, run_cases, tail
 from signals import Destination
@@ -47,10 +46,6 @@ def killed_mid_copy(ferrovane, work):
     expect_mirror(d.source, os.path.join(out, "data"))
 
 
-def run(ferrovane, work):
+def run(ferrovane, work, *_):
     cases = [("killed with -9 mid-copy: the last complete record stays the newest", lambda w: killed_mid_copy(ferrovane, w))]
     yield from run_cases("records", cases, work, after=lambda folder: shutil.rmtree(folder, ignore_errors=True))
-
-
-if __name__ == "__main__":
-    sys.exit("run through faults.py")

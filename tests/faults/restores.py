@@ -41,16 +41,16 @@ def backup_during_restore(ferrovane, work):
         other = os.path.join(work, "other")
         beside = subprocess.run(d.restore_args(to=other), env=ferrovane.env, capture_output=True, timeout=120)
         expect_status(beside, 0, "a second restore beside the first")
-        expect(mirror_differences(d.mirror(), os.path.join(other, "data")) == "", "the second restore is not complete")
+        expect(mirror_differences(d.mirror, os.path.join(other, "data")) == "", "the second restore is not complete")
     finally:
         d.hooks.release(MOMENT)
     expect_status(finish(restore), 0, "the held restore")
-    expect(mirror_differences(d.mirror(), os.path.join(d.restored, "data")) == "", "the held restore is not complete")
+    expect(mirror_differences(d.mirror, os.path.join(d.restored, "data")) == "", "the held restore is not complete")
     expect_kept(d.destination, before)
     expect_clean_rerun(ferrovane, d.destination, [d.source], before)
 
 
-def run(ferrovane, work):
+def run(ferrovane, work, *_):
     cases = [("restore while a backup holds the destination", lambda w: restore_during_backup(ferrovane, w)),
              ("backup while a restore holds the destination", lambda w: backup_during_restore(ferrovane, w))]
     yield from run_cases("restores", cases, work, after=lambda folder: shutil.rmtree(folder, ignore_errors=True))

@@ -13,7 +13,7 @@ import shutil
 import subprocess
 from zoneinfo import ZoneInfo
 
-from faultkit import expect, expect_mirror, mirror_of, run_cases, tail, tmpfs
+from faultkit import expect, expect_mirror, mirror_of, require, run_cases, tail, tmpfs, write
 
 ZONE = "Europe/Berlin"
 NAME = "data"
@@ -76,6 +76,7 @@ def snapshot(root):
 
 
 def simulated_year(ferrovane, work, tier):
+    require("faketime")
     start, days, policy, size = TIERS[tier]
     disk = os.path.join(work, "disk")
     with tmpfs(disk, f"size={size}"):
@@ -84,8 +85,7 @@ def simulated_year(ferrovane, work, tier):
         os.makedirs(source)
         rng = random.Random(days)
         for i in range(30):
-            with open(os.path.join(source, f"f{i:02}"), "wb") as f:
-                f.write(rng.randbytes(rng.randrange(1, 30000)))
+            write(os.path.join(source, f"f{i:02}"), rng.randbytes(rng.randrange(1, 30000)))
         ferrovane.configure(dest, [source], (("purgeChangedArchive", "no"), ("purgeRemovedArchive", "no")))
         r = ferrovane.config(dest, "retention", *map(str, policy))
         expect(r.returncode == 0, f"config retention: {tail(r)}")
@@ -108,12 +108,10 @@ def simulated_year(ferrovane, work, tier):
                 moment = datetime.datetime(date.year, date.month, date.day, hour, 0, tzinfo=zone)
                 names = sorted(os.listdir(source))
                 for name in rng.sample(names, 3):
-                    with open(os.path.join(source, name), "wb") as f:
-                        f.write(rng.randbytes(rng.randrange(1, 30000)))
+                    write(os.path.join(source, name), rng.randbytes(rng.randrange(1, 30000)))
                 if day % 7 == 3:
                     os.unlink(os.path.join(source, rng.choice(names)))
-                    with open(os.path.join(source, f"n{day:03}"), "wb") as f:
-                        f.write(rng.randbytes(rng.randrange(1, 30000)))
+                    write(os.path.join(source, f"n{day:03}"), rng.randbytes(rng.randrange(1, 30000)))
                 for name in os.listdir(source):
                     t = moment.timestamp() - 3600
                     if os.stat(os.path.join(source, name)).st_mtime > moment.timestamp():
@@ -166,11 +164,8 @@ def simulated_year(ferrovane, work, tier):
                f"the run after the last day still had work: {newest}")
 
 
-def run(ferrovane, work, tier):
+def run(ferrovane, work, tier, _):
     name = (f"{TIERS[tier][1]} days of runs with a faked clock on a {TIERS[tier][3]} tmpfs: the policy's runs "
             f"stay and restore exactly, the rest goes")
-    if not shutil.which("faketime"):
-        yield ("retention", name, "no faketime (Debian package faketime)", "skipped")
-        return
     yield from run_cases("retention", [(name, lambda w: simulated_year(ferrovane, w, tier))], work,
                          root_only=lambda _: True, why="needs the superuser to mount a tmpfs")

@@ -10,58 +10,45 @@ import shutil
 import signal
 import subprocess
 
-from faultkit import (Hooks, build, content, digest, expect, expect_clean_rerun, expect_kept,
+from faultkit import (Hooks, Mirrored, content, digest, expect, expect_clean_rerun, expect_kept,
                       expect_no_temporaries, expect_status, finish, generate_tree, log_since, log_size,
-                      mirror_differences, mirror_of, run_cases, versions)
+                      mirror_differences, run_cases, versions, write)
 
 MOMENT = "during-data-copy"
 CANCELLED = "copy-cancelled"
 SIGNALS = (signal.SIGHUP, signal.SIGTERM, signal.SIGINT)
 
 
-class Destination:
+class Destination(Mirrored):
     """A source backed up once, then changed (big0.bin among the changes), so that the next run
     copies, archives and removes; restores go into a folder of their own."""
 
-    def __init__(self, ferrovane, work, seed=0):
-        self.ferrovane, self.work = ferrovane, work
-        self.source = os.path.join(work, "src", "data")
-        self.destination = os.path.join(work, "dest")
+    def __init__(self, ferrovane, work):
+        rng = random.Random("0/signals")
+        tree = generate_tree(rng, folders=12, files=150, big_sizes=(8 << 20,))
+        super().__init__(ferrovane, work, tree, (("moveChangedFiles", 1),))
         self.restored = os.path.join(work, "restored")
         self.hooks = Hooks(os.path.join(work, "hooks"))
-        rng = random.Random(f"{seed}/signals")
-        tree = generate_tree(rng, folders=12, files=150, big_sizes=(8 << 20,))
-        build(os.fsencode(self.source), tree)
-        os.makedirs(self.destination)
-        ferrovane.configure(self.destination, [self.source], (("moveChangedFiles", 1),))
-        ferrovane.complete(self.destination)
         files = sorted(r for r, k in tree.items() if k[0] == "file")
         for rel in rng.sample(files, 30) + [r for r in files if r.startswith(b"big0") or b"/big0" in r]:
-            path = os.path.join(os.fsencode(self.source), rel)
-            with open(path, "wb") as f:
-                f.write(content(tree[rel][1] + 1, tree[rel][2] + 1))
-            os.utime(path, (2_000_000_000, 2_000_000_000))
+            write(os.path.join(os.fsencode(self.source), rel), content(tree[rel][1] + 1, tree[rel][2] + 1), 2_000_000_000)
         for rel in rng.sample(files, 10):
             path = os.path.join(os.fsencode(self.source), rel)
             if os.path.exists(path):
                 os.unlink(path)
         self.before = versions(self.destination)
 
-    def env(self):
-        return dict(self.ferrovane.env, **self.hooks.env)
+    def start_backup(self):
+        return self.ferrovane.with_env(**self.hooks.env).start(self.destination)
 
-    def start_backup(self, **kwargs):
-        return subprocess.Popen(self.ferrovane.args(self.destination), env=self.env(), stdout=subprocess.PIPE,
-                                stderr=subprocess.PIPE, **kwargs)
+    def restore_args(self, to=None):
+        return [*self.ferrovane.prefix, self.ferrovane.executable, "restore", self.destination, self.source,
+                "--to", to or self.restored]
 
-    def restore_args(self, what=None, to=None):
-        return [*self.ferrovane.prefix, self.ferrovane.executable, "restore", self.destination,
-                what or self.source, "--to", to or self.restored]
-
-    def start_restore(self, what=None, to=None):
-        os.makedirs(to or self.restored, exist_ok=True)
-        return subprocess.Popen(self.restore_args(what, to), env=self.env(), stdout=subprocess.PIPE,
-                                stderr=subprocess.PIPE)
+    def start_restore(self):
+        os.makedirs(self.restored, exist_ok=True)
+        return subprocess.Popen(self.restore_args(), env=dict(self.ferrovane.env, **self.hooks.env),
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
     def held(self, start, pattern=b"big0"):
         """Starts a run held in the middle of copying big0.bin's data: its temporary copy exists."""
@@ -76,9 +63,6 @@ class Destination:
         process.send_signal(number)
         self.hooks.wait(CANCELLED, process)
         self.hooks.release(MOMENT)
-
-    def mirror(self):
-        return mirror_of(self.destination, self.source)
 
 
 def expect_restored_exactly(mirror, restored):
@@ -109,11 +93,11 @@ def closed_reader(kind):
         expect(process.returncode == 0, f"the {kind} ended with {process.returncode}: {err[-600:]!r}")
         if kind == "backup":
             expect(b"Sync finished" in log_since(ferrovane, offset), "the run log has no end line")
-            expect(mirror_differences(d.source, d.mirror()) == "", "the mirror is not complete")
+            expect(mirror_differences(d.source, d.mirror) == "", "the mirror is not complete")
             expect_kept(d.destination, d.before)
             expect_no_temporaries(d.destination)
         else:
-            expect(mirror_differences(d.mirror(), os.path.join(d.restored, "data")) == "", "the restore is not complete")
+            expect(mirror_differences(d.mirror, os.path.join(d.restored, "data")) == "", "the restore is not complete")
     return body
 
 
@@ -133,14 +117,14 @@ def signalled(kind, number):
             expect_clean_rerun(ferrovane, d.destination, [d.source], before)
             return
         expect(any(True for _ in os.scandir(d.restored)), "the restore wrote nothing before the signal")
-        expect_restored_exactly(d.mirror(), os.path.join(d.restored, "data"))
+        expect_restored_exactly(d.mirror, os.path.join(d.restored, "data"))
         again = subprocess.run(d.restore_args(), env=ferrovane.env, capture_output=True, timeout=120)
         expect_status(again, 0, "the restore after the cancelled one")
-        expect(mirror_differences(d.mirror(), os.path.join(d.restored, "data")) == "", "the restore is not complete")
+        expect(mirror_differences(d.mirror, os.path.join(d.restored, "data")) == "", "the restore is not complete")
     return body
 
 
-def run(ferrovane, work):
+def run(ferrovane, work, *_):
     cases = []
     for kind in ("backup", "restore"):
         cases.append((f"closed reader of a {kind}'s output", lambda w, k=kind: closed_reader(k)(ferrovane, w)))

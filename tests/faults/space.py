@@ -7,27 +7,13 @@ import os
 import re
 import shutil
 
-from faultkit import build, content, expect, expect_mirror, log_since, log_size, run_cases, tail, tmpfs
+from faultkit import build, content, expect, expect_mirror, log_since, log_size, run_cases, tail, tmpfs, tree_state, write
 
 NAME = "data"
 FILES = 4
 SIZE = 2 << 20
 RUNS = "__runs"
 STOPPED = b"Sync stopped before copying: not enough room."
-
-
-def listing(root):
-    """Everything below root and root itself: what a run that changed nothing leaves as it was."""
-    out = {}
-    for folder, dirs, names in os.walk(root):
-        for name in [""] if folder == root else []:
-            st = os.lstat(folder)
-            out[name] = (st.st_mode, st.st_mtime_ns, st.st_ino)
-        for name in dirs + names:
-            st = os.lstat(os.path.join(folder, name))
-            out[os.path.relpath(os.path.join(folder, name), root)] = (st.st_mode, st.st_size, st.st_mtime_ns,
-                                                                      st.st_ino)
-    return out
 
 
 class Disk:
@@ -52,9 +38,7 @@ class Disk:
                       if n.endswith(".fvmanifest"))
 
     def change(self, generation):
-        path = os.path.join(self.source, "f%d" % (generation % FILES))
-        with open(path, "wb") as f:
-            f.write(content(SIZE, 1000 + generation))
+        write(os.path.join(self.source, "f%d" % (generation % FILES)), content(SIZE, 1000 + generation))
 
     def run(self, expected=0):
         known = set(self.records()) if os.path.isdir(os.path.join(self.destination, RUNS)) else set()
@@ -73,14 +57,14 @@ class Disk:
     def expect_stop(self, needs):
         """A run and a dry run that stop before copying: exit 1, the message once, naming what
         helps (needs), and the destination exactly as it was."""
-        before = listing(self.destination)
+        before = tree_state(self.destination)
         for dry in (True, False):
             r = self.ferrovane.command(*(["--dry-run"] if dry else []), "--no-notifications", self.destination)
             said = r.stdout + r.stderr
             expect(r.returncode == 1 and STOPPED in r.stdout, f"dry run {dry}: exit {r.returncode}: {tail(r)}")
             expect(said.count(b"Not enough room on ") == 1 and needs in said,
                    f"dry run {dry}: not one message naming {needs!r}: {tail(r)}")
-            expect(listing(self.destination) == before, f"dry run {dry}: the stopped run changed the destination")
+            expect(tree_state(self.destination) == before, f"dry run {dry}: the stopped run changed the destination")
         return r.stderr.decode()
 
     def expect_points_in_time(self):
@@ -108,8 +92,7 @@ def cannot_make_room(ferrovane, work):
         st = os.statvfs(d.mount)
         free, reserve = st.f_bavail * st.f_frsize, st.f_blocks * st.f_frsize // 10
         # Fits into the free space, not beside the reserve, with more than a megabyte to spare.
-        with open(os.path.join(d.source, "new"), "wb") as f:
-            f.write(content((free - reserve + (300 << 10)) // 4096 * 4096, 7))
+        write(os.path.join(d.source, "new"), content((free - reserve + (300 << 10)) // 4096 * 4096, 7))
         said = d.expect_stop(b"set keepFreeSpaceMB ")
         expect("kept free" in said and "Free space on the disk" in said, f"the message: {said}")
         suggested = re.search(r"set keepFreeSpaceMB (\d+)", said).group(1)
@@ -150,7 +133,7 @@ def history(ferrovane, work, purge_allowed):
         d.expect_nothing_left_to_do()
 
 
-def run(ferrovane, work):
+def run(ferrovane, work, *_):
     cases = [("room cannot be made: stops before copying, nothing changed, the suggested reserve fits",
               lambda w: cannot_make_room(ferrovane, w)),
              ("room is made: the oldest archived runs go first, every point in time left restores",
