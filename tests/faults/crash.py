@@ -6,8 +6,7 @@ import random
 import subprocess
 import time
 
-from faultkit import (Replayed, content, date_folders, digest, expect_configuration, expect_kept, expect_mirror,
-                      expect_no_temporaries, generate_tree, run_cases, write)
+from faultkit import Replayed, content, date_folders, digest, expect_clean_rerun, generate_tree, run_cases, write
 
 NAME = Replayed.NAME
 MOMENTS = {"quick": 2, "full": 8}  # kills per scenario
@@ -94,13 +93,8 @@ class Scenario(Replayed):
         process.communicate()
         where = self.phase() if killed else "finished before the kill"
         # Straight after the kill: nothing the run was about to replace or remove is gone.
-        expect_kept(self.destination, self.before, self.replaceable)
-        expect_configuration(self.destination, self.configuration)
-        self.ferrovane.complete(self.destination)
-        expect_mirror(self.source, os.path.join(self.destination, NAME))
-        expect_kept(self.destination, self.before, self.replaceable)
-        expect_no_temporaries(self.destination)
-        expect_configuration(self.destination, self.configuration)
+        expect_clean_rerun(self.ferrovane, self.destination, [self.source], self.before, self.configuration,
+                           self.replaceable)
         return where
 
 

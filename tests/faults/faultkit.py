@@ -421,10 +421,15 @@ def mirror_of(destination, source):
     return os.path.join(os.fsencode(destination), os.path.basename(os.fsencode(source).rstrip(b"/")))
 
 
-def expect_clean_rerun(ferrovane, destination, sources, before):
-    """A run without faults completes, keeps every earlier version and leaves rsync nothing to do."""
-    ferrovane.complete(destination)
-    expect_kept(destination, before)
+def expect_clean_rerun(ferrovane, destination, sources, before, configuration=None, replaceable=None):
+    """Every earlier version is kept (see expect_kept) and the configuration whole (when given), before
+    and after a run without faults, which completes and leaves rsync nothing to do."""
+    for rerun in (True, False):
+        expect_kept(destination, before, replaceable)
+        if configuration is not None:
+            expect_configuration(destination, configuration)
+        if rerun:
+            ferrovane.complete(destination)
     for source in sources:
         expect_mirror(source, mirror_of(destination, source))
     expect_no_temporaries(destination)

@@ -10,8 +10,8 @@ import re
 import shutil
 import subprocess
 
-from faultkit import (Replayed, Unavailable, content, date_folders, expect, expect_clean_rerun, expect_configuration,
-                      expect_kept, log_since, log_size, next_second, run_cases, tail, write)
+from faultkit import (Replayed, Unavailable, content, date_folders, expect, expect_clean_rerun, log_since, log_size,
+                      next_second, run_cases, tail, write)
 
 CALLS = ("openat", "openat2", "mkdirat", "renameat2", "write", "copy_file_range", "fsync", "fchown", "fsetxattr",
          "unlinkat", "utimensat", "fchmod", "syncfs")
@@ -103,10 +103,8 @@ class Sweep(Replayed):
             expect("(INJECTED)" in f.read(), "the fault never struck")
         if call in DESTINATION_CALLS and error in FATAL:
             expect_one_fatal_line(r, log_since(self.ferrovane, offset), FATAL[error])
-        expect_kept(self.destination, self.before)
-        expect_configuration(self.destination, self.configuration)
         next_second()  # a stamp folder reused within one second has a case of its own
-        expect_clean_rerun(self.ferrovane, self.destination, [self.source], self.before)
+        expect_clean_rerun(self.ferrovane, self.destination, [self.source], self.before, self.configuration)
         return f"run exit {r.returncode}"
 
 

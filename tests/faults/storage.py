@@ -8,9 +8,9 @@ import subprocess
 import threading
 import time
 
-from faultkit import (Hooks, Mirrored, build, content, date_folders, expect, expect_configuration, expect_kept,
-                      expect_mirror, expect_no_temporaries, finish, log_since, log_size, mounted, read_configuration,
-                      remount, run_cases, tail, tmpfs, versions, write)
+from faultkit import (Hooks, Mirrored, build, content, date_folders, expect, expect_clean_rerun, expect_mirror,
+                      expect_no_temporaries, finish, log_since, log_size, mounted, read_configuration, remount,
+                      run_cases, tail, tmpfs, versions, write)
 
 NAME = "data"
 TREE = {b"a": ("dir",), b"b": ("dir",), b"a/c": ("dir",), b"huge.bin": ("file", 96 << 20, 7),
@@ -53,13 +53,7 @@ class Case:
 
     def finish(self, before):
         expect_no_temporaries(self.destination)
-        expect_kept(self.destination, before)
-        expect_configuration(self.destination, self.configuration)
-        self.ferrovane.complete(self.destination)
-        expect_mirror(self.source, os.path.join(self.destination, NAME))
-        expect_kept(self.destination, before)
-        expect_no_temporaries(self.destination)
-        expect_configuration(self.destination, self.configuration)
+        expect_clean_rerun(self.ferrovane, self.destination, [self.source], before, self.configuration)
 
 
 # name: (mirrored before, source folders removed, the limit put on the disk from (bytes, inodes) used)
