@@ -149,31 +149,19 @@ def inodes(root):
     return {st.st_ino for st in found if stat.S_ISREG(st.st_mode)}
 
 
-def kill_at(ferrovane, work, destination, moment):
-    """Kills (SIGKILL) a run of destination when it reaches moment."""
+def interrupt_unshare(ferrovane, work, destination, refused):
+    """Runs destination until it made the copy that gives a file of a folder about to be archived
+    data of its own; then kills the run (SIGKILL), or takes that copy away once and lets it go on."""
     hooks = Hooks(os.path.join(work, "hooks"))
-    hooks.arm(moment)
-    process = ferrovane.with_env(**hooks.env).start(destination)
+    process = ferrovane.start_held(destination, hooks, "after-unshare-copy")
     try:
-        hooks.wait(moment, process)
-    finally:
-        process.kill()
-        process.communicate()
-
-
-def refuse_unshare(ferrovane, work, destination, beside):
-    """Runs destination and takes away, once, the copy made beside a folder about to be archived
-    to give a file in it data of its own."""
-    hooks = Hooks(os.path.join(work, "hooks"))
-    hooks.arm("after-unshare-copy")
-    process = ferrovane.with_env(**hooks.env).start(destination)
-    try:
-        hooks.wait("after-unshare-copy", process)
-        for name in os.listdir(beside):
-            if name.startswith(TEMPORARY_PREFIX):
-                os.unlink(os.path.join(beside, name))
-        hooks.release("after-unshare-copy")
-        process.communicate(timeout=120)
+        if refused:
+            beside = os.path.join(os.fsencode(destination), NAME.encode())
+            for name in os.listdir(beside):
+                if name.startswith(TEMPORARY_PREFIX):
+                    os.unlink(os.path.join(beside, name))
+            hooks.release("after-unshare-copy")
+            process.communicate(timeout=120)
     finally:
         if process.poll() is None:
             process.kill()
@@ -205,12 +193,8 @@ def hard_link_groups(ferrovane, work, refused=False):
         next_second()
         step()
         before = versions(d.destination)
-        if killed and refused:
-            refuse_unshare(ferrovane, work, d.destination, mirror)
-            expect_kept(d.destination, before)
-            next_second()
-        elif killed:
-            kill_at(ferrovane, work, d.destination, "after-unshare-copy")
+        if killed:
+            interrupt_unshare(ferrovane, work, d.destination, refused)
             expect_kept(d.destination, before)
             next_second()
         ferrovane.complete(d.destination)

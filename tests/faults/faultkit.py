@@ -440,6 +440,22 @@ def next_second():
     time.sleep(1.02 - time.time() % 1)
 
 
+def record_stamps(destination):
+    """The stamps of the run records the destination holds, oldest first."""
+    folder = os.path.join(destination, RUNS)
+    return sorted(n[:-len(".fvmanifest")] for n in os.listdir(folder) if n.endswith(".fvmanifest")) \
+        if os.path.isdir(folder) else []
+
+
+def recorded(destination, run):
+    """run()'s result and the stamp of the one record it added to the destination."""
+    known = set(record_stamps(destination))
+    r = run()
+    new = [s for s in record_stamps(destination) if s not in known]
+    expect(len(new) == 1, f"the run left {new} as new records: {tail(r)}")
+    return r, new[0]
+
+
 def log_size(ferrovane):
     try:
         return os.path.getsize(ferrovane.env["FERROVANE_LOG_FILE"])

@@ -8,7 +8,7 @@ import os
 import plistlib
 import subprocess
 
-from faultkit import Failure, build, expect, expect_mirror, read_configuration, run_cases, tail
+from faultkit import Failure, build, expect, expect_mirror, log_since, read_configuration, run_cases, tail
 
 NAMES = [b"new\nline", b"tab\tand\x01ctl", b"esc\x1b[31mred", b"bad\xff\xfeutf8", b"n" * 255, b"q'uo\"te %h $x"]
 SOURCE_NAME = b"src\n\x1b[2J\xff"
@@ -36,17 +36,6 @@ def expect_same_deep_tree(source, mirror):
               for root in (source, mirror)]
     expect(all(p.returncode == 0 for p in packed), f"tar failed: {packed[0].stderr[-300:]} {packed[1].stderr[-300:]}")
     expect(packed[0].stdout == packed[1].stdout, "the deep folder chain differs from the source's")
-
-
-def read_log(ferrovane):
-    with open(ferrovane.env["FERROVANE_LOG_FILE"], "rb") as f:
-        return f.read()
-
-
-def check_log(path):
-    with open(path, "rb") as f:
-        log = f.read()
-    expect(b"\x1b" not in log, "the log holds a raw escape character")
 
 
 def expect_readable_configuration(destination, source):
@@ -81,8 +70,9 @@ def run(ferrovane, work, *_):
             mirror = os.path.join(destination, SOURCE_NAME)
             expect_mirror(source, mirror, excluded=[DEEP[0]])  # rsync stops at PATH_MAX
             expect_same_deep_tree(source, mirror)
-        expect(b"(0 items changed)" in r.stdout + read_log(ferrovane), "the second run copied again")
-        check_log(ferrovane.env["FERROVANE_LOG_FILE"])
+        log = log_since(ferrovane, 0)
+        expect(b"(0 items changed)" in r.stdout + log, "the second run copied again")
+        expect(b"\x1b" not in log, "the log holds a raw escape character")
         expect_readable_configuration(destination, source)  # after the run's write-back
 
     def names_like_temporaries():

@@ -10,7 +10,7 @@ import os
 import shutil
 import subprocess
 
-from faultkit import build, expect, mirror_differences, next_second, run_cases, tail, write
+from faultkit import build, expect, mirror_differences, next_second, recorded, run_cases, tail, write
 from filesystems import EXFAT
 
 NAME = "data"
@@ -39,14 +39,10 @@ class History:
         self.status = 0
 
     def run(self):
-        runs = os.path.join(self.destination, "__runs")
-        known = set(os.listdir(runs)) if os.path.isdir(runs) else set()
         next_second()
-        r = self.ferrovane.run(self.destination)
+        r, stamp = recorded(self.destination, lambda: self.ferrovane.run(self.destination))
         expect(r.returncode == self.status, f"run {len(self.stamps)} exit {r.returncode}: {tail(r)}")
-        new = [n for n in os.listdir(runs) if n not in known and n.endswith(".fvmanifest")]
-        expect(len(new) == 1, f"run {len(self.stamps)} left {new} in __runs")
-        self.stamps.append(new[0][:-len(".fvmanifest")])
+        self.stamps.append(stamp)
         copy = os.path.join(self.work, "copies", str(len(self.copies)))
         os.makedirs(os.path.dirname(copy), exist_ok=True)
         subprocess.run(["cp", "-a", os.path.dirname(self.source), copy], check=True)

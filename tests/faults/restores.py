@@ -7,16 +7,15 @@ import os
 import shutil
 import subprocess
 
-from faultkit import (expect, expect_clean_rerun, expect_kept, expect_status, finish, mirror_differences, run_cases,
-                      tail, versions)
-from signals import MOMENT, Destination
+from faultkit import expect, expect_clean_rerun, expect_status, finish, mirror_differences, run_cases, tail
+from signals import MOMENT, Destination, expect_restored
 
 BUSY = b"Another Ferrovane run is using this destination"
 
 
 def restore_during_backup(ferrovane, work):
     d = Destination(ferrovane, work)
-    backup = d.held(d.start_backup)
+    backup = d.held()
     try:
         refused = subprocess.run(d.restore_args(), env=ferrovane.env, capture_output=True, timeout=60)
         expect_status(refused, 75, "the restore during a backup")
@@ -29,10 +28,8 @@ def restore_during_backup(ferrovane, work):
 
 
 def backup_during_restore(ferrovane, work):
-    d = Destination(ferrovane, work)
-    ferrovane.complete(d.destination)
-    before = versions(d.destination)
-    restore = d.held(d.start_restore)
+    d = Destination(ferrovane, work, "restore")
+    restore = d.held()
     try:
         refused = ferrovane.run(d.destination, timeout=60)
         expect_status(refused, 75, "the backup during a restore")
@@ -45,9 +42,8 @@ def backup_during_restore(ferrovane, work):
     finally:
         d.hooks.release(MOMENT)
     expect_status(finish(restore), 0, "the held restore")
-    expect(mirror_differences(d.mirror, os.path.join(d.restored, "data")) == "", "the held restore is not complete")
-    expect_kept(d.destination, before)
-    expect_clean_rerun(ferrovane, d.destination, [d.source], before)
+    expect_restored(d, "the held restore")
+    expect_clean_rerun(ferrovane, d.destination, [d.source], d.before)
 
 
 def run(ferrovane, work, *_):

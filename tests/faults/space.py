@@ -7,7 +7,8 @@ import os
 import re
 import shutil
 
-from faultkit import build, content, expect, expect_mirror, log_since, log_size, run_cases, tail, tmpfs, tree_state, write
+from faultkit import (build, content, expect, expect_mirror, log_since, log_size, record_stamps, recorded, run_cases, tail,
+                      tmpfs, tree_state, write)
 
 NAME = "data"
 FILES = 4
@@ -33,26 +34,18 @@ class Disk:
         os.makedirs(self.destination)
         self.ferrovane.configure(self.destination, [self.source], self.options)
 
-    def records(self):
-        return sorted(n[:-len(".fvmanifest")] for n in os.listdir(os.path.join(self.destination, RUNS))
-                      if n.endswith(".fvmanifest"))
-
     def change(self, generation):
         write(os.path.join(self.source, "f%d" % (generation % FILES)), content(SIZE, 1000 + generation))
 
-    def run(self, expected=0):
-        known = set(self.records()) if os.path.isdir(os.path.join(self.destination, RUNS)) else set()
-        r = self.ferrovane.run(self.destination)
-        expect(r.returncode == expected, f"run {len(self.stamps)}: exit {r.returncode}, not {expected}: {tail(r)}")
-        if expected != 0:
-            return r
-        new = [s for s in self.records() if s not in known]
-        expect(len(new) == 1, f"run {len(self.stamps)} left {new} in {RUNS}")
-        self.stamps.append(new[0])
-        copy = os.path.join(self.work, "copies", new[0])
-        shutil.copytree(self.source, copy, symlinks=True)
-        self.copies[new[0]] = copy
-        return r
+    def records(self):
+        return record_stamps(self.destination)
+
+    def run(self):
+        r, stamp = recorded(self.destination, lambda: self.ferrovane.run(self.destination))
+        expect(r.returncode == 0, f"run {len(self.stamps)}: exit {r.returncode}: {tail(r)}")
+        self.stamps.append(stamp)
+        self.copies[stamp] = os.path.join(self.work, "copies", stamp)
+        shutil.copytree(self.source, self.copies[stamp], symlinks=True)
 
     def expect_stop(self, needs):
         """A run and a dry run that stop before copying: exit 1, the message once, naming what
