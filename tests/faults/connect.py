@@ -9,8 +9,8 @@ import plistlib
 import re
 import subprocess
 
-from faultkit import (attempt, build, content, expect, expect_kept, expect_mirror, expect_no_temporaries, mirror_of, run_cases,
-                      tail, unmount, versions, write)
+from faultkit import (attempt, build, content, expect, expect_kept, expect_mirror, expect_no_temporaries,
+                      expect_status, mirror_of, run_cases, tail, unmount, versions, write)
 
 TREE = {b"notes.txt": ("file", 3000, 1), b"sub": ("dir",), b"sub/photo.bin": ("file", 70000, 2)}
 PREFIX = "com.quillmarsh.ferrovane."
@@ -55,8 +55,7 @@ class Disk:
         unmount(self.mount_point)
 
     def config(self, *args):
-        r = self.ferrovane.config(self.destination, *args, env=self.env)
-        expect(r.returncode == 0, f"config {' '.join(args)} failed: {tail(r)}")
+        expect_status(self.ferrovane.config(self.destination, *args, env=self.env), 0, f"config {' '.join(args)}")
 
     def identify(self):
         """The identity that names the units and the status, once a schedule gave the destination one."""

@@ -5,17 +5,14 @@ import os
 import re
 import subprocess
 
-from faultkit import build, expect, require, run_cases
+from faultkit import Mirrored, expect, require, run_cases
 
 TREE = {b"a": ("file", 10, 1), b"sub": ("dir",), b"sub/b": ("file", 70000, 2)}
 
 
 def order(ferrovane, work):
     require("strace")
-    source, destination = os.path.join(work, "src", "data"), os.path.join(work, "dest")
-    build(os.fsencode(source), TREE)
-    os.makedirs(destination)
-    ferrovane.configure(destination, [source])
+    destination = Mirrored(ferrovane, work, TREE, first_run=False).destination
     trace = os.path.join(work, "trace")
     r = subprocess.run(["strace", "-f", "-y", "-qq", "-e", "trace=syncfs,fsync,rename,renameat,renameat2",
                         "-o", trace, *ferrovane.args(destination)], env=ferrovane.env, capture_output=True, timeout=120)

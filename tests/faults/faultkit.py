@@ -180,11 +180,9 @@ class Ferrovane:
 
     def configure(self, destination, sources, options=()):
         for source in sources:
-            r = self.config(destination, "add", source)
-            expect(r.returncode == 0, f"config add failed: {r.stdout} {r.stderr}")
+            expect_status(self.config(destination, "add", source), 0, "config add")
         for key, value in options:
-            r = self.config(destination, "set", key, str(value))
-            expect(r.returncode == 0, f"config set {key} failed: {r.stdout} {r.stderr}")
+            expect_status(self.config(destination, "set", key, str(value)), 0, f"config set {key}")
 
     def complete(self, destination):
         r = self.run(destination)

@@ -10,8 +10,8 @@ import re
 import subprocess
 from contextlib import contextmanager
 
-from faultkit import (FIXED_MTIME, attempt, build, content, digest, expect, expect_kept, log_since, log_size,
-                      mirror_differences, mounted, require, run_cases, tail, versions, write)
+from faultkit import (FIXED_MTIME, attempt, build, content, digest, expect, expect_kept, expect_status, log_since,
+                      log_size, mirror_differences, mounted, require, run_cases, tail, versions, write)
 
 NAME = "data"
 OPTIONS = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"), ("ignoreFileFlagChanges", "no"))
@@ -161,17 +161,8 @@ def same_contents(source, mirror, skipped, case_insensitive):
 
 
 def stamp_folders(destination):
-    out = []
-    for archive in ("__changed", "__removed"):
-        base = os.path.join(destination, archive)
-        if os.path.isdir(base):
-            out += [os.path.join(base, s) for s in os.listdir(base)]
-    return sorted(out)
-
-
-def expect_no_empty_stamps(destination):
-    empty = [s for s in stamp_folders(destination) if not any(names for _, _, names in os.walk(s))]
-    expect(not empty, f"archive folders without a file: {empty}")
+    archives = [os.path.join(destination, a) for a in ("__changed", "__removed")]
+    return sorted(os.path.join(a, s) for a in archives if os.path.isdir(a) for s in os.listdir(a))
 
 
 def root_state(path):
@@ -236,7 +227,8 @@ def backups(ferrovane, fs, mnt, work):
     for archive, rel in (("__changed", b"plain/changing.txt"), ("__removed", b"plain/gone.txt")):
         expect(any(os.path.isfile(os.path.join(os.fsencode(s), NAME.encode(), rel))
                    for s in stamp_folders(destination) if f"/{archive}/" in s), f"{rel!r} is not in {archive}")
-    expect_no_empty_stamps(destination)
+    empty = [s for s in stamp_folders(destination) if not any(names for _, _, names in os.walk(s))]
+    expect(not empty, f"archive folders without a file: {empty}")
 
     # A dry run changes nothing, not even the root's dates.
     state = root_state(destination)
@@ -260,15 +252,15 @@ def backups(ferrovane, fs, mnt, work):
     target = os.path.join(mnt, "restored")
     os.makedirs(target)
     write(os.path.join(target, "changing.txt"), b"another version")
-    r = ferrovane.command("restore", destination, changed, "--to", target, "--replace", timeout=60)
-    expect(r.returncode == 0, f"restore with --replace exit {r.returncode}: {tail(r)}")
+    expect_status(ferrovane.command("restore", destination, changed, "--to", target, "--replace", timeout=60), 0,
+                  "restore with --replace")
     expect(digest(os.path.join(target, "changing.txt")) == digest(changed), "the restore did not bring the version back")
     # Links come back as they were, also those the mount will not read back (see version()).
     if fs.links:
         elsewhere = os.path.join(work, "restored")
         os.makedirs(elsewhere)
-        r = ferrovane.command("restore", destination, os.path.join(source, "private"), "--to", elsewhere, timeout=60)
-        expect(r.returncode == 0, f"restore of links exit {r.returncode}: {tail(r)}")
+        expect_status(ferrovane.command("restore", destination, os.path.join(source, "private"), "--to", elsewhere,
+                                        timeout=60), 0, "restore of links")
         for name in ("link", "up", "away"):
             back, original = os.path.join(elsewhere, "private", name), os.path.join(source, "private", name)
             expect(os.path.islink(back) and os.readlink(back) == os.readlink(original), f"private/{name} came back wrong")

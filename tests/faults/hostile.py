@@ -8,7 +8,8 @@ import os
 import plistlib
 import subprocess
 
-from faultkit import Failure, build, expect, expect_mirror, log_since, read_configuration, run_cases, tail
+from faultkit import (Failure, Mirrored, build, expect, expect_mirror, expect_status, log_since, read_configuration,
+                      run_cases, tail)
 
 NAMES = [b"new\nline", b"tab\tand\x01ctl", b"esc\x1b[31mred", b"bad\xff\xfeutf8", b"n" * 255, b"q'uo\"te %h $x"]
 SOURCE_NAME = b"src\n\x1b[2J\xff"
@@ -77,16 +78,12 @@ def run(ferrovane, work, *_):
 
     def names_like_temporaries():
         # Only names of the form the program makes are leftovers, and never one whose source exists.
-        other_source = os.path.join(work, b"tmp-names", b"data")
-        other_destination = os.path.join(work, b"tmp-names", b"dest")
-        build(other_source, {b".ferrovane-tmp-notes.txt": ("file", 40, 1),
-                             b".ferrovane-tmp-0123456789abcdef": ("file", 50, 2), b"plain": ("file", 10, 3)})
-        os.makedirs(other_destination)
-        ferrovane.configure(other_destination, [other_source])
+        d = Mirrored(ferrovane, os.path.join(work, b"tmp-names"), {
+            b".ferrovane-tmp-notes.txt": ("file", 40, 1), b".ferrovane-tmp-0123456789abcdef": ("file", 50, 2),
+            b"plain": ("file", 10, 3)}, first_run=False)
         for attempt in ("first", "second", "third"):
-            r = ferrovane.run(other_destination)
-            expect(r.returncode == 0, f"{attempt} run: {tail(r)}")
-            expect_mirror(other_source, os.path.join(other_destination, b"data"))
+            expect_status(ferrovane.run(d.destination), 0, f"the {attempt} run")
+            expect_mirror(d.source, d.mirror)
 
     cases = [("configuration add and show", lambda _: configuration()),
              ("whole run, log and second run (deep folder mirrored)", lambda _: whole_run()),

@@ -10,7 +10,7 @@ import os
 import shutil
 import subprocess
 
-from faultkit import build, expect, mirror_differences, next_second, recorded, run_cases, tail, write
+from faultkit import build, expect, expect_status, mirror_differences, next_second, recorded, run_cases, tail, write
 from filesystems import EXFAT
 
 NAME = "data"
@@ -141,8 +141,7 @@ def from_exfat(ferrovane, work):
         expect(key.st_mode & 0o777 != 0o600, "the exFAT mirror kept the mode: the case proves nothing")
         out = os.path.join(work, "out")
         os.makedirs(out)
-        r = h.restore(h.stamps[0], "--to", out)
-        expect(r.returncode == 0, f"restore from exFAT exit {r.returncode}: {tail(r)}")
+        expect_status(h.restore(h.stamps[0], "--to", out), 0, "the restore from exFAT")
         expect_state(h.copies[0], os.path.join(out, NAME))
 
 

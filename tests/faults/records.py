@@ -8,7 +8,8 @@ import os
 import shutil
 import signal
 
-from faultkit import RUNS, TEMPORARY_PREFIX, expect, expect_clean_rerun, expect_kept, expect_mirror, run_cases, tail
+from faultkit import (RUNS, TEMPORARY_PREFIX, expect, expect_clean_rerun, expect_kept, expect_mirror, expect_status,
+                      run_cases, tail)
 from signals import Destination
 
 
@@ -41,8 +42,8 @@ def killed_mid_copy(ferrovane, work):
     expect(not temporary_records(d.destination), "the next run left the killed run's record behind")
     # The record is whole: the run restores from it as the source is.
     out = os.path.join(work, "restored")
-    r = ferrovane.command("restore", d.destination, d.source, "--at", after[0]["stamp"], "--to", out)
-    expect(r.returncode == 0, f"restore --at the next run: {tail(r)}")
+    expect_status(ferrovane.command("restore", d.destination, d.source, "--at", after[0]["stamp"], "--to", out), 0,
+                  "restore --at the next run")
     expect_mirror(d.source, os.path.join(out, "data"))
 
 

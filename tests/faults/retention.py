@@ -13,7 +13,7 @@ import shutil
 import subprocess
 from zoneinfo import ZoneInfo
 
-from faultkit import expect, expect_mirror, mirror_of, recorded, require, run_cases, tail, tmpfs, write
+from faultkit import expect, expect_mirror, expect_status, mirror_of, recorded, require, run_cases, tail, tmpfs, write
 
 ZONE = "Europe/Berlin"
 NAME = "data"
@@ -87,8 +87,7 @@ def simulated_year(ferrovane, work, tier):
         for i in range(30):
             write(os.path.join(source, f"f{i:02}"), rng.randbytes(rng.randrange(1, 30000)))
         ferrovane.configure(dest, [source], (("purgeChangedArchive", "no"), ("purgeRemovedArchive", "no")))
-        r = ferrovane.config(dest, "retention", *map(str, policy))
-        expect(r.returncode == 0, f"config retention: {tail(r)}")
+        expect_status(ferrovane.config(dest, "retention", *map(str, policy)), 0, "config retention")
         # faketime preloads its library ahead of a sanitizer's runtime, which the sanitizer refuses
         # unless told that the order is on purpose.
         env = dict(ferrovane.env, TZ=ZONE, ASAN_OPTIONS=":".join(

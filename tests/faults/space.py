@@ -7,8 +7,8 @@ import os
 import re
 import shutil
 
-from faultkit import (build, content, expect, expect_mirror, log_since, log_size, record_stamps, recorded, run_cases, tail,
-                      tmpfs, tree_state, write)
+from faultkit import (build, content, expect, expect_mirror, expect_status, log_since, log_size, record_stamps,
+                      recorded, run_cases, tail, tmpfs, tree_state, write)
 
 NAME = "data"
 FILES = 4
@@ -64,8 +64,8 @@ class Disk:
         """Every record left restores its run's state byte for byte."""
         for stamp in self.records():
             out = os.path.join(self.work, "out", stamp)
-            r = self.ferrovane.command("restore", self.destination, self.source, "--at", stamp, "--to", out)
-            expect(r.returncode == 0, f"restore --at {stamp}: exit {r.returncode}: {tail(r)}")
+            expect_status(self.ferrovane.command("restore", self.destination, self.source, "--at", stamp, "--to", out), 0,
+                          f"restore --at {stamp}")
             expect_mirror(self.copies[stamp], os.path.join(out, NAME))
 
     def expect_nothing_left_to_do(self):
@@ -89,8 +89,7 @@ def cannot_make_room(ferrovane, work):
         said = d.expect_stop(b"set keepFreeSpaceMB ")
         expect("kept free" in said and "Free space on the disk" in said, f"the message: {said}")
         suggested = re.search(r"set keepFreeSpaceMB (\d+)", said).group(1)
-        r = ferrovane.config(d.destination, "set", "keepFreeSpaceMB", suggested)
-        expect(r.returncode == 0, f"config set: {tail(r)}")
+        expect_status(ferrovane.config(d.destination, "set", "keepFreeSpaceMB", suggested), 0, "config set")
         d.run()
         d.expect_nothing_left_to_do()
 
@@ -108,8 +107,7 @@ def history(ferrovane, work, purge_allowed):
             if not purge_allowed and len(d.stamps) == 4:
                 d.expect_stop(b"set purgeOldestForSpace yes")
                 expect(d.records() == d.stamps, "a run that stopped removed records")
-                r = ferrovane.config(d.destination, "set", "purgeOldestForSpace", "yes")
-                expect(r.returncode == 0, f"config set: {tail(r)}")
+                expect_status(ferrovane.config(d.destination, "set", "purgeOldestForSpace", "yes"), 0, "config set")
             d.run()
         log = log_since(ferrovane, offset).decode(errors="replace")
         removed = re.findall(r"Removed (.*) to make room", log)
