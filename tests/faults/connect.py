@@ -16,18 +16,16 @@ TREE = {b"notes.txt": ("file", 3000, 1), b"sub": ("dir",), b"sub/photo.bin": ("f
 PREFIX = "com.quillmarsh.ferrovane."
 
 
-def exec_words(unit):
-    """ExecStart= of a unit as systemd runs it: prefixes dropped, split at blanks, \\xNN and %% decoded."""
-    with open(unit, "rb") as f:
-        line = [l for l in f.read().splitlines() if l.startswith(b"ExecStart=")][-1]
-    value = line[len(b"ExecStart="):].lstrip(b"-:")
-    decode = lambda w: re.sub(rb"\\x([0-9a-f]{2})", lambda m: bytes([int(m.group(1), 16)]), w).replace(b"%%", b"%")
-    return [decode(w) for w in value.split()]
-
-
 def unit_value(unit, key):
     with open(unit, "rb") as f:
         return [l for l in f.read().splitlines() if l.startswith(key + b"=")][-1][len(key) + 1:]
+
+
+def exec_words(unit):
+    """ExecStart= of a unit as systemd runs it: prefixes dropped, split at blanks, \\xNN and %% decoded."""
+    value = unit_value(unit, b"ExecStart").lstrip(b"-:")
+    decode = lambda w: re.sub(rb"\\x([0-9a-f]{2})", lambda m: bytes([int(m.group(1), 16)]), w).replace(b"%%", b"%")
+    return [decode(w) for w in value.split()]
 
 
 class Disk:

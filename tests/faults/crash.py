@@ -12,10 +12,8 @@ NAME = Replayed.NAME
 MOMENTS = {"quick": 2, "full": 8}  # kills per scenario
 
 
-def tree_size(tier):
-    if tier == "quick":
-        return dict(folders=20, files=300, big_sizes=(6 << 20, 2 << 20))
-    return dict(folders=60, files=1500, big_sizes=(40 << 20, 12 << 20, 3 << 20))
+TREE_SIZES = {"quick": dict(folders=20, files=300, big_sizes=(6 << 20, 2 << 20)),
+              "full": dict(folders=60, files=1500, big_sizes=(40 << 20, 12 << 20, 3 << 20))}
 
 
 def mutate(rng, source, tree, share_changed, share_removed, folders_removed):
@@ -52,7 +50,7 @@ class Scenario(Replayed):
     def __init__(self, ferrovane, work, name, tier, seed):
         rng = random.Random(f"{seed}/{name}")
         options, mutation = SCENARIOS[name]
-        tree = generate_tree(rng, **tree_size(tier))
+        tree = generate_tree(rng, **TREE_SIZES[tier])
         super().__init__(ferrovane, work, tree, options, first_run=mutation is not None)
         # With changed files not archived, a run overwrites them: their new version in the mirror
         # keeps them too.

@@ -42,24 +42,20 @@ class Destination(Mirrored):
             ferrovane.complete(self.destination)
         self.before = versions(self.destination)
 
-    def start_backup(self):
-        return self.ferrovane.with_env(**self.hooks.env).start(self.destination)
-
     def restore_args(self, to=None):
         return [*self.ferrovane.prefix, self.ferrovane.executable, "restore", self.destination, self.source,
                 "--to", to or self.restored]
-
-    def start_restore(self):
-        os.makedirs(self.restored, exist_ok=True)
-        return subprocess.Popen(self.restore_args(), env=dict(self.ferrovane.env, **self.hooks.env),
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
     def held(self):
         """Starts a run of its kind held in the middle of copying big0.bin's data: its temporary
         copy exists."""
         self.hooks.arm(MOMENT, b"big0")
         self.hooks.arm(CANCELLED, hold=False)
-        process = self.start_backup() if self.kind == "backup" else self.start_restore()
+        if self.kind == "restore":
+            os.makedirs(self.restored, exist_ok=True)
+        process = subprocess.Popen(self.restore_args() if self.kind == "restore" else self.ferrovane.args(self.destination),
+                                   env=dict(self.ferrovane.env, **self.hooks.env), stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE)
         self.hooks.wait(MOMENT, process)
         return process
 

@@ -143,10 +143,6 @@ def source_changes_while_copied(ferrovane, work, change):
     case.finish({})
 
 
-def truncate(path):
-    os.truncate(path, 1000)
-
-
 def grow(path):
     with open(path, "ab") as f:
         f.write(content(3 << 20, 9))
@@ -203,7 +199,7 @@ def folder_swapped_for_a_link(ferrovane, work, runs=6):
     expect_no_temporaries(destination)
 
 
-SOURCE_CHANGES = {"truncated": truncate, "grown": grow, "replaced": replace, "removed": os.unlink}
+SOURCE_CHANGES = {"truncated": lambda path: os.truncate(path, 1000), "grown": grow, "replaced": replace, "removed": os.unlink}
 
 
 def run(ferrovane, work, *_):
