@@ -10,6 +10,7 @@ import re
 import plistlib
 import random
 import shutil
+import stat
 import subprocess
 import tempfile
 import time
@@ -139,9 +140,9 @@ def tree_state(root):
                 attributes = sorted(os.listxattr(path, follow_symlinks=False))
             except OSError:
                 attributes = None
+            data = digest(path) if stat.S_ISREG(st.st_mode) else ""
             out[os.path.relpath(path, root)] = (st.st_mode, st.st_uid, st.st_gid, st.st_size, st.st_mtime_ns,
-                                                st.st_ino, digest(path) if os.path.isfile(path) and not
-                                                os.path.islink(path) else "", attributes, inode_flags(path))
+                                                st.st_ino, data, attributes, inode_flags(path))
     return out
 
 
