@@ -119,6 +119,14 @@ def inode_flags(path, add=0, remove=0):
         os.close(fd)
 
 
+def contents(root):
+    """The digest of every file below root by its path there; of root itself when it is a file."""
+    if not os.path.isdir(root):
+        return {"": digest(root)}
+    return {os.path.relpath(os.path.join(folder, name), root): digest(os.path.join(folder, name))
+            for folder, _, names in os.walk(root) for name in names}
+
+
 def digest(path):
     h = hashlib.sha256()
     with open(path, "rb") as f:
@@ -205,17 +213,17 @@ class Ferrovane:
 
 
 class Mirrored:
-    """A source folder work/src/data built from tree, its destination work/dest configured with
-    options and mirrored once; before holds the versions the destination then held. Paths are
-    bytes when work is."""
+    """A source folder work/src/data built from tree, its destination (work/dest unless given)
+    configured with options and mirrored once; before holds the versions the destination then
+    held. Paths are bytes when work is."""
 
     NAME = "data"
 
-    def __init__(self, ferrovane, work, tree, options=(), first_run=True):
+    def __init__(self, ferrovane, work, tree, options=(), first_run=True, destination=None):
         self.ferrovane, self.work = ferrovane, work
         self.kind = os.fsencode if isinstance(work, bytes) else os.fsdecode
         self.source = os.path.join(work, self.kind("src"), self.kind(self.NAME))
-        self.destination = os.path.join(work, self.kind("dest"))
+        self.destination = destination or os.path.join(work, self.kind("dest"))
         self.mirror = os.path.join(self.destination, self.kind(self.NAME))
         build(os.fsencode(self.source), tree)
         os.makedirs(self.destination)

@@ -10,7 +10,7 @@ import os
 import shutil
 import subprocess
 
-from faultkit import build, expect, expect_status, mirror_differences, next_second, recorded, run_cases, tail, write
+from faultkit import Mirrored, expect, expect_status, mirror_differences, next_second, recorded, run_cases, tail, write
 from filesystems import EXFAT
 
 NAME = "data"
@@ -22,21 +22,16 @@ TREE = {b"a.txt": ("file", 3000, 1), b"b.txt": ("file", 10, 2), b"c.txt": ("file
 GONE = b"ferrovane: error: not restored: bytes gone: "
 
 
-class History:
+class History(Mirrored):
     """A source and its destination, backed up run after run, with a copy of the source and the
     run's stamp kept after each."""
 
-    def __init__(self, ferrovane, work, destination, tree, options=ARCHIVING):
-        self.ferrovane, self.work, self.destination = ferrovane, work, destination
-        self.source = os.path.join(work, "src", NAME)
-        build(os.fsencode(self.source), tree)
-        os.chmod(os.path.join(self.source, "private"), 0o700)
-        os.chmod(os.path.join(self.source, "private", "key"), 0o600)
-        os.setxattr(os.path.join(self.source, "private", "key"), "user.note", b"kept in the record")
-        os.makedirs(destination, exist_ok=True)
-        ferrovane.configure(destination, [self.source], options)
-        self.stamps, self.copies = [], []
-        self.status = 0
+    def __init__(self, ferrovane, work, destination, tree):
+        super().__init__(ferrovane, work, tree, ARCHIVING, first_run=False, destination=destination)
+        os.chmod(self.path("private"), 0o700)
+        os.chmod(self.path("private/key"), 0o600)
+        os.setxattr(self.path("private/key"), "user.note", b"kept in the record")
+        self.stamps, self.copies, self.status = [], [], 0
 
     def run(self):
         next_second()

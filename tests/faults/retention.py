@@ -13,7 +13,8 @@ import shutil
 import subprocess
 from zoneinfo import ZoneInfo
 
-from faultkit import expect, expect_mirror, expect_status, mirror_of, recorded, require, run_cases, tail, tmpfs, write
+from faultkit import (contents, expect, expect_mirror, expect_status, mirror_of, recorded, require, run_cases, tail,
+                      tmpfs, write)
 
 ZONE = "Europe/Berlin"
 NAME = "data"
@@ -65,16 +66,6 @@ def stamp_time(stamp):
     return datetime.datetime.strptime(stamp, "%Y-%m-%d %H.%M.%S %z").timestamp()
 
 
-def snapshot(root):
-    out = {}
-    for folder, _, names in os.walk(root):
-        for name in names:
-            path = os.path.join(folder, name)
-            with open(path, "rb") as f:
-                out[os.path.relpath(path, root)] = f.read()
-    return out
-
-
 def simulated_year(ferrovane, work, tier):
     require("faketime")
     start, days, policy, size = TIERS[tier]
@@ -117,7 +108,7 @@ def simulated_year(ferrovane, work, tier):
                         os.utime(os.path.join(source, name), (t, t))
                 _, stamp = recorded(dest, lambda: run_at(moment))
                 made.append(stamp)
-                states[stamp] = snapshot(source)
+                states[stamp] = contents(source)
 
         now = stamp_time(made[-1])
         times = {stamp_time(s): s for s in made}
@@ -134,7 +125,7 @@ def simulated_year(ferrovane, work, tier):
             expect(r.returncode == 0, f"restore --at {stamp} exit {r.returncode}: {tail(r)}")
             # Each version is found where thinning left it, not by trying others first.
             expect(b"differ from the record" not in r.stdout + r.stderr, f"restore --at {stamp}: {tail(r)}")
-            restored = snapshot(os.path.join(out, NAME))
+            restored = contents(os.path.join(out, NAME))
             expect(restored == states[stamp], f"restore --at {stamp} differs from that day's source: "
                                               f"{sorted(set(restored) ^ set(states[stamp]))[:5]}")
             shutil.rmtree(out)

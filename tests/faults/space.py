@@ -7,7 +7,7 @@ import os
 import re
 import shutil
 
-from faultkit import (build, content, expect, expect_mirror, expect_status, log_since, log_size, record_stamps,
+from faultkit import (Mirrored, content, expect, expect_mirror, expect_status, log_since, log_size, record_stamps,
                       recorded, run_cases, tail, tmpfs, tree_state, write)
 
 NAME = "data"
@@ -17,28 +17,17 @@ RUNS = "__runs"
 STOPPED = b"Sync stopped before copying: not enough room."
 
 
-class Disk:
+class Disk(Mirrored):
     """A source of FILES files and its destination on a 16 MiB tmpfs; each run's stamp and a copy
     of the source as the run saw it are kept."""
 
     def __init__(self, ferrovane, work, options=()):
-        self.ferrovane, self.work = ferrovane, work
-        self.source = os.path.join(work, "src", NAME)
-        build(os.fsencode(self.source), {b"f%d" % i: ("file", SIZE, i) for i in range(FILES)})
-        self.mount = os.path.join(work, "mnt")
-        self.destination = os.path.join(self.mount, "dest")
-        self.options = options
+        super().__init__(ferrovane, work, {b"f%d" % i: ("file", SIZE, i) for i in range(FILES)}, options,
+                         first_run=False, destination=os.path.join(work, "mnt", "dest"))
         self.stamps, self.copies = [], {}
-
-    def configure(self):
-        os.makedirs(self.destination)
-        self.ferrovane.configure(self.destination, [self.source], self.options)
 
     def change(self, generation):
         write(os.path.join(self.source, "f%d" % (generation % FILES)), content(SIZE, 1000 + generation))
-
-    def records(self):
-        return record_stamps(self.destination)
 
     def run(self):
         r, stamp = recorded(self.destination, lambda: self.ferrovane.run(self.destination))
@@ -62,7 +51,7 @@ class Disk:
 
     def expect_points_in_time(self):
         """Every record left restores its run's state byte for byte."""
-        for stamp in self.records():
+        for stamp in record_stamps(self.destination):
             out = os.path.join(self.work, "out", stamp)
             expect_status(self.ferrovane.command("restore", self.destination, self.source, "--at", stamp, "--to", out), 0,
                           f"restore --at {stamp}")
@@ -78,11 +67,10 @@ class Disk:
 
 def cannot_make_room(ferrovane, work):
     """Nothing archived to purge: the run stops; the reserve the message suggests lets it through."""
-    d = Disk(ferrovane, work)
-    with tmpfs(d.mount, "size=16m"):
-        d.configure()
+    with tmpfs(os.path.join(work, "mnt"), "size=16m"):
+        d = Disk(ferrovane, work)
         d.run()
-        st = os.statvfs(d.mount)
+        st = os.statvfs(d.destination)
         free, reserve = st.f_bavail * st.f_frsize, st.f_blocks * st.f_frsize // 10
         # Fits into the free space, not beside the reserve, with more than a megabyte to spare.
         write(os.path.join(d.source, "new"), content((free - reserve + (300 << 10)) // 4096 * 4096, 7))
@@ -97,21 +85,20 @@ def cannot_make_room(ferrovane, work):
 def history(ferrovane, work, purge_allowed):
     """Runs that each change one file until the archives fill the disk: with the purge allowed,
     the oldest runs go, oldest first; without it, the run stops, and allowing it lets it through."""
-    d = Disk(ferrovane, work, () if purge_allowed else (("purgeOldestForSpace", "no"),))
-    with tmpfs(d.mount, "size=16m"):
-        d.configure()
+    with tmpfs(os.path.join(work, "mnt"), "size=16m"):
+        d = Disk(ferrovane, work, () if purge_allowed else (("purgeOldestForSpace", "no"),))
         d.run()
         offset = log_size(ferrovane)
         for generation in range(1, 9):
             d.change(generation)
             if not purge_allowed and len(d.stamps) == 4:
                 d.expect_stop(b"set purgeOldestForSpace yes")
-                expect(d.records() == d.stamps, "a run that stopped removed records")
+                expect(record_stamps(d.destination) == d.stamps, "a run that stopped removed records")
                 expect_status(ferrovane.config(d.destination, "set", "purgeOldestForSpace", "yes"), 0, "config set")
             d.run()
         log = log_since(ferrovane, offset).decode(errors="replace")
         removed = re.findall(r"Removed (.*) to make room", log)
-        left = d.records()
+        left = record_stamps(d.destination)
         expect(removed and left == d.stamps[len(d.stamps) - len(left):] and len(left) < len(d.stamps),
                f"records left {left} of {d.stamps}; removed {removed}")
         prefix = d.destination + "/"
