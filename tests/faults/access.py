@@ -5,8 +5,9 @@ copied again and again when ACLs are not cloned."""
 import os
 import subprocess
 
-from faultkit import (FS_APPEND_FL, Ferrovane, build, content, expect, expect_clean_rerun, expect_kept, expect_mirror,
-                      inode_flags, log_since, log_size, run_cases, tail, version, versions)
+from faultkit import (FS_APPEND_FL, Ferrovane, Mirrored, build, content, expect, expect_clean_rerun, expect_kept,
+                      expect_mirror, expect_status, inode_flags, log_since, log_size, run_cases, tail, version,
+                      versions)
 
 NAME = "data"
 TREE = {b"open": ("dir",), b"open/f": ("file", 2000, 1), b"open/closed": ("dir",),
@@ -69,12 +70,9 @@ def unreadable_source(ferrovane, work, archiving):
 
 def append_only_source(ferrovane, work):
     """A log-like file the system only lets grow is mirrored after every change, with its flag."""
-    source, destination = os.path.join(work, "src", NAME), os.path.join(work, "dest")
-    log = os.path.join(source, "app.log")
-    build(os.fsencode(source), {b"app.log": ("file", 1000, 1)})
+    d = Mirrored(ferrovane, work, {b"app.log": ("file", 1000, 1)}, (("moveChangedFiles", "yes"),), first_run=False)
+    source, destination, log = d.source, d.destination, d.path("app.log")
     expect(inode_flags(log, add=FS_APPEND_FL) is not None, "the source file cannot be made append-only")
-    os.makedirs(destination)
-    ferrovane.configure(destination, [source], (("moveChangedFiles", "yes"),))
     try:
         ferrovane.complete(destination)
         for generation in range(2):
@@ -84,11 +82,10 @@ def append_only_source(ferrovane, work):
             os.utime(log, (2_000_000_000 + generation * 100,) * 2)
             inode_flags(log, add=FS_APPEND_FL)
             before = versions(destination)
-            r = ferrovane.run(destination)
-            expect(r.returncode == 0, f"run {generation + 2} failed: {tail(r)}")
-            expect_mirror(source, os.path.join(destination, NAME))
+            expect_status(ferrovane.run(destination), 0, f"run {generation + 2}")
+            expect_mirror(source, d.mirror)
             expect_kept(destination, before)
-            expect((inode_flags(os.path.join(destination, NAME, "app.log")) or 0) & FS_APPEND_FL,
+            expect((inode_flags(os.path.join(d.mirror, "app.log")) or 0) & FS_APPEND_FL,
                    "the mirror's copy lost the append-only flag")
     finally:
         subprocess.run(["chattr", "-R", "-a", work], capture_output=True)
@@ -97,24 +94,19 @@ def append_only_source(ferrovane, work):
 def acl_without_acl_cloning(ferrovane, work, ignore_attribute_changes):
     """With ACLs not cloned, a file with an ACL is not taken for changed on every run, whether
     attribute changes count or not."""
-    source, destination = os.path.join(work, "src", NAME), os.path.join(work, "dest")
-    build(os.fsencode(source), {b"f": ("file", 1000, 1), b"g": ("file", 10, 2)})
-    subprocess.run(["setfacl", "-m", "u:nobody:r", os.path.join(source, "f")], check=True)
-    os.makedirs(destination)
-    ferrovane.configure(destination, [source], (("disableACLClone", "yes"),
-                                                ("ignoreFileFlagChanges", ignore_attribute_changes)))
-    ferrovane.complete(destination)
+    d = Mirrored(ferrovane, work, {b"f": ("file", 1000, 1), b"g": ("file", 10, 2)},
+                 (("disableACLClone", "yes"), ("ignoreFileFlagChanges", ignore_attribute_changes)), first_run=False)
+    subprocess.run(["setfacl", "-m", "u:nobody:r", d.path("f")], check=True)
+    ferrovane.complete(d.destination)
     offset = log_size(ferrovane)
-    ferrovane.complete(destination)
+    ferrovane.complete(d.destination)
     log = log_since(ferrovane, offset)
     expect(b"(0 items changed)" in log, f"the unchanged tree was copied again: {log[-300:]}")
 
 
-def run(ferrovane, work):
-    cases = [("unreadable folders and file as an ordinary user, archiving off",
-              lambda w: unreadable_source(ferrovane, w, False)),
-             ("unreadable folders and file as an ordinary user, archiving on",
-              lambda w: unreadable_source(ferrovane, w, True)),
+def run(ferrovane, work, *_):
+    cases = [*[(f"unreadable folders and file as an ordinary user, archiving {'on' if on else 'off'}",
+                lambda w, a=on: unreadable_source(ferrovane, w, a)) for on in (False, True)],
              ("append-only source file changed twice", lambda w: append_only_source(ferrovane, w)),
              *[(f"ACL on a source file, ACL cloning off, ignoreFileFlagChanges {ignore}",
                 lambda w, i=ignore: acl_without_acl_cloning(ferrovane, w, i)) for ignore in ("yes", "no")]]

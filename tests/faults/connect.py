@@ -9,25 +9,23 @@ import plistlib
 import re
 import subprocess
 
-from faultkit import (build, content, expect, expect_kept, expect_mirror, expect_no_temporaries, mirror_of, run_cases,
-                      tail, unmount, versions)
+from faultkit import (attempt, build, content, expect, expect_kept, expect_mirror, expect_no_temporaries,
+                      expect_status, mirror_of, run_cases, tail, unmount, versions, write)
 
 TREE = {b"notes.txt": ("file", 3000, 1), b"sub": ("dir",), b"sub/photo.bin": ("file", 70000, 2)}
 PREFIX = "com.quillmarsh.ferrovane."
 
 
-def exec_words(unit):
-    """ExecStart= of a unit as systemd runs it: prefixes dropped, split at blanks, \\xNN and %% decoded."""
-    with open(unit, "rb") as f:
-        line = [l for l in f.read().splitlines() if l.startswith(b"ExecStart=")][-1]
-    value = line[len(b"ExecStart="):].lstrip(b"-:")
-    decode = lambda w: re.sub(rb"\\x([0-9a-f]{2})", lambda m: bytes([int(m.group(1), 16)]), w).replace(b"%%", b"%")
-    return [decode(w) for w in value.split()]
-
-
 def unit_value(unit, key):
     with open(unit, "rb") as f:
         return [l for l in f.read().splitlines() if l.startswith(key + b"=")][-1][len(key) + 1:]
+
+
+def exec_words(unit):
+    """ExecStart= of a unit as systemd runs it: prefixes dropped, split at blanks, \\xNN and %% decoded."""
+    value = unit_value(unit, b"ExecStart").lstrip(b"-:")
+    decode = lambda w: re.sub(rb"\\x([0-9a-f]{2})", lambda m: bytes([int(m.group(1), 16)]), w).replace(b"%%", b"%")
+    return [decode(w) for w in value.split()]
 
 
 class Disk:
@@ -39,27 +37,23 @@ class Disk:
         os.makedirs(bin_dir)
         os.makedirs(self.mount_point)
         # systemctl is not reached: the units are only written, and run here by hand.
-        with open(os.path.join(bin_dir, "systemctl"), "w") as f:
-            f.write("#!/bin/sh\nexit 0\n")
+        write(os.path.join(bin_dir, "systemctl"), b"#!/bin/sh\nexit 0\n")
         os.chmod(os.path.join(bin_dir, "systemctl"), 0o755)
         self.env = dict(ferrovane.env, PATH=bin_dir + ":" + os.environ["PATH"], FERROVANE_JOB_DIRECTORY=self.jobs,
                         FERROVANE_JOB_STATUS_DIRECTORY=self.state)
         self.ferrovane, self.uuid = ferrovane, None
         with open(self.image, "wb") as f:
             f.truncate(32 << 20)
-        made = subprocess.run(["mkfs.ext4", "-q", "-F", self.image], capture_output=True)
-        expect(made.returncode == 0, f"mkfs.ext4 failed: {tail(made)}")
+        attempt(["mkfs.ext4", "-q", "-F", self.image], "mkfs.ext4")
 
     def plug(self):
-        mounted = subprocess.run(["mount", "-o", "loop", self.image, self.mount_point], capture_output=True)
-        expect(mounted.returncode == 0, f"cannot mount the image: {tail(mounted)}")
+        attempt(["mount", "-o", "loop", self.image, self.mount_point], "mounting the image")
 
     def unplug(self):
         unmount(self.mount_point)
 
     def config(self, *args):
-        r = self.ferrovane.config(self.destination, *args, env=self.env)
-        expect(r.returncode == 0, f"config {' '.join(args)} failed: {tail(r)}")
+        expect_status(self.ferrovane.config(self.destination, *args, env=self.env), 0, f"config {' '.join(args)}")
 
     def identify(self):
         """The identity that names the units and the status, once a schedule gave the destination one."""
@@ -93,8 +87,7 @@ def comes_and_goes(ferrovane, work):
 
         first = disk.run_unit("-connect.service")
         expect(first.returncode == 0 and disk.last() == "finished", f"the first connect run failed: {tail(first)}")
-        with open(os.path.join(disk.source, "notes.txt"), "wb") as f:
-            f.write(content(4000, 9))
+        write(os.path.join(disk.source, "notes.txt"), content(4000, 9))
         before = versions(disk.destination)
 
         disk.unplug()
@@ -118,7 +111,7 @@ def comes_and_goes(ferrovane, work):
         disk.unplug()
 
 
-def run(ferrovane, work):
+def run(ferrovane, work, *_):
     yield from run_cases("connect", [("loop disk unplugged and plugged: not-connected, skipped, versions kept",
                                       lambda w: comes_and_goes(ferrovane, w))], work,
                          root_only=lambda name: True, why="needs the superuser to mount images")

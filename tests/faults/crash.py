@@ -6,16 +6,14 @@ import random
 import subprocess
 import time
 
-from faultkit import (Failure, build, digest, expect_configuration, expect_kept, expect_mirror,
-                      expect_no_temporaries, generate_tree, content, read_configuration, versions)
+from faultkit import Replayed, content, date_folders, digest, expect_clean_rerun, generate_tree, run_cases, write
 
-NAME = "data"
+NAME = Replayed.NAME
+MOMENTS = {"quick": 2, "full": 8}  # kills per scenario
 
 
-def tree_size(tier):
-    if tier == "quick":
-        return dict(folders=20, files=300, big_sizes=(6 << 20, 2 << 20))
-    return dict(folders=60, files=1500, big_sizes=(40 << 20, 12 << 20, 3 << 20))
+TREE_SIZES = {"quick": dict(folders=20, files=300, big_sizes=(6 << 20, 2 << 20)),
+              "full": dict(folders=60, files=1500, big_sizes=(40 << 20, 12 << 20, 3 << 20))}
 
 
 def mutate(rng, source, tree, share_changed, share_removed, folders_removed):
@@ -24,11 +22,7 @@ def mutate(rng, source, tree, share_changed, share_removed, folders_removed):
     files = sorted(r for r, k in tree.items() if k[0] == "file")
     changed = rng.sample(files, int(len(files) * share_changed)) + [r for r in files if r.startswith(b"big0")]
     for rel in changed:
-        size, seed = tree[rel][1], tree[rel][2]
-        path = os.path.join(source, rel)
-        with open(path, "wb") as f:
-            f.write(content(size + 1, seed + 1))
-        os.utime(path, (2_000_000_000, 2_000_000_000))
+        write(os.path.join(source, rel), content(tree[rel][1] + 1, tree[rel][2] + 1), 2_000_000_000)
     for rel in rng.sample(files, int(len(files) * share_removed)) + [r for r in files if r.startswith(b"big1")]:
         path = os.path.join(source, rel)
         if os.path.exists(path):
@@ -39,12 +33,8 @@ def mutate(rng, source, tree, share_changed, share_removed, folders_removed):
         if os.path.exists(path):
             subprocess.run(["rm", "-rf", path], check=True)
     for i in range(20):
-        with open(os.path.join(source, b"new%02d" % i), "wb") as f:
-            f.write(content(3000, i))
-    # Changes made long before the run: a killed run's own folder dates then always differ by
-    # more than the 10 s tolerance and are set right by the next run.
-    for folder, _, _ in sorted(os.walk(source), reverse=True):
-        os.utime(folder, (1_500_000_000, 1_500_000_000))
+        write(os.path.join(source, b"new%02d" % i), content(3000, i))
+    date_folders(source)  # a killed run's folder dates are then set right by the next run
     return changed
 
 
@@ -56,35 +46,22 @@ SCENARIOS = {
 }
 
 
-class Scenario:
+class Scenario(Replayed):
     def __init__(self, ferrovane, work, name, tier, seed):
-        self.ferrovane, self.name = ferrovane, name
-        self.live, self.template = os.path.join(work, "live"), os.path.join(work, "template")
-        self.source = os.path.join(self.live, "src", NAME)
-        self.destination = os.path.join(self.live, "dest")
         rng = random.Random(f"{seed}/{name}")
         options, mutation = SCENARIOS[name]
-        tree = generate_tree(rng, **tree_size(tier))
-        build(os.fsencode(self.source), tree)
-        os.makedirs(self.destination)
-        ferrovane.configure(self.destination, [self.source], options)
+        tree = generate_tree(rng, **TREE_SIZES[tier])
+        super().__init__(ferrovane, work, tree, options, first_run=mutation is not None)
         # With changed files not archived, a run overwrites them: their new version in the mirror
         # keeps them too.
         self.replaceable = {}
         if mutation:
-            ferrovane.complete(self.destination)
             changed = mutate(rng, os.fsencode(self.source), tree, *mutation)
             if ("moveChangedFiles", 1) not in options:
                 paths = {rel: os.path.join(os.fsencode(self.source), rel) for rel in changed}
                 self.replaceable = {os.path.join(NAME.encode(), rel): digest(path).encode()
                                     for rel, path in paths.items() if os.path.exists(path)}
-        self.before = versions(self.destination)
-        self.configuration = read_configuration(self.destination)
-        subprocess.run(["cp", "-a", self.live, self.template], check=True)
-
-    def restore(self):
-        subprocess.run(["rm", "-rf", self.live], check=True)
-        subprocess.run(["cp", "-a", self.template, self.live], check=True)
+        self.keep()
 
     def duration(self):
         self.restore()
@@ -114,28 +91,19 @@ class Scenario:
         process.communicate()
         where = self.phase() if killed else "finished before the kill"
         # Straight after the kill: nothing the run was about to replace or remove is gone.
-        expect_kept(self.destination, self.before, self.replaceable)
-        expect_configuration(self.destination, self.configuration)
-        self.ferrovane.complete(self.destination)
-        expect_mirror(self.source, os.path.join(self.destination, NAME))
-        expect_kept(self.destination, self.before, self.replaceable)
-        expect_no_temporaries(self.destination)
-        expect_configuration(self.destination, self.configuration)
+        expect_clean_rerun(self.ferrovane, self.destination, [self.source], self.before, self.configuration,
+                           self.replaceable)
         return where
 
 
-def run(ferrovane, work, tier, seed, moments):
+def run(ferrovane, work, tier, seed):
     """Yields result rows: (suite, case, where the kill landed, outcome)."""
     for name in SCENARIOS:
         folder = os.path.join(work, name.replace(" ", "-"))
         scenario = Scenario(ferrovane, folder, name, tier, seed)
         total = min(scenario.duration(), scenario.duration())
         rng = random.Random(f"{seed}/{name}/moments")
-        for i in range(moments):
-            at = rng.random() * total
-            try:
-                where = scenario.kill_at(at)
-                yield ("crash", f"{name} #{i} at {at * 1000:.0f} ms", where, "ok")
-            except Failure as e:
-                yield ("crash", f"{name} #{i} at {at * 1000:.0f} ms", "", f"FAILED: {e}")
+        moments = [rng.random() * total for _ in range(MOMENTS[tier])]
+        yield from run_cases("crash", [(f"{name} #{i} at {at * 1000:.0f} ms", lambda _, at=at: scenario.kill_at(at))
+                                       for i, at in enumerate(moments)], os.path.join(folder, "cases"))
         subprocess.run(["rm", "-rf", folder], check=True)

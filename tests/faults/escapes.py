@@ -6,9 +6,9 @@ import os
 import shutil
 import subprocess
 
-from faultkit import FS_IMMUTABLE_FL, build, content, expect, expect_mirror, inode_flags, run_cases
+from faultkit import (FS_IMMUTABLE_FL, Mirrored, build, content, expect, expect_mirror, inode_flags, run_cases,
+                      tree_state, write)
 
-NAME = "data"
 TREE = {b"sub": ("dir",), b"sub/f": ("file", 3000, 1), b"sub/gone": ("file", 10, 2), b"g": ("file", 2000, 3),
         b"h": ("file", 10, 4)}
 OUTSIDE = {b"sub": ("dir",), b"sub/f": ("file", 100, 5), b"sub/gone": ("file", 10, 6), b"f": ("file", 100, 7),
@@ -23,27 +23,9 @@ def lock_files(root, locked=True):
             inode_flags(os.path.join(folder, name), **{"add" if locked else "remove": FS_IMMUTABLE_FL})
 
 
-def manifest(root):
-    """Everything an escape could change: kind, owner, mode, times, size, content, attributes,
-    inode flags."""
-    out = {}
-    for folder, dirs, names in os.walk(root):
-        for name in [b""] + dirs + names:
-            path = os.path.join(folder, name)
-            st = os.lstat(path)
-            data = open(path, "rb").read() if os.path.isfile(path) and not os.path.islink(path) else b""
-            out[os.path.relpath(path, root)] = (st.st_mode, st.st_uid, st.st_gid, st.st_size, st.st_mtime_ns,
-                                                data, sorted(os.listxattr(path, follow_symlinks=False)),
-                                                inode_flags(path))
-    return out
-
-
 def change_sources(source):
     for rel in (b"sub/f", b"g", b"h"):
-        path = os.path.join(source, rel)
-        with open(path, "wb") as f:
-            f.write(content(5000, 11))
-        os.utime(path, (2_000_000_000, 2_000_000_000))
+        write(os.path.join(source, rel), content(5000, 11), 2_000_000_000)
     os.unlink(os.path.join(source, b"sub/gone"))
 
 
@@ -67,21 +49,17 @@ ATTACKS = {
 
 
 def attack(ferrovane, work, planted, target):
-    source, destination, outside = (os.fsencode(os.path.join(work, p)) for p in ("src/" + NAME, "dest", "outside"))
-    build(source, TREE)
+    d, outside = Mirrored(ferrovane, os.fsencode(work), TREE, (("moveChangedFiles", 1),)), os.fsencode(work) + b"/outside"
     build(outside, OUTSIDE)
-    os.makedirs(destination)
-    ferrovane.configure(os.fsdecode(destination), [os.fsdecode(source)], (("moveChangedFiles", 1),))
-    ferrovane.complete(os.fsdecode(destination))
     for archive in (b"__changed", b"__removed"):
-        os.makedirs(os.path.join(destination, archive), exist_ok=True)
-    change_sources(source)
+        os.makedirs(os.path.join(d.destination, archive), exist_ok=True)
+    change_sources(d.source)
     lock_files(outside)
-    before = manifest(outside)
-    plant(destination, planted, os.path.join(outside, target))
+    before = tree_state(outside)
+    plant(d.destination, planted, os.path.join(outside, target))
     for _ in range(2):  # the second run meets whatever the first one left
-        ferrovane.run(os.fsdecode(destination))
-        after = manifest(outside)
+        ferrovane.run(d.destination)
+        after = tree_state(outside)
         changed = sorted(k for k in set(before) | set(after) if before.get(k) != after.get(k))
         expect(not changed, f"changed outside the destination: {changed}")
 
@@ -103,7 +81,7 @@ def destination_inside_the_source(ferrovane, work):
     expect_mirror(source, os.path.join(destination, b"data"), excluded=[b"backup"])
 
 
-def run(ferrovane, work):
+def run(ferrovane, work, *_):
     def tidy(folder):
         lock_files(os.path.join(folder, "outside"), locked=False)
         subprocess.run(["rm", "-rf", folder], check=True)

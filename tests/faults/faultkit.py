@@ -10,6 +10,7 @@ import re
 import plistlib
 import random
 import shutil
+import stat
 import subprocess
 import tempfile
 import time
@@ -25,6 +26,16 @@ FS_IOC_GETFLAGS, FS_IOC_SETFLAGS, FS_IMMUTABLE_FL, FS_APPEND_FL = 0x80086601, 0x
 
 class Failure(Exception):
     pass
+
+
+class Unavailable(Failure):
+    """What a case needs cannot be had here (a tool, a driver): the case is skipped, not failed."""
+
+
+def require(*tools):
+    lacking = [t for t in tools if shutil.which(t) is None]
+    if lacking:
+        raise Unavailable(f"no {', '.join(lacking)}")
 
 
 def expect(condition, message):
@@ -55,6 +66,21 @@ def content(size, seed):
     return random.Random(seed).randbytes(size)
 
 
+def write(path, data, mtime=None):
+    """Writes a file whole; mtime (seconds) dates it."""
+    with open(path, "wb") as f:
+        f.write(data)
+    if mtime is not None:
+        os.utime(path, (mtime, mtime))
+
+
+def date_folders(root, when=1_500_000_000):
+    """Dates every folder below root long before any run: a run's own folder dates then always
+    differ by more than the 10 s tolerance."""
+    for folder, _, _ in os.walk(root):
+        os.utime(folder, (when, when))
+
+
 def build(root, tree):
     os.makedirs(root, exist_ok=True)
     for rel in sorted(tree):
@@ -65,8 +91,7 @@ def build(root, tree):
             continue
         os.makedirs(os.path.dirname(path), exist_ok=True)
         if kind[0] == "file":
-            with open(path, "wb") as f:
-                f.write(content(kind[1], kind[2]))
+            write(path, content(kind[1], kind[2]))
         else:
             os.symlink(kind[1], path)
         os.utime(path, (FIXED_MTIME, FIXED_MTIME), follow_symlinks=False)
@@ -94,12 +119,39 @@ def inode_flags(path, add=0, remove=0):
         os.close(fd)
 
 
+def contents(root):
+    """The digest of every file below root by its path there; of root itself when it is a file."""
+    if not os.path.isdir(root):
+        return {"": digest(root)}
+    return {os.path.relpath(os.path.join(folder, name), root): digest(os.path.join(folder, name))
+            for folder, _, names in os.walk(root) for name in names}
+
+
 def digest(path):
     h = hashlib.sha256()
     with open(path, "rb") as f:
         for block in iter(lambda: f.read(1 << 20), b""):
             h.update(block)
     return h.hexdigest()
+
+
+def tree_state(root):
+    """Everything a run could change below root, root included: each item's kind, owner, mode, size,
+    date, inode, content, attribute names and inode flags."""
+    root = os.fsencode(root)
+    out = {}
+    for folder, dirs, names in os.walk(root):
+        for name in [b""] + dirs + names:
+            path = os.path.join(folder, name)
+            st = os.lstat(path)
+            try:
+                attributes = sorted(os.listxattr(path, follow_symlinks=False))
+            except OSError:
+                attributes = None
+            data = digest(path) if stat.S_ISREG(st.st_mode) else ""
+            out[os.path.relpath(path, root)] = (st.st_mode, st.st_uid, st.st_gid, st.st_size, st.st_mtime_ns,
+                                                st.st_ino, data, attributes, inode_flags(path))
+    return out
 
 
 # ---- runs
@@ -137,11 +189,9 @@ class Ferrovane:
 
     def configure(self, destination, sources, options=()):
         for source in sources:
-            r = self.config(destination, "add", source)
-            expect(r.returncode == 0, f"config add failed: {r.stdout} {r.stderr}")
+            expect_status(self.config(destination, "add", source), 0, "config add")
         for key, value in options:
-            r = self.config(destination, "set", key, str(value))
-            expect(r.returncode == 0, f"config set {key} failed: {r.stdout} {r.stderr}")
+            expect_status(self.config(destination, "set", key, str(value)), 0, f"config set {key}")
 
     def complete(self, destination):
         r = self.run(destination)
@@ -163,26 +213,44 @@ class Ferrovane:
 
 
 class Mirrored:
-    """A source folder work/src/data built from tree, its destination work/dest configured with
-    options and mirrored once; before holds the versions the destination then held. Paths are
-    bytes when work is."""
+    """A source folder work/src/data built from tree, its destination (work/dest unless given)
+    configured with options and mirrored once; before holds the versions the destination then
+    held. Paths are bytes when work is."""
 
     NAME = "data"
 
-    def __init__(self, ferrovane, work, tree, options=()):
+    def __init__(self, ferrovane, work, tree, options=(), first_run=True, destination=None):
         self.ferrovane, self.work = ferrovane, work
         self.kind = os.fsencode if isinstance(work, bytes) else os.fsdecode
         self.source = os.path.join(work, self.kind("src"), self.kind(self.NAME))
-        self.destination = os.path.join(work, self.kind("dest"))
+        self.destination = destination or os.path.join(work, self.kind("dest"))
         self.mirror = os.path.join(self.destination, self.kind(self.NAME))
         build(os.fsencode(self.source), tree)
         os.makedirs(self.destination)
         ferrovane.configure(self.destination, [self.source], options)
-        ferrovane.complete(self.destination)
+        if first_run:
+            ferrovane.complete(self.destination)
         self.before = versions(self.destination)
 
     def path(self, rel):
         return os.path.join(self.source, self.kind(rel))
+
+
+class Replayed(Mirrored):
+    """A Mirrored destination in work/live that keep() saves once prepared; each attempt restore()s
+    it and starts from that very state."""
+
+    def __init__(self, ferrovane, work, tree, options=(), first_run=True):
+        super().__init__(ferrovane, os.path.join(work, "live"), tree, options, first_run)
+        self.template = os.path.join(work, "template")
+
+    def keep(self):
+        self.before, self.configuration = versions(self.destination), read_configuration(self.destination)
+        subprocess.run(["cp", "-a", self.work, self.template], check=True)
+
+    def restore(self):
+        subprocess.run(["rm", "-rf", self.work], check=True)
+        subprocess.run(["cp", "-a", self.template, self.work], check=True)
 
 
 class Hooks:
@@ -360,10 +428,15 @@ def mirror_of(destination, source):
     return os.path.join(os.fsencode(destination), os.path.basename(os.fsencode(source).rstrip(b"/")))
 
 
-def expect_clean_rerun(ferrovane, destination, sources, before):
-    """A run without faults completes, keeps every earlier version and leaves rsync nothing to do."""
-    ferrovane.complete(destination)
-    expect_kept(destination, before)
+def expect_clean_rerun(ferrovane, destination, sources, before, configuration=None, replaceable=None):
+    """Every earlier version is kept (see expect_kept) and the configuration whole (when given), before
+    and after a run without faults, which completes and leaves rsync nothing to do."""
+    for rerun in (True, False):
+        expect_kept(destination, before, replaceable)
+        if configuration is not None:
+            expect_configuration(destination, configuration)
+        if rerun:
+            ferrovane.complete(destination)
     for source in sources:
         expect_mirror(source, mirror_of(destination, source))
     expect_no_temporaries(destination)
@@ -372,6 +445,22 @@ def expect_clean_rerun(ferrovane, destination, sources, before):
 def next_second():
     """Waits for the wall clock's next second."""
     time.sleep(1.02 - time.time() % 1)
+
+
+def record_stamps(destination):
+    """The stamps of the run records the destination holds, oldest first."""
+    folder = os.path.join(destination, RUNS)
+    return sorted(n[:-len(".fvmanifest")] for n in os.listdir(folder) if n.endswith(".fvmanifest")) \
+        if os.path.isdir(folder) else []
+
+
+def recorded(destination, run):
+    """run()'s result and the stamp of the one record it added to the destination."""
+    known = set(record_stamps(destination))
+    r = run()
+    new = [s for s in record_stamps(destination) if s not in known]
+    expect(len(new) == 1, f"the run left {new} as new records: {tail(r)}")
+    return r, new[0]
 
 
 def log_size(ferrovane):
@@ -390,11 +479,12 @@ def log_since(ferrovane, offset):
         return b""
 
 
-# ---- mounts (superuser only)
+# ---- cases and mounts
 
 def run_cases(part, cases, work, root_only=lambda name: False, why="needs the superuser", after=None):
     """Runs each (name, body) on a folder of its own below work and yields a result row per case;
-    cases that root_only names are skipped for an ordinary user. after(folder) tidies up."""
+    cases that root_only names are skipped for an ordinary user, and so is a body that raises
+    Unavailable. What a body returns is the row's "where". after(folder) tidies up."""
     for i, (name, body) in enumerate(cases):
         folder = os.path.join(work, str(i))
         os.makedirs(folder)
@@ -402,8 +492,9 @@ def run_cases(part, cases, work, root_only=lambda name: False, why="needs the su
             yield (part, name, why, "skipped")
             continue
         try:
-            body(folder)
-            yield (part, name, "", "ok")
+            yield (part, name, body(folder) or "", "ok")
+        except Unavailable as e:
+            yield (part, name, str(e), "skipped")
         except Failure as e:
             yield (part, name, "", f"FAILED: {e}")
         if after:
@@ -414,14 +505,28 @@ def is_root():
     return os.geteuid() == 0
 
 
+def attempt(command, what):
+    """Runs a command that sets something up; its output, or Unavailable when it fails (a tool or
+    a driver is missing)."""
+    r = subprocess.run(command, capture_output=True)
+    if r.returncode != 0:
+        raise Unavailable(f"{what} failed: {r.stderr.decode(errors='replace')[-200:]}")
+    return r.stdout.decode().strip()
+
+
 @contextmanager
-def tmpfs(path, options):
-    os.makedirs(path, exist_ok=True)
-    subprocess.run(["mount", "-t", "tmpfs", "-o", options, "tmpfs", path], check=True)
+def mounted(command, mnt):
+    """mnt mounted by command until the block ends; Unavailable when it cannot be."""
+    os.makedirs(mnt, exist_ok=True)
+    attempt(command, "mounting " + os.path.basename(mnt))
     try:
-        yield path
+        yield mnt
     finally:
-        unmount(path)
+        unmount(mnt)
+
+
+def tmpfs(path, options):
+    return mounted(["mount", "-t", "tmpfs", "-o", options, "tmpfs", path], path)
 
 
 def unmount(path):

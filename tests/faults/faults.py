@@ -10,6 +10,7 @@ Every moment is seeded: the same seed replays the same kill moments and trees. E
 failure."""
 
 import argparse
+import importlib
 import os
 import subprocess
 import sys
@@ -18,28 +19,12 @@ import time
 sys.dont_write_bytecode = True  # nothing left behind in the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-import access  # noqa: E402
-import archives  # noqa: E402
-import changes  # noqa: E402
-import connect  # noqa: E402
-import crash  # noqa: E402
-import durability  # noqa: E402
-import escapes  # noqa: E402
-import filesystems  # noqa: E402
-import hostile  # noqa: E402
-import inject  # noqa: E402
-import layout  # noqa: E402
-import options  # noqa: E402
-import pointintime  # noqa: E402
-import records  # noqa: E402
-import restores  # noqa: E402
-import retention  # noqa: E402
-import signals  # noqa: E402
-import space  # noqa: E402
-import storage  # noqa: E402
 from faultkit import Ferrovane, workspace  # noqa: E402
 
-MOMENTS = {"quick": 2, "full": 8}
+# The parts in the order they run; each module's run(ferrovane, work, tier, seed) yields result rows.
+PARTS = ("durability", "crash", "storage", "escapes", "hostile", "inject", "archives", "options", "access",
+         "filesystems", "changes", "layout", "signals", "restores", "records", "pointintime", "connect",
+         "retention", "space")
 
 
 def fuzz(args, work):
@@ -69,7 +54,7 @@ def write_results(args, rows):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--executable", required=True)
-    parser.add_argument("--tier", choices=MOMENTS, default="quick")
+    parser.add_argument("--tier", choices=("quick", "full"), default="quick")
     parser.add_argument("--seed", type=int, default=int(time.time()) % 100000)
     parser.add_argument("--only", default="")
     parser.add_argument("--results")
@@ -82,35 +67,15 @@ def main():
     rows = []
     with workspace() as work:
         ferrovane = Ferrovane(os.path.abspath(args.executable), os.path.join(work, "Ferrovane.log"))
-        suites = {
-            "durability": lambda w: durability.run(ferrovane, w),
-            "crash": lambda w: crash.run(ferrovane, w, args.tier, args.seed, MOMENTS[args.tier]),
-            "storage": lambda w: storage.run(ferrovane, w),
-            "escapes": lambda w: escapes.run(ferrovane, w),
-            "hostile": lambda w: hostile.run(ferrovane, w),
-            "inject": lambda w: inject.run(ferrovane, w, args.tier),
-            "archives": lambda w: archives.run(ferrovane, w, args.tier),
-            "options": lambda w: options.run(ferrovane, w, args.tier),
-            "access": lambda w: access.run(ferrovane, w),
-            "filesystems": lambda w: filesystems.run(ferrovane, w),
-            "changes": lambda w: changes.run(ferrovane, w, args.tier),
-            "layout": lambda w: layout.run(ferrovane, w, args.tier, args.seed),
-            "signals": lambda w: signals.run(ferrovane, w),
-            "restores": lambda w: restores.run(ferrovane, w),
-            "records": lambda w: records.run(ferrovane, w),
-            "pointintime": lambda w: pointintime.run(ferrovane, w),
-            "connect": lambda w: connect.run(ferrovane, w),
-            "retention": lambda w: retention.run(ferrovane, w, args.tier),
-            "space": lambda w: space.run(ferrovane, w),
-            "fuzz": lambda w: fuzz(args, w),
-        }
+        suites = {name: importlib.import_module(name).run for name in PARTS}
+        suites["fuzz"] = lambda _, w, *__: fuzz(args, w)
         for name, suite in suites.items():
             if only and name not in only:
                 continue
             folder = os.path.join(work, name)
             os.makedirs(folder)
             begin = time.monotonic()
-            for row in suite(folder):
+            for row in suite(ferrovane, folder, args.tier, args.seed):
                 print(" | ".join(row), flush=True)
                 rows.append(row)
             print(f"{name}: {time.monotonic() - begin:.1f} s", flush=True)

@@ -7,12 +7,11 @@ said once, a dry run leaves the destination as it was, and the next clean run co
 
 import os
 import re
-import shutil
 import subprocess
 from contextlib import contextmanager
 
-from faultkit import (FIXED_MTIME, Failure, build, content, digest, expect, expect_kept, is_root, log_since, log_size,
-                      mirror_differences, tail, unmount, version, versions)
+from faultkit import (FIXED_MTIME, attempt, build, content, digest, expect, expect_kept, expect_status, log_since,
+                      log_size, mirror_differences, mounted, require, run_cases, tail, versions, write)
 
 NAME = "data"
 OPTIONS = (("moveChangedFiles", "yes"), ("moveDeletedFiles", "yes"), ("ignoreFileFlagChanges", "no"))
@@ -28,16 +27,6 @@ CANNOT_KEEP = b"cannot keep owners and modes"
 UNKEPT_LINKS, UNKEPT_ATTRIBUTES = b"cannot keep hard links", b"cannot keep extended attributes"
 
 
-class Unavailable(Failure):
-    """The file system cannot be made or mounted here: its tools or its driver are missing."""
-
-
-def require(tools):
-    lacking = [t for t in tools if shutil.which(t) is None]
-    if lacking:
-        raise Unavailable(f"no {', '.join(lacking)}")
-
-
 class FileSystem:
     """How to make and mount one kind, and what its probe must find."""
 
@@ -51,23 +40,13 @@ class FileSystem:
     @contextmanager
     def mounted(self, work):
         """An image of this kind made in work and mounted at work/mnt."""
-        require(self.tools)
+        require(*self.tools)
         image, mnt = os.path.join(work, "image"), os.path.join(work, "mnt")
-        os.makedirs(mnt)
         with open(image, "wb") as f:
             f.truncate(self.size_mb << 20)
-        made = subprocess.run([*self.mkfs, image], capture_output=True)
-        if made.returncode != 0:
-            raise Unavailable(f"{self.mkfs[0]} failed: {made.stderr.decode(errors='replace')[-200:]}")
-        mounted, device = self.mount(image, mnt)
-        if mounted.returncode != 0:
-            raise Unavailable(f"cannot mount (driver missing?): {mounted.stderr.decode(errors='replace')[-200:]}")
-        try:
+        attempt([*self.mkfs, image], self.mkfs[0])
+        with self.mount(image, mnt):
             yield mnt
-        finally:
-            unmount(mnt)
-            if device:
-                subprocess.run(["losetup", "-d", device], capture_output=True)
 
 
 class Sshfs(FileSystem):
@@ -83,58 +62,47 @@ class Sshfs(FileSystem):
 
     @contextmanager
     def mounted(self, work):
-        require(self.tools)
+        require(*self.tools)
         home, mnt = os.path.join(work, "home"), os.path.join(work, "mnt")
-        for folder in (home, mnt, "/run/sshd"):
+        for folder in (home, "/run/sshd"):
             os.makedirs(folder, exist_ok=True)
         for key in ("host", "client"):
             subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", os.path.join(work, key)], check=True)
         config = os.path.join(work, "sshd_config")
-        with open(config, "w") as f:
-            f.write(f"ListenAddress 127.0.0.1\nPort {self.PORT}\nHostKey {work}/host\nAuthorizedKeysFile {work}/client.pub\n"
-                    f"PermitRootLogin prohibit-password\nPasswordAuthentication no\nStrictModes no\nUsePAM no\n"
-                    f"PidFile {work}/sshd.pid\nSubsystem sftp internal-sftp\n")
+        write(config, f"ListenAddress 127.0.0.1\nPort {self.PORT}\nHostKey {work}/host\nAuthorizedKeysFile {work}/client.pub\n"
+              f"PermitRootLogin prohibit-password\nPasswordAuthentication no\nStrictModes no\nUsePAM no\n"
+              f"PidFile {work}/sshd.pid\nSubsystem sftp internal-sftp\n".encode())
         # Without -D sshd returns once it listens (or fails to: the port is taken).
-        started = subprocess.run(["/usr/sbin/sshd", "-f", config, "-E", os.path.join(work, "sshd.log")],
-                                 capture_output=True)
-        if started.returncode != 0:
-            raise Unavailable(f"sshd failed: {started.stderr.decode(errors='replace')[-200:]}")
+        attempt(["/usr/sbin/sshd", "-f", config, "-E", os.path.join(work, "sshd.log")], "sshd")
         try:
             # Without caches, what a run did on the server shows at once.
-            mounted = subprocess.run(["sshfs", "-o", f"IdentityFile={work}/client,port={self.PORT},"
-                                      "StrictHostKeyChecking=no,UserKnownHostsFile=/dev/null,dir_cache=no,attr_timeout=0",
-                                      f"root@127.0.0.1:{home}", mnt], capture_output=True)
-            if mounted.returncode != 0:
-                raise Unavailable(f"cannot mount: {mounted.stderr.decode(errors='replace')[-200:]}")
-            try:
+            with mounted(["sshfs", "-o", f"IdentityFile={work}/client,port={self.PORT},StrictHostKeyChecking=no,"
+                          "UserKnownHostsFile=/dev/null,dir_cache=no,attr_timeout=0", f"root@127.0.0.1:{home}", mnt], mnt):
                 yield mnt
-            finally:
-                unmount(mnt)
         finally:
             os.kill(int(open(os.path.join(work, "sshd.pid")).read()), 15)
 
 
 def kernel_mount(image, mnt):
-    return subprocess.run(["mount", "-o", "loop", image, mnt], capture_output=True), None
+    return mounted(["mount", "-o", "loop", image, mnt], mnt)
 
 
 def block_fuse(driver):
     """exfat-fuse and ntfs-3g want a block device: a loop device over the image."""
+    @contextmanager
     def mount(image, mnt):
-        loop = subprocess.run(["losetup", "-f", "--show", image], capture_output=True)
-        if loop.returncode != 0:
-            return loop, None
-        device = loop.stdout.decode().strip()
-        r = subprocess.run([driver, device, mnt], capture_output=True)
-        if r.returncode != 0:
+        device = attempt(["losetup", "-f", "--show", image], "losetup")
+        try:
+            with mounted([driver, device, mnt], mnt):
+                yield
+        finally:
             subprocess.run(["losetup", "-d", device], capture_output=True)
-        return r, device
     return mount
 
 
 def fusefat_mount(image, mnt):
     # fusefat mounts read-only unless told "rw+".
-    return subprocess.run(["fusefat", "-o", "rw+", image, mnt], capture_output=True), None
+    return mounted(["fusefat", "-o", "rw+", image, mnt], mnt)
 
 
 EXACT = ("exact times", "case-sensitive")
@@ -177,50 +145,24 @@ def later_names(fs, mirror):
     return out
 
 
-def same_contents(source, mirror, skipped):
-    """Every source file but the skipped names is in the mirror with its bytes, and the mirror holds
-    nothing else (for file systems that cannot hold the metadata rsync compares)."""
-    problems = []
-    src = os.fsencode(source)
-    mir = os.fsencode(mirror)
-    for folder, dirs, names in os.walk(src):
-        rel_folder = os.path.relpath(folder, src)
-        dirs[:] = [d for d in dirs if os.path.normpath(os.path.join(rel_folder, d)) not in skipped]
-        for name in names:
-            rel = os.path.normpath(os.path.join(rel_folder, name))
-            if rel in skipped:
-                continue
-            if os.path.islink(os.path.join(src, rel)):
-                # A link is compared as a link, as far as the mount shows it (see version()).
-                if os.path.islink(os.path.join(mir, rel)) and version(mir, rel) in (
-                        version(src, rel), b"link of %d bytes" % os.lstat(os.path.join(src, rel)).st_size):
-                    continue
-                problems.append(rel)
-                continue
-            try:
-                if digest(os.path.join(mir, rel)) == digest(os.path.join(src, rel)):
-                    continue
-            except OSError:
-                pass
-            problems.append(rel)
-        mirror_folder = os.path.join(mir, rel_folder)
-        wanted = {n.lower() for n in dirs + names if os.path.normpath(os.path.join(rel_folder, n)) not in skipped}
-        problems += [os.path.join(rel_folder, n) for n in os.listdir(mirror_folder) if n.lower() not in wanted]
-    expect(not problems, f"the mirror's contents differ from the source: {problems[:6]}")
+def same_contents(source, mirror, skipped, case_insensitive):
+    """Every source file and link but the skipped ones is in the mirror with its bytes, and the
+    mirror holds no other (for file systems that cannot hold the metadata rsync compares). A link
+    the mount will not read back is known by its length."""
+    def held(root):
+        return {rel.lower() if case_insensitive else rel: v for rel, v in versions(root).items()
+                if not any(rel == s or rel.startswith(s + b"/") for s in skipped)}
+    wanted, found = held(source), held(mirror)
+    for rel, v in wanted.items():
+        if v and v.startswith(b"link:") and found.get(rel, b"").startswith(b"link of "):
+            wanted[rel] = b"link of %d bytes" % (len(v) - len(b"link:"))
+    differ = sorted(rel for rel in wanted.keys() | found.keys() if wanted.get(rel) != found.get(rel))
+    expect(not differ, f"the mirror's contents differ from the source: {differ[:6]}")
 
 
 def stamp_folders(destination):
-    out = []
-    for archive in ("__changed", "__removed"):
-        base = os.path.join(destination, archive)
-        if os.path.isdir(base):
-            out += [os.path.join(base, s) for s in os.listdir(base)]
-    return sorted(out)
-
-
-def expect_no_empty_stamps(destination):
-    empty = [s for s in stamp_folders(destination) if not any(names for _, _, names in os.walk(s))]
-    expect(not empty, f"archive folders without a file: {empty}")
+    archives = [os.path.join(destination, a) for a in ("__changed", "__removed")]
+    return sorted(os.path.join(a, s) for a in archives if os.path.isdir(a) for s in os.listdir(a))
 
 
 def root_state(path):
@@ -272,9 +214,7 @@ def backups(ferrovane, fs, mnt, work):
     # A changed and a removed file reach the archives.
     before = versions(destination)
     changed = os.path.join(source, "plain", "changing.txt")
-    with open(changed, "wb") as f:
-        f.write(content(5100, 50))
-    os.utime(changed, (2_000_000_000, 2_000_000_000))
+    write(changed, content(5100, 50), 2_000_000_000)
     os.unlink(os.path.join(source, "plain", "gone.txt"))
     # The cleanup looks at the root's mirror too: the twins' mirror stays, and so does the mirror
     # of a file renamed only in case where the destination does not tell cases apart.
@@ -287,7 +227,8 @@ def backups(ferrovane, fs, mnt, work):
     for archive, rel in (("__changed", b"plain/changing.txt"), ("__removed", b"plain/gone.txt")):
         expect(any(os.path.isfile(os.path.join(os.fsencode(s), NAME.encode(), rel))
                    for s in stamp_folders(destination) if f"/{archive}/" in s), f"{rel!r} is not in {archive}")
-    expect_no_empty_stamps(destination)
+    empty = [s for s in stamp_folders(destination) if not any(names for _, _, names in os.walk(s))]
+    expect(not empty, f"archive folders without a file: {empty}")
 
     # A dry run changes nothing, not even the root's dates.
     state = root_state(destination)
@@ -305,22 +246,21 @@ def backups(ferrovane, fs, mnt, work):
         diff = mirror_differences(source, mirror)
         expect(diff == "", f"mirror differs from source:\n{diff[:2000]}")
     else:
-        same_contents(source, mirror, set(unholdable))
+        same_contents(source, mirror, set(unholdable), fs.case_insensitive)
 
     # A restore that moves a different file aside, on the same file system.
     target = os.path.join(mnt, "restored")
     os.makedirs(target)
-    with open(os.path.join(target, "changing.txt"), "wb") as f:
-        f.write(b"another version")
-    r = ferrovane.command("restore", destination, changed, "--to", target, "--replace", timeout=60)
-    expect(r.returncode == 0, f"restore with --replace exit {r.returncode}: {tail(r)}")
+    write(os.path.join(target, "changing.txt"), b"another version")
+    expect_status(ferrovane.command("restore", destination, changed, "--to", target, "--replace", timeout=60), 0,
+                  "restore with --replace")
     expect(digest(os.path.join(target, "changing.txt")) == digest(changed), "the restore did not bring the version back")
     # Links come back as they were, also those the mount will not read back (see version()).
     if fs.links:
         elsewhere = os.path.join(work, "restored")
         os.makedirs(elsewhere)
-        r = ferrovane.command("restore", destination, os.path.join(source, "private"), "--to", elsewhere, timeout=60)
-        expect(r.returncode == 0, f"restore of links exit {r.returncode}: {tail(r)}")
+        expect_status(ferrovane.command("restore", destination, os.path.join(source, "private"), "--to", elsewhere,
+                                        timeout=60), 0, "restore of links")
         for name in ("link", "up", "away"):
             back, original = os.path.join(elsewhere, "private", name), os.path.join(source, "private", name)
             expect(os.path.islink(back) and os.readlink(back) == os.readlink(original), f"private/{name} came back wrong")
@@ -331,25 +271,10 @@ def backups(ferrovane, fs, mnt, work):
     expect(not missing, f"the probe said {line.group(1)!r}, lacking {missing}")
 
 
-def one(ferrovane, fs, work):
-    """(where, outcome) of one file system."""
-    try:
-        with fs.mounted(work) as mnt:
-            backups(ferrovane, fs, mnt, work)
-        return "", "ok"
-    except Unavailable as e:
-        return str(e), "skipped"
-    except Failure as e:
-        return "", f"FAILED: {e}"
-
-
-def run(ferrovane, work):
-    for i, fs in enumerate(FILESYSTEMS):
-        case = f"{fs.name}: probe, archives, case twins and refused names, owners and modes, dry run, rerun, restore"
-        if not is_root():
-            yield ("filesystems", case, "needs the superuser to mount images", "skipped")
-            continue
-        folder = os.path.join(work, str(i))
-        os.makedirs(folder)
-        where, outcome = one(ferrovane, fs, folder)
-        yield ("filesystems", case, where, outcome)
+def run(ferrovane, work, *_):
+    def body(fs, folder):
+        with fs.mounted(folder) as mnt:
+            backups(ferrovane, fs, mnt, folder)
+    yield from run_cases("filesystems", [(f"{fs.name}: probe, archives, case twins and refused names, owners and modes, "
+                                          "dry run, rerun, restore", lambda w, fs=fs: body(fs, w)) for fs in FILESYSTEMS],
+                         work, root_only=lambda _: True, why="needs the superuser to mount images")

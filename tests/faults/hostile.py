@@ -6,8 +6,10 @@ property-list reader's.)"""
 
 import os
 import plistlib
+import subprocess
 
-from faultkit import Failure, build, expect, expect_mirror, read_configuration, run_cases, tail
+from faultkit import (Failure, Mirrored, build, expect, expect_mirror, expect_status, log_since, read_configuration,
+                      run_cases, tail)
 
 NAMES = [b"new\nline", b"tab\tand\x01ctl", b"esc\x1b[31mred", b"bad\xff\xfeutf8", b"n" * 255, b"q'uo\"te %h $x"]
 SOURCE_NAME = b"src\n\x1b[2J\xff"
@@ -29,38 +31,12 @@ def make_tree(source):
 
 
 def expect_same_deep_tree(source, mirror):
-    """Compares the deep folder chain below both roots through folder descriptors: names, types,
-    modes, dates and contents."""
-    src, dst = os.open(source, os.O_RDONLY | os.O_DIRECTORY), os.open(mirror, os.O_RDONLY | os.O_DIRECTORY)
-    try:
-        for name in DEEP + [None]:
-            expect(sorted(os.listdir(src)) == sorted(os.listdir(dst)), f"listings differ above {name!r}")
-            for entry in os.listdir(src):
-                a, b = os.stat(entry, dir_fd=src, follow_symlinks=False), os.stat(entry, dir_fd=dst, follow_symlinks=False)
-                expect((a.st_mode, a.st_size, a.st_mtime_ns // 10**9) == (b.st_mode, b.st_size, b.st_mtime_ns // 10**9),
-                       f"{entry!r} differs in the deep chain")
-            if name is None:
-                for entry in os.listdir(src):
-                    with open(os.open(entry, os.O_RDONLY, dir_fd=src), "rb") as f, \
-                         open(os.open(entry, os.O_RDONLY, dir_fd=dst), "rb") as g:
-                        expect(f.read() == g.read(), f"{entry!r} differs in content")
-                break
-            nsrc, ndst = (os.open(name, os.O_RDONLY | os.O_DIRECTORY, dir_fd=fd) for fd in (src, dst))
-            os.close(src), os.close(dst)
-            src, dst = nsrc, ndst
-    finally:
-        os.close(src), os.close(dst)
-
-
-def read_log(ferrovane):
-    with open(ferrovane.env["FERROVANE_LOG_FILE"], "rb") as f:
-        return f.read()
-
-
-def check_log(path):
-    with open(path, "rb") as f:
-        log = f.read()
-    expect(b"\x1b" not in log, "the log holds a raw escape character")
+    """The deep folder chain is the same below both roots: names, kinds, modes, owners, dates to the
+    second and contents, as tar (which walks beyond PATH_MAX) records them."""
+    packed = [subprocess.run(["tar", "--sort=name", "-cf", "-", DEEP[0]], cwd=root, capture_output=True)
+              for root in (source, mirror)]
+    expect(all(p.returncode == 0 for p in packed), f"tar failed: {packed[0].stderr[-300:]} {packed[1].stderr[-300:]}")
+    expect(packed[0].stdout == packed[1].stdout, "the deep folder chain differs from the source's")
 
 
 def expect_readable_configuration(destination, source):
@@ -74,7 +50,7 @@ def expect_readable_configuration(destination, source):
     expect("sizeInMB" not in entry, "the configuration stores a size")
 
 
-def run(ferrovane, work):
+def run(ferrovane, work, *_):
     work = os.fsencode(work)
     source, destination = os.path.join(work, SOURCE_NAME), os.path.join(work, b"dest " + NAMES[0])
     make_tree(source)
@@ -95,22 +71,19 @@ def run(ferrovane, work):
             mirror = os.path.join(destination, SOURCE_NAME)
             expect_mirror(source, mirror, excluded=[DEEP[0]])  # rsync stops at PATH_MAX
             expect_same_deep_tree(source, mirror)
-        expect(b"(0 items changed)" in r.stdout + read_log(ferrovane), "the second run copied again")
-        check_log(ferrovane.env["FERROVANE_LOG_FILE"])
+        log = log_since(ferrovane, 0)
+        expect(b"(0 items changed)" in r.stdout + log, "the second run copied again")
+        expect(b"\x1b" not in log, "the log holds a raw escape character")
         expect_readable_configuration(destination, source)  # after the run's write-back
 
     def names_like_temporaries():
         # Only names of the form the program makes are leftovers, and never one whose source exists.
-        other_source = os.path.join(work, b"tmp-names", b"data")
-        other_destination = os.path.join(work, b"tmp-names", b"dest")
-        build(other_source, {b".ferrovane-tmp-notes.txt": ("file", 40, 1),
-                             b".ferrovane-tmp-0123456789abcdef": ("file", 50, 2), b"plain": ("file", 10, 3)})
-        os.makedirs(other_destination)
-        ferrovane.configure(other_destination, [other_source])
+        d = Mirrored(ferrovane, os.path.join(work, b"tmp-names"), {
+            b".ferrovane-tmp-notes.txt": ("file", 40, 1), b".ferrovane-tmp-0123456789abcdef": ("file", 50, 2),
+            b"plain": ("file", 10, 3)}, first_run=False)
         for attempt in ("first", "second", "third"):
-            r = ferrovane.run(other_destination)
-            expect(r.returncode == 0, f"{attempt} run: {tail(r)}")
-            expect_mirror(other_source, os.path.join(other_destination, b"data"))
+            expect_status(ferrovane.run(d.destination), 0, f"the {attempt} run")
+            expect_mirror(d.source, d.mirror)
 
     cases = [("configuration add and show", lambda _: configuration()),
              ("whole run, log and second run (deep folder mirrored)", lambda _: whole_run()),

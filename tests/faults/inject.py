@@ -10,10 +10,9 @@ import re
 import shutil
 import subprocess
 
-from faultkit import (Failure, build, content, expect, expect_clean_rerun, expect_configuration, expect_kept,
-                      log_since, log_size, next_second, read_configuration, tail, versions)
+from faultkit import (Replayed, Unavailable, content, date_folders, expect, expect_clean_rerun, log_since, log_size,
+                      next_second, run_cases, tail, write)
 
-NAME = "data"
 CALLS = ("openat", "openat2", "mkdirat", "renameat2", "write", "copy_file_range", "fsync", "fchown", "fsetxattr",
          "unlinkat", "utimensat", "fchmod", "syncfs")
 # Calls the run makes on the destination alone (sources are only read, the log is written; fsync
@@ -54,42 +53,26 @@ def change(source, tree):
     files = sorted(r for r, k in tree.items() if k[0] == "file" and not r.startswith(b"d5/"))
     for i, rel in enumerate(files[:30]):
         path = os.path.join(source, rel)
-        with open(path, "wb") as f:
-            f.write(content(tree[rel][1] + 5, tree[rel][2] + 1000))
+        write(path, content(tree[rel][1] + 5, tree[rel][2] + 1000))
         os.setxattr(path, b"user.note", b"v%d" % i)
         os.utime(path, (2_000_000_000, 2_000_000_000))
     for rel in files[30:38]:
         os.unlink(os.path.join(source, rel))
     shutil.rmtree(os.path.join(source, b"d5"))
     for i in range(5):
-        path = os.path.join(source, b"d0/new%d" % i)
-        with open(path, "wb") as f:
-            f.write(content(2000, 500 + i))
-        os.setxattr(path, b"user.note", b"new")
-    for folder, _, _ in os.walk(source):
-        os.utime(folder, (1_500_000_000, 1_500_000_000))
+        write(source + b"/d0/new%d" % i, content(2000, 500 + i))
+        os.setxattr(source + b"/d0/new%d" % i, b"user.note", b"new")
+    date_folders(source)
 
 
-class Sweep:
+class Sweep(Replayed):
     def __init__(self, ferrovane, work):
-        self.ferrovane = ferrovane
-        self.live, self.template = os.path.join(work, "live"), os.path.join(work, "template")
-        self.source = os.path.join(self.live, "src", NAME)
-        self.destination = os.path.join(self.live, "dest")
         tree = make_tree()
-        build(os.fsencode(self.source), tree)
-        os.makedirs(self.destination)
-        ferrovane.configure(self.destination, [self.source], OPTIONS)
-        ferrovane.complete(self.destination)
+        super().__init__(ferrovane, work, tree, OPTIONS)
         change(os.fsencode(self.source), tree)
-        self.before = versions(self.destination)
-        self.configuration = read_configuration(self.destination)
-        subprocess.run(["cp", "-a", self.live, self.template], check=True)
+        self.keep()
+        self.trace = os.path.join(work, "trace")
         self.counts = self.count()
-
-    def restore(self):
-        subprocess.run(["rm", "-rf", self.live], check=True)
-        subprocess.run(["cp", "-a", self.template, self.live], check=True)
 
     def strace(self, *options, trace="/dev/null"):
         return subprocess.run(["strace", "-f", "-qq", *options, "-o", trace, *self.ferrovane.args(self.destination)],
@@ -99,10 +82,9 @@ class Sweep:
         """How often an undisturbed run makes each call in the thread that makes it most (strace
         counts the uses of a call per thread)."""
         self.restore()
-        trace = os.path.join(os.path.dirname(self.live), "trace")
-        r = self.strace("-e", "trace=" + ",".join(CALLS), trace=trace)
+        r = self.strace("-e", "trace=" + ",".join(CALLS), trace=self.trace)
         expect(r.returncode == 0, f"the undisturbed run failed: {tail(r)}")
-        with open(trace, errors="replace") as f:
+        with open(self.trace, errors="replace") as f:
             per_thread = collections.Counter(m.groups() for m in (re.match(r"(\d+)\s+(\w+)\(", line) for line in f) if m)
         counts = collections.Counter()
         for (_, call), n in per_thread.items():
@@ -110,21 +92,20 @@ class Sweep:
         return counts
 
     def inject(self, call, error, nth):
+        if not self.counts[call]:
+            raise Unavailable("the run makes no such call")
         self.restore()
         offset = log_size(self.ferrovane)
-        trace = os.path.join(os.path.dirname(self.live), "trace")
         # Any ending is allowed (a fault while loading libraries ends the process before it
         # starts); what counts is that nothing was lost.
-        r = self.strace("-e", f"trace={call}", "-e", f"inject={call}:error={error}:when={nth}+", trace=trace)
-        with open(trace, errors="replace") as f:
+        r = self.strace("-e", f"trace={call}", "-e", f"inject={call}:error={error}:when={nth}+", trace=self.trace)
+        with open(self.trace, errors="replace") as f:
             expect("(INJECTED)" in f.read(), "the fault never struck")
         if call in DESTINATION_CALLS and error in FATAL:
             expect_one_fatal_line(r, log_since(self.ferrovane, offset), FATAL[error])
-        expect_kept(self.destination, self.before)
-        expect_configuration(self.destination, self.configuration)
         next_second()  # a stamp folder reused within one second has a case of its own
-        expect_clean_rerun(self.ferrovane, self.destination, [self.source], self.before)
-        return r.returncode
+        expect_clean_rerun(self.ferrovane, self.destination, [self.source], self.before, self.configuration)
+        return f"run exit {r.returncode}"
 
 
 def expect_one_fatal_line(result, log, cause):
@@ -135,26 +116,14 @@ def expect_one_fatal_line(result, log, cause):
     expect(b"Copy failed" not in log, f"{log.count(b'Copy failed')} 'Copy failed' lines beside it")
 
 
-def run(ferrovane, work, tier):
+def run(ferrovane, work, tier, _):
     if not shutil.which("strace"):
         yield ("inject", "system-call faults", "strace missing", "skipped")
         return
     sweep = Sweep(ferrovane, work)
     cases = QUICK if tier == "quick" else [(c, e, p) for c in CALLS for e in ERRORS for p in POSITIONS]
-    done = set()
-    for call, error, position in cases:
-        total = sweep.counts[call]
-        name = f"{call} fails with {error}"
-        nth = max(1, round(total * position))
-        if (call, error, nth) in done:
-            continue  # a call the run makes only a few times has fewer distinct starting points
-        done.add((call, error, nth))
-        if not total:
-            yield ("inject", name, "the run makes no such call", "skipped")
-            continue
-        where = f"from call {nth} of {total} in a thread"
-        try:
-            status = sweep.inject(call, error, nth)
-            yield ("inject", name, f"{where}, run exit {status}", "ok")
-        except Failure as e:
-            yield ("inject", name, where, f"FAILED: {e}")
+    # A call the run makes only a few times has fewer distinct starting points.
+    starts = dict.fromkeys((call, error, max(1, round(sweep.counts[call] * position))) for call, error, position in cases)
+    yield from run_cases("inject", [(f"{call} fails with {error} from call {nth} of {sweep.counts[call]} in a thread",
+                                     lambda _, c=call, e=error, n=nth: sweep.inject(c, e, n))
+                                    for call, error, nth in starts], os.path.join(work, "cases"))

@@ -10,7 +10,7 @@ import os
 import shutil
 import subprocess
 
-from faultkit import build, expect, mirror_differences, next_second, run_cases, tail
+from faultkit import Mirrored, expect, expect_status, mirror_differences, next_second, recorded, run_cases, tail, write
 from filesystems import EXFAT
 
 NAME = "data"
@@ -22,36 +22,22 @@ TREE = {b"a.txt": ("file", 3000, 1), b"b.txt": ("file", 10, 2), b"c.txt": ("file
 GONE = b"ferrovane: error: not restored: bytes gone: "
 
 
-def write(path, data):
-    with open(path, "wb") as f:
-        f.write(data)
-
-
-class History:
+class History(Mirrored):
     """A source and its destination, backed up run after run, with a copy of the source and the
     run's stamp kept after each."""
 
-    def __init__(self, ferrovane, work, destination, tree, options=ARCHIVING):
-        self.ferrovane, self.work, self.destination = ferrovane, work, destination
-        self.source = os.path.join(work, "src", NAME)
-        build(os.fsencode(self.source), tree)
-        os.chmod(os.path.join(self.source, "private"), 0o700)
-        os.chmod(os.path.join(self.source, "private", "key"), 0o600)
-        os.setxattr(os.path.join(self.source, "private", "key"), "user.note", b"kept in the record")
-        os.makedirs(destination, exist_ok=True)
-        ferrovane.configure(destination, [self.source], options)
-        self.stamps, self.copies = [], []
-        self.status = 0
+    def __init__(self, ferrovane, work, destination, tree):
+        super().__init__(ferrovane, work, tree, ARCHIVING, first_run=False, destination=destination)
+        os.chmod(self.path("private"), 0o700)
+        os.chmod(self.path("private/key"), 0o600)
+        os.setxattr(self.path("private/key"), "user.note", b"kept in the record")
+        self.stamps, self.copies, self.status = [], [], 0
 
     def run(self):
-        runs = os.path.join(self.destination, "__runs")
-        known = set(os.listdir(runs)) if os.path.isdir(runs) else set()
         next_second()
-        r = self.ferrovane.run(self.destination)
+        r, stamp = recorded(self.destination, lambda: self.ferrovane.run(self.destination))
         expect(r.returncode == self.status, f"run {len(self.stamps)} exit {r.returncode}: {tail(r)}")
-        new = [n for n in os.listdir(runs) if n not in known and n.endswith(".fvmanifest")]
-        expect(len(new) == 1, f"run {len(self.stamps)} left {new} in __runs")
-        self.stamps.append(new[0][:-len(".fvmanifest")])
+        self.stamps.append(stamp)
         copy = os.path.join(self.work, "copies", str(len(self.copies)))
         os.makedirs(os.path.dirname(copy), exist_ok=True)
         subprocess.run(["cp", "-a", os.path.dirname(self.source), copy], check=True)
@@ -150,19 +136,14 @@ def from_exfat(ferrovane, work):
         expect(key.st_mode & 0o777 != 0o600, "the exFAT mirror kept the mode: the case proves nothing")
         out = os.path.join(work, "out")
         os.makedirs(out)
-        r = h.restore(h.stamps[0], "--to", out)
-        expect(r.returncode == 0, f"restore from exFAT exit {r.returncode}: {tail(r)}")
+        expect_status(h.restore(h.stamps[0], "--to", out), 0, "the restore from exFAT")
         expect_state(h.copies[0], os.path.join(out, NAME))
 
 
-def run(ferrovane, work):
-    cases = [("five runs, one without archiving: each run's state restored exactly, lost files named",
-              lambda w: every_run(ferrovane, w))]
+def run(ferrovane, work, *_):
     exfat = "restore --at from an exFAT destination brings back owners, modes and attributes"
-    if all(shutil.which(t) for t in EXFAT.tools):
-        cases.append((exfat, lambda w: from_exfat(ferrovane, w)))
-    else:
-        yield ("pointintime", exfat, "no mkfs.exfat, mount.exfat-fuse or losetup", "skipped")
-    yield from run_cases("pointintime", cases, work, root_only=lambda name: name == exfat,
-                         why="needs the superuser to mount images",
-                         after=lambda folder: shutil.rmtree(folder, ignore_errors=True))
+    yield from run_cases("pointintime", [
+        ("five runs, one without archiving: each run's state restored exactly, lost files named",
+         lambda w: every_run(ferrovane, w)), (exfat, lambda w: from_exfat(ferrovane, w))],
+        work, root_only=lambda name: name == exfat, why="needs the superuser to mount images",
+        after=lambda folder: shutil.rmtree(folder, ignore_errors=True))

@@ -7,9 +7,9 @@ import json
 import os
 import shutil
 import signal
-import sys
 
-from faultkit import RUNS, TEMPORARY_PREFIX, expect, expect_clean_rerun, expect_kept, expect_mirror, run_cases, tail
+from faultkit import (RUNS, TEMPORARY_PREFIX, expect, expect_clean_rerun, expect_kept, expect_mirror, expect_status,
+                      run_cases, tail)
 from signals import Destination
 
 
@@ -29,7 +29,7 @@ def killed_mid_copy(ferrovane, work):
     d = Destination(ferrovane, work)
     first = records(ferrovane, d.destination)
     expect(len(first) == 1 and first[0]["complete"], f"the first run is not recorded complete: {first}")
-    process = d.held(d.start_backup)
+    process = d.held()
     process.send_signal(signal.SIGKILL)
     process.communicate(timeout=60)
     expect(records(ferrovane, d.destination) == first, "the killed run left a record that passes for a run")
@@ -42,15 +42,11 @@ def killed_mid_copy(ferrovane, work):
     expect(not temporary_records(d.destination), "the next run left the killed run's record behind")
     # The record is whole: the run restores from it as the source is.
     out = os.path.join(work, "restored")
-    r = ferrovane.command("restore", d.destination, d.source, "--at", after[0]["stamp"], "--to", out)
-    expect(r.returncode == 0, f"restore --at the next run: {tail(r)}")
+    expect_status(ferrovane.command("restore", d.destination, d.source, "--at", after[0]["stamp"], "--to", out), 0,
+                  "restore --at the next run")
     expect_mirror(d.source, os.path.join(out, "data"))
 
 
-def run(ferrovane, work):
+def run(ferrovane, work, *_):
     cases = [("killed with -9 mid-copy: the last complete record stays the newest", lambda w: killed_mid_copy(ferrovane, w))]
     yield from run_cases("records", cases, work, after=lambda folder: shutil.rmtree(folder, ignore_errors=True))
-
-
-if __name__ == "__main__":
-    sys.exit("run through faults.py")

@@ -7,16 +7,15 @@ import os
 import shutil
 import subprocess
 
-from faultkit import (expect, expect_clean_rerun, expect_kept, expect_status, finish, mirror_differences, run_cases,
-                      tail, versions)
-from signals import MOMENT, Destination
+from faultkit import expect, expect_clean_rerun, expect_status, finish, mirror_differences, run_cases, tail
+from signals import MOMENT, Destination, expect_restored
 
 BUSY = b"Another Ferrovane run is using this destination"
 
 
 def restore_during_backup(ferrovane, work):
     d = Destination(ferrovane, work)
-    backup = d.held(d.start_backup)
+    backup = d.held()
     try:
         refused = subprocess.run(d.restore_args(), env=ferrovane.env, capture_output=True, timeout=60)
         expect_status(refused, 75, "the restore during a backup")
@@ -29,10 +28,8 @@ def restore_during_backup(ferrovane, work):
 
 
 def backup_during_restore(ferrovane, work):
-    d = Destination(ferrovane, work)
-    ferrovane.complete(d.destination)
-    before = versions(d.destination)
-    restore = d.held(d.start_restore)
+    d = Destination(ferrovane, work, "restore")
+    restore = d.held()
     try:
         refused = ferrovane.run(d.destination, timeout=60)
         expect_status(refused, 75, "the backup during a restore")
@@ -41,16 +38,15 @@ def backup_during_restore(ferrovane, work):
         other = os.path.join(work, "other")
         beside = subprocess.run(d.restore_args(to=other), env=ferrovane.env, capture_output=True, timeout=120)
         expect_status(beside, 0, "a second restore beside the first")
-        expect(mirror_differences(d.mirror(), os.path.join(other, "data")) == "", "the second restore is not complete")
+        expect(mirror_differences(d.mirror, os.path.join(other, "data")) == "", "the second restore is not complete")
     finally:
         d.hooks.release(MOMENT)
     expect_status(finish(restore), 0, "the held restore")
-    expect(mirror_differences(d.mirror(), os.path.join(d.restored, "data")) == "", "the held restore is not complete")
-    expect_kept(d.destination, before)
-    expect_clean_rerun(ferrovane, d.destination, [d.source], before)
+    expect_restored(d, "the held restore")
+    expect_clean_rerun(ferrovane, d.destination, [d.source], d.before)
 
 
-def run(ferrovane, work):
+def run(ferrovane, work, *_):
     cases = [("restore while a backup holds the destination", lambda w: restore_during_backup(ferrovane, w)),
              ("backup while a restore holds the destination", lambda w: backup_during_restore(ferrovane, w))]
     yield from run_cases("restores", cases, work, after=lambda folder: shutil.rmtree(folder, ignore_errors=True))

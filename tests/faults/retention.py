@@ -13,7 +13,8 @@ import shutil
 import subprocess
 from zoneinfo import ZoneInfo
 
-from faultkit import expect, expect_mirror, mirror_of, run_cases, tail, tmpfs
+from faultkit import (contents, expect, expect_mirror, expect_status, mirror_of, recorded, require, run_cases, tail,
+                      tmpfs, write)
 
 ZONE = "Europe/Berlin"
 NAME = "data"
@@ -65,17 +66,8 @@ def stamp_time(stamp):
     return datetime.datetime.strptime(stamp, "%Y-%m-%d %H.%M.%S %z").timestamp()
 
 
-def snapshot(root):
-    out = {}
-    for folder, _, names in os.walk(root):
-        for name in names:
-            path = os.path.join(folder, name)
-            with open(path, "rb") as f:
-                out[os.path.relpath(path, root)] = f.read()
-    return out
-
-
 def simulated_year(ferrovane, work, tier):
+    require("faketime")
     start, days, policy, size = TIERS[tier]
     disk = os.path.join(work, "disk")
     with tmpfs(disk, f"size={size}"):
@@ -84,11 +76,9 @@ def simulated_year(ferrovane, work, tier):
         os.makedirs(source)
         rng = random.Random(days)
         for i in range(30):
-            with open(os.path.join(source, f"f{i:02}"), "wb") as f:
-                f.write(rng.randbytes(rng.randrange(1, 30000)))
+            write(os.path.join(source, f"f{i:02}"), rng.randbytes(rng.randrange(1, 30000)))
         ferrovane.configure(dest, [source], (("purgeChangedArchive", "no"), ("purgeRemovedArchive", "no")))
-        r = ferrovane.config(dest, "retention", *map(str, policy))
-        expect(r.returncode == 0, f"config retention: {tail(r)}")
+        expect_status(ferrovane.config(dest, "retention", *map(str, policy)), 0, "config retention")
         # faketime preloads its library ahead of a sanitizer's runtime, which the sanitizer refuses
         # unless told that the order is on purpose.
         env = dict(ferrovane.env, TZ=ZONE, ASAN_OPTIONS=":".join(
@@ -108,23 +98,17 @@ def simulated_year(ferrovane, work, tier):
                 moment = datetime.datetime(date.year, date.month, date.day, hour, 0, tzinfo=zone)
                 names = sorted(os.listdir(source))
                 for name in rng.sample(names, 3):
-                    with open(os.path.join(source, name), "wb") as f:
-                        f.write(rng.randbytes(rng.randrange(1, 30000)))
+                    write(os.path.join(source, name), rng.randbytes(rng.randrange(1, 30000)))
                 if day % 7 == 3:
                     os.unlink(os.path.join(source, rng.choice(names)))
-                    with open(os.path.join(source, f"n{day:03}"), "wb") as f:
-                        f.write(rng.randbytes(rng.randrange(1, 30000)))
+                    write(os.path.join(source, f"n{day:03}"), rng.randbytes(rng.randrange(1, 30000)))
                 for name in os.listdir(source):
                     t = moment.timestamp() - 3600
                     if os.stat(os.path.join(source, name)).st_mtime > moment.timestamp():
                         os.utime(os.path.join(source, name), (t, t))
-                before = set(os.listdir(os.path.join(dest, "__runs"))) if made else set()
-                run_at(moment)
-                new = [n for n in os.listdir(os.path.join(dest, "__runs")) if n not in before]
-                expect(len(new) == 1, f"run at {moment} left {new} as new records")
-                stamp = new[0][:-len(".fvmanifest")]
+                _, stamp = recorded(dest, lambda: run_at(moment))
                 made.append(stamp)
-                states[stamp] = snapshot(source)
+                states[stamp] = contents(source)
 
         now = stamp_time(made[-1])
         times = {stamp_time(s): s for s in made}
@@ -141,7 +125,7 @@ def simulated_year(ferrovane, work, tier):
             expect(r.returncode == 0, f"restore --at {stamp} exit {r.returncode}: {tail(r)}")
             # Each version is found where thinning left it, not by trying others first.
             expect(b"differ from the record" not in r.stdout + r.stderr, f"restore --at {stamp}: {tail(r)}")
-            restored = snapshot(os.path.join(out, NAME))
+            restored = contents(os.path.join(out, NAME))
             expect(restored == states[stamp], f"restore --at {stamp} differs from that day's source: "
                                               f"{sorted(set(restored) ^ set(states[stamp]))[:5]}")
             shutil.rmtree(out)
@@ -166,11 +150,8 @@ def simulated_year(ferrovane, work, tier):
                f"the run after the last day still had work: {newest}")
 
 
-def run(ferrovane, work, tier):
+def run(ferrovane, work, tier, _):
     name = (f"{TIERS[tier][1]} days of runs with a faked clock on a {TIERS[tier][3]} tmpfs: the policy's runs "
             f"stay and restore exactly, the rest goes")
-    if not shutil.which("faketime"):
-        yield ("retention", name, "no faketime (Debian package faketime)", "skipped")
-        return
     yield from run_cases("retention", [(name, lambda w: simulated_year(ferrovane, w, tier))], work,
                          root_only=lambda _: True, why="needs the superuser to mount a tmpfs")

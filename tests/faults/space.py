@@ -7,7 +7,8 @@ import os
 import re
 import shutil
 
-from faultkit import build, content, expect, expect_mirror, log_since, log_size, run_cases, tail, tmpfs
+from faultkit import (Mirrored, content, expect, expect_mirror, expect_status, log_since, log_size, record_stamps,
+                      recorded, run_cases, tail, tmpfs, tree_state, write)
 
 NAME = "data"
 FILES = 4
@@ -16,79 +17,44 @@ RUNS = "__runs"
 STOPPED = b"Sync stopped before copying: not enough room."
 
 
-def listing(root):
-    """Everything below root and root itself: what a run that changed nothing leaves as it was."""
-    out = {}
-    for folder, dirs, names in os.walk(root):
-        for name in [""] if folder == root else []:
-            st = os.lstat(folder)
-            out[name] = (st.st_mode, st.st_mtime_ns, st.st_ino)
-        for name in dirs + names:
-            st = os.lstat(os.path.join(folder, name))
-            out[os.path.relpath(os.path.join(folder, name), root)] = (st.st_mode, st.st_size, st.st_mtime_ns,
-                                                                      st.st_ino)
-    return out
-
-
-class Disk:
+class Disk(Mirrored):
     """A source of FILES files and its destination on a 16 MiB tmpfs; each run's stamp and a copy
     of the source as the run saw it are kept."""
 
     def __init__(self, ferrovane, work, options=()):
-        self.ferrovane, self.work = ferrovane, work
-        self.source = os.path.join(work, "src", NAME)
-        build(os.fsencode(self.source), {b"f%d" % i: ("file", SIZE, i) for i in range(FILES)})
-        self.mount = os.path.join(work, "mnt")
-        self.destination = os.path.join(self.mount, "dest")
-        self.options = options
+        super().__init__(ferrovane, work, {b"f%d" % i: ("file", SIZE, i) for i in range(FILES)}, options,
+                         first_run=False, destination=os.path.join(work, "mnt", "dest"))
         self.stamps, self.copies = [], {}
 
-    def configure(self):
-        os.makedirs(self.destination)
-        self.ferrovane.configure(self.destination, [self.source], self.options)
-
-    def records(self):
-        return sorted(n[:-len(".fvmanifest")] for n in os.listdir(os.path.join(self.destination, RUNS))
-                      if n.endswith(".fvmanifest"))
-
     def change(self, generation):
-        path = os.path.join(self.source, "f%d" % (generation % FILES))
-        with open(path, "wb") as f:
-            f.write(content(SIZE, 1000 + generation))
+        write(os.path.join(self.source, "f%d" % (generation % FILES)), content(SIZE, 1000 + generation))
 
-    def run(self, expected=0):
-        known = set(self.records()) if os.path.isdir(os.path.join(self.destination, RUNS)) else set()
-        r = self.ferrovane.run(self.destination)
-        expect(r.returncode == expected, f"run {len(self.stamps)}: exit {r.returncode}, not {expected}: {tail(r)}")
-        if expected != 0:
-            return r
-        new = [s for s in self.records() if s not in known]
-        expect(len(new) == 1, f"run {len(self.stamps)} left {new} in {RUNS}")
-        self.stamps.append(new[0])
-        copy = os.path.join(self.work, "copies", new[0])
-        shutil.copytree(self.source, copy, symlinks=True)
-        self.copies[new[0]] = copy
-        return r
+    def run(self):
+        r, stamp = recorded(self.destination, lambda: self.ferrovane.run(self.destination))
+        expect(r.returncode == 0, f"run {len(self.stamps)}: exit {r.returncode}: {tail(r)}")
+        self.stamps.append(stamp)
+        self.copies[stamp] = os.path.join(self.work, "copies", stamp)
+        shutil.copytree(self.source, self.copies[stamp], symlinks=True)
 
     def expect_stop(self, needs):
         """A run and a dry run that stop before copying: exit 1, the message once, naming what
         helps (needs), and the destination exactly as it was."""
-        before = listing(self.destination)
+        before = tree_state(self.destination)
         for dry in (True, False):
             r = self.ferrovane.command(*(["--dry-run"] if dry else []), "--no-notifications", self.destination)
             said = r.stdout + r.stderr
             expect(r.returncode == 1 and STOPPED in r.stdout, f"dry run {dry}: exit {r.returncode}: {tail(r)}")
             expect(said.count(b"Not enough room on ") == 1 and needs in said,
                    f"dry run {dry}: not one message naming {needs!r}: {tail(r)}")
-            expect(listing(self.destination) == before, f"dry run {dry}: the stopped run changed the destination")
+            expect(tree_state(self.destination) == before, f"dry run {dry}: the stopped run changed the destination")
         return r.stderr.decode()
 
     def expect_points_in_time(self):
         """Every record left restores its run's state byte for byte."""
-        for stamp in self.records():
+        for stamp in record_stamps(self.destination):
             out = os.path.join(self.work, "out", stamp)
-            r = self.ferrovane.command("restore", self.destination, self.source, "--at", stamp, "--to", out)
-            expect(r.returncode == 0, f"restore --at {stamp}: exit {r.returncode}: {tail(r)}")
+            expect_status(self.ferrovane.command("restore", self.destination, self.source, "--at", stamp, "--to", out), 0,
+                          f"restore --at {stamp}")
             expect_mirror(self.copies[stamp], os.path.join(out, NAME))
 
     def expect_nothing_left_to_do(self):
@@ -101,20 +67,17 @@ class Disk:
 
 def cannot_make_room(ferrovane, work):
     """Nothing archived to purge: the run stops; the reserve the message suggests lets it through."""
-    d = Disk(ferrovane, work)
-    with tmpfs(d.mount, "size=16m"):
-        d.configure()
+    with tmpfs(os.path.join(work, "mnt"), "size=16m"):
+        d = Disk(ferrovane, work)
         d.run()
-        st = os.statvfs(d.mount)
+        st = os.statvfs(d.destination)
         free, reserve = st.f_bavail * st.f_frsize, st.f_blocks * st.f_frsize // 10
         # Fits into the free space, not beside the reserve, with more than a megabyte to spare.
-        with open(os.path.join(d.source, "new"), "wb") as f:
-            f.write(content((free - reserve + (300 << 10)) // 4096 * 4096, 7))
+        write(os.path.join(d.source, "new"), content((free - reserve + (300 << 10)) // 4096 * 4096, 7))
         said = d.expect_stop(b"set keepFreeSpaceMB ")
         expect("kept free" in said and "Free space on the disk" in said, f"the message: {said}")
         suggested = re.search(r"set keepFreeSpaceMB (\d+)", said).group(1)
-        r = ferrovane.config(d.destination, "set", "keepFreeSpaceMB", suggested)
-        expect(r.returncode == 0, f"config set: {tail(r)}")
+        expect_status(ferrovane.config(d.destination, "set", "keepFreeSpaceMB", suggested), 0, "config set")
         d.run()
         d.expect_nothing_left_to_do()
 
@@ -122,22 +85,20 @@ def cannot_make_room(ferrovane, work):
 def history(ferrovane, work, purge_allowed):
     """Runs that each change one file until the archives fill the disk: with the purge allowed,
     the oldest runs go, oldest first; without it, the run stops, and allowing it lets it through."""
-    d = Disk(ferrovane, work, () if purge_allowed else (("purgeOldestForSpace", "no"),))
-    with tmpfs(d.mount, "size=16m"):
-        d.configure()
+    with tmpfs(os.path.join(work, "mnt"), "size=16m"):
+        d = Disk(ferrovane, work, () if purge_allowed else (("purgeOldestForSpace", "no"),))
         d.run()
         offset = log_size(ferrovane)
         for generation in range(1, 9):
             d.change(generation)
             if not purge_allowed and len(d.stamps) == 4:
                 d.expect_stop(b"set purgeOldestForSpace yes")
-                expect(d.records() == d.stamps, "a run that stopped removed records")
-                r = ferrovane.config(d.destination, "set", "purgeOldestForSpace", "yes")
-                expect(r.returncode == 0, f"config set: {tail(r)}")
+                expect(record_stamps(d.destination) == d.stamps, "a run that stopped removed records")
+                expect_status(ferrovane.config(d.destination, "set", "purgeOldestForSpace", "yes"), 0, "config set")
             d.run()
         log = log_since(ferrovane, offset).decode(errors="replace")
         removed = re.findall(r"Removed (.*) to make room", log)
-        left = d.records()
+        left = record_stamps(d.destination)
         expect(removed and left == d.stamps[len(d.stamps) - len(left):] and len(left) < len(d.stamps),
                f"records left {left} of {d.stamps}; removed {removed}")
         prefix = d.destination + "/"
@@ -150,7 +111,7 @@ def history(ferrovane, work, purge_allowed):
         d.expect_nothing_left_to_do()
 
 
-def run(ferrovane, work):
+def run(ferrovane, work, *_):
     cases = [("room cannot be made: stops before copying, nothing changed, the suggested reserve fits",
               lambda w: cannot_make_room(ferrovane, w)),
              ("room is made: the oldest archived runs go first, every point in time left restores",

@@ -8,9 +8,9 @@ import subprocess
 import threading
 import time
 
-from faultkit import (run_cases, Hooks, build, content, expect, expect_configuration,
-                      expect_kept, expect_mirror, expect_no_temporaries, log_since, log_size, read_configuration,
-                      remount, tail, tmpfs, unmount, versions)
+from faultkit import (Hooks, Mirrored, build, content, date_folders, expect, expect_clean_rerun, expect_mirror,
+                      expect_no_temporaries, finish, log_since, log_size, mounted, read_configuration, remount,
+                      run_cases, tail, tmpfs, versions, write)
 
 NAME = "data"
 TREE = {b"a": ("dir",), b"b": ("dir",), b"a/c": ("dir",), b"huge.bin": ("file", 96 << 20, 7),
@@ -19,13 +19,8 @@ NO_SPACE = b"No free space left at destination. Aborting backup."
 UNMOUNTED = b"Destination volume unmounted unexpectedly!"
 
 
-def usage(path):
-    st = os.statvfs(path)
-    return (st.f_blocks - st.f_bfree) * st.f_frsize, st.f_files - st.f_ffree
-
-
 class Case:
-    def __init__(self, ferrovane, work, options=()):
+    def __init__(self, ferrovane, work, options=(("moveChangedFiles", 1),)):
         self.ferrovane = ferrovane
         self.source = os.path.join(work, "src", NAME)
         self.mount = os.path.join(work, "mnt")
@@ -34,134 +29,92 @@ class Case:
         build(os.fsencode(self.source), TREE)
 
     def prepare(self, mirror_first):
-        os.makedirs(self.destination)
+        os.makedirs(self.destination, exist_ok=True)
         self.ferrovane.configure(self.destination, [self.source], self.options)
         if mirror_first:
             self.ferrovane.complete(self.destination)
         self.configuration = read_configuration(self.destination)
 
-    def change_sources(self, removed=(b"b",), generation=0):
-        """Changes huge.bin and every file of a (each generation differently), removes the folders
-        named; returns the destination's versions, which the next run must keep."""
+    def change_sources(self, removed=(b"b",)):
+        """Changes huge.bin and every file of a, removes the folders named; returns the
+        destination's versions, which the next run must keep."""
         for rel, kind in TREE.items():
-            path = os.path.join(os.fsencode(self.source), rel)
             if kind[0] == "file" and (rel.startswith(b"a/") or rel == b"huge.bin"):
-                with open(path, "wb") as f:
-                    f.write(content(kind[1] + 1 + generation, kind[2] + 100 + generation))
-                os.utime(path, (2_000_000_000 + 100 * generation,) * 2)
+                write(os.path.join(os.fsencode(self.source), rel), content(kind[1] + 1, kind[2] + 100), 2_000_000_000)
         for folder in removed:
             shutil.rmtree(os.path.join(os.fsencode(self.source), folder))
-        for folder, _, _ in os.walk(self.source):
-            os.utime(folder, (1_500_000_000, 1_500_000_000))
+        date_folders(self.source)
         return versions(self.destination)
 
-    def failed_run(self, message):
-        r = self.ferrovane.run(self.destination)
-        with open(self.ferrovane.env["FERROVANE_LOG_FILE"], "rb") as f:
-            log = f.read()
-        expect(r.returncode == 255 and message in r.stdout + r.stderr + log, f"expected exit 255 with {message!r}: {tail(r)}")
+    def held(self, moment, pattern):
+        """A run held at moment (an item whose path holds pattern), and its hooks."""
+        hooks = Hooks(self.mount + "-hooks")
+        return self.ferrovane.start_held(self.destination, hooks, moment, pattern), hooks
 
     def finish(self, before):
         expect_no_temporaries(self.destination)
-        expect_kept(self.destination, before)
-        expect_configuration(self.destination, self.configuration)
-        self.ferrovane.complete(self.destination)
-        expect_mirror(self.source, os.path.join(self.destination, NAME))
-        expect_kept(self.destination, before)
-        expect_no_temporaries(self.destination)
-        expect_configuration(self.destination, self.configuration)
+        expect_clean_rerun(self.ferrovane, self.destination, [self.source], before, self.configuration)
 
 
-def fills_after_the_space_check(case, shrink):
-    """The run passes the free-space check on a roomy disk; then, before it writes, shrink() leaves
+# name: (mirrored before, source folders removed, the limit put on the disk from (bytes, inodes) used)
+FULL = {"full at the start": (False, (), lambda used, inodes: "size=2m"),
+        "full in a large file": (True, (), lambda used, inodes: f"size={used + (8 << 20)}"),
+        "full in the cleanup pass": (True, (b"b", b"a/c"), lambda used, inodes: f"nr_inodes={inodes + 3}")}
+
+
+def fills(case, mirrored, removed, limit):
+    """The run passes the free-space check on a roomy disk; then, before it writes, the limit leaves
     too little room, so that the disk fills in the middle of the run."""
-    process, hooks = held_run(case, "space-checked", os.fsencode(case.destination), case.mount + "-hooks")
+    with tmpfs(case.mount, "size=400m"):
+        case.prepare(mirror_first=mirrored)
+        before = case.change_sources(removed) if mirrored else {}
+        offset = log_size(case.ferrovane)
+        process, hooks = case.held("space-checked", os.fsencode(case.destination))
+        try:
+            st = os.statvfs(case.mount)
+            used = ((st.f_blocks - st.f_bfree) * st.f_frsize, st.f_files - st.f_ffree)
+            expect(remount(case.mount, limit(*used)), "could not limit the file system")
+        finally:
+            hooks.release("space-checked")
+        r = finish(process)
+        expect(r.returncode == 255 and NO_SPACE in r.stdout + r.stderr + log_since(case.ferrovane, offset),
+               f"expected exit 255 with {NO_SPACE!r}: {tail(r)}")
+        remount(case.mount, "size=400m,nr_inodes=100000")
+        case.finish(before)
+
+
+def held_through_unmount(case, mount_point):
+    """A run held between two files of a changed folder while mount_point is unmounted, until the
+    run has seen it go; the run's result and what it logged."""
+    offset = log_size(case.ferrovane)
+    process, hooks = case.held("between-files", b"/data/a/")
     try:
-        shrink()
+        hooks.arm("unmount-seen", os.fsencode(mount_point), hold=False)
+        subprocess.run(["umount", "-l", mount_point], check=True)
+        hooks.wait("unmount-seen", process)
     finally:
-        hooks.release("space-checked")
-    out, err = process.communicate(timeout=120)
-    with open(case.ferrovane.env["FERROVANE_LOG_FILE"], "rb") as f:
-        log = f.read()
-    expect(process.returncode == 255 and NO_SPACE in out + err + log,
-           f"expected exit 255 with {NO_SPACE!r}, got {process.returncode}: {(out + err)[-600:]}")
-
-
-def full_at_start(case):
-    with tmpfs(case.mount, "size=400m"):
-        case.prepare(mirror_first=False)
-        fills_after_the_space_check(case, lambda: expect(remount(case.mount, "size=2m"), "could not shrink"))
-        expect_no_temporaries(case.destination)
-        remount(case.mount, "size=400m")
-        case.finish({})
-
-
-def full_in_a_large_file(case):
-    with tmpfs(case.mount, "size=400m"):
-        case.prepare(mirror_first=True)
-        before = case.change_sources(removed=())
-        used, _ = usage(case.mount)
-        fills_after_the_space_check(case, lambda: expect(remount(case.mount, f"size={used + (8 << 20)}"),
-                                                         "could not shrink the file system"))
-        remount(case.mount, "size=400m")
-        case.finish(before)
-
-
-def full_in_the_cleanup(case):
-    with tmpfs(case.mount, "size=400m"):
-        case.prepare(mirror_first=True)
-        before = case.change_sources(removed=(b"b", b"a/c"))
-        _, inodes = usage(case.mount)
-        expect(remount(case.mount, f"nr_inodes={inodes + 3}"), "could not limit the inodes")
-        case.failed_run(NO_SPACE)
-        remount(case.mount, "nr_inodes=100000")
-        case.finish(before)
-
-
-def held_run(case, moment, pattern, hooks_folder):
-    """A run of case held at moment (an item whose path holds pattern), and its hooks."""
-    hooks = Hooks(hooks_folder)
-    return case.ferrovane.start_held(case.destination, hooks, moment, pattern), hooks
+        hooks.release("between-files")
+    r = finish(process)
+    return r, r.stdout + r.stderr + log_since(case.ferrovane, offset)
 
 
 def unmounted_mid_run(case):
-    """The destination is a bind mount of a folder on a tmpfs, unmounted while the run is held
-    between two files of a changed folder until the run has seen it go."""
-    backing = os.path.join(case.mount + "-backing")
-    with tmpfs(backing, "size=1g"):
+    """The destination is a bind mount of a folder on a tmpfs, unmounted mid-run."""
+    with tmpfs(case.mount + "-backing", "size=1g") as backing:
         real = os.path.join(backing, "dest")
         os.makedirs(real)
-        os.makedirs(case.destination)
-        subprocess.run(["mount", "--bind", real, case.destination], check=True)
-        try:
-            case.ferrovane.configure(case.destination, [case.source], case.options)
-            case.ferrovane.complete(case.destination)
-            case.configuration = read_configuration(case.destination)
+        with mounted(["mount", "--bind", real, case.destination], case.destination):
+            case.prepare(mirror_first=True)
             before = case.change_sources()
-            offset = log_size(case.ferrovane)
-            process, hooks = held_run(case, "between-files", b"/data/a/", case.mount + "-hooks")
-            try:
-                hooks.arm("unmount-seen", os.fsencode(case.destination), hold=False)
-                subprocess.run(["umount", "-l", case.destination], check=True)
-                hooks.wait("unmount-seen", process)
-            finally:
-                hooks.release("between-files")
-            out, _ = process.communicate(timeout=120)
-            out += log_since(case.ferrovane, offset)
-            expect(process.returncode == 255 and UNMOUNTED in out,
-                   f"expected 255 with {UNMOUNTED!r}, got {process.returncode}: {out[-600:]}")
-        finally:
-            unmount(case.destination)
-        subprocess.run(["mount", "--bind", real, case.destination], check=True)
-        try:
+            r, said = held_through_unmount(case, case.destination)
+            expect(r.returncode == 255 and UNMOUNTED in said, f"expected 255 with {UNMOUNTED!r}: {tail(r)}")
+        with mounted(["mount", "--bind", real, case.destination], case.destination):
             case.finish(before)
-        finally:
-            unmount(case.destination)
 
 
 def unmount_of_a_name_prefix(case):
     """Unmounting /…/mnt must not cancel a run to /…/mnt2/dest: mount points match by whole
-    components. The run is held until it has seen the unmount."""
+    components."""
     neighbour = case.mount.rstrip("/")
     case.mount = neighbour + "2"
     case.destination = os.path.join(case.mount, "dest")
@@ -169,15 +122,8 @@ def unmount_of_a_name_prefix(case):
         case.prepare(mirror_first=True)
         before = case.change_sources(removed=())
         with tmpfs(neighbour, "size=1m"):
-            process, hooks = held_run(case, "between-files", b"/data/a/", case.mount + "-hooks")
-            hooks.arm("unmount-seen", os.fsencode(neighbour), hold=False)
-        try:
-            hooks.wait("unmount-seen", process)
-        finally:
-            hooks.release("between-files")
-        out, err = process.communicate(timeout=120)
-        expect(process.returncode == 0 and UNMOUNTED not in out,
-               f"the run to {case.destination} stopped ({process.returncode}): {(out + err)[-400:]}")
+            r, said = held_through_unmount(case, neighbour)
+        expect(r.returncode == 0 and UNMOUNTED not in said, f"the run to {case.destination} stopped: {tail(r)}")
         case.finish(before)
 
 
@@ -187,19 +133,14 @@ def source_changes_while_copied(ferrovane, work, change):
     case.mount = work
     case.destination = os.path.join(work, "dest")
     case.prepare(mirror_first=False)
-    huge = os.path.join(case.source, "huge.bin")
-    process, hooks = held_run(case, "data-copy-under-way", b"/huge.bin", os.path.join(work, "hooks"))
+    process, hooks = case.held("data-copy-under-way", b"/huge.bin")
     try:
-        change(huge)
+        change(os.path.join(case.source, "huge.bin"))
     finally:
         hooks.release("data-copy-under-way")
-    out, _ = process.communicate(timeout=120)
-    expect(process.returncode in (0, 255), f"run crashed: {process.returncode}")
+    r = finish(process)
+    expect(r.returncode in (0, 255), f"run crashed: {tail(r)}")
     case.finish({})
-
-
-def truncate(path):
-    os.truncate(path, 1000)
 
 
 def grow(path):
@@ -208,8 +149,7 @@ def grow(path):
 
 
 def replace(path):
-    with open(path + ".new", "wb") as f:
-        f.write(content(5000, 10))
+    write(path + ".new", content(5000, 10))
     os.rename(path + ".new", path)
 
 
@@ -221,17 +161,12 @@ def folder_swapped_for_a_link(ferrovane, work, runs=6):
     source that holds files of the same names. No byte from outside may reach the destination;
     once the swapping stops, a run completes the mirror."""
     names = [b"f%03d" % i for i in range(150)]
-    source = os.path.join(os.fsencode(work), b"src", NAME.encode())
-    build(source, {b"a": ("dir",), **{b"a/" + n: ("file", 3000, i) for i, n in enumerate(names)},
-                   b"b": ("dir",), b"b/kept": ("file", 10, 1)})
-    outside = os.path.join(os.fsencode(work), b"outside")
+    d = Mirrored(ferrovane, os.fsencode(work), {b"a": ("dir",), **{b"a/" + n: ("file", 3000, i) for i, n in enumerate(names)},
+                                                b"b": ("dir",), b"b/kept": ("file", 10, 1)}, (("maxThreads", 4),), False)
+    source, destination, outside = d.source, d.destination, os.path.join(os.fsencode(work), b"outside")
     os.makedirs(outside)
     for n in names:
-        with open(os.path.join(outside, n), "wb") as f:
-            f.write(OUTSIDE_MARK * 200)
-    destination = os.path.join(os.fsencode(work), b"dest")
-    os.makedirs(destination)
-    ferrovane.configure(destination, [source], (("maxThreads", 4),))
+        write(os.path.join(outside, n), OUTSIDE_MARK * 200)
     folder, parked = os.path.join(source, b"a"), os.path.join(os.fsencode(work), b"a.parked")
     stop = threading.Event()
 
@@ -260,22 +195,19 @@ def folder_swapped_for_a_link(ferrovane, work, runs=6):
                 with open(path, "rb") as f:
                     expect(OUTSIDE_MARK not in f.read(), f"{path!r} holds data from outside the source")
     ferrovane.complete(destination)
-    expect_mirror(source, os.path.join(destination, NAME.encode()))
+    expect_mirror(source, d.mirror)
     expect_no_temporaries(destination)
 
 
-SOURCE_CHANGES = {"truncated": truncate, "grown": grow, "replaced": replace, "removed": os.unlink}
+SOURCE_CHANGES = {"truncated": lambda path: os.truncate(path, 1000), "grown": grow, "replaced": replace, "removed": os.unlink}
 
 
-def run(ferrovane, work):
+def run(ferrovane, work, *_):
     cases = [("source " + name, lambda w, c=change: source_changes_while_copied(ferrovane, w, c))
              for name, change in SOURCE_CHANGES.items()]
     cases.append(("source folder swapped for a link during the walk", lambda w: folder_swapped_for_a_link(ferrovane, w)))
-    root_cases = {"full at the start": full_at_start, "full in a large file": full_in_a_large_file,
-                  "full in the cleanup pass": full_in_the_cleanup, "unmounted mid-run": unmounted_mid_run,
-                  "unmount of a name prefix": unmount_of_a_name_prefix}
-    for name, body in root_cases.items():
-        options = (("moveChangedFiles", 1),)
-        cases.append((name, lambda w, b=body: b(Case(ferrovane, w, options))))
+    cases += [(name, lambda w, f=full: fills(Case(ferrovane, w), *f)) for name, full in FULL.items()]
+    cases += [(name, lambda w, b=body: b(Case(ferrovane, w))) for name, body in
+              (("unmounted mid-run", unmounted_mid_run), ("unmount of a name prefix", unmount_of_a_name_prefix))]
     yield from run_cases("storage", cases, work, root_only=lambda name: not name.startswith("source"),
                          why="needs the superuser to mount", after=lambda folder: shutil.rmtree(folder, ignore_errors=True))
