@@ -169,6 +169,8 @@ void FVThinningPlan::removeWhole(const Folder& folder, std::vector<FVThinningRem
     out.push_back({folder.root, folder.stamp, false, folder.items.size() + 1, folder.bytes});
 }
 
+// Long, and kept whole: its three steps (records, folders judged by a kept record, folders by their
+// stamp) read the same kept flags of the same list of runs.
 std::vector<FVThinningRemoval> FVThinningPlan::removals(const std::vector<FVArchivedRun>& listed, std::time_t now,
                                                         const std::string& comingRun) const {
     std::vector<const FVArchivedRun*> runs;
