@@ -160,9 +160,11 @@ class Ferrovane:
     def __init__(self, executable, log, prefix=(), **env):
         """prefix runs the executable through another command (another user, strace)."""
         self.executable, self.prefix = executable, list(prefix)
-        # The status of run attempts stays with the suite's own files, never in the user's state.
-        jobs = os.path.join(os.path.dirname(os.path.abspath(log)), "jobs")
-        self.env = dict(os.environ, FERROVANE_LOG_FILE=log, FERROVANE_JOB_STATUS_DIRECTORY=jobs, **env)
+        # The status of run attempts and the trash that a restore's replaced files go to stay with
+        # the suite's own files, never in the user's state, whoever runs the program.
+        own = os.path.dirname(os.path.abspath(log))
+        self.env = dict(os.environ, FERROVANE_LOG_FILE=log, FERROVANE_JOB_STATUS_DIRECTORY=os.path.join(own, "jobs"),
+                        XDG_DATA_HOME=os.path.join(own, "data"), **env)
         self.env.pop("DISPLAY", None)
 
     def args(self, destination):
