@@ -6,6 +6,7 @@
 #include "scheduling/FVLaunchAgentManager.h"
 #include "fs/FVMountTable.h"
 #include "support/ProcessRunner.h"
+#include "support/RecordingRunner.h"
 #include "support/SystemdUnit.h"
 #include "support/TempDir.h"
 
@@ -20,20 +21,6 @@ using namespace ferrovane;
 using namespace ferrovane::test;
 
 namespace {
-
-class RecordingRunner final : public FVCommandRunner {
-public:
-    FVCommandResult run(const std::vector<std::string>& argv) override {
-        calls.push_back(argv);
-        FVCommandResult result;
-        result.started = true;
-        result.exitStatus = failing && argv.size() > 1 && argv.back().find(failing) != std::string::npos ? 1 : 0;
-        if (result.exitStatus) result.error = argv[0] + " exited with status 1";
-        return result;
-    }
-    std::vector<std::vector<std::string>> calls;
-    const char* failing = nullptr;  // calls whose last argument contains this fail
-};
 
 std::vector<std::string> systemctl(std::vector<std::string> args) {
     std::vector<std::string> argv{"systemctl"};
