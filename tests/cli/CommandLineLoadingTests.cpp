@@ -94,8 +94,9 @@ TEST_F(CommandLineLoading, UnreadableOrMalformedConfigurationsAreRefusedAndLeftA
         EXPECT_EQ(result.exitStatus, 255) << c.name;
         EXPECT_EQ(result.out, "") << c.name;
         EXPECT_EQ(result.err.rfind(c.expected + destination + "/.ferrovane.conf", 0), 0u) << c.name << ": " << result.err;
-        if (!c.content.empty())
+        if (!c.content.empty()) {
             EXPECT_EQ(readFile(destination + "/.ferrovane.conf"), c.content) << c.name << " was rewritten";
+        }
     }
     // Only a missing or unreadable configuration is announced on the desktop.
     EXPECT_EQ(bus.notifications().size(), 1u);
