@@ -1,51 +1,33 @@
-// "ferrovane search" as a user meets it: the built executable on destinations laid out as the
-// backup runs file their archives.
+// "ferrovane search" as a user meets it: the built executable on a destination whose names would
+// drive a terminal and whose folders are not all readable (its exit statuses are in the command
+// line's table).
 
-#include "cli/DestinationFixture.h"
-#include "support/DatedFile.h"
 #include "support/ProcessRunner.h"
+#include "support/TempDir.h"
+#include "support/TreeLiteral.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-using namespace ferrovane;
 using namespace ferrovane::test;
 
-namespace {
-
-class SearchCommand : public ::testing::Test {
-protected:
-    ProcessResult search(std::vector<std::string> args, std::vector<std::string> prefix = {}) {
-        args.insert(args.begin(), {FERROVANE_EXECUTABLE, "search"});
-        args.insert(args.begin(), prefix.begin(), prefix.end());
-        return runProcess(args, {{"DISPLAY", std::nullopt}, {"WAYLAND_DISPLAY", std::nullopt}, {"TZ", "UTC"}});
-    }
-    std::string file(const std::string& relative, const char* utcTime) {
-        return writeDatedFile(dest + "/" + relative, relative, utcTime);
-    }
+TEST(SearchCommand, EscapesNamesThatWouldDriveTheTerminalAndPassesOverUnreadableFolders) {
     TempDir dir;
-    std::string dest = dir / "dest";
-};
-
-}  // namespace
-
-// Names are printed so that they cannot drive the terminal, and folders the user cannot read are
-// passed over without failing the search.
-TEST_F(SearchCommand, EscapesNamesThatWouldDriveTheTerminalAndPassesOverUnreadableFolders) {
-    for (const char* name : {"evil\x1B]0;owned\x07 report", "latin1 r\xE9port report", "back\\slash report",
-                             "open/report.txt", "closed/report.txt", "closed/inner/report.txt"})
-        file(name, "2021-07-05 10:00");
+    const std::string dest = dir / "dest";
+    buildTree(dest, {{"evil\x1B]0;owned\x07 report", ""}, {"latin1 r\xE9port report", ""}, {"back\\slash report", ""},
+                     {"open/report.txt", ""}, {"closed/report.txt", ""}, {"closed/inner/report.txt", ""}});
+    ASSERT_TRUE(setModificationTime(dest + "/open/report.txt", 1'625'479'200));  // 2021-07-05 10:00 UTC
     ASSERT_EQ(chmod((dest + "/closed").c_str(), 0), 0);
-    std::vector<std::string> asUser;
+    std::vector<std::string> argv = {FERROVANE_EXECUTABLE, "search", dest, "report"};
     if (geteuid() == 0) {  // the superuser reads everything: search as nobody
         if (access("/usr/bin/setpriv", X_OK) != 0) GTEST_SKIP() << "setpriv is needed to drop root";
         ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
-        asUser = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+        argv.insert(argv.begin(), {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
     }
 
-    auto result = search({dest, "report"}, asUser);
+    auto result = runProcess(argv, {{"DISPLAY", std::nullopt}, {"WAYLAND_DISPLAY", std::nullopt}, {"TZ", "UTC"}});
 
     chmod((dest + "/closed").c_str(), 0755);
     ASSERT_EQ(result.exitStatus, 0) << result.err;
