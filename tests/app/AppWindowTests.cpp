@@ -551,31 +551,6 @@ private slots:
         QCOMPARE(descriptorsUnder(destination).join(" | "), QString());
     }
 
-    void whileTheDiskIsAwayNothingChangesAndItsReturnReopensIt() {
-        std::string destination = makeDir("Disk"), docs = makeDir("Docs"), more = makeDir("More");
-        startOn(destination, {docs});
-        QVERIFY(app_->window()->progressInfo()->text().contains("free"));
-
-        fs::rename(destination, destination + ".away");
-        // The folder an unmounted disk leaves behind is no destination.
-        fs::create_directories(destination);
-        app_->addSourcePaths({QString::fromStdString(more)}, 0);
-        QMessageBox* refused = awaitDialog("alert-destinationaway");
-        QCOMPARE(refused->text(), awayLine(destination));
-        refused->accept();
-        QCOMPARE(cover()->message(), awayLine(destination));
-        QVERIFY(app_->window()->progressInfo()->text().isEmpty() && !app_->window()->startButton()->isEnabled());
-        QVERIFY(!app_->window()->optionsButton()->isEnabled() && !app_->window()->addSourceButton()->isEnabled());
-        QVERIFY(!fs::exists(FVConfigurationFile::currentPath(destination)));
-        QVERIFY(!cover()->isFullyHidden());
-
-        fs::remove(destination);
-        fs::rename(destination + ".away", destination);
-        QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
-        QCOMPARE(app_->backupSetController().backupSetPaths(), std::vector<std::string>{docs});
-        QVERIFY(app_->window()->startButton()->isEnabled() && app_->window()->progressInfo()->text().contains("free"));
-    }
-
     void aRunWithErrorsStaysVisibleAndOffersToEmptyAConfirmedSource() {
         std::string destination = makeDir("dest"), photos = makeDir("Photos"), mail = makeDir("Mail");
         // What the last run left, as a restart finds it.
@@ -909,7 +884,7 @@ private slots:
         QVERIFY(!fs::exists(verifyTimer));
     }
 
-    void anOverdueDestinationShowsItsBannerUntilAGoodRun() {
+    void anAwayOrOverdueDestinationChangesNothingAndShowsItsBannerUntilAGoodRun() {
         std::string destination = makeDir("Disk"), source = makeDir("Letters");
         ferrovane::test::writeFile(source + "/a", "a");
         const std::string uuid = "0A1B2C3D-0000-4000-8000-000000000001";
@@ -933,17 +908,31 @@ private slots:
         QVERIFY(app_->window()->scheduleLine()->text().contains("the disk was not connected"));
         const QString notice = banner->text();
 
-        // With the disk away, its job's status still tells, without a button that cannot run.
+        // Away while the window is open: the folder an unmounted disk leaves behind is no
+        // destination, and nothing changes until the disk is back.
+        QVERIFY(app_->window()->progressInfo()->text().contains("free"));
         fs::rename(destination, destination + ".away");
+        fs::create_directories(destination);
+        app_->addSourcePaths({QString::fromStdString(makeDir("More"))}, 0);
+        QMessageBox* refused = awaitDialog("alert-destinationaway");
+        QCOMPARE(refused->text(), awayLine(destination));
+        refused->accept();
+        QCOMPARE(cover()->message(), awayLine(destination));
+        QVERIFY(app_->window()->progressInfo()->text().isEmpty() && !app_->window()->startButton()->isEnabled());
+        QVERIFY(!app_->window()->optionsButton()->isEnabled() && !app_->window()->addSourceButton()->isEnabled());
+        QVERIFY(!fs::exists(FVConfigurationFile::currentPath(destination)));
+        // Started without it, its job's status still tells, without a button that cannot run.
+        fs::remove(destination);
         launch();
         QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), awayLine(destination), kPatience);
         banner = app_->window()->overdueBanner();
         QCOMPARE(banner->text(), notice);
         QVERIFY(!banner->backUpNowButton()->isVisibleTo(banner));
-        // Back, it is opened by itself.
+        // Back, it is opened by itself with its list.
         fs::rename(destination + ".away", destination);
         QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
-        QVERIFY(app_->window()->startButton()->isEnabled());
+        QCOMPARE(app_->backupSetController().backupSetPaths(), std::vector<std::string>{source});
+        QVERIFY(app_->window()->startButton()->isEnabled() && app_->window()->progressInfo()->text().contains("free"));
         QVERIFY(banner->backUpNowButton()->isVisibleTo(banner));
 
         // A run that cannot fit tells why (nobody stopped it), and the disk counts as full.
