@@ -24,6 +24,7 @@
 #include "scheduling/FVJobStatus.h"
 #include "support/PrivateBus.h"
 #include "support/RecordedRun.h"
+#include "support/RecordingRunner.h"
 #include "support/TestHooks.h"
 #include "support/TempDir.h"
 #include "support/TreeLiteral.h"
@@ -60,22 +61,11 @@
 #include <memory>
 
 using namespace ferrovane;
+using ferrovane::test::RecordingRunner;
 using ferrovane::test::TempDir;
 namespace fs = std::filesystem;
 
 namespace {
-
-class RecordingRunner final : public FVCommandRunner {
-public:
-    FVCommandResult run(const std::vector<std::string>& argv) override {
-        calls.push_back(argv);
-        if (!failWith.empty() && argv[0] == "systemctl") return {true, 1, failWith};
-        return {true, 0, ""};
-    }
-    std::vector<std::vector<std::string>> calls;
-    // systemctl fails with this when set, as without a service manager.
-    std::string failWith;
-};
 
 class RecordingNotifier final : public FVUserNotifier {
 public:
@@ -191,6 +181,15 @@ private:
     void openDestination(const std::string& path) {
         app_->addAndOpenNewDestination(QString::fromStdString(path));
         QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
+    }
+
+    // Starts the window on destination and adds the sources to its list.
+    void startOn(const std::string& destination, const std::vector<std::string>& sources = {}) {
+        launch();
+        openDestination(destination);
+        QStringList paths;
+        for (const std::string& source : sources) paths << QString::fromStdString(source);
+        if (!paths.isEmpty()) app_->addSourcePaths(paths, 0);
     }
 
     std::string makeDir(const std::string& name) {
@@ -310,8 +309,7 @@ private slots:
 
     void openingReportsUnusableDestinationsAndRepairsConfigurations() {
         std::string gone = makeDir("gone"), legacy = makeDir("legacy"), admin = makeDir("admin");
-        launch();
-        openDestination(gone);
+        startOn(gone);
         fs::remove_all(gone);
         launch();
         QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), awayLine(gone), kPatience);
@@ -363,8 +361,7 @@ private slots:
 
     void startChecksRunInOrderAndEachRefusesWithItsAlert() {
         std::string destination = makeDir("dest");
-        launch(false);
-        openDestination(destination);
+        startOn(destination);
         BackupSetController& list = app_->backupSetController();
 
         QCOMPARE(clickStartExpectingAlert()->text(), text("nosources"));
@@ -424,9 +421,7 @@ private slots:
         std::string destination = makeDir("dest"), source = makeDir("Projects"), restored = makeDir("Restored");
         for (int i = 0; i < 3; ++i) ferrovane::test::writeFile(source + "/file" + std::to_string(i), std::string(1000 * (i + 1), 'x'));
         fs::last_write_time(source + "/file2", fs::file_time_type::clock::now() - std::chrono::hours(48));  // older than its change
-        launch();
-        openDestination(destination);
-        app_->addSourcePaths({QString::fromStdString(source)}, 0);
+        startOn(destination, {source});
         // Another window in front: the run's start and end are told on the desktop, as backups.
         QWidget front;
         front.show();
@@ -513,9 +508,7 @@ private slots:
         std::string destination = makeDir("dest"), source = makeDir("Projects");
         const std::string mirror = destination + "/Projects", first = "2026-11-20 10.00.00 +0000",
                           second = "2026-11-21 10.00.00 +0000";
-        launch();
-        openDestination(destination);
-        app_->addSourcePaths({QString::fromStdString(source)}, 0);
+        startOn(destination, {source});
         ferrovane::test::buildTree(mirror, {{"page 2.txt", "one"}, {"page 10.txt", "ten"}, {"sub/c.txt", "sea"}, {"sub/d.txt", "dee"}});
         ferrovane::test::recordRun(destination, first, {source});
         const std::string asFirstRecorded = ferrovane::test::treeDigest(mirror);
@@ -558,33 +551,6 @@ private slots:
         QCOMPARE(descriptorsUnder(destination).join(" | "), QString());
     }
 
-    void whileTheDiskIsAwayNothingChangesAndItsReturnReopensIt() {
-        std::string destination = makeDir("Disk"), docs = makeDir("Docs"), more = makeDir("More");
-        launch();
-        openDestination(destination);
-        app_->addSourcePaths({QString::fromStdString(docs)}, 0);
-        QVERIFY(app_->window()->progressInfo()->text().contains("free"));
-
-        fs::rename(destination, destination + ".away");
-        // The folder an unmounted disk leaves behind is no destination.
-        fs::create_directories(destination);
-        app_->addSourcePaths({QString::fromStdString(more)}, 0);
-        QMessageBox* refused = awaitDialog("alert-destinationaway");
-        QCOMPARE(refused->text(), awayLine(destination));
-        refused->accept();
-        QCOMPARE(cover()->message(), awayLine(destination));
-        QVERIFY(app_->window()->progressInfo()->text().isEmpty() && !app_->window()->startButton()->isEnabled());
-        QVERIFY(!app_->window()->optionsButton()->isEnabled() && !app_->window()->addSourceButton()->isEnabled());
-        QVERIFY(!fs::exists(FVConfigurationFile::currentPath(destination)));
-        QVERIFY(!cover()->isFullyHidden());
-
-        fs::remove(destination);
-        fs::rename(destination + ".away", destination);
-        QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
-        QCOMPARE(app_->backupSetController().backupSetPaths(), std::vector<std::string>{docs});
-        QVERIFY(app_->window()->startButton()->isEnabled() && app_->window()->progressInfo()->text().contains("free"));
-    }
-
     void aRunWithErrorsStaysVisibleAndOffersToEmptyAConfirmedSource() {
         std::string destination = makeDir("dest"), photos = makeDir("Photos"), mail = makeDir("Mail");
         // What the last run left, as a restart finds it.
@@ -594,9 +560,7 @@ private slots:
         };
         FVRunOutcome(FVRunOutcome::State::Finished, QDateTime::currentDateTime(), errors)
             .save(QString::fromStdString(destination));
-        launch();
-        openDestination(destination);
-        app_->addSourcePaths({QString::fromStdString(mail), QString::fromStdString(photos)}, 0);
+        startOn(destination, {mail, photos});
         for (int row = 0; row < 2; ++row)
             app_->backupSetController().arrangedObjects()[size_t(row)]->setValue(FVSourceKey::lastBackupDate, PlistDate{1.7e9});
         emit app_->window()->sourceListView()->model()->layoutChanged();
@@ -620,9 +584,7 @@ private slots:
     void aStopRightAfterTheStartOrByClosingTheWindowWritesNoResults() {
         std::string destination = makeDir("dest"), source = makeDir("Many");
         for (int i = 0; i < 400; ++i) ferrovane::test::writeFile(source + "/f" + std::to_string(i), std::string(4096, 'y'));
-        launch();
-        openDestination(destination);
-        app_->addSourcePaths({QString::fromStdString(source)}, 0);
+        startOn(destination, {source});
         QSignalSpy ended(app_.get(), &AppController::runEnded);
         // Cancel in the same turn of the event loop that started the session.
         auto stopAtStart = connect(app_.get(), &AppController::runStarted, app_.get(), [this] { app_->window()->startButton()->click(); });
@@ -659,9 +621,7 @@ private slots:
 
     void theKeyboardReachesEveryControlWithAVisibleFocusAndAccessKeys() {
         std::string destination = makeDir("dest"), a = makeDir("A"), b = makeDir("B");
-        launch();
-        openDestination(destination);
-        app_->addSourcePaths({QString::fromStdString(a), QString::fromStdString(b)}, 0);
+        startOn(destination, {a, b});
         FVMainWindow* w = app_->window();
         w->activateWindow();
         QTRY_VERIFY_WITH_TIMEOUT(w->isActiveWindow(), kPatience);
@@ -719,15 +679,12 @@ private slots:
 
     void aChoiceInASelectedRowChangesTheWholeSelectionAsDoRemovalAndRestore() {
         std::string destination = makeDir("dest");
-        QStringList sources;
+        std::vector<std::string> sources;
         for (int i = 0; i < 50; ++i) {
-            const std::string source = makeDir("source" + std::to_string(100 + i));
-            ferrovane::test::writeFile(source + "/note", "note " + std::to_string(i));
-            sources << QString::fromStdString(source);
+            sources.push_back(makeDir("source" + std::to_string(100 + i)));
+            ferrovane::test::writeFile(sources.back() + "/note", "note " + std::to_string(i));
         }
-        launch();
-        openDestination(destination);
-        app_->addSourcePaths(sources, 0);
+        startOn(destination, sources);
         FVSourceListView* list = app_->window()->sourceListView();
         QCOMPARE(list->model()->rowCount(), 50);
         // Rows 10 to 19 chosen, then a click on the popup of row 12 and a choice there.
@@ -752,7 +709,7 @@ private slots:
 
         // After a backup, Restore from Backup… on two selected rows brings both back.
         QVERIFY(backUp());
-        const std::string first = sources[0].toStdString(), last = sources[49].toStdString();
+        const std::string first = sources[0], last = sources[49];
         fs::remove(first + "/note");
         fs::remove(last + "/note");
         list->selectRows(0, 1);
@@ -767,7 +724,6 @@ private slots:
         QContextMenuEvent click(QContextMenuEvent::Mouse, row.center(), list->viewport()->mapToGlobal(row.center()));
         QApplication::sendEvent(list->viewport(), &click);
         QMessageBox* where = awaitDialog("restoreTargetDialog");
-        QVERIFY(where);
         QCOMPARE(where->text(), "Restore “2 items”");
         clickButton(where, "restoreoriginal");
         awaitDialog("restoreOutcome")->accept();
@@ -780,9 +736,7 @@ private slots:
         const QSize room(683, 384);
         std::string destination = makeDir("dest"), source = makeDir("Letters");
         ferrovane::test::writeFile(source + "/a", "a");
-        launch();
-        openDestination(destination);
-        app_->addSourcePaths({QString::fromStdString(source)}, 0);
+        startOn(destination, {source});
         QVERIFY(backUp());
         // A copy changed in the destination, for the verify sheet to list.
         ferrovane::test::writeFile(destination + "/Letters/a", "b");
@@ -825,8 +779,7 @@ private slots:
 
     void optionsSheetSchedulesTheDestination() {
         std::string destination = makeDir("B");
-        launch();
-        openDestination(destination);
+        startOn(destination);
         QCOMPARE(app_->window()->scheduleLine()->text(), text("schedulelineoff"));
         // A weekly schedule on Friday at 03:30, and a run whenever the disk comes, at most every two hours.
         // The hooks set on the command line are named, and only those.
@@ -931,7 +884,7 @@ private slots:
         QVERIFY(!fs::exists(verifyTimer));
     }
 
-    void anOverdueDestinationShowsItsBannerUntilAGoodRun() {
+    void anAwayOrOverdueDestinationChangesNothingAndShowsItsBannerUntilAGoodRun() {
         std::string destination = makeDir("Disk"), source = makeDir("Letters");
         ferrovane::test::writeFile(source + "/a", "a");
         const std::string uuid = "0A1B2C3D-0000-4000-8000-000000000001";
@@ -945,8 +898,7 @@ private slots:
         FVJobStatusStore store(statusFolder());
         QVERIFY(store.record(uuid, destination, {now - 10 * 86400, FVJobTrigger::Schedule, FVJobOutcome::Finished, ""}));
         QVERIFY(store.record(uuid, destination, {now - 86400, FVJobTrigger::Schedule, FVJobOutcome::NotConnected, ""}));
-        launch();
-        openDestination(destination);
+        startOn(destination);
         FVOverdueBanner* banner = app_->window()->overdueBanner();
         QVERIFY(banner->isVisibleTo(app_->window()));
         QVERIFY2(banner->text().startsWith(QString::fromStdString("No backup to " + destination + " since ")) &&
@@ -956,17 +908,31 @@ private slots:
         QVERIFY(app_->window()->scheduleLine()->text().contains("the disk was not connected"));
         const QString notice = banner->text();
 
-        // With the disk away, its job's status still tells, without a button that cannot run.
+        // Away while the window is open: the folder an unmounted disk leaves behind is no
+        // destination, and nothing changes until the disk is back.
+        QVERIFY(app_->window()->progressInfo()->text().contains("free"));
         fs::rename(destination, destination + ".away");
+        fs::create_directories(destination);
+        app_->addSourcePaths({QString::fromStdString(makeDir("More"))}, 0);
+        QMessageBox* refused = awaitDialog("alert-destinationaway");
+        QCOMPARE(refused->text(), awayLine(destination));
+        refused->accept();
+        QCOMPARE(cover()->message(), awayLine(destination));
+        QVERIFY(app_->window()->progressInfo()->text().isEmpty() && !app_->window()->startButton()->isEnabled());
+        QVERIFY(!app_->window()->optionsButton()->isEnabled() && !app_->window()->addSourceButton()->isEnabled());
+        QVERIFY(!fs::exists(FVConfigurationFile::currentPath(destination)));
+        // Started without it, its job's status still tells, without a button that cannot run.
+        fs::remove(destination);
         launch();
         QTRY_COMPARE_WITH_TIMEOUT(cover()->message(), awayLine(destination), kPatience);
         banner = app_->window()->overdueBanner();
         QCOMPARE(banner->text(), notice);
         QVERIFY(!banner->backUpNowButton()->isVisibleTo(banner));
-        // Back, it is opened by itself.
+        // Back, it is opened by itself with its list.
         fs::rename(destination + ".away", destination);
         QTRY_VERIFY_WITH_TIMEOUT(cover()->isFullyHidden(), kPatience);
-        QVERIFY(app_->window()->startButton()->isEnabled());
+        QCOMPARE(app_->backupSetController().backupSetPaths(), std::vector<std::string>{source});
+        QVERIFY(app_->window()->startButton()->isEnabled() && app_->window()->progressInfo()->text().contains("free"));
         QVERIFY(banner->backUpNowButton()->isVisibleTo(banner));
 
         // A run that cannot fit tells why (nobody stopped it), and the disk counts as full.
@@ -1003,8 +969,7 @@ private slots:
         QVERIFY(!first.handOverToRunningInstance({}));  // nobody there: this one listens
         std::string destination = makeDir("dest"), a = makeDir("Pictures"), b = makeDir("Music"), dropped = makeDir("Dropped");
         ferrovane::test::writeFile(*work_ / "notes.txt", "n");
-        launch();
-        openDestination(destination);
+        startOn(destination);
         app_->window()->addFoldersAction()->trigger();
         auto* folders = awaitDialog<QFileDialog>("addFoldersDialog");
         QCOMPARE(folders->fileMode(), QFileDialog::Directory);
@@ -1040,9 +1005,7 @@ private slots:
         ferrovane::test::writeFile(single, "a single file");
         for (const std::string& folder : {busy, later})
             for (int i = 0; i < 3; ++i) ferrovane::test::writeFile(folder + "/f" + std::to_string(i), std::string(5000, 'z'));
-        launch();
-        openDestination(destination);
-        app_->addSourcePaths({QString::fromStdString(single), QString::fromStdString(busy), QString::fromStdString(later)}, 0);
+        startOn(destination, {single, busy, later});
         auto lastRun = [this](const std::string& path) {
             const auto& items = app_->backupSetController().arrangedObjects();
             for (size_t row = 0; row < items.size(); ++row)

@@ -101,20 +101,13 @@ TEST(BackupSetController, ModesDeriveThePathListsAndDuplicatesAreRefused) {
     controller.removeItemsAtIndexes({0, 2});
     EXPECT_EQ(paths(controller), (std::vector<std::string>{"/data/old", "/anywhere/node_modules"}));
     EXPECT_TRUE(controller.backupSetPaths().empty());
-}
 
-TEST(BackupSetController, LoadedItemsAreSharedAndNamedByTheirPath) {
-    BackupSetController controller;
-    controller.setDisableSizeEvaluation(true);
-    auto a = FVSourceItem::make("/a", FVSourceMode::Backup);
-    auto b = FVSourceItem::make("/b", FVSourceMode::Disabled);
-    auto c = FVSourceItem::make("/c/", FVSourceMode::Backup);
-    c->setValue(FVSourceKey::sourcePathComponent, "stored name is never trusted");
-    controller.addBackupItems({a, b});
-    controller.addBackupItem(c);
-
-    EXPECT_EQ(controller.arrangedObjects()[0], a);  // the same object, not a copy
-    EXPECT_EQ(*c->value(FVSourceKey::sourcePathComponent)->string(), "c");
+    // Items loaded from a configuration are the list's own objects, named by their path.
+    auto loaded = FVSourceItem::make("/c/", FVSourceMode::Backup);
+    loaded->setValue(FVSourceKey::sourcePathComponent, "stored name is never trusted");
+    controller.addBackupItems({loaded});
+    EXPECT_EQ(controller.arrangedObjects().back(), loaded);  // the same object, not a copy
+    EXPECT_EQ(*loaded->value(FVSourceKey::sourcePathComponent)->string(), "c");
 }
 
 TEST(BackupSetController, InsertsAndMovesKeepTheOrderOfTheMovedRows) {
@@ -194,7 +187,7 @@ TEST(BackupSetController, MeasuresBackupItemsOnlyAndHonoursExclusions) {
 }
 
 // Results made stale or of removed items are checked through the controller below.
-TEST(BackupSetController, AMeasurementStopsAtOnceWhenCancelledAndCountsNothingExcludedOrMissing) {
+TEST(BackupSetController, AMeasurementStopsAtOnceWhenCancelledAndCountsNothingExcludedMissingOrMountedBelow) {
     TempDir dir;
     makeDirs(dir / "tree");
     for (int i = 0; i < 50; ++i) sparseFile(dir / ("tree/f" + std::to_string(i)), 1'000'000);
@@ -206,6 +199,16 @@ TEST(BackupSetController, AMeasurementStopsAtOnceWhenCancelledAndCountsNothingEx
     EXPECT_EQ(BackupSetController::sizeOfPathInMB(dir / "missing", nullptr, nullptr, never, never), 0.0);
     std::vector<std::string> excludeTree{dir / "tree"};
     EXPECT_EQ(BackupSetController::sizeOfPathInMB(dir / "tree", &excludeTree, nullptr, never, never), 0.0);
+
+    // Files of another mount below the item are not its own.
+    makeDirs(dir / "vol/mnt");
+    sparseFile(dir / "vol/here", 2'000'000);
+    if (mount("fvtest", (dir / "vol/mnt").c_str(), "tmpfs", 0, "size=4m") != 0)
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+    sparseFile(dir / "vol/mnt/there", 3'000'000);
+    const double size = BackupSetController::sizeOfPathInMB(dir / "vol", nullptr, nullptr, never, never);
+    umount2((dir / "vol/mnt").c_str(), MNT_DETACH);
+    EXPECT_DOUBLE_EQ(size, 2.0);
 }
 
 TEST(BackupSetController, ChangesDuringMeasurementNeverLeaveAStaleResult) {
@@ -236,17 +239,4 @@ TEST(BackupSetController, ChangesDuringMeasurementNeverLeaveAStaleResult) {
         << controller.totalSizeString();
     EXPECT_EQ(*sizeOf(items[0]), -1.0);
     EXPECT_DOUBLE_EQ(*sizeOf(items[1]), 1.0);
-}
-
-TEST(BackupSetController, DoesNotCountFilesOfAnotherMount) {
-    TempDir dir;
-    makeDirs(dir / "vol/mnt");
-    sparseFile(dir / "vol/here", 2'000'000);
-    if (mount("fvtest", (dir / "vol/mnt").c_str(), "tmpfs", 0, "size=4m") != 0)
-        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
-    sparseFile(dir / "vol/mnt/there", 3'000'000);
-    auto never = [] { return false; };
-    double size = BackupSetController::sizeOfPathInMB(dir / "vol", nullptr, nullptr, never, never);
-    umount2((dir / "vol/mnt").c_str(), MNT_DETACH);
-    EXPECT_DOUBLE_EQ(size, 2.0);
 }

@@ -21,6 +21,7 @@ TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
         int status;
         const char* out;  // what standard output holds; "" for nothing at all
         const char* err;  // the same for standard error
+        bool usage = true;  // whether a refusal (status 2) shows the usage: not for a bad value
     };
     std::vector<Case> cases = {
         {{"--help"}, 0, "Usage: ferrovane [OPTIONS] [DESTINATION]", ""},
@@ -51,6 +52,9 @@ TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
         {{d, "-n"}, 255, "", "ferrovane: error: cannot read the configuration"},
         {{"search", d, "two", "WORDS"}, 0, "/two words.txt\n", ""},
         {{"search", d, "--", "-x-"}, 1, "", "no file name"},
+        {{"search", d, " two"}, 1, "", "no file name"}, {{"search", d, "two  words"}, 1, "", "no file name"},
+        {{"search", d, "tw"}, 2, "", "at least 3 bytes", false},
+        {{"search", dir / "nowhere", "two"}, 2, "", "nowhere: No such file or directory", false},
         {{"runs", d}, 1, "", "not a backup destination"},
     };
     // The window's forms reach the window beside the executable, which needs a display.
@@ -72,7 +76,7 @@ TEST(CommandLineArguments, RefusedHelpedAndAcceptedForms) {
                 EXPECT_EQ(text, "") << shown;
             }
         }
-        EXPECT_TRUE(c.status != 2 || r.err.find("Usage: ferrovane") != std::string::npos) << shown << r.err;
+        EXPECT_EQ(c.status == 2 && c.usage, r.err.find("Usage: ferrovane") != std::string::npos) << shown << r.err;
         // Diagnostics in one form; a search without matches only says so.
         if (c.status != 0 && std::string(c.err) != "no file name") {
             EXPECT_EQ(r.err.rfind("ferrovane: error: ", 0), 0u) << shown << r.err;

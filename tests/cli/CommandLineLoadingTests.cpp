@@ -49,13 +49,13 @@ TEST_F(CommandLineLoading, MissingConfigurationFailsAndNotifiesUnlessSwitchedOff
     EXPECT_EQ(quiet.out, "");
     EXPECT_EQ(quiet.err, "ferrovane: error: " + message + "\n");
     EXPECT_NE(readFile(dir / "Ferrovane.log").find(": ERROR: " + message + "\n"), std::string::npos);
-    EXPECT_TRUE(bus.notifications().empty());
+    EXPECT_TRUE(bus.recordedNotifications().empty());
 
     auto loud = run({destination + "/"});
     EXPECT_EQ(loud.exitStatus, 255);
     EXPECT_NE(loud.err.find(kCouldNotRead), std::string::npos);
-    ASSERT_EQ(bus.notifications().size(), 1u);
-    EXPECT_EQ(bus.notifications()[0],
+    ASSERT_EQ(bus.recordedNotifications().size(), 1u);
+    EXPECT_EQ(bus.recordedNotifications()[0].text,
               "Cannot sync to: Sicherung-B\xC3\xBC" "cher\tDestination not available or unconfigured!")
         << "the trailing slash is dropped and the name is shown as it is";
 
@@ -94,11 +94,12 @@ TEST_F(CommandLineLoading, UnreadableOrMalformedConfigurationsAreRefusedAndLeftA
         EXPECT_EQ(result.exitStatus, 255) << c.name;
         EXPECT_EQ(result.out, "") << c.name;
         EXPECT_EQ(result.err.rfind(c.expected + destination + "/.ferrovane.conf", 0), 0u) << c.name << ": " << result.err;
-        if (!c.content.empty())
+        if (!c.content.empty()) {
             EXPECT_EQ(readFile(destination + "/.ferrovane.conf"), c.content) << c.name << " was rewritten";
+        }
     }
     // Only a missing or unreadable configuration is announced on the desktop.
-    EXPECT_EQ(bus.notifications().size(), 1u);
+    EXPECT_EQ(bus.recordedNotifications().size(), 1u);
 }
 
 TEST_F(CommandLineLoading, ARunAnnouncesItsStartAndItsOutcomeInOneNotification) {

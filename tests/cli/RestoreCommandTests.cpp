@@ -14,7 +14,6 @@
 
 #include <sys/stat.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -191,22 +190,6 @@ TEST_F(RestoreCommand, ConflictsStopEverythingUnlessReplacedIntoTheTrash) {
 }
 
 namespace {
-
-// A folder chain below base whose path is longer than PATH_MAX, made one component at a time,
-// with a file at its bottom; returns the file's path.
-std::string makeDeepFile(const std::string& base, std::string_view content) {
-    std::string path = base;
-    FVFd folder(open(base.c_str(), O_RDONLY | O_DIRECTORY));
-    for (int level = 0; path.size() <= PATH_MAX; ++level) {
-        std::string name = std::string(200, 'd') + std::to_string(level);
-        mkdirat(folder.get(), name.c_str(), 0755);
-        folder.reset(openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY));
-        path += "/" + name;
-    }
-    FVFd file(openat(folder.get(), "deep.txt", O_WRONLY | O_CREAT | O_TRUNC, 0644));
-    EXPECT_EQ(write(file.get(), content.data(), content.size()), ssize_t(content.size()));
-    return path + "/deep.txt";
-}
 
 std::string readLong(const std::string& path) {
     FVFd file(FVLongPath::open(path, O_RDONLY));

@@ -1,114 +1,42 @@
-// "ferrovane search" as a user meets it: the built executable on destinations laid out as the
-// backup runs file their archives.
+// "ferrovane search" as a user meets it: the built executable on a destination whose names would
+// drive a terminal and whose folders are not all readable (its exit statuses are in the command
+// line's table).
 
-#include "cli/DestinationFixture.h"
-#include "support/DatedFile.h"
 #include "support/ProcessRunner.h"
+#include "support/TempDir.h"
+#include "support/TreeLiteral.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-
-using namespace ferrovane;
 using namespace ferrovane::test;
 
-namespace {
-
-class SearchCommand : public ::testing::Test {
-protected:
-    ProcessResult search(std::vector<std::string> args, std::vector<std::string> prefix = {}) {
-        args.insert(args.begin(), {FERROVANE_EXECUTABLE, "search"});
-        args.insert(args.begin(), prefix.begin(), prefix.end());
-        return runProcess(args, {{"DISPLAY", std::nullopt}, {"WAYLAND_DISPLAY", std::nullopt}, {"TZ", "UTC"}});
-    }
-    std::string file(const std::string& relative, const char* utcTime) {
-        return writeDatedFile(dest + "/" + relative, relative, utcTime);
-    }
+TEST(SearchCommand, EscapesNamesThatWouldDriveTheTerminalAndPassesOverUnreadableFolders) {
     TempDir dir;
-    std::string dest = dir / "dest";
-};
-
-}  // namespace
-
-TEST_F(SearchCommand, ListsEachFileOnceWithItsCurrentCopyThenItsVersionsByRunNewestFirst) {
-    // A current copy older than its archived version (a restore brought an old one back) is still
-    // the current one.
-    file("Documents/Letters/Tax Letter.txt", "2021-06-01 10:00");
-    file("__changed/2021-07-02 09.00.00 +0200/Documents/Letters/Tax Letter.txt", "2021-06-20 08:30");
-    // The archive folders' stamps say the opposite of the files' own times: the runs decide.
-    file("__removed/2021-06-01 09.00.00 +0200/Documents/Letters/tax letter old.txt", "2021-05-01 12:00");
-    file("__changed/2021-07-03 09.00.00 +0200/Documents/Letters/tax letter old.txt", "2021-04-01 12:00");
-    file("Documents/Letters/letter.txt", "2021-07-05 10:00");  // only one of the two words
-    file(".Trash/tax letter.txt", "2021-07-05 10:00");
-
-    auto result = search({dest, "LETTER tax"});
-
-    EXPECT_EQ(result.exitStatus, 0) << result.err;
-    EXPECT_EQ(result.out, dest + "/Documents/Letters/Tax Letter.txt\n"
-                          "  current                     2021-06-01 10:00  " + dest + "/Documents/Letters/Tax Letter.txt\n"
-                          "  2021-07-02 09.00.00 +0200   2021-06-20 08:30  " + dest + "/__changed/2021-07-02 09.00.00 +0200/Documents/Letters/Tax Letter.txt\n"
-                          "\n" +
-                          dest + "/Documents/Letters/tax letter old.txt\n"
-                          "  2021-07-03 09.00.00 +0200   2021-04-01 12:00  " + dest + "/__changed/2021-07-03 09.00.00 +0200/Documents/Letters/tax letter old.txt\n"
-                          "  2021-06-01 09.00.00 +0200   2021-05-01 12:00  " + dest + "/__removed/2021-06-01 09.00.00 +0200/Documents/Letters/tax letter old.txt\n");
-}
-
-TEST_F(SearchCommand, ExitStatusSeparatesMatchesNoneAndBadUsage) {
-    file("Documents/report.txt", "2021-07-05 10:00");
-
-    EXPECT_EQ(search({dest, "report"}).exitStatus, 0);
-    for (const char* text : {"invoice", "report  txt", " report", "report "}) {
-        auto none = search({dest, text});
-        EXPECT_EQ(none.exitStatus, 1) << text;
-        EXPECT_EQ(none.out, "") << text;
-        EXPECT_NE(none.err.find("no file name"), std::string::npos) << text;
+    const std::string dest = dir / "dest";
+    buildTree(dest, {{"evil\x1B]0;owned\x07 report", ""}, {"latin1 r\xE9port report", ""}, {"back\\slash report", ""},
+                     {"open/report.txt", ""}, {"closed/report.txt", ""}, {"closed/inner/report.txt", ""}});
+    ASSERT_TRUE(setModificationTime(dest + "/open/report.txt", 1'625'479'200));  // 2021-07-05 10:00 UTC
+    ASSERT_EQ(chmod((dest + "/closed").c_str(), 0), 0);
+    std::vector<std::string> argv = {FERROVANE_EXECUTABLE, "search", dest, "report"};
+    if (geteuid() == 0) {  // the superuser reads everything: search as nobody
+        if (access("/usr/bin/setpriv", X_OK) != 0) GTEST_SKIP() << "setpriv is needed to drop root";
+        ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+        argv.insert(argv.begin(), {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
     }
 
-    auto tooShort = search({dest, "re"});
-    EXPECT_EQ(tooShort.exitStatus, 2);
-    EXPECT_NE(tooShort.err.find("at least 3 bytes"), std::string::npos);
-    // Several words need no quotes.
-    EXPECT_EQ(search({dest, "TXT", "report"}).exitStatus, 0);
+    auto result = runProcess(argv, {{"DISPLAY", std::nullopt}, {"WAYLAND_DISPLAY", std::nullopt}, {"TZ", "UTC"}});
 
-    auto missing = search({dir / "nowhere", "report"});
-    EXPECT_EQ(missing.exitStatus, 2);
-    EXPECT_NE(missing.err.find(dir / "nowhere"), std::string::npos);
-    EXPECT_NE(missing.err.find("No such file or directory"), std::string::npos);
-}
-
-TEST_F(SearchCommand, NamesThatWouldDriveTheTerminalAreEscaped) {
-    file("evil\x1B]0;owned\x07 report", "2021-07-05 10:00");
-    file("latin1 r\xE9port report", "2021-07-05 10:00");
-    file("back\\slash report", "2021-07-05 10:00");
-
-    auto result = search({dest, "report"});
-
-    ASSERT_EQ(result.exitStatus, 0);
+    chmod((dest + "/closed").c_str(), 0755);
+    ASSERT_EQ(result.exitStatus, 0) << result.err;
     EXPECT_NE(result.out.find("/evil\\x1b]0;owned\\x07 report\n"), std::string::npos) << result.out;
     EXPECT_NE(result.out.find("/latin1 r\\xe9port report\n"), std::string::npos);
     EXPECT_NE(result.out.find("/back\\\\slash report\n"), std::string::npos);
     for (char c : result.out) EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= 0x20) << int(c);
     EXPECT_EQ(result.out.find('\xE9'), std::string::npos);
-}
-
-TEST_F(SearchCommand, UnreadableFoldersArePassedOver) {
-    file("open/report.txt", "2021-07-05 10:00");
-    file("closed/report.txt", "2021-07-05 10:00");
-    file("closed/inner/report.txt", "2021-07-05 10:00");
-    ASSERT_EQ(chmod((dest + "/closed").c_str(), 0), 0);
-    std::vector<std::string> asUser;
-    if (geteuid() == 0) {  // the superuser reads everything: search as nobody
-        if (access("/usr/bin/setpriv", X_OK) != 0) GTEST_SKIP() << "setpriv is needed to drop root";
-        ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
-        asUser = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
-    }
-
-    auto result = search({dest, "report"}, asUser);
-
-    EXPECT_EQ(result.exitStatus, 0) << result.err;
-    EXPECT_EQ(result.out, dest + "/open/report.txt\n  current                     2021-07-05 10:00  " + dest + "/open/report.txt\n");
-    chmod((dest + "/closed").c_str(), 0755);
+    EXPECT_NE(result.out.find(dest + "/open/report.txt\n  current                     2021-07-05 10:00  " + dest +
+                              "/open/report.txt\n"), std::string::npos) << result.out;
+    EXPECT_EQ(result.out.find("closed"), std::string::npos) << result.out;
 }

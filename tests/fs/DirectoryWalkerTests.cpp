@@ -5,7 +5,6 @@
 #include "support/TempDir.h"
 #include "support/TreeLiteral.h"
 
-#include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -106,29 +105,13 @@ TEST(DirectoryWalker, WalksBelowPathMaxAndBackUpThroughManyLevels) {
     TempDir dir;
     const std::string root = dir / "root";
     makeDirs(root);
-    const std::string name(60, 'd');
-    int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY);
-    ASSERT_GE(fd, 0);
-    for (int level = 0; level < 80; ++level) {
-        ASSERT_EQ(mkdirat(fd, name.c_str(), 0755), 0);
-        int child = openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY);
-        ASSERT_GE(child, 0);
-        close(fd);
-        fd = child;
-    }
-    int file = openat(fd, "bottom", O_WRONLY | O_CREAT, 0644);
-    ASSERT_GE(file, 0);
-    close(file);
-    close(fd);
+    const std::string bottom = makeDeepFile(root, "");
     for (const char* sibling : {"zz1", "zz2"}) writeFile(root + "/" + sibling, "z");
 
     std::map<std::string, int> errors;
     auto seen = walkAll(root, &errors);
     EXPECT_TRUE(errors.empty());
     EXPECT_EQ(seen.size(), 1u + 80u + 1u + 2u);
-    std::string bottom = root;
-    for (int level = 0; level < 80; ++level) bottom += "/" + name;
-    bottom += "/bottom";
     ASSERT_GT(bottom.size(), static_cast<size_t>(PATH_MAX));
     ASSERT_TRUE(seen.count(bottom));
     EXPECT_EQ(seen[bottom].level, 81u);

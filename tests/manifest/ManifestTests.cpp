@@ -8,10 +8,9 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <sys/stat.h>
 
-#include <fstream>
+#include <filesystem>
 #include <thread>
 
 namespace ferrovane {
@@ -40,10 +39,8 @@ FVManifestEntry fileEntry(int i) {
 
 std::vector<std::string> namesIn(const std::string& folder) {
     std::vector<std::string> names;
-    DIR* dir = opendir(folder.c_str());
-    while (dirent* e = dir ? readdir(dir) : nullptr)
-        if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
-    if (dir) closedir(dir);
+    std::error_code missing;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, missing)) names.push_back(entry.path().filename());
     return names;
 }
 

@@ -1,11 +1,12 @@
 // Scheduled runs: the systemd units checked by systemd's own offline tools, hostile destination
-// paths through a written unit and the systemctl/launchctl calls through a recording runner (the
+// paths through a written unit and the systemctl calls through a recording runner (the
 // options sheet's schedule reaching the timer is the window's test).
 
 #include "engine/config/FVConfigurationFile.h"
 #include "scheduling/FVLaunchAgentManager.h"
 #include "fs/FVMountTable.h"
 #include "support/ProcessRunner.h"
+#include "support/RecordingRunner.h"
 #include "support/SystemdUnit.h"
 #include "support/TempDir.h"
 
@@ -20,20 +21,6 @@ using namespace ferrovane;
 using namespace ferrovane::test;
 
 namespace {
-
-class RecordingRunner final : public FVCommandRunner {
-public:
-    FVCommandResult run(const std::vector<std::string>& argv) override {
-        calls.push_back(argv);
-        FVCommandResult result;
-        result.started = true;
-        result.exitStatus = failing && argv.size() > 1 && argv.back().find(failing) != std::string::npos ? 1 : 0;
-        if (result.exitStatus) result.error = argv[0] + " exited with status 1";
-        return result;
-    }
-    std::vector<std::vector<std::string>> calls;
-    const char* failing = nullptr;  // calls whose last argument contains this fail
-};
 
 std::vector<std::string> systemctl(std::vector<std::string> args) {
     std::vector<std::string> argv{"systemctl"};
@@ -316,35 +303,4 @@ TEST(LaunchAgentManager, RequiresMountsForNamesHostileDestinationsAsSystemdReads
         EXPECT_NE(dumped.out.find("\tRequiresMountsFor: " + base + waited + " (origin-file)\n"), std::string::npos)
             << destination << "\n" << *unit;
     }
-}
-
-TEST(LaunchAgentManager, LaunchdJobsHaveTheThreeKeysAndUseLaunchctl) {
-    PlistDict daily = FVLaunchAgentManager::launchdJob(kUUID, "/Applications/Ferrovane", "/Volumes/B", {14, 0, -1});
-    EXPECT_EQ(daily.size(), 3u);
-    EXPECT_EQ(daily.stringValue("Label"), kLabel);
-    const PlistArray& arguments = **daily.find("ProgramArguments")->array();
-    EXPECT_EQ(arguments, (PlistArray{"/Applications/Ferrovane", "--trigger=schedule", "--job=" + kUUID, "/Volumes/B"}));
-    const PlistDict& interval = **daily.find("StartCalendarInterval")->dict();
-    EXPECT_EQ(interval.size(), 2u);
-    EXPECT_EQ(interval.integerValue("Hour"), 14);
-    EXPECT_FALSE(interval.contains("Weekday"));
-    PlistDict weekly = FVLaunchAgentManager::launchdJob(kUUID, "/x", "/y", {std::nullopt, 5, 3});
-    const PlistDict& weeklyInterval = **weekly.find("StartCalendarInterval")->dict();
-    EXPECT_EQ(weeklyInterval.size(), 2u);
-    EXPECT_EQ(weeklyInterval.integerValue("Weekday"), 3);
-
-    TempDir dir;
-    auto runner = std::make_shared<RecordingRunner>();
-    FVLaunchAgentManager manager(runner, FVJobFormat::Launchd, dir / "LaunchAgents", "/x");
-    ASSERT_TRUE(manager.writeJob(kUUID, "/y", {std::nullopt, 5, 3}));
-    std::string path = dir / ("LaunchAgents/" + kLabel + ".plist");
-    auto parsed = parsePlist(readFile(path));
-    ASSERT_TRUE(parsed.value);
-    EXPECT_EQ(**parsed.value->dict(), weekly);
-    EXPECT_EQ(runner->calls, (std::vector<std::vector<std::string>>{{"/bin/launchctl", "unload", path},
-                                                                    {"/bin/launchctl", "load", path}}));
-    EXPECT_EQ(manager.jobIdentifiers(), std::vector<std::string>{kUUID});
-    std::string error;
-    EXPECT_FALSE(manager.writeConnectJob(kUUID, "/y", &error));
-    EXPECT_NE(error.find("needs systemd"), std::string::npos);
 }

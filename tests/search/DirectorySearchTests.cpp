@@ -124,9 +124,12 @@ TEST(DirectorySearchTest, SearchFolderIsOpenedThroughALinkButLinksInsideAreNotFo
     EXPECT_TRUE(search(dir / "real/inside/plain file", "plain")->matches.empty());
 }
 
-TEST(DirectorySearchTest, CancellationStopsBeforeTheNextEntryAndStillFinishesOnce) {
+// Cancelled before it starts or at its first match, or with its folder gone under it, a walk
+// stops there and still finishes once.
+TEST(DirectorySearchTest, ACancelOrAVanishingFolderEndsTheWalkThereAndItStillFinishesOnce) {
     TempDir dir;
     for (int i = 0; i < 50; ++i) touch(dir / ("match " + std::to_string(i)));
+    for (int i = 0; i < 5; ++i) touch(dir / ("dest/folder" + std::to_string(i) + "/match"));
     ImmediateQueue queue;
 
     auto cancelledEarly = std::make_shared<RecordingDelegate>();
@@ -142,20 +145,12 @@ TEST(DirectorySearchTest, CancellationStopsBeforeTheNextEntryAndStillFinishesOnc
     midway.main();
     EXPECT_EQ(cancelledMidway->matches.size(), 1u);
     EXPECT_EQ(cancelledMidway->finishCount, 1);
-}
 
-TEST(DirectorySearchTest, DestinationVanishingDuringTheWalkEndsItQuietly) {
-    TempDir dir;
-    std::string root = dir / "dest";
-    for (int i = 0; i < 5; ++i) touch(root + "/folder" + std::to_string(i) + "/report");
-    ImmediateQueue queue;
-    auto delegate = std::make_shared<RecordingDelegate>();
-    delegate->onMatch = [&](const std::string&) { std::filesystem::remove_all(root); };
-
-    FVDirectorySearchBlockOperation(queue, root, "report", delegate).main();
-
-    EXPECT_EQ(delegate->matches.size(), 1u);
-    EXPECT_EQ(delegate->finishCount, 1);
+    auto vanished = std::make_shared<RecordingDelegate>();
+    vanished->onMatch = [&](const std::string&) { std::filesystem::remove_all(dir / "dest"); };
+    FVDirectorySearchBlockOperation(queue, dir / "dest", "match", vanished).main();
+    EXPECT_EQ(vanished->matches.size(), 1u);
+    EXPECT_EQ(vanished->finishCount, 1);
 }
 
 namespace {

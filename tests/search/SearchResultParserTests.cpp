@@ -1,7 +1,7 @@
 // Grouping of search hits into files with versions, on real files with fixed modification times.
 
 #include "search/FVSearchResultParser.h"
-#include "support/DatedFile.h"
+#include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
@@ -26,8 +26,15 @@ protected:
         else unsetenv("TZ");
         tzset();
     }
+    // A file modified at utcTime ("YYYY-MM-DD HH:MM[:SS]"); returns its path.
     std::string file(const std::string& relative, const char* utcTime) {
-        return writeDatedFile(dir / relative, relative, utcTime);
+        const std::string path = dir / relative;
+        makeDirs(path.substr(0, path.rfind('/')));
+        writeFile(path, relative);
+        std::tm utc {};
+        if (!strptime(utcTime, "%Y-%m-%d %H:%M:%S", &utc)) strptime(utcTime, "%Y-%m-%d %H:%M", &utc);
+        EXPECT_TRUE(setModificationTime(path, timegm(&utc))) << path;
+        return path;
     }
     TempDir dir;
 

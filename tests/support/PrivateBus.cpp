@@ -74,12 +74,6 @@ PrivateBus::~PrivateBus() {
     }
 }
 
-std::vector<std::string> PrivateBus::notifications() const {
-    std::vector<std::string> out;
-    for (const RecordedNotification& n : recordedNotifications()) out.push_back(n.text);
-    return out;
-}
-
 std::vector<RecordedNotification> PrivateBus::recordedNotifications() const {
     std::vector<RecordedNotification> out;
     std::istringstream in(readFile(recordPath_));

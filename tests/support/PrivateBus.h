@@ -10,7 +10,7 @@ namespace ferrovane::test {
 
 // What a notification server was asked to show, beyond its text.
 struct RecordedNotification {
-    std::string text;  // "title\tbody", as notifications() gives it
+    std::string text;  // "title\tbody", newlines in the body shown as "|"
     unsigned replacesId = 0;
     unsigned id = 0;  // the id the server answered with
     std::string desktopEntry;
@@ -27,8 +27,6 @@ public:
 
     bool ok() const { return !address_.empty(); }
     const std::string& address() const { return address_; }
-    // "title\tbody" lines, newlines in the body shown as "|".
-    std::vector<std::string> notifications() const;
     std::vector<RecordedNotification> recordedNotifications() const;
 
 private:

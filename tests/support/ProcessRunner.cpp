@@ -14,29 +14,43 @@ extern char** environ;
 
 namespace ferrovane::test {
 
-ProcessResult runProcess(const std::vector<std::string>& argv,
-                         const std::map<std::string, std::optional<std::string>>& env,
-                         double timeoutSeconds) {
+namespace {
+
+// Forks a child with standard input from /dev/null and the given standard output and error, env
+// applied, that executes argv.
+pid_t spawn(const std::vector<std::string>& argv, const ProcessEnvironment& env, int out, int err) {
+    const pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("fork");
+    if (pid > 0) return pid;
+    dup2(out, 1);
+    dup2(err, 2);
+    dup2(open("/dev/null", O_RDONLY), 0);
+    for (const auto& [key, value] : env) {
+        if (value) setenv(key.c_str(), value->c_str(), 1);
+        else unsetenv(key.c_str());
+    }
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+}
+
+}  // namespace
+
+pid_t startProcess(const std::vector<std::string>& argv, const ProcessEnvironment& env, const std::string& outPath) {
+    const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (out < 0) throw std::runtime_error("cannot create " + outPath);
+    const pid_t pid = spawn(argv, env, out, 2);
+    close(out);
+    return pid;
+}
+
+ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessEnvironment& env, double timeoutSeconds) {
     int out[2], err[2];
     if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
     auto start = std::chrono::steady_clock::now();
-    pid_t pid = fork();
-    if (pid < 0) throw std::runtime_error("fork");
-    if (pid == 0) {
-        dup2(out[1], 1);
-        dup2(err[1], 2);
-        int devnull = open("/dev/null", O_RDONLY);
-        dup2(devnull, 0);
-        for (const auto& [key, value] : env) {
-            if (value) setenv(key.c_str(), value->c_str(), 1);
-            else unsetenv(key.c_str());
-        }
-        std::vector<char*> args;
-        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
+    const pid_t pid = spawn(argv, env, out[1], err[1]);
     close(out[1]);
     close(err[1]);
     ProcessResult result;

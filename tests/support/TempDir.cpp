@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -51,6 +52,25 @@ void makeDirs(const std::string& path) { std::filesystem::create_directories(pat
 bool setModificationTime(const std::string& path, long seconds, long nanoseconds) {
     const timespec times[2] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
     return utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+std::string makeDeepFile(const std::string& base, std::string_view content) {
+    const std::string name(60, 'd');
+    std::string path = base;
+    int folder = open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (int level = 0; level < 80 && folder >= 0; ++level) {
+        mkdirat(folder, name.c_str(), 0755);
+        const int child = openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        close(folder);
+        folder = child;
+        path += "/" + name;
+    }
+    const int file = folder < 0 ? -1 : openat(folder, "deep.txt", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const bool written = file >= 0 && write(file, content.data(), content.size()) == ssize_t(content.size());
+    if (file >= 0) close(file);
+    if (folder >= 0) close(folder);
+    if (!written) throw std::runtime_error("cannot make a file below " + base);
+    return path + "/deep.txt";
 }
 
 }  // namespace ferrovane::test

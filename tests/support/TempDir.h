@@ -26,5 +26,8 @@ bool exists(const std::string& path);
 void makeDirs(const std::string& path);
 // Sets the access and modification time of path itself (a link is not followed); false on failure.
 bool setModificationTime(const std::string& path, long seconds, long nanoseconds = 0);
+// A file at the bottom of 80 folders of 60-byte names below base, a path longer than PATH_MAX,
+// made one component at a time; returns the file's path.
+std::string makeDeepFile(const std::string& base, std::string_view content);
 
 }  // namespace ferrovane::test
