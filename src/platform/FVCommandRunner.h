@@ -1,5 +1,5 @@
 #pragma once
-// Starting a system tool and waiting for it (systemctl, launchctl). An interface, so that tests
+// Starting a system tool and waiting for it (systemctl). An interface, so that tests
 // can record the calls instead of touching the service manager.
 
 #include <string>

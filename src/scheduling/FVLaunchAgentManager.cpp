@@ -32,7 +32,6 @@ namespace ferrovane {
 namespace {
 
 constexpr const char* kClassName = "FVLaunchAgentManager";
-constexpr const char* kLaunchctl = "/bin/launchctl";
 
 bool hasPrefix(std::string_view text, std::string_view prefix) { return text.substr(0, prefix.size()) == prefix; }
 bool hasSuffix(std::string_view text, std::string_view suffix) {
@@ -137,18 +136,9 @@ const char* const kWeekdayNames[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "
 
 }  // namespace
 
-FVJobFormat FVLaunchAgentManager::platformFormat() {
-#ifdef __APPLE__
-    return FVJobFormat::Launchd;
-#else
-    return FVJobFormat::Systemd;
-#endif
-}
-
-FVLaunchAgentManager::FVLaunchAgentManager(std::shared_ptr<FVCommandRunner> runner, FVJobFormat format,
-                                           std::string jobDirectory, std::string executablePath)
+FVLaunchAgentManager::FVLaunchAgentManager(std::shared_ptr<FVCommandRunner> runner, std::string jobDirectory,
+                                           std::string executablePath)
     : runner_(std::move(runner)),
-      format_(format),
       jobDirectory_(std::move(jobDirectory)),
       executablePath_(executablePath.empty() ? FVProgramFiles::commandLineFor(FVProgramFiles::running())
                                               : std::move(executablePath)) {}
@@ -158,10 +148,8 @@ std::string FVLaunchAgentManager::jobDirectory() const {
     if (directory.empty()) {
         if (const char* override = std::getenv("FERROVANE_JOB_DIRECTORY"); override && *override)
             directory = override;
-        else if (format_ == FVJobFormat::Systemd)
-            directory = getuid() == 0 ? "/etc/systemd/system/" : homeDirectory() + "/.config/systemd/user/";
         else
-            directory = getuid() == 0 ? "/Library/LaunchDaemons/" : homeDirectory() + "/Library/LaunchAgents/";
+            directory = getuid() == 0 ? "/etc/systemd/system/" : homeDirectory() + "/.config/systemd/user/";
     }
     if (directory.back() != '/') directory += '/';
     return directory;
@@ -180,7 +168,6 @@ bool FVLaunchAgentManager::isValidJobIdentifier(const std::string& uuid) {
 
 std::vector<std::string> FVLaunchAgentManager::jobFilePaths(const std::string& uuid, FVJobKind kind) const {
     std::string base = jobDirectory() + jobLabel(uuid, kind);
-    if (format_ == FVJobFormat::Launchd) return {base + ".plist"};
     return {base + ".service", base + (kind == FVJobKind::Connect ? ".path" : ".timer")};
 }
 
@@ -203,16 +190,13 @@ std::vector<std::string> FVLaunchAgentManager::systemctl(std::vector<std::string
 }
 
 void FVLaunchAgentManager::unloadJob(const std::string& uuid, FVJobKind kind) {
-    if (format_ == FVJobFormat::Launchd) runner_->run({kLaunchctl, "unload", jobFilePaths(uuid, kind).front()});
-    else runner_->run(systemctl({"disable", "--now", triggeringUnit(uuid, kind)}));
+    runner_->run(systemctl({"disable", "--now", triggeringUnit(uuid, kind)}));
     // The connect service is only unlinked from its mount, not stopped: stopping it would cancel a
     // backup in progress, and while it stays active the reloaded path unit does not start it again.
-    if (format_ == FVJobFormat::Systemd && kind == FVJobKind::Connect)
-        runner_->run(systemctl({"disable", jobLabel(uuid, kind) + ".service"}));
+    if (kind == FVJobKind::Connect) runner_->run(systemctl({"disable", jobLabel(uuid, kind) + ".service"}));
 }
 
 std::vector<std::vector<std::string>> FVLaunchAgentManager::loadCommands(const std::string& uuid, FVJobKind kind) const {
-    if (format_ == FVJobFormat::Launchd) return {{kLaunchctl, "load", jobFilePaths(uuid, kind).front()}};
     std::vector<std::vector<std::string>> commands{systemctl({"daemon-reload"}),
                                                    systemctl({"enable", "--now", triggeringUnit(uuid, kind)})};
     // Linked to the mount unit, which starts it when the disk is mounted; the path unit starts it now.
@@ -237,7 +221,6 @@ bool FVLaunchAgentManager::isJobPresent(const std::string& uuid, FVJobKind kind)
 
 bool FVLaunchAgentManager::isJobEnabled(const std::string& uuid, FVJobKind kind) const {
     if (!isJobPresent(uuid, kind)) return false;
-    if (format_ == FVJobFormat::Launchd) return true;
     const char* target = kind == FVJobKind::Connect ? "paths.target.wants/" : "timers.target.wants/";
     return FVFileStatus::pathExists(jobDirectory() + target + triggeringUnit(uuid, kind));
 }
@@ -259,7 +242,7 @@ std::optional<std::string> FVLaunchAgentManager::onCalendarExpression(const FVJo
             return fail(fmt::format("the weekday {} is not between 0 and 7", *schedule.weekday));
         day = std::string(kWeekdayNames[*schedule.weekday]) + " ";
     }
-    // An absent hour or minute means every hour or minute, as an absent launchd key does.
+    // An absent hour or minute means every hour or minute.
     std::string hour = schedule.hour ? fmt::format("{:02}", *schedule.hour) : "*";
     std::string minute = schedule.minute ? fmt::format("{:02}", *schedule.minute) : "*";
     return day + "*-*-* " + hour + ":" + minute + ":00";
@@ -378,48 +361,15 @@ std::optional<std::string> FVLaunchAgentManager::systemdTimerUnit(const std::str
            "WantedBy=timers.target\n";
 }
 
-PlistDict FVLaunchAgentManager::launchdJob(const std::string& uuid, const std::string& executable,
-                                           const std::string& destination, const FVJobSchedule& schedule,
-                                           FVJobKind kind) {
-    auto interval = std::make_shared<PlistDict>();
-    if (schedule.monthly) {
-        interval->set("Day", int64_t{1});
-        interval->set("Hour", int64_t{0});
-        interval->set("Minute", int64_t{0});
-    } else {
-        if (schedule.hour) interval->set("Hour", *schedule.hour);
-        if (schedule.minute) interval->set("Minute", *schedule.minute);
-        if (schedule.weekday && *schedule.weekday != -1) interval->set("Weekday", *schedule.weekday);
-    }
-    auto arguments = std::make_shared<PlistArray>(PlistArray{executable});
-    for (const std::string& argument : triggerArguments(uuid, kind)) arguments->push_back(argument);
-    arguments->push_back(destination);
-    PlistDict job;
-    job.set("Label", jobLabel(uuid, kind));
-    job.set("ProgramArguments", arguments);
-    job.set("StartCalendarInterval", interval);
-    return job;
-}
-
 bool FVLaunchAgentManager::writeJobFiles(const std::string& uuid, FVJobKind kind, const std::string& destination,
                                          const FVJobSchedule& schedule, std::string* error) {
-    std::vector<std::string> contents;
-    if (format_ == FVJobFormat::Launchd) {
-        if (kind == FVJobKind::Connect) {
-            if (error) *error = "a backup when the disk is connected needs systemd";
-            return false;
-        }
-        auto job = std::make_shared<PlistDict>(launchdJob(uuid, executablePath_, destination, schedule, kind));
-        contents.push_back(serializePlistXML(PlistValue(job)));
-    } else {
-        const std::string mountPoint = kind == FVJobKind::Connect ? FVMountTable::mountPointOfPath(destination) : "";
-        auto service = systemdServiceUnit(uuid, executablePath_, destination, kind, mountPoint, error);
-        if (!service) return false;
-        auto trigger = kind == FVJobKind::Connect ? systemdPathUnit(uuid, destination, error)
-                                                  : systemdTimerUnit(jobLabel(uuid, kind), schedule, error);
-        if (!trigger) return false;
-        contents = {*service, *trigger};
-    }
+    const std::string mountPoint = kind == FVJobKind::Connect ? FVMountTable::mountPointOfPath(destination) : "";
+    auto service = systemdServiceUnit(uuid, executablePath_, destination, kind, mountPoint, error);
+    if (!service) return false;
+    auto trigger = kind == FVJobKind::Connect ? systemdPathUnit(uuid, destination, error)
+                                              : systemdTimerUnit(jobLabel(uuid, kind), schedule, error);
+    if (!trigger) return false;
+    const std::vector<std::string> contents = {*service, *trigger};
 
     std::string directory = jobDirectory();
     if (!makeDirectories(directory)) {
@@ -432,7 +382,7 @@ bool FVLaunchAgentManager::writeJobFiles(const std::string& uuid, FVJobKind kind
     for (size_t i = 0; i < paths.size(); ++i) {
         std::string reason;
         if (!FVAtomicFile::write(paths[i], contents[i], &reason)) {
-            std::string message = format_ == FVJobFormat::Launchd ? "Plist write failed!" : "Unit write failed!";
+            std::string message = "Unit write failed!";
             FVSystemLog::error(kClassName, message + " " + reason);
             if (error) *error = message + " " + reason;
             return false;
@@ -468,12 +418,12 @@ bool FVLaunchAgentManager::writeJob(const std::string& uuid, FVJobKind kind, con
     unloadJob(uuid, kind);
     if (!loadJob(uuid, kind, error)) return false;
     // Scheduled backups come with the check that tells when they stop; its failure is logged.
-    if (format_ == FVJobFormat::Systemd) FVOverdueCheckUnit(runner_, jobDirectory(), executablePath_).install();
+    FVOverdueCheckUnit(runner_, jobDirectory(), executablePath_).install();
     return true;
 }
 
 bool FVLaunchAgentManager::jobsRunWhileLoggedOut() {
-    if (platformFormat() != FVJobFormat::Systemd || getuid() == 0) return true;
+    if (getuid() == 0) return true;
     // logind keeps one file per lingering account here ("loginctl enable-linger" creates it).
     const passwd* account = getpwuid(getuid());
     return account && FVFileStatus::pathExists(std::string("/var/lib/systemd/linger/") + account->pw_name);
@@ -486,8 +436,8 @@ void FVLaunchAgentManager::removeJob(const std::string& uuid, FVJobKind kind) {
     unloadJob(uuid, kind);
     for (const std::string& path : paths) FVRemovals::unlink(path.c_str());
     // Without a reload the service manager keeps the deleted units loaded.
-    if (format_ == FVJobFormat::Systemd) runner_->run(systemctl({"daemon-reload"}));
-    if (format_ == FVJobFormat::Systemd && jobIdentifiers().empty())
+    runner_->run(systemctl({"daemon-reload"}));
+    if (jobIdentifiers().empty())
         FVOverdueCheckUnit(runner_, jobDirectory(), executablePath_).remove();
 }
 
@@ -495,9 +445,7 @@ std::vector<std::string> FVLaunchAgentManager::jobIdentifiers() const {
     std::vector<std::string> identifiers;
     DIR* dir = FVDirectoryEntries::opendir(jobDirectory().c_str());
     if (!dir) return identifiers;
-    const std::vector<std::string> extensions =
-        format_ == FVJobFormat::Launchd ? std::vector<std::string>{".plist"}
-                                        : std::vector<std::string>{".service", ".timer", ".path"};
+    const std::vector<std::string> extensions{".service", ".timer", ".path"};
     while (dirent* entry = FVDirectoryEntries::readdir(dir)) {
         std::string_view name = entry->d_name;
         if (!hasPrefix(name, labelPrefix)) continue;

@@ -2,12 +2,10 @@
 // Scheduled runs: per destination UUID, a job that starts "ferrovane --trigger=schedule
 // --job=<UUID> <destination>" at a calendar time, optionally one that starts "ferrovane verify
 // <destination>" monthly, and optionally one that starts "ferrovane --trigger=connect
-// --job=<UUID> <destination>" when the destination's disk is connected. On Linux a job is a
-// systemd service plus a timer (or, for the disk, a path unit), loaded with systemctl; the launchd
-// property list and launchctl are the macOS form of the calendar jobs. Jobs of other programs are
-// never touched: everything here is restricted to the label prefix.
+// --job=<UUID> <destination>" when the destination's disk is connected. A job is a systemd
+// service plus a timer (or, for the disk, a path unit), loaded with systemctl. Jobs of other
+// programs are never touched: everything here is restricted to the label prefix.
 
-#include "engine/config/FVPlist.h"
 #include "platform/FVCommandRunner.h"
 
 #include <cstdint>
@@ -19,8 +17,6 @@
 
 namespace ferrovane {
 
-enum class FVJobFormat { Systemd, Launchd };
-
 // What a job runs: a calendar backup, a verification of the destination (its label ends in
 // "-verify"), or a backup when the destination's disk is connected (its label ends in "-connect").
 enum class FVJobKind { Backup, Verify, Connect };
@@ -28,7 +24,7 @@ enum class FVJobKind { Backup, Verify, Connect };
 struct FVJobSchedule {
     std::optional<int64_t> hour;
     std::optional<int64_t> minute;
-    // launchd weekday numbers: 0 and 7 Sunday, 1 Monday ... 6 Saturday; -1 every day.
+    // 0 and 7 Sunday, 1 Monday ... 6 Saturday; -1 every day.
     std::optional<int64_t> weekday;
     // On the first of each month at midnight; hour, minute and weekday are not used then.
     bool monthly = false;
@@ -37,13 +33,11 @@ struct FVJobSchedule {
 class FVLaunchAgentManager {
 public:
     static constexpr const char* labelPrefix = "com.quillmarsh.ferrovane.";
-    static FVJobFormat platformFormat();
 
     // jobDirectory and executablePath replace the defaults when not empty: the directory by real
     // user id (or $FERROVANE_JOB_DIRECTORY), and this process's own executable (from the window:
     // the command line beside it).
-    explicit FVLaunchAgentManager(std::shared_ptr<FVCommandRunner> runner,
-                                  FVJobFormat format = platformFormat(), std::string jobDirectory = {},
+    explicit FVLaunchAgentManager(std::shared_ptr<FVCommandRunner> runner, std::string jobDirectory = {},
                                   std::string executablePath = {});
 
     // Decided afresh on every call, as the user id may change between calls.
@@ -73,7 +67,7 @@ public:
     // The commands that load a written job, for the user to run by hand when loading failed.
     std::vector<std::vector<std::string>> loadCommands(const std::string& uuid, FVJobKind kind) const;
     // Whether the job's files are there, and whether they are enabled as far as the files tell
-    // (systemd: the link in the target's .wants folder; launchd: loaded jobs leave no trace).
+    // (the link in the target's .wants folder).
     bool isJobPresent(const std::string& uuid, FVJobKind kind) const;
     bool isJobEnabled(const std::string& uuid, FVJobKind kind) const;
     // False when jobs are user units of an account that does not linger: systemd then stops
@@ -100,9 +94,6 @@ public:
     static std::optional<std::string> systemdTimerUnit(const std::string& label, const FVJobSchedule& schedule,
                                                        std::string* error);
     static std::optional<std::string> onCalendarExpression(const FVJobSchedule& schedule, std::string* error);
-    static PlistDict launchdJob(const std::string& uuid, const std::string& executable,
-                                const std::string& destination, const FVJobSchedule& schedule,
-                                FVJobKind kind = FVJobKind::Backup);
 
     // The files a job of this kind is written to.
     std::vector<std::string> jobFilePaths(const std::string& uuid, FVJobKind kind) const;
@@ -116,7 +107,6 @@ private:
     bool loadJob(const std::string& uuid, FVJobKind kind, std::string* error);
 
     std::shared_ptr<FVCommandRunner> runner_;
-    FVJobFormat format_;
     std::string jobDirectory_;
     std::string executablePath_;
 };

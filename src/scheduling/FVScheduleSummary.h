@@ -23,7 +23,7 @@ struct FVScheduleSummary {
     std::string lastScheduledRun;
 
     static FVScheduleSummary of(const FVOptions& options, const std::optional<FVJobStatus>& status, std::time_t now);
-    // The next local time at hour:minute on weekday (launchd numbers, 0 and 7 Sunday; -1 any day).
+    // The next local time at hour:minute on weekday (0 and 7 Sunday; -1 any day).
     static std::time_t nextCalendarRun(int64_t hour, int64_t minute, int64_t weekday, std::time_t now);
     static std::string localTimeText(std::time_t at);
 };

@@ -100,7 +100,7 @@ TEST(LaunchAgentManager, WrittenUnitsVerifyAndCarryHostilePathsExactly) {
     // when the decoded path names this very file.
     std::string program = executableAt(dir / "fv prog $HOME %n;50%\xff\xc3\xa9");
     RecordingRunner* runner = new RecordingRunner;
-    FVLaunchAgentManager manager(std::shared_ptr<FVCommandRunner>(runner), FVJobFormat::Systemd, dir / "units",
+    FVLaunchAgentManager manager(std::shared_ptr<FVCommandRunner>(runner), dir / "units",
                                  program);
     std::string error;
     const std::string destination = dir.path() + kHostile;
@@ -148,7 +148,7 @@ TEST(LaunchAgentManager, WrittenUnitsVerifyAndCarryHostilePathsExactly) {
     EXPECT_EQ(checked.err, "");
 
     // A program path that systemd cannot take is refused before anything is written.
-    FVLaunchAgentManager quoted(std::make_shared<RecordingRunner>(), FVJobFormat::Systemd, dir / "other",
+    FVLaunchAgentManager quoted(std::make_shared<RecordingRunner>(), dir / "other",
                                 executableAt(dir / "fv\"prog"));
     EXPECT_FALSE(quoted.writeJob(kUUID, "/dest", {14, 0, -1}, &error));
     EXPECT_FALSE(exists(dir / "other"));
@@ -163,7 +163,7 @@ TEST(LaunchAgentManager, ListCleanAndRemoveTouchOnlyThisProgramsJobs) {
     auto runner = std::make_shared<RecordingRunner>();
     std::string units = dir / "missing/parents/units";
     const std::string other = "11111111-2222-4333-8444-555555555555";
-    FVLaunchAgentManager manager(runner, FVJobFormat::Systemd, units, "/usr/bin/ferrovane");
+    FVLaunchAgentManager manager(runner, units, "/usr/bin/ferrovane");
     ASSERT_TRUE(manager.writeJob(kUUID, "/backups/a", {15, 30, 2}));
     ASSERT_TRUE(manager.writeJob(other, "/backups/b", {1, 0, -1}));
     ASSERT_TRUE(manager.writeVerifyJob(kUUID, "/backups/a"));
@@ -225,7 +225,7 @@ TEST(LaunchAgentManager, ConnectJobWaitsForTheConfigurationAndRunsOncePerMount) 
     const std::string units = dir / "units";
     auto runner = std::make_shared<RecordingRunner>();
     const std::string program = executableAt(dir / "ferrovane");
-    FVLaunchAgentManager manager(runner, FVJobFormat::Systemd, units, program);
+    FVLaunchAgentManager manager(runner, units, program);
     const std::string destination = dir.path() + "/my \"backup\" 'disk'\\50% $HOME\t;\xc3\xa9 ";
     std::string error;
     EXPECT_FALSE(manager.writeConnectJob(kUUID, destination, &error));  // not there: no mount to bind to
