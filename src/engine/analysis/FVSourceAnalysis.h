@@ -6,6 +6,7 @@
 #include "engine/analysis/FVHardLinkGroups.h"
 #include "engine/analysis/FVRunFindings.h"
 #include "engine/analysis/FVSourceExclusions.h"
+#include "engine/analysis/FVSourceListing.h"
 #include "engine/run/FVFileSystemItem.h"
 #include "engine/run/FVRunSettings.h"
 #include "engine/run/FVRunStatus.h"
@@ -18,6 +19,7 @@
 
 namespace ferrovane {
 
+class FVDestinationNames;
 class FVRunRecorder;
 
 class FVSourceAnalysis {
@@ -40,7 +42,16 @@ public:
 
 private:
     void addFixedPatterns(const std::string& sourcePath);
+    struct Walk;
     void walk(const std::string& sourceRoot, const std::string& targetRoot);
+    // A source item that is one file.
+    void walkSingleFile(const Walk& walk, const FVFileSystemItemPtr& root);
+    FVSourceListing::Rules listingRules(const Walk& walk, FVDestinationNames& names) const;
+    // Whether the listing's entry is an item to compare with its mirror; what is not is logged,
+    // reported or recorded here.
+    bool isComparable(const Walk& walk, const FVSourceListing::Entry& entry);
+    // An item against its mirror: what is current is recorded, what is not is handed on.
+    void compare(Walk& walk, const FVSourceListing::Entry& entry);
     bool isExcluded(const std::string& path, const std::string& sourceRoot) const;
     // xattrsIdentical: compares the attributes, or is empty when they are not compared. The entry
     // lies at relativeRoot + relative in the mirror. Logs why a backup is needed.

@@ -54,6 +54,8 @@ void FVSourceListing::deliver(std::vector<Entry>& batch) {
     batch.reserve(kBatchSize);
 }
 
+// Long, and kept as one loop: an entry's kind is the first test in this order that holds, and the
+// state of the folders above it (cache folder, mirrored levels) carries from entry to entry.
 void FVSourceListing::walk() {
     FVDirectoryWalker walker(sourceRoot_);
     std::vector<Entry> batch;
