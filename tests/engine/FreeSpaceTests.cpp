@@ -75,7 +75,6 @@ TEST(SpaceBudget, TheReserveIsTheSettingOrTwoPercentWithinOneGibibyteAndATenth) 
         {true, 0, 5 * GiB, GiB / 2},                // the floor above a tenth: a tenth
         {true, 0, 60 * MB, 6 * MB},                 // a small stick still takes runs
         {true, 0, 999, 99},                         // whole bytes, rounded down
-        {true, 0, 0, 0},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(FVSpaceBudget::reserveFor(reserveOptions(c.keep, c.megabytes), c.volume), c.reserve)

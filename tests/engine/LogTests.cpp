@@ -6,7 +6,6 @@
 #include "engine/run/FVRunError.h"
 #include "engine/run/FVRunLogReader.h"
 #include "engine/run/FVRunStatus.h"
-#include "engine/run/FVStrings.h"
 #include "platform/FVJournalSink.h"
 #include "support/TempDir.h"
 

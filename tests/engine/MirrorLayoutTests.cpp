@@ -76,14 +76,12 @@ TEST(MirrorLayout, RefusesSourceListsWhoseMirrorsCollideOrLandOnReservedNames) {
     };
     const Mode B = Mode::Backup;
     // The common collisions (one last name, nesting, reserved names, paths that are not plain, a
-    // source inside the destination) are the fault suite's layout part, against a model of these
-    // rules; here are the edges it does not reach and names that only a case-insensitive
-    // destination confuses.
+    // source inside the destination, twins and a reserved name in another case on exFAT) are the
+    // fault suite's layout part, against a model of these rules; here are the edges it does not
+    // reach.
     const Case cases[] = {
         {true, {{"/a/Docs", B}, {"/a/Docs", B}}, false, {"/a/Docs"}},
         {false, {{"/ab", B}, {"/a", B}}, false, {}},
-        {true, {{"/", B}}, false, {}},
-        {true, {{"/x/Docs", B}, {"/y/docs", B}}, true, {"/x/Docs", "/y/docs", "case"}},
         {false, {{"/x/A", B}, {"/x/a", B}}, true, {"/x/A", "/x/a"}},
         {true, {{"/a/\xc3\x9c" "ber", B}, {"/b/\xc3\xbc" "ber", B}}, true, {"/a/\xc3\x9c" "ber", "/b/\xc3\xbc" "ber", "case"}},
         {false, {{"/Data", B}, {"/data/b", B}}, true, {"/Data", "/data/b", "case"}},
@@ -92,10 +90,8 @@ TEST(MirrorLayout, RefusesSourceListsWhoseMirrorsCollideOrLandOnReservedNames) {
         {false, {{"/home/__changed", B}}, false, {}},
         {true, {{"/x/__changed2", B}}, false, {}},
         {true, {{"/x/__CHANGED", B}}, false, {}},
-        {true, {{"/x/__CHANGED", B}}, true, {"/x/__CHANGED", "\"__changed\""}},
         {true, {{"", B}}, false, {"\"\""}},
         {true, {{"/a/./Docs", B}}, false, {"/a/./Docs"}},
-        {true, {{"/a/Docs", B}, {"/a/x/../Docs", Mode::Disabled}}, false, {}},
         {true, {{"/backup", B}}, false, {"/backup"}},
         {true, {{"/backupOld", B}}, false, {}},
     };

@@ -1,6 +1,7 @@
 // Thinning a destination's runs by the retention policy, on a destination whose runs are laid out
 // as real runs leave them: a mirror, archive folders and records. A kept point in time keeps every
-// version it needs; the rest goes, records first; a dry run only lists it.
+// version it needs; the rest goes, records first. What a preview names and leaves is the fault
+// suite's retention part.
 
 #include "engine/archive/FVArchivedRuns.h"
 #include "engine/archive/FVRunThinning.h"
@@ -78,23 +79,17 @@ TEST(RunThinning, KeptPointsInTimeKeepTheirVersionsAndTheRestGoesRecordsFirst) {
     settings.options.retentionDailyWeeks = 1;
     settings.options.retentionWeeklyMonths = 0;
     settings.options.retentionMonthlyYears = 1;
-    settings.dryRun = true;
     settings.archiveFolderName = FVDate::archiveStamp(localTime(0, 3));
     const FVDestinationTree tree(dest);
-    std::vector<std::string> planned;
     FVLog::currentLog().newLog();
-    FVRunStatus dryStatus(false, {});
-    dryStatus.setPlannedChangeListener([&](const std::string& line) { planned.push_back(line); });
-    FVRunThinning(settings, tree, dryStatus).run();
-    const std::vector<std::string> expected = {
-        "Would purge: " + dest + "/__runs/" + s2 + ".fvmanifest",
-        "Would purge: " + dest + "/__changed/" + s3 + "/src/a",
-        "Would purge: " + dest + "/__removed/" + s3 + "/src/dir/y",
-        "Would purge: " + dest + "/__changed/" + old,
-    };
-    EXPECT_EQ(planned, expected);
-    EXPECT_TRUE(exists(dest + "/__runs/" + s2 + ".fvmanifest"));
-
+    // The preview's order is the run's: the record of a run goes before the versions it needed.
+    settings.dryRun = true;
+    std::vector<std::string> planned;
+    FVRunStatus preview(false, {});
+    preview.setPlannedChangeListener([&](const std::string& line) { planned.push_back(line); });
+    FVRunThinning(settings, tree, preview).run();
+    ASSERT_EQ(planned.size(), 4u);
+    EXPECT_EQ(planned[0], "Would purge: " + dest + "/__runs/" + s2 + ".fvmanifest");
     settings.dryRun = false;
     FVRunStatus status(false, {});
     FVRunThinning(settings, tree, status).run();
@@ -113,8 +108,5 @@ TEST(RunThinning, KeptPointsInTimeKeepTheirVersionsAndTheRestGoesRecordsFirst) {
     EXPECT_EQ(readFile(dest + "/__changed/" + s4 + "/src/a"), "a3 longer still");
     EXPECT_EQ(readFile(dest + "/__changed/" + l2 + "/src/p"), "p2");
     EXPECT_EQ(treeDigest(dest + "/src"), mirror);
-    const std::string log = readFile(dir / "Ferrovane.log");
-    EXPECT_NE(log.find("Removed the record of run " + s2 + " (retention)"), std::string::npos) << log;
-    EXPECT_NE(log.find("Retention: removed 1 run record and 5 archived items ("), std::string::npos) << log;
     unsetenv("FERROVANE_LOG_FILE");
 }
