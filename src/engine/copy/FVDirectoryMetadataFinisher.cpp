@@ -1,7 +1,6 @@
 #include "engine/copy/FVDirectoryMetadataFinisher.h"
 
 #include "engine/copy/FVCopyContext.h"
-#include "engine/copy/FVCopyThreadState.h"
 #include "engine/run/FVRunError.h"
 #include "fs/FVFileStatus.h"
 #include "fs/FVInodeFlags.h"
